@@ -1,0 +1,84 @@
+#include "canmsg.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QtEndian>
+
+#include <unistd.h>
+
+namespace qorcalib {
+
+CanFrame CanFrame::make(quint16 id, std::initializer_list<quint8> bytes)
+{
+    CanFrame frame;
+    frame.id = id;
+    for (quint8 b : bytes) {
+        if (frame.len == 8)
+            break;
+        frame.data[frame.len++] = b;
+    }
+    return frame;
+}
+
+bool CanFrame::operator==(const CanFrame& other) const
+{
+    if (id != other.id || len != other.len || remote != other.remote)
+        return false;
+    for (int i = 0; i < len && i < 8; ++i)
+        if (data[i] != other.data[i])
+            return false;
+    return true;
+}
+
+void appendRecord(QByteArray& records, const CanFrame& frame)
+{
+    char record[kRecordSize] = {};
+    qToLittleEndian<qint16>(qint16(frame.id), record);
+    qToLittleEndian<qint16>(qint16(frame.len), record + 2);
+    for (int i = 0; i < frame.len && i < 8; ++i)
+        record[4 + i] = char(frame.data[i]);
+    qToLittleEndian<quint32>(frame.timeUs, record + 12);
+    records.append(record, kRecordSize);
+}
+
+CanFrame recordAt(const QByteArray& records, int index)
+{
+    CanFrame frame;
+    if (index < 0 || index >= recordCount(records))
+        return frame;
+    const char* record = records.constData() + qsizetype(index) * kRecordSize;
+    frame.id = quint16(qFromLittleEndian<qint16>(record));
+    frame.len = quint8(qBound<qint16>(qint16(0), qFromLittleEndian<qint16>(record + 2), qint16(8)));
+    for (int i = 0; i < 8; ++i)
+        frame.data[i] = quint8(record[4 + i]);
+    frame.timeUs = qFromLittleEndian<quint32>(record + 12);
+    return frame;
+}
+
+int bitRateOfIndex(int index)
+{
+    static constexpr int rates[kBitRateCount] = {1000000, 800000, 500000, 250000, 125000,
+                                                 100000,  50000,  25000,  10000};
+    return index >= 0 && index < kBitRateCount ? rates[index] : -1;
+}
+
+QString bitRateText(int index)
+{
+    const int rate = bitRateOfIndex(index);
+    return rate < 0 ? QString() : QString::number(rate / 1000) + QLatin1Char('K');
+}
+
+QString defaultLocalSocketPath()
+{
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (!runtime.isEmpty() && QFileInfo(runtime).isDir())
+        return runtime + QStringLiteral("/qorcalib");
+    // A folder of our own, so that another user of the machine cannot reach the socket.
+    const QString folder =
+        QDir::tempPath() + QStringLiteral("/qorcalib-%1").arg(quint64(::getuid()));
+    QDir().mkpath(folder);
+    QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    return folder + QStringLiteral("/qorcalib");
+}
+
+} // namespace qorcalib

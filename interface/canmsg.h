@@ -1,0 +1,48 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QtGlobal>
+
+#include <array>
+
+namespace qorcalib {
+
+// A CAN frame inside the server and in the frame records exchanged with clients.
+struct CanFrame
+{
+    quint16 id = 0; // 11-bit COB-ID
+    quint8 len = 0; // 0..8
+    bool remote = false;
+    std::array<quint8, 8> data{};
+    quint32 timeUs = 0; // receive time stamp, microseconds since the server started, wrapping
+
+    static CanFrame make(quint16 id, std::initializer_list<quint8> bytes);
+    bool operator==(const CanFrame& other) const;
+};
+
+// The 16-byte record of FilteredRxCan, little-endian, no padding:
+//   bytes 0-1  Id   int16
+//   bytes 2-3  Len  int16
+//   bytes 4-11 Data 8 bytes (bytes past Len are zero)
+//   bytes 12-15 Time uint32
+constexpr int kRecordSize = 16;
+void appendRecord(QByteArray& records, const CanFrame& frame);
+CanFrame recordAt(const QByteArray& records, int index);
+inline int recordCount(const QByteArray& records) { return int(records.size() / kRecordSize); }
+
+// Bit-rate list indices as the controller panel lists them; -1 for an index out of range.
+constexpr int kBitRateCount = 9;
+int bitRateOfIndex(int index);
+QString bitRateText(int index);
+
+// Connection greeting: on a new connection the server writes "<kGreeting> <session>\n"; the
+// client answers "<kAttach>\n" and from then on the connection carries Qt Remote Objects.
+inline constexpr char kGreeting[] = "QORCALIB/1";
+inline constexpr char kAttach[] = "ATTACH";
+constexpr quint16 kDefaultTcpPort = 17420;
+
+// "$XDG_RUNTIME_DIR/qorcalib", else "qorcalib" in a private folder under the temporary folder.
+QString defaultLocalSocketPath();
+
+} // namespace qorcalib

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <QObject>
+#include <QRandomGenerator>
+#include <QVector>
+
+#include <optional>
+
+namespace qorcalib {
+
+// The simulated test bench: programmable main and brake supplies, the fixture board's digital
+// outputs and inputs, and analog channels that follow the supplies with a little noise.
+//
+// Kind 1 is an assembly bench (type 3 by default), any other kind a PCB bench (type 33, 34, ...).
+// The drives get power while the main supply is on at 18 V or more and the bench's power relay
+// output is closed (output 5 on assembly benches and PCB benches of type 33, else output 9).
+class SimBench : public QObject
+{
+    Q_OBJECT
+public:
+    struct Identity
+    {
+        int kind = 1;
+        int type = 3;
+    };
+    // "asm:3", "pcb:33", "pcb:34", or "KIND:TYPE" in numbers.
+    static std::optional<Identity> parseIdentity(const QString& text);
+
+    static constexpr int kOutputCount = 32;
+    static constexpr int kInputCount = 16;
+    static constexpr double kMinimumDriveVoltage = 18.0;
+
+    explicit SimBench(Identity identity, QObject* parent = nullptr);
+
+    Identity identity() const { return m_identity; }
+    // Third value of GetBenchInfo: the bench board's firmware version.
+    int boardVersion() const { return 0x0203; }
+    int analogChannelCount() const;
+    bool drivesPowered() const;
+
+    bool command(int command, int argument, int* status, QString* error);
+    bool setParameter(int parameter, double value, QString* error);
+    int testState() const { return m_testState; }
+    void setTestState(int state) { m_testState = state; }
+
+    void initIo() { m_ioInitialised = true; }
+    void acquire();
+    void arm() { m_armed = true; }
+    bool readAnalog(int channel, double* value, QString* error);
+    bool readInput(int channel, bool* state, QString* error) const;
+    bool setOutput(int channel, bool state, QString* error);
+    bool output(int channel) const;
+
+    bool mainSupplyOn() const { return m_mainOn; }
+    double mainVoltage() const { return m_mainVoltage; }
+
+signals:
+    void drivePowerChanged(bool powered);
+
+private:
+    int powerRelayOutput() const;
+    double idealAnalog(int channel) const;
+    void updatePower();
+
+    Identity m_identity;
+    bool m_mainOn = true;
+    double m_mainVoltage = 48.0;
+    double m_currentLimit = 5.0;
+    bool m_brakeOn = false;
+    double m_brakeVoltage = 24.0;
+    QVector<bool> m_outputs;
+    QVector<double> m_latched; // assembly benches read what the last Acquire latched
+    bool m_ioInitialised = false;
+    bool m_armed = false;
+    bool m_powered = false;
+    int m_testState = 0;
+    QRandomGenerator m_noise{0x5eed};
+};
+
+} // namespace qorcalib

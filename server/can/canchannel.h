@@ -1,0 +1,52 @@
+#pragma once
+
+#include "canmsg.h"
+
+#include <QObject>
+#include <QVector>
+
+namespace qorcalib {
+
+// Who put a frame on the bus: 0 for another node, otherwise a session's tag. Frames of a
+// session's protocol service (SDO, LSS) carry its tag with kServiceOrigin added, so that
+// other sessions can leave them out of their filtered stream.
+using FrameOrigin = quint64;
+constexpr FrameOrigin kServiceOrigin = FrameOrigin(1) << 62;
+inline FrameOrigin sessionOfOrigin(FrameOrigin origin) { return origin & ~kServiceOrigin; }
+
+struct BusFrame
+{
+    CanFrame frame;
+    FrameOrigin origin = 0;
+};
+
+// Status bits as GetStatus reports them.
+enum ControllerStatus : quint32 {
+    StatusTransmitPending = 1,
+    StatusOverrun = 2,
+    StatusErrorWarning = 4,
+    StatusBusOff = 8,
+};
+
+// One CAN controller of the server. Received frames, and the controller's own frames once they
+// are on the bus, come out of framesReceived in batches, in bus order.
+class CanChannel : public QObject
+{
+    Q_OBJECT
+public:
+    using QObject::QObject;
+
+    virtual QString name() const = 0;
+    virtual bool start(QString* error) = 0;
+    virtual void stop() = 0;
+    virtual bool isRunning() const = 0;
+    virtual bool setBitRateIndex(int index, QString* error) = 0;
+    virtual int bitRateIndex() const = 0;
+    virtual bool transmit(const CanFrame& frame, FrameOrigin origin, QString* error) = 0;
+    virtual quint32 status() const = 0;
+
+signals:
+    void framesReceived(const QVector<qorcalib::BusFrame>& frames);
+};
+
+} // namespace qorcalib

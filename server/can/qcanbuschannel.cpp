@@ -1,0 +1,216 @@
+#include "qcanbuschannel.h"
+
+#include "serverclock.h"
+
+#include <QCanBus>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QTimer>
+#include <QVariant>
+
+namespace qorcalib {
+
+namespace {
+constexpr int kConnectTimeoutMs = 3000;
+}
+
+std::unique_ptr<QCanBusChannel> QCanBusChannel::open(const QString& spec, QString* error)
+{
+    const qsizetype colon = spec.indexOf(QLatin1Char(':'));
+    if (colon <= 0 || colon == spec.size() - 1) {
+        *error = QStringLiteral("CAN channel '%1' is not of the form PLUGIN:INTERFACE").arg(spec);
+        return nullptr;
+    }
+    const QString plugin = spec.left(colon);
+    const QString interface = spec.mid(colon + 1);
+    const QStringList plugins = QCanBus::instance()->plugins();
+    if (!plugins.contains(plugin)) {
+        *error = QStringLiteral("CAN plugin '%1' does not exist (available: %2)")
+                     .arg(plugin, plugins.join(QStringLiteral(", ")));
+        return nullptr;
+    }
+    QString createError;
+    std::unique_ptr<QCanBusDevice> device(
+        QCanBus::instance()->createDevice(plugin, interface, &createError));
+    if (!device) {
+        *error = QStringLiteral("CAN interface '%1' of plugin '%2' cannot be created: %3")
+                     .arg(interface, plugin, createError);
+        return nullptr;
+    }
+    std::unique_ptr<QCanBusChannel> channel(
+        new QCanBusChannel(plugin, interface, std::move(device)));
+    // Open it once now, so that a wrong name stops the server at start-up with a clear message
+    // instead of failing later in a client.
+    QString connectError;
+    if (!channel->connectAndWait(&connectError)) {
+        *error = QStringLiteral("CAN interface '%1' of plugin '%2' cannot be opened: %3")
+                     .arg(interface, plugin, connectError);
+        return nullptr;
+    }
+    channel->stop();
+    return channel;
+}
+
+QCanBusChannel::QCanBusChannel(QString plugin, QString interface,
+                               std::unique_ptr<QCanBusDevice> device)
+    : m_plugin(std::move(plugin)), m_interface(std::move(interface)), m_device(std::move(device))
+{
+    connect(m_device.get(), &QCanBusDevice::framesReceived, this, &QCanBusChannel::readFrames);
+    connect(m_device.get(), &QCanBusDevice::framesWritten, this, &QCanBusChannel::framesWritten);
+    connect(m_device.get(), &QCanBusDevice::errorOccurred, this,
+            [this](QCanBusDevice::CanBusError e) {
+                if (e == QCanBusDevice::ReadError)
+                    m_overrun = true;
+            });
+}
+
+QCanBusChannel::~QCanBusChannel()
+{
+    if (m_device && m_device->state() != QCanBusDevice::UnconnectedState)
+        m_device->disconnectDevice();
+}
+
+bool QCanBusChannel::connectAndWait(QString* error)
+{
+    if (m_device->state() == QCanBusDevice::ConnectedState)
+        return true;
+    if (!m_device->connectDevice()) {
+        *error = m_device->errorString();
+        return false;
+    }
+    if (m_device->state() == QCanBusDevice::ConnectingState) {
+        QEventLoop loop;
+        QTimer::singleShot(kConnectTimeoutMs, &loop, &QEventLoop::quit);
+        connect(m_device.get(), &QCanBusDevice::stateChanged, &loop, [&loop](auto state) {
+            if (state != QCanBusDevice::ConnectingState)
+                loop.quit();
+        });
+        loop.exec();
+    }
+    if (m_device->state() != QCanBusDevice::ConnectedState) {
+        *error = m_device->errorString().isEmpty() ? QStringLiteral("no answer from the interface")
+                                                   : m_device->errorString();
+        if (m_device->state() != QCanBusDevice::UnconnectedState)
+            m_device->disconnectDevice();
+        return false;
+    }
+    return true;
+}
+
+bool QCanBusChannel::start(QString* error)
+{
+    m_overrun = false;
+    m_written.clear();
+    return connectAndWait(error);
+}
+
+void QCanBusChannel::stop()
+{
+    if (m_device->state() != QCanBusDevice::UnconnectedState)
+        m_device->disconnectDevice();
+    m_written.clear();
+}
+
+bool QCanBusChannel::isRunning() const
+{
+    return m_device->state() == QCanBusDevice::ConnectedState;
+}
+
+bool QCanBusChannel::setBitRateIndex(int index, QString* error)
+{
+    const int rate = bitRateOfIndex(index);
+    if (rate < 0) {
+        *error = QStringLiteral("bit-rate index %1 out of range (0..%2)")
+                     .arg(index)
+                     .arg(kBitRateCount - 1);
+        return false;
+    }
+    // Plugins take the bit rate when the device connects; a running controller gets it at its
+    // next restart.
+    m_device->setConfigurationParameter(QCanBusDevice::BitRateKey, QVariant(rate));
+    m_bitRateIndex = index;
+    return true;
+}
+
+bool QCanBusChannel::transmit(const CanFrame& frame, FrameOrigin origin, QString* error)
+{
+    if (!isRunning()) {
+        *error = QStringLiteral("controller %1 is not started").arg(name());
+        return false;
+    }
+    QCanBusFrame out(frame.id, QByteArray(reinterpret_cast<const char*>(frame.data.data()),
+                                          frame.remote ? 0 : frame.len));
+    if (frame.remote) {
+        out.setFrameType(QCanBusFrame::RemoteRequestFrame);
+        out.setPayload(QByteArray(frame.len, '\0'));
+    }
+    if (!m_device->writeFrame(out)) {
+        *error = m_device->errorString();
+        return false;
+    }
+    m_written.enqueue(BusFrame{frame, origin});
+    return true;
+}
+
+quint32 QCanBusChannel::status() const
+{
+    if (!isRunning())
+        return 0;
+    quint32 bits = 0;
+    if (m_device->framesToWrite() > 0)
+        bits |= StatusTransmitPending;
+    if (m_overrun)
+        bits |= StatusOverrun;
+    if (m_device->hasBusStatus()) {
+        switch (m_device->busStatus()) {
+        case QCanBusDevice::CanBusStatus::Warning:
+        case QCanBusDevice::CanBusStatus::Error:
+            bits |= StatusErrorWarning;
+            break;
+        case QCanBusDevice::CanBusStatus::BusOff:
+            bits |= StatusBusOff;
+            break;
+        default:
+            break;
+        }
+    }
+    return bits;
+}
+
+void QCanBusChannel::readFrames()
+{
+    QVector<BusFrame> batch;
+    const auto frames = m_device->readAllFrames();
+    batch.reserve(frames.size());
+    const quint32 now = quint32(quint64(serverTimeUs()));
+    for (const QCanBusFrame& in : frames) {
+        if (!in.isValid() || in.frameType() == QCanBusFrame::ErrorFrame || in.hasExtendedFrameFormat())
+            continue;
+        BusFrame f;
+        f.frame.id = quint16(in.frameId() & 0x7FF);
+        f.frame.remote = in.frameType() == QCanBusFrame::RemoteRequestFrame;
+        const QByteArray payload = in.payload();
+        f.frame.len = quint8(qMin<qsizetype>(payload.size(), 8));
+        for (int i = 0; i < f.frame.len; ++i)
+            f.frame.data[i] = quint8(payload[i]);
+        f.frame.timeUs = now;
+        batch.append(f);
+    }
+    if (!batch.isEmpty())
+        emit framesReceived(batch);
+}
+
+void QCanBusChannel::framesWritten(qint64 count)
+{
+    QVector<BusFrame> batch;
+    const quint32 now = quint32(quint64(serverTimeUs()));
+    for (qint64 i = 0; i < count && !m_written.isEmpty(); ++i) {
+        BusFrame f = m_written.dequeue();
+        f.frame.timeUs = now;
+        batch.append(f);
+    }
+    if (!batch.isEmpty())
+        emit framesReceived(batch);
+}
+
+} // namespace qorcalib

@@ -1,0 +1,141 @@
+#include "servercore.h"
+
+#include "objectdictionary.h"
+#include "qcanbuschannel.h"
+#include "simdrive.h"
+#include "simulatedchannel.h"
+#include "simulatedsegment.h"
+
+namespace qorcalib {
+
+namespace {
+// The simulated world: the first simulated segment has the drive with node-ID 1 at 1000K, the
+// second a drive whose node-ID is not configured yet, at 250K (waiting for LSS).
+struct SimulatedNode
+{
+    quint8 nodeId;
+    int bitRateIndex;
+};
+constexpr SimulatedNode kSimulatedNodes[] = {{1, 0}, {NmtSlave::kUnconfigured, 3}};
+} // namespace
+
+std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* error)
+{
+    std::unique_ptr<ServerCore> core(new ServerCore);
+    core->m_bench = std::make_unique<SimBench>(config.bench);
+    int simulated = 0;
+    for (const QString& spec : config.channels) {
+        const int index = int(core->m_channels.size());
+        if (spec == QLatin1String("sim")) {
+            auto* segment = new SimulatedSegment(core.get());
+            segment->setPaced(config.paced);
+            const bool withNode = simulated < int(std::size(kSimulatedNodes));
+            const int rate = withNode ? kSimulatedNodes[simulated].bitRateIndex : 0;
+            core->m_channels.push_back(std::make_unique<SimulatedChannel>(segment, index, rate));
+            core->m_segments.push_back(segment);
+            if (withNode) {
+                const quint8 nodeId = kSimulatedNodes[simulated].nodeId;
+                auto dictionary = ObjectDictionary::fromEds(
+                    config.edsPath, nodeId == NmtSlave::kUnconfigured ? 0 : nodeId, error);
+                if (!dictionary)
+                    return nullptr;
+                auto* drive = new SimDrive(segment, std::move(*dictionary), nodeId, rate, core.get());
+                core->m_drives.push_back(drive);
+            }
+            ++simulated;
+        } else {
+            auto channel = QCanBusChannel::open(spec, error);
+            if (!channel)
+                return nullptr;
+            core->m_channels.push_back(std::move(channel));
+            core->m_segments.push_back(nullptr);
+        }
+    }
+    if (core->m_channels.empty()) {
+        *error = QStringLiteral("no CAN controller configured");
+        return nullptr;
+    }
+    ServerCore* raw = core.get();
+    connect(core->m_bench.get(), &SimBench::drivePowerChanged, raw, [raw](bool powered) {
+        for (SimDrive* drive : raw->m_drives)
+            drive->setPowered(powered);
+    });
+    for (SimDrive* drive : core->m_drives)
+        drive->setPowered(core->m_bench->drivesPowered());
+    return core;
+}
+
+ServerCore::~ServerCore()
+{
+    // Drives and segments are children; channels detach from their segments first.
+    m_channels.clear();
+}
+
+CanChannel* ServerCore::channel(int controller) const
+{
+    return controller >= 0 && controller < controllerCount() ? m_channels[controller].get()
+                                                             : nullptr;
+}
+
+SimulatedSegment* ServerCore::segment(int controller) const
+{
+    return controller >= 0 && controller < controllerCount() ? m_segments[controller] : nullptr;
+}
+
+QString ServerCore::checkController(int controller) const
+{
+    if (channel(controller))
+        return {};
+    return QStringLiteral("controller index %1 out of range (0..%2)")
+        .arg(controller)
+        .arg(controllerCount() - 1);
+}
+
+bool ServerCore::startController(int controller, QString* error)
+{
+    if (!(*error = checkController(controller)).isEmpty())
+        return false;
+    CanChannel* c = channel(controller);
+    if (!c->isRunning() && !c->start(error))
+        return false;
+    announce(controller);
+    return true;
+}
+
+bool ServerCore::restartController(int controller, QString* error)
+{
+    if (!(*error = checkController(controller)).isEmpty())
+        return false;
+    CanChannel* c = channel(controller);
+    c->stop();
+    const bool ok = c->start(error);
+    announce(controller);
+    return ok;
+}
+
+bool ServerCore::stopController(int controller, QString* error)
+{
+    if (!(*error = checkController(controller)).isEmpty())
+        return false;
+    channel(controller)->stop();
+    announce(controller);
+    return true;
+}
+
+bool ServerCore::setBitRate(int controller, int bitRateIndex, QString* error)
+{
+    if (!(*error = checkController(controller)).isEmpty())
+        return false;
+    if (!channel(controller)->setBitRateIndex(bitRateIndex, error))
+        return false;
+    announce(controller);
+    return true;
+}
+
+void ServerCore::announce(int controller)
+{
+    CanChannel* c = channel(controller);
+    emit configChanged(controller, c->isRunning(), c->bitRateIndex());
+}
+
+} // namespace qorcalib

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "canchannel.h"
+#include "simbench.h"
+
+#include <QObject>
+#include <QStringList>
+
+#include <memory>
+#include <vector>
+
+namespace qorcalib {
+
+class SimulatedSegment;
+class SimDrive;
+
+// Everything the server owns that outlives a client: the controllers, the simulated segments
+// with their drives, and the bench. Controller configuration changes go through here so that
+// every session hears of them.
+class ServerCore : public QObject
+{
+    Q_OBJECT
+public:
+    struct Config
+    {
+        // One entry per controller: "sim" for a simulated segment, or "PLUGIN:INTERFACE".
+        QStringList channels{QStringLiteral("sim"), QStringLiteral("sim")};
+        SimBench::Identity bench;
+        bool paced = true;
+        QString edsPath; // the simulated drive's EDS
+    };
+
+    static std::unique_ptr<ServerCore> create(const Config& config, QString* error);
+    ~ServerCore() override;
+
+    int controllerCount() const { return int(m_channels.size()); }
+    CanChannel* channel(int controller) const;
+    // Empty when the index is valid, else the error description.
+    QString checkController(int controller) const;
+    SimBench* bench() const { return m_bench.get(); }
+    const std::vector<SimDrive*>& drives() const { return m_drives; }
+    SimulatedSegment* segment(int controller) const;
+
+    bool startController(int controller, QString* error);
+    bool restartController(int controller, QString* error);
+    bool stopController(int controller, QString* error);
+    bool setBitRate(int controller, int bitRateIndex, QString* error);
+
+    bool shutdownRequested() const { return m_shutdownRequested; }
+    void requestShutdown() { m_shutdownRequested = true; }
+
+signals:
+    void configChanged(int controller, bool enabled, int bitRateIndex);
+    void showWindowRequested();
+
+private:
+    ServerCore() = default;
+    void announce(int controller);
+
+    std::vector<std::unique_ptr<CanChannel>> m_channels;
+    std::vector<SimulatedSegment*> m_segments; // per controller; null for real channels
+    std::vector<SimDrive*> m_drives;
+    std::unique_ptr<SimBench> m_bench;
+    bool m_shutdownRequested = false;
+};
+
+} // namespace qorcalib

@@ -1,0 +1,419 @@
+#include "session.h"
+
+#include "rep_qorcalib_source.h"
+#include "serverhost.h"
+#include "servercore.h"
+
+#include <QIODevice>
+#include <QRemoteObjectHost>
+
+namespace qorcalib {
+
+namespace {
+
+const QString kNotSupported = QStringLiteral("not supported by this server");
+
+CanMsg toCanMsg(const CanFrame& frame)
+{
+    return CanMsg(frame.id, frame.len,
+                  QByteArray(reinterpret_cast<const char*>(frame.data.data()), frame.len));
+}
+
+// Checks a frame record from a client; empty when it can be sent.
+QString frameFromMsg(const CanMsg& msg, bool remote, CanFrame* frame)
+{
+    if (msg.Id() < 0 || msg.Id() > 0x7FF)
+        return QStringLiteral("COB-ID 0x%1 out of range (0..0x7FF)")
+            .arg(QString::number(msg.Id(), 16).toUpper());
+    if (msg.Len() < 0 || msg.Len() > 8)
+        return QStringLiteral("frame length %1 out of range (0..8)").arg(msg.Len());
+    frame->id = quint16(msg.Id());
+    frame->len = quint8(msg.Len());
+    frame->remote = remote;
+    // The record always carries 8 data bytes; bytes the client left out are zero.
+    if (!remote)
+        for (int i = 0; i < frame->len && i < msg.Data().size(); ++i)
+            frame->data[i] = quint8(msg.Data()[i]);
+    return {};
+}
+
+class CanConnector : public QCSCanConnectorSource
+{
+public:
+    explicit CanConnector(Session* s) : m_s(s) {}
+    ObjectReply GetService(QString selector) override
+    {
+        if (!selector.isEmpty() && selector.compare(QLatin1String("CANopen"), Qt::CaseInsensitive))
+            return ObjectReply({}, QStringLiteral("unknown service '%1' (this server offers "
+                                                  "\"CANopen\")")
+                                       .arg(selector));
+        return ObjectReply(m_s->objectName("QCSService"), {});
+    }
+    ObjectReply GetBus(QString) override { return ObjectReply(m_s->objectName("QCSBus"), {}); }
+
+private:
+    Session* m_s;
+};
+
+class Bus : public QCSBusSource
+{
+public:
+    explicit Bus(Session* s) : m_s(s) {}
+    Reply StartController(int controller) override
+    {
+        QString error;
+        m_s->core()->startController(controller, &error);
+        return Reply(error);
+    }
+    Reply RestartController(int controller) override
+    {
+        QString error;
+        m_s->core()->restartController(controller, &error);
+        return Reply(error);
+    }
+    Reply StopController(int controller) override
+    {
+        QString error;
+        m_s->core()->stopController(controller, &error);
+        return Reply(error);
+    }
+    Reply Advise() override
+    {
+        m_s->attached = true;
+        return Reply();
+    }
+    Reply Unadvise() override
+    {
+        m_s->attached = false;
+        return Reply();
+    }
+    Reply setallrxflag(int flag) override
+    {
+        if (flag == -1)
+            m_s->receiveAll = true;
+        else if (flag == 32767)
+            m_s->receiveAll = false;
+        else
+            return Reply(QStringLiteral("receive-all flag %1 not understood (-1 or 32767)").arg(flag));
+        return Reply();
+    }
+    Reply Send(int controller, CanMsg msg, int) override { return send(controller, msg, false); }
+    Reply SendRemote(int controller, CanMsg msg) override { return send(controller, msg, true); }
+    IntReply GetStatus(int controller) override
+    {
+        const QString error = m_s->core()->checkController(controller);
+        if (!error.isEmpty())
+            return IntReply(0, error);
+        return IntReply(int(m_s->core()->channel(controller)->status() |
+                            m_s->takeOverrun(controller)),
+                        {});
+    }
+    IntReply GetBitRate(int controller) override
+    {
+        const QString error = m_s->core()->checkController(controller);
+        if (!error.isEmpty())
+            return IntReply(0, error);
+        return IntReply(m_s->core()->channel(controller)->bitRateIndex(), {});
+    }
+    Reply SetBitRate(int controller, int bitRateIndex) override
+    {
+        QString error;
+        m_s->core()->setBitRate(controller, bitRateIndex, &error);
+        return Reply(error);
+    }
+    IntReply GetControllerCount() override { return IntReply(m_s->core()->controllerCount(), {}); }
+    Reply SetSdoTimeout(int milliseconds) override;
+    Reply SetTxNotify(bool on) override
+    {
+        m_s->txNotify = on;
+        return Reply();
+    }
+
+private:
+    Reply send(int controller, const CanMsg& msg, bool remote)
+    {
+        QString error = m_s->core()->checkController(controller);
+        if (!error.isEmpty())
+            return Reply(error);
+        CanFrame frame;
+        error = frameFromMsg(msg, remote, &frame);
+        if (!error.isEmpty())
+            return Reply(error);
+        m_s->core()->channel(controller)->transmit(frame, m_s->id(), &error);
+        return Reply(error);
+    }
+    Session* m_s;
+};
+
+QString setSdoTimeout(Session* s, int milliseconds)
+{
+    if (milliseconds < 1 || milliseconds > 65535)
+        return QStringLiteral("SDO time-out %1 ms out of range (1..65535)").arg(milliseconds);
+    s->sdoTimeoutMs = milliseconds;
+    return {};
+}
+
+Reply Bus::SetSdoTimeout(int milliseconds)
+{
+    return Reply(setSdoTimeout(m_s, milliseconds));
+}
+
+class Notify : public QCSNotifySource
+{
+public:
+    using QCSNotifySource::QCSNotifySource;
+};
+
+class Service : public QCSServiceSource
+{
+public:
+    explicit Service(Session* s) : m_s(s) {}
+    Reply Start(int) override
+    {
+        m_s->serviceStarted = true;
+        return Reply();
+    }
+    IntReply GetSdoTimeOut() override { return IntReply(m_s->sdoTimeoutMs, {}); }
+    Reply SetSdoTimeout(int milliseconds) override { return Reply(setSdoTimeout(m_s, milliseconds)); }
+    RequestReply SdoDownload(int, int, int, int, QByteArray) override
+    {
+        return RequestReply(0, kNotSupported);
+    }
+    RequestReply SdoUpload(int, int, int, int) override { return RequestReply(0, kNotSupported); }
+    RequestReply StopOnBoot(int, int, int) override { return RequestReply(0, kNotSupported); }
+    RequestReply LssInquire(int) override { return RequestReply(0, kNotSupported); }
+    RequestReply LssConfigure(int, int, int) override { return RequestReply(0, kNotSupported); }
+
+private:
+    Session* m_s;
+};
+
+class TestConnector : public QCSTestConnectorSource
+{
+public:
+    explicit TestConnector(Session* s) : m_s(s) {}
+    ObjectReply GetBenchBoard() override { return ObjectReply(m_s->objectName("QCSBenchBoard"), {}); }
+    ObjectReply GetBenchIo() override { return ObjectReply(m_s->objectName("QCSBenchIo"), {}); }
+    ObjectReply GetServerWindow() override
+    {
+        return ObjectReply(m_s->objectName("QCSServerWindow"), {});
+    }
+    IntReply GetShutdownRequest() override
+    {
+        return IntReply(m_s->core()->shutdownRequested() ? -1 : 0, {});
+    }
+
+private:
+    Session* m_s;
+};
+
+class BenchBoard : public QCSBenchBoardSource
+{
+public:
+    explicit BenchBoard(Session* s) : m_s(s) {}
+    IntReply BoardCommand(int command, int argument) override
+    {
+        int status = 0;
+        QString error;
+        m_s->core()->bench()->command(command, argument, &status, &error);
+        return IntReply(status, error);
+    }
+    Reply SetBoardParam(int parameter, double value) override
+    {
+        QString error;
+        m_s->core()->bench()->setParameter(parameter, value, &error);
+        return Reply(error);
+    }
+    BenchInfoReply GetBenchInfo() override
+    {
+        const SimBench* bench = m_s->core()->bench();
+        return BenchInfoReply(bench->identity().kind, bench->identity().type,
+                              bench->boardVersion(), {});
+    }
+    RequestReply LoadSerialImage(QByteArray) override { return RequestReply(0, kNotSupported); }
+    IntReply GetTestState() override { return IntReply(m_s->core()->bench()->testState(), {}); }
+
+private:
+    Session* m_s;
+};
+
+class BenchIo : public QCSBenchIoSource
+{
+public:
+    explicit BenchIo(Session* s) : m_s(s) {}
+    Reply InitIo() override
+    {
+        m_s->core()->bench()->initIo();
+        return Reply();
+    }
+    Reply Acquire() override
+    {
+        m_s->core()->bench()->acquire();
+        return Reply();
+    }
+    Reply Arm() override
+    {
+        m_s->core()->bench()->arm();
+        return Reply();
+    }
+    DoubleReply ReadAnalog(int channel) override
+    {
+        double value = 0.0;
+        QString error;
+        m_s->core()->bench()->readAnalog(channel, &value, &error);
+        return DoubleReply(value, error);
+    }
+    BoolReply ReadInput(int channel) override
+    {
+        bool state = false;
+        QString error;
+        m_s->core()->bench()->readInput(channel, &state, &error);
+        return BoolReply(state, error);
+    }
+    Reply SetOutput(int channel, bool state) override
+    {
+        QString error;
+        m_s->core()->bench()->setOutput(channel, state, &error);
+        return Reply(error);
+    }
+
+private:
+    Session* m_s;
+};
+
+class ServerWindow : public QCSServerWindowSource
+{
+public:
+    explicit ServerWindow(Session* s) : m_s(s) {}
+    Reply Show() override
+    {
+        emit m_s->core()->showWindowRequested();
+        return Reply();
+    }
+    TextListReply Sessions() override { return TextListReply(m_s->host()->sessionDescriptions(), {}); }
+
+private:
+    Session* m_s;
+};
+
+} // namespace
+
+struct Session::Objects
+{
+    explicit Objects(Session* s)
+        : connector(s), bus(s), service(s), test(s), board(s), io(s), window(s)
+    {
+    }
+    CanConnector connector;
+    Bus bus;
+    Notify notify;
+    Service service;
+    TestConnector test;
+    BenchBoard board;
+    BenchIo io;
+    ServerWindow window;
+
+    QList<QPair<QObject*, const char*>> all()
+    {
+        return {{&connector, "QCSCanConnector"}, {&bus, "QCSBus"},
+                {&notify, "QCSNotify"},          {&service, "QCSService"},
+                {&test, "QCSTestConnector"},     {&board, "QCSBenchBoard"},
+                {&io, "QCSBenchIo"},             {&window, "QCSServerWindow"}};
+    }
+};
+
+Session::Session(ServerCore* core, ServerHost* host, quint64 id, QString peer,
+                 QIODevice* connection)
+    : m_core(core),
+      m_host(host),
+      m_id(id),
+      m_peer(std::move(peer)),
+      m_connection(connection),
+      m_overrun(core->controllerCount(), false),
+      m_objects(std::make_unique<Objects>(this))
+{
+    for (int c = 0; c < core->controllerCount(); ++c)
+        connect(core->channel(c), &CanChannel::framesReceived, this,
+                [this, c](const QVector<BusFrame>& frames) { onFrames(c, frames); });
+    connect(core, &ServerCore::configChanged, &m_objects->notify,
+            [this](int controller, bool enabled, int rate) {
+                if (attached)
+                    emit m_objects->notify.ChangedConfig(controller, enabled, rate);
+            });
+}
+
+Session::~Session()
+{
+    if (m_node)
+        for (const auto& [object, name] : m_objects->all())
+            m_node->disableRemoting(object);
+}
+
+bool Session::enableRemoting(QRemoteObjectHostBase* node, QString* error)
+{
+    m_node = node;
+    for (const auto& [object, className] : m_objects->all()) {
+        if (!node->enableRemoting(object, objectName(className))) {
+            *error = QStringLiteral("cannot offer %1 (remote objects error %2)")
+                         .arg(objectName(className))
+                         .arg(int(node->lastError()));
+            return false;
+        }
+    }
+    return true;
+}
+
+QString Session::name() const
+{
+    return QStringLiteral("session-%1").arg(m_id);
+}
+
+QString Session::objectName(const char* className) const
+{
+    return name() + QLatin1Char('/') + QLatin1String(className);
+}
+
+QString Session::description() const
+{
+    return QStringLiteral("%1 %2%3%4")
+        .arg(name(), m_peer, attached ? QStringLiteral(" attached") : QString(),
+             receiveAll ? QStringLiteral(" receive-all") : QString());
+}
+
+quint32 Session::takeOverrun(int controller)
+{
+    if (controller < 0 || controller >= m_overrun.size() || !m_overrun[controller])
+        return 0;
+    m_overrun[controller] = false;
+    return StatusOverrun;
+}
+
+void Session::onFrames(int controller, const QVector<BusFrame>& frames)
+{
+    if (!attached)
+        return;
+    const bool backlogged = m_connection && m_connection->bytesToWrite() > kBacklogLimit;
+    QByteArray records;
+    records.reserve(frames.size() * kRecordSize);
+    for (const BusFrame& f : frames) {
+        if (f.origin != 0 && sessionOfOrigin(f.origin) == m_id) {
+            if (txNotify)
+                emit m_objects->notify.TxCan(controller, toCanMsg(f.frame));
+            continue;
+        }
+        // Another session's SDO or LSS exchange is its own business unless this one asked for
+        // every frame of the bus.
+        if ((f.origin & kServiceOrigin) && !receiveAll)
+            continue;
+        appendRecord(records, f.frame);
+    }
+    if (records.isEmpty())
+        return;
+    if (backlogged) {
+        m_overrun[controller] = true;
+        return;
+    }
+    emit m_objects->notify.FilteredRxCan(controller, records, recordCount(records));
+}
+
+} // namespace qorcalib

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "canchannel.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QVector>
+
+#include <memory>
+
+class QIODevice;
+class QRemoteObjectHostBase;
+
+namespace qorcalib {
+
+class ServerCore;
+class ServerHost;
+
+// One client's session: its own set of remoted objects and what the server keeps for it
+// (attached or not, receive-all, transmit reports, SDO time-out). It lives exactly as long as
+// the client's connection.
+class Session : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr int kDefaultSdoTimeoutMs = 1000;
+    // Past this many bytes waiting for the client, frame batches are dropped and the
+    // controller's status shows a receive overrun to this session.
+    static constexpr qint64 kBacklogLimit = 16 * 1024 * 1024;
+
+    Session(ServerCore* core, ServerHost* host, quint64 id, QString peer, QIODevice* connection);
+    ~Session() override;
+
+    // Puts the session's objects on the node, under "<name>/<class>".
+    bool enableRemoting(QRemoteObjectHostBase* node, QString* error);
+
+    quint64 id() const { return m_id; }
+    QString name() const;
+    QString description() const;
+    QString objectName(const char* className) const;
+
+    // State the session's objects share.
+    ServerCore* core() const { return m_core; }
+    ServerHost* host() const { return m_host; }
+    bool attached = false;
+    bool receiveAll = false;
+    bool txNotify = true;
+    bool serviceStarted = false;
+    int sdoTimeoutMs = kDefaultSdoTimeoutMs;
+    quint32 takeOverrun(int controller);
+
+private:
+    void onFrames(int controller, const QVector<BusFrame>& frames);
+
+    ServerCore* m_core;
+    ServerHost* m_host;
+    quint64 m_id;
+    QString m_peer;
+    QPointer<QIODevice> m_connection;
+    QVector<bool> m_overrun;
+    struct Objects;
+    std::unique_ptr<Objects> m_objects;
+    QRemoteObjectHostBase* m_node = nullptr;
+};
+
+} // namespace qorcalib

@@ -1,0 +1,170 @@
+#include "canmsg.h"
+#include "servercore.h"
+#include "serverhost.h"
+#include "statuswindow.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QFileInfo>
+#include <QSocketNotifier>
+
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace qorcalib;
+
+namespace {
+
+int g_signalPipe[2] = {-1, -1};
+
+void onTerminate(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] const auto written = ::write(g_signalPipe[1], &byte, 1);
+}
+
+// SIGTERM and SIGINT end the event loop, so that the socket file is removed on the way out.
+void quitOnSignals()
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, g_signalPipe) != 0)
+        return;
+    auto* notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, qApp);
+    QObject::connect(notifier, &QSocketNotifier::activated, qApp, [] { QCoreApplication::quit(); });
+    std::signal(SIGTERM, onTerminate);
+    std::signal(SIGINT, onTerminate);
+}
+
+QString defaultEdsPath()
+{
+    const QString beside = QCoreApplication::applicationDirPath() + QStringLiteral("/data/drive.eds");
+    if (QFileInfo::exists(beside))
+        return beside;
+    return QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
+}
+
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("DISPLAY") ||
+           !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ||
+           !qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
+}
+
+int fail(const QString& message)
+{
+    std::fprintf(stderr, "qorcalib-server: %s\n", qPrintable(message));
+    return 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // The status window needs a display; without one the server runs as a plain service.
+    std::unique_ptr<QCoreApplication> app(hasDisplay() ? new QApplication(argc, argv)
+                                                       : new QCoreApplication(argc, argv));
+    QCoreApplication::setApplicationName(QStringLiteral("qorcalib-server"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(PROJECT_VERSION));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral(
+        "The CAN server of Tessel: owns the CAN controllers and the test bench, performs the\n"
+        "CANopen services and calls its clients back with events.\n"
+        "\n"
+        "Started with no options it runs the simulated world: controller 0 at 1000K with a\n"
+        "simulated drive (node-ID 1), controller 1 at 250K with a drive whose node-ID is not\n"
+        "configured yet, and a simulated assembly bench of type 3 whose main supply powers\n"
+        "both drives. Clients reach it on its local socket."));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    const QCommandLineOption socketOption(
+        QStringLiteral("socket"),
+        QStringLiteral("Local socket to listen on, readable by this user only (default: %1).")
+            .arg(defaultLocalSocketPath()),
+        QStringLiteral("path"), defaultLocalSocketPath());
+    const QCommandLineOption listenOption(
+        QStringLiteral("listen"),
+        QStringLiteral("Also listen on TCP, for clients on other machines, e.g. "
+                       "tcp://0.0.0.0:%1. May be given more than once.")
+            .arg(kDefaultTcpPort),
+        QStringLiteral("tcp://addr:port"));
+    const QCommandLineOption channelOption(
+        QStringLiteral("channel"),
+        QStringLiteral("A controller, in order from controller 0: \"sim\" for a simulated bus "
+                       "segment (the first two carry the simulated drives), or a QCanBus "
+                       "plugin and interface such as socketcan:can0 or virtualcan:can0. May be "
+                       "given up to four times; replaces the two simulated controllers."),
+        QStringLiteral("spec"));
+    const QCommandLineOption benchOption(
+        QStringLiteral("bench"),
+        QStringLiteral("Simulated test bench KIND:TYPE: asm:3 (assembly bench, the default), "
+                       "pcb:33, pcb:34, or numbers (kind 1 is an assembly bench)."),
+        QStringLiteral("kind:type"), QStringLiteral("asm:3"));
+    const QCommandLineOption unpacedOption(
+        QStringLiteral("unpaced"),
+        QStringLiteral("Deliver frames on the simulated segments as fast as possible instead of "
+                       "at the time they take on a real bus at their bit rate."));
+    const QCommandLineOption edsOption(
+        QStringLiteral("eds"),
+        QStringLiteral("EDS from which the simulated drives take their object dictionary "
+                       "(default: %1).")
+            .arg(defaultEdsPath()),
+        QStringLiteral("file"), defaultEdsPath());
+    parser.addOptions(
+        {socketOption, listenOption, channelOption, benchOption, unpacedOption, edsOption});
+    parser.process(*app);
+    if (!parser.positionalArguments().isEmpty())
+        return fail(QStringLiteral("unexpected argument '%1' (see --help)")
+                        .arg(parser.positionalArguments().first()));
+
+    ServerCore::Config config;
+    if (parser.isSet(channelOption))
+        config.channels = parser.values(channelOption);
+    if (config.channels.size() > 4)
+        return fail(QStringLiteral("at most four controllers, %1 given").arg(config.channels.size()));
+    const auto bench = SimBench::parseIdentity(parser.value(benchOption));
+    if (!bench)
+        return fail(QStringLiteral("bench '%1' is not of the form KIND:TYPE (see --help)")
+                        .arg(parser.value(benchOption)));
+    config.bench = *bench;
+    config.paced = !parser.isSet(unpacedOption);
+    config.edsPath = parser.value(edsOption);
+
+    QString error;
+    const auto core = ServerCore::create(config, &error);
+    if (!core)
+        return fail(error);
+    ServerHost host(core.get());
+    if (!host.listenLocal(parser.value(socketOption), &error))
+        return fail(error);
+    for (const QString& url : parser.values(listenOption))
+        if (!host.listenTcp(QUrl(url), &error))
+            return fail(error);
+
+    std::unique_ptr<StatusWindow> window;
+    if (qobject_cast<QApplication*>(app.get())) {
+        window = std::make_unique<StatusWindow>(core.get(), &host);
+        QObject::connect(core.get(), &ServerCore::showWindowRequested, window.get(), [&window] {
+            window->show();
+            window->raise();
+            window->activateWindow();
+        });
+    }
+    quitOnSignals();
+
+    QStringList controllers;
+    for (int c = 0; c < core->controllerCount(); ++c)
+        controllers << QStringLiteral("%1=%2@%3")
+                           .arg(c)
+                           .arg(core->channel(c)->name(), bitRateText(core->channel(c)->bitRateIndex()));
+    std::fprintf(stderr, "qorcalib-server: controllers %s%s; listening on %s%s\n",
+                 qPrintable(controllers.join(QLatin1Char(' '))),
+                 config.paced ? "" : " (unpaced)", qPrintable(host.localPath()),
+                 host.tcpPort() ? qPrintable(QStringLiteral(" and TCP port %1").arg(host.tcpPort()))
+                                : "");
+    std::fflush(stderr);
+    return app->exec();
+}

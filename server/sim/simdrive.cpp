@@ -1,0 +1,89 @@
+#include "simdrive.h"
+
+#include "serverclock.h"
+
+#include <algorithm>
+
+namespace qorcalib {
+
+SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint8 nodeId,
+                   int bitRateIndex, QObject* parent)
+    : QObject(parent),
+      m_segment(segment),
+      m_dictionary(std::move(dictionary)),
+      m_nmt(NmtSlave::Hooks{
+          [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
+          [this] {
+              // A reset node restarts the processor: boot loader first, values back to default.
+              m_dictionary.restoreDefaults(0x0000, 0xFFFF);
+              m_bootTimer.start(kBootLoaderWindowMs);
+          },
+          [this] {
+              m_dictionary.restoreDefaults(0x1000, 0x1FFF);
+              applyHeartbeatPeriod();
+          }}),
+      m_bitRateIndex(bitRateIndex)
+{
+    m_nmt.setNodeId(nodeId);
+    m_bootTimer.setSingleShot(true);
+    connect(&m_bootTimer, &QTimer::timeout, this, &SimDrive::boot);
+    m_timer.setSingleShot(true);
+    m_timer.setTimerType(Qt::PreciseTimer);
+    connect(&m_timer, &QTimer::timeout, this, [this] {
+        m_nmt.onTimer(serverTimeUs());
+        rearm();
+    });
+    m_segment->attach(this);
+}
+
+SimDrive::~SimDrive()
+{
+    m_segment->detach(this);
+}
+
+void SimDrive::setPowered(bool powered)
+{
+    if (powered == m_powered)
+        return;
+    m_powered = powered;
+    m_timer.stop();
+    m_bootTimer.stop();
+    m_nmt.powerOff();
+    // Downloaded values live in RAM: losing power brings back the defaults.
+    m_dictionary.restoreDefaults(0x0000, 0xFFFF);
+    if (powered)
+        m_bootTimer.start(kBootLoaderWindowMs);
+}
+
+void SimDrive::boot()
+{
+    if (!m_powered)
+        return;
+    applyHeartbeatPeriod();
+    m_nmt.bootUp(serverTimeUs());
+    rearm();
+}
+
+void SimDrive::applyHeartbeatPeriod()
+{
+    m_nmt.setHeartbeatPeriodMs(quint16(m_dictionary.unsignedValue(0x1017, 0, 0)), serverTimeUs());
+}
+
+void SimDrive::receive(const BusFrame& frame)
+{
+    m_nmt.onFrame(frame.frame, serverTimeUs());
+    rearm();
+}
+
+void SimDrive::rearm()
+{
+    const qint64 deadline = m_nmt.nextDeadlineUs();
+    if (deadline < 0) {
+        m_timer.stop();
+        return;
+    }
+    const qint64 delayUs = std::max<qint64>(0, deadline - serverTimeUs());
+    m_timer.start(int((delayUs + 999) / 1000));
+}
+
+} // namespace qorcalib

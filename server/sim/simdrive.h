@@ -1,0 +1,50 @@
+#pragma once
+
+#include "nmtslave.h"
+#include "objectdictionary.h"
+#include "simulatedsegment.h"
+
+#include <QObject>
+#include <QTimer>
+
+namespace qorcalib {
+
+// A simulated servo drive on a simulated segment: its object dictionary, its NMT slave and
+// heartbeat. When it gets power (or is reset) it spends a short while in its boot loader
+// before the application sends its boot-up message.
+class SimDrive : public QObject, public SimPort
+{
+    Q_OBJECT
+public:
+    static constexpr int kBootLoaderWindowMs = 200;
+
+    SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint8 nodeId,
+             int bitRateIndex, QObject* parent = nullptr);
+    ~SimDrive() override;
+
+    void setPowered(bool powered);
+    bool isPowered() const { return m_powered; }
+    quint8 nodeId() const { return m_nmt.nodeId(); }
+    NmtSlave::State nmtState() const { return m_nmt.state(); }
+    const ObjectDictionary& dictionary() const { return m_dictionary; }
+
+    int bitRateIndex() const override { return m_bitRateIndex; }
+    bool isActive() const override { return m_powered; }
+    void receive(const BusFrame& frame) override;
+    void transmitted(const BusFrame&, bool) override {}
+
+private:
+    void boot();
+    void applyHeartbeatPeriod();
+    void rearm();
+
+    SimulatedSegment* m_segment;
+    ObjectDictionary m_dictionary;
+    NmtSlave m_nmt;
+    int m_bitRateIndex;
+    bool m_powered = false;
+    QTimer m_bootTimer;
+    QTimer m_timer;
+};
+
+} // namespace qorcalib

@@ -1,0 +1,160 @@
+#include "serverconnection.h"
+
+#include "canmsg.h"
+
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QLocalSocket>
+#include <QRemoteObjectPendingCallWatcher>
+#include <QTcpSocket>
+#include <QTimer>
+
+namespace qorcalib {
+
+ServerAddress ServerAddress::fromMachineName(const QString& machine, const QString& localPath)
+{
+    ServerAddress address;
+    if (machine == QLatin1String("localhost")) {
+        address.localPath = localPath;
+        return address;
+    }
+    address.host = machine;
+    address.port = kDefaultTcpPort;
+    // "NAME:PORT", "[IPv6]:PORT"; a bare IPv6 address has more than one colon and no port.
+    QString portText;
+    if (machine.startsWith(QLatin1Char('['))) {
+        const qsizetype close = machine.indexOf(QLatin1Char(']'));
+        if (close > 0) {
+            address.host = machine.mid(1, close - 1);
+            if (machine.mid(close + 1).startsWith(QLatin1Char(':')))
+                portText = machine.mid(close + 2);
+        }
+    } else if (machine.count(QLatin1Char(':')) == 1) {
+        const qsizetype colon = machine.indexOf(QLatin1Char(':'));
+        address.host = machine.left(colon);
+        portText = machine.mid(colon + 1);
+    }
+    if (!portText.isEmpty()) {
+        bool ok = false;
+        const uint port = portText.toUInt(&ok);
+        // A port that is not a number is left for the connection to report as unreachable.
+        address.port = ok && port <= 65535 ? quint16(port) : 0;
+    }
+    return address;
+}
+
+QString ServerAddress::display() const
+{
+    return isLocal() ? localPath : QStringLiteral("%1:%2").arg(host).arg(port);
+}
+
+ServerConnection::ServerConnection(QObject* parent) : QObject(parent) {}
+
+ServerConnection::~ServerConnection()
+{
+    // Replicas go before the node they belong to.
+    m_window.reset();
+    m_io.reset();
+    m_board.reset();
+    m_test.reset();
+    m_service.reset();
+    m_notify.reset();
+    m_bus.reset();
+    m_connector.reset();
+    if (m_socket)
+        m_socket->close();
+}
+
+bool ServerConnection::isConnected() const
+{
+    return m_socket && m_socket->isOpen() && !m_lost;
+}
+
+bool ServerConnection::open(const ServerAddress& address, int timeoutMs, QString* error)
+{
+    const QDeadlineTimer deadline(timeoutMs);
+    const auto fail = [&](const QString& why) {
+        *error = QStringLiteral("%1 (%2): %3").arg(kNotReachable, address.display(), why);
+        if (m_socket)
+            m_socket->close();
+        return false;
+    };
+    if (address.isLocal()) {
+        auto* socket = new QLocalSocket(this);
+        m_socket = socket;
+        socket->connectToServer(address.localPath);
+        if (!socket->waitForConnected(int(deadline.remainingTime())))
+            return fail(socket->errorString());
+        connect(socket, &QLocalSocket::disconnected, this, &ServerConnection::lose);
+    } else {
+        auto* socket = new QTcpSocket(this);
+        m_socket = socket;
+        socket->connectToHost(address.host, address.port);
+        if (!socket->waitForConnected(int(deadline.remainingTime())))
+            return fail(socket->errorString());
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+        socket->setSocketOption(QAbstractSocket::KeepAliveOption, 1);
+        connect(socket, &QTcpSocket::disconnected, this, &ServerConnection::lose);
+    }
+
+    // The greeting names our session; nothing else arrives before we answer it.
+    while (!m_socket->canReadLine()) {
+        if (deadline.hasExpired() || !m_socket->waitForReadyRead(int(deadline.remainingTime())))
+            return fail(QStringLiteral("no greeting from the server"));
+    }
+    const QList<QByteArray> greeting = m_socket->readLine(256).trimmed().split(' ');
+    if (greeting.size() != 2 || greeting[0] != kGreeting)
+        return fail(QStringLiteral("this is not a CAN server of a known version"));
+    m_session = QString::fromLatin1(greeting[1]);
+    m_socket->write(QByteArray(kAttach) + '\n');
+    m_node.addClientSideConnection(m_socket);
+
+    const int remaining = int(qMax<qint64>(1, deadline.remainingTime()));
+    if (!acquire(m_connector, "QCSCanConnector", remaining, error) ||
+        !acquire(m_bus, "QCSBus", remaining, error) ||
+        !acquire(m_notify, "QCSNotify", remaining, error) ||
+        !acquire(m_service, "QCSService", remaining, error) ||
+        !acquire(m_test, "QCSTestConnector", remaining, error) ||
+        !acquire(m_board, "QCSBenchBoard", remaining, error) ||
+        !acquire(m_io, "QCSBenchIo", remaining, error) ||
+        !acquire(m_window, "QCSServerWindow", remaining, error))
+        return fail(*error);
+    return true;
+}
+
+template <typename R>
+bool ServerConnection::acquire(std::unique_ptr<R>& replica, const char* className, int timeoutMs,
+                               QString* error)
+{
+    replica.reset(m_node.acquire<R>(m_session + QLatin1Char('/') + QLatin1String(className)));
+    if (!replica || !replica->waitForSource(timeoutMs)) {
+        *error = QStringLiteral("the server did not offer %1").arg(QLatin1String(className));
+        return false;
+    }
+    return true;
+}
+
+bool ServerConnection::waitFor(QRemoteObjectPendingCall& call, int timeoutMs)
+{
+    if (call.isFinished())
+        return call.error() == QRemoteObjectPendingCall::NoError;
+    if (!isConnected())
+        return false;
+    QRemoteObjectPendingCallWatcher watcher(call);
+    QEventLoop loop;
+    connect(&watcher, &QRemoteObjectPendingCallWatcher::finished, &loop, &QEventLoop::quit);
+    connect(this, &ServerConnection::connectionLost, &loop, &QEventLoop::quit);
+    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+    loop.exec(QEventLoop::ExcludeUserInputEvents);
+    return call.isFinished() && call.error() == QRemoteObjectPendingCall::NoError;
+}
+
+void ServerConnection::lose()
+{
+    if (m_lost)
+        return;
+    m_lost = true;
+    emit connectionLost();
+}
+
+} // namespace qorcalib
