@@ -31,6 +31,14 @@ void appendRecord(QByteArray& records, const CanFrame& frame);
 CanFrame recordAt(const QByteArray& records, int index);
 inline int recordCount(const QByteArray& records) { return int(records.size() / kRecordSize); }
 
+// Status bits of a controller as GetStatus reports them.
+enum ControllerStatus : quint32 {
+    StatusTransmitPending = 1,
+    StatusOverrun = 2,
+    StatusErrorWarning = 4,
+    StatusBusOff = 8,
+};
+
 // Bit-rate list indices as the controller panel lists them; -1 for an index out of range.
 constexpr int kBitRateCount = 9;
 int bitRateOfIndex(int index);

@@ -20,14 +20,6 @@ struct BusFrame
     FrameOrigin origin = 0;
 };
 
-// Status bits as GetStatus reports them.
-enum ControllerStatus : quint32 {
-    StatusTransmitPending = 1,
-    StatusOverrun = 2,
-    StatusErrorWarning = 4,
-    StatusBusOff = 8,
-};
-
 // One CAN controller of the server. Received frames, and the controller's own frames once they
 // are on the bus, come out of framesReceived in batches, in bus order.
 class CanChannel : public QObject

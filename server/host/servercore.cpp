@@ -27,20 +27,19 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
     for (const QString& spec : config.channels) {
         const int index = int(core->m_channels.size());
         if (spec == QLatin1String("sim")) {
-            auto* segment = new SimulatedSegment(core.get());
+            auto* segment = core->m_segments.emplace_back(std::make_unique<SimulatedSegment>()).get();
             segment->setPaced(config.paced);
             const bool withNode = simulated < int(std::size(kSimulatedNodes));
             const int rate = withNode ? kSimulatedNodes[simulated].bitRateIndex : 0;
             core->m_channels.push_back(std::make_unique<SimulatedChannel>(segment, index, rate));
-            core->m_segments.push_back(segment);
             if (withNode) {
                 const quint8 nodeId = kSimulatedNodes[simulated].nodeId;
                 auto dictionary = ObjectDictionary::fromEds(
                     config.edsPath, nodeId == NmtSlave::kUnconfigured ? 0 : nodeId, error);
                 if (!dictionary)
                     return nullptr;
-                auto* drive = new SimDrive(segment, std::move(*dictionary), nodeId, rate, core.get());
-                core->m_drives.push_back(drive);
+                core->m_drives.push_back(
+                    std::make_unique<SimDrive>(segment, std::move(*dictionary), nodeId, rate));
             }
             ++simulated;
         } else {
@@ -57,19 +56,15 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
     }
     ServerCore* raw = core.get();
     connect(core->m_bench.get(), &SimBench::drivePowerChanged, raw, [raw](bool powered) {
-        for (SimDrive* drive : raw->m_drives)
+        for (const auto& drive : raw->m_drives)
             drive->setPowered(powered);
     });
-    for (SimDrive* drive : core->m_drives)
+    for (const auto& drive : core->m_drives)
         drive->setPowered(core->m_bench->drivesPowered());
     return core;
 }
 
-ServerCore::~ServerCore()
-{
-    // Drives and segments are children; channels detach from their segments first.
-    m_channels.clear();
-}
+ServerCore::~ServerCore() = default;
 
 CanChannel* ServerCore::channel(int controller) const
 {
@@ -79,7 +74,8 @@ CanChannel* ServerCore::channel(int controller) const
 
 SimulatedSegment* ServerCore::segment(int controller) const
 {
-    return controller >= 0 && controller < controllerCount() ? m_segments[controller] : nullptr;
+    return controller >= 0 && controller < controllerCount() ? m_segments[controller].get()
+                                                             : nullptr;
 }
 
 QString ServerCore::checkController(int controller) const

@@ -38,7 +38,6 @@ public:
     // Empty when the index is valid, else the error description.
     QString checkController(int controller) const;
     SimBench* bench() const { return m_bench.get(); }
-    const std::vector<SimDrive*>& drives() const { return m_drives; }
     SimulatedSegment* segment(int controller) const;
 
     bool startController(int controller, QString* error);
@@ -57,10 +56,12 @@ private:
     ServerCore() = default;
     void announce(int controller);
 
-    std::vector<std::unique_ptr<CanChannel>> m_channels;
-    std::vector<SimulatedSegment*> m_segments; // per controller; null for real channels
-    std::vector<SimDrive*> m_drives;
+    // Torn down in reverse: drives and controllers detach from their segments before the
+    // segments go.
     std::unique_ptr<SimBench> m_bench;
+    std::vector<std::unique_ptr<SimulatedSegment>> m_segments; // per controller; null if real
+    std::vector<std::unique_ptr<CanChannel>> m_channels;
+    std::vector<std::unique_ptr<SimDrive>> m_drives;
     bool m_shutdownRequested = false;
 };
 

@@ -1,0 +1,151 @@
+#include "simbench.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+using namespace qorcalib;
+
+class TstSimBench : public QObject
+{
+    Q_OBJECT
+private slots:
+    void parseIdentity_data();
+    void parseIdentity();
+    void drivePower_data();
+    void drivePower();
+    void analogFollowsSupplies();
+    void channelsOutOfRange_data();
+    void channelsOutOfRange();
+};
+
+void TstSimBench::parseIdentity_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<int>("kind"); // -1: refused
+    QTest::addColumn<int>("type");
+    QTest::newRow("asm") << "asm:3" << 1 << 3;
+    QTest::newRow("pcb 33") << "PCB:33" << 2 << 33;
+    QTest::newRow("numbers") << "1:19" << 1 << 19;
+    QTest::newRow("no type") << "asm" << -1 << 0;
+    QTest::newRow("words") << "big:bench" << -1 << 0;
+    QTest::newRow("too many parts") << "asm:3:4" << -1 << 0;
+}
+
+void TstSimBench::parseIdentity()
+{
+    QFETCH(QString, text);
+    QFETCH(int, kind);
+    QFETCH(int, type);
+    const auto id = SimBench::parseIdentity(text);
+    QCOMPARE(bool(id), kind >= 0);
+    if (id) {
+        QCOMPARE(id->kind, kind);
+        QCOMPARE(id->type, type);
+    }
+}
+
+void TstSimBench::drivePower_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("relay");
+    QTest::newRow("assembly 3") << 1 << 3 << 5;
+    QTest::newRow("pcb 33") << 2 << 33 << 5;
+    QTest::newRow("pcb 34") << 2 << 34 << 9;
+}
+
+void TstSimBench::drivePower()
+{
+    QFETCH(int, kind);
+    QFETCH(int, type);
+    QFETCH(int, relay);
+    SimBench bench({kind, type});
+    QVERIFY(bench.drivesPowered());
+    QSignalSpy power(&bench, &SimBench::drivePowerChanged);
+    QString error;
+    int status = -1;
+
+    QVERIFY(bench.command(11, 0, &status, &error)); // main supply off
+    QCOMPARE(power.size(), 1);
+    QCOMPARE(power.last().at(0).toBool(), false);
+    QVERIFY(bench.setParameter(26, 12.0, &error)); // too low for the drive
+    QVERIFY(bench.command(10, 0, &status, &error));
+    QCOMPARE(power.size(), 1);
+    QVERIFY(bench.setParameter(26, 24.0, &error));
+    QCOMPARE(power.size(), 2);
+    QCOMPARE(power.last().at(0).toBool(), true);
+    // Opening the relay cuts the drive; another output does not.
+    QVERIFY(bench.setOutput(relay == 5 ? 9 : 5, false, &error));
+    QCOMPARE(power.size(), 2);
+    QVERIFY(bench.setOutput(relay, false, &error));
+    QCOMPARE(power.size(), 3);
+    QVERIFY(!bench.drivesPowered());
+
+    QVERIFY(!bench.command(99, 0, &status, &error));
+    QVERIFY(error.contains("99"));
+    QVERIFY(!bench.setParameter(26, 75.0, &error));
+    QVERIFY(error.contains("26"));
+    QVERIFY(!bench.setParameter(31, 1.0, &error));
+}
+
+void TstSimBench::analogFollowsSupplies()
+{
+    SimBench bench({1, 3});
+    QString error;
+    int status = 0;
+    double v = 0;
+    QVERIFY(bench.readAnalog(0, &v, &error));
+    QVERIFY(qAbs(v - 48.0) < 0.05);
+    // Assembly benches show what Acquire latched.
+    QVERIFY(bench.setParameter(26, 30.0, &error));
+    QVERIFY(bench.readAnalog(0, &v, &error));
+    QVERIFY(qAbs(v - 48.0) < 0.05);
+    bench.acquire();
+    QVERIFY(bench.readAnalog(0, &v, &error));
+    QVERIFY(qAbs(v - 30.0) < 0.05);
+    QVERIFY(bench.command(13, 0, &status, &error)); // brake on at 24 V
+    QVERIFY(bench.setOutput(8, true, &error));      // aux
+    bench.acquire();
+    QVERIFY(bench.readAnalog(1, &v, &error));
+    QVERIFY(qAbs(v - 24.0) < 0.05);
+    QVERIFY(bench.readAnalog(5, &v, &error));
+    QVERIFY(qAbs(v - 24.0) < 0.05);
+
+    SimBench pcb({2, 34});
+    QVERIFY(pcb.readAnalog(0, &v, &error)); // vdcbus, live
+    QVERIFY(qAbs(v - 48.0) < 0.05);
+    QVERIFY(pcb.command(11, 0, &status, &error));
+    QVERIFY(pcb.readAnalog(1, &v, &error)); // 15v_dig without power
+    QVERIFY(qAbs(v) < 0.05);
+}
+
+void TstSimBench::channelsOutOfRange_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("lastAnalog");
+    QTest::newRow("assembly") << 3 << 5;
+    QTest::newRow("pcb 33") << 33 << 12;
+    QTest::newRow("pcb 34") << 34 << 22;
+}
+
+void TstSimBench::channelsOutOfRange()
+{
+    QFETCH(int, type);
+    QFETCH(int, lastAnalog);
+    SimBench bench({type == 3 ? 1 : 2, type});
+    QString error;
+    double v;
+    bool state;
+    QVERIFY(bench.readAnalog(lastAnalog, &v, &error));
+    QVERIFY(!bench.readAnalog(lastAnalog + 1, &v, &error));
+    QVERIFY(error.contains(QString::number(lastAnalog + 1)));
+    QVERIFY(!bench.readAnalog(-1, &v, &error));
+    QVERIFY(!bench.readInput(16, &state, &error));
+    QVERIFY(bench.readInput(0, &state, &error));
+    QVERIFY(state);
+    QVERIFY(!bench.setOutput(32, true, &error));
+    QVERIFY(!bench.setOutput(-1, true, &error));
+}
+
+QTEST_GUILESS_MAIN(TstSimBench)
+#include "tst_simbench.moc"

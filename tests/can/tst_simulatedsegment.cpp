@@ -1,0 +1,227 @@
+#include "bittiming.h"
+#include "simulatedsegment.h"
+
+#include <QTest>
+
+using namespace qorcalib;
+
+namespace {
+
+// A port that records what reaches it.
+class RecordingPort : public SimPort
+{
+public:
+    RecordingPort(int rate, bool active = true) : rate(rate), active(active) {}
+    int bitRateIndex() const override { return rate; }
+    bool isActive() const override { return active; }
+    void receive(const BusFrame& frame) override { received.append(frame); }
+    void transmitted(const BusFrame& frame, bool ack) override
+    {
+        sent.append(frame);
+        acks.append(ack);
+    }
+    void deliveryBatchEnded() override { ++batches; }
+
+    int rate;
+    bool active;
+    QList<BusFrame> received;
+    QList<BusFrame> sent;
+    QList<bool> acks;
+    int batches = 0;
+};
+
+struct Fixture
+{
+    explicit Fixture(bool paced)
+    {
+        segment.setPaced(paced);
+        segment.setClock([this] { return now; });
+    }
+    qint64 now = 1000;
+    SimulatedSegment segment;
+};
+
+} // namespace
+
+class TstSimulatedSegment : public QObject
+{
+    Q_OBJECT
+private slots:
+    void deliveryByBitRate_data();
+    void deliveryByBitRate();
+    void unacknowledgedFrameRaisesErrorsUpToPassive();
+    void mismatchedReceiverReachesErrorWarning();
+    void pacedDeliveryWaitsForBusTime();
+    void arbitrationPrefersLowerIdKeepingPortOrder();
+    void unpacedDeliversInBatches();
+    void resetPortForgetsQueueAndErrors();
+};
+
+void TstSimulatedSegment::deliveryByBitRate_data()
+{
+    QTest::addColumn<int>("senderRate");
+    QTest::addColumn<int>("receiverRate");
+    QTest::addColumn<bool>("receiverActive");
+    QTest::addColumn<bool>("delivered");
+
+    QTest::newRow("same rate") << 0 << 0 << true << true;
+    QTest::newRow("other rate") << 0 << 2 << true << false;
+    QTest::newRow("same rate, receiver stopped") << 3 << 3 << false << false;
+}
+
+void TstSimulatedSegment::deliveryByBitRate()
+{
+    QFETCH(int, senderRate);
+    QFETCH(int, receiverRate);
+    QFETCH(bool, receiverActive);
+    QFETCH(bool, delivered);
+
+    Fixture f(false);
+    RecordingPort sender(senderRate), receiver(receiverRate, receiverActive);
+    f.segment.attach(&sender);
+    f.segment.attach(&receiver);
+    f.segment.transmit(&sender, CanFrame::make(0x181, {1, 2, 3}), 7);
+    QCOMPARE(f.segment.pump(), 1);
+
+    QCOMPARE(receiver.received.size(), delivered ? 1 : 0);
+    QCOMPARE(sender.acks, QList<bool>{delivered});
+    if (delivered) {
+        QCOMPARE(receiver.received[0].frame, CanFrame::make(0x181, {1, 2, 3}));
+        QCOMPARE(receiver.received[0].origin, FrameOrigin(7));
+        QCOMPARE(f.segment.status(&sender) & StatusTransmitPending, 0u);
+    } else {
+        QCOMPARE(f.segment.status(&sender) & StatusTransmitPending, quint32(StatusTransmitPending));
+    }
+}
+
+void TstSimulatedSegment::unacknowledgedFrameRaisesErrorsUpToPassive()
+{
+    Fixture f(false);
+    RecordingPort lonely(0);
+    f.segment.attach(&lonely);
+    for (int i = 0; i < 11; ++i)
+        f.segment.transmit(&lonely, CanFrame::make(0x100, {}), 1);
+    f.segment.pump();
+    QCOMPARE(f.segment.transmitErrorCount(&lonely), 88);
+    QCOMPARE(f.segment.status(&lonely), quint32(StatusTransmitPending));
+    for (int i = 0; i < 20; ++i)
+        f.segment.transmit(&lonely, CanFrame::make(0x100, {}), 1);
+    f.segment.pump();
+    // Error-passive, with warning, but never bus-off from missing acknowledgements alone.
+    QCOMPARE(f.segment.transmitErrorCount(&lonely), 128);
+    QCOMPARE(f.segment.status(&lonely), quint32(StatusTransmitPending | StatusErrorWarning));
+
+    // Someone at the same rate appears: acknowledged frames bring the count down again.
+    RecordingPort node(0);
+    f.segment.attach(&node);
+    f.segment.transmit(&lonely, CanFrame::make(0x100, {}), 1);
+    f.segment.pump();
+    QCOMPARE(f.segment.transmitErrorCount(&lonely), 127);
+    QCOMPARE(f.segment.status(&lonely) & StatusTransmitPending, 0u);
+}
+
+void TstSimulatedSegment::mismatchedReceiverReachesErrorWarning()
+{
+    Fixture f(false);
+    RecordingPort drive(0), partner(0), controller(2);
+    for (auto* p : {&drive, &partner, &controller})
+        f.segment.attach(p);
+    for (int i = 0; i < 11; ++i)
+        f.segment.transmit(&drive, CanFrame::make(0x701, {0x7F}), 0);
+    f.segment.pump();
+    QCOMPARE(f.segment.status(&controller), 0u);
+    f.segment.transmit(&drive, CanFrame::make(0x701, {0x7F}), 0);
+    f.segment.pump();
+    QCOMPARE(f.segment.receiveErrorCount(&controller), 96);
+    QCOMPARE(f.segment.status(&controller), quint32(StatusErrorWarning));
+    QVERIFY(controller.received.isEmpty());
+    QCOMPARE(partner.received.size(), 12);
+}
+
+void TstSimulatedSegment::pacedDeliveryWaitsForBusTime()
+{
+    Fixture f(true);
+    RecordingPort a(4), b(4); // 125K
+    f.segment.attach(&a);
+    f.segment.attach(&b);
+    const CanFrame first = CanFrame::make(0x181, {1, 2, 3, 4, 5, 6, 7, 8});
+    const CanFrame second = CanFrame::make(0x182, {});
+    const qint64 firstUs = qint64(frameDurationUs(first, 125000));
+    const qint64 secondUs = qint64(frameDurationUs(second, 125000));
+    const qint64 start = f.now;
+    f.segment.transmit(&a, first, 0);
+    f.segment.transmit(&a, second, 0);
+
+    f.now = start + firstUs - 1;
+    QCOMPARE(f.segment.pump(), 0);
+    f.now = start + firstUs + 1;
+    QCOMPARE(f.segment.pump(), 1);
+    QCOMPARE(b.received[0].frame.timeUs, quint32(start + firstUs));
+    // The second frame waits for the first to leave the bus, not for its own queueing time.
+    f.now = start + firstUs + secondUs - 2;
+    QCOMPARE(f.segment.pump(), 0);
+    f.now = start + firstUs + secondUs + 1;
+    QCOMPARE(f.segment.pump(), 1);
+    QCOMPARE(b.received[1].frame.id, quint16(0x182));
+}
+
+void TstSimulatedSegment::arbitrationPrefersLowerIdKeepingPortOrder()
+{
+    Fixture f(true);
+    RecordingPort a(0), b(0), listener(0);
+    for (auto* p : {&a, &b, &listener})
+        f.segment.attach(p);
+    f.segment.transmit(&a, CanFrame::make(0x600, {}), 0);
+    f.segment.transmit(&a, CanFrame::make(0x100, {}), 0); // behind 0x600 in a's own queue
+    f.segment.transmit(&b, CanFrame::make(0x300, {}), 0);
+    f.now += 10000;
+    QCOMPARE(f.segment.pump(), 3);
+    QList<int> order;
+    for (const auto& frame : listener.received)
+        order << frame.frame.id;
+    QCOMPARE(order, (QList<int>{0x300, 0x600, 0x100}));
+}
+
+void TstSimulatedSegment::unpacedDeliversInBatches()
+{
+    Fixture f(false);
+    RecordingPort a(0), b(0);
+    f.segment.attach(&a);
+    f.segment.attach(&b);
+    for (int i = 0; i < 10000; ++i)
+        f.segment.transmit(&a, CanFrame::make(quint16(i & 0x7FF), {quint8(i)}), 0);
+    int delivered = 0, pumps = 0;
+    while (int n = f.segment.pump()) {
+        delivered += n;
+        ++pumps;
+    }
+    QCOMPARE(delivered, 10000);
+    QCOMPARE(b.received.size(), 10000);
+    QVERIFY(pumps > 1);
+    QCOMPARE(b.batches, pumps);
+    for (int i = 0; i < 10000; ++i)
+        QCOMPARE(b.received[i].frame.data[0], quint8(i));
+}
+
+void TstSimulatedSegment::resetPortForgetsQueueAndErrors()
+{
+    Fixture f(true);
+    RecordingPort a(0), b(0);
+    f.segment.attach(&a);
+    f.segment.attach(&b);
+    b.active = false;
+    f.segment.transmit(&a, CanFrame::make(0x100, {}), 0);
+    f.now += 1000;
+    f.segment.pump();
+    f.segment.transmit(&a, CanFrame::make(0x101, {}), 0);
+    QVERIFY(f.segment.status(&a) != 0);
+    f.segment.resetPort(&a);
+    QCOMPARE(f.segment.status(&a), 0u);
+    QCOMPARE(f.segment.transmitErrorCount(&a), 0);
+    b.active = true;
+    f.now += 1000;
+    QCOMPARE(f.segment.pump(), 0);
+}
+
+QTEST_GUILESS_MAIN(TstSimulatedSegment)
+#include "tst_simulatedsegment.moc"

@@ -1,0 +1,513 @@
+#include "serverprocess.h"
+
+#include <QFile>
+#include <QLocalSocket>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace qorcalib;
+using namespace qorcalib::test;
+
+namespace {
+
+// The drive's EDS with a 100 ms heartbeat, so that NMT states show quickly.
+QString fastHeartbeatEds(const QTemporaryDir& dir)
+{
+    QFile in(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
+    if (!in.open(QIODevice::ReadOnly))
+        return {};
+    QByteArray text = in.readAll();
+    const qsizetype section = text.indexOf("[1017]");
+    const qsizetype value = text.indexOf("DefaultValue=1000", section);
+    text.replace(value, int(strlen("DefaultValue=1000")), "DefaultValue=100");
+    const QString path = dir.filePath(QStringLiteral("fast.eds"));
+    QFile out(path);
+    if (!out.open(QIODevice::WriteOnly))
+        return {};
+    out.write(text);
+    return path;
+}
+
+QByteArray hex(const char* text)
+{
+    return QByteArray::fromHex(text);
+}
+
+// Waits for and checks a reply that must succeed.
+#define CALL_OK(connection, call)                                                                  \
+    do {                                                                                           \
+        QString callError;                                                                         \
+        const auto reply = (connection)->wait((connection)->call, &callError);                     \
+        QVERIFY2(reply, qPrintable(callError));                                                    \
+        QVERIFY2(reply->error().isEmpty(), qPrintable(reply->error()));                            \
+    } while (0)
+
+} // namespace
+
+class TstServer : public QObject
+{
+    Q_OBJECT
+private slots:
+    void init();
+    void cleanup();
+
+    void twoSessionsSeeEachOthersFrames();
+    void transmitReportsCanBeSwitchedOff();
+    void changedConfigReachesEverySession();
+    void mismatchedBitRateIsNotDelivered();
+    void driveFollowsNmtCommands_data();
+    void driveFollowsNmtCommands();
+    void benchSupplyRebootsTheDrive();
+    void badInputIsRefused_data();
+    void badInputIsRefused();
+    void laterServicesAnswerNotSupported();
+    void killedClientIsReaped();
+    void garbageOnTheSocketIsDropped_data();
+    void garbageOnTheSocketIsDropped();
+    void lostServerFailsCallsInTime();
+    void clientOverTcp();
+    void refusesToStart_data();
+    void refusesToStart();
+
+private:
+    bool startServer(const QStringList& extra = {});
+    std::unique_ptr<ServerConnection> attach();
+    int sessionCount(ServerConnection* connection);
+
+    QTemporaryDir m_dir;
+    std::unique_ptr<ServerProcess> m_server;
+};
+
+void TstServer::init()
+{
+    m_server = std::make_unique<ServerProcess>();
+}
+
+void TstServer::cleanup()
+{
+    m_server.reset();
+}
+
+bool TstServer::startServer(const QStringList& extra)
+{
+    const QStringList args =
+        QStringList{QStringLiteral("--unpaced"), QStringLiteral("--eds"), fastHeartbeatEds(m_dir)} +
+        extra;
+    if (!m_server->start(args)) {
+        qWarning("server did not start: %s", qPrintable(m_server->output()));
+        return false;
+    }
+    return true;
+}
+
+std::unique_ptr<ServerConnection> TstServer::attach()
+{
+    auto connection = m_server->connect();
+    if (!connection)
+        return nullptr;
+    QString error;
+    const auto reply = connection->wait(connection->bus()->Advise(), &error);
+    if (!reply || !reply->error().isEmpty())
+        return nullptr;
+    return connection;
+}
+
+int TstServer::sessionCount(ServerConnection* connection)
+{
+    QString error;
+    const auto reply = connection->wait(connection->serverWindow()->Sessions(), &error);
+    return reply ? int(reply->value().size()) : -1;
+}
+
+void TstServer::twoSessionsSeeEachOthersFrames()
+{
+    QVERIFY(startServer());
+    auto a = attach(), b = attach();
+    QVERIFY(a && b);
+    FrameRecorder ra(a.get()), rb(b.get());
+    CALL_OK(a, bus()->StartController(0));
+
+    CALL_OK(a, bus()->Send(0, CanMsg(0x123, 3, hex("0a0b0c")), 0));
+    CALL_OK(b, bus()->Send(0, CanMsg(0x321, 0, {}), 0));
+    // A record carries 8 data bytes: a short data field is sent with zeros.
+    CALL_OK(b, bus()->Send(0, CanMsg(0x322, 4, hex("ff")), 0));
+
+    QVERIFY(rb.waitFor(0x123, hex("0a0b0c"), 3000));
+    QVERIFY(ra.waitFor(0x321, {}, 3000));
+    QVERIFY(ra.waitFor(0x322, hex("ff000000"), 3000));
+    QTRY_COMPARE(ra.transmitted.size(), 1);
+    QTRY_COMPARE(rb.transmitted.size(), 2);
+    QCOMPARE(ra.transmitted[0].frame, CanFrame::make(0x123, {0x0a, 0x0b, 0x0c}));
+    QCOMPARE(rb.transmitted[0].frame.id, quint16(0x321));
+    // Nobody gets their own frames back as received frames.
+    QCOMPARE(ra.find(0x123, hex("0a0b0c")), -1);
+    QCOMPARE(rb.find(0x321, {}), -1);
+    QCOMPARE(ra.received.last().controller, 0);
+}
+
+void TstServer::transmitReportsCanBeSwitchedOff()
+{
+    QVERIFY(startServer());
+    auto a = attach(), b = attach();
+    QVERIFY(a && b);
+    FrameRecorder ra(a.get()), rb(b.get());
+    CALL_OK(a, bus()->StartController(0));
+    CALL_OK(a, bus()->SetTxNotify(false));
+    CALL_OK(a, bus()->Send(0, CanMsg(0x200, 1, hex("01")), 0));
+    CALL_OK(a, bus()->SetTxNotify(true));
+    CALL_OK(a, bus()->Send(0, CanMsg(0x201, 1, hex("02")), 0));
+    QVERIFY(rb.waitFor(0x201, hex("02"), 3000));
+    QTRY_COMPARE(ra.transmitted.size(), 1);
+    QCOMPARE(ra.transmitted[0].frame.id, quint16(0x201));
+    // A detached session hears nothing, its own transmissions included.
+    CALL_OK(b, bus()->Unadvise());
+    rb.clear();
+    CALL_OK(a, bus()->Send(0, CanMsg(0x202, 0, {}), 0));
+    CALL_OK(b, bus()->Send(0, CanMsg(0x203, 0, {}), 0));
+    QVERIFY(ra.waitFor(0x203, {}, 3000));
+    QVERIFY(rb.received.isEmpty() && rb.transmitted.isEmpty());
+}
+
+void TstServer::changedConfigReachesEverySession()
+{
+    QVERIFY(startServer());
+    auto a = attach(), b = attach();
+    QVERIFY(a && b);
+    FrameRecorder ra(a.get()), rb(b.get());
+    CALL_OK(a, bus()->StartController(1));
+    CALL_OK(a, bus()->SetBitRate(1, 4));
+    CALL_OK(a, bus()->StopController(1));
+    const QList<std::tuple<int, bool, int>> expected{{1, true, 3}, {1, true, 4}, {1, false, 4}};
+    QTRY_COMPARE(rb.configChanges, expected);
+    QTRY_COMPARE(ra.configChanges, expected);
+    QString error;
+    QCOMPARE(b->wait(b->bus()->GetBitRate(1), &error)->value(), 4);
+    QCOMPARE(b->wait(b->bus()->GetControllerCount(), &error)->value(), 2);
+}
+
+void TstServer::mismatchedBitRateIsNotDelivered()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder ra(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+
+    CALL_OK(a, bus()->SetBitRate(0, 2)); // 500K: the drive runs at 1000K
+    QTest::qWait(50);
+    const int seen = ra.received.size();
+    // Nobody at 500K acknowledges: twelve frames bring the controller to error warning.
+    for (int i = 0; i < 12; ++i)
+        CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, hex("8101")), 0));
+    QString error;
+    QTRY_COMPARE(a->wait(a->bus()->GetStatus(0), &error)->value(),
+                 int(StatusTransmitPending | StatusErrorWarning));
+    QTest::qWait(500);
+    QCOMPARE(ra.received.size(), seen); // no heartbeat, no boot-up: the reset never arrived
+    QVERIFY(ra.transmitted.isEmpty());
+
+    CALL_OK(a, bus()->RestartController(0)); // back to a clean error state
+    CALL_OK(a, bus()->SetBitRate(0, 0));
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000, seen));
+    QCOMPARE(a->wait(a->bus()->GetStatus(0), &error)->value(), 0);
+}
+
+void TstServer::driveFollowsNmtCommands_data()
+{
+    QTest::addColumn<QByteArray>("command");
+    QTest::addColumn<QByteArray>("heartbeat");
+    QTest::addColumn<bool>("bootUp");
+    QTest::newRow("start") << hex("0101") << hex("05") << false;
+    QTest::newRow("start all") << hex("0100") << hex("05") << false;
+    QTest::newRow("stop") << hex("0201") << hex("04") << false;
+    QTest::newRow("pre-operational") << hex("8001") << hex("7f") << false;
+    QTest::newRow("reset node") << hex("8101") << hex("7f") << true;
+    QTest::newRow("reset communication") << hex("8200") << hex("7f") << true;
+    QTest::newRow("another node's start") << hex("0102") << hex("7f") << false;
+}
+
+void TstServer::driveFollowsNmtCommands()
+{
+    QFETCH(QByteArray, command);
+    QFETCH(QByteArray, heartbeat);
+    QFETCH(bool, bootUp);
+
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder ra(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    ra.clear();
+    CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, command), 0));
+    QVERIFY(ra.waitFor(0x701, heartbeat, 3000));
+    const int bootUpAt = ra.find(0x701, hex("00"));
+    QCOMPARE(bootUpAt >= 0, bootUp);
+    if (bootUp) { // boot-up first, then the heartbeats of the new life
+        QVERIFY(bootUpAt < ra.find(0x701, heartbeat));
+    } else if (heartbeat != hex("7f")) { // the old state does not come back
+        QTest::qWait(300);
+        QCOMPARE(ra.find(0x701, hex("7f"), ra.find(0x701, heartbeat)), -1);
+    }
+}
+
+void TstServer::benchSupplyRebootsTheDrive()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder ra(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, hex("0101")), 0));
+    QVERIFY(ra.waitFor(0x701, hex("05"), 3000));
+
+    QString error;
+    const auto info = a->wait(a->benchBoard()->GetBenchInfo(), &error);
+    QVERIFY(info);
+    QCOMPARE(info->kind(), 1);
+    QCOMPARE(info->type(), 3);
+    CALL_OK(a, benchIo()->Acquire());
+    QVERIFY(qAbs(a->wait(a->benchIo()->ReadAnalog(0), &error)->value() - 48.0) < 0.05);
+
+    CALL_OK(a, benchBoard()->BoardCommand(11, 0)); // main supply off
+    QTest::qWait(400);
+    const int before = ra.received.size();
+    QTest::qWait(400);
+    QCOMPARE(ra.received.size(), before); // unpowered: silent
+    CALL_OK(a, benchIo()->Acquire());
+    QVERIFY(qAbs(a->wait(a->benchIo()->ReadAnalog(0), &error)->value()) < 0.05);
+
+    CALL_OK(a, benchBoard()->BoardCommand(10, 0));
+    QVERIFY(ra.waitFor(0x701, hex("00"), 3000, before));
+    // A new life starts pre-operational.
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000, ra.find(0x701, hex("00"), before)));
+}
+
+void TstServer::badInputIsRefused_data()
+{
+    QTest::addColumn<QString>("operation");
+    QTest::addColumn<QString>("mentions");
+    QTest::newRow("length 9") << "send 0 0x100 9" << "9";
+    QTest::newRow("length -1") << "send 0 0x100 -1" << "-1";
+    QTest::newRow("COB-ID 0x800") << "send 0 0x800 1" << "0x800";
+    QTest::newRow("controller 2") << "send 2 0x100 1" << "2";
+    QTest::newRow("controller -1") << "remote -1 0x100 1" << "-1";
+    QTest::newRow("remote length 9") << "remote 0 0x100 9" << "9";
+    QTest::newRow("bit rate 9") << "rate 0 9" << "9";
+    QTest::newRow("bit rate -1") << "rate 0 -1" << "-1";
+    QTest::newRow("bit rate of controller 4") << "rate 4 0" << "4";
+    QTest::newRow("start controller 7") << "start 7" << "7";
+    QTest::newRow("status of controller 3") << "status 3" << "3";
+    QTest::newRow("receive-all 0") << "rxall 0" << "0";
+    QTest::newRow("SDO time-out 0") << "sdotimeout 0" << "0";
+    QTest::newRow("SDO time-out 70000") << "sdotimeout 70000" << "70000";
+    QTest::newRow("bench command 99") << "command 99" << "99";
+    QTest::newRow("output 40") << "output 40" << "40";
+    QTest::newRow("analog 6") << "analog 6" << "6";
+    QTest::newRow("service selector") << "service LSSonly" << "LSSonly";
+}
+
+void TstServer::badInputIsRefused()
+{
+    QFETCH(QString, operation);
+    QFETCH(QString, mentions);
+    QVERIFY(startServer());
+    auto a = attach(), b = attach();
+    QVERIFY(a && b);
+    FrameRecorder rb(b.get());
+    CALL_OK(a, bus()->StartController(0));
+
+    const QStringList w = operation.split(' ');
+    const auto n = [&w](int i) { return w[i].toInt(nullptr, 0); };
+    QString error, description;
+    const auto take = [&](const auto& reply) {
+        QVERIFY2(reply, qPrintable(error));
+        description = reply->error();
+    };
+    if (w[0] == "send")
+        take(a->wait(a->bus()->Send(n(1), CanMsg(n(2), n(3), QByteArray(8, '\x55')), 0), &error));
+    else if (w[0] == "remote")
+        take(a->wait(a->bus()->SendRemote(n(1), CanMsg(n(2), n(3), {})), &error));
+    else if (w[0] == "rate")
+        take(a->wait(a->bus()->SetBitRate(n(1), n(2)), &error));
+    else if (w[0] == "start")
+        take(a->wait(a->bus()->StartController(n(1)), &error));
+    else if (w[0] == "status")
+        take(a->wait(a->bus()->GetStatus(n(1)), &error));
+    else if (w[0] == "rxall")
+        take(a->wait(a->bus()->setallrxflag(n(1)), &error));
+    else if (w[0] == "sdotimeout")
+        take(a->wait(a->service()->SetSdoTimeout(n(1)), &error));
+    else if (w[0] == "command")
+        take(a->wait(a->benchBoard()->BoardCommand(n(1), 0), &error));
+    else if (w[0] == "output")
+        take(a->wait(a->benchIo()->SetOutput(n(1), true), &error));
+    else if (w[0] == "analog")
+        take(a->wait(a->benchIo()->ReadAnalog(n(1)), &error));
+    else if (w[0] == "service")
+        take(a->wait(a->connector()->GetService(w[1]), &error));
+    QVERIFY2(!description.isEmpty(), "the server accepted it");
+    QVERIFY2(description.contains(mentions, Qt::CaseInsensitive), qPrintable(description));
+
+    // Nothing reached the bus, nothing changed, and the session goes on working.
+    CALL_OK(a, bus()->Send(0, CanMsg(0x7E5, 1, hex("42")), 0));
+    QVERIFY(rb.waitFor(0x7E5, hex("42"), 3000));
+    for (const auto& f : rb.received)
+        QVERIFY(f.frame.id != 0x100 && f.frame.id != 0x000);
+    QCOMPARE(b->wait(b->bus()->GetBitRate(0), &error)->value(), 0);
+    QCOMPARE(b->wait(b->service()->GetSdoTimeOut(), &error)->value(), 1000);
+}
+
+void TstServer::laterServicesAnswerNotSupported()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    QString error;
+    const QString expected = QStringLiteral("not supported by this server");
+    QCOMPARE(a->wait(a->service()->SdoUpload(0, 1, 0x1018, 1), &error)->error(), expected);
+    QCOMPARE(a->wait(a->service()->SdoDownload(0, 1, 0x2000, 0, "abcd"), &error)->error(), expected);
+    QCOMPARE(a->wait(a->service()->StopOnBoot(0, 1, 0), &error)->error(), expected);
+    QCOMPARE(a->wait(a->service()->LssInquire(1), &error)->error(), expected);
+    QCOMPARE(a->wait(a->service()->LssConfigure(1, 5, 3), &error)->error(), expected);
+    QCOMPARE(a->wait(a->benchBoard()->LoadSerialImage("x"), &error)->error(), expected);
+    // The objects the connectors hand out are this session's own.
+    const auto service = a->wait(a->connector()->GetService(""), &error);
+    QCOMPARE(service->name(), a->sessionName() + "/QCSService");
+    QCOMPARE(a->wait(a->testConnector()->GetBenchIo(), &error)->name(),
+             a->sessionName() + "/QCSBenchIo");
+    QCOMPARE(a->wait(a->testConnector()->GetShutdownRequest(), &error)->value(), 0);
+    CALL_OK(a, serverWindow()->Show()); // no display: nothing happens, no error
+}
+
+void TstServer::killedClientIsReaped()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder ra(a.get());
+    QCOMPARE(sessionCount(a.get()), 1);
+
+    QProcess client;
+    client.start(QStringLiteral(SESSIONCLIENT_PATH), {m_server->socketPath()});
+    QVERIFY(client.waitForStarted());
+    // QTRY_ evaluates its expression once more at the end: keep what was read.
+    QByteArray clientOutput;
+    QTRY_VERIFY((clientOutput += client.readAllStandardOutput()).contains("ready"));
+    QCOMPARE(sessionCount(a.get()), 2);
+    client.kill();
+    client.waitForFinished();
+    QTRY_COMPARE(sessionCount(a.get()), 1);
+    // The server goes on serving the session that is left.
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+}
+
+void TstServer::garbageOnTheSocketIsDropped_data()
+{
+    QTest::addColumn<bool>("attachFirst");
+    QTest::newRow("instead of the answer to the greeting") << false;
+    QTest::newRow("after attaching") << true;
+}
+
+void TstServer::garbageOnTheSocketIsDropped()
+{
+    QFETCH(bool, attachFirst);
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+
+    QLocalSocket rogue;
+    rogue.connectToServer(m_server->socketPath());
+    QVERIFY(rogue.waitForConnected(3000));
+    QTRY_VERIFY(rogue.canReadLine());
+    QVERIFY(rogue.readLine().startsWith(kGreeting));
+    if (attachFirst) {
+        rogue.write(QByteArray(kAttach) + '\n');
+        QTRY_COMPARE(sessionCount(a.get()), 2);
+    }
+    QByteArray garbage(64 * 1024, '\0');
+    for (int i = 0; i < garbage.size(); ++i)
+        garbage[i] = char((i * 2654435761u) >> 13);
+    rogue.write(garbage);
+    rogue.flush();
+    QTest::qWait(300);
+    // Whatever the server made of it, it still serves, and the rogue session goes with its
+    // connection.
+    CALL_OK(a, bus()->StartController(0));
+    rogue.abort();
+    QTRY_COMPARE(sessionCount(a.get()), 1);
+    QVERIFY(m_server->process().state() == QProcess::Running);
+}
+
+void TstServer::lostServerFailsCallsInTime()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    QSignalSpy lost(a.get(), &ServerConnection::connectionLost);
+    m_server->kill();
+    QTRY_COMPARE(lost.size(), 1);
+    QString error;
+    QVERIFY(!a->wait(a->bus()->GetControllerCount(), &error, 60000));
+    QCOMPARE(error, ServerConnection::kNotReachable);
+
+    ServerConnection other;
+    QVERIFY(!other.open(m_server->address(), 2000, &error));
+    QVERIFY2(error.startsWith(ServerConnection::kNotReachable), qPrintable(error));
+}
+
+void TstServer::clientOverTcp()
+{
+    QVERIFY(startServer({QStringLiteral("--listen"), QStringLiteral("tcp://127.0.0.1:0")}));
+    QString output;
+    QTRY_VERIFY((output += m_server->output()).contains("TCP port"));
+    const auto port = QRegularExpression("TCP port (\\d+)").match(output);
+    QVERIFY(port.hasMatch());
+    ServerConnection remote;
+    QString error;
+    QVERIFY2(remote.open(ServerAddress::fromMachineName("127.0.0.1:" + port.captured(1), {}), 5000,
+                         &error),
+             qPrintable(error));
+    CALL_OK((&remote), bus()->Advise());
+    FrameRecorder r(&remote);
+    CALL_OK((&remote), bus()->StartController(0));
+    QVERIFY(r.waitFor(0x701, hex("7f"), 3000));
+    QVERIFY(sessionCount(&remote) == 1);
+}
+
+void TstServer::refusesToStart_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("mentions");
+    QTest::newRow("unknown plugin") << QStringList{"--channel", "nosuchplugin:can0"} << "nosuchplugin";
+    QTest::newRow("no interface") << QStringList{"--channel", "socketcan"} << "socketcan";
+    QTest::newRow("bad bench") << QStringList{"--bench", "bigbench"} << "bigbench";
+    QTest::newRow("missing EDS") << QStringList{"--eds", "/nonexistent/drive.eds"} << "/nonexistent";
+    QTest::newRow("bad listen address") << QStringList{"--listen", "udp://1.2.3.4"} << "udp://";
+    QTest::newRow("five controllers") << QStringList{"--channel", "sim", "--channel", "sim",
+                                                     "--channel", "sim", "--channel", "sim",
+                                                     "--channel", "sim"}
+                                      << "four";
+}
+
+void TstServer::refusesToStart()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, mentions);
+    QProcess server;
+    server.setProcessChannelMode(QProcess::MergedChannels);
+    server.start(QStringLiteral(QORCALIB_SERVER_PATH),
+                 QStringList{"--socket", m_dir.filePath("refused")} + arguments);
+    QVERIFY(server.waitForFinished(10000));
+    QCOMPARE(server.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(server.exitCode(), 1);
+    const QString output = QString::fromLocal8Bit(server.readAll());
+    QVERIFY2(output.contains(mentions), qPrintable(output));
+}
+
+QTEST_GUILESS_MAIN(TstServer)
+#include "tst_server.moc"

@@ -1,0 +1,148 @@
+#include "objectdictionary.h"
+
+#include <QTemporaryDir>
+#include <QTest>
+#include <QtEndian>
+
+using namespace qorcalib;
+
+namespace {
+QString writeFile(const QTemporaryDir& dir, const QByteArray& content)
+{
+    const QString path = dir.filePath(QStringLiteral("test.eds"));
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return {};
+    file.write(content);
+    return path;
+}
+} // namespace
+
+class TstObjectDictionary : public QObject
+{
+    Q_OBJECT
+private slots:
+    void driveEds();
+    void encodeValue_data();
+    void encodeValue();
+    void badObjectsAreLeftOutWithWarnings();
+    void unreadableFiles_data();
+    void unreadableFiles();
+    void restoreDefaultsByRange();
+};
+
+void TstObjectDictionary::driveEds()
+{
+    QString error;
+    const auto od =
+        ObjectDictionary::fromEds(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"), 1, &error);
+    QVERIFY2(od, qPrintable(error));
+    QCOMPARE(od->unsignedValue(0x1018, 1), 0x3A1u);
+    QCOMPARE(od->unsignedValue(0x1017, 0), 1000u);
+    QCOMPARE(od->unsignedValue(0x1200, 1), 0x601u); // $NODEID+0x600
+    QCOMPARE(od->find(0x1008, 0)->value, QByteArray("QD-300"));
+    QCOMPARE(od->find(0x1008, 0)->access, OdAccess::Const);
+    QCOMPARE(od->find(0x2020, 0)->access, OdAccess::WriteOnly);
+    QCOMPARE(od->find(0x2101, 3)->highLimit, std::optional<qint64>(100000));
+    QVERIFY(od->hasObject(0x2100));
+    QVERIFY(!od->hasObject(0x2102));
+    QVERIFY(!od->find(0x1018, 5));
+    for (quint8 sub = 1; sub <= 8; ++sub)
+        QCOMPARE(od->find(0x2100, sub)->dataType, quint16(OdType::Unsigned32));
+}
+
+void TstObjectDictionary::encodeValue_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QByteArray>("bytes"); // hex, or "-" when the text does not fit
+    QTest::newRow("u8") << "255" << 0x5 << QByteArray("ff");
+    QTest::newRow("u8 too big") << "256" << 0x5 << QByteArray("-");
+    QTest::newRow("i8 negative") << "-128" << 0x2 << QByteArray("80");
+    QTest::newRow("i8 too small") << "-129" << 0x2 << QByteArray("-");
+    QTest::newRow("u16 hex") << "0x1234" << 0x6 << QByteArray("3412");
+    QTest::newRow("u32 node id") << "$NODEID+0x180" << 0x7 << QByteArray("85010000");
+    QTest::newRow("node id alone") << "$NODEID" << 0x5 << QByteArray("05");
+    QTest::newRow("i32 -1") << "-1" << 0x4 << QByteArray("ffffffff");
+    QTest::newRow("empty is zero") << "" << 0x6 << QByteArray("0000");
+    QTest::newRow("not a number") << "twelve" << 0x7 << QByteArray("-");
+    QTest::newRow("real32") << "1.5" << 0x8 << QByteArray("0000c03f");
+    QTest::newRow("string") << "axis 1" << 0x9 << QByteArray("6178697320 31").replace(' ', "");
+    QTest::newRow("u64") << "0x0102030405060708" << 0x1B << QByteArray("0807060504030201");
+    QTest::newRow("unknown type") << "1" << 0x7777 << QByteArray("-");
+}
+
+void TstObjectDictionary::encodeValue()
+{
+    QFETCH(QString, text);
+    QFETCH(int, type);
+    QFETCH(QByteArray, bytes);
+    const auto value = ObjectDictionary::encodeValue(text, quint16(type), 5);
+    if (bytes == "-") {
+        QVERIFY(!value);
+    } else {
+        QVERIFY(value);
+        QCOMPARE(value->toHex(), bytes);
+    }
+}
+
+void TstObjectDictionary::badObjectsAreLeftOutWithWarnings()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, "[1000]\r\nParameterName=Device Type\r\nObjectType=0x7\r\n"
+                                        "DataType=0x0007\r\nAccessType=ro\r\nDefaultValue=0x192\r\n"
+                                        "[2000]\r\nObjectType=0x7\r\nDataType=0x0005\r\n"
+                                        "AccessType=rw\r\nDefaultValue=300\r\n"
+                                        "[2001]\r\nObjectType=0x7\r\nDataType=0x0005\r\n"
+                                        "AccessType=sometimes\r\n"
+                                        "[2002\r\nDataType=0x0005\r\n");
+    QString error;
+    QStringList warnings;
+    const auto od = ObjectDictionary::fromEds(path, 1, &error, &warnings);
+    QVERIFY(od);
+    QCOMPARE(od->size(), 1);
+    QCOMPARE(od->unsignedValue(0x1000, 0), 0x192u);
+    QCOMPARE(warnings.size(), 2);
+    QVERIFY(warnings.join(' ').contains("[2000]"));
+    QVERIFY(warnings.join(' ').contains("[2001]"));
+}
+
+void TstObjectDictionary::unreadableFiles_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<bool>("exists");
+    QTest::newRow("missing") << QByteArray() << false;
+    QTest::newRow("empty") << QByteArray() << true;
+    QByteArray garbage(4096, '\0');
+    for (int i = 0; i < garbage.size(); ++i)
+        garbage[i] = char((i * 7919) & 0xFF);
+    QTest::newRow("binary garbage") << garbage << true;
+}
+
+void TstObjectDictionary::unreadableFiles()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(bool, exists);
+    QTemporaryDir dir;
+    const QString path = exists ? writeFile(dir, content) : dir.filePath("none.eds");
+    QString error;
+    QVERIFY(!ObjectDictionary::fromEds(path, 1, &error));
+    QVERIFY(error.contains(path));
+}
+
+void TstObjectDictionary::restoreDefaultsByRange()
+{
+    QString error;
+    auto od = ObjectDictionary::fromEds(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"), 1, &error);
+    QVERIFY(od);
+    od->find(0x1017, 0)->value = QByteArray("\x64\x00", 2);
+    od->find(0x2100, 1)->value = QByteArray(4, '\x11');
+    od->restoreDefaults(0x1000, 0x1FFF);
+    QCOMPARE(od->unsignedValue(0x1017, 0), 1000u);
+    QCOMPARE(od->unsignedValue(0x2100, 1), 0x11111111u);
+    od->restoreDefaults(0x0000, 0xFFFF);
+    QCOMPARE(od->unsignedValue(0x2100, 1), 1000u);
+}
+
+QTEST_APPLESS_MAIN(TstObjectDictionary)
+#include "tst_objectdictionary.moc"

@@ -1,0 +1,111 @@
+#include "serverprocess.h"
+
+#include <QDeadlineTimer>
+#include <QLocalSocket>
+#include <QTest>
+
+namespace qorcalib::test {
+
+ServerProcess::~ServerProcess()
+{
+    kill();
+}
+
+bool ServerProcess::start(const QStringList& arguments)
+{
+    m_process.setProcessChannelMode(QProcess::MergedChannels);
+    m_process.start(QStringLiteral(QORCALIB_SERVER_PATH),
+                    QStringList{QStringLiteral("--socket"), socketPath()} + arguments);
+    if (!m_process.waitForStarted(5000))
+        return false;
+    const QDeadlineTimer deadline(10000);
+    while (!deadline.hasExpired()) {
+        if (m_process.state() == QProcess::NotRunning)
+            return false;
+        QLocalSocket probe;
+        probe.connectToServer(socketPath());
+        if (probe.waitForConnected(100))
+            return true;
+        QTest::qWait(20);
+    }
+    return false;
+}
+
+void ServerProcess::kill()
+{
+    if (m_process.state() != QProcess::NotRunning) {
+        m_process.kill();
+        m_process.waitForFinished(5000);
+    }
+}
+
+QString ServerProcess::output()
+{
+    return QString::fromLocal8Bit(m_process.readAll());
+}
+
+std::unique_ptr<ServerConnection> ServerProcess::connect(int timeoutMs)
+{
+    auto connection = std::make_unique<ServerConnection>();
+    QString error;
+    if (!connection->open(address(), timeoutMs, &error)) {
+        qWarning("connect: %s", qPrintable(error));
+        return nullptr;
+    }
+    return connection;
+}
+
+FrameRecorder::FrameRecorder(ServerConnection* connection)
+{
+    QObject::connect(connection->notify(), &QCSNotifyReplica::FilteredRxCan, this,
+                     [this](int controller, const QByteArray& frames, int count) {
+                         QCOMPARE(recordCount(frames), count);
+                         for (int i = 0; i < count; ++i)
+                             received.append({controller, recordAt(frames, i)});
+                     });
+    QObject::connect(connection->notify(), &QCSNotifyReplica::TxCan, this,
+                     [this](int controller, const CanMsg& msg) {
+                         CanFrame f;
+                         f.id = quint16(msg.Id());
+                         f.len = quint8(msg.Len());
+                         for (int i = 0; i < f.len && i < msg.Data().size(); ++i)
+                             f.data[i] = quint8(msg.Data()[i]);
+                         transmitted.append({controller, f});
+                     });
+    QObject::connect(connection->notify(), &QCSNotifyReplica::ChangedConfig, this,
+                     [this](int controller, bool enabled, int rate) {
+                         configChanges.append({controller, enabled, rate});
+                     });
+}
+
+int FrameRecorder::find(quint16 id, const QByteArray& data, int from) const
+{
+    for (int i = from; i < received.size(); ++i) {
+        const CanFrame& f = received[i].frame;
+        if (f.id == id && f.len == data.size() &&
+            std::equal(data.begin(), data.end(), f.data.begin(),
+                       [](char a, quint8 b) { return quint8(a) == b; }))
+            return i;
+    }
+    return -1;
+}
+
+bool FrameRecorder::waitFor(quint16 id, const QByteArray& data, int timeoutMs, int from)
+{
+    const QDeadlineTimer deadline(timeoutMs);
+    while (find(id, data, from) < 0) {
+        if (deadline.hasExpired())
+            return false;
+        QTest::qWait(10);
+    }
+    return true;
+}
+
+void FrameRecorder::clear()
+{
+    received.clear();
+    transmitted.clear();
+    configChanges.clear();
+}
+
+} // namespace qorcalib::test

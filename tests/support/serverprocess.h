@@ -1,0 +1,60 @@
+#pragma once
+
+#include "canmsg.h"
+#include "serverconnection.h"
+
+#include <QProcess>
+#include <QSignalSpy>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <memory>
+
+namespace qorcalib::test {
+
+// A qorcalib-server child process listening on a socket in a private temporary folder.
+class ServerProcess
+{
+public:
+    ServerProcess() = default;
+    ~ServerProcess();
+
+    // Starts the server with the extra arguments and waits until its socket answers.
+    bool start(const QStringList& arguments = {});
+    void kill();
+    QString socketPath() const { return m_dir.path() + QStringLiteral("/qorcalib"); }
+    ServerAddress address() const { return ServerAddress::fromMachineName("localhost", socketPath()); }
+    QProcess& process() { return m_process; }
+    QString output();
+
+    // A connected session, or null with the reason in the test log.
+    std::unique_ptr<ServerConnection> connect(int timeoutMs = 5000);
+
+private:
+    QTemporaryDir m_dir;
+    QProcess m_process;
+};
+
+// Frames of FilteredRxCan events collected from a session, with helpers to wait for them.
+class FrameRecorder : public QObject
+{
+    Q_OBJECT
+public:
+    struct Frame
+    {
+        int controller;
+        CanFrame frame;
+    };
+    explicit FrameRecorder(ServerConnection* connection);
+
+    QList<Frame> received;
+    QList<Frame> transmitted;
+    QList<std::tuple<int, bool, int>> configChanges;
+
+    // Index of the first received frame at or after `from` with this COB-ID and data, or -1.
+    int find(quint16 id, const QByteArray& data, int from = 0) const;
+    bool waitFor(quint16 id, const QByteArray& data, int timeoutMs, int from = 0);
+    void clear();
+};
+
+} // namespace qorcalib::test
