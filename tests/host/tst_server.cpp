@@ -86,6 +86,8 @@ void TstServer::init()
 
 void TstServer::cleanup()
 {
+    if (m_server->process().state() == QProcess::Running)
+        QVERIFY2(m_server->stop(), qPrintable(m_server->output()));
     m_server.reset();
 }
 

@@ -39,6 +39,18 @@ void ServerProcess::kill()
     }
 }
 
+bool ServerProcess::stop()
+{
+    if (m_process.state() == QProcess::NotRunning)
+        return false;
+    m_process.terminate();
+    if (!m_process.waitForFinished(10000)) {
+        kill();
+        return false;
+    }
+    return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
+}
+
 QString ServerProcess::output()
 {
     return QString::fromLocal8Bit(m_process.readAll());

@@ -22,6 +22,9 @@ public:
     // Starts the server with the extra arguments and waits until its socket answers.
     bool start(const QStringList& arguments = {});
     void kill();
+    // Asks the server to end (SIGTERM) and tells whether it ended cleanly, with exit code 0:
+    // a sanitizer's report at shut-down makes it fail.
+    bool stop();
     QString socketPath() const { return m_dir.path() + QStringLiteral("/qorcalib"); }
     ServerAddress address() const { return ServerAddress::fromMachineName("localhost", socketPath()); }
     QProcess& process() { return m_process; }
