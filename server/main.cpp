@@ -8,6 +8,7 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QSocketNotifier>
+#include <QTimer>
 
 #include <csignal>
 #include <cstdio>
@@ -113,8 +114,18 @@ int main(int argc, char** argv)
                        "(default: %1).")
             .arg(defaultEdsPath()),
         QStringLiteral("file"), defaultEdsPath());
-    parser.addOptions(
-        {socketOption, listenOption, channelOption, benchOption, unpacedOption, edsOption});
+    const QCommandLineOption showOption(
+        QStringLiteral("show"),
+        QStringLiteral("Show the status window (controllers and client sessions) at start; "
+                       "clients can raise it at any time. Needs a display."));
+    const QCommandLineOption idleExitOption(
+        QStringLiteral("idle-exit"),
+        QStringLiteral("End the server this many seconds after its last client left (or after "
+                       "the start, when no client comes). Tessel starts its own local server "
+                       "this way; by default the server runs until it is stopped."),
+        QStringLiteral("seconds"));
+    parser.addOptions({socketOption, listenOption, channelOption, benchOption, unpacedOption,
+                       edsOption, showOption, idleExitOption});
     parser.process(*app);
     if (!parser.positionalArguments().isEmpty())
         return fail(QStringLiteral("unexpected argument '%1' (see --help)")
@@ -152,8 +163,30 @@ int main(int argc, char** argv)
             window->raise();
             window->activateWindow();
         });
+        if (parser.isSet(showOption))
+            emit core->showWindowRequested();
+    } else if (parser.isSet(showOption)) {
+        return fail(QStringLiteral("--show needs a display"));
     }
     quitOnSignals();
+
+    QTimer idleExit;
+    if (parser.isSet(idleExitOption)) {
+        bool ok = false;
+        const int seconds = parser.value(idleExitOption).toInt(&ok);
+        if (!ok || seconds < 1)
+            return fail(QStringLiteral("--idle-exit takes a number of seconds, 1 or more"));
+        idleExit.setSingleShot(true);
+        idleExit.setInterval(seconds * 1000);
+        QObject::connect(&idleExit, &QTimer::timeout, app.get(), &QCoreApplication::quit);
+        QObject::connect(&host, &ServerHost::sessionsChanged, &idleExit, [&] {
+            if (host.sessionCount() == 0)
+                idleExit.start();
+            else
+                idleExit.stop();
+        });
+        idleExit.start();
+    }
 
     QStringList controllers;
     for (int c = 0; c < core->controllerCount(); ++c)

@@ -139,7 +139,11 @@ void ServerHost::readAttach(QIODevice* connection)
 
     // From here on the connection belongs to the remote objects node. Its first bytes may
     // already wait in the buffer, so tell the node about them.
+    const QObjectList before = m_node.children();
     m_node.addHostSideConnection(connection);
+    for (QObject* child : m_node.children())
+        if (!before.contains(child) && child->metaObject()->indexOfSignal("disconnected()") >= 0)
+            m_wrappers[connection] = child;
     auto session = std::make_unique<Session>(m_core, this, p.id, p.peer, connection);
     QString error;
     if (!session->enableRemoting(&m_node, &error)) {
@@ -161,6 +165,15 @@ void ServerHost::dropConnection(QIODevice* connection)
     if (hadSession)
         m_sessions.erase(it);
     disconnect(connection, nullptr, this, nullptr);
+    // Qt Remote Objects 6.4 never hears that an external connection ended (it looks up the
+    // device's disconnected() signal under a wrong name), keeps writing to it and would use
+    // the device after it is gone. Its wrapper of the connection has the signal it waits for:
+    // emit that, so the node forgets the connection first.
+    if (const auto wrapper = m_wrappers.find(connection); wrapper != m_wrappers.end()) {
+        if (wrapper->second)
+            QMetaObject::invokeMethod(wrapper->second, "disconnected", Qt::DirectConnection);
+        m_wrappers.erase(wrapper);
+    }
     if (connection->isOpen())
         connection->close();
     // The remote objects node may still be handling this connection's last packet.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QObject>
+#include <QPointer>
 #include <QRemoteObjectHost>
 #include <QUrl>
 
@@ -59,6 +60,8 @@ private:
     };
     std::map<QIODevice*, Pending> m_pending;
     std::map<QIODevice*, std::unique_ptr<Session>> m_sessions;
+    // The remote objects node's own wrapper of each connection (see dropConnection).
+    std::map<QIODevice*, QPointer<QObject>> m_wrappers;
 };
 
 } // namespace qorcalib

@@ -63,6 +63,7 @@ private slots:
     void badInputIsRefused();
     void laterServicesAnswerNotSupported();
     void killedClientIsReaped();
+    void sessionRightAfterAnotherEnds();
     void garbageOnTheSocketIsDropped_data();
     void garbageOnTheSocketIsDropped();
     void lostServerFailsCallsInTime();
@@ -406,6 +407,19 @@ void TstServer::killedClientIsReaped()
     // The server goes on serving the session that is left.
     CALL_OK(a, bus()->StartController(0));
     QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+}
+
+void TstServer::sessionRightAfterAnotherEnds()
+{
+    QVERIFY(startServer());
+    for (int round = 0; round < 5; ++round) {
+        auto first = m_server->connect();
+        QVERIFY(first);
+        first.reset();
+        auto next = attach();
+        QVERIFY2(next, qPrintable(QStringLiteral("round %1").arg(round)));
+        CALL_OK(next, bus()->GetControllerCount());
+    }
 }
 
 void TstServer::garbageOnTheSocketIsDropped_data()

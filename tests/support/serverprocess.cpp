@@ -14,6 +14,8 @@ ServerProcess::~ServerProcess()
 bool ServerProcess::start(const QStringList& arguments)
 {
     m_process.setProcessChannelMode(QProcess::MergedChannels);
+    if (qEnvironmentVariableIsSet("TESSEL_SERVER_LOG"))
+        m_process.setStandardOutputFile(qEnvironmentVariable("TESSEL_SERVER_LOG"));
     m_process.start(QStringLiteral(QORCALIB_SERVER_PATH),
                     QStringList{QStringLiteral("--socket"), socketPath()} + arguments);
     if (!m_process.waitForStarted(5000))

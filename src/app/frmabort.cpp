@@ -1,0 +1,50 @@
+#include "frmabort.h"
+
+#include <QPushButton>
+#include <QVBoxLayout>
+
+namespace tessel {
+
+namespace {
+bool g_abort = false;
+}
+
+bool abortRequested()
+{
+    return g_abort;
+}
+
+void setAbortRequested(bool requested)
+{
+    g_abort = requested;
+}
+
+FrmAbort::FrmAbort(QWidget* mainWindow, QWidget* inputArea)
+    : QDialog(mainWindow), m_inputArea(inputArea)
+{
+    setObjectName(QStringLiteral("frmAbort"));
+    setWindowTitle(QStringLiteral("Tessel"));
+    cmdAbort = new QPushButton(QStringLiteral("Abort"), this);
+    cmdAbort->setObjectName(QStringLiteral("cmdAbort"));
+    cmdAbort->setToolTip(QStringLiteral("Stop the running operation"));
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(cmdAbort);
+    connect(cmdAbort, &QPushButton::clicked, this, [] { setAbortRequested(true); });
+}
+
+void FrmAbort::showEvent(QShowEvent* event)
+{
+    setAbortRequested(false);
+    if (m_inputArea)
+        m_inputArea->setEnabled(false);
+    QDialog::showEvent(event);
+}
+
+void FrmAbort::hideEvent(QHideEvent* event)
+{
+    if (m_inputArea)
+        m_inputArea->setEnabled(true);
+    QDialog::hideEvent(event);
+}
+
+} // namespace tessel

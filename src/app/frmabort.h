@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QDialog>
+
+class QPushButton;
+
+namespace tessel {
+
+// The abort flag long operations poll: set by the abort dialog's button.
+bool abortRequested();
+void setAbortRequested(bool requested);
+
+// The abort dialog: while it is open the main window takes no input; its button asks the
+// running operation to stop. Its owner closes it.
+class FrmAbort : public QDialog
+{
+    Q_OBJECT
+public:
+    // inputArea: the part of the main window that takes no input while the dialog is open (not
+    // the window itself, which would disable this dialog with it).
+    FrmAbort(QWidget* mainWindow, QWidget* inputArea);
+    QPushButton* cmdAbort = nullptr;
+
+protected:
+    void showEvent(QShowEvent* event) override;
+    void hideEvent(QHideEvent* event) override;
+
+private:
+    QWidget* m_inputArea;
+};
+
+} // namespace tessel

@@ -1,0 +1,521 @@
+#include "frmmain.h"
+
+#include "canmsg.h"
+#include "frmdiagno.h"
+#include "traceline.h"
+#include "waitcursor.h"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QCloseEvent>
+#include <QComboBox>
+#include <QGridLayout>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QStatusBar>
+#include <QVBoxLayout>
+
+namespace tessel {
+
+namespace {
+struct NmtButton
+{
+    const char* caption;
+    int specifier; // the button's tag
+    const char* tip;
+};
+constexpr NmtButton kNmtButtons[] = {
+    {"Start", 1, "Start all nodes (NMT start remote node)"},
+    {"Stop", 2, "Stop all nodes"},
+    {"Pre-op", 128, "Put all nodes into pre-operational"},
+    {"Res node", 129, "Reset all nodes"},
+    {"Res comm", 130, "Reset the communication of all nodes"},
+};
+} // namespace
+
+QString controllerStatusText(quint32 bits)
+{
+    QString text;
+    if (bits & qorcalib::StatusOverrun)
+        text += QStringLiteral("OR ");
+    if (bits & qorcalib::StatusTransmitPending)
+        text += QStringLiteral("TX ");
+    if (bits & qorcalib::StatusErrorWarning)
+        text += QStringLiteral("EW ");
+    if (bits & qorcalib::StatusBusOff)
+        text += QStringLiteral("BO ");
+    while (text.endsWith(QLatin1Char(' ')))
+        text.chop(1);
+    return text;
+}
+
+FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
+{
+    setObjectName(QStringLiteral("frmMain"));
+    setWindowTitle(kCaption);
+    m_message = [this](const QString& text) { QMessageBox::critical(this, windowTitle(), text); };
+    buildWindow();
+    connect(&m_link, &CanLink::configChanged, this, &FrmMain::onChangedConfig);
+    connect(&m_link, &CanLink::framesReceived, this, &FrmMain::onFramesReceived);
+    connect(&m_link, &CanLink::frameTransmitted, this, &FrmMain::onFrameTransmitted);
+    connect(&m_link, &CanLink::progressChanged, this,
+            [this](float percent) { prbStato->setValue(qRound(percent)); });
+    connect(&m_link, &CanLink::connectionLost, this, &FrmMain::onConnectionLost);
+    tmrStato.setInterval(kStatusIntervalMs);
+    connect(&tmrStato, &QTimer::timeout, this, &FrmMain::tmrStato_Timer);
+}
+
+FrmMain::~FrmMain()
+{
+    delete m_monitor;
+}
+
+void FrmMain::buildWindow()
+{
+    auto* central = new QWidget(this);
+    setCentralWidget(central);
+    auto* layout = new QVBoxLayout(central);
+
+    auto* fraCtrl = new QGroupBox(QStringLiteral("Controller"), central);
+    fraCtrl->setObjectName(QStringLiteral("fraCtrl"));
+    auto* grid = new QGridLayout(fraCtrl);
+    for (int i = 0; i < kRows; ++i) {
+        chkCanEnable[i] = new QCheckBox(QStringLiteral("Enable"), fraCtrl);
+        chkCanEnable[i]->setObjectName(QStringLiteral("chkCanEnable_%1").arg(i));
+        chkCanEnable[i]->setToolTip(QStringLiteral("Start or stop controller %1").arg(i));
+        cmbBaud[i] = new QComboBox(fraCtrl);
+        cmbBaud[i]->setObjectName(QStringLiteral("cmbBaud_%1").arg(i));
+        for (int r = 0; r < qorcalib::kBitRateCount; ++r)
+            cmbBaud[i]->addItem(qorcalib::bitRateText(r));
+        cmbBaud[i]->setToolTip(QStringLiteral("Bit rate of controller %1").arg(i));
+        optSelCanCtrl[i] = new QRadioButton(QStringLiteral("CAN %1").arg(i), fraCtrl);
+        optSelCanCtrl[i]->setObjectName(QStringLiteral("optSelCanCtrl_%1").arg(i));
+        optSelCanCtrl[i]->setToolTip(
+            QStringLiteral("Send, SDO and LSS act on controller %1").arg(i));
+        optSelCanCtrl[i]->setEnabled(false);
+        grid->addWidget(chkCanEnable[i], i, 0);
+        grid->addWidget(cmbBaud[i], i, 1);
+        grid->addWidget(optSelCanCtrl[i], i, 2);
+        chkCanEnable[i]->setEnabled(false);
+        cmbBaud[i]->setEnabled(false);
+    }
+    // The design-time state: controller 0 is the one normally used.
+    chkCanEnable[0]->setChecked(true);
+    for (int i = 0; i < kRows; ++i) {
+        connect(chkCanEnable[i], &QCheckBox::toggled, this, [this, i] { chkCanEnable_Click(i); });
+        connect(cmbBaud[i], &QComboBox::currentIndexChanged, this, [this, i] { cmbBaud_Click(i); });
+        connect(optSelCanCtrl[i], &QRadioButton::toggled, this, [this, i](bool on) {
+            if (on)
+                optSelCanCtrl_Click(i);
+        });
+    }
+
+    auto* fraNMT = new QGroupBox(QStringLiteral("NMT"), central);
+    fraNMT->setObjectName(QStringLiteral("fraNMT"));
+    auto* nmt = new QHBoxLayout(fraNMT);
+    for (int i = 0; i < int(cmdNMT.size()); ++i) {
+        cmdNMT[i] = new QPushButton(QLatin1String(kNmtButtons[i].caption), fraNMT);
+        cmdNMT[i]->setObjectName(QStringLiteral("cmdNMT_%1").arg(i));
+        cmdNMT[i]->setProperty("tag", QString::number(kNmtButtons[i].specifier));
+        cmdNMT[i]->setToolTip(QLatin1String(kNmtButtons[i].tip));
+        nmt->addWidget(cmdNMT[i]);
+        connect(cmdNMT[i], &QPushButton::clicked, this, [this, i] { cmdNMT_Click(i); });
+    }
+
+    auto* sdo = new QHBoxLayout;
+    sdo->addWidget(new QLabel(QStringLiteral("SDO timeout:"), central));
+    txtSDOTimeOut = new QLineEdit(central);
+    txtSDOTimeOut->setObjectName(QStringLiteral("txtSDOTimeOut"));
+    txtSDOTimeOut->setMaximumWidth(70);
+    txtSDOTimeOut->setToolTip(QStringLiteral("SDO time-out of the CAN server, in milliseconds"));
+    sdo->addWidget(txtSDOTimeOut);
+    sdo->addSpacing(12);
+    sdo->addWidget(new QLabel(QStringLiteral("Status:"), central));
+    txtAbort = new QLineEdit(central);
+    txtAbort->setObjectName(QStringLiteral("txtAbort"));
+    txtAbort->setReadOnly(true);
+    txtAbort->setToolTip(QStringLiteral("Result of the last bus operation: empty when it "
+                                        "succeeded, else the SDO abort code or the error"));
+    sdo->addWidget(txtAbort, 1);
+
+    auto* tools = new QHBoxLayout;
+    cmdDiagno = new QPushButton(QStringLiteral("Can &Monitor"), central);
+    cmdDiagno->setObjectName(QStringLiteral("cmdDiagno"));
+    cmdDiagno->setToolTip(QStringLiteral("Open the CAN monitor"));
+    connect(cmdDiagno, &QPushButton::clicked, this, &FrmMain::cmdDiagno_Click);
+    tools->addWidget(cmdDiagno);
+    tools->addStretch();
+
+    layout->addWidget(fraCtrl);
+    layout->addWidget(fraNMT);
+    layout->addLayout(sdo);
+    layout->addLayout(tools);
+    layout->addStretch();
+
+    for (int i = 0; i <= kRows; ++i) {
+        sbrStato[i] = new QLabel(this);
+        sbrStato[i]->setObjectName(QStringLiteral("sbrStato_%1").arg(i));
+        sbrStato[i]->setMinimumWidth(i == 0 ? 160 : 80);
+        statusBar()->addWidget(sbrStato[i], i == 0 ? 1 : 0);
+    }
+    for (int i = 1; i <= kRows; ++i)
+        sbrStato[i]->setToolTip(QStringLiteral("Status of controller %1: OR overrun, TX "
+                                               "transmit pending, EW error warning, BO bus off")
+                                    .arg(i - 1));
+    prbStato = new QProgressBar(this);
+    prbStato->setObjectName(QStringLiteral("prbStato"));
+    prbStato->setRange(0, 100);
+    prbStato->setValue(0);
+    prbStato->setMaximumWidth(140);
+    statusBar()->addPermanentWidget(prbStato);
+}
+
+void FrmMain::setMessageHandler(std::function<void(const QString&)> handler)
+{
+    m_message = std::move(handler);
+}
+
+void FrmMain::showMessage(const QString& text)
+{
+    if (m_message)
+        m_message(text);
+}
+
+bool FrmMain::formLoad(const QString& answer, QString* error)
+{
+    WindowPlacement::restoreGeometry(this, objectName());
+    m_placement.setReference(pos());
+    WaitCursor wait;
+    // The lists start at "1000K"; their signals are held until the link runs.
+    m_link.inhibitCtrlEvents = true;
+    for (int i = 0; i < kRows; ++i) {
+        cmbBaud[i]->setCurrentIndex(0);
+        cmbBaud[i]->setProperty("tag", QString());
+        m_bitRate[i] = 0;
+        m_previousBitRate[i] = 0;
+    }
+    m_link.inhibitCtrlEvents = false;
+    m_link.monitorEchoOff = false;
+
+    m_history.load();
+    if (!m_link.connectToServer(answer, error))
+        return false;
+    if (m_link.isRemote())
+        setWindowTitle(kCaption + QStringLiteral(" - ") + m_link.machineName());
+    sbrStato[0]->setText(m_link.isRemote() ? m_link.machineName() : QStringLiteral("localhost"));
+
+    const auto timeout = m_link.sdoTimeout(error);
+    if (!timeout)
+        return false;
+    txtSDOTimeOut->setText(QString::number(*timeout));
+    const auto bench = m_link.benchInfo(error);
+    if (!bench)
+        return false;
+    m_bench = *bench;
+
+    if (!(*error = m_link.advise()).isEmpty())
+        return false;
+    const auto count = m_link.controllerCount(error);
+    if (!count)
+        return false;
+    m_controllerCount = qBound(0, *count, kRows);
+    for (int i = 0; i < m_controllerCount; ++i) {
+        chkCanEnable[i]->setEnabled(true);
+        cmbBaud[i]->setEnabled(true);
+    }
+    int enabled = 0;
+    for (int i = 0; i < m_controllerCount; ++i) {
+        if (chkCanEnable[i]->isChecked()) {
+            chkCanEnable_Click(i);
+            ++enabled;
+        }
+    }
+    // A box checked on a row the server does not have is not a running controller.
+    for (int i = m_controllerCount; i < kRows; ++i) {
+        const QSignalBlocker block(chkCanEnable[i]);
+        chkCanEnable[i]->setChecked(false);
+    }
+    if (enabled == 0)
+        EnableBusButtons(false);
+    if (!(*error = m_link.startService()).isEmpty())
+        return false;
+
+    show();
+    m_monitor = new FrmDiagno(&m_placement, this);
+    // Laid out beside the main window's first position, unless the user placed it before.
+    m_monitor->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 0));
+    WindowPlacement::restoreGeometry(m_monitor, m_monitor->objectName());
+    connect(m_monitor, &FrmDiagno::traceSwitchChanged, this,
+            [this](bool on) { m_link.monitorEchoOff = !on; });
+    connect(m_monitor, &FrmDiagno::showTransmitChanged, this, [this](bool on) {
+        const QString e = m_link.setTxNotify(on);
+        if (!e.isEmpty())
+            showMessage(e);
+    });
+    connect(m_monitor, &FrmDiagno::receiveAllChanged, this, &FrmMain::SetRxAll);
+    m_link.setTxNotify(m_monitor->showTransmit());
+    tmrStato.start();
+    tmrStato_Timer();
+    return true;
+}
+
+void FrmMain::formUnload()
+{
+    if (m_unloaded)
+        return;
+    m_unloaded = true;
+    tmrStato.stop();
+    if (m_link.isConnected())
+        m_link.unadvise();
+    m_history.save();
+    WindowPlacement::saveGeometry(this, objectName());
+    if (m_monitor)
+        WindowPlacement::saveGeometry(m_monitor, m_monitor->objectName());
+    QApplication::quit();
+}
+
+void FrmMain::closeEvent(QCloseEvent* event)
+{
+    formUnload();
+    event->accept();
+}
+
+bool FrmMain::SendCanMsg(quint16 id, int length, const QByteArray& data)
+{
+    if (!chkCanEnable[m_selected]->isChecked())
+        return false;
+    if (length < 0 || length > 8) {
+        showMessage(QStringLiteral("frame length %1 out of range (0..8)").arg(length));
+        return true;
+    }
+    QByteArray bytes = data.left(length);
+    bytes.append(length - bytes.size(), '\0');
+    const QString error = m_link.send(m_selected, id, length, bytes, false);
+    if (!error.isEmpty()) {
+        showMessage(error);
+        return true;
+    }
+    if (!m_link.monitorEchoOff && m_monitor)
+        m_monitor->traceFrame(m_selected, int(TraceKind::Transmitted), id, 0, length,
+                              reinterpret_cast<const quint8*>(bytes.constData()));
+    return false;
+}
+
+bool FrmMain::SendCanRemote(quint32 id, int length)
+{
+    if (!chkCanEnable[m_selected]->isChecked())
+        return false;
+    const QString error = m_link.send(m_selected, quint16(id), length, {}, true);
+    if (!error.isEmpty()) {
+        showMessage(error);
+        return true;
+    }
+    if (!m_link.monitorEchoOff && m_monitor)
+        m_monitor->traceFrame(m_selected, int(TraceKind::RemoteRequest), id, 0, 0, nullptr);
+    return false;
+}
+
+void FrmMain::SetRxAll(bool enable)
+{
+    const QString error = m_link.setRxAll(enable);
+    if (!error.isEmpty())
+        showMessage(error);
+}
+
+void FrmMain::EnableBusButtons(bool enable)
+{
+    for (QPushButton* b : cmdNMT)
+        b->setEnabled(enable);
+}
+
+void FrmMain::EnableController(int index)
+{
+    QString error = m_link.setBitRate(index, cmbBaud[index]->currentIndex());
+    if (error.isEmpty())
+        error = m_link.startController(index);
+    if (!error.isEmpty())
+        showMessage(error);
+}
+
+void FrmMain::DisableController(int index)
+{
+    const QString error = m_link.stopController(index);
+    if (!error.isEmpty())
+        showMessage(error);
+}
+
+void FrmMain::ApplyBitRate(int index)
+{
+    WaitCursor wait;
+    QString error = m_link.setBitRate(index, cmbBaud[index]->currentIndex());
+    if (error.isEmpty())
+        error = m_link.restartController(index);
+    if (!error.isEmpty())
+        showMessage(error);
+}
+
+void FrmMain::chkCanEnable_Click(int index)
+{
+    WaitCursor wait;
+    if (chkCanEnable[index]->isChecked()) {
+        if (!m_link.inhibitCtrlEvents)
+            EnableController(index);
+        EnableBusButtons(true);
+        optSelCanCtrl[index]->setEnabled(true);
+        optSelCanCtrl[index]->setChecked(true);
+    } else {
+        int first = -1;
+        for (int i = 0; i < m_controllerCount && first < 0; ++i)
+            if (chkCanEnable[i]->isChecked())
+                first = i;
+        if (first >= 0)
+            optSelCanCtrl[first]->setChecked(true);
+        else
+            EnableBusButtons(false);
+        optSelCanCtrl[index]->setEnabled(false);
+        if (!m_link.inhibitCtrlEvents)
+            DisableController(index);
+    }
+}
+
+void FrmMain::cmbBaud_Click(int index)
+{
+    // The LSS set procedure marks the list while it changes the index itself.
+    if (!cmbBaud[index]->property("tag").toString().isEmpty())
+        return;
+    if (chkCanEnable[index]->isChecked() && !m_link.inhibitCtrlEvents)
+        ApplyBitRate(index);
+    m_previousBitRate[index] = m_bitRate[index];
+    m_bitRate[index] = cmbBaud[index]->currentIndex();
+}
+
+void FrmMain::optSelCanCtrl_Click(int)
+{
+    for (int i = 0; i < kRows; ++i) {
+        if (optSelCanCtrl[i]->isChecked()) {
+            m_selected = i;
+            return;
+        }
+    }
+}
+
+void FrmMain::tmrStato_Timer()
+{
+    for (int i = 0; i < m_controllerCount; ++i) {
+        if (!chkCanEnable[i]->isChecked()) {
+            sbrStato[i + 1]->setText(QString());
+            continue;
+        }
+        QString error;
+        const auto bits = m_link.status(i, &error);
+        sbrStato[i + 1]->setText(bits ? controllerStatusText(*bits) : QStringLiteral("?"));
+    }
+}
+
+void FrmMain::cmdNMT_Click(int index)
+{
+    const auto command = quint8(cmdNMT[index]->property("tag").toString().toInt());
+    QByteArray data(2, '\0'); // node-ID 0: every node
+    data[0] = char(command);
+    txtAbort->setText(SendCanMsg(0, 2, data) ? QStringLiteral("Can - send err") : QString());
+}
+
+void FrmMain::cmdDiagno_Click()
+{
+    if (!m_monitor)
+        return;
+    m_monitor->show();
+    m_monitor->raise();
+    m_monitor->activateWindow();
+}
+
+void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)
+{
+    if (controller < 0 || controller >= kRows) {
+        qWarning("ChangedConfig for controller %d, which has no row here", controller);
+        return;
+    }
+    if (m_bitRate[controller] == bitRateIndex && chkCanEnable[controller]->isChecked() == enabled)
+        return;
+    m_link.inhibitCtrlEvents = true;
+    cmbBaud[controller]->setCurrentIndex(bitRateIndex);
+    chkCanEnable[controller]->setChecked(enabled);
+    m_link.inhibitCtrlEvents = false;
+}
+
+void FrmMain::onFramesReceived(int controller, const QByteArray& records, int count)
+{
+    if (controller < 0 || controller >= kRows || !chkCanEnable[controller]->isChecked() ||
+        !m_monitor)
+        return;
+    m_monitor->receiveRecords(controller, records, count);
+}
+
+void FrmMain::onFrameTransmitted(int controller, quint16 id, int length, const QByteArray& data)
+{
+    if (!m_monitor || !m_monitor->showTransmit())
+        return;
+    QByteArray bytes = data.left(qBound(0, length, 8));
+    bytes.append(qBound(0, length, 8) - bytes.size(), '\0');
+    m_monitor->traceFrame(controller, int(TraceKind::Transmitted), id, 0, bytes.size(),
+                          reinterpret_cast<const quint8*>(bytes.constData()));
+}
+
+void FrmMain::onConnectionLost()
+{
+    sbrStato[0]->setText(ServerConnection::kNotReachable);
+    sbrStato[0]->setToolTip(QStringLiteral("The CAN server went away; restart Tessel to "
+                                           "connect again"));
+}
+
+void FrmMain::keyPressEvent(QKeyEvent* event)
+{
+    const auto all = Qt::ShiftModifier | Qt::ControlModifier | Qt::AltModifier;
+    if (event->key() == Qt::Key_F10 && event->modifiers() == all) {
+        const QString error = m_link.showServerWindow();
+        if (!error.isEmpty()) {
+            showMessage(error);
+            return;
+        }
+        QString requestError;
+        if (m_link.shutdownRequested(&requestError).value_or(false))
+            formUnload();
+        return;
+    }
+    QMainWindow::keyPressEvent(event);
+}
+
+QList<QWidget*> FrmMain::carriedWindows() const
+{
+    QList<QWidget*> windows;
+    if (m_monitor)
+        windows << m_monitor;
+    return windows;
+}
+
+void FrmMain::changeEvent(QEvent* event)
+{
+    QMainWindow::changeEvent(event);
+    if (event->type() != QEvent::WindowStateChange)
+        return;
+    // The tool windows go and come back with the main window.
+    if (isMinimized()) {
+        for (QWidget* w : carriedWindows()) {
+            w->setProperty("tag", w->isVisible() ? QStringLiteral("1") : QStringLiteral("0"));
+            w->hide();
+        }
+    } else {
+        for (QWidget* w : carriedWindows())
+            if (w->property("tag").toString() == QLatin1String("1"))
+                w->show();
+    }
+}
+
+} // namespace tessel

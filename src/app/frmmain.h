@@ -1,0 +1,110 @@
+#pragma once
+
+#include "canlink.h"
+#include "firmwarehistory.h"
+#include "windowplacement.h"
+
+#include <QMainWindow>
+#include <QTimer>
+
+#include <array>
+#include <functional>
+
+class QCheckBox;
+class QComboBox;
+class QLabel;
+class QLineEdit;
+class QProgressBar;
+class QPushButton;
+class QRadioButton;
+
+namespace tessel {
+
+class FrmDiagno;
+
+// The controller status text: "OR ", "TX ", "EW ", "BO " for bits 2, 1, 4, 8, in that order,
+// without the trailing blank.
+QString controllerStatusText(quint32 bits);
+
+// The main window "Tessel": owns the link to the CAN server, the controller panel with the bus
+// status, the NMT buttons and the tool windows.
+class FrmMain : public QMainWindow
+{
+    Q_OBJECT
+public:
+    static constexpr int kRows = CanLink::kControllerRows;
+    static constexpr int kStatusIntervalMs = 1000;
+    static inline const QString kCaption = QStringLiteral("Tessel");
+
+    explicit FrmMain(QWidget* parent = nullptr);
+    ~FrmMain() override;
+
+    // Start-up with the answer to "Remote server name:" (not empty). False, with the reason,
+    // when the program cannot go on.
+    bool formLoad(const QString& answer, QString* error);
+    // Saves the settings and ends the program.
+    void formUnload();
+
+    // The send routines every window uses: true when the send failed.
+    bool SendCanMsg(quint16 id, int length, const QByteArray& data);
+    bool SendCanRemote(quint32 id, int length);
+    void SetRxAll(bool enable);
+    void EnableBusButtons(bool enable);
+
+    CanLink* link() { return &m_link; }
+    FrmDiagno* monitor() const { return m_monitor; }
+    int selectedController() const { return m_selected; }
+    int controllerCount() const { return m_controllerCount; }
+
+    // Where messages for the user go; a message box titled with the caption unless replaced.
+    void setMessageHandler(std::function<void(const QString&)> handler);
+
+    std::array<QCheckBox*, kRows> chkCanEnable{};
+    std::array<QComboBox*, kRows> cmbBaud{};
+    std::array<QRadioButton*, kRows> optSelCanCtrl{};
+    std::array<QPushButton*, 5> cmdNMT{};
+    std::array<QLabel*, kRows + 1> sbrStato{}; // panel 0: the server; 1..4: the controllers
+    QLineEdit* txtAbort = nullptr;
+    QLineEdit* txtSDOTimeOut = nullptr;
+    QProgressBar* prbStato = nullptr;
+    QPushButton* cmdDiagno = nullptr;
+    QTimer tmrStato;
+
+    void chkCanEnable_Click(int index);
+    void cmbBaud_Click(int index);
+    void optSelCanCtrl_Click(int index);
+    void tmrStato_Timer();
+    void cmdNMT_Click(int index);
+    void cmdDiagno_Click();
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
+    void changeEvent(QEvent* event) override;
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    void buildWindow();
+    void onChangedConfig(int controller, bool enabled, int bitRateIndex);
+    void onFramesReceived(int controller, const QByteArray& records, int count);
+    void onFrameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
+    void onConnectionLost();
+    void EnableController(int index);
+    void DisableController(int index);
+    void ApplyBitRate(int index);
+    void showMessage(const QString& text);
+    QList<QWidget*> carriedWindows() const;
+
+    CanLink m_link;
+    FirmwareHistory m_history;
+    WindowPlacement m_placement;
+    FrmDiagno* m_monitor = nullptr;
+    std::function<void(const QString&)> m_message;
+    int m_selected = 0;
+    int m_controllerCount = 0;
+    std::array<int, kRows> m_bitRate{};
+    std::array<int, kRows> m_previousBitRate{};
+    bool m_unloaded = false;
+    CanLink::BenchInfo m_bench;
+};
+
+} // namespace tessel

@@ -1,0 +1,277 @@
+#include "canlink.h"
+
+#include "canmsg.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QThread>
+
+namespace tessel {
+
+namespace {
+constexpr int kConnectTimeoutMs = 5000;
+constexpr int kServerStartTimeoutMs = 10000;
+// A server started for us ends this long after its last client left.
+constexpr int kStartedServerIdleSeconds = 10;
+// Frames sent but not yet reported back; older ones were never acknowledged on the bus.
+constexpr int kEchoMemory = 256;
+} // namespace
+
+CanLink::CanLink(QObject* parent)
+    : QObject(parent), m_localSocketPath(qorcalib::defaultLocalSocketPath())
+{
+}
+
+CanLink::~CanLink() = default;
+
+QString CanLink::serverProgram()
+{
+    const QString beside =
+        QCoreApplication::applicationDirPath() + QStringLiteral("/qorcalib-server");
+    if (QFileInfo(beside).isExecutable())
+        return beside;
+    return QStandardPaths::findExecutable(QStringLiteral("qorcalib-server"));
+}
+
+bool CanLink::isConnected() const
+{
+    return m_connection && m_connection->isConnected();
+}
+
+bool CanLink::connectToServer(const QString& answer, QString* error)
+{
+    const qsizetype hash = answer.indexOf(QLatin1Char('#'));
+    m_machine = hash < 0 ? answer : answer.left(hash);
+    m_selector = hash < 0 ? QString() : answer.mid(hash + 1);
+    m_remote = m_machine != QLatin1String("localhost");
+    const auto address = qorcalib::ServerAddress::fromMachineName(m_machine, m_localSocketPath);
+
+    m_connection = std::make_unique<ServerConnection>();
+    if (!m_connection->open(address, kConnectTimeoutMs, error)) {
+        if (m_remote || !startLocalServer(error))
+            return false;
+        m_connection = std::make_unique<ServerConnection>();
+        if (!m_connection->open(address, kConnectTimeoutMs, error))
+            return false;
+    }
+    auto* notify = m_connection->notify();
+    connect(notify, &QCSNotifyReplica::ProgressNotify, this,
+            [this](double fraction) { emit progressChanged(progressPercent(fraction)); });
+    connect(notify, &QCSNotifyReplica::FilteredRxCan, this, &CanLink::framesReceived);
+    connect(notify, &QCSNotifyReplica::ChangedConfig, this, &CanLink::configChanged);
+    connect(notify, &QCSNotifyReplica::TxCan, this, &CanLink::onTxCan);
+    connect(m_connection.get(), &ServerConnection::connectionLost, this, &CanLink::connectionLost);
+
+    // The service the selector names; the objects of a session are its own, so the name it
+    // answers only confirms that the service exists.
+    const auto service =
+        m_connection->wait(m_connection->connector()->GetService(m_selector), error);
+    if (!service)
+        return false;
+    if (!service->error().isEmpty()) {
+        *error = service->error();
+        return false;
+    }
+    return true;
+}
+
+bool CanLink::startLocalServer(QString* error)
+{
+    const QString program = serverProgram();
+    if (program.isEmpty()) {
+        *error = QStringLiteral("%1: qorcalib-server is neither beside this program nor on PATH")
+                     .arg(ServerConnection::kNotReachable);
+        return false;
+    }
+    if (!QProcess::startDetached(program,
+                                 {QStringLiteral("--socket"), m_localSocketPath,
+                                  QStringLiteral("--idle-exit"),
+                                  QString::number(kStartedServerIdleSeconds)})) {
+        *error = QStringLiteral("%1: %2 cannot be started")
+                     .arg(ServerConnection::kNotReachable, program);
+        return false;
+    }
+    const QDeadlineTimer deadline(kServerStartTimeoutMs);
+    while (!deadline.hasExpired()) {
+        if (QFileInfo::exists(m_localSocketPath)) {
+            ServerConnection probe;
+            QString ignored;
+            if (probe.open(qorcalib::ServerAddress::fromMachineName(QStringLiteral("localhost"),
+                                                                    m_localSocketPath),
+                           1000, &ignored))
+                return true;
+        }
+        QThread::msleep(50);
+    }
+    *error = QStringLiteral("%1: %2 did not start listening on %3")
+                 .arg(ServerConnection::kNotReachable, program, m_localSocketPath);
+    return false;
+}
+
+#define LINK_CALL(expression)                                                                      \
+    do {                                                                                           \
+        if (!m_connection)                                                                         \
+            return ServerConnection::kNotReachable;                                                \
+        QString callError;                                                                         \
+        const auto reply = m_connection->wait(m_connection->expression, &callError);              \
+        return reply ? reply->error() : callError;                                                 \
+    } while (0)
+
+QString CanLink::startController(int controller)
+{
+    LINK_CALL(bus()->StartController(controller));
+}
+
+QString CanLink::restartController(int controller)
+{
+    LINK_CALL(bus()->RestartController(controller));
+}
+
+QString CanLink::stopController(int controller)
+{
+    LINK_CALL(bus()->StopController(controller));
+}
+
+QString CanLink::setBitRate(int controller, int bitRateIndex)
+{
+    LINK_CALL(bus()->SetBitRate(controller, bitRateIndex));
+}
+
+QString CanLink::advise()
+{
+    LINK_CALL(bus()->Advise());
+}
+
+QString CanLink::unadvise()
+{
+    LINK_CALL(bus()->Unadvise());
+}
+
+QString CanLink::setRxAll(bool enable)
+{
+    // -1 receives every frame; 32767 (deliberately not 0) goes back to the filtered stream.
+    LINK_CALL(bus()->setallrxflag(enable ? -1 : 32767));
+}
+
+QString CanLink::setTxNotify(bool on)
+{
+    LINK_CALL(bus()->SetTxNotify(on));
+}
+
+QString CanLink::startService()
+{
+    LINK_CALL(service()->Start(0));
+}
+
+QString CanLink::showServerWindow()
+{
+    LINK_CALL(serverWindow()->Show());
+}
+
+#undef LINK_CALL
+
+namespace {
+template <typename R, typename V>
+std::optional<V> valueOf(const std::optional<R>& reply, QString* error, V (R::*get)() const)
+{
+    if (!reply)
+        return std::nullopt;
+    if (!reply->error().isEmpty()) {
+        *error = reply->error();
+        return std::nullopt;
+    }
+    return ((*reply).*get)();
+}
+} // namespace
+
+std::optional<int> CanLink::controllerCount(QString* error)
+{
+    if (!m_connection)
+        return (*error = ServerConnection::kNotReachable, std::nullopt);
+    return valueOf(m_connection->wait(m_connection->bus()->GetControllerCount(), error), error,
+                   &IntReply::value);
+}
+
+std::optional<quint32> CanLink::status(int controller, QString* error)
+{
+    if (!m_connection)
+        return (*error = ServerConnection::kNotReachable, std::nullopt);
+    const auto value = valueOf(m_connection->wait(m_connection->bus()->GetStatus(controller), error),
+                               error, &IntReply::value);
+    return value ? std::optional<quint32>(quint32(*value)) : std::nullopt;
+}
+
+std::optional<int> CanLink::sdoTimeout(QString* error)
+{
+    if (!m_connection)
+        return (*error = ServerConnection::kNotReachable, std::nullopt);
+    return valueOf(m_connection->wait(m_connection->service()->GetSdoTimeOut(), error), error,
+                   &IntReply::value);
+}
+
+std::optional<CanLink::BenchInfo> CanLink::benchInfo(QString* error)
+{
+    if (!m_connection)
+        return (*error = ServerConnection::kNotReachable, std::nullopt);
+    const auto reply = m_connection->wait(m_connection->benchBoard()->GetBenchInfo(), error);
+    if (!reply)
+        return std::nullopt;
+    if (!reply->error().isEmpty())
+        return (*error = reply->error(), std::nullopt);
+    return BenchInfo{reply->kind(), reply->type(), reply->third()};
+}
+
+std::optional<bool> CanLink::shutdownRequested(QString* error)
+{
+    if (!m_connection)
+        return (*error = ServerConnection::kNotReachable, std::nullopt);
+    const auto value =
+        valueOf(m_connection->wait(m_connection->testConnector()->GetShutdownRequest(), error),
+                error, &IntReply::value);
+    return value ? std::optional<bool>(*value == -1) : std::nullopt;
+}
+
+QString CanLink::send(int controller, quint16 id, int length, const QByteArray& data, bool remote)
+{
+    if (!m_connection)
+        return ServerConnection::kNotReachable;
+    const CanMsg msg(id, length, remote ? QByteArray() : data.left(8));
+    QString error;
+    const auto reply = remote ? m_connection->wait(m_connection->bus()->SendRemote(controller, msg), &error)
+                              : m_connection->wait(m_connection->bus()->Send(controller, msg, 0), &error);
+    if (!reply)
+        return error;
+    if (reply->error().isEmpty()) {
+        QByteArray padded = remote ? QByteArray() : data.left(qBound(0, length, 8));
+        if (!remote)
+            padded.append(qBound(0, length, 8) - padded.size(), '\0');
+        m_echoed.enqueue({controller, id, padded});
+        if (m_echoed.size() > kEchoMemory)
+            m_echoed.dequeue();
+    }
+    return reply->error();
+}
+
+void CanLink::onTxCan(int controller, const CanMsg& msg)
+{
+    for (qsizetype i = 0; i < m_echoed.size(); ++i) {
+        const Echoed& e = m_echoed[i];
+        if (e.controller == controller && e.id == msg.Id() && e.data == msg.Data()) {
+            // Reports come in send order: what is before this one was never on the bus.
+            m_echoed.erase(m_echoed.begin(), m_echoed.begin() + i + 1);
+            return;
+        }
+    }
+    emit frameTransmitted(controller, quint16(msg.Id()), msg.Len(), msg.Data());
+}
+
+float CanLink::progressPercent(double fraction)
+{
+    const double clamped = fraction < 0.0 ? 0.0 : fraction > 1.0 ? 1.0 : fraction;
+    return float(clamped * 100.0);
+}
+
+} // namespace tessel

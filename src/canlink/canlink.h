@@ -1,0 +1,102 @@
+#pragma once
+
+#include "serverconnection.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QQueue>
+
+#include <memory>
+#include <optional>
+
+namespace tessel {
+
+using qorcalib::ServerConnection;
+
+// The program's link to the CAN server: the connection made from the name the user answers at
+// start-up, the calls the windows make (each returns the server's error description, empty on
+// success), and the notify sink's rules. It holds no widgets; the main window binds to it.
+class CanLink : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr int kControllerRows = 4;
+
+    explicit CanLink(QObject* parent = nullptr);
+    ~CanLink() override;
+
+    // "NAME" or "NAME#SELECTOR". "localhost" (exactly) is the local server on localSocketPath,
+    // started from serverProgram when none answers there; any other name is a server on TCP.
+    bool connectToServer(const QString& answer, QString* error);
+    void setLocalSocketPath(const QString& path) { m_localSocketPath = path; }
+    // The server program to start for "localhost": beside this program, else on PATH.
+    static QString serverProgram();
+    bool isRemote() const { return m_remote; }
+    QString machineName() const { return m_machine; }
+    QString selector() const { return m_selector; }
+    bool isConnected() const;
+    ServerConnection* connection() const { return m_connection.get(); }
+
+    // Bus and service calls; errors as descriptions.
+    QString startController(int controller);
+    QString restartController(int controller);
+    QString stopController(int controller);
+    QString setBitRate(int controller, int bitRateIndex);
+    QString advise();
+    QString unadvise();
+    QString setRxAll(bool enable);
+    QString setTxNotify(bool on);
+    QString startService();
+    std::optional<int> controllerCount(QString* error);
+    std::optional<quint32> status(int controller, QString* error);
+    std::optional<int> sdoTimeout(QString* error);
+    struct BenchInfo
+    {
+        int kind = 0;
+        int type = 0;
+        int third = 0;
+    };
+    std::optional<BenchInfo> benchInfo(QString* error);
+    QString showServerWindow();
+    std::optional<bool> shutdownRequested(QString* error);
+
+    // Sends a frame on a controller. The frame is remembered so that the server's report of it
+    // (TxCan) is not traced a second time: the sender echoes its own frames.
+    QString send(int controller, quint16 id, int length, const QByteArray& data, bool remote);
+
+    // MonitorEchoOff: while set, the send routines do not echo sent frames into the monitor.
+    bool monitorEchoOff = false;
+    // InhibitCtrlEvents: while set, the controller controls do not forward changes.
+    bool inhibitCtrlEvents = false;
+
+    // ProgressNotify's rule: the fraction clamped to 0..1, as a percentage.
+    static float progressPercent(double fraction);
+
+signals:
+    void progressChanged(float percent);
+    // FilteredRxCan, records unpacked by the receiver (qorcalib::recordAt).
+    void framesReceived(int controller, const QByteArray& records, int count);
+    void configChanged(int controller, bool enabled, int bitRateIndex);
+    // A frame the server sent for this program and that it did not echo itself.
+    void frameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
+    void connectionLost();
+
+private:
+    bool startLocalServer(QString* error);
+    void onTxCan(int controller, const CanMsg& msg);
+
+    std::unique_ptr<ServerConnection> m_connection;
+    QString m_localSocketPath;
+    QString m_machine;
+    QString m_selector;
+    bool m_remote = false;
+    struct Echoed
+    {
+        int controller;
+        quint16 id;
+        QByteArray data;
+    };
+    QQueue<Echoed> m_echoed;
+};
+
+} // namespace tessel

@@ -1,0 +1,36 @@
+#include "firmwarehistory.h"
+
+#include "machinesettings.h"
+
+#include <QSettings>
+
+namespace tessel {
+
+void FirmwareHistory::load()
+{
+    QSettings settings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
+                       userSettingsApplication());
+    settings.beginGroup(QStringLiteral("filename"));
+    const int count = qMax(0, settings.value(QStringLiteral("fwupdcnt"), 0).toInt());
+    names.clear();
+    options.clear();
+    for (int i = 0; i < count; ++i) {
+        names << settings.value(QStringLiteral("fwname%1").arg(i)).toString();
+        options << settings.value(QStringLiteral("fwppopt%1").arg(i)).toString();
+    }
+}
+
+void FirmwareHistory::save() const
+{
+    QSettings settings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
+                       userSettingsApplication());
+    settings.beginGroup(QStringLiteral("filename"));
+    for (int i = 0; i < names.size(); ++i) {
+        settings.setValue(QStringLiteral("fwname%1").arg(i), names[i]);
+        settings.setValue(QStringLiteral("fwppopt%1").arg(i), options.value(i));
+    }
+    settings.setValue(QStringLiteral("fwupdcnt"), int(names.size()));
+    settings.sync();
+}
+
+} // namespace tessel

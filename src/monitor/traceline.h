@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QString>
+
+namespace tessel {
+
+// Kinds of trace entries.
+enum class TraceKind : int { Received = 1, Transmitted = 2, RemoteRequest = 3 };
+
+// One trace line, without line end: "R0 181 2 005s123.456 > 12 34 ".
+//   letter R/T/M by kind (none for another code) and the channel in decimal; the COB-ID as 3
+//   hexadecimal digits (its last 3 when longer); the length; the time as seconds modulo 1000
+//   ("000") + "s" + milliseconds with three decimals, always 7 characters ("005.500"); " > ";
+//   each data byte as 2 hexadecimal digits and a blank. Remote requests show length 0 and no
+//   data. `decimalPoint` is the user's locale decimal separator.
+QString traceLine(int channel, int kind, quint32 id, quint32 timeUs, int length,
+                  const quint8* data, QChar decimalPoint = QLatin1Char('.'));
+
+// The trace text with its bounds: when a line would bring the text to 65000 characters or
+// more, the text is first cut to its last 16300 characters (the cut may fall inside a line:
+// only the newest part matters, and the cut is one cheap step instead of a line search).
+class TraceBuffer
+{
+public:
+    static constexpr int kMaxLength = 65000;
+    static constexpr int kKeepLength = 16300;
+
+    void append(const QString& line);
+    void clear();
+    const QString& text() const { return m_text; }
+    // Changes since the last call: whether the text was cut or cleared (the view must take the
+    // whole text), else how many characters were added at the end.
+    struct Change
+    {
+        bool replaced = false;
+        qsizetype added = 0;
+    };
+    Change takeChange();
+
+private:
+    QString m_text;
+    bool m_replaced = false;
+    qsizetype m_shown = 0;
+};
+
+} // namespace tessel

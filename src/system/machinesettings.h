@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QString>
+
+namespace tessel {
+
+// Machine-wide settings of the program (INI, system scope, organisation "Qor", group
+// "Common"): the name of the CAN server to offer at start-up.
+QString readRemoteServer(const QString& fallback);
+// Failures (a read-only system folder) are ignored: the name is then only not remembered.
+void writeRemoteServer(const QString& name);
+
+// Per-user settings "Qor.Tessel" (INI), group "filename".
+QString userSettingsOrganisation();
+QString userSettingsApplication();
+
+} // namespace tessel

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QString>
+
+namespace tessel {
+
+// Runs a command line and waits for it to end. The line is split into words as a shell splits
+// them (quotes group words), but no shell runs. Returns the exit code, or -1 when the program
+// cannot be started or does not end normally. `show` is accepted for the callers' sake: a
+// command-line program has no window to show or hide here.
+int runAndWait(const QString& commandLine, bool show);
+
+// A new empty file with a unique name in the temporary folder ("TEMP" when set, else the
+// system's), whose name starts with prefix; "" when none can be made.
+QString makeTempFileName(const QString& prefix);
+
+} // namespace tessel
