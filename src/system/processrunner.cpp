@@ -6,10 +6,62 @@
 
 namespace tessel {
 
+QStringList splitCommandLine(const QString& commandLine)
+{
+    QStringList words;
+    QString word;
+    bool inWord = false;
+    enum { Plain, Single, Double } quote = Plain;
+    for (qsizetype i = 0; i < commandLine.size(); ++i) {
+        const QChar c = commandLine[i];
+        switch (quote) {
+        case Single:
+            if (c == QLatin1Char('\''))
+                quote = Plain;
+            else
+                word += c;
+            break;
+        case Double:
+            if (c == QLatin1Char('"')) {
+                quote = Plain;
+            } else if (c == QLatin1Char('\\') && i + 1 < commandLine.size() &&
+                       QStringLiteral("\"\\$`").contains(commandLine[i + 1])) {
+                word += commandLine[++i];
+            } else {
+                word += c;
+            }
+            break;
+        case Plain:
+            if (c.isSpace()) {
+                if (inWord)
+                    words << word;
+                word.clear();
+                inWord = false;
+                continue;
+            }
+            inWord = true;
+            if (c == QLatin1Char('\'')) {
+                quote = Single;
+            } else if (c == QLatin1Char('"')) {
+                quote = Double;
+            } else if (c == QLatin1Char('\\')) {
+                if (i + 1 < commandLine.size())
+                    word += commandLine[++i];
+            } else {
+                word += c;
+            }
+            break;
+        }
+    }
+    if (inWord)
+        words << word;
+    return words;
+}
+
 int runAndWait(const QString& commandLine, bool show)
 {
     Q_UNUSED(show);
-    QStringList words = QProcess::splitCommand(commandLine);
+    QStringList words = splitCommandLine(commandLine);
     if (words.isEmpty())
         return -1;
     QProcess process;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 namespace tessel {
 
@@ -9,6 +10,12 @@ namespace tessel {
 // cannot be started or does not end normally. `show` is accepted for the callers' sake: a
 // command-line program has no window to show or hide here.
 int runAndWait(const QString& commandLine, bool show);
+
+// Splits a command line into words as a POSIX shell does, without running one: blanks
+// separate words; '...' keeps everything literally; "..." keeps blanks, with \" \\ \$ \`
+// escaped; a backslash outside quotes takes the next character literally. Nothing is
+// expanded. An unclosed quote runs to the end of the line.
+QStringList splitCommandLine(const QString& commandLine);
 
 // A new empty file with a unique name in the temporary folder ("TEMP" when set, else the
 // system's), whose name starts with prefix; "" when none can be made.

@@ -1,0 +1,92 @@
+#include "firmwarehistory.h"
+#include "machinesettings.h"
+
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace tessel;
+
+// Settings go to scratch folders: the machine's and the user's are never touched.
+class TstMachineSettings : public QObject
+{
+    Q_OBJECT
+private slots:
+    void init();
+    void remoteServer_data();
+    void remoteServer();
+    void writeCreatesTheGroup();
+    void unwritableFolderIsIgnored();
+    void firmwareHistoryRoundTrip();
+
+private:
+    std::unique_ptr<QTemporaryDir> m_dir;
+};
+
+void TstMachineSettings::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+    QSettings::setPath(QSettings::IniFormat, QSettings::SystemScope, m_dir->filePath("system"));
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_dir->filePath("user"));
+}
+
+void TstMachineSettings::remoteServer_data()
+{
+    QTest::addColumn<QString>("stored"); // "-" for no value at all
+    QTest::addColumn<QString>("read");
+    QTest::newRow("absent") << "-" << "localhost";
+    QTest::newRow("empty") << "" << "localhost";
+    QTest::newRow("one character counts as absent") << "x" << "localhost";
+    QTest::newRow("two characters") << "pc" << "pc";
+    QTest::newRow("name with selector") << "bench7#CANopen" << "bench7#CANopen";
+}
+
+void TstMachineSettings::remoteServer()
+{
+    QFETCH(QString, stored);
+    QFETCH(QString, read);
+    if (stored != "-")
+        writeRemoteServer(stored);
+    QCOMPARE(readRemoteServer("localhost"), read);
+}
+
+void TstMachineSettings::writeCreatesTheGroup()
+{
+    QVERIFY(!QFile::exists(m_dir->filePath("system/Qor/Common.ini")));
+    writeRemoteServer("bench7:17421");
+    QVERIFY(QFile::exists(m_dir->filePath("system/Qor/Common.ini")));
+    QSettings raw(m_dir->filePath("system/Qor/Common.ini"), QSettings::IniFormat);
+    QCOMPARE(raw.value("Common/RemoteServer").toString(), QString("bench7:17421"));
+}
+
+void TstMachineSettings::unwritableFolderIsIgnored()
+{
+    QSettings::setPath(QSettings::IniFormat, QSettings::SystemScope, "/proc/no-such-folder");
+    writeRemoteServer("bench7"); // no crash, no exception: the name is just not remembered
+    QCOMPARE(readRemoteServer("localhost"), QString("localhost"));
+}
+
+void TstMachineSettings::firmwareHistoryRoundTrip()
+{
+    FirmwareHistory history;
+    history.names = {"/fw/a.S", "/fw/b b.sx", "/fw/c.sre"};
+    history.options = {"-x", "", "-y 2"};
+    history.save();
+    FirmwareHistory read;
+    read.load();
+    QCOMPARE(read.names, history.names);
+    QCOMPARE(read.options, history.options);
+
+    QSettings raw(m_dir->filePath("user/Qor/Qor.Tessel.ini"), QSettings::IniFormat);
+    QCOMPARE(raw.value("filename/fwupdcnt").toInt(), 3);
+    QCOMPARE(raw.value("filename/fwname1").toString(), QString("/fw/b b.sx"));
+    // A count larger than the entries written gives empty entries, not a crash.
+    raw.setValue("filename/fwupdcnt", 5);
+    raw.sync();
+    read.load();
+    QCOMPARE(read.names.size(), 5);
+    QCOMPARE(read.names[4], QString());
+}
+
+QTEST_GUILESS_MAIN(TstMachineSettings)
+#include "tst_machinesettings.moc"
