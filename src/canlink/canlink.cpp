@@ -9,6 +9,8 @@
 #include <QStandardPaths>
 #include <QThread>
 
+#include <utility>
+
 namespace tessel {
 
 namespace {
@@ -60,7 +62,7 @@ bool CanLink::connectToServer(const QString& answer, QString* error)
     auto* notify = m_connection->notify();
     connect(notify, &QCSNotifyReplica::ProgressNotify, this,
             [this](double fraction) { emit progressChanged(progressPercent(fraction)); });
-    connect(notify, &QCSNotifyReplica::FilteredRxCan, this, &CanLink::framesReceived);
+    connect(notify, &QCSNotifyReplica::FilteredRxCan, this, &CanLink::onFilteredRxCan);
     connect(notify, &QCSNotifyReplica::ChangedConfig, this, &CanLink::configChanged);
     connect(notify, &QCSNotifyReplica::TxCan, this, &CanLink::onTxCan);
     connect(m_connection.get(), &ServerConnection::connectionLost, this, &CanLink::connectionLost);
@@ -240,8 +242,11 @@ QString CanLink::send(int controller, quint16 id, int length, const QByteArray& 
         return ServerConnection::kNotReachable;
     const CanMsg msg(id, length, remote ? QByteArray() : data.left(8));
     QString error;
+    ++m_holdFrames;
     const auto reply = remote ? m_connection->wait(m_connection->bus()->SendRemote(controller, msg), &error)
                               : m_connection->wait(m_connection->bus()->Send(controller, msg, 0), &error);
+    if (--m_holdFrames == 0 && !m_held.isEmpty())
+        QMetaObject::invokeMethod(this, &CanLink::releaseHeldFrames, Qt::QueuedConnection);
     if (!reply)
         return error;
     if (reply->error().isEmpty()) {
@@ -253,6 +258,25 @@ QString CanLink::send(int controller, quint16 id, int length, const QByteArray& 
             m_echoed.dequeue();
     }
     return reply->error();
+}
+
+void CanLink::onFilteredRxCan(int controller, const QByteArray& records, int count)
+{
+    // Once frames are held, later ones wait behind them.
+    if (m_holdFrames > 0 || !m_held.isEmpty()) {
+        m_held.append({controller, records, count});
+        return;
+    }
+    emit framesReceived(controller, records, count);
+}
+
+void CanLink::releaseHeldFrames()
+{
+    if (m_holdFrames > 0)
+        return; // another send waits: its own release comes later
+    const QList<HeldBatch> held = std::exchange(m_held, {});
+    for (const HeldBatch& batch : held)
+        emit framesReceived(batch.controller, batch.records, batch.count);
 }
 
 void CanLink::onTxCan(int controller, const CanMsg& msg)

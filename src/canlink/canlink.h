@@ -84,6 +84,8 @@ signals:
 private:
     bool startLocalServer(QString* error);
     void onTxCan(int controller, const CanMsg& msg);
+    void onFilteredRxCan(int controller, const QByteArray& records, int count);
+    void releaseHeldFrames();
 
     std::unique_ptr<ServerConnection> m_connection;
     QString m_localSocketPath;
@@ -97,6 +99,16 @@ private:
         QByteArray data;
     };
     QQueue<Echoed> m_echoed;
+    // Frames that arrive while a send waits for its answer come after it on the bus; they are
+    // held until the sender has echoed its frame, so the trace keeps the bus order.
+    int m_holdFrames = 0;
+    struct HeldBatch
+    {
+        int controller;
+        QByteArray records;
+        int count;
+    };
+    QList<HeldBatch> m_held;
 };
 
 } // namespace tessel

@@ -1,0 +1,358 @@
+#include "canmsg.h"
+#include "frmdiagno.h"
+#include "frmmain.h"
+#include "serverprocess.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QElapsedTimer>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QRegularExpression>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace tessel;
+using namespace qorcalib::test;
+
+namespace {
+// A main window on the test's server, with its messages recorded instead of shown.
+struct Tessel
+{
+    explicit Tessel(const QString& socketPath)
+    {
+        window.link()->setLocalSocketPath(socketPath);
+        window.setMessageHandler([this](const QString& text) { messages << text; });
+    }
+    bool load(const QString& answer = QStringLiteral("localhost"))
+    {
+        QString error;
+        if (!window.formLoad(answer, &error)) {
+            qWarning("formLoad: %s", qPrintable(error));
+            loadError = error;
+            return false;
+        }
+        return true;
+    }
+    QString trace() const { return window.monitor()->traceText(); }
+    FrmMain window;
+    QStringList messages;
+    QString loadError;
+};
+} // namespace
+
+class TstFrmMain : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void startUp();
+    void nmtButtons_data();
+    void nmtButtons();
+    void sendWithControllerDisabledDoesNothing();
+    void selectionMovesToLowestEnabled();
+    void bitRateChangeShowsStatus();
+    void secondTesselFollowsChangedConfig();
+    void filterAndChannelBoxes();
+    void serverKilledWhileRunning();
+    void unreachableServerAtStartUp_data();
+    void unreachableServerAtStartUp();
+    void overTcpCaption();
+    void minimizeCarriesTheMonitor();
+    void progressIsClamped_data();
+    void progressIsClamped();
+
+private:
+    QTemporaryDir m_settings;
+    std::unique_ptr<ServerProcess> m_server;
+};
+
+void TstFrmMain::initTestCase()
+{
+    QSettings::setPath(QSettings::IniFormat, QSettings::SystemScope, m_settings.filePath("system"));
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.filePath("user"));
+}
+
+void TstFrmMain::init()
+{
+    m_server = std::make_unique<ServerProcess>();
+    QVERIFY(m_server->start({QStringLiteral("--unpaced")}));
+}
+
+void TstFrmMain::cleanup()
+{
+    m_server.reset();
+}
+
+void TstFrmMain::startUp()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    FrmMain& w = t.window;
+    QCOMPARE(w.windowTitle(), QStringLiteral("Tessel"));
+    QCOMPARE(w.controllerCount(), 2);
+    QCOMPARE(w.txtSDOTimeOut->text(), QStringLiteral("1000"));
+    // Rows for the server's two controllers; controller 0 enabled and selected.
+    QVERIFY(w.chkCanEnable[0]->isEnabled() && w.chkCanEnable[1]->isEnabled());
+    QVERIFY(!w.chkCanEnable[2]->isEnabled() && !w.cmbBaud[3]->isEnabled());
+    QVERIFY(w.chkCanEnable[0]->isChecked());
+    QVERIFY(w.optSelCanCtrl[0]->isChecked());
+    QCOMPARE(w.selectedController(), 0);
+    for (QPushButton* b : w.cmdNMT)
+        QVERIFY(b->isEnabled());
+    // The monitor is loaded hidden and already traces the drive's heartbeats.
+    QVERIFY(!w.monitor()->isVisible());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains(QRegularExpression(
+                                 "R0 701 1 \\d{3}s\\d{3}\\.\\d{3} > 7F \\r\\n")),
+                             5000);
+    QTest::mouseClick(w.cmdDiagno, Qt::LeftButton);
+    QVERIFY(w.monitor()->isVisible());
+    // The screen follows the trace text in batches.
+    QTRY_VERIFY(w.monitor()->screenText().contains("> 7F"));
+    QCOMPARE(w.sbrStato[1]->text(), QString());
+    QVERIFY(t.messages.isEmpty());
+    // The answer was the whole name: the settings remember it for the next start.
+    w.formUnload();
+    QSettings user(QSettings::IniFormat, QSettings::UserScope, "Qor", "Qor.Tessel");
+    QCOMPARE(user.value("filename/fwupdcnt").toInt(), 0);
+}
+
+void TstFrmMain::nmtButtons_data()
+{
+    QTest::addColumn<int>("button");
+    QTest::addColumn<QString>("sent");
+    QTest::addColumn<QString>("answer"); // what the drive sends after it
+    QTest::newRow("Start") << 0 << "T0 000 2 000s000.000 > 01 00 " << "> 05 ";
+    QTest::newRow("Stop") << 1 << "T0 000 2 000s000.000 > 02 00 " << "> 04 ";
+    QTest::newRow("Pre-op") << 2 << "T0 000 2 000s000.000 > 80 00 " << "> 7F ";
+    // Resets: the boot-up message.
+    QTest::newRow("Res node") << 3 << "T0 000 2 000s000.000 > 81 00 " << "> 00 ";
+    QTest::newRow("Res comm") << 4 << "T0 000 2 000s000.000 > 82 00 " << "> 00 ";
+}
+
+void TstFrmMain::nmtButtons()
+{
+    QFETCH(int, button);
+    QFETCH(QString, sent);
+    QFETCH(QString, answer);
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    QTest::mouseClick(t.window.cmdNMT[button], Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    const qsizetype at = t.trace().indexOf(sent);
+    QVERIFY2(at >= 0, qPrintable(t.trace().right(300)));
+    // After the command in the trace, as on the bus.
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().indexOf(answer, at) > at, 5000);
+    QVERIFY(t.messages.isEmpty());
+}
+
+void TstFrmMain::sendWithControllerDisabledDoesNothing()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    t.window.txtAbort->setText("old");
+    t.window.chkCanEnable[0]->setChecked(false);
+    // No controller left: the bus buttons are off, but the routine itself stays harmless.
+    QVERIFY(!t.window.cmdNMT[0]->isEnabled());
+    const int before = int(t.trace().size());
+    QCOMPARE(t.window.SendCanMsg(0x000, 2, QByteArray::fromHex("0100")), false);
+    t.window.cmdNMT_Click(0);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QCOMPARE(int(t.trace().size()), before);
+    QVERIFY(t.messages.isEmpty());
+}
+
+void TstFrmMain::selectionMovesToLowestEnabled()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    FrmMain& w = t.window;
+    w.chkCanEnable[1]->setChecked(true);
+    QCOMPARE(w.selectedController(), 1);
+    QVERIFY(w.optSelCanCtrl[1]->isChecked());
+    w.chkCanEnable[1]->setChecked(false);
+    QCOMPARE(w.selectedController(), 0);
+    QVERIFY(!w.optSelCanCtrl[1]->isEnabled());
+    w.chkCanEnable[0]->setChecked(false);
+    // None left: the selection keeps its last value, the bus buttons go off.
+    QCOMPARE(w.selectedController(), 0);
+    QVERIFY(!w.cmdNMT[2]->isEnabled());
+    // A disabled controller's bit rate is only remembered; the server keeps its own.
+    w.cmbBaud[0]->setCurrentIndex(4);
+    QString error;
+    auto probe = m_server->connect();
+    QVERIFY(probe);
+    QCOMPARE(probe->wait(probe->bus()->GetBitRate(0), &error)->value(), 0);
+    w.chkCanEnable[0]->setChecked(true); // enabling sends the remembered rate
+    QCOMPARE(probe->wait(probe->bus()->GetBitRate(0), &error)->value(), 4);
+}
+
+void TstFrmMain::bitRateChangeShowsStatus()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    FrmMain& w = t.window;
+    w.tmrStato_Timer();
+    QCOMPARE(w.sbrStato[1]->text(), QString());
+    w.cmbBaud[0]->setCurrentIndex(2); // 500K: the drive is at 1000K
+    // Nobody acknowledges at 500K: after enough frames the controller shows it.
+    for (int i = 0; i < 12; ++i)
+        w.cmdNMT_Click(0);
+    QTRY_VERIFY((w.tmrStato_Timer(), w.sbrStato[1]->text() == "TX EW"));
+    QCOMPARE(w.sbrStato[2]->text(), QString()); // controller 1 is not enabled
+    w.cmbBaud[0]->setCurrentIndex(0);
+    QTRY_VERIFY((w.tmrStato_Timer(), w.sbrStato[1]->text().isEmpty()));
+    QVERIFY(t.messages.isEmpty());
+}
+
+void TstFrmMain::secondTesselFollowsChangedConfig()
+{
+    Tessel first(m_server->socketPath()), second(m_server->socketPath());
+    QVERIFY(first.load());
+    QVERIFY(second.load());
+    auto watcher = m_server->connect();
+    QVERIFY(watcher);
+    QString error;
+    QVERIFY(watcher->wait(watcher->bus()->Advise(), &error));
+    FrameRecorder changes(watcher.get());
+
+    first.window.cmbBaud[0]->setCurrentIndex(2);
+    QTRY_COMPARE(second.window.cmbBaud[0]->currentIndex(), 2);
+    first.window.chkCanEnable[1]->setChecked(true);
+    QTRY_VERIFY(second.window.chkCanEnable[1]->isChecked());
+    QTest::qWait(300);
+    // Only the first window's steps reached the server (set bit rate and restart for 0; set
+    // bit rate and start for 1); the second window followed without sending anything back.
+    const QList<std::tuple<int, bool, int>> expected{
+        {0, true, 2}, {0, true, 2}, {1, false, 0}, {1, true, 0}};
+    QCOMPARE(changes.configChanges, expected);
+    QVERIFY(second.window.optSelCanCtrl[1]->isChecked());
+    QVERIFY(first.messages.isEmpty() && second.messages.isEmpty());
+}
+
+void TstFrmMain::filterAndChannelBoxes()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    FrmDiagno* m = t.window.monitor();
+    m->txtDiscardList[2]->setText(" 701 ");
+    QTest::qWait(1500);
+    QVERIFY(!t.trace().contains("R0 701"));
+    m->chkInvert->setChecked(true); // now 701 is the only one shown
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("R0 701"), 3000);
+    m->chkCV[0]->setChecked(false);
+    const int before = int(t.trace().size());
+    QTest::qWait(1500);
+    QCOMPARE(int(t.trace().size()), before);
+    m->chkCV[0]->setChecked(true);
+    m->chTrace->setChecked(false); // no echo of sent frames
+    t.window.cmdNMT_Click(0);
+    QVERIFY(!t.trace().contains("T0 000"));
+    QVERIFY(t.window.link()->monitorEchoOff);
+}
+
+void TstFrmMain::serverKilledWhileRunning()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    t.window.tmrStato.stop();
+    m_server->kill();
+    QTRY_COMPARE(t.window.sbrStato[0]->text(), QStringLiteral("CAN server not reachable"));
+    QElapsedTimer clock;
+    clock.start();
+    t.window.cmdNMT_Click(0);
+    t.window.tmrStato_Timer();
+    t.window.cmbBaud[0]->setCurrentIndex(3);
+    // Every call ends at once with the description; nothing waits for a time-out.
+    QVERIFY(clock.elapsed() < 3000);
+    QCOMPARE(t.window.txtAbort->text(), QStringLiteral("Can - send err"));
+    QVERIFY(t.messages.size() >= 2);
+    QVERIFY(t.messages.first().startsWith("CAN server not reachable"));
+    QCOMPARE(t.window.sbrStato[1]->text(), QStringLiteral("?"));
+    // The settings are still saved at exit.
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.filePath("killed"));
+    t.window.formUnload();
+    QVERIFY(QFile::exists(m_settings.filePath("killed/Qor/Qor.Tessel.ini")));
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.filePath("user"));
+}
+
+void TstFrmMain::unreachableServerAtStartUp_data()
+{
+    QTest::addColumn<QString>("answer");
+    QTest::addColumn<QString>("mentions");
+    QTest::newRow("name that does not resolve") << "no-such-host.invalid" << "no-such-host.invalid";
+    QTest::newRow("nobody listens") << "127.0.0.1:1" << "127.0.0.1:1";
+    QTest::newRow("unknown service") << "localhost#LSSonly" << "LSSonly";
+}
+
+void TstFrmMain::unreachableServerAtStartUp()
+{
+    QFETCH(QString, answer);
+    QFETCH(QString, mentions);
+    Tessel t(m_server->socketPath());
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(!t.load(answer));
+    QVERIFY(clock.elapsed() < 15000);
+    QVERIFY2(t.loadError.contains(mentions), qPrintable(t.loadError));
+}
+
+void TstFrmMain::overTcpCaption()
+{
+    ServerProcess tcpServer;
+    QVERIFY(tcpServer.start({"--unpaced", "--listen", "tcp://127.0.0.1:0"}));
+    QString output;
+    QTRY_VERIFY((output += tcpServer.output()).contains("TCP port"));
+    const QString port = QRegularExpression("TCP port (\\d+)").match(output).captured(1);
+    Tessel t(QStringLiteral("/nonexistent/socket"));
+    QVERIFY(t.load("127.0.0.1:" + port));
+    QCOMPARE(t.window.windowTitle(), "Tessel - 127.0.0.1:" + port);
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    // "localhost" in capitals is a name like any other: over TCP, and in the caption.
+    Tessel upper(QStringLiteral("/nonexistent/socket"));
+    QVERIFY(!upper.load("LOCALHOST:1"));
+}
+
+void TstFrmMain::minimizeCarriesTheMonitor()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    t.window.cmdDiagno_Click();
+    QVERIFY(t.window.monitor()->isVisible());
+    t.window.setWindowState(Qt::WindowMinimized);
+    QTRY_VERIFY(!t.window.monitor()->isVisible());
+    t.window.setWindowState(Qt::WindowNoState);
+    QTRY_VERIFY(t.window.monitor()->isVisible());
+    // A monitor that was closed before the minimize stays closed.
+    t.window.monitor()->close();
+    t.window.setWindowState(Qt::WindowMinimized);
+    t.window.setWindowState(Qt::WindowNoState);
+    QTest::qWait(100);
+    QVERIFY(!t.window.monitor()->isVisible());
+}
+
+void TstFrmMain::progressIsClamped_data()
+{
+    QTest::addColumn<double>("fraction");
+    QTest::addColumn<float>("percent");
+    QTest::newRow("above 1") << 1.7 << 100.0f;
+    QTest::newRow("below 0") << -0.2 << 0.0f;
+    QTest::newRow("half") << 0.5 << 50.0f;
+}
+
+void TstFrmMain::progressIsClamped()
+{
+    QFETCH(double, fraction);
+    QFETCH(float, percent);
+    QCOMPARE(CanLink::progressPercent(fraction), percent);
+}
+
+QTEST_MAIN(TstFrmMain)
+#include "tst_frmmain.moc"
