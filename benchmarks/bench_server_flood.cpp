@@ -7,10 +7,9 @@
 //
 //   bench_server_flood [frames]     (default 1000000)
 
+#include "canmsg.h"
+#include "floodserver.h"
 #include "serverconnection.h"
-#include "servercore.h"
-#include "serverhost.h"
-#include "simulatedsegment.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -25,47 +24,6 @@
 using namespace qorcalib;
 
 namespace {
-
-// A node that transmits numbered 8-byte frames, keeping a bounded number in the segment's queue.
-class FloodNode : public QObject, public SimPort
-{
-public:
-    FloodNode(SimulatedSegment* segment, qint64 total) : m_segment(segment), m_total(total)
-    {
-        m_segment->attach(this);
-        m_timer.setInterval(0);
-        connect(&m_timer, &QTimer::timeout, this, &FloodNode::refill);
-    }
-    ~FloodNode() override { m_segment->detach(this); }
-    void start() { m_timer.start(); }
-
-    int bitRateIndex() const override { return 0; }
-    bool isActive() const override { return true; }
-    void receive(const BusFrame&) override {}
-    void transmitted(const BusFrame&, bool) override { ++m_done; }
-
-private:
-    void refill()
-    {
-        constexpr qint64 kInFlight = 16384;
-        while (m_sent < m_total && m_sent - m_done < kInFlight) {
-            CanFrame frame;
-            frame.id = 0x181;
-            frame.len = 8;
-            qToLittleEndian<quint64>(quint64(m_sent), frame.data.data());
-            m_segment->transmit(this, frame, 0);
-            ++m_sent;
-        }
-        if (m_sent >= m_total)
-            m_timer.stop();
-    }
-
-    SimulatedSegment* m_segment;
-    qint64 m_total;
-    qint64 m_sent = 0;
-    qint64 m_done = 0;
-    QTimer m_timer;
-};
 
 double cpuSeconds()
 {
@@ -83,27 +41,9 @@ int main(int argc, char** argv)
     QTemporaryDir dir;
     const QString socketPath = dir.filePath(QStringLiteral("qorcalib"));
 
-    FloodNode* flood = nullptr;
-    QThread* serverThread = QThread::create([&] {
-        ServerCore::Config config;
-        config.paced = false;
-        config.edsPath = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
-        QString error;
-        auto core = ServerCore::create(config, &error);
-        ServerHost host(core.get());
-        if (!core || !host.listenLocal(socketPath, &error)) {
-            std::fprintf(stderr, "server: %s\n", qPrintable(error));
-            std::exit(1);
-        }
-        FloodNode node(core->segment(0), total);
-        flood = &node;
-        QEventLoop loop;
-        QObject::connect(QThread::currentThread(), &QThread::finished, &loop, &QEventLoop::quit);
-        QMetaObject::invokeMethod(QThread::currentThread(), [] {}, Qt::QueuedConnection);
-        loop.exec();
-        flood = nullptr;
-    });
-    serverThread->start();
+    FloodServer server(socketPath, total);
+    if (!server.start())
+        return 1;
 
     ServerConnection client;
     QString error;
@@ -146,14 +86,11 @@ int main(int argc, char** argv)
     });
     clock.start();
     cpuStart = cpuSeconds();
-    QMetaObject::invokeMethod(flood, [&] { flood->start(); }, Qt::QueuedConnection);
+    server.flood();
     const int rc = app.exec();
     const double seconds = clock.nsecsElapsed() * 1e-9;
     const double cpu = cpuSeconds() - cpuStart;
 
-    serverThread->quit();
-    serverThread->wait();
-    delete serverThread;
     if (rc != 0)
         return rc;
     std::printf("frames delivered to one session: %lld in %.3f s = %.0f frames/s\n", received,

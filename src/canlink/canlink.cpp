@@ -59,12 +59,19 @@ bool CanLink::connectToServer(const QString& answer, QString* error)
         if (!m_connection->open(address, kConnectTimeoutMs, error))
             return false;
     }
+    // The server's events reach the program from the event loop, never from inside the
+    // remote objects node's read handler: a handler that calls the server (ProgressNotify
+    // asks the bench) would otherwise wait for an answer that the busy handler cannot read.
     auto* notify = m_connection->notify();
-    connect(notify, &QCSNotifyReplica::ProgressNotify, this,
-            [this](double fraction) { emit progressChanged(progressPercent(fraction)); });
-    connect(notify, &QCSNotifyReplica::FilteredRxCan, this, &CanLink::onFilteredRxCan);
-    connect(notify, &QCSNotifyReplica::ChangedConfig, this, &CanLink::configChanged);
-    connect(notify, &QCSNotifyReplica::TxCan, this, &CanLink::onTxCan);
+    connect(
+        notify, &QCSNotifyReplica::ProgressNotify, this,
+        [this](double fraction) { emit progressChanged(progressPercent(fraction)); },
+        Qt::QueuedConnection);
+    connect(notify, &QCSNotifyReplica::FilteredRxCan, this, &CanLink::onFilteredRxCan,
+            Qt::QueuedConnection);
+    connect(notify, &QCSNotifyReplica::ChangedConfig, this, &CanLink::configChanged,
+            Qt::QueuedConnection);
+    connect(notify, &QCSNotifyReplica::TxCan, this, &CanLink::onTxCan, Qt::QueuedConnection);
     connect(m_connection.get(), &ServerConnection::connectionLost, this, &CanLink::connectionLost);
 
     // The service the selector names; the objects of a session are its own, so the name it

@@ -65,6 +65,7 @@ private slots:
     void unreachableServerAtStartUp();
     void overTcpCaption();
     void minimizeCarriesTheMonitor();
+    void callsFromAnEventHandlerAreAnswered();
     void progressIsClamped_data();
     void progressIsClamped();
 
@@ -336,6 +337,30 @@ void TstFrmMain::minimizeCarriesTheMonitor()
     t.window.setWindowState(Qt::WindowNoState);
     QTest::qWait(100);
     QVERIFY(!t.window.monitor()->isVisible());
+}
+
+void TstFrmMain::callsFromAnEventHandlerAreAnswered()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    // As ProgressNotify will ask the bench: a call to the server from inside an event.
+    QElapsedTimer clock;
+    int answered = 0;
+    qint64 slowest = 0;
+    QStringList errors;
+    connect(t.window.link(), &CanLink::framesReceived, this, [&] {
+        if (answered >= 3)
+            return;
+        QString error;
+        clock.start();
+        if (t.window.link()->controllerCount(&error) != 2)
+            errors << error;
+        slowest = qMax(slowest, clock.elapsed());
+        ++answered;
+    });
+    QTRY_COMPARE_WITH_TIMEOUT(answered, 3, 20000);
+    QVERIFY2(errors.isEmpty(), qPrintable(errors.join("; ")));
+    QVERIFY2(slowest < 1000, qPrintable(QString::number(slowest)));
 }
 
 void TstFrmMain::progressIsClamped_data()
