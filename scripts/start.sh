@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and starts the CAN server on the simulated bench.
+# Installs what is needed, builds, and starts Tessel on the simulated bench. Answer the
+# prompt "Remote server name:" with Enter: "localhost" starts the CAN server, which runs the
+# simulated bus, drives and bench.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -7,8 +9,9 @@ bash scripts/install-deps.sh
 cmake --preset default >/dev/null
 cmake --build --preset default
 
-echo
-echo "The desktop program is not built yet: starting qorcalib-server, the CAN server, on the"
-echo "simulated bench (Ctrl+C stops it). Clients reach it on its local socket."
-echo
-exec ./build/server/qorcalib-server "$@"
+if [ -z "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && [ -z "${QT_QPA_PLATFORM:-}" ]; then
+  echo "Tessel is a desktop program and needs a display (DISPLAY or WAYLAND_DISPLAY)." >&2
+  echo "Without one, run the CAN server alone: ./build/bin/qorcalib-server" >&2
+  exit 1
+fi
+exec ./build/bin/tessel "$@"

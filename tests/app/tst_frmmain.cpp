@@ -6,6 +6,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
@@ -66,6 +67,7 @@ private slots:
     void overTcpCaption();
     void minimizeCarriesTheMonitor();
     void callsFromAnEventHandlerAreAnswered();
+    void startsTheLocalServerWhenNoneRuns();
     void progressIsClamped_data();
     void progressIsClamped();
 
@@ -361,6 +363,25 @@ void TstFrmMain::callsFromAnEventHandlerAreAnswered()
     QTRY_COMPARE_WITH_TIMEOUT(answered, 3, 20000);
     QVERIFY2(errors.isEmpty(), qPrintable(errors.join("; ")));
     QVERIFY2(slowest < 1000, qPrintable(QString::number(slowest)));
+}
+
+void TstFrmMain::startsTheLocalServerWhenNoneRuns()
+{
+    QTemporaryDir dir;
+    const QString socket = dir.filePath("qorcalib");
+    // The program looks beside itself, then on PATH.
+    const QByteArray path = qgetenv("PATH");
+    qputenv("PATH", QFileInfo(QORCALIB_SERVER_PATH).absolutePath().toLocal8Bit() + ":" + path);
+    {
+        Tessel t(socket);
+        QVERIFY(t.load());
+        qputenv("PATH", path);
+        QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("R0 701 1 "), 5000);
+        t.window.formUnload();
+    }
+    // A server started this way ends a while after its last client left.
+    QVERIFY(QFile::exists(socket));
+    QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(socket), 20000);
 }
 
 void TstFrmMain::progressIsClamped_data()
