@@ -57,6 +57,7 @@ private slots:
     void nmtButtons_data();
     void nmtButtons();
     void sendWithControllerDisabledDoesNothing();
+    void remoteRequestIsTracedWithoutData();
     void selectionMovesToLowestEnabled();
     void bitRateChangeShowsStatus();
     void secondTesselFollowsChangedConfig();
@@ -170,6 +171,25 @@ void TstFrmMain::sendWithControllerDisabledDoesNothing()
     QCOMPARE(t.window.txtAbort->text(), QString());
     QCOMPARE(int(t.trace().size()), before);
     QVERIFY(t.messages.isEmpty());
+}
+
+void TstFrmMain::remoteRequestIsTracedWithoutData()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    auto other = m_server->connect();
+    QVERIFY(other);
+    QString error;
+    QVERIFY(other->wait(other->bus()->Advise(), &error));
+    FrameRecorder seen(other.get());
+    QCOMPARE(t.window.SendCanRemote(0x701, 1), false);
+    QVERIFY(t.trace().contains("M0 701 0 000s000.000 > \r\n"));
+    // On the bus it is a request for one byte: no data travels with it.
+    QVERIFY(seen.waitFor(0x701, QByteArray(1, '\0'), 3000));
+    // A data frame longer than 8 bytes is a caller's error: refused, nothing sent.
+    QCOMPARE(t.window.SendCanMsg(0x123, 9, QByteArray(9, 'x')), true);
+    QCOMPARE(t.messages.size(), 1);
+    QVERIFY(!t.trace().contains("T0 123"));
 }
 
 void TstFrmMain::selectionMovesToLowestEnabled()
