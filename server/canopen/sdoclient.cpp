@@ -1,0 +1,401 @@
+#include "sdoclient.h"
+
+#include <QtEndian>
+
+namespace qorcalib {
+
+namespace {
+QByteArray u32Bytes(quint32 value)
+{
+    QByteArray b(4, '\0');
+    qToLittleEndian(value, b.data());
+    return b;
+}
+// Below this many bytes an upload's server should answer as to a plain upload.
+constexpr int kProtocolSwitchThreshold = 4;
+} // namespace
+
+SdoClient::SdoClient(std::function<void(const CanFrame&)> send) : m_send(std::move(send)) {}
+
+void SdoClient::sendRaw(const CanFrame& frame)
+{
+    if (m_send)
+        m_send(frame);
+}
+
+void SdoClient::send(quint8 command, const QByteArray& payload)
+{
+    sendRaw(sdo::frame(quint16(sdo::kRequestBase + m_node), command, m_index, m_subIndex,
+                       payload));
+}
+
+void SdoClient::finish(quint32 abortCode, const QString& error)
+{
+    Result result;
+    result.abortCode = abortCode;
+    result.error = error;
+    if (abortCode == 0 && error.isEmpty())
+        result.data = m_data;
+    m_state = State::Idle;
+    m_data.clear();
+    if (done)
+        done(result);
+}
+
+void SdoClient::abortTransfer(quint32 code)
+{
+    sendRaw(sdo::abortFrame(quint16(sdo::kRequestBase + m_node), m_index, m_subIndex, code));
+    finish(code);
+}
+
+void SdoClient::reportProgress(qsizetype doneBytes, qsizetype total)
+{
+    if (progress && total > 0)
+        progress(double(doneBytes) / double(total));
+}
+
+void SdoClient::startDownload(quint8 node, quint16 index, quint8 subIndex, const QByteArray& data,
+                              qint64 nowUs)
+{
+    m_node = node;
+    m_index = index;
+    m_subIndex = subIndex;
+    m_data = data;
+    m_deadlineUs = nowUs + m_timeoutUs;
+    // Expedited carries 1 to 4 bytes; an empty value goes segmented with size 0.
+    if (!data.isEmpty() && data.size() <= 4) {
+        const int n = 4 - int(data.size());
+        m_state = State::DownloadInitiate;
+        m_size = data.size();
+        send(quint8(0x23 | (n << 2)), data);
+        return;
+    }
+    if (m_blockAllowed) {
+        m_state = State::BlockDownloadInitiate;
+        send(0xC6, u32Bytes(quint32(data.size()))); // CRC supported, size indicated
+        return;
+    }
+    startSegmentedDownload();
+}
+
+void SdoClient::startSegmentedDownload()
+{
+    m_state = State::DownloadInitiate;
+    m_size = -1; // marks a segmented download in DownloadInitiate
+    send(0x21, u32Bytes(quint32(m_data.size())));
+}
+
+void SdoClient::startUpload(quint8 node, quint16 index, quint8 subIndex, qint64 nowUs)
+{
+    m_node = node;
+    m_index = index;
+    m_subIndex = subIndex;
+    m_data.clear();
+    m_deadlineUs = nowUs + m_timeoutUs;
+    if (m_blockAllowed) {
+        m_state = State::BlockUploadInitiate;
+        QByteArray payload(2, '\0');
+        payload[0] = char(sdo::kBlockSize);
+        payload[1] = char(kProtocolSwitchThreshold);
+        send(0xA4, payload); // CRC supported
+        return;
+    }
+    startSegmentedUpload();
+}
+
+void SdoClient::startSegmentedUpload()
+{
+    m_state = State::UploadInitiate;
+    send(0x40);
+}
+
+bool SdoClient::onFrame(const CanFrame& f, qint64 nowUs)
+{
+    if (m_state == State::Idle || f.id != sdo::kResponseBase + m_node || f.remote || f.len != 8)
+        return false;
+    m_deadlineUs = nowUs + m_timeoutUs;
+    const quint8 cs = f.data[0];
+    // During a block upload's sub-block every frame is a segment.
+    if (m_state == State::BlockUploadSegments) {
+        if (cs == 0x80)
+            finish(sdo::u32At(f, 4));
+        else
+            onBlockUploadSegment(f);
+        return true;
+    }
+    if (cs == 0x80) {
+        const quint32 code = sdo::u32At(f, 4);
+        // A node without block transfer refuses the command: do it the plain way.
+        if (code == quint32(SdoAbort::InvalidCommand) && m_state == State::BlockDownloadInitiate) {
+            startSegmentedDownload();
+            return true;
+        }
+        if (code == quint32(SdoAbort::InvalidCommand) && m_state == State::BlockUploadInitiate) {
+            startSegmentedUpload();
+            return true;
+        }
+        finish(code);
+        return true;
+    }
+    switch (m_state) {
+    case State::DownloadInitiate:
+        onDownloadInitiate(f);
+        break;
+    case State::DownloadSegment:
+        onDownloadSegment(f);
+        break;
+    case State::BlockDownloadInitiate:
+        onBlockDownloadInitiate(f);
+        break;
+    case State::BlockDownloadAck:
+        onBlockDownloadAck(f);
+        break;
+    case State::BlockDownloadEnd:
+        if (cs == 0xA1)
+            finish(0);
+        else
+            abortTransfer(quint32(SdoAbort::InvalidCommand));
+        break;
+    case State::UploadInitiate:
+        onUploadInitiate(f);
+        break;
+    case State::UploadSegment:
+        onUploadSegment(f);
+        break;
+    case State::BlockUploadInitiate:
+        onBlockUploadInitiate(f);
+        break;
+    case State::BlockUploadEnd:
+        onBlockUploadEnd(f);
+        break;
+    default:
+        break;
+    }
+    return true;
+}
+
+void SdoClient::onTimer(qint64 nowUs)
+{
+    if (m_state == State::Idle || nowUs < m_deadlineUs)
+        return;
+    sendRaw(sdo::abortFrame(quint16(sdo::kRequestBase + m_node), m_index, m_subIndex,
+                            quint32(SdoAbort::Timeout)));
+    finish(quint32(SdoAbort::Timeout), kTimeoutText);
+}
+
+void SdoClient::onDownloadInitiate(const CanFrame& f)
+{
+    if (f.data[0] != 0x60)
+        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+    if (m_size >= 0) // expedited: done
+        return finish(0);
+    m_offset = 0;
+    m_toggle = false;
+    m_state = State::DownloadSegment;
+    sendDownloadSegment();
+}
+
+void SdoClient::sendDownloadSegment()
+{
+    const qsizetype chunk = qMin<qsizetype>(7, m_data.size() - m_offset);
+    const bool last = m_offset + chunk >= m_data.size();
+    CanFrame out;
+    out.id = quint16(sdo::kRequestBase + m_node);
+    out.len = 8;
+    out.data[0] = quint8((m_toggle ? 0x10 : 0) | ((7 - chunk) << 1) | (last ? 1 : 0));
+    for (qsizetype i = 0; i < chunk; ++i)
+        out.data[1 + i] = quint8(m_data[m_offset + i]);
+    m_offset += chunk;
+    sendRaw(out);
+}
+
+void SdoClient::onDownloadSegment(const CanFrame& f)
+{
+    const quint8 cs = f.data[0];
+    if ((cs & 0xE0) != 0x20)
+        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+    if (bool(cs & 0x10) != m_toggle)
+        return abortTransfer(quint32(SdoAbort::ToggleNotAlternated));
+    reportProgress(m_offset, m_data.size());
+    if (m_offset >= m_data.size())
+        return finish(0);
+    m_toggle = !m_toggle;
+    sendDownloadSegment();
+}
+
+void SdoClient::onBlockDownloadInitiate(const CanFrame& f)
+{
+    const quint8 cs = f.data[0];
+    if ((cs & 0xE3) != 0xA0)
+        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+    m_crc = cs & 0x04;
+    m_blockSize = f.data[4];
+    if (m_blockSize < 1 || m_blockSize > 127)
+        return abortTransfer(quint32(SdoAbort::InvalidBlockSize));
+    m_offset = 0;
+    m_state = State::BlockDownloadAck;
+    sendSubBlock();
+}
+
+void SdoClient::sendSubBlock()
+{
+    m_subBlockStart = m_offset;
+    m_subBlockSegments = 0;
+    for (int seq = 1; seq <= m_blockSize; ++seq) {
+        const qsizetype chunk = qMin<qsizetype>(7, m_data.size() - m_offset);
+        const bool last = m_offset + chunk >= m_data.size();
+        CanFrame out;
+        out.id = quint16(sdo::kRequestBase + m_node);
+        out.len = 8;
+        out.data[0] = quint8((last ? 0x80 : 0) | seq);
+        for (qsizetype i = 0; i < chunk; ++i)
+            out.data[1 + i] = quint8(m_data[m_offset + i]);
+        m_offset += chunk;
+        ++m_subBlockSegments;
+        sendRaw(out);
+        if (last)
+            break;
+    }
+}
+
+void SdoClient::onBlockDownloadAck(const CanFrame& f)
+{
+    if (f.data[0] != 0xA2)
+        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+    const int ackSeq = f.data[1];
+    const int blockSize = f.data[2];
+    if (ackSeq > m_subBlockSegments)
+        return abortTransfer(quint32(SdoAbort::InvalidSequence));
+    if (blockSize < 1 || blockSize > 127)
+        return abortTransfer(quint32(SdoAbort::InvalidBlockSize));
+    m_blockSize = blockSize;
+    // What the node did not take is sent again, numbered from 1 in the next sub-block.
+    m_offset = qMin<qsizetype>(m_subBlockStart + qsizetype(ackSeq) * 7, m_data.size());
+    reportProgress(m_offset, m_data.size());
+    const bool allTaken = ackSeq == m_subBlockSegments && m_offset >= m_data.size();
+    if (!allTaken) {
+        sendSubBlock();
+        return;
+    }
+    const int lastChunk = m_data.isEmpty() ? 0 : int((m_data.size() - 1) % 7) + 1;
+    const quint16 crc = m_crc ? sdoCrc(m_data) : 0;
+    CanFrame out;
+    out.id = quint16(sdo::kRequestBase + m_node);
+    out.len = 8;
+    out.data[0] = quint8(0xC1 | ((7 - lastChunk) << 2));
+    out.data[1] = quint8(crc);
+    out.data[2] = quint8(crc >> 8);
+    m_state = State::BlockDownloadEnd;
+    sendRaw(out);
+}
+
+void SdoClient::onUploadInitiate(const CanFrame& f)
+{
+    const quint8 cs = f.data[0];
+    if ((cs & 0xE0) != 0x40)
+        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+    if (cs & 0x02) { // expedited
+        const int n = (cs & 0x01) ? (cs >> 2) & 0x03 : 0;
+        m_data = QByteArray(reinterpret_cast<const char*>(f.data.data()) + 4, 4 - n);
+        return finish(0);
+    }
+    m_size = (cs & 0x01) ? qint64(sdo::u32At(f, 4)) : -1;
+    m_data.clear();
+    m_toggle = false;
+    m_state = State::UploadSegment;
+    sendRaw(sdo::commandFrame(quint16(sdo::kRequestBase + m_node), 0x60));
+}
+
+void SdoClient::onUploadSegment(const CanFrame& f)
+{
+    const quint8 cs = f.data[0];
+    if ((cs & 0xE0) != 0x00)
+        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+    if (bool(cs & 0x10) != m_toggle)
+        return abortTransfer(quint32(SdoAbort::ToggleNotAlternated));
+    const int n = (cs >> 1) & 0x07;
+    m_data.append(reinterpret_cast<const char*>(f.data.data()) + 1, 7 - n);
+    if (m_size >= 0 && m_data.size() > m_size)
+        return abortTransfer(quint32(SdoAbort::TooLong));
+    reportProgress(m_data.size(), m_size);
+    if (cs & 0x01) {
+        if (m_size >= 0 && m_data.size() != m_size)
+            return abortTransfer(quint32(SdoAbort::TooShort));
+        return finish(0);
+    }
+    m_toggle = !m_toggle;
+    sendRaw(sdo::commandFrame(quint16(sdo::kRequestBase + m_node), quint8(0x60 | (m_toggle ? 0x10 : 0))));
+}
+
+void SdoClient::onBlockUploadInitiate(const CanFrame& f)
+{
+    const quint8 cs = f.data[0];
+    // Below the switch threshold the node answers as to a plain upload.
+    if ((cs & 0xE0) == 0x40) {
+        m_state = State::UploadInitiate;
+        return onUploadInitiate(f);
+    }
+    if ((cs & 0xE1) != 0xC0)
+        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+    m_crc = cs & 0x04;
+    m_size = (cs & 0x02) ? qint64(sdo::u32At(f, 4)) : -1;
+    m_data.clear();
+    m_expectedSeq = 1;
+    m_lastSegmentSeen = false;
+    m_state = State::BlockUploadSegments;
+    CanFrame start;
+    start.id = quint16(sdo::kRequestBase + m_node);
+    start.len = 8;
+    start.data[0] = 0xA3;
+    sendRaw(start);
+}
+
+void SdoClient::onBlockUploadSegment(const CanFrame& f)
+{
+    const int seq = f.data[0] & 0x7F;
+    const bool last = f.data[0] & 0x80;
+    if (seq == m_expectedSeq) {
+        m_data.append(reinterpret_cast<const char*>(f.data.data()) + 1, 7);
+        ++m_expectedSeq;
+        if (last)
+            m_lastSegmentSeen = true;
+    }
+    if (seq != sdo::kBlockSize && !last)
+        return;
+    const quint8 ack = quint8(m_expectedSeq - 1);
+    CanFrame out;
+    out.id = quint16(sdo::kRequestBase + m_node);
+    out.len = 8;
+    out.data[0] = 0xA2;
+    out.data[1] = ack;
+    out.data[2] = quint8(sdo::kBlockSize);
+    m_expectedSeq = 1;
+    if (m_lastSegmentSeen && ack == seq)
+        m_state = State::BlockUploadEnd;
+    // The last segment's padding is not data.
+    reportProgress(m_size >= 0 ? qMin<qsizetype>(m_data.size(), m_size) : m_data.size(), m_size);
+    sendRaw(out);
+}
+
+void SdoClient::onBlockUploadEnd(const CanFrame& f)
+{
+    const quint8 cs = f.data[0];
+    if ((cs & 0xE3) != 0xC1)
+        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+    const int unused = (cs >> 2) & 0x07;
+    if (unused > m_data.size())
+        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+    m_data.chop(unused);
+    if (m_crc && quint16(f.data[1] | (f.data[2] << 8)) != sdoCrc(m_data))
+        return abortTransfer(quint32(SdoAbort::CrcError));
+    if (m_size >= 0 && m_data.size() != m_size)
+        return abortTransfer(quint32(m_data.size() > m_size ? SdoAbort::TooLong : SdoAbort::TooShort));
+    CanFrame out;
+    out.id = quint16(sdo::kRequestBase + m_node);
+    out.len = 8;
+    out.data[0] = 0xA1;
+    sendRaw(out);
+    finish(0);
+}
+
+} // namespace qorcalib

@@ -1,0 +1,438 @@
+#include "sdoclient.h"
+#include "sdoserver.h"
+
+#include <QMap>
+#include <QTest>
+
+#include <deque>
+#include <optional>
+
+using namespace qorcalib;
+
+namespace {
+
+QString hexOf(const CanFrame& f)
+{
+    return QStringLiteral("%1:%2")
+        .arg(f.id, 3, 16, QLatin1Char('0'))
+        .arg(QString::fromLatin1(
+            QByteArray(reinterpret_cast<const char*>(f.data.data()), f.len).toHex(' ')));
+}
+
+// A dictionary for the server under test: entries by (index, sub), one read-only, one
+// write-only, one with a fixed size.
+class Store : public SdoObjectAccess
+{
+public:
+    QMap<QPair<int, int>, QByteArray> values;
+    quint32 upload(quint16 index, quint8 sub, QByteArray* data) override
+    {
+        if (index == 0x2020)
+            return quint32(SdoAbort::WriteOnly);
+        const auto it = values.find({index, sub});
+        if (it == values.end())
+            return quint32(SdoAbort::NoObject);
+        *data = *it;
+        return 0;
+    }
+    quint32 checkDownload(quint16 index, quint8, qint64 size) override
+    {
+        if (index == 0x1018)
+            return quint32(SdoAbort::ReadOnly);
+        if (index == 0x1017 && size > 2)
+            return quint32(SdoAbort::TooLong);
+        return 0;
+    }
+    quint32 download(quint16 index, quint8 sub, const QByteArray& data) override
+    {
+        if (index == 0x1017 && data.size() != 2)
+            return quint32(SdoAbort::TooShort);
+        values[{index, sub}] = data;
+        return 0;
+    }
+};
+
+// Client and server joined by a queue of frames, with a fake clock and a hand on the wire.
+struct Link
+{
+    Link()
+        : client([this](const CanFrame& f) { wire.push_back({true, f}); }),
+          server(&store, [this](const CanFrame& f) { wire.push_back({false, f}); })
+    {
+        server.setNodeId(5);
+        client.done = [this](const SdoClient::Result& r) { result = r; };
+        client.progress = [this](double p) { progress.append(p); };
+    }
+    // Delivers frames until the wire is quiet; `tamper` may drop (false) or change a frame.
+    void run(std::function<bool(bool toServer, CanFrame& f)> tamper = {})
+    {
+        while (!wire.empty()) {
+            auto [toServer, f] = wire.front();
+            wire.pop_front();
+            log << (toServer ? "> " : "< ") + hexOf(f);
+            if (tamper && !tamper(toServer, f))
+                continue;
+            if (toServer)
+                server.onFrame(f, now);
+            else
+                client.onFrame(f, now);
+        }
+    }
+    std::deque<std::pair<bool, CanFrame>> wire;
+    Store store;
+    SdoClient client;
+    SdoServer server;
+    std::optional<SdoClient::Result> result;
+    QList<double> progress;
+    QStringList log;
+    qint64 now = 0;
+};
+
+QByteArray pattern(int size)
+{
+    QByteArray data(size, '\0');
+    for (int i = 0; i < size; ++i)
+        data[i] = char((i * 7 + 3) & 0xFF);
+    return data;
+}
+
+} // namespace
+
+class TstSdo : public QObject
+{
+    Q_OBJECT
+private slots:
+    void roundTrip_data();
+    void roundTrip();
+    void expeditedUploadByHand();
+    void segmentedDownloadByHand();
+    void blockDownloadResendsALostSegment();
+    void blockUploadResendsALostSegment();
+    void nodeWithoutBlockTransfer();
+    void aborts_data();
+    void aborts();
+    void wrongToggleFromTheServer();
+    void wrongToggleFromTheClient();
+    void corruptedBlockCrc_data();
+    void corruptedBlockCrc();
+    void silentNode();
+    void serverForgetsASilentClient();
+    void abortInTheMiddleOfABlock();
+    void crcKnownValue();
+};
+
+void TstSdo::roundTrip_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<bool>("block");
+    for (bool block : {true, false})
+        for (int size : {0, 1, 4, 5, 7, 8, 14, 15, 127 * 7, 127 * 7 + 1, 3000, 100 * 1024})
+            QTest::addRow("%d bytes, %s", size, block ? "block" : "segmented") << size << block;
+}
+
+void TstSdo::roundTrip()
+{
+    QFETCH(int, size);
+    QFETCH(bool, block);
+    Link link;
+    link.client.setBlockTransfer(block);
+    const QByteArray data = pattern(size);
+    link.client.startDownload(5, 0x2040, 0, data, 0);
+    link.run();
+    QVERIFY(link.result);
+    QCOMPARE(link.result->abortCode, 0u);
+    QCOMPARE(link.store.values.value({0x2040, 0}), data);
+    QCOMPARE(link.server.state(), SdoServer::State::Idle);
+
+    link.result.reset();
+    link.client.startUpload(5, 0x2040, 0, 0);
+    link.run();
+    QVERIFY(link.result);
+    QCOMPARE(link.result->abortCode, 0u);
+    QCOMPARE(link.result->data, data);
+    QCOMPARE(link.server.state(), SdoServer::State::Idle);
+    QVERIFY(!link.client.isBusy());
+    if (size > 7) {
+        QVERIFY(!link.progress.isEmpty());
+        QCOMPARE(link.progress.last(), 1.0);
+    }
+    // From 1 to 4 bytes every transfer is a single expedited exchange.
+    if (size >= 1 && size <= 4)
+        QCOMPARE(link.log.size(), 4);
+}
+
+void TstSdo::expeditedUploadByHand()
+{
+    Link link;
+    link.store.values[{0x1018, 1}] = QByteArray::fromHex("a1030000");
+    link.client.startUpload(5, 0x1018, 1, 0);
+    link.run();
+    // A block upload request with switch threshold 4; the node answers as to a plain upload.
+    QCOMPARE(link.log, (QStringList{"> 605:a4 18 10 01 7f 04 00 00",
+                                    "< 585:43 18 10 01 a1 03 00 00"}));
+    QCOMPARE(link.result->data, QByteArray::fromHex("a1030000"));
+}
+
+void TstSdo::segmentedDownloadByHand()
+{
+    Link link;
+    link.client.setBlockTransfer(false);
+    link.client.startDownload(5, 0x2030, 0, "axis 12345", 0);
+    link.run();
+    QCOMPARE(link.log, (QStringList{
+                           "> 605:21 30 20 00 0a 00 00 00", // segmented, 10 bytes
+                           "< 585:60 30 20 00 00 00 00 00",
+                           "> 605:00 61 78 69 73 20 31 32", // t=0, 7 bytes
+                           "< 585:20 00 00 00 00 00 00 00",
+                           "> 605:19 33 34 35 00 00 00 00", // t=1, n=4, last
+                           "< 585:30 00 00 00 00 00 00 00",
+                       }));
+    QCOMPARE(link.store.values.value({0x2030, 0}), QByteArray("axis 12345"));
+}
+
+void TstSdo::blockDownloadResendsALostSegment()
+{
+    Link link;
+    const QByteArray data = pattern(30); // 5 segments
+    link.client.startDownload(5, 0x2040, 0, data, 0);
+    bool dropped = false;
+    link.run([&](bool toServer, CanFrame& f) {
+        if (toServer && f.data[0] == 0x03 && !dropped) { // segment 3 is lost on the bus
+            dropped = true;
+            return false;
+        }
+        return true;
+    });
+    QCOMPARE(link.result->abortCode, 0u);
+    QCOMPARE(link.store.values.value({0x2040, 0}), data);
+    const QStringList expected{
+        "> 605:c6 40 20 00 1e 00 00 00", // block, CRC, size 30
+        "< 585:a4 40 20 00 7f 00 00 00", // CRC, 127 segments a sub-block
+        "> 605:01 03 0a 11 18 1f 26 2d",
+        "> 605:02 34 3b 42 49 50 57 5e",
+        "> 605:03 65 6c 73 7a 81 88 8f", // lost
+        "> 605:04 96 9d a4 ab b2 b9 c0",
+        "> 605:85 c7 ce 00 00 00 00 00", // last
+        "< 585:a2 02 7f 00 00 00 00 00", // two taken
+        "> 605:01 65 6c 73 7a 81 88 8f", // again from the third, numbered from 1
+        "> 605:02 96 9d a4 ab b2 b9 c0",
+        "> 605:83 c7 ce 00 00 00 00 00",
+        "< 585:a2 03 7f 00 00 00 00 00",
+    };
+    QCOMPARE(link.log.mid(0, expected.size()), expected);
+    const quint16 crc = sdoCrc(data);
+    QCOMPARE(link.log.mid(expected.size()),
+             (QStringList{QStringLiteral("> 605:d5 %1 %2 00 00 00 00 00") // 5 bytes unused
+                              .arg(crc & 0xFF, 2, 16, QLatin1Char('0'))
+                              .arg(crc >> 8, 2, 16, QLatin1Char('0')),
+                          "< 585:a1 00 00 00 00 00 00 00"}));
+}
+
+void TstSdo::blockUploadResendsALostSegment()
+{
+    Link link;
+    const QByteArray data = pattern(20);
+    link.store.values[{0x2040, 0}] = data;
+    link.client.startUpload(5, 0x2040, 0, 0);
+    bool dropped = false;
+    link.run([&](bool toServer, CanFrame& f) {
+        if (!toServer && f.data[0] == 0x01 && !dropped && link.client.state() ==
+                                                              SdoClient::State::BlockUploadSegments) {
+            dropped = true;
+            return false;
+        }
+        return true;
+    });
+    QCOMPARE(link.result->abortCode, 0u);
+    QCOMPARE(link.result->data, data);
+    QVERIFY(link.log.contains("> 605:a2 00 7f 00 00 00 00 00")); // nothing taken: all again
+}
+
+void TstSdo::nodeWithoutBlockTransfer()
+{
+    Link link;
+    link.run();
+    // A node that does not know block commands answers 05040001: the client goes plain.
+    link.client.startDownload(5, 0x2040, 0, pattern(10), 0);
+    link.run([&](bool toServer, CanFrame& f) {
+        if (toServer && (f.data[0] & 0xE0) == 0xC0) {
+            link.wire.push_back({false, sdo::abortFrame(0x585, 0x2040, 0, 0x05040001)});
+            return false;
+        }
+        return true;
+    });
+    QCOMPARE(link.result->abortCode, 0u);
+    QCOMPARE(link.store.values.value({0x2040, 0}), pattern(10));
+    QVERIFY(link.log.contains("> 605:21 40 20 00 0a 00 00 00"));
+
+    link.result.reset();
+    link.client.startUpload(5, 0x2040, 0, 0);
+    link.run([&](bool toServer, CanFrame& f) {
+        if (toServer && (f.data[0] & 0xE3) == 0xA0) {
+            link.wire.push_back({false, sdo::abortFrame(0x585, 0x2040, 0, 0x05040001)});
+            return false;
+        }
+        return true;
+    });
+    QCOMPARE(link.result->data, pattern(10));
+}
+
+void TstSdo::aborts_data()
+{
+    QTest::addColumn<bool>("upload");
+    QTest::addColumn<int>("index");
+    QTest::addColumn<int>("size");
+    QTest::addColumn<quint32>("code");
+    QTest::newRow("missing object") << true << 0x3000 << 0 << 0x06020000u;
+    QTest::newRow("write-only") << true << 0x2020 << 0 << 0x06010001u;
+    QTest::newRow("read-only, expedited") << false << 0x1018 << 4 << 0x06010002u;
+    QTest::newRow("read-only, block") << false << 0x1018 << 40 << 0x06010002u;
+    QTest::newRow("too long, expedited") << false << 0x1017 << 3 << 0x06070012u;
+    QTest::newRow("too short, expedited") << false << 0x1017 << 1 << 0x06070013u;
+    QTest::newRow("too long, block") << false << 0x1017 << 20 << 0x06070012u;
+}
+
+void TstSdo::aborts()
+{
+    QFETCH(bool, upload);
+    QFETCH(int, index);
+    QFETCH(int, size);
+    QFETCH(quint32, code);
+    Link link;
+    if (upload)
+        link.client.startUpload(5, quint16(index), 0, 0);
+    else
+        link.client.startDownload(5, quint16(index), 0, pattern(size), 0);
+    link.run();
+    QVERIFY(link.result);
+    QCOMPARE(link.result->abortCode, code);
+    QVERIFY(link.result->data.isEmpty());
+    QVERIFY(link.log.last().startsWith(QStringLiteral("< 585:80")));
+    QCOMPARE(link.server.state(), SdoServer::State::Idle);
+}
+
+void TstSdo::wrongToggleFromTheServer()
+{
+    Link link;
+    link.client.setBlockTransfer(false);
+    link.store.values[{0x2040, 0}] = pattern(20);
+    link.client.startUpload(5, 0x2040, 0, 0);
+    link.run([](bool toServer, CanFrame& f) {
+        if (!toServer && (f.data[0] & 0xE0) == 0x00 && (f.data[0] & 0x10)) // second segment
+            f.data[0] &= ~0x10;
+        return true;
+    });
+    QCOMPARE(link.result->abortCode, 0x05030000u);
+    QVERIFY(link.log.contains("> 605:80 40 20 00 00 00 03 05"));
+}
+
+void TstSdo::wrongToggleFromTheClient()
+{
+    Link link;
+    link.client.setBlockTransfer(false);
+    link.client.startDownload(5, 0x2040, 0, pattern(20), 0);
+    link.run([](bool toServer, CanFrame& f) {
+        if (toServer && (f.data[0] & 0xE0) == 0x00 && (f.data[0] & 0x10))
+            f.data[0] &= ~0x10;
+        return true;
+    });
+    QCOMPARE(link.result->abortCode, 0x05030000u);
+    QVERIFY(!link.store.values.contains({0x2040, 0}));
+}
+
+void TstSdo::corruptedBlockCrc_data()
+{
+    QTest::addColumn<bool>("upload");
+    QTest::newRow("download") << false;
+    QTest::newRow("upload") << true;
+}
+
+void TstSdo::corruptedBlockCrc()
+{
+    QFETCH(bool, upload);
+    Link link;
+    link.store.values[{0x2040, 0}] = pattern(50);
+    if (upload)
+        link.client.startUpload(5, 0x2040, 0, 0);
+    else
+        link.client.startDownload(5, 0x2041, 0, pattern(50), 0);
+    link.run([&](bool toServer, CanFrame& f) {
+        if (toServer != upload && (f.data[0] & 0xE3) == 0xC1) // the end frame with the CRC
+            f.data[1] ^= 0x01;
+        return true;
+    });
+    QCOMPARE(link.result->abortCode, 0x05040004u);
+    QVERIFY(!link.store.values.contains({0x2041, 0}));
+    QCOMPARE(link.server.state(), SdoServer::State::Idle);
+}
+
+void TstSdo::silentNode()
+{
+    Link link;
+    link.client.setTimeoutMs(500);
+    link.client.startUpload(5, 0x2040, 0, 0);
+    link.wire.clear(); // nobody answers
+    link.client.onTimer(499'999);
+    QVERIFY(!link.result);
+    QCOMPARE(link.client.nextDeadlineUs(), 500'000);
+    link.client.onTimer(500'000);
+    QVERIFY(link.result);
+    QCOMPARE(link.result->error, SdoClient::kTimeoutText);
+    QCOMPARE(link.result->abortCode, 0x05040000u);
+    QCOMPARE(hexOf(link.wire.front().second), QStringLiteral("605:80 40 20 00 00 00 04 05"));
+    // The next transfer works.
+    link.wire.clear();
+    link.result.reset();
+    link.store.values[{0x2040, 0}] = "ok";
+    link.client.startUpload(5, 0x2040, 0, 600'000);
+    link.run();
+    QCOMPARE(link.result->data, QByteArray("ok"));
+}
+
+void TstSdo::serverForgetsASilentClient()
+{
+    Link link;
+    link.client.setBlockTransfer(false);
+    link.client.startDownload(5, 0x2040, 0, pattern(30), 0);
+    link.run([&](bool toServer, CanFrame&) {
+        return !(toServer && link.server.state() == SdoServer::State::DownloadSegments);
+    });
+    QCOMPARE(link.server.state(), SdoServer::State::DownloadSegments);
+    link.server.onTimer(999'999);
+    QVERIFY(link.wire.empty());
+    link.server.onTimer(1'000'000);
+    QCOMPARE(hexOf(link.wire.front().second), QStringLiteral("585:80 40 20 00 00 00 04 05"));
+    QCOMPARE(link.server.state(), SdoServer::State::Idle);
+}
+
+void TstSdo::abortInTheMiddleOfABlock()
+{
+    Link link;
+    link.client.startDownload(5, 0x2040, 0, pattern(2000), 0);
+    int segments = 0;
+    link.run([&](bool toServer, CanFrame&) {
+        if (toServer && link.server.state() == SdoServer::State::BlockDownload && ++segments == 50)
+            link.wire.push_back({false, sdo::abortFrame(0x585, 0x2040, 0, 0x08000020)});
+        return true;
+    });
+    QCOMPARE(link.result->abortCode, 0x08000020u);
+    QVERIFY(!link.client.isBusy());
+    // Frames of the broken transfer still in flight are ignored; a new transfer goes through.
+    link.result.reset();
+    link.server.reset();
+    link.client.startDownload(5, 0x2040, 0, pattern(9), 0);
+    link.run();
+    QCOMPARE(link.result->abortCode, 0u);
+    QCOMPARE(link.store.values.value({0x2040, 0}), pattern(9));
+}
+
+void TstSdo::crcKnownValue()
+{
+    // CRC-16/XMODEM check value.
+    QCOMPARE(sdoCrc(QByteArray("123456789")), quint16(0x31C3));
+    QCOMPARE(sdoCrc(QByteArray()), quint16(0));
+    QCOMPARE(sdoAbortText(0x06020000), QStringLiteral("Object does not exist in the object dictionary"));
+}
+
+QTEST_APPLESS_MAIN(TstSdo)
+#include "tst_sdo.moc"
