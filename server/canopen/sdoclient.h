@@ -52,6 +52,8 @@ public:
     void onTimer(qint64 nowUs);
     qint64 nextDeadlineUs() const { return m_state == State::Idle ? -1 : m_deadlineUs; }
     bool isBusy() const { return m_state != State::Idle; }
+    // Drops the transfer without a frame or a result: the caller ends it itself.
+    void cancel() { m_state = State::Idle; }
     State state() const { return m_state; }
     quint8 node() const { return m_node; }
 

@@ -44,7 +44,7 @@ void SdoServer::abort(quint32 code)
 
 bool SdoServer::onFrame(const CanFrame& f, qint64 nowUs)
 {
-    if (f.id != sdo::kRequestBase + m_nodeId || f.remote || m_nodeId == 0)
+    if (m_nodeId == 0 || m_nodeId > 127 || f.id != sdo::kRequestBase + m_nodeId || f.remote)
         return false;
     if (f.len != 8) {
         // Not a frame of the protocol; a transfer in progress goes on.

@@ -2,6 +2,7 @@
 
 #include "objectdictionary.h"
 #include "qcanbuschannel.h"
+#include "sdorunner.h"
 #include "simdrive.h"
 #include "simulatedchannel.h"
 #include "simulatedsegment.h"
@@ -54,6 +55,9 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
         *error = QStringLiteral("no CAN controller configured");
         return nullptr;
     }
+    // Created before any session, so a runner sees each batch of frames first.
+    for (const auto& channel : core->m_channels)
+        core->m_sdoRunners.push_back(std::make_unique<SdoRunner>(channel.get()));
     ServerCore* raw = core.get();
     connect(core->m_bench.get(), &SimBench::drivePowerChanged, raw, [raw](bool powered) {
         for (const auto& drive : raw->m_drives)
@@ -75,6 +79,12 @@ CanChannel* ServerCore::channel(int controller) const
 SimulatedSegment* ServerCore::segment(int controller) const
 {
     return controller >= 0 && controller < controllerCount() ? m_segments[controller].get()
+                                                             : nullptr;
+}
+
+SdoRunner* ServerCore::sdoRunner(int controller) const
+{
+    return controller >= 0 && controller < controllerCount() ? m_sdoRunners[controller].get()
                                                              : nullptr;
 }
 

@@ -11,6 +11,7 @@
 
 namespace qorcalib {
 
+class SdoRunner;
 class SimulatedSegment;
 class SimDrive;
 
@@ -39,6 +40,7 @@ public:
     QString checkController(int controller) const;
     SimBench* bench() const { return m_bench.get(); }
     SimulatedSegment* segment(int controller) const;
+    SdoRunner* sdoRunner(int controller) const;
 
     bool startController(int controller, QString* error);
     bool restartController(int controller, QString* error);
@@ -62,6 +64,7 @@ private:
     std::vector<std::unique_ptr<SimulatedSegment>> m_segments; // per controller; null if real
     std::vector<std::unique_ptr<CanChannel>> m_channels;
     std::vector<std::unique_ptr<SimDrive>> m_drives;
+    std::vector<std::unique_ptr<SdoRunner>> m_sdoRunners;
     bool m_shutdownRequested = false;
 };
 

@@ -1,6 +1,7 @@
 #include "session.h"
 
 #include "rep_qorcalib_source.h"
+#include "sdorunner.h"
 #include "serverhost.h"
 #include "servercore.h"
 
@@ -175,11 +176,15 @@ public:
     }
     IntReply GetSdoTimeOut() override { return IntReply(m_s->sdoTimeoutMs, {}); }
     Reply SetSdoTimeout(int milliseconds) override { return Reply(setSdoTimeout(m_s, milliseconds)); }
-    RequestReply SdoDownload(int, int, int, int, QByteArray) override
+    RequestReply SdoDownload(int channel, int node, int index, int subIndex,
+                             QByteArray data) override
     {
-        return RequestReply(0, kNotSupported);
+        return m_s->startSdo(false, channel, node, index, subIndex, data);
     }
-    RequestReply SdoUpload(int, int, int, int) override { return RequestReply(0, kNotSupported); }
+    RequestReply SdoUpload(int channel, int node, int index, int subIndex) override
+    {
+        return m_s->startSdo(true, channel, node, index, subIndex, {});
+    }
     RequestReply StopOnBoot(int, int, int) override { return RequestReply(0, kNotSupported); }
     RequestReply LssInquire(int) override { return RequestReply(0, kNotSupported); }
     RequestReply LssConfigure(int, int, int) override { return RequestReply(0, kNotSupported); }
@@ -344,6 +349,8 @@ Session::Session(ServerCore* core, ServerHost* host, quint64 id, QString peer,
 
 Session::~Session()
 {
+    for (int c = 0; c < m_core->controllerCount(); ++c)
+        m_core->sdoRunner(c)->dropSession(m_id);
     if (m_node)
         for (const auto& [object, name] : m_objects->all())
             m_node->disableRemoting(object);
@@ -380,6 +387,37 @@ QString Session::description() const
              receiveAll ? QStringLiteral(" receive-all") : QString());
 }
 
+RequestReply Session::startSdo(bool upload, int channel, int node, int index, int subIndex,
+                               const QByteArray& data)
+{
+    QString error = m_core->checkController(channel);
+    if (error.isEmpty() && (node < 1 || node > 127))
+        error = QStringLiteral("node-ID %1 out of range (1..127)").arg(node);
+    if (error.isEmpty() && (index < 0 || index > 0xFFFF))
+        error = QStringLiteral("index %1 out of range (0..0xFFFF)").arg(index);
+    if (error.isEmpty() && (subIndex < 0 || subIndex > 0xFF))
+        error = QStringLiteral("sub-index %1 out of range (0..0xFF)").arg(subIndex);
+    if (!error.isEmpty())
+        return RequestReply(0, error);
+    const int requestId = m_nextRequest++;
+    SdoRunner::Request request;
+    request.session = m_id;
+    request.upload = upload;
+    request.node = quint8(node);
+    request.index = quint16(index);
+    request.subIndex = quint8(subIndex);
+    request.data = data;
+    request.timeoutMs = sdoTimeoutMs;
+    auto* notify = &m_objects->notify;
+    request.progress = [notify](double fraction) { emit notify->ProgressNotify(fraction); };
+    request.done = [notify, requestId](const SdoClient::Result& result) {
+        emit notify->OperationDone(
+            OperationResult(requestId, result.data, 0, result.abortCode, result.error));
+    };
+    m_core->sdoRunner(channel)->submit(std::move(request));
+    return RequestReply(requestId, {});
+}
+
 quint32 Session::takeOverrun(int controller)
 {
     if (controller < 0 || controller >= m_overrun.size() || !m_overrun[controller])
@@ -393,6 +431,7 @@ void Session::onFrames(int controller, const QVector<BusFrame>& frames)
     if (!attached)
         return;
     const bool backlogged = m_connection && m_connection->bytesToWrite() > kBacklogLimit;
+    const SdoRunner* runner = m_core->sdoRunner(controller);
     QByteArray records;
     records.reserve(frames.size() * kRecordSize);
     for (const BusFrame& f : frames) {
@@ -403,8 +442,13 @@ void Session::onFrames(int controller, const QVector<BusFrame>& frames)
         }
         // Another session's SDO or LSS exchange is its own business unless this one asked for
         // every frame of the bus.
-        if ((f.origin & kServiceOrigin) && !receiveAll)
-            continue;
+        if (!receiveAll) {
+            if (f.origin & kServiceOrigin)
+                continue;
+            const quint64 owner = runner->ownerOf(f.frame);
+            if (owner != 0 && owner != m_id)
+                continue;
+        }
         appendRecord(records, f.frame);
     }
     if (records.isEmpty())

@@ -10,6 +10,7 @@
 
 class QIODevice;
 class QRemoteObjectHostBase;
+class RequestReply;
 
 namespace qorcalib {
 
@@ -48,6 +49,9 @@ public:
     bool serviceStarted = false;
     int sdoTimeoutMs = kDefaultSdoTimeoutMs;
     quint32 takeOverrun(int controller);
+    // Queues an SDO transfer; its result comes as OperationDone with the returned number.
+    RequestReply startSdo(bool upload, int channel, int node, int index, int subIndex,
+                          const QByteArray& data);
 
 private:
     void onFrames(int controller, const QVector<BusFrame>& frames);
@@ -58,6 +62,7 @@ private:
     QString m_peer;
     QPointer<QIODevice> m_connection;
     QVector<bool> m_overrun;
+    int m_nextRequest = 1;
     struct Objects;
     std::unique_ptr<Objects> m_objects;
     QRemoteObjectHostBase* m_node = nullptr;

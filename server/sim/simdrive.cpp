@@ -11,26 +11,37 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
     : QObject(parent),
       m_segment(segment),
       m_dictionary(std::move(dictionary)),
+      m_access(&m_dictionary),
       m_nmt(NmtSlave::Hooks{
           [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
           [this] {
               // A reset node restarts the processor: boot loader first, values back to default.
+              m_sdo.reset();
               m_dictionary.restoreDefaults(0x0000, 0xFFFF);
               m_bootTimer.start(kBootLoaderWindowMs);
           },
           [this] {
+              m_sdo.reset();
               m_dictionary.restoreDefaults(0x1000, 0x1FFF);
               applyHeartbeatPeriod();
           }}),
+      m_sdo(&m_access, [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); }),
       m_bitRateIndex(bitRateIndex)
 {
     m_nmt.setNodeId(nodeId);
+    m_sdo.setNodeId(nodeId);
+    m_access.written = [this](quint16 index, quint8) {
+        if (index == 0x1017)
+            applyHeartbeatPeriod();
+    };
     m_bootTimer.setSingleShot(true);
     connect(&m_bootTimer, &QTimer::timeout, this, &SimDrive::boot);
     m_timer.setSingleShot(true);
     m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this, [this] {
-        m_nmt.onTimer(serverTimeUs());
+        const qint64 now = serverTimeUs();
+        m_nmt.onTimer(now);
+        m_sdo.onTimer(now);
         rearm();
     });
     m_segment->attach(this);
@@ -49,6 +60,7 @@ void SimDrive::setPowered(bool powered)
     m_timer.stop();
     m_bootTimer.stop();
     m_nmt.powerOff();
+    m_sdo.reset();
     // Downloaded values live in RAM: losing power brings back the defaults.
     m_dictionary.restoreDefaults(0x0000, 0xFFFF);
     if (powered)
@@ -71,13 +83,19 @@ void SimDrive::applyHeartbeatPeriod()
 
 void SimDrive::receive(const BusFrame& frame)
 {
-    m_nmt.onFrame(frame.frame, serverTimeUs());
+    const qint64 now = serverTimeUs();
+    m_nmt.onFrame(frame.frame, now);
+    // A stopped node, or one still booting, has no SDO service.
+    if (m_nmt.acceptsSdo())
+        m_sdo.onFrame(frame.frame, now);
     rearm();
 }
 
 void SimDrive::rearm()
 {
-    const qint64 deadline = m_nmt.nextDeadlineUs();
+    const qint64 nmt = m_nmt.nextDeadlineUs();
+    const qint64 sdo = m_sdo.nextDeadlineUs();
+    const qint64 deadline = nmt < 0 ? sdo : sdo < 0 ? nmt : std::min(nmt, sdo);
     if (deadline < 0) {
         m_timer.stop();
         return;

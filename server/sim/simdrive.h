@@ -1,6 +1,8 @@
 #pragma once
 
+#include "dictionaryaccess.h"
 #include "nmtslave.h"
+#include "sdoserver.h"
 #include "objectdictionary.h"
 #include "simulatedsegment.h"
 
@@ -10,7 +12,7 @@
 namespace qorcalib {
 
 // A simulated servo drive on a simulated segment: its object dictionary, its NMT slave and
-// heartbeat. When it gets power (or is reset) it spends a short while in its boot loader
+// heartbeat, and its SDO server (answering while pre-operational or operational). When it gets power (or is reset) it spends a short while in its boot loader
 // before the application sends its boot-up message.
 class SimDrive : public QObject, public SimPort
 {
@@ -27,6 +29,7 @@ public:
     quint8 nodeId() const { return m_nmt.nodeId(); }
     NmtSlave::State nmtState() const { return m_nmt.state(); }
     const ObjectDictionary& dictionary() const { return m_dictionary; }
+    ObjectDictionary& dictionary() { return m_dictionary; }
 
     int bitRateIndex() const override { return m_bitRateIndex; }
     bool isActive() const override { return m_powered; }
@@ -40,7 +43,9 @@ private:
 
     SimulatedSegment* m_segment;
     ObjectDictionary m_dictionary;
+    DictionaryAccess m_access;
     NmtSlave m_nmt;
+    SdoServer m_sdo;
     int m_bitRateIndex;
     bool m_powered = false;
     QTimer m_bootTimer;

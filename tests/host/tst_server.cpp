@@ -5,6 +5,7 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QtEndian>
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -62,6 +63,12 @@ private slots:
     void badInputIsRefused_data();
     void badInputIsRefused();
     void laterServicesAnswerNotSupported();
+    void sdoWithTheDrive();
+    void sdoAborts_data();
+    void sdoAborts();
+    void sdoDomainRoundTrip();
+    void sdoSilentNodeTimesOut();
+    void sdoFramesAreTheirSessionsOwn();
     void killedClientIsReaped();
     void sessionRightAfterAnotherEnds();
     void garbageOnTheSocketIsDropped_data();
@@ -371,8 +378,6 @@ void TstServer::laterServicesAnswerNotSupported()
     QVERIFY(a);
     QString error;
     const QString expected = QStringLiteral("not supported by this server");
-    QCOMPARE(a->wait(a->service()->SdoUpload(0, 1, 0x1018, 1), &error)->error(), expected);
-    QCOMPARE(a->wait(a->service()->SdoDownload(0, 1, 0x2000, 0, "abcd"), &error)->error(), expected);
     QCOMPARE(a->wait(a->service()->StopOnBoot(0, 1, 0), &error)->error(), expected);
     QCOMPARE(a->wait(a->service()->LssInquire(1), &error)->error(), expected);
     QCOMPARE(a->wait(a->service()->LssConfigure(1, 5, 3), &error)->error(), expected);
@@ -384,6 +389,179 @@ void TstServer::laterServicesAnswerNotSupported()
              a->sessionName() + "/QCSBenchIo");
     QCOMPARE(a->wait(a->testConnector()->GetShutdownRequest(), &error)->value(), 0);
     CALL_OK(a, serverWindow()->Show()); // no display: nothing happens, no error
+}
+
+namespace {
+// One SDO transfer through the server: the request, then its OperationDone.
+std::optional<OperationResult> sdoTransfer(ServerConnection* c, bool upload, int node, int index,
+                                           int sub, const QByteArray& data = {},
+                                           int channel = 0)
+{
+    QSignalSpy done(c->notify(), &QCSNotifyReplica::OperationDone);
+    QString error;
+    const auto reply = upload ? c->wait(c->service()->SdoUpload(channel, node, index, sub), &error)
+                              : c->wait(c->service()->SdoDownload(channel, node, index, sub, data),
+                                        &error);
+    if (!reply || !reply->error().isEmpty()) {
+        qWarning("request refused: %s", qPrintable(reply ? reply->error() : error));
+        return std::nullopt;
+    }
+    for (int round = 0; round < 300; ++round) {
+        for (const auto& args : done) {
+            const auto result = args.at(0).value<OperationResult>();
+            if (result.requestId() == reply->requestId())
+                return result;
+        }
+        done.wait(100);
+    }
+    return std::nullopt;
+}
+
+QByteArray le32(quint32 v)
+{
+    QByteArray b(4, '\0');
+    qToLittleEndian(v, b.data());
+    return b;
+}
+} // namespace
+
+void TstServer::sdoWithTheDrive()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder ra(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+
+    auto vendor = sdoTransfer(a.get(), true, 1, 0x1018, 1);
+    QVERIFY(vendor);
+    QCOMPARE(vendor->abortCode(), 0u);
+    QCOMPARE(vendor->data(), le32(0x3A1));
+    auto name = sdoTransfer(a.get(), true, 1, 0x1008, 0);
+    QCOMPARE(name->data(), QByteArray("QD-300"));
+
+    auto written = sdoTransfer(a.get(), false, 1, 0x2000, 0, le32(5000));
+    QCOMPARE(written->abortCode(), 0u);
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(5000));
+    // The drive keeps written values until it loses power.
+    CALL_OK(a, benchBoard()->BoardCommand(11, 0));
+    const int powerOff = int(ra.received.size());
+    CALL_OK(a, benchBoard()->BoardCommand(10, 0));
+    QVERIFY(ra.waitFor(0x701, hex("00"), 3000, powerOff)); // booted again
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(4200));
+    // The trace of the exchange reached this session: its request as TxCan, the answer as
+    // a received frame.
+    QTRY_VERIFY(!ra.transmitted.isEmpty());
+    QCOMPARE(ra.transmitted.first().frame.id, quint16(0x601));
+    QVERIFY(ra.find(0x581, hex("43 18 10 01 a1 03 00 00")) >= 0);
+}
+
+void TstServer::sdoAborts_data()
+{
+    QTest::addColumn<bool>("upload");
+    QTest::addColumn<int>("index");
+    QTest::addColumn<int>("sub");
+    QTest::addColumn<QByteArray>("data");
+    QTest::addColumn<quint32>("abort");
+    QTest::newRow("missing object") << true << 0x3000 << 0 << QByteArray() << 0x06020000u;
+    QTest::newRow("missing sub-index") << true << 0x1018 << 9 << QByteArray() << 0x06090011u;
+    QTest::newRow("read a write-only entry") << true << 0x2020 << 0 << QByteArray() << 0x06010001u;
+    QTest::newRow("write a read-only entry") << false << 0x1018 << 1 << le32(1) << 0x06010002u;
+    QTest::newRow("write a constant") << false << 0x1008 << 0 << QByteArray("X") << 0x06010002u;
+    QTest::newRow("too high") << false << 0x2000 << 0 << le32(30000) << 0x06090031u;
+    QTest::newRow("too low") << false << 0x2000 << 0 << le32(50) << 0x06090032u;
+    QTest::newRow("signed too low") << false << 0x6071 << 0 << QByteArray("\x00\xf0", 2)
+                                    << 0x06090032u;
+    QTest::newRow("too short") << false << 0x2000 << 0 << QByteArray("\x01\x02", 2) << 0x06070013u;
+    QTest::newRow("too long") << false << 0x2002 << 0 << QByteArray("\x01\x02", 2) << 0x06070012u;
+    QTest::newRow("string too long") << false << 0x2030 << 0 << QByteArray(300, 'x') << 0x06070012u;
+}
+
+void TstServer::sdoAborts()
+{
+    QFETCH(bool, upload);
+    QFETCH(int, index);
+    QFETCH(int, sub);
+    QFETCH(QByteArray, data);
+    QFETCH(quint32, abort);
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder ra(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    const auto result = sdoTransfer(a.get(), upload, 1, index, sub, data);
+    QVERIFY(result);
+    QCOMPARE(result->abortCode(), abort);
+    QVERIFY(result->error().isEmpty());
+    // The next transfer works.
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
+}
+
+void TstServer::sdoDomainRoundTrip()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder ra(a.get());
+    QSignalSpy progress(a->notify(), &QCSNotifyReplica::ProgressNotify);
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    QByteArray image(100 * 1024, '\0');
+    for (int i = 0; i < image.size(); ++i)
+        image[i] = char((i * 131 + (i >> 8)) & 0xFF);
+    const auto down = sdoTransfer(a.get(), false, 1, 0x2040, 0, image);
+    QVERIFY(down);
+    QCOMPARE(down->abortCode(), 0u);
+    QVERIFY(down->error().isEmpty());
+    const auto up = sdoTransfer(a.get(), true, 1, 0x2040, 0);
+    QVERIFY(up);
+    QCOMPARE(up->data().size(), image.size());
+    QVERIFY(up->data() == image);
+    QTRY_VERIFY(progress.size() > 10);
+    QCOMPARE(progress.last().at(0).toDouble(), 1.0);
+}
+
+void TstServer::sdoSilentNodeTimesOut()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    CALL_OK(a, bus()->StartController(0));
+    CALL_OK(a, service()->SetSdoTimeout(200));
+    const auto result = sdoTransfer(a.get(), true, 5, 0x1018, 1); // no node 5 on the bus
+    QVERIFY(result);
+    QCOMPARE(result->error(), QStringLiteral("SDO timeout"));
+    // A stopped drive has no SDO service either; the server goes on serving.
+    FrameRecorder ra(a.get());
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    CALL_OK(a, bus()->Send(0, CanMsg(0, 2, hex("0201")), 0));
+    QVERIFY(ra.waitFor(0x701, hex("04"), 3000));
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->error(), QStringLiteral("SDO timeout"));
+    CALL_OK(a, bus()->Send(0, CanMsg(0, 2, hex("8001")), 0));
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000, ra.find(0x701, hex("04"))));
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
+    // A controller that is not started says so.
+    QVERIFY(sdoTransfer(a.get(), true, 1, 0x1018, 1, {}, 1)->error().contains("not started"));
+}
+
+void TstServer::sdoFramesAreTheirSessionsOwn()
+{
+    QVERIFY(startServer());
+    auto a = attach(), b = attach();
+    QVERIFY(a && b);
+    FrameRecorder ra(a.get()), rb(b.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(rb.waitFor(0x701, hex("7f"), 3000));
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
+    QTest::qWait(100);
+    for (const auto& f : rb.received)
+        QVERIFY(f.frame.id != 0x581 && f.frame.id != 0x601);
+    CALL_OK(b, bus()->setallrxflag(-1));
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 2)->abortCode(), 0u);
+    QVERIFY(rb.waitFor(0x601, hex("a4 18 10 02 7f 04 00 00"), 3000));
+    QVERIFY(rb.waitFor(0x581, hex("43 18 10 02 01 00 03 00"), 3000));
 }
 
 void TstServer::killedClientIsReaped()

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "canchannel.h"
+#include "sdoclient.h"
+
+#include <QObject>
+#include <QTimer>
+
+#include <deque>
+#include <functional>
+#include <optional>
+
+namespace qorcalib {
+
+// Runs the SDO transfers that sessions ask for on one controller, one after another (two
+// transfers to the same node at once would share its COB-IDs). Its frames go out as service
+// frames of the asking session; the node's answers to a running transfer count as that
+// session's too, so other sessions see them only when they receive everything.
+class SdoRunner : public QObject
+{
+    Q_OBJECT
+public:
+    struct Request
+    {
+        quint64 session = 0;
+        bool upload = true;
+        quint8 node = 0;
+        quint16 index = 0;
+        quint8 subIndex = 0;
+        QByteArray data;
+        int timeoutMs = 1000;
+        std::function<void(double)> progress;
+        std::function<void(const SdoClient::Result&)> done;
+    };
+
+    explicit SdoRunner(CanChannel* channel, QObject* parent = nullptr);
+
+    void submit(Request request);
+    // The session went away: its waiting transfers are dropped, its running one is aborted.
+    void dropSession(quint64 session);
+    // The session whose transfer a received frame belongs to, or 0.
+    quint64 ownerOf(const CanFrame& frame) const;
+
+private:
+    void startNext();
+    void onFrames(const QVector<BusFrame>& frames);
+    void complete(const SdoClient::Result& result);
+    void rearm();
+
+    CanChannel* m_channel;
+    SdoClient m_client;
+    QTimer m_timer;
+    std::deque<Request> m_queue;
+    std::optional<Request> m_current;
+    // The answers of a transfer that just ended still belong to it for the rest of the batch.
+    quint64 m_owner = 0;
+    quint16 m_responseId = 0;
+};
+
+} // namespace qorcalib
