@@ -2,6 +2,8 @@
 
 #include "canmsg.h"
 #include "frmdiagno.h"
+#include "frmeds.h"
+#include "sdopanel.h"
 #include "traceline.h"
 #include "waitcursor.h"
 
@@ -75,6 +77,7 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
 FrmMain::~FrmMain()
 {
     delete m_monitor;
+    delete m_eds;
 }
 
 void FrmMain::buildWindow()
@@ -129,21 +132,22 @@ void FrmMain::buildWindow()
         connect(cmdNMT[i], &QPushButton::clicked, this, [this, i] { cmdNMT_Click(i); });
     }
 
-    auto* sdo = new QHBoxLayout;
-    sdo->addWidget(new QLabel(QStringLiteral("SDO timeout:"), central));
     txtSDOTimeOut = new QLineEdit(central);
     txtSDOTimeOut->setObjectName(QStringLiteral("txtSDOTimeOut"));
     txtSDOTimeOut->setMaximumWidth(70);
     txtSDOTimeOut->setToolTip(QStringLiteral("SDO time-out of the CAN server, in milliseconds"));
-    sdo->addWidget(txtSDOTimeOut);
-    sdo->addSpacing(12);
-    sdo->addWidget(new QLabel(QStringLiteral("Status:"), central));
     txtAbort = new QLineEdit(central);
     txtAbort->setObjectName(QStringLiteral("txtAbort"));
     txtAbort->setReadOnly(true);
     txtAbort->setToolTip(QStringLiteral("Result of the last bus operation: empty when it "
                                         "succeeded, else the SDO abort code or the error"));
-    sdo->addWidget(txtAbort, 1);
+    sdoPanel = new SdoPanel(&m_link, txtAbort, txtSDOTimeOut, central);
+    sdoPanel->selectedController = [this] { return m_selected; };
+    sdoPanel->monitorSwitch = [this](bool on) {
+        if (m_monitor)
+            m_monitor->setTraceReceived(on);
+    };
+    sdoPanel->monitorSwitchState = [this] { return !m_monitor || m_monitor->chTrace->isChecked(); };
 
     auto* tools = new QHBoxLayout;
     cmdDiagno = new QPushButton(QStringLiteral("Can &Monitor"), central);
@@ -151,11 +155,16 @@ void FrmMain::buildWindow()
     cmdDiagno->setToolTip(QStringLiteral("Open the CAN monitor"));
     connect(cmdDiagno, &QPushButton::clicked, this, &FrmMain::cmdDiagno_Click);
     tools->addWidget(cmdDiagno);
+    cmdEDS = new QPushButton(QStringLiteral("&EDS"), central);
+    cmdEDS->setObjectName(QStringLiteral("cmdEDS"));
+    cmdEDS->setToolTip(QStringLiteral("Open the EDS browser"));
+    connect(cmdEDS, &QPushButton::clicked, this, &FrmMain::cmdEDS_Click);
+    tools->addWidget(cmdEDS);
     tools->addStretch();
 
     layout->addWidget(fraCtrl);
     layout->addWidget(fraNMT);
-    layout->addLayout(sdo);
+    layout->addWidget(sdoPanel);
     layout->addLayout(tools);
     layout->addStretch();
 
@@ -278,6 +287,8 @@ void FrmMain::formUnload()
     WindowPlacement::saveGeometry(this, objectName());
     if (m_monitor)
         WindowPlacement::saveGeometry(m_monitor, m_monitor->objectName());
+    if (m_eds)
+        WindowPlacement::saveGeometry(m_eds, m_eds->objectName());
     QApplication::quit();
 }
 
@@ -333,6 +344,8 @@ void FrmMain::EnableBusButtons(bool enable)
 {
     for (QPushButton* b : cmdNMT)
         b->setEnabled(enable);
+    sdoPanel->cmdUpload->setEnabled(enable);
+    sdoPanel->cmdDownload->setEnabled(enable);
 }
 
 void FrmMain::EnableController(int index)
@@ -436,6 +449,22 @@ void FrmMain::cmdDiagno_Click()
     m_monitor->activateWindow();
 }
 
+void FrmMain::cmdEDS_Click()
+{
+    if (!m_eds) {
+        m_eds = new FrmEDS(&m_placement, this);
+        m_eds->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 40));
+        WindowPlacement::restoreGeometry(m_eds, m_eds->objectName());
+        m_eds->txtFileName->setText(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
+        m_eds->setAddress = [this](const QString& address) {
+            sdoPanel->cmbIndex->setCurrentText(address);
+        };
+    }
+    m_eds->show();
+    m_eds->raise();
+    m_eds->activateWindow();
+}
+
 void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)
 {
     if (controller < 0 || controller >= kRows) {
@@ -497,6 +526,8 @@ QList<QWidget*> FrmMain::carriedWindows() const
     QList<QWidget*> windows;
     if (m_monitor)
         windows << m_monitor;
+    if (m_eds)
+        windows << m_eds;
     return windows;
 }
 

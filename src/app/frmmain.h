@@ -21,6 +21,8 @@ class QRadioButton;
 namespace tessel {
 
 class FrmDiagno;
+class FrmEDS;
+class SdoPanel;
 
 // The controller status text: "OR ", "TX ", "EW ", "BO " for bits 2, 1, 4, 8, in that order,
 // without the trailing blank.
@@ -68,6 +70,8 @@ public:
     QLineEdit* txtSDOTimeOut = nullptr;
     QProgressBar* prbStato = nullptr;
     QPushButton* cmdDiagno = nullptr;
+    QPushButton* cmdEDS = nullptr;
+    SdoPanel* sdoPanel = nullptr;
     QTimer tmrStato;
 
     void chkCanEnable_Click(int index);
@@ -76,6 +80,8 @@ public:
     void tmrStato_Timer();
     void cmdNMT_Click(int index);
     void cmdDiagno_Click();
+    void cmdEDS_Click();
+    FrmEDS* edsBrowser() const { return m_eds; }
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
@@ -98,6 +104,7 @@ private:
     FirmwareHistory m_history;
     WindowPlacement m_placement;
     FrmDiagno* m_monitor = nullptr;
+    FrmEDS* m_eds = nullptr;
     std::function<void(const QString&)> m_message;
     int m_selected = 0;
     int m_controllerCount = 0;

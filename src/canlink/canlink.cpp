@@ -8,6 +8,8 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <QThread>
+#include <QTimer>
+#include <QEventLoop>
 
 #include <utility>
 
@@ -217,8 +219,96 @@ std::optional<int> CanLink::sdoTimeout(QString* error)
 {
     if (!m_connection)
         return (*error = ServerConnection::kNotReachable, std::nullopt);
-    return valueOf(m_connection->wait(m_connection->service()->GetSdoTimeOut(), error), error,
-                   &IntReply::value);
+    const auto value = valueOf(m_connection->wait(m_connection->service()->GetSdoTimeOut(), error),
+                               error, &IntReply::value);
+    if (value)
+        m_sdoTimeoutMs = *value;
+    return value;
+}
+
+QString CanLink::setSdoTimeout(int milliseconds)
+{
+    if (!m_connection)
+        return ServerConnection::kNotReachable;
+    QString error;
+    const auto service = m_connection->wait(m_connection->service()->SetSdoTimeout(milliseconds),
+                                            &error);
+    if (!service)
+        return error;
+    if (!service->error().isEmpty())
+        return service->error();
+    const auto bus = m_connection->wait(m_connection->bus()->SetSdoTimeout(milliseconds), &error);
+    if (!bus)
+        return error;
+    if (bus->error().isEmpty())
+        m_sdoTimeoutMs = milliseconds;
+    return bus->error();
+}
+
+CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, int index,
+                                        int subIndex, const QByteArray& data)
+{
+    SdoResult result;
+    if (!m_connection || !m_connection->isConnected()) {
+        result.error = ServerConnection::kNotReachable;
+        return result;
+    }
+    // Watch for the end before asking, so that a quick answer is not missed.
+    std::optional<OperationResult> finished;
+    int requestId = -1;
+    QList<OperationResult> early;
+    QEventLoop loop;
+    QTimer watchdog;
+    watchdog.setSingleShot(true);
+    watchdog.setInterval(m_sdoTimeoutMs + kSdoGraceMs);
+    const auto doneConnection = connect(
+        m_connection->notify(), &QCSNotifyReplica::OperationDone, &loop,
+        [&](const OperationResult& r) {
+            if (requestId < 0)
+                early << r;
+            else if (r.requestId() == requestId) {
+                finished = r;
+                loop.quit();
+            }
+        });
+    const auto progressConnection = connect(m_connection->notify(),
+                                            &QCSNotifyReplica::ProgressNotify, &watchdog,
+                                            qOverload<>(&QTimer::start));
+    connect(&watchdog, &QTimer::timeout, &loop, &QEventLoop::quit);
+    connect(m_connection.get(), &ServerConnection::connectionLost, &loop, &QEventLoop::quit);
+
+    QString error;
+    const auto request =
+        upload ? m_connection->wait(m_connection->service()->SdoUpload(controller, node, index,
+                                                                       subIndex),
+                                    &error)
+               : m_connection->wait(m_connection->service()->SdoDownload(controller, node, index,
+                                                                         subIndex, data),
+                                    &error);
+    if (!request || !request->error().isEmpty()) {
+        disconnect(doneConnection);
+        disconnect(progressConnection);
+        result.error = request ? request->error() : error;
+        return result;
+    }
+    requestId = request->requestId();
+    for (const OperationResult& r : std::as_const(early))
+        if (r.requestId() == requestId)
+            finished = r;
+    if (!finished) {
+        watchdog.start();
+        loop.exec(QEventLoop::ExcludeUserInputEvents);
+    }
+    disconnect(doneConnection);
+    disconnect(progressConnection);
+    if (!finished) {
+        result.error = ServerConnection::kNotReachable;
+        return result;
+    }
+    result.data = finished->data();
+    result.abortCode = finished->abortCode();
+    result.error = finished->error();
+    return result;
 }
 
 std::optional<CanLink::BenchInfo> CanLink::benchInfo(QString* error)

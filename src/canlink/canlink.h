@@ -64,6 +64,23 @@ public:
     // (TxCan) is not traced a second time: the sender echoes its own frames.
     QString send(int controller, quint16 id, int length, const QByteArray& data, bool remote);
 
+    // One SDO transfer on a controller: the uploaded bytes, the abort code (0 when none) and
+    // the error description (empty when the call itself worked). The wait lets events run but
+    // no user input; it ends when the server reports the end, when the server goes away, or
+    // when nothing at all happened for the SDO time-out plus kSdoGraceMs.
+    struct SdoResult
+    {
+        QByteArray data;
+        quint32 abortCode = 0;
+        QString error;
+    };
+    static constexpr int kSdoGraceMs = 5000;
+    SdoResult sdoTransfer(int controller, bool upload, int node, int index, int subIndex,
+                          const QByteArray& data = {});
+    // Both the service's and the bus's setter, so that both sides use it.
+    QString setSdoTimeout(int milliseconds);
+    int sdoTimeoutMs() const { return m_sdoTimeoutMs; }
+
     // MonitorEchoOff: while set, the send routines do not echo sent frames into the monitor.
     bool monitorEchoOff = false;
     // InhibitCtrlEvents: while set, the controller controls do not forward changes.
@@ -109,6 +126,7 @@ private:
         int count;
     };
     QList<HeldBatch> m_held;
+    int m_sdoTimeoutMs = 1000;
 };
 
 } // namespace tessel

@@ -38,6 +38,9 @@ public:
     void receiveRecords(int channel, const QByteArray& records, int count);
 
     bool showTransmit() const;
+    // The public traffic switch: while off, received frames are not traced. Long operations
+    // set it from chTrace and back on afterwards.
+    void setTraceReceived(bool on) { m_traceReceived = on; }
     const QString& traceText() const { return m_trace.text(); }
     // Brings the screen up to date at once (the refresh timer does it otherwise).
     void refreshTrace();

@@ -1,0 +1,97 @@
+#include "edsreader.h"
+
+#include "numbers.h"
+
+#include <QFile>
+
+namespace tessel {
+
+IniFile::IniFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return;
+    QHash<QString, QString>* section = nullptr;
+    while (!file.atEnd()) {
+        const QString line = QString::fromLatin1(file.readLine()).trimmed();
+        if (line.isEmpty() || line.startsWith(QLatin1Char(';')))
+            continue;
+        if (line.startsWith(QLatin1Char('['))) {
+            const qsizetype end = line.indexOf(QLatin1Char(']'));
+            section = end > 0 ? &m_sections[line.mid(1, end - 1).trimmed().toLower()] : nullptr;
+            continue;
+        }
+        const qsizetype eq = line.indexOf(QLatin1Char('='));
+        if (!section || eq <= 0)
+            continue;
+        const QString key = line.left(eq).trimmed().toLower();
+        // The first of two equal keys counts, as the lookup finds it first.
+        if (!section->contains(key))
+            section->insert(key, line.mid(eq + 1).trimmed());
+    }
+}
+
+QString IniFile::value(const QString& section, const QString& key, const QString& fallback) const
+{
+    const auto s = m_sections.constFind(section.toLower());
+    if (s == m_sections.cend())
+        return fallback.left(kMaxValue);
+    const auto k = s->constFind(key.toLower());
+    return (k == s->cend() ? fallback : *k).left(kMaxValue);
+}
+
+qint32 edsNumber(const QString& text)
+{
+    const QString t = text.trimmed();
+    if (t.startsWith(QLatin1String("0x")))
+        return roundToInt32(lenientValue(QStringLiteral("&H") + t.mid(2)));
+    if (t.startsWith(QLatin1Char('0')))
+        return roundToInt32(lenientValue(QStringLiteral("&O") + t.mid(1)));
+    return roundToInt32(lenientValue(t));
+}
+
+QList<EdsEntry> readEds(const QString& path)
+{
+    const IniFile ini(path);
+    QList<EdsEntry> entries;
+    for (const char* list : {"MandatoryObjects", "OptionalObjects", "ManufacturerObjects"}) {
+        const QString listName = QLatin1String(list);
+        const int count = roundToInt32(
+            lenientValue(ini.value(listName, QStringLiteral("SupportedObjects"), QStringLiteral("0"))));
+        for (int n = 1; n <= count; ++n) {
+            QString key = QString::number(n);
+            QString value = ini.value(listName, key);
+            for (int pad = 0; value.isEmpty() && pad < 2; ++pad) {
+                key.prepend(QLatin1Char('0'));
+                value = ini.value(listName, key);
+            }
+            if (value.isEmpty())
+                continue;
+            const qint32 index = edsNumber(value);
+            const QString section =
+                QString::number(quint32(index) & 0xFFFF, 16).toUpper().rightJustified(4, QLatin1Char('0'));
+            const qint32 subNumber = edsNumber(ini.value(section, QStringLiteral("SubNumber"),
+                                                         QStringLiteral("0")));
+            const QString name = ini.value(section, QStringLiteral("ParameterName"));
+            if (subNumber > 0) {
+                for (int s = 1; s <= subNumber && s <= 0xFF; ++s) {
+                    QString subName = ini.value(
+                        section + QStringLiteral("sub") +
+                            QString::number(s, 16).toUpper().rightJustified(2, QLatin1Char('0')),
+                        QStringLiteral("ParameterName"));
+                    if (subName.isEmpty())
+                        subName = ini.value(section + QStringLiteral("sub") +
+                                                QString::number(s, 16).toUpper(),
+                                            QStringLiteral("ParameterName"));
+                    entries.append({name + QLatin1Char('\\') + subName,
+                                    qint32(lenientHexValue(section)), s});
+                }
+            } else {
+                entries.append({name, index, 0});
+            }
+        }
+    }
+    return entries;
+}
+
+} // namespace tessel

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QHash>
+#include <QList>
+#include <QString>
+
+namespace tessel {
+
+// An INI file read once, with the lookup rules of the platform the program came from: section
+// and key names compared without regard to case, the value after "=" with leading and trailing
+// blanks removed, the default for a missing section or key, at most 127 characters returned.
+class IniFile
+{
+public:
+    static constexpr int kMaxValue = 127;
+
+    // A file that cannot be read gives an empty file: every lookup returns its default.
+    explicit IniFile(const QString& path);
+    QString value(const QString& section, const QString& key, const QString& fallback = {}) const;
+
+private:
+    QHash<QString, QHash<QString, QString>> m_sections; // lower-case names
+};
+
+// A number as the data sheet writes it: "0x" (lower-case x) hexadecimal, a leading "0" octal,
+// else decimal; leading digits only, rounded to 32 bits.
+qint32 edsNumber(const QString& text);
+
+struct EdsEntry
+{
+    QString name; // "Object" or "Object\Sub-entry"
+    qint32 index = 0;
+    qint32 subIndex = 0;
+};
+
+// The entries of an EDS: the objects of the sections MandatoryObjects, OptionalObjects and
+// ManufacturerObjects in that order; an object with sub-entries gives one entry for each of
+// its sub-indexes 1..SubNumber (sub-index 0 is not listed), else one entry with sub-index 0.
+QList<EdsEntry> readEds(const QString& path);
+
+} // namespace tessel

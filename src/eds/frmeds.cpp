@@ -1,0 +1,106 @@
+#include "frmeds.h"
+
+#include "filedialogfilter.h"
+#include "numbers.h"
+#include "waitcursor.h"
+#include "windowplacement.h"
+
+#include <QFileDialog>
+#include <QGridLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPushButton>
+
+namespace tessel {
+
+FrmEDS::FrmEDS(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent)
+    : QWidget(parent, Qt::Window), m_placement(placement), m_mainWindow(mainWindow)
+{
+    setObjectName(QStringLiteral("frmEDS"));
+    setWindowTitle(QStringLiteral("Electronic Data Sheet"));
+    txtFileName = new QLineEdit(this);
+    txtFileName->setObjectName(QStringLiteral("txtFileName"));
+    txtFileName->setToolTip(QStringLiteral("The EDS file; Enter reads it"));
+    cmdFNApp = new QPushButton(QStringLiteral("..."), this);
+    cmdFNApp->setObjectName(QStringLiteral("cmdFNApp"));
+    cmdFNApp->setToolTip(QStringLiteral("Choose an EDS file"));
+    lstKey = new QListWidget(this);
+    lstKey->setObjectName(QStringLiteral("lstKey"));
+    lstKey->setToolTip(QStringLiteral("Double-click an entry to put its address into the SDO "
+                                      "panel"));
+    txtNode = new QLineEdit(QStringLiteral("1"), this);
+    txtNode->setObjectName(QStringLiteral("txtNode"));
+    txtNode->setMaximumWidth(50);
+    txtNode->setToolTip(QStringLiteral("Node-ID, decimal"));
+    cmdMove = new QPushButton(QStringLiteral("&Move"), this);
+    cmdMove->setObjectName(QStringLiteral("cmdMove"));
+    cmdMove->setToolTip(QStringLiteral("Put the chosen entry's address into the SDO panel"));
+
+    auto* grid = new QGridLayout(this);
+    grid->addWidget(txtFileName, 0, 0, 1, 3);
+    grid->addWidget(cmdFNApp, 0, 3);
+    grid->addWidget(lstKey, 1, 0, 1, 4);
+    grid->addWidget(new QLabel(QStringLiteral("Node:"), this), 2, 0);
+    grid->addWidget(txtNode, 2, 1);
+    grid->addWidget(cmdMove, 2, 3);
+    resize(420, 480);
+
+    connect(cmdFNApp, &QPushButton::clicked, this, &FrmEDS::cmdFNApp_Click);
+    connect(cmdMove, &QPushButton::clicked, this, &FrmEDS::cmdMove_Click);
+    connect(lstKey, &QListWidget::itemDoubleClicked, this, [this] { cmdMove_Click(); });
+    connect(txtFileName, &QLineEdit::returnPressed, this, &FrmEDS::loadList);
+}
+
+void FrmEDS::loadList()
+{
+    WaitCursor wait;
+    m_entries = readEds(txtFileName->text());
+    lstKey->clear();
+    for (int k = 0; k < m_entries.size(); ++k) {
+        auto* item = new QListWidgetItem(m_entries[k].name, lstKey);
+        item->setData(Qt::UserRole, k);
+    }
+}
+
+void FrmEDS::cmdFNApp_Click()
+{
+    const QString file = QFileDialog::getOpenFileName(
+        this, QStringLiteral("Apri Electronic data sheet"), txtFileName->text(),
+        qtFileDialogFilter(QStringLiteral("EDS files (*.eds)|*.eds|All Files (*.*)|*.*")));
+    if (file.isEmpty())
+        return;
+    txtFileName->setText(file);
+    loadList();
+}
+
+void FrmEDS::cmdMove_Click()
+{
+    QListWidgetItem* item = lstKey->currentItem();
+    if (!item || !item->isSelected())
+        return;
+    const int k = item->data(Qt::UserRole).toInt();
+    if (k < 0 || k >= m_entries.size())
+        return;
+    const qint32 node = roundToInt32(lenientValue(txtNode->text()));
+    const EdsEntry& e = m_entries[k];
+    const QString address = QStringLiteral("%1,%2,%3")
+                                .arg(node)
+                                .arg(QString::number(quint32(e.index), 16).toUpper())
+                                .arg(QString::number(quint32(e.subIndex), 16).toUpper());
+    if (setAddress)
+        setAddress(address);
+}
+
+void FrmEDS::showEvent(QShowEvent* event)
+{
+    QWidget::showEvent(event);
+    if (!m_positioned) {
+        m_positioned = true;
+        if (m_placement && m_mainWindow)
+            m_placement->placeNearMain(this, m_mainWindow);
+        loadList();
+    }
+}
+
+} // namespace tessel

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "edsreader.h"
+
+#include <QWidget>
+
+#include <functional>
+
+class QLineEdit;
+class QListWidget;
+class QListWidgetItem;
+class QPushButton;
+
+namespace tessel {
+
+class WindowPlacement;
+
+// "Electronic Data Sheet": the entries of an EDS by name; a chosen entry's address goes into
+// the main window's SDO address box as "node,index,subindex".
+class FrmEDS : public QWidget
+{
+    Q_OBJECT
+public:
+    FrmEDS(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent = nullptr);
+
+    // Where cmdMove puts the address text.
+    std::function<void(const QString&)> setAddress;
+
+    QLineEdit* txtFileName = nullptr;
+    QPushButton* cmdFNApp = nullptr;
+    QListWidget* lstKey = nullptr;
+    QLineEdit* txtNode = nullptr;
+    QPushButton* cmdMove = nullptr;
+
+    void loadList();
+    void cmdMove_Click();
+    void cmdFNApp_Click();
+    const QList<EdsEntry>& entries() const { return m_entries; }
+
+protected:
+    void showEvent(QShowEvent* event) override;
+
+private:
+    const WindowPlacement* m_placement;
+    QWidget* m_mainWindow;
+    QList<EdsEntry> m_entries;
+    bool m_positioned = false;
+};
+
+} // namespace tessel

@@ -1,0 +1,256 @@
+#include "sdopanel.h"
+
+#include "canlink.h"
+#include "hexhelpers.h"
+#include "numbers.h"
+#include "waitcursor.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QFontDatabase>
+#include <QGridLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
+
+namespace tessel {
+
+SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QWidget* parent)
+    : QGroupBox(QStringLiteral("SDO"), parent),
+      txtAbort(abortBox),
+      txtSDOTimeOut(timeoutBox),
+      m_link(link)
+{
+    setObjectName(QStringLiteral("fraSDO"));
+    const auto box = [this](const char* name, const QString& tip) {
+        auto* e = new QLineEdit(this);
+        e->setObjectName(QLatin1String(name));
+        e->setToolTip(tip);
+        return e;
+    };
+    cmbIndex = new QComboBox(this);
+    cmbIndex->setObjectName(QStringLiteral("cmbIndex"));
+    cmbIndex->setEditable(true);
+    cmbIndex->setInsertPolicy(QComboBox::NoInsert);
+    cmbIndex->setMinimumWidth(140);
+    cmbIndex->setToolTip(QStringLiteral("Node, index and sub-index in hexadecimal, e.g. 1,1018,1; "
+                                        "the list holds the addresses used before"));
+    txtDataHex = box("txtDataHex", QStringLiteral("The data as hexadecimal byte pairs, first "
+                                                  "byte first"));
+    txtDataText = box("txtDataText", QStringLiteral("The data as text"));
+    txtByte = box("txtByte", QStringLiteral("The first byte, decimal"));
+    txtWord = box("txtWord", QStringLiteral("The first two bytes, little-endian, decimal"));
+    txtLong = box("txtLong", QStringLiteral("The first four bytes, little-endian, decimal"));
+    const auto button = [this](const char* name, const QString& caption, const QString& tip) {
+        auto* b = new QPushButton(caption, this);
+        b->setObjectName(QLatin1String(name));
+        b->setToolTip(tip);
+        return b;
+    };
+    cmdUpload = button("cmdUpload", QStringLiteral("&Upload"),
+                       QStringLiteral("Read the entry from the drive"));
+    cmdDownload = button("cmdDownload", QStringLiteral("&Download"),
+                         QStringLiteral("Write the data into the entry"));
+    cmdClear = button("cmdClear", QStringLiteral("&Clear"), QStringLiteral("Clear the data"));
+    cmdSetSDOTout = button("cmdSetSDOTout", QStringLiteral("Set"),
+                           QStringLiteral("Apply the SDO time-out (milliseconds)"));
+    cmdGetVect = button("cmdGetVect", QStringLiteral("Get &vector"),
+                        QStringLiteral("Read sub-index 0 and then every entry of the array"));
+    chkVHex = new QCheckBox(QStringLiteral("Hex"), this);
+    chkVHex->setObjectName(QStringLiteral("chkVHex"));
+    chkVHex->setChecked(true);
+    chkVDec = new QCheckBox(QStringLiteral("Dec"), this);
+    chkVDec->setObjectName(QStringLiteral("chkVDec"));
+    chkVDec->setChecked(true);
+    txtVectGet = new QPlainTextEdit(this);
+    txtVectGet->setObjectName(QStringLiteral("txtVectGet"));
+    txtVectGet->setReadOnly(true);
+    txtVectGet->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+    txtVectGet->setMaximumHeight(90);
+
+    auto* grid = new QGridLayout(this);
+    grid->addWidget(new QLabel(QStringLiteral("Node, idx, subidx:"), this), 0, 0);
+    grid->addWidget(cmbIndex, 0, 1, 1, 3);
+    grid->addWidget(cmdUpload, 0, 4);
+    grid->addWidget(cmdDownload, 0, 5);
+    grid->addWidget(new QLabel(QStringLiteral("Hex:"), this), 1, 0);
+    grid->addWidget(txtDataHex, 1, 1, 1, 3);
+    grid->addWidget(cmdClear, 1, 4);
+    grid->addWidget(new QLabel(QStringLiteral("Text:"), this), 2, 0);
+    grid->addWidget(txtDataText, 2, 1, 1, 3);
+    grid->addWidget(new QLabel(QStringLiteral("Byte / Word / Long:"), this), 3, 0);
+    grid->addWidget(txtByte, 3, 1);
+    grid->addWidget(txtWord, 3, 2);
+    grid->addWidget(txtLong, 3, 3);
+    grid->addWidget(cmdGetVect, 4, 0);
+    grid->addWidget(chkVHex, 4, 1);
+    grid->addWidget(chkVDec, 4, 2);
+    grid->addWidget(txtVectGet, 5, 0, 1, 6);
+    grid->addWidget(new QLabel(QStringLiteral("Abort Code:"), this), 6, 0);
+    grid->addWidget(txtAbort, 6, 1, 1, 5);
+    grid->addWidget(new QLabel(QStringLiteral("SDO timeout:"), this), 7, 0);
+    grid->addWidget(txtSDOTimeOut, 7, 1);
+    grid->addWidget(cmdSetSDOTout, 7, 2);
+    connect(cmdSetSDOTout, &QPushButton::clicked, this, &SdoPanel::cmdSetSDOTout_Click);
+
+    connect(cmdUpload, &QPushButton::clicked, this, &SdoPanel::cmdUpload_Click);
+    connect(cmdDownload, &QPushButton::clicked, this, &SdoPanel::cmdDownload_Click);
+    connect(cmdClear, &QPushButton::clicked, this, &SdoPanel::cmdClear_Click);
+    connect(cmdGetVect, &QPushButton::clicked, this, &SdoPanel::cmdGetVect_Click);
+    connect(cmbIndex, &QComboBox::activated, this, &SdoPanel::cmbIndex_Click);
+    const auto view = [this](QLineEdit* edit, DataView v) {
+        connect(edit, &QLineEdit::textEdited, this, [this, v](const QString& text) {
+            RefreshViews(dataFromView(v, text), int(v));
+        });
+    };
+    view(txtDataHex, DataView::Hex);
+    view(txtDataText, DataView::Text);
+    view(txtByte, DataView::Byte);
+    view(txtWord, DataView::Word);
+    view(txtLong, DataView::Long);
+    RefreshViews({}, 0);
+}
+
+void SdoPanel::RefreshViews(const QByteArray& data, int source)
+{
+    if (m_updating)
+        return;
+    m_updating = true;
+    const DataViews v = viewsOf(data);
+    if (source != int(DataView::Hex))
+        txtDataHex->setText(v.hex);
+    if (source != int(DataView::Text))
+        txtDataText->setText(v.text);
+    if (source != int(DataView::Byte))
+        txtByte->setText(v.byteValue);
+    if (source != int(DataView::Word))
+        txtWord->setText(v.wordValue);
+    if (source != int(DataView::Long))
+        txtLong->setText(v.longValue);
+    m_updating = false;
+}
+
+void SdoPanel::setData(const QByteArray& data)
+{
+    RefreshViews(data, 0);
+}
+
+void SdoPanel::clearResult()
+{
+    txtAbort->clear();
+    txtAbort->repaint();
+}
+
+QString SdoPanel::SdoRead(const SdoAddress& address, QByteArray* data)
+{
+    WaitCursor wait;
+    const auto result = m_link->sdoTransfer(selectedController ? selectedController() : 0, true,
+                                            address.node, address.indexBits(),
+                                            address.subIndexByte());
+    if (result.error.isEmpty() && result.abortCode == 0)
+        *data = result.data;
+    return sdoResultText(result.abortCode, result.error);
+}
+
+QString SdoPanel::SdoWrite(const SdoAddress& address, const QByteArray& data)
+{
+    WaitCursor wait;
+    const auto result = m_link->sdoTransfer(selectedController ? selectedController() : 0, false,
+                                            address.node, address.indexBits(),
+                                            address.subIndexByte(), data);
+    return sdoResultText(result.abortCode, result.error);
+}
+
+void SdoPanel::RememberAddress(const QString& address, const QString& data)
+{
+    const int row = m_history.remember(address, data);
+    if (row == 0 && (cmbIndex->count() == 0 || cmbIndex->itemText(0) != address) &&
+        cmbIndex->count() < m_history.addresses().size())
+        cmbIndex->insertItem(0, address);
+    else
+        cmbIndex->setItemText(row, address);
+    cmbIndex->setCurrentText(address);
+}
+
+void SdoPanel::cmdDownload_Click()
+{
+    clearResult();
+    const QByteArray data = hexToBytes(txtDataHex->text());
+    const QString addressText = cmbIndex->currentText();
+    const SdoAddress address = SdoAddress::parse(addressText);
+    RememberAddress(addressText, txtDataHex->text());
+    if (monitorSwitch)
+        monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
+    txtAbort->setText(SdoWrite(address, data));
+    if (monitorSwitch)
+        monitorSwitch(true);
+}
+
+void SdoPanel::cmdUpload_Click()
+{
+    clearResult();
+    const QString addressText = cmbIndex->currentText();
+    const SdoAddress address = SdoAddress::parse(addressText);
+    if (monitorSwitch)
+        monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
+    QByteArray data;
+    txtAbort->setText(SdoRead(address, &data));
+    if (monitorSwitch)
+        monitorSwitch(true);
+    if (!txtAbort->text().isEmpty())
+        return;
+    setData(data);
+    RememberAddress(addressText, txtDataHex->text());
+}
+
+void SdoPanel::cmdClear_Click()
+{
+    txtDataText->clear();
+    RefreshViews({}, 0);
+}
+
+void SdoPanel::cmdSetSDOTout_Click()
+{
+    const qint16 timeout = roundToInt16(lenientValue(txtSDOTimeOut->text()));
+    const QString error = m_link->setSdoTimeout(timeout);
+    txtAbort->setText(error);
+}
+
+void SdoPanel::cmbIndex_Click(int row)
+{
+    const QString data = m_history.dataOf(row);
+    txtDataHex->setText(data);
+    RefreshViews(hexToBytes(data), int(DataView::Hex));
+}
+
+void SdoPanel::cmdGetVect_Click()
+{
+    const QString addressText = cmbIndex->currentText();
+    SdoAddress address = SdoAddress::parse(addressText);
+    RememberAddress(addressText, txtDataHex->text());
+    if (monitorSwitch)
+        monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
+    txtVectGet->clear();
+    QString lines;
+    address.subIndex = 0;
+    QByteArray count;
+    txtAbort->setText(SdoRead(address, &count));
+    if (txtAbort->text().isEmpty()) {
+        const int n = count.isEmpty() ? 0 : quint8(count[0]);
+        for (int s = 1; s <= n; ++s) {
+            address.subIndex = qint16(s);
+            QByteArray entry;
+            txtAbort->setText(SdoRead(address, &entry));
+            if (!txtAbort->text().isEmpty())
+                break;
+            lines += vectorLine(entry, chkVHex->isChecked(), chkVDec->isChecked());
+            lines += QLatin1String("\r\n");
+        }
+    }
+    txtVectGet->setPlainText(QString(lines).replace(QLatin1String("\r\n"), QLatin1String("\n")));
+    if (monitorSwitch)
+        monitorSwitch(true);
+}
+
+} // namespace tessel
