@@ -1,9 +1,12 @@
 #include "canmsg.h"
 #include "frmdiagno.h"
 #include "frmmain.h"
+#include "sdopanel.h"
 #include "serverprocess.h"
 
 #include <QCheckBox>
+#include <QPlainTextEdit>
+#include <QProgressBar>
 #include <QComboBox>
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -69,6 +72,10 @@ private slots:
     void minimizeCarriesTheMonitor();
     void callsFromAnEventHandlerAreAnswered();
     void startsTheLocalServerWhenNoneRuns();
+    void sdoPanelWithTheDrive();
+    void sdoDomainThroughThePanel();
+    void vectorRead();
+    void sdoWithoutServer();
     void progressIsClamped_data();
     void progressIsClamped();
 
@@ -402,6 +409,126 @@ void TstFrmMain::startsTheLocalServerWhenNoneRuns()
     // A server started this way ends a while after its last client left.
     QVERIFY(QFile::exists(socket));
     QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(socket), 20000);
+}
+
+void TstFrmMain::sdoPanelWithTheDrive()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    SdoPanel* p = t.window.sdoPanel;
+
+    p->cmbIndex->setCurrentText("1,1018,1");
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QCOMPARE(p->txtDataHex->text(), QString("A1030000"));
+    QCOMPARE(p->txtByte->text(), QString("161"));
+    QCOMPARE(p->txtWord->text(), QString("929"));
+    QCOMPARE(p->txtLong->text(), QString("929"));
+    QCOMPARE(p->txtDataText->text(), QString::fromLatin1("\xa1\x03\x00\x00", 4));
+    QCOMPARE(p->cmbIndex->count(), 1);
+
+    // Write a 32-bit parameter through the long view and read it back.
+    p->cmbIndex->setCurrentText("1,2101,3");
+    p->txtLong->setText("12345");
+    emit p->txtLong->textEdited("12345");
+    QCOMPARE(p->txtDataHex->text(), QString("39300000"));
+    QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QTest::mouseClick(p->cmdClear, Qt::LeftButton);
+    QCOMPARE(p->txtDataHex->text(), QString());
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(p->txtLong->text(), QString("12345"));
+    QCOMPARE(p->cmbIndex->count(), 2);
+
+    // A missing entry: the abort code, and the data stay as they were.
+    p->cmbIndex->setCurrentText("1,3000,0");
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString("06020000"));
+    QCOMPARE(p->txtLong->text(), QString("12345"));
+    QCOMPARE(p->cmbIndex->count(), 2);
+    // A value too high for the entry's limits.
+    p->cmbIndex->setCurrentText("1,2101,1");
+    p->txtDataHex->setText("FFFFFF00");
+    QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString("06090031"));
+    // The history brings back the data of an address.
+    p->cmbIndex_Click(p->cmbIndex->findText("1,1018,1"));
+    QCOMPARE(p->txtDataHex->text(), QString("A1030000"));
+    // The exchange shows in the monitor with the server's transmit reports on.
+    t.window.monitor()->chkEnShowTx->setChecked(true);
+    p->cmbIndex->setCurrentText("1,1018,2");
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QTRY_VERIFY(t.trace().contains("T0 601 8 000s000.000 > A4 18 10 02 7F 04 00 00 "));
+    QVERIFY(t.trace().contains("R0 581 8 "));
+}
+
+void TstFrmMain::sdoDomainThroughThePanel()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    SdoPanel* p = t.window.sdoPanel;
+    QByteArray block(100 * 1024, '\0');
+    for (int i = 0; i < block.size(); ++i)
+        block[i] = char((i * 31 + (i >> 9)) & 0xFF);
+    p->setData(block);
+    p->cmbIndex->setCurrentText("1,2040,0");
+    QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QTRY_COMPARE(t.window.prbStato->value(), 100); // progress reports arrive through the event loop
+    QTest::mouseClick(p->cmdClear, Qt::LeftButton);
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QVERIFY(p->txtDataHex->text() == QString::fromLatin1(block.toHex()).toUpper());
+}
+
+void TstFrmMain::vectorRead()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    SdoPanel* p = t.window.sdoPanel;
+    p->cmbIndex->setCurrentText("1,2100,5"); // the sub-index typed is not used
+    QTest::mouseClick(p->cmdGetVect, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    const QStringList lines = p->txtVectGet->toPlainText().split('\n', Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 8);
+    QCOMPARE(lines[0], QString("000003E8 1000"));
+    QCOMPARE(lines[7], QString("00001F40 8000"));
+    p->chkVHex->setChecked(false);
+    p->cmbIndex->setCurrentText("1,1018,0");
+    QTest::mouseClick(p->cmdGetVect, Qt::LeftButton);
+    QCOMPARE(p->txtVectGet->toPlainText().split('\n', Qt::SkipEmptyParts).first(),
+             QString("929"));
+    // An entry that aborts ends the list there: 0x1018 has 4 entries but says 4 in sub 0 only
+    // up to what exists; a missing object aborts at once and leaves the list empty.
+    p->cmbIndex->setCurrentText("1,3000,0");
+    QTest::mouseClick(p->cmdGetVect, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString("06020000"));
+    QCOMPARE(p->txtVectGet->toPlainText(), QString());
+}
+
+void TstFrmMain::sdoWithoutServer()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    QString error;
+    // The time-out goes to both the service and the bus.
+    t.window.txtSDOTimeOut->setText("250");
+    QTest::mouseClick(t.window.sdoPanel->cmdSetSDOTout, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QCOMPARE(t.window.link()->sdoTimeoutMs(), 250);
+    t.window.sdoPanel->cmbIndex->setCurrentText("5,1018,1"); // nobody is node 5
+    QTest::mouseClick(t.window.sdoPanel->cmdUpload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString("SDO timeout"));
+    m_server->kill();
+    QTRY_COMPARE(t.window.sbrStato[0]->text(), QStringLiteral("CAN server not reachable"));
+    QElapsedTimer clock;
+    clock.start();
+    QTest::mouseClick(t.window.sdoPanel->cmdUpload, Qt::LeftButton);
+    QVERIFY(clock.elapsed() < 2000);
+    QVERIFY(t.window.txtAbort->text().startsWith("CAN server not reachable"));
 }
 
 void TstFrmMain::progressIsClamped_data()

@@ -1,0 +1,208 @@
+#include "edsreader.h"
+#include "filedialogfilter.h"
+#include "frmeds.h"
+
+#include <QElapsedTimer>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace tessel;
+
+class TstEdsReader : public QObject
+{
+    Q_OBJECT
+private slots:
+    void edsNumber_data();
+    void edsNumber();
+    void keySpellings();
+    void iniLookup();
+    void unreadableFiles_data();
+    void unreadableFiles();
+    void tenThousandObjects();
+    void driveEds();
+    void browserPutsTheAddress_data();
+    void browserPutsTheAddress();
+    void fileDialogFilter();
+
+private:
+    QString write(const QByteArray& content);
+    QTemporaryDir m_dir;
+    int m_files = 0;
+};
+
+QString TstEdsReader::write(const QByteArray& content)
+{
+    const QString path = m_dir.filePath(QStringLiteral("f%1.eds").arg(m_files++));
+    QFile f(path);
+    if (f.open(QIODevice::WriteOnly))
+        f.write(content);
+    return path;
+}
+
+void TstEdsReader::edsNumber_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<qint32>("value");
+    QTest::newRow("hex") << "0x1000" << 0x1000;
+    QTest::newRow("decimal") << "4096" << 4096;
+    QTest::newRow("octal") << "010000" << 4096;
+    QTest::newRow("zero") << "0" << 0;
+    QTest::newRow("010 is eight") << "010" << 8;
+    QTest::newRow("upper X is not hex") << "0X10" << 0;
+    QTest::newRow("blanks") << "  0x1a  " << 26;
+    QTest::newRow("stops at junk") << "12ab" << 12;
+    QTest::newRow("empty") << "" << 0;
+}
+
+void TstEdsReader::edsNumber()
+{
+    QFETCH(QString, text);
+    QFETCH(qint32, value);
+    QCOMPARE(tessel::edsNumber(text), value);
+}
+
+void TstEdsReader::keySpellings()
+{
+    const QString path = write(
+        "[MandatoryObjects]\r\nSupportedObjects=3\r\n1=0x1000\r\n02=4096\r\n003=010030\r\n"
+        "[OptionalObjects]\r\nSupportedObjects=2\r\n1=0x1018\r\n2=0x9999\r\n"
+        "[ManufacturerObjects]\r\nsupportedobjects = 1\r\n1 = 0x2000\r\n"
+        "[1000]\r\nParameterName=Device Type\r\n"
+        "[1018]\r\nParameterName=Identity\r\nSubNumber=0x3\r\n"
+        "[1018sub01]\r\nParameterName=Vendor\r\n"
+        "[1018sub2]\r\nParameterName=Product\r\n"
+        "[1018SUB0]\r\nParameterName=Count\r\n"
+        "[1018]\r\nParameterName=Second section of the same name\r\n"
+        "[2000]\r\nPARAMETERNAME =  Spaced name  \r\nSubNumber=0\r\n");
+    const QList<EdsEntry> e = readEds(path);
+    QStringList seen;
+    for (const EdsEntry& x : e)
+        seen << QStringLiteral("%1 %2 %3").arg(x.name).arg(x.index, 0, 16).arg(x.subIndex);
+    QCOMPARE(seen, (QStringList{
+                       "Device Type 1000 0",      // "1=0x1000"
+                       "Device Type 1000 0",      // "02=4096"
+                       "Identity\\Vendor 1018 1", // "003=010030", octal for 0x1018
+                       "Identity\\Product 1018 2", // "1018sub2" when "1018sub02" is missing
+                       "Identity\\ 1018 3",       // no sub-entry 3: the name ends in "\"
+                       "Identity\\Vendor 1018 1", // the same object listed again
+                       "Identity\\Product 1018 2",
+                       "Identity\\ 1018 3",
+                       " 9999 0", // no section: no name
+                       "Spaced name 2000 0",
+                   }));
+}
+
+void TstEdsReader::iniLookup()
+{
+    const QString path = write("[Sec]\nKey=  value with blanks  \nkey=second\nLong=" +
+                               QByteArray(200, 'x') + "\n;Commented=1\n");
+    IniFile ini(path);
+    QCOMPARE(ini.value("SEC", "KEY"), QString("value with blanks"));
+    QCOMPARE(ini.value("Sec", "Missing", "dflt"), QString("dflt"));
+    QCOMPARE(ini.value("Other", "Key", "dflt"), QString("dflt"));
+    QCOMPARE(ini.value("Sec", "Long").size(), 127);
+    QCOMPARE(ini.value("Sec", "Commented", "none"), QString("none"));
+}
+
+void TstEdsReader::unreadableFiles_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<bool>("exists");
+    QTest::newRow("missing") << QByteArray() << false;
+    QTest::newRow("empty") << QByteArray() << true;
+    QByteArray garbage(8192, '\0');
+    for (int i = 0; i < garbage.size(); ++i)
+        garbage[i] = char((i * 7919 + 13) & 0xFF);
+    QTest::newRow("binary garbage") << garbage << true;
+    QTest::newRow("count without entries") << QByteArray("[OptionalObjects]\nSupportedObjects=500\n")
+                                           << true;
+}
+
+void TstEdsReader::unreadableFiles()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(bool, exists);
+    const QString path = exists ? write(content) : m_dir.filePath("none.eds");
+    QVERIFY(readEds(path).isEmpty());
+}
+
+void TstEdsReader::tenThousandObjects()
+{
+    QByteArray text = "[ManufacturerObjects]\nSupportedObjects=10000\n";
+    for (int i = 1; i <= 10000; ++i)
+        text += QByteArray::number(i) + "=0x" + QByteArray::number(0x2000 + i, 16) + "\n";
+    for (int i = 1; i <= 10000; ++i)
+        text += "[" + QByteArray::number(0x2000 + i, 16).toUpper() + "]\nParameterName=P" +
+                QByteArray::number(i) + "\n";
+    const QList<EdsEntry> e = readEds(write(text));
+    QCOMPARE(e.size(), 10000);
+    QCOMPARE(e.last().name, QString("P10000"));
+    QCOMPARE(e.last().index, 0x2000 + 10000);
+}
+
+void TstEdsReader::driveEds()
+{
+    const QList<EdsEntry> e = readEds(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
+    QVERIFY(e.size() > 60);
+    const auto vendor = std::find_if(e.begin(), e.end(), [](const EdsEntry& x) {
+        return x.name == QStringLiteral("Identity Object\\Vendor-ID");
+    });
+    QVERIFY(vendor != e.end());
+    QCOMPARE(vendor->index, 0x1018);
+    QCOMPARE(vendor->subIndex, 1);
+}
+
+void TstEdsReader::browserPutsTheAddress_data()
+{
+    QTest::addColumn<QString>("node");
+    QTest::addColumn<bool>("doubleClick");
+    QTest::addColumn<QString>("address");
+    QTest::newRow("button") << "1" << false << "1,1018,1";
+    QTest::newRow("double click") << "1" << true << "1,1018,1";
+    QTest::newRow("empty node") << "" << false << "0,1018,1";
+    QTest::newRow("node 12") << "12" << true << "12,1018,1";
+}
+
+void TstEdsReader::browserPutsTheAddress()
+{
+    QFETCH(QString, node);
+    QFETCH(bool, doubleClick);
+    QFETCH(QString, address);
+    FrmEDS browser(nullptr, nullptr);
+    QString put;
+    browser.setAddress = [&put](const QString& text) { put = text; };
+    browser.txtFileName->setText(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
+    browser.show();
+    QVERIFY(browser.lstKey->count() > 60);
+    browser.cmdMove_Click(); // nothing selected: nothing happens
+    QCOMPARE(put, QString());
+    const auto items = browser.lstKey->findItems("Identity Object\\Vendor-ID", Qt::MatchExactly);
+    QCOMPARE(items.size(), 1);
+    browser.txtNode->setText(node);
+    browser.lstKey->setCurrentItem(items.first());
+    if (doubleClick) {
+        QVERIFY(QTest::qWaitForWindowExposed(&browser));
+        browser.lstKey->scrollToItem(items.first());
+        const QRect r = browser.lstKey->visualItemRect(items.first());
+        QTest::mouseClick(browser.lstKey->viewport(), Qt::LeftButton, {}, r.center());
+        QTest::mouseDClick(browser.lstKey->viewport(), Qt::LeftButton, {}, r.center());
+    } else {
+        QTest::mouseClick(browser.cmdMove, Qt::LeftButton);
+    }
+    QCOMPARE(put, address);
+}
+
+void TstEdsReader::fileDialogFilter()
+{
+    QCOMPARE(qtFileDialogFilter("EDS files (*.eds)|*.eds|All Files (*.*)|*.*"),
+             QString("EDS files (*.eds);;All Files (*.*)"));
+    QCOMPARE(qtFileDialogFilter("All ZD/ZDx firmware files (*.S;*.sx;*.sre)|*.S;*.sx;*.sre|"
+                                "Motorola HEX files (*.S)|*.S"),
+             QString("All ZD/ZDx firmware files (*.S *.sx *.sre);;Motorola HEX files (*.S)"));
+}
+
+QTEST_MAIN(TstEdsReader)
+#include "tst_edsreader.moc"
