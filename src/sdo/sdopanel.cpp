@@ -14,6 +14,8 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 
+#include <limits>
+
 namespace tessel {
 
 SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QWidget* parent)
@@ -39,6 +41,9 @@ SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QW
     txtDataHex = box("txtDataHex", QStringLiteral("The data as hexadecimal byte pairs, first "
                                                   "byte first"));
     txtDataText = box("txtDataText", QStringLiteral("The data as text"));
+    // A domain can be large; a line edit would otherwise cut it at 32767 characters.
+    txtDataHex->setMaxLength(std::numeric_limits<int>::max());
+    txtDataText->setMaxLength(std::numeric_limits<int>::max());
     txtByte = box("txtByte", QStringLiteral("The first byte, decimal"));
     txtWord = box("txtWord", QStringLiteral("The first two bytes, little-endian, decimal"));
     txtLong = box("txtLong", QStringLiteral("The first four bytes, little-endian, decimal"));
