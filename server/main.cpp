@@ -124,8 +124,12 @@ int main(int argc, char** argv)
                        "the start, when no client comes). Tessel starts its own local server "
                        "this way; by default the server runs until it is stopped."),
         QStringLiteral("seconds"));
+    const QCommandLineOption segmentedOption(
+        QStringLiteral("sdo-segmented"),
+        QStringLiteral("Transfer SDO data above 4 bytes segmented, never in blocks, even to "
+                       "nodes that offer block transfer."));
     parser.addOptions({socketOption, listenOption, channelOption, benchOption, unpacedOption,
-                       edsOption, showOption, idleExitOption});
+                       edsOption, showOption, idleExitOption, segmentedOption});
     parser.process(*app);
     if (!parser.positionalArguments().isEmpty())
         return fail(QStringLiteral("unexpected argument '%1' (see --help)")
@@ -143,6 +147,7 @@ int main(int argc, char** argv)
     config.bench = *bench;
     config.paced = !parser.isSet(unpacedOption);
     config.edsPath = parser.value(edsOption);
+    config.sdoBlockTransfer = !parser.isSet(segmentedOption);
 
     QString error;
     const auto core = ServerCore::create(config, &error);

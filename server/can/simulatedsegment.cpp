@@ -61,7 +61,8 @@ void SimulatedSegment::transmit(SimPort* from, const CanFrame& frame, FrameOrigi
     PortState* state = stateOf(from);
     if (!state)
         return;
-    state->queue.push_back(Queued{BusFrame{frame, origin}, nowUs()});
+    const qint64 ready = m_pumping && m_paced ? m_deliveryUs : nowUs();
+    state->queue.push_back(Queued{BusFrame{frame, origin}, ready});
     schedule();
 }
 
@@ -149,6 +150,7 @@ int SimulatedSegment::pump()
         }
         BusFrame frame = sender->queue.front().frame;
         sender->queue.pop_front();
+        m_deliveryUs = endUs;
         deliver(*sender, frame, endUs);
         ++delivered;
     }

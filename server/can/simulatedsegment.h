@@ -88,6 +88,9 @@ private:
     bool m_paced = true;
     bool m_pumping = false;
     double m_busFreeUs = 0.0;
+    // The bus time of the frame being delivered: what a port sends in answer is ready from then
+    // on, as a node answers within microseconds of a frame's end, not at the next timer tick.
+    qint64 m_deliveryUs = 0;
     std::vector<PortState> m_ports;
     QTimer m_timer;
 };

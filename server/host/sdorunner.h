@@ -36,6 +36,7 @@ public:
     explicit SdoRunner(CanChannel* channel, QObject* parent = nullptr);
 
     void submit(Request request);
+    void setBlockTransfer(bool allowed) { m_client.setBlockTransfer(allowed); }
     // The session went away: its waiting transfers are dropped, its running one is aborted.
     void dropSession(quint64 session);
     // The session whose transfer a received frame belongs to, or 0.

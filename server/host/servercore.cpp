@@ -56,8 +56,10 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
         return nullptr;
     }
     // Created before any session, so a runner sees each batch of frames first.
-    for (const auto& channel : core->m_channels)
+    for (const auto& channel : core->m_channels) {
         core->m_sdoRunners.push_back(std::make_unique<SdoRunner>(channel.get()));
+        core->m_sdoRunners.back()->setBlockTransfer(config.sdoBlockTransfer);
+    }
     ServerCore* raw = core.get();
     connect(core->m_bench.get(), &SimBench::drivePowerChanged, raw, [raw](bool powered) {
         for (const auto& drive : raw->m_drives)

@@ -29,6 +29,7 @@ public:
         SimBench::Identity bench;
         bool paced = true;
         QString edsPath; // the simulated drive's EDS
+        bool sdoBlockTransfer = true; // false: segmented only, even where a node offers block
     };
 
     static std::unique_ptr<ServerCore> create(const Config& config, QString* error);
@@ -41,6 +42,10 @@ public:
     SimBench* bench() const { return m_bench.get(); }
     SimulatedSegment* segment(int controller) const;
     SdoRunner* sdoRunner(int controller) const;
+    SimDrive* drive(int i) const
+    {
+        return i >= 0 && i < int(m_drives.size()) ? m_drives[i].get() : nullptr;
+    }
 
     bool startController(int controller, QString* error);
     bool restartController(int controller, QString* error);

@@ -25,6 +25,7 @@ public:
     ~SimDrive() override;
 
     void setPowered(bool powered);
+    void setBitRateIndex(int index) { m_bitRateIndex = index; }
     bool isPowered() const { return m_powered; }
     quint8 nodeId() const { return m_nmt.nodeId(); }
     NmtSlave::State nmtState() const { return m_nmt.state(); }

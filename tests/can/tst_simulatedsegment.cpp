@@ -52,6 +52,7 @@ private slots:
     void unacknowledgedFrameRaisesErrorsUpToPassive();
     void mismatchedReceiverReachesErrorWarning();
     void pacedDeliveryWaitsForBusTime();
+    void answersFollowAtBusTime();
     void arbitrationPrefersLowerIdKeepingPortOrder();
     void unpacedDeliversInBatches();
     void resetPortForgetsQueueAndErrors();
@@ -163,6 +164,42 @@ void TstSimulatedSegment::pacedDeliveryWaitsForBusTime()
     f.now = start + firstUs + secondUs + 1;
     QCOMPARE(f.segment.pump(), 1);
     QCOMPARE(b.received[1].frame.id, quint16(0x182));
+}
+
+namespace {
+// A node that answers every frame at once, as a drive answers an SDO request.
+class AnsweringPort : public RecordingPort
+{
+public:
+    AnsweringPort(SimulatedSegment* segment, int rate) : RecordingPort(rate), segment(segment) {}
+    void receive(const BusFrame& frame) override
+    {
+        RecordingPort::receive(frame);
+        if (frame.frame.id == 0x601)
+            segment->transmit(this, CanFrame::make(0x581, {0x60, 0, 0, 0, 0, 0, 0, 0}), 0);
+    }
+    SimulatedSegment* segment;
+};
+} // namespace
+
+void TstSimulatedSegment::answersFollowAtBusTime()
+{
+    Fixture f(true);
+    RecordingPort client(0);
+    AnsweringPort node(&f.segment, 0);
+    f.segment.attach(&client);
+    f.segment.attach(&node);
+    const CanFrame request = CanFrame::make(0x601, {0x40, 0x18, 0x10, 0x01, 0, 0, 0, 0});
+    const qint64 start = f.now;
+    f.segment.transmit(&client, request, 1);
+    // The segment is served late: the answer still takes its place right after the request,
+    // where it was on the bus, instead of waiting for the next service.
+    f.now = start + 10000;
+    QCOMPARE(f.segment.pump(), 2);
+    const qint64 requestEnd = start + qint64(frameDurationUs(request, 1000000));
+    QCOMPARE(client.received.size(), 1);
+    QCOMPARE(client.received[0].frame.timeUs,
+             quint32(requestEnd + qint64(frameDurationUs(client.received[0].frame, 1000000))));
 }
 
 void TstSimulatedSegment::arbitrationPrefersLowerIdKeepingPortOrder()

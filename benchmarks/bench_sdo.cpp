@@ -1,0 +1,181 @@
+// SDO throughput to the simulated drive on the paced bus: 256 KiB downloaded into and uploaded
+// from a domain entry, block and segmented, at 1000K and 125K. Prints bytes/s next to the
+// bus-limited rate: the same data divided by the bus time of exactly the frames the transfer
+// needs (their stuffed bit lengths at that bit rate), with no gap between frames.
+//
+//   bench_sdo [kibibytes]     (default 256)
+
+#include "bittiming.h"
+#include "serverconnection.h"
+#include "servercore.h"
+#include "serverhost.h"
+#include "simdrive.h"
+#include "sdoclient.h"
+#include "sdoserver.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QMap>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QTimer>
+
+#include <atomic>
+#include <cstdio>
+#include <deque>
+
+using namespace qorcalib;
+
+namespace {
+
+// The frames a transfer needs, from the engines themselves talking to each other.
+double busTimeUs(bool upload, bool block, const QByteArray& data, int bitsPerSecond)
+{
+    struct Store : SdoObjectAccess
+    {
+        QByteArray value;
+        quint32 upload(quint16, quint8, QByteArray* d) override { *d = value; return 0; }
+        quint32 checkDownload(quint16, quint8, qint64) override { return 0; }
+        quint32 download(quint16, quint8, const QByteArray& d) override { value = d; return 0; }
+    } store;
+    store.value = data;
+    std::deque<std::pair<bool, CanFrame>> wire;
+    SdoClient client([&](const CanFrame& f) { wire.push_back({true, f}); });
+    SdoServer server(&store, [&](const CanFrame& f) { wire.push_back({false, f}); });
+    server.setNodeId(1);
+    client.setBlockTransfer(block);
+    if (upload)
+        client.startUpload(1, 0x2040, 0, 0);
+    else
+        client.startDownload(1, 0x2040, 0, data, 0);
+    double us = 0;
+    while (!wire.empty()) {
+        auto [toServer, f] = wire.front();
+        wire.pop_front();
+        us += frameDurationUs(f, bitsPerSecond);
+        if (toServer)
+            server.onFrame(f, 0);
+        else
+            client.onFrame(f, 0);
+    }
+    return us;
+}
+
+struct Run
+{
+    double seconds = 0;
+    QString error;
+};
+
+Run transfer(ServerConnection& c, bool upload, const QByteArray& data)
+{
+    Run run;
+    QEventLoop loop;
+    int requestId = -1;
+    bool done = false;
+    QObject::connect(c.notify(), &QCSNotifyReplica::OperationDone, &loop,
+                     [&](const OperationResult& r) {
+                         if (r.requestId() != requestId)
+                             return;
+                         done = true;
+                         if (!r.error().isEmpty() || r.abortCode() != 0)
+                             run.error = r.error().isEmpty()
+                                             ? QString::number(r.abortCode(), 16)
+                                             : r.error();
+                         else if (upload && r.data() != data)
+                             run.error = QStringLiteral("uploaded data differ");
+                         loop.quit();
+                     });
+    QElapsedTimer clock;
+    clock.start();
+    QString error;
+    const auto reply = upload ? c.wait(c.service()->SdoUpload(0, 1, 0x2040, 0), &error)
+                              : c.wait(c.service()->SdoDownload(0, 1, 0x2040, 0, data), &error);
+    if (!reply || !reply->error().isEmpty()) {
+        run.error = reply ? reply->error() : error;
+        return run;
+    }
+    requestId = reply->requestId();
+    QTimer::singleShot(600000, &loop, &QEventLoop::quit);
+    if (!done)
+        loop.exec();
+    run.seconds = clock.nsecsElapsed() * 1e-9;
+    if (!done)
+        run.error = QStringLiteral("no end reported");
+    return run;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    const int kib = argc > 1 ? QByteArray(argv[1]).toInt() : 256;
+    QByteArray data(kib * 1024, '\0');
+    for (int i = 0; i < data.size(); ++i)
+        data[i] = char((i * 7 + (i >> 10)) & 0xFF);
+
+    std::printf("%d KiB to and from the simulated drive, paced bus\n", kib);
+    std::printf("%-6s %-10s %-9s %12s %14s %8s\n", "rate", "mode", "direction", "bytes/s",
+                "bus limit B/s", "of limit");
+    for (const int rateIndex : {0, 4}) {
+        for (const bool block : {true, false}) {
+            QTemporaryDir dir;
+            const QString socket = dir.filePath("qorcalib");
+            std::atomic<bool> ready{false}, failed{false};
+            QThread* thread = QThread::create([&] {
+                ServerCore::Config config;
+                config.paced = true;
+                config.sdoBlockTransfer = block;
+                config.edsPath = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
+                QString error;
+                auto core = ServerCore::create(config, &error);
+                ServerHost host(core.get());
+                if (!core || !host.listenLocal(socket, &error)) {
+                    std::fprintf(stderr, "server: %s\n", qPrintable(error));
+                    failed = true;
+                    return;
+                }
+                core->drive(0)->setBitRateIndex(rateIndex);
+                ready = true;
+                QEventLoop loop;
+                QObject::connect(QThread::currentThread(), &QThread::finished, &loop,
+                                 &QEventLoop::quit);
+                loop.exec();
+            });
+            thread->start();
+            while (!ready && !failed)
+                QThread::msleep(5);
+            if (failed)
+                return 1;
+            ServerConnection c;
+            QString error;
+            if (!c.open(ServerAddress::fromMachineName("localhost", socket), 5000, &error) ||
+                !c.wait(c.bus()->SetBitRate(0, rateIndex), &error) ||
+                !c.wait(c.bus()->StartController(0), &error)) {
+                std::fprintf(stderr, "client: %s\n", qPrintable(error));
+                return 1;
+            }
+            QThread::msleep(400); // the drive boots
+            const int bitsPerSecond = bitRateOfIndex(rateIndex);
+            for (const bool upload : {false, true}) {
+                const Run run = transfer(c, upload, data);
+                if (!run.error.isEmpty()) {
+                    std::fprintf(stderr, "transfer failed: %s\n", qPrintable(run.error));
+                    return 1;
+                }
+                const double limit = data.size() / (busTimeUs(upload, block, data, bitsPerSecond) * 1e-6);
+                const double rate = data.size() / run.seconds;
+                std::printf("%-6s %-10s %-9s %12.0f %14.0f %7.1f%%\n",
+                            qPrintable(bitRateText(rateIndex)), block ? "block" : "segmented",
+                            upload ? "upload" : "download", rate, limit, 100.0 * rate / limit);
+                std::fflush(stdout);
+            }
+            thread->quit();
+            thread->wait();
+            delete thread;
+        }
+    }
+    return 0;
+}
