@@ -116,6 +116,8 @@ private slots:
     void corruptedBlockCrc_data();
     void corruptedBlockCrc();
     void silentNode();
+    void nodeFallsSilentMidTransfer_data();
+    void nodeFallsSilentMidTransfer();
     void serverForgetsASilentClient();
     void abortInTheMiddleOfABlock();
     void crcKnownValue();
@@ -387,6 +389,41 @@ void TstSdo::silentNode()
     link.client.startUpload(5, 0x2040, 0, 600'000);
     link.run();
     QCOMPARE(link.result->data, QByteArray("ok"));
+}
+
+void TstSdo::nodeFallsSilentMidTransfer_data()
+{
+    QTest::addColumn<bool>("upload");
+    QTest::addColumn<bool>("block");
+    QTest::newRow("segmented upload") << true << false;
+    QTest::newRow("segmented download") << false << false;
+    QTest::newRow("block upload") << true << true;
+    QTest::newRow("block download") << false << true;
+}
+
+void TstSdo::nodeFallsSilentMidTransfer()
+{
+    QFETCH(bool, upload);
+    QFETCH(bool, block);
+    Link link;
+    link.client.setBlockTransfer(block);
+    link.client.setTimeoutMs(300);
+    link.store.values[{0x2040, 0}] = pattern(3000);
+    if (upload)
+        link.client.startUpload(5, 0x2040, 0, 0);
+    else
+        link.client.startDownload(5, 0x2040, 0, pattern(3000), 0);
+    // The node answers a few times, then its power goes.
+    int answers = 0;
+    link.run([&](bool toServer, CanFrame&) { return toServer || ++answers <= 3; });
+    QVERIFY(!link.result);
+    QVERIFY(link.client.isBusy());
+    link.now = 10'000; // last frame at time 0
+    link.client.onTimer(link.client.nextDeadlineUs());
+    QVERIFY(link.result);
+    QCOMPARE(link.result->error, SdoClient::kTimeoutText);
+    QVERIFY(link.result->data.isEmpty());
+    QVERIFY(!link.client.isBusy());
 }
 
 void TstSdo::serverForgetsASilentClient()
