@@ -475,6 +475,8 @@ void TstServer::sdoAborts_data()
                                     << 0x06090032u;
     QTest::newRow("too short") << false << 0x2000 << 0 << QByteArray("\x01\x02", 2) << 0x06070013u;
     QTest::newRow("too long") << false << 0x2002 << 0 << QByteArray("\x01\x02", 2) << 0x06070012u;
+    QTest::newRow("boolean other than 0 or 1") << false << 0x2050 << 0 << QByteArray("\x02", 1)
+                                               << 0x06090030u;
     QTest::newRow("string too long") << false << 0x2030 << 0 << QByteArray(300, 'x') << 0x06070012u;
 }
 
