@@ -98,7 +98,7 @@ int main(int argc, char** argv)
                        "segment (the first two carry the simulated drives), or a QCanBus "
                        "plugin and interface such as socketcan:can0 or virtualcan:can0. May be "
                        "given up to four times; replaces the two simulated controllers."),
-        QStringLiteral("spec"));
+        QStringLiteral("channel"));
     const QCommandLineOption benchOption(
         QStringLiteral("bench"),
         QStringLiteral("Simulated test bench KIND:TYPE: asm:3 (assembly bench, the default), "

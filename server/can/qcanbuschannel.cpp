@@ -14,15 +14,15 @@ namespace {
 constexpr int kConnectTimeoutMs = 3000;
 }
 
-std::unique_ptr<QCanBusChannel> QCanBusChannel::open(const QString& spec, QString* error)
+std::unique_ptr<QCanBusChannel> QCanBusChannel::open(const QString& channelName, QString* error)
 {
-    const qsizetype colon = spec.indexOf(QLatin1Char(':'));
-    if (colon <= 0 || colon == spec.size() - 1) {
-        *error = QStringLiteral("CAN channel '%1' is not of the form PLUGIN:INTERFACE").arg(spec);
+    const qsizetype colon = channelName.indexOf(QLatin1Char(':'));
+    if (colon <= 0 || colon == channelName.size() - 1) {
+        *error = QStringLiteral("CAN channel '%1' is not of the form PLUGIN:INTERFACE").arg(channelName);
         return nullptr;
     }
-    const QString plugin = spec.left(colon);
-    const QString interface = spec.mid(colon + 1);
+    const QString plugin = channelName.left(colon);
+    const QString interface = channelName.mid(colon + 1);
     const QStringList plugins = QCanBus::instance()->plugins();
     if (!plugins.contains(plugin)) {
         *error = QStringLiteral("CAN plugin '%1' does not exist (available: %2)")

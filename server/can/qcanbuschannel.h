@@ -16,7 +16,7 @@ class QCanBusChannel : public CanChannel
 public:
     // Checks that the plugin exists and that the interface can be opened; on failure returns
     // null with a description that names both.
-    static std::unique_ptr<QCanBusChannel> open(const QString& spec, QString* error);
+    static std::unique_ptr<QCanBusChannel> open(const QString& channelName, QString* error);
     ~QCanBusChannel() override;
 
     QString name() const override { return m_plugin + QLatin1Char(':') + m_interface; }

@@ -5,6 +5,9 @@
 #include <QByteArray>
 #include <QString>
 
+#include <functional>
+#include <optional>
+
 namespace qorcalib {
 
 // SDO abort codes (CiA 301), with their standard texts in sdoAbortText.
@@ -79,6 +82,55 @@ CanFrame abortFrame(quint16 id, quint16 index, quint8 subIndex, quint32 code);
 inline quint16 indexOf(const CanFrame& f) { return quint16(f.data[1] | (f.data[2] << 8)); }
 inline quint8 subIndexOf(const CanFrame& f) { return f.data[3]; }
 quint32 u32At(const CanFrame& f, int offset);
+QByteArray u32Bytes(quint32 value);
+
+// The sending half of a block transfer (the client's in a download, the server's in an upload):
+// sub-blocks of up to blockSize 7-byte segments numbered from 1, the last segment marked; an
+// acknowledgement names the last segment taken, and what follows it is sent again, numbered
+// from 1 in the next sub-block.
+class BlockSender
+{
+public:
+    void start(const QByteArray* data, int blockSize);
+    void sendSubBlock(quint16 id, const std::function<void(const CanFrame&)>& send);
+    // An acknowledgement (ackseq, new block size); an abort code when it cannot be right.
+    quint32 acknowledge(int ackSeq, int blockSize);
+    bool allTaken() const { return m_allTaken; }
+    qsizetype bytesTaken() const { return m_offset; }
+    // 110 nnn 01 with the CRC of the data (0 when no CRC was agreed).
+    CanFrame endFrame(quint16 id, bool crc) const;
+
+private:
+    const QByteArray* m_data = nullptr;
+    qsizetype m_offset = 0;
+    qsizetype m_subBlockStart = 0;
+    int m_blockSize = kBlockSize;
+    int m_segments = 0;
+    bool m_allTaken = false;
+};
+
+// The receiving half: takes segments in order, drops the others, and acknowledges at the end of
+// each sub-block with the last segment taken in order.
+class BlockReceiver
+{
+public:
+    void start(int blockSize);
+    // The acknowledgement to send when this segment ends a sub-block.
+    std::optional<CanFrame> onSegment(const CanFrame& segment, quint16 id);
+    // The last segment arrived in order and was acknowledged: the end frame comes next.
+    bool complete() const { return m_complete; }
+    qsizetype bytesReceived() const { return m_data.size(); }
+    // The end frame: drops the unused bytes of the last segment and checks the CRC; an abort
+    // code, or 0 with the data.
+    quint32 finish(const CanFrame& end, bool crc, QByteArray* data);
+
+private:
+    QByteArray m_data;
+    int m_blockSize = kBlockSize;
+    int m_expectedSeq = 1;
+    bool m_lastSeen = false;
+    bool m_complete = false;
+};
 } // namespace sdo
 
 } // namespace qorcalib

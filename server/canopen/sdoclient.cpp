@@ -5,12 +5,6 @@
 namespace qorcalib {
 
 namespace {
-QByteArray u32Bytes(quint32 value)
-{
-    QByteArray b(4, '\0');
-    qToLittleEndian(value, b.data());
-    return b;
-}
 // Below this many bytes an upload's server should answer as to a plain upload.
 constexpr int kProtocolSwitchThreshold = 4;
 } // namespace
@@ -72,7 +66,7 @@ void SdoClient::startDownload(quint8 node, quint16 index, quint8 subIndex, const
     }
     if (m_blockAllowed) {
         m_state = State::BlockDownloadInitiate;
-        send(0xC6, u32Bytes(quint32(data.size()))); // CRC supported, size indicated
+        send(0xC6, sdo::u32Bytes(quint32(data.size()))); // CRC supported, size indicated
         return;
     }
     startSegmentedDownload();
@@ -82,7 +76,7 @@ void SdoClient::startSegmentedDownload()
 {
     m_state = State::DownloadInitiate;
     m_size = -1; // marks a segmented download in DownloadInitiate
-    send(0x21, u32Bytes(quint32(m_data.size())));
+    send(0x21, sdo::u32Bytes(quint32(m_data.size())));
 }
 
 void SdoClient::startUpload(quint8 node, quint16 index, quint8 subIndex, qint64 nowUs)
@@ -229,64 +223,28 @@ void SdoClient::onBlockDownloadInitiate(const CanFrame& f)
     if ((cs & 0xE3) != 0xA0)
         return abortTransfer(quint32(SdoAbort::InvalidCommand));
     m_crc = cs & 0x04;
-    m_blockSize = f.data[4];
-    if (m_blockSize < 1 || m_blockSize > 127)
+    const int blockSize = f.data[4];
+    if (blockSize < 1 || blockSize > 127)
         return abortTransfer(quint32(SdoAbort::InvalidBlockSize));
-    m_offset = 0;
+    m_sender.start(&m_data, blockSize);
     m_state = State::BlockDownloadAck;
-    sendSubBlock();
+    m_sender.sendSubBlock(quint16(sdo::kRequestBase + m_node), [this](const CanFrame& frame) { sendRaw(frame); });
 }
 
-void SdoClient::sendSubBlock()
-{
-    m_subBlockStart = m_offset;
-    m_subBlockSegments = 0;
-    for (int seq = 1; seq <= m_blockSize; ++seq) {
-        const qsizetype chunk = qMin<qsizetype>(7, m_data.size() - m_offset);
-        const bool last = m_offset + chunk >= m_data.size();
-        CanFrame out;
-        out.id = quint16(sdo::kRequestBase + m_node);
-        out.len = 8;
-        out.data[0] = quint8((last ? 0x80 : 0) | seq);
-        for (qsizetype i = 0; i < chunk; ++i)
-            out.data[1 + i] = quint8(m_data[m_offset + i]);
-        m_offset += chunk;
-        ++m_subBlockSegments;
-        sendRaw(out);
-        if (last)
-            break;
-    }
-}
 
 void SdoClient::onBlockDownloadAck(const CanFrame& f)
 {
     if (f.data[0] != 0xA2)
         return abortTransfer(quint32(SdoAbort::InvalidCommand));
-    const int ackSeq = f.data[1];
-    const int blockSize = f.data[2];
-    if (ackSeq > m_subBlockSegments)
-        return abortTransfer(quint32(SdoAbort::InvalidSequence));
-    if (blockSize < 1 || blockSize > 127)
-        return abortTransfer(quint32(SdoAbort::InvalidBlockSize));
-    m_blockSize = blockSize;
-    // What the node did not take is sent again, numbered from 1 in the next sub-block.
-    m_offset = qMin<qsizetype>(m_subBlockStart + qsizetype(ackSeq) * 7, m_data.size());
-    reportProgress(m_offset, m_data.size());
-    const bool allTaken = ackSeq == m_subBlockSegments && m_offset >= m_data.size();
-    if (!allTaken) {
-        sendSubBlock();
+    if (const quint32 code = m_sender.acknowledge(f.data[1], f.data[2]))
+        return abortTransfer(code);
+    reportProgress(m_sender.bytesTaken(), m_data.size());
+    if (!m_sender.allTaken()) {
+        m_sender.sendSubBlock(quint16(sdo::kRequestBase + m_node), [this](const CanFrame& frame) { sendRaw(frame); });
         return;
     }
-    const int lastChunk = m_data.isEmpty() ? 0 : int((m_data.size() - 1) % 7) + 1;
-    const quint16 crc = m_crc ? sdoCrc(m_data) : 0;
-    CanFrame out;
-    out.id = quint16(sdo::kRequestBase + m_node);
-    out.len = 8;
-    out.data[0] = quint8(0xC1 | ((7 - lastChunk) << 2));
-    out.data[1] = quint8(crc);
-    out.data[2] = quint8(crc >> 8);
     m_state = State::BlockDownloadEnd;
-    sendRaw(out);
+    sendRaw(m_sender.endFrame(quint16(sdo::kRequestBase + m_node), m_crc));
 }
 
 void SdoClient::onUploadInitiate(const CanFrame& f)
@@ -339,62 +297,33 @@ void SdoClient::onBlockUploadInitiate(const CanFrame& f)
         return abortTransfer(quint32(SdoAbort::InvalidCommand));
     m_crc = cs & 0x04;
     m_size = (cs & 0x02) ? qint64(sdo::u32At(f, 4)) : -1;
-    m_data.clear();
-    m_expectedSeq = 1;
-    m_lastSegmentSeen = false;
+    m_receiver.start(sdo::kBlockSize);
     m_state = State::BlockUploadSegments;
-    CanFrame start;
-    start.id = quint16(sdo::kRequestBase + m_node);
-    start.len = 8;
-    start.data[0] = 0xA3;
-    sendRaw(start);
+    sendRaw(sdo::commandFrame(quint16(sdo::kRequestBase + m_node), 0xA3));
 }
 
 void SdoClient::onBlockUploadSegment(const CanFrame& f)
 {
-    const int seq = f.data[0] & 0x7F;
-    const bool last = f.data[0] & 0x80;
-    if (seq == m_expectedSeq) {
-        m_data.append(reinterpret_cast<const char*>(f.data.data()) + 1, 7);
-        ++m_expectedSeq;
-        if (last)
-            m_lastSegmentSeen = true;
-    }
-    if (seq != sdo::kBlockSize && !last)
+    const auto ack = m_receiver.onSegment(f, quint16(sdo::kRequestBase + m_node));
+    if (!ack)
         return;
-    const quint8 ack = quint8(m_expectedSeq - 1);
-    CanFrame out;
-    out.id = quint16(sdo::kRequestBase + m_node);
-    out.len = 8;
-    out.data[0] = 0xA2;
-    out.data[1] = ack;
-    out.data[2] = quint8(sdo::kBlockSize);
-    m_expectedSeq = 1;
-    if (m_lastSegmentSeen && ack == seq)
+    if (m_receiver.complete())
         m_state = State::BlockUploadEnd;
     // The last segment's padding is not data.
-    reportProgress(m_size >= 0 ? qMin<qsizetype>(m_data.size(), m_size) : m_data.size(), m_size);
-    sendRaw(out);
+    const qsizetype received = m_receiver.bytesReceived();
+    reportProgress(m_size >= 0 ? qMin<qsizetype>(received, m_size) : received, m_size);
+    sendRaw(*ack);
 }
 
 void SdoClient::onBlockUploadEnd(const CanFrame& f)
 {
-    const quint8 cs = f.data[0];
-    if ((cs & 0xE3) != 0xC1)
+    if ((f.data[0] & 0xE3) != 0xC1)
         return abortTransfer(quint32(SdoAbort::InvalidCommand));
-    const int unused = (cs >> 2) & 0x07;
-    if (unused > m_data.size())
-        return abortTransfer(quint32(SdoAbort::InvalidCommand));
-    m_data.chop(unused);
-    if (m_crc && quint16(f.data[1] | (f.data[2] << 8)) != sdoCrc(m_data))
-        return abortTransfer(quint32(SdoAbort::CrcError));
+    if (const quint32 code = m_receiver.finish(f, m_crc, &m_data))
+        return abortTransfer(code);
     if (m_size >= 0 && m_data.size() != m_size)
         return abortTransfer(quint32(m_data.size() > m_size ? SdoAbort::TooLong : SdoAbort::TooShort));
-    CanFrame out;
-    out.id = quint16(sdo::kRequestBase + m_node);
-    out.len = 8;
-    out.data[0] = 0xA1;
-    sendRaw(out);
+    sendRaw(sdo::commandFrame(quint16(sdo::kRequestBase + m_node), 0xA1));
     finish(0);
 }
 

@@ -65,7 +65,6 @@ private:
     void startSegmentedDownload();
     void startSegmentedUpload();
     void sendDownloadSegment();
-    void sendSubBlock();
     void reportProgress(qsizetype done, qsizetype total);
 
     void onDownloadInitiate(const CanFrame& f);
@@ -91,11 +90,8 @@ private:
     qsizetype m_offset = 0;
     bool m_toggle = false;
     bool m_crc = false;
-    int m_blockSize = sdo::kBlockSize;
-    int m_expectedSeq = 1;
-    bool m_lastSegmentSeen = false;
-    qsizetype m_subBlockStart = 0;
-    int m_subBlockSegments = 0;
+    sdo::BlockSender m_sender;
+    sdo::BlockReceiver m_receiver;
 };
 
 } // namespace qorcalib

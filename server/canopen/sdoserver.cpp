@@ -4,15 +4,6 @@
 
 namespace qorcalib {
 
-namespace {
-QByteArray u32Bytes(quint32 value)
-{
-    QByteArray b(4, '\0');
-    qToLittleEndian(value, b.data());
-    return b;
-}
-} // namespace
-
 SdoServer::SdoServer(SdoObjectAccess* access, std::function<void(const CanFrame&)> send)
     : m_access(access), m_send(std::move(send))
 {
@@ -198,7 +189,7 @@ void SdoServer::initiateUpload()
     m_offset = 0;
     m_toggle = false;
     m_state = State::UploadSegments;
-    send(0x41, u32Bytes(quint32(m_data.size())));
+    send(0x41, sdo::u32Bytes(quint32(m_data.size())));
 }
 
 void SdoServer::uploadSegment(const CanFrame& f)
@@ -228,61 +219,30 @@ void SdoServer::initiateBlockDownload(const CanFrame& f)
     const quint32 result = m_access->checkDownload(m_index, m_subIndex, m_size);
     if (result != 0)
         return abort(result);
-    m_data.clear();
-    m_expectedSeq = 1;
-    m_lastSegmentSeen = false;
     m_blockSize = sdo::kBlockSize;
+    m_receiver.start(m_blockSize);
     m_state = State::BlockDownload;
     send(0xA4, QByteArray(1, char(m_blockSize)));
 }
 
 void SdoServer::blockDownloadSegment(const CanFrame& f)
 {
-    const int seq = f.data[0] & 0x7F;
-    const bool last = f.data[0] & 0x80;
-    if (seq == m_expectedSeq) {
-        m_data.append(reinterpret_cast<const char*>(f.data.data()) + 1, 7);
-        ++m_expectedSeq;
-        if (last)
-            m_lastSegmentSeen = true;
-    }
-    // A segment out of order is dropped; the acknowledgement at the end of the sub-block
-    // tells the client where to start again.
-    if (seq == m_blockSize || last) {
-        const quint8 ack = quint8(m_expectedSeq - 1);
-        CanFrame out;
-        out.id = quint16(sdo::kResponseBase + m_nodeId);
-        out.len = 8;
-        out.data[0] = 0xA2;
-        out.data[1] = ack;
-        out.data[2] = quint8(m_blockSize);
-        m_expectedSeq = 1;
-        if (m_lastSegmentSeen && ack == seq)
+    if (const auto ack = m_receiver.onSegment(f, quint16(sdo::kResponseBase + m_nodeId))) {
+        if (m_receiver.complete())
             m_state = State::BlockDownloadEnd;
-        sendRaw(out);
+        sendRaw(*ack);
     }
 }
 
 void SdoServer::endBlockDownload(const CanFrame& f)
 {
-    const int unused = (f.data[0] >> 2) & 0x07;
-    if (unused > m_data.size())
-        return abort(quint32(SdoAbort::InvalidCommand));
-    m_data.chop(unused);
-    if (m_crc) {
-        const quint16 crc = quint16(f.data[1] | (f.data[2] << 8));
-        if (crc != sdoCrc(m_data))
-            return abort(quint32(SdoAbort::CrcError));
-    }
+    if (const quint32 code = m_receiver.finish(f, m_crc, &m_data))
+        return abort(code);
     const quint32 result = finishDownload();
     if (result != 0)
         return abort(result);
     m_state = State::Idle;
-    CanFrame out;
-    out.id = quint16(sdo::kResponseBase + m_nodeId);
-    out.len = 8;
-    out.data[0] = 0xA1;
-    sendRaw(out);
+    sendRaw(sdo::commandFrame(quint16(sdo::kResponseBase + m_nodeId), 0xA1));
 }
 
 void SdoServer::initiateBlockUpload(const CanFrame& f)
@@ -298,59 +258,25 @@ void SdoServer::initiateBlockUpload(const CanFrame& f)
     const int switchThreshold = f.data[5];
     if (switchThreshold > 0 && m_data.size() <= switchThreshold)
         return initiateUpload();
-    m_offset = 0;
+    m_sender.start(&m_data, m_blockSize);
     m_state = State::BlockUploadStart;
-    send(0xC6, u32Bytes(quint32(m_data.size())));
+    send(0xC6, sdo::u32Bytes(quint32(m_data.size())));
 }
 
 void SdoServer::sendSubBlock()
 {
-    m_subBlockStart = m_offset;
-    m_subBlockSegments = 0;
-    for (int seq = 1; seq <= m_blockSize; ++seq) {
-        const qsizetype chunk = qMin<qsizetype>(7, m_data.size() - m_offset);
-        const bool last = m_offset + chunk >= m_data.size();
-        CanFrame out;
-        out.id = quint16(sdo::kResponseBase + m_nodeId);
-        out.len = 8;
-        out.data[0] = quint8((last ? 0x80 : 0) | seq);
-        for (qsizetype i = 0; i < chunk; ++i)
-            out.data[1 + i] = quint8(m_data[m_offset + i]);
-        m_offset += chunk;
-        ++m_subBlockSegments;
-        sendRaw(out);
-        if (last)
-            break;
-    }
+    m_sender.sendSubBlock(quint16(sdo::kResponseBase + m_nodeId),
+                          [this](const CanFrame& frame) { sendRaw(frame); });
 }
 
 void SdoServer::blockUploadAck(const CanFrame& f)
 {
-    const int ackSeq = f.data[1];
-    const int newBlockSize = f.data[2];
-    if (ackSeq > m_subBlockSegments)
-        return abort(quint32(SdoAbort::InvalidSequence));
-    if (newBlockSize < 1 || newBlockSize > 127)
-        return abort(quint32(SdoAbort::InvalidBlockSize));
-    m_blockSize = newBlockSize;
-    // Everything after the last segment the client took is sent again.
-    m_offset = qMin<qsizetype>(m_subBlockStart + qsizetype(ackSeq) * 7, m_data.size());
-    const bool allTaken = ackSeq == m_subBlockSegments && m_offset >= m_data.size();
-    if (!allTaken) {
-        sendSubBlock();
-        return;
-    }
-    const int lastChunk = m_data.isEmpty() ? 0 : int((m_data.size() - 1) % 7) + 1;
-    const int unused = 7 - lastChunk;
-    CanFrame out;
-    out.id = quint16(sdo::kResponseBase + m_nodeId);
-    out.len = 8;
-    out.data[0] = quint8(0xC1 | (unused << 2));
-    const quint16 crc = m_crc ? sdoCrc(m_data) : 0;
-    out.data[1] = quint8(crc);
-    out.data[2] = quint8(crc >> 8);
+    if (const quint32 code = m_sender.acknowledge(f.data[1], f.data[2]))
+        return abort(code);
+    if (!m_sender.allTaken())
+        return sendSubBlock();
     m_state = State::BlockUploadEnd;
-    sendRaw(out);
+    sendRaw(m_sender.endFrame(quint16(sdo::kResponseBase + m_nodeId), m_crc));
 }
 
 } // namespace qorcalib

@@ -80,10 +80,8 @@ private:
     bool m_toggle = false;
     bool m_crc = false;
     int m_blockSize = sdo::kBlockSize;
-    int m_expectedSeq = 1;
-    bool m_lastSegmentSeen = false;
-    qsizetype m_subBlockStart = 0;
-    int m_subBlockSegments = 0;
+    sdo::BlockReceiver m_receiver;
+    sdo::BlockSender m_sender;
 };
 
 } // namespace qorcalib

@@ -25,9 +25,9 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
     std::unique_ptr<ServerCore> core(new ServerCore);
     core->m_bench = std::make_unique<SimBench>(config.bench);
     int simulated = 0;
-    for (const QString& spec : config.channels) {
+    for (const QString& channelName : config.channels) {
         const int index = int(core->m_channels.size());
-        if (spec == QLatin1String("sim")) {
+        if (channelName == QLatin1String("sim")) {
             auto* segment = core->m_segments.emplace_back(std::make_unique<SimulatedSegment>()).get();
             segment->setPaced(config.paced);
             const bool withNode = simulated < int(std::size(kSimulatedNodes));
@@ -44,7 +44,7 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
             }
             ++simulated;
         } else {
-            auto channel = QCanBusChannel::open(spec, error);
+            auto channel = QCanBusChannel::open(channelName, error);
             if (!channel)
                 return nullptr;
             core->m_channels.push_back(std::move(channel));
