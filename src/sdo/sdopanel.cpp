@@ -170,8 +170,8 @@ QString SdoPanel::SdoWrite(const SdoAddress& address, const QByteArray& data)
 void SdoPanel::RememberAddress(const QString& address, const QString& data)
 {
     const int row = m_history.remember(address, data);
-    if (row == 0 && (cmbIndex->count() == 0 || cmbIndex->itemText(0) != address) &&
-        cmbIndex->count() < m_history.addresses().size())
+    // The list mirrors the history: a new address goes on top, a known one is respelled.
+    if (cmbIndex->count() < m_history.addresses().size())
         cmbIndex->insertItem(0, address);
     else
         cmbIndex->setItemText(row, address);
