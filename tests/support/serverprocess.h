@@ -13,6 +13,8 @@
 namespace qorcalib::test {
 
 // A qorcalib-server child process listening on a socket in a private temporary folder.
+// TESSEL_SERVER_LOG=FILE sends the server's output to FILE instead of the test (with
+// QT_LOGGING_RULES="qt.remoteobjects*=true" it shows what the remote objects node does).
 class ServerProcess
 {
 public:
