@@ -1,5 +1,6 @@
 #include "frmmain.h"
 #include "machinesettings.h"
+#include "startup.h"
 
 #include <QApplication>
 #include <QInputDialog>
@@ -14,20 +15,19 @@ int main(int argc, char** argv)
     QApplication::setApplicationName(userSettingsApplication());
     QApplication::setApplicationDisplayName(FrmMain::kCaption);
 
-    bool ok = false;
-    const QString answer =
-        QInputDialog::getText(nullptr, FrmMain::kCaption, QStringLiteral("Remote server name:"),
-                              QLineEdit::Normal, readRemoteServer(QStringLiteral("localhost")), &ok);
-    if (!ok || answer.isEmpty())
-        return 0;
-    writeRemoteServer(answer);
-
-    FrmMain window;
-    QString error;
-    if (!window.formLoad(answer, &error)) {
-        QMessageBox::critical(nullptr, window.windowTitle(), error);
-        window.formUnload();
-        return 1;
-    }
+    StartUp startUp;
+    startUp.ask = [](const QString& defaultName) -> std::optional<QString> {
+        bool ok = false;
+        const QString answer =
+            QInputDialog::getText(nullptr, FrmMain::kCaption, QStringLiteral("Remote server name:"),
+                                  QLineEdit::Normal, defaultName, &ok);
+        return ok ? std::optional<QString>(answer) : std::nullopt;
+    };
+    startUp.show = [](const QString& title, const QString& text) {
+        QMessageBox::critical(nullptr, title, text);
+    };
+    StartResult started = startTessel(startUp);
+    if (!started.window)
+        return started.exitCode;
     return app.exec();
 }

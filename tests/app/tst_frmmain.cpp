@@ -3,6 +3,8 @@
 #include "frmmain.h"
 #include "sdopanel.h"
 #include "serverprocess.h"
+#include "startup.h"
+#include "machinesettings.h"
 
 #include <QCheckBox>
 #include <QPlainTextEdit>
@@ -66,6 +68,8 @@ private slots:
     void secondTesselFollowsChangedConfig();
     void filterAndChannelBoxes();
     void serverKilledWhileRunning();
+    void promptAnswers_data();
+    void promptAnswers();
     void unreachableServerAtStartUp_data();
     void unreachableServerAtStartUp();
     void overTcpCaption();
@@ -311,6 +315,54 @@ void TstFrmMain::serverKilledWhileRunning()
     t.window.formUnload();
     QVERIFY(QFile::exists(m_settings.filePath("killed/Qor/Qor.Tessel.ini")));
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.filePath("user"));
+}
+
+void TstFrmMain::promptAnswers_data()
+{
+    QTest::addColumn<bool>("cancel");
+    QTest::addColumn<QString>("answer");
+    QTest::addColumn<bool>("runs");
+    QTest::addColumn<int>("exitCode");
+    QTest::newRow("cancel") << true << "" << false << 0;
+    QTest::newRow("empty answer") << false << "" << false << 0;
+    QTest::newRow("localhost") << false << "localhost" << true << 0;
+    QTest::newRow("unknown service") << false << "localhost#LSSonly" << false << 1;
+}
+
+void TstFrmMain::promptAnswers()
+{
+    QFETCH(bool, cancel);
+    QFETCH(QString, answer);
+    QFETCH(bool, runs);
+    QFETCH(int, exitCode);
+    writeRemoteServer("previous-name");
+    QString offered;
+    QStringList shown;
+    StartUp startUp;
+    startUp.ask = [&](const QString& defaultName) -> std::optional<QString> {
+        offered = defaultName;
+        return cancel ? std::nullopt : std::optional<QString>(answer);
+    };
+    startUp.show = [&](const QString& title, const QString& text) { shown << title + ": " + text; };
+    startUp.localSocketPath = m_server->socketPath();
+    QElapsedTimer clock;
+    clock.start();
+    const StartResult result = startTessel(startUp);
+    QCOMPARE(offered, QString("previous-name"));
+    QCOMPARE(bool(result.window), runs);
+    QCOMPARE(result.exitCode, exitCode);
+    if (answer.isEmpty()) {
+        // Ends at once, without a message, and remembers nothing.
+        QVERIFY(clock.elapsed() < 1000);
+        QVERIFY(shown.isEmpty());
+        QCOMPARE(readRemoteServer("localhost"), QString("previous-name"));
+    } else {
+        QCOMPARE(readRemoteServer("localhost"), answer);
+        QCOMPARE(shown.size(), runs ? 0 : 1);
+        if (!runs)
+            QVERIFY2(shown.first().startsWith("Tessel: ") && shown.first().contains("LSSonly"),
+                     qPrintable(shown.first()));
+    }
 }
 
 void TstFrmMain::unreachableServerAtStartUp_data()
