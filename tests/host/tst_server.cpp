@@ -81,6 +81,13 @@ private slots:
 private:
     bool startServer(const QStringList& extra = {});
     std::unique_ptr<ServerConnection> attach();
+    // A session on a started server, with controller 0 running and the drive's heartbeat seen.
+    struct Running
+    {
+        std::unique_ptr<ServerConnection> connection;
+        std::unique_ptr<FrameRecorder> frames;
+    };
+    std::optional<Running> withRunningDrive();
     int sessionCount(ServerConnection* connection);
 
     QTemporaryDir m_dir;
@@ -121,6 +128,25 @@ std::unique_ptr<ServerConnection> TstServer::attach()
     if (!reply || !reply->error().isEmpty())
         return nullptr;
     return connection;
+}
+
+std::optional<TstServer::Running> TstServer::withRunningDrive()
+{
+    if (!startServer())
+        return std::nullopt;
+    Running running;
+    running.connection = attach();
+    if (!running.connection)
+        return std::nullopt;
+    running.frames = std::make_unique<FrameRecorder>(running.connection.get());
+    QString error;
+    const auto started = running.connection->wait(running.connection->bus()->StartController(0),
+                                                   &error);
+    if (!started || !started->error().isEmpty())
+        return std::nullopt;
+    if (!running.frames->waitFor(0x701, hex("7f"), 3000))
+        return std::nullopt;
+    return running;
 }
 
 int TstServer::sessionCount(ServerConnection* connection)
@@ -198,12 +224,10 @@ void TstServer::changedConfigReachesEverySession()
 
 void TstServer::mismatchedBitRateIsNotDelivered()
 {
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    FrameRecorder ra(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    auto running = withRunningDrive();
+    QVERIFY(running);
+    auto& a = running->connection;
+    FrameRecorder& ra = *running->frames;
 
     CALL_OK(a, bus()->SetBitRate(0, 2)); // 500K: the drive runs at 1000K
     QTest::qWait(50);
@@ -244,12 +268,10 @@ void TstServer::driveFollowsNmtCommands()
     QFETCH(QByteArray, heartbeat);
     QFETCH(bool, bootUp);
 
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    FrameRecorder ra(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    auto running = withRunningDrive();
+    QVERIFY(running);
+    auto& a = running->connection;
+    FrameRecorder& ra = *running->frames;
     ra.clear();
     CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, command), 0));
     QVERIFY(ra.waitFor(0x701, heartbeat, 3000));
@@ -265,12 +287,10 @@ void TstServer::driveFollowsNmtCommands()
 
 void TstServer::benchSupplyRebootsTheDrive()
 {
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    FrameRecorder ra(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    auto running = withRunningDrive();
+    QVERIFY(running);
+    auto& a = running->connection;
+    FrameRecorder& ra = *running->frames;
     CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, hex("0101")), 0));
     QVERIFY(ra.waitFor(0x701, hex("05"), 3000));
 
@@ -427,12 +447,10 @@ QByteArray le32(quint32 v)
 
 void TstServer::sdoWithTheDrive()
 {
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    FrameRecorder ra(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    auto running = withRunningDrive();
+    QVERIFY(running);
+    auto& a = running->connection;
+    FrameRecorder& ra = *running->frames;
 
     auto vendor = sdoTransfer(a.get(), true, 1, 0x1018, 1);
     QVERIFY(vendor);
@@ -487,12 +505,9 @@ void TstServer::sdoAborts()
     QFETCH(int, sub);
     QFETCH(QByteArray, data);
     QFETCH(quint32, abort);
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    FrameRecorder ra(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    auto running = withRunningDrive();
+    QVERIFY(running);
+    auto& a = running->connection;
     const auto result = sdoTransfer(a.get(), upload, 1, index, sub, data);
     QVERIFY(result);
     QCOMPARE(result->abortCode(), abort);
