@@ -1,5 +1,7 @@
 #include "canmsg.h"
 
+#include "handshake.h"
+
 #include <QDir>
 #include <QFileInfo>
 #include <QtEndian>
@@ -68,16 +70,19 @@ QString bitRateText(int index)
     return rate < 0 ? QString() : QString::number(rate / 1000) + QLatin1Char('K');
 }
 
-QString defaultLocalSocketPath()
+QString defaultLocalSocketPath(QString* error)
 {
     const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
     if (!runtime.isEmpty() && QFileInfo(runtime).isDir())
         return runtime + QStringLiteral("/qorcalib");
     // A folder of our own, so that another user of the machine cannot reach the socket.
-    const QString folder =
-        QDir::tempPath() + QStringLiteral("/qorcalib-%1").arg(quint64(::getuid()));
-    QDir().mkpath(folder);
-    QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QString why;
+    const QString folder = privateSocketFolder(&why);
+    if (folder.isEmpty()) {
+        if (error)
+            *error = why;
+        return {};
+    }
     return folder + QStringLiteral("/qorcalib");
 }
 

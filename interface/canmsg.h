@@ -44,13 +44,15 @@ constexpr int kBitRateCount = 9;
 int bitRateOfIndex(int index);
 QString bitRateText(int index);
 
-// Connection greeting: on a new connection the server writes "<kGreeting> <session>\n"; the
-// client answers "<kAttach>\n" and from then on the connection carries Qt Remote Objects.
+// Connection greeting (handshake.h): on a new connection the server writes
+// "<kGreeting> <session>\n"; the client answers "<kAttach>\n" and from then on the connection
+// carries Qt Remote Objects. TCP adds a challenge and its answer.
 inline constexpr char kGreeting[] = "QORCALIB/1";
 inline constexpr char kAttach[] = "ATTACH";
 constexpr quint16 kDefaultTcpPort = 17420;
 
-// "$XDG_RUNTIME_DIR/qorcalib", else "qorcalib" in a private folder under the temporary folder.
-QString defaultLocalSocketPath();
+// "$XDG_RUNTIME_DIR/qorcalib", else "qorcalib" in a private folder under the temporary folder
+// (privateSocketFolder). Empty, with *error set, when that folder is not safe to use.
+QString defaultLocalSocketPath(QString* error = nullptr);
 
 } // namespace qorcalib

@@ -1,4 +1,5 @@
 #include "canmsg.h"
+#include "handshake.h"
 #include "servercore.h"
 #include "serverhost.h"
 #include "statuswindow.h"
@@ -33,8 +34,10 @@ void quitOnSignals()
 {
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, g_signalPipe) != 0)
         return;
-    auto* notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, qApp);
-    QObject::connect(notifier, &QSocketNotifier::activated, qApp, [] { QCoreApplication::quit(); });
+    // The application object is a QCoreApplication without a display: never qApp here.
+    QCoreApplication* app = QCoreApplication::instance();
+    auto* notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, app);
+    QObject::connect(notifier, &QSocketNotifier::activated, app, [] { QCoreApplication::quit(); });
     std::signal(SIGTERM, onTerminate);
     std::signal(SIGINT, onTerminate);
 }
@@ -81,17 +84,30 @@ int main(int argc, char** argv)
         "both drives. Clients reach it on its local socket."));
     parser.addHelpOption();
     parser.addVersionOption();
+    QString socketFolderError;
+    const QString defaultSocket = defaultLocalSocketPath(&socketFolderError);
     const QCommandLineOption socketOption(
         QStringLiteral("socket"),
         QStringLiteral("Local socket to listen on, readable by this user only (default: %1).")
-            .arg(defaultLocalSocketPath()),
-        QStringLiteral("path"), defaultLocalSocketPath());
+            .arg(defaultSocket.isEmpty() ? QStringLiteral("qorcalib in a private folder")
+                                         : defaultSocket),
+        QStringLiteral("path"));
     const QCommandLineOption listenOption(
         QStringLiteral("listen"),
         QStringLiteral("Also listen on TCP, for clients on other machines, e.g. "
-                       "tcp://0.0.0.0:%1. May be given more than once.")
-            .arg(kDefaultTcpPort),
+                       "tcp://127.0.0.1:%1. May be given more than once. Clients must prove that "
+                       "they hold the secret in %2, which the server creates on first use: copy "
+                       "it into the settings of Tessel on the other machines.")
+            .arg(kDefaultTcpPort)
+            .arg(handshake::secretPath()),
         QStringLiteral("tcp://addr:port"));
+    const QCommandLineOption backlogOption(
+        QStringLiteral("client-backlog"),
+        QStringLiteral("KiB of events a client may leave unread: past it the client's frame "
+                       "events are dropped (it sees a receive overrun), and a client that leaves "
+                       "it unread for 5 s, or twice as much at once, is disconnected "
+                       "(default: 16384)."),
+        QStringLiteral("KiB"));
     const QCommandLineOption channelOption(
         QStringLiteral("channel"),
         QStringLiteral("A controller, in order from controller 0: \"sim\" for a simulated bus "
@@ -129,7 +145,8 @@ int main(int argc, char** argv)
         QStringLiteral("Transfer SDO data above 4 bytes segmented, never in blocks, even to "
                        "nodes that offer block transfer."));
     parser.addOptions({socketOption, listenOption, channelOption, benchOption, unpacedOption,
-                       edsOption, showOption, idleExitOption, segmentedOption});
+                       edsOption, showOption, idleExitOption, segmentedOption,
+                       backlogOption});
     parser.process(*app);
     if (!parser.positionalArguments().isEmpty())
         return fail(QStringLiteral("unexpected argument '%1' (see --help)")
@@ -154,11 +171,29 @@ int main(int argc, char** argv)
     if (!core)
         return fail(error);
     ServerHost host(core.get());
-    if (!host.listenLocal(parser.value(socketOption), &error))
+    if (parser.isSet(backlogOption)) {
+        bool ok = false;
+        const qint64 kib = parser.value(backlogOption).toLongLong(&ok);
+        if (!ok || kib < 16 || kib > 1024 * 1024)
+            return fail(QStringLiteral("--client-backlog takes a number of KiB from 16 to 1048576"));
+        PacketGate::Limits limits = host.gateLimits();
+        limits.backlog = kib * 1024;
+        host.setGateLimits(limits);
+    }
+    const QString socketPath =
+        parser.isSet(socketOption) ? parser.value(socketOption) : defaultSocket;
+    if (socketPath.isEmpty())
+        return fail(socketFolderError);
+    if (!host.listenLocal(socketPath, &error))
         return fail(error);
-    for (const QString& url : parser.values(listenOption))
-        if (!host.listenTcp(QUrl(url), &error))
+    if (parser.isSet(listenOption)) {
+        const QByteArray secret = handshake::loadOrCreateSecret(&error);
+        if (secret.isEmpty())
             return fail(error);
+        for (const QString& url : parser.values(listenOption))
+            if (!host.listenTcp(QUrl(url), secret, &error))
+                return fail(error);
+    }
 
     std::unique_ptr<StatusWindow> window;
     if (qobject_cast<QApplication*>(app.get())) {
@@ -201,7 +236,10 @@ int main(int argc, char** argv)
     std::fprintf(stderr, "qorcalib-server: controllers %s%s; listening on %s%s\n",
                  qPrintable(controllers.join(QLatin1Char(' '))),
                  config.paced ? "" : " (unpaced)", qPrintable(host.localPath()),
-                 host.tcpPort() ? qPrintable(QStringLiteral(" and TCP port %1").arg(host.tcpPort()))
+                 host.tcpPort() ? qPrintable(QStringLiteral(" and TCP port %1 (clients need the "
+                                                            "secret in %2)")
+                                                 .arg(host.tcpPort())
+                                                 .arg(handshake::secretPath()))
                                 : "");
     std::fflush(stderr);
     return app->exec();

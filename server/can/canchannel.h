@@ -13,6 +13,8 @@ namespace qorcalib {
 using FrameOrigin = quint64;
 constexpr FrameOrigin kServiceOrigin = FrameOrigin(1) << 62;
 inline FrameOrigin sessionOfOrigin(FrameOrigin origin) { return origin & ~kServiceOrigin; }
+// A frame a client sent itself (Send, SendRemote), as opposed to a node's or a service's.
+inline bool isClientFrame(FrameOrigin origin) { return origin != 0 && !(origin & kServiceOrigin); }
 
 struct BusFrame
 {
@@ -34,7 +36,11 @@ public:
     virtual bool isRunning() const = 0;
     virtual bool setBitRateIndex(int index, QString* error) = 0;
     virtual int bitRateIndex() const = 0;
+    // A client's frames are refused with "transmit queue full" once its session has a second of
+    // bus time waiting (TransmitBudget).
     virtual bool transmit(const CanFrame& frame, FrameOrigin origin, QString* error) = 0;
+    // The session ended: its frames that still wait are not sent.
+    virtual void dropSession(quint64 session) = 0;
     virtual quint32 status() const = 0;
 
 signals:

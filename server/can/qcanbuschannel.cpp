@@ -1,5 +1,6 @@
 #include "qcanbuschannel.h"
 
+#include "bittiming.h"
 #include "serverclock.h"
 
 #include <QCanBus>
@@ -7,6 +8,8 @@
 #include <QEventLoop>
 #include <QTimer>
 #include <QVariant>
+
+#include <cmath>
 
 namespace qorcalib {
 
@@ -101,6 +104,7 @@ bool QCanBusChannel::start(QString* error)
 {
     m_overrun = false;
     m_written.clear();
+    m_budget.clear();
     return connectAndWait(error);
 }
 
@@ -109,6 +113,12 @@ void QCanBusChannel::stop()
     if (m_device->state() != QCanBusDevice::UnconnectedState)
         m_device->disconnectDevice();
     m_written.clear();
+    m_budget.clear();
+}
+
+qint64 QCanBusChannel::frameUs(const CanFrame& frame) const
+{
+    return qint64(std::ceil(frameDurationUs(frame, bitRateOfIndex(m_bitRateIndex))));
 }
 
 bool QCanBusChannel::isRunning() const
@@ -138,6 +148,11 @@ bool QCanBusChannel::transmit(const CanFrame& frame, FrameOrigin origin, QString
         *error = QStringLiteral("controller %1 is not started").arg(name());
         return false;
     }
+    if (isClientFrame(origin) && !m_budget.admit(sessionOfOrigin(origin), frameUs(frame))) {
+        *error = QStringLiteral("%1 on controller %2")
+                     .arg(QLatin1String(TransmitBudget::kFullText), name());
+        return false;
+    }
     QCanBusFrame out(frame.id, QByteArray(reinterpret_cast<const char*>(frame.data.data()),
                                           frame.remote ? 0 : frame.len));
     if (frame.remote) {
@@ -145,6 +160,8 @@ bool QCanBusChannel::transmit(const CanFrame& frame, FrameOrigin origin, QString
         out.setPayload(QByteArray(frame.len, '\0'));
     }
     if (!m_device->writeFrame(out)) {
+        if (isClientFrame(origin))
+            m_budget.release(sessionOfOrigin(origin), frameUs(frame));
         *error = m_device->errorString();
         return false;
     }
@@ -206,6 +223,8 @@ void QCanBusChannel::framesWritten(qint64 count)
     const quint32 now = quint32(quint64(serverTimeUs()));
     for (qint64 i = 0; i < count && !m_written.isEmpty(); ++i) {
         BusFrame f = m_written.dequeue();
+        if (isClientFrame(f.origin))
+            m_budget.release(sessionOfOrigin(f.origin), frameUs(f.frame));
         f.frame.timeUs = now;
         batch.append(f);
     }

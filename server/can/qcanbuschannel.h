@@ -1,6 +1,7 @@
 #pragma once
 
 #include "canchannel.h"
+#include "transmitbudget.h"
 
 #include <QCanBusDevice>
 #include <QQueue>
@@ -26,6 +27,7 @@ public:
     bool setBitRateIndex(int index, QString* error) override;
     int bitRateIndex() const override { return m_bitRateIndex; }
     bool transmit(const CanFrame& frame, FrameOrigin origin, QString* error) override;
+    void dropSession(quint64 session) override { m_budget.forget(session); }
     quint32 status() const override;
 
 private:
@@ -33,6 +35,7 @@ private:
     bool connectAndWait(QString* error);
     void readFrames();
     void framesWritten(qint64 count);
+    qint64 frameUs(const CanFrame& frame) const;
 
     QString m_plugin;
     QString m_interface;
@@ -41,6 +44,9 @@ private:
     bool m_overrun = false;
     // Origins of frames handed to the device, oldest first, matched to framesWritten.
     QQueue<BusFrame> m_written;
+    // Frames the device has not sent yet cannot be taken back: a session that ends only stops
+    // being charged for them.
+    TransmitBudget m_budget;
 };
 
 } // namespace qorcalib

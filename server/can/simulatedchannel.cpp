@@ -1,5 +1,9 @@
 #include "simulatedchannel.h"
 
+#include "bittiming.h"
+
+#include <cmath>
+
 namespace qorcalib {
 
 SimulatedChannel::SimulatedChannel(SimulatedSegment* segment, int index, int bitRateIndex,
@@ -21,7 +25,7 @@ QString SimulatedChannel::name() const
 
 bool SimulatedChannel::start(QString*)
 {
-    m_segment->resetPort(this);
+    resetQueue();
     m_running = true;
     return true;
 }
@@ -29,7 +33,19 @@ bool SimulatedChannel::start(QString*)
 void SimulatedChannel::stop()
 {
     m_running = false;
+    resetQueue();
+}
+
+void SimulatedChannel::resetQueue()
+{
     m_segment->resetPort(this);
+    m_budget.clear();
+    m_clientReadyUs = 0.0;
+}
+
+qint64 SimulatedChannel::clientFrameUs(const CanFrame& frame) const
+{
+    return qint64(std::ceil(frameDurationUs(frame, bitRateOfIndex(m_bitRateIndex))));
 }
 
 bool SimulatedChannel::setBitRateIndex(int index, QString* error)
@@ -52,8 +68,35 @@ bool SimulatedChannel::transmit(const CanFrame& frame, FrameOrigin origin, QStri
             *error = QStringLiteral("controller %1 is not started").arg(m_index);
         return false;
     }
-    m_segment->transmit(this, frame, origin);
+    if (!isClientFrame(origin)) {
+        m_segment->transmit(this, frame, origin);
+        return true;
+    }
+    const qint64 us = clientFrameUs(frame);
+    const double now = double(m_segment->nowUs());
+    const bool paced = m_segment->isPaced();
+    if ((paced && m_clientReadyUs - now > double(kControllerQueueUs)) ||
+        !m_budget.admit(sessionOfOrigin(origin), us)) {
+        if (error)
+            *error = QStringLiteral("%1 on controller %2").arg(QLatin1String(TransmitBudget::kFullText)).arg(m_index);
+        return false;
+    }
+    qint64 notBefore = 0;
+    if (paced) {
+        const double ready = std::max(now, m_clientReadyUs);
+        m_clientReadyUs = ready + double(us) / kClientShare;
+        notBefore = qint64(std::ceil(ready));
+    }
+    m_segment->transmit(this, frame, origin, notBefore);
     return true;
+}
+
+void SimulatedChannel::dropSession(quint64 session)
+{
+    m_segment->dropFrames(this, [session](FrameOrigin origin) {
+        return isClientFrame(origin) && sessionOfOrigin(origin) == session;
+    });
+    m_budget.forget(session);
 }
 
 quint32 SimulatedChannel::status() const
@@ -68,6 +111,8 @@ void SimulatedChannel::receive(const BusFrame& frame)
 
 void SimulatedChannel::transmitted(const BusFrame& frame, bool acknowledged)
 {
+    if (isClientFrame(frame.origin))
+        m_budget.release(sessionOfOrigin(frame.origin), clientFrameUs(frame.frame));
     // The controller's own frames are handed on with the received ones, in bus order, so that
     // sessions can report them to their sender and show them to everyone else.
     if (acknowledged)

@@ -56,14 +56,28 @@ const SimulatedSegment::PortState* SimulatedSegment::stateOf(const SimPort* port
     return nullptr;
 }
 
-void SimulatedSegment::transmit(SimPort* from, const CanFrame& frame, FrameOrigin origin)
+void SimulatedSegment::transmit(SimPort* from, const CanFrame& frame, FrameOrigin origin,
+                                qint64 notBeforeUs)
 {
     PortState* state = stateOf(from);
     if (!state)
         return;
-    const qint64 ready = m_pumping && m_paced ? m_deliveryUs : nowUs();
+    const qint64 ready = std::max(m_pumping && m_paced ? m_deliveryUs : nowUs(), notBeforeUs);
     state->queue.push_back(Queued{BusFrame{frame, origin}, ready});
     schedule();
+}
+
+int SimulatedSegment::dropFrames(SimPort* port, const std::function<bool(FrameOrigin)>& match)
+{
+    PortState* state = stateOf(port);
+    if (!state)
+        return 0;
+    const auto before = state->queue.size();
+    state->queue.erase(std::remove_if(state->queue.begin(), state->queue.end(),
+                                      [&match](const Queued& q) { return match(q.frame.origin); }),
+                       state->queue.end());
+    schedule();
+    return int(before - state->queue.size());
 }
 
 void SimulatedSegment::resetPort(SimPort* port)

@@ -53,7 +53,10 @@ public:
     void attach(SimPort* port);
     void detach(SimPort* port);
 
-    void transmit(SimPort* from, const CanFrame& frame, FrameOrigin origin);
+    // The frame takes part in arbitration from `notBeforeUs` on at the earliest.
+    void transmit(SimPort* from, const CanFrame& frame, FrameOrigin origin, qint64 notBeforeUs = 0);
+    // Takes the port's waiting frames whose origin matches out of its queue; returns how many.
+    int dropFrames(SimPort* port, const std::function<bool(FrameOrigin)>& match);
     // Forget a port's waiting frames and its error counts: the controller was restarted.
     void resetPort(SimPort* port);
     quint32 status(const SimPort* port) const;

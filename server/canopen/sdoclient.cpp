@@ -28,7 +28,8 @@ void SdoClient::finish(quint32 abortCode, const QString& error)
     Result result;
     result.abortCode = abortCode;
     result.error = error;
-    if (abortCode == 0 && error.isEmpty())
+    // A download's data went to the node; only an upload has data to report.
+    if (abortCode == 0 && error.isEmpty() && m_upload)
         result.data = m_data;
     m_state = State::Idle;
     m_data.clear();
@@ -36,7 +37,7 @@ void SdoClient::finish(quint32 abortCode, const QString& error)
         done(result);
 }
 
-void SdoClient::abortTransfer(quint32 code)
+void SdoClient::abort(quint32 code)
 {
     sendRaw(sdo::abortFrame(quint16(sdo::kRequestBase + m_node), m_index, m_subIndex, code));
     finish(code);
@@ -51,6 +52,7 @@ void SdoClient::reportProgress(qsizetype doneBytes, qsizetype total)
 void SdoClient::startDownload(quint8 node, quint16 index, quint8 subIndex, const QByteArray& data,
                               qint64 nowUs)
 {
+    m_upload = false;
     m_node = node;
     m_index = index;
     m_subIndex = subIndex;
@@ -81,6 +83,7 @@ void SdoClient::startSegmentedDownload()
 
 void SdoClient::startUpload(quint8 node, quint16 index, quint8 subIndex, qint64 nowUs)
 {
+    m_upload = true;
     m_node = node;
     m_index = index;
     m_subIndex = subIndex;
@@ -148,7 +151,7 @@ bool SdoClient::onFrame(const CanFrame& f, qint64 nowUs)
         if (cs == 0xA1)
             finish(0);
         else
-            abortTransfer(quint32(SdoAbort::InvalidCommand));
+            abort(quint32(SdoAbort::InvalidCommand));
         break;
     case State::UploadInitiate:
         onUploadInitiate(f);
@@ -180,7 +183,7 @@ void SdoClient::onTimer(qint64 nowUs)
 void SdoClient::onDownloadInitiate(const CanFrame& f)
 {
     if (f.data[0] != 0x60)
-        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+        return abort(quint32(SdoAbort::InvalidCommand));
     if (m_size >= 0) // expedited: done
         return finish(0);
     m_offset = 0;
@@ -207,9 +210,9 @@ void SdoClient::onDownloadSegment(const CanFrame& f)
 {
     const quint8 cs = f.data[0];
     if ((cs & 0xE0) != 0x20)
-        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+        return abort(quint32(SdoAbort::InvalidCommand));
     if (bool(cs & 0x10) != m_toggle)
-        return abortTransfer(quint32(SdoAbort::ToggleNotAlternated));
+        return abort(quint32(SdoAbort::ToggleNotAlternated));
     reportProgress(m_offset, m_data.size());
     if (m_offset >= m_data.size())
         return finish(0);
@@ -221,11 +224,11 @@ void SdoClient::onBlockDownloadInitiate(const CanFrame& f)
 {
     const quint8 cs = f.data[0];
     if ((cs & 0xE3) != 0xA0)
-        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+        return abort(quint32(SdoAbort::InvalidCommand));
     m_crc = cs & 0x04;
     const int blockSize = f.data[4];
     if (blockSize < 1 || blockSize > 127)
-        return abortTransfer(quint32(SdoAbort::InvalidBlockSize));
+        return abort(quint32(SdoAbort::InvalidBlockSize));
     m_sender.start(&m_data, blockSize);
     m_state = State::BlockDownloadAck;
     m_sender.sendSubBlock(quint16(sdo::kRequestBase + m_node), [this](const CanFrame& frame) { sendRaw(frame); });
@@ -235,9 +238,9 @@ void SdoClient::onBlockDownloadInitiate(const CanFrame& f)
 void SdoClient::onBlockDownloadAck(const CanFrame& f)
 {
     if (f.data[0] != 0xA2)
-        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+        return abort(quint32(SdoAbort::InvalidCommand));
     if (const quint32 code = m_sender.acknowledge(f.data[1], f.data[2]))
-        return abortTransfer(code);
+        return abort(code);
     reportProgress(m_sender.bytesTaken(), m_data.size());
     if (!m_sender.allTaken()) {
         m_sender.sendSubBlock(quint16(sdo::kRequestBase + m_node), [this](const CanFrame& frame) { sendRaw(frame); });
@@ -251,7 +254,7 @@ void SdoClient::onUploadInitiate(const CanFrame& f)
 {
     const quint8 cs = f.data[0];
     if ((cs & 0xE0) != 0x40)
-        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+        return abort(quint32(SdoAbort::InvalidCommand));
     if (cs & 0x02) { // expedited
         const int n = (cs & 0x01) ? (cs >> 2) & 0x03 : 0;
         m_data = QByteArray(reinterpret_cast<const char*>(f.data.data()) + 4, 4 - n);
@@ -268,17 +271,17 @@ void SdoClient::onUploadSegment(const CanFrame& f)
 {
     const quint8 cs = f.data[0];
     if ((cs & 0xE0) != 0x00)
-        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+        return abort(quint32(SdoAbort::InvalidCommand));
     if (bool(cs & 0x10) != m_toggle)
-        return abortTransfer(quint32(SdoAbort::ToggleNotAlternated));
+        return abort(quint32(SdoAbort::ToggleNotAlternated));
     const int n = (cs >> 1) & 0x07;
     m_data.append(reinterpret_cast<const char*>(f.data.data()) + 1, 7 - n);
     if (m_size >= 0 && m_data.size() > m_size)
-        return abortTransfer(quint32(SdoAbort::TooLong));
+        return abort(quint32(SdoAbort::TooLong));
     reportProgress(m_data.size(), m_size);
     if (cs & 0x01) {
         if (m_size >= 0 && m_data.size() != m_size)
-            return abortTransfer(quint32(SdoAbort::TooShort));
+            return abort(quint32(SdoAbort::TooShort));
         return finish(0);
     }
     m_toggle = !m_toggle;
@@ -294,7 +297,7 @@ void SdoClient::onBlockUploadInitiate(const CanFrame& f)
         return onUploadInitiate(f);
     }
     if ((cs & 0xE1) != 0xC0)
-        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+        return abort(quint32(SdoAbort::InvalidCommand));
     m_crc = cs & 0x04;
     m_size = (cs & 0x02) ? qint64(sdo::u32At(f, 4)) : -1;
     m_receiver.start(sdo::kBlockSize);
@@ -318,11 +321,11 @@ void SdoClient::onBlockUploadSegment(const CanFrame& f)
 void SdoClient::onBlockUploadEnd(const CanFrame& f)
 {
     if ((f.data[0] & 0xE3) != 0xC1)
-        return abortTransfer(quint32(SdoAbort::InvalidCommand));
+        return abort(quint32(SdoAbort::InvalidCommand));
     if (const quint32 code = m_receiver.finish(f, m_crc, &m_data))
-        return abortTransfer(code);
+        return abort(code);
     if (m_size >= 0 && m_data.size() != m_size)
-        return abortTransfer(quint32(m_data.size() > m_size ? SdoAbort::TooLong : SdoAbort::TooShort));
+        return abort(quint32(m_data.size() > m_size ? SdoAbort::TooLong : SdoAbort::TooShort));
     sendRaw(sdo::commandFrame(quint16(sdo::kRequestBase + m_node), 0xA1));
     finish(0);
 }

@@ -54,6 +54,8 @@ public:
     bool isBusy() const { return m_state != State::Idle; }
     // Drops the transfer without a frame or a result: the caller ends it itself.
     void cancel() { m_state = State::Idle; }
+    // Ends the transfer with an abort frame to the node; done() reports the code.
+    void abort(quint32 code);
     State state() const { return m_state; }
     quint8 node() const { return m_node; }
 
@@ -61,7 +63,6 @@ private:
     void send(quint8 command, const QByteArray& payload = {});
     void sendRaw(const CanFrame& frame);
     void finish(quint32 abortCode, const QString& error = {});
-    void abortTransfer(quint32 code);
     void startSegmentedDownload();
     void startSegmentedUpload();
     void sendDownloadSegment();
@@ -80,6 +81,7 @@ private:
     std::function<void(const CanFrame&)> m_send;
     qint64 m_timeoutUs = 1000 * 1000;
     bool m_blockAllowed = true;
+    bool m_upload = false;
     State m_state = State::Idle;
     qint64 m_deadlineUs = -1;
     quint8 m_node = 0;

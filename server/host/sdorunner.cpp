@@ -39,11 +39,18 @@ SdoRunner::SdoRunner(CanChannel* channel, QObject* parent)
     };
 }
 
-void SdoRunner::submit(Request request)
+QString SdoRunner::submit(Request request)
 {
+    const auto waiting = std::count_if(m_queue.begin(), m_queue.end(), [&](const Request& r) {
+        return r.session == request.session;
+    });
+    if (waiting >= kMaxWaitingPerSession)
+        return QStringLiteral("too many SDO requests waiting on this controller (at most %1)")
+            .arg(kMaxWaitingPerSession);
     m_queue.push_back(std::move(request));
     if (!m_current)
         QMetaObject::invokeMethod(this, &SdoRunner::startNext, Qt::QueuedConnection);
+    return {};
 }
 
 void SdoRunner::dropSession(quint64 session)
@@ -54,7 +61,23 @@ void SdoRunner::dropSession(quint64 session)
     if (m_current && m_current->session == session) {
         m_current->done = nullptr;
         m_current->progress = nullptr;
+        if (m_client.isBusy())
+            m_client.abort(quint32(SdoAbort::General));
     }
+}
+
+std::deque<SdoRunner::Request>::iterator SdoRunner::nextInTurn()
+{
+    // The first request of the session numbered next after the last one served, wrapping.
+    auto after = m_queue.end();
+    auto lowest = m_queue.end();
+    for (auto it = m_queue.begin(); it != m_queue.end(); ++it) {
+        if (it->session > m_lastServed && (after == m_queue.end() || it->session < after->session))
+            after = it;
+        if (lowest == m_queue.end() || it->session < lowest->session)
+            lowest = it;
+    }
+    return after != m_queue.end() ? after : lowest;
 }
 
 quint64 SdoRunner::ownerOf(const CanFrame& frame) const
@@ -66,8 +89,10 @@ void SdoRunner::startNext()
 {
     if (m_current || m_queue.empty())
         return;
-    m_current = std::move(m_queue.front());
-    m_queue.pop_front();
+    const auto next = nextInTurn();
+    m_current = std::move(*next);
+    m_queue.erase(next);
+    m_lastServed = m_current->session;
     m_owner = m_current->session;
     m_responseId = quint16(sdo::kResponseBase + m_current->node);
     if (!m_channel->isRunning()) {

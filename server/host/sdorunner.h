@@ -13,9 +13,12 @@
 namespace qorcalib {
 
 // Runs the SDO transfers that sessions ask for on one controller, one after another (two
-// transfers to the same node at once would share its COB-IDs). Its frames go out as service
-// frames of the asking session; the node's answers to a running transfer count as that
-// session's too, so other sessions see them only when they receive everything.
+// transfers to the same node at once would share its COB-IDs). Sessions take turns, one
+// transfer each, in the order of their numbers, so that a session with many requests waiting
+// delays another's by one transfer at most; each session may have kMaxWaitingPerSession
+// requests waiting. Its frames go out as service frames of the asking session; the node's
+// answers to a running transfer count as that session's too, so other sessions see them only
+// when they receive everything.
 class SdoRunner : public QObject
 {
     Q_OBJECT
@@ -33,17 +36,22 @@ public:
         std::function<void(const SdoClient::Result&)> done;
     };
 
+    static constexpr int kMaxWaitingPerSession = 16;
+
     explicit SdoRunner(CanChannel* channel, QObject* parent = nullptr);
 
-    void submit(Request request);
+    // Empty when queued, else why not (the session has too many requests waiting).
+    QString submit(Request request);
     void setBlockTransfer(bool allowed) { m_client.setBlockTransfer(allowed); }
-    // The session went away: its waiting transfers are dropped, its running one is aborted.
+    // The session went away: its waiting transfers are dropped, its running one is aborted on
+    // the bus (abort code 08000000) and reports to nobody.
     void dropSession(quint64 session);
     // The session whose transfer a received frame belongs to, or 0.
     quint64 ownerOf(const CanFrame& frame) const;
 
 private:
     void startNext();
+    std::deque<Request>::iterator nextInTurn();
     void onFrames(const QVector<BusFrame>& frames);
     void complete(const SdoClient::Result& result);
     void rearm();
@@ -55,6 +63,7 @@ private:
     std::optional<Request> m_current;
     // The answers of a transfer that just ended still belong to it for the rest of the batch.
     quint64 m_owner = 0;
+    quint64 m_lastServed = 0;
     quint16 m_responseId = 0;
 };
 

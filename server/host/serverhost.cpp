@@ -1,12 +1,14 @@
 #include "serverhost.h"
 
 #include "canmsg.h"
+#include "handshake.h"
 #include "servercore.h"
 #include "session.h"
 
 #include <QFile>
 #include <QLocalServer>
 #include <QLocalSocket>
+#include <QRemoteObjectHost>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
@@ -14,14 +16,17 @@
 namespace qorcalib {
 
 namespace {
-constexpr qint64 kMaxGreetingLine = 64;
-}
+constexpr qint64 kMaxGreetingLine = 160;
+// The greeting is all a connection may send before it is attached; its socket keeps no more.
+constexpr qint64 kGreetingBuffer = 4096;
+} // namespace
 
 ServerHost::ServerHost(ServerCore* core, QObject* parent) : QObject(parent), m_core(core) {}
 
 ServerHost::~ServerHost()
 {
-    m_sessions.clear();
+    while (!m_clients.empty())
+        dropConnection(m_clients.begin()->first);
 }
 
 bool ServerHost::listenLocal(const QString& path, QString* error)
@@ -43,22 +48,31 @@ bool ServerHost::listenLocal(const QString& path, QString* error)
         }
     }
     // The socket's own mode is not enough on every system: the file must be ours alone.
-    QFile::setPermissions(m_local->fullServerName(), QFile::ReadOwner | QFile::WriteOwner);
+    if (!QFile::setPermissions(m_local->fullServerName(), QFile::ReadOwner | QFile::WriteOwner)) {
+        *error = QStringLiteral("cannot make %1 private to this user").arg(m_local->fullServerName());
+        m_local->close();
+        return false;
+    }
     connect(m_local, &QLocalServer::newConnection, this, [this] {
         while (QLocalSocket* socket = m_local->nextPendingConnection()) {
+            socket->setReadBufferSize(kGreetingBuffer);
             connect(socket, &QLocalSocket::disconnected, this,
                     [this, socket] { dropConnection(socket); });
-            greet(socket, QStringLiteral("local"));
+            greet(socket, QStringLiteral("local"), false);
         }
     });
     return true;
 }
 
-bool ServerHost::listenTcp(const QUrl& url, QString* error)
+bool ServerHost::listenTcp(const QUrl& url, const QByteArray& secret, QString* error)
 {
     if (url.scheme() != QLatin1String("tcp") || url.host().isEmpty() || url.port() < 0) {
         *error = QStringLiteral("listen address '%1' is not of the form tcp://ADDR:PORT")
                      .arg(url.toString());
+        return false;
+    }
+    if (secret.isEmpty()) {
+        *error = QStringLiteral("TCP clients cannot be admitted without a secret");
         return false;
     }
     QHostAddress address;
@@ -68,21 +82,28 @@ bool ServerHost::listenTcp(const QUrl& url, QString* error)
         *error = QStringLiteral("listen address '%1' is not an IP address").arg(url.host());
         return false;
     }
-    m_tcp = new QTcpServer(this);
-    if (!m_tcp->listen(address, quint16(url.port()))) {
-        *error = QStringLiteral("cannot listen on %1: %2").arg(url.toString(), m_tcp->errorString());
+    auto* server = new QTcpServer(this);
+    if (!server->listen(address, quint16(url.port()))) {
+        *error = QStringLiteral("cannot listen on %1: %2").arg(url.toString(), server->errorString());
+        delete server;
         return false;
     }
-    connect(m_tcp, &QTcpServer::newConnection, this, [this] {
-        while (QTcpSocket* socket = m_tcp->nextPendingConnection()) {
+    m_secret = secret;
+    if (!m_tcp)
+        m_tcp = server;
+    connect(server, &QTcpServer::newConnection, this, [this, server] {
+        while (QTcpSocket* socket = server->nextPendingConnection()) {
+            socket->setReadBufferSize(kGreetingBuffer);
             // A client whose machine vanished is noticed by keep-alive instead of never.
             socket->setSocketOption(QAbstractSocket::KeepAliveOption, 1);
             socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
             connect(socket, &QTcpSocket::disconnected, this,
                     [this, socket] { dropConnection(socket); });
-            greet(socket, QStringLiteral("tcp %1:%2")
-                              .arg(socket->peerAddress().toString())
-                              .arg(socket->peerPort()));
+            greet(socket,
+                  QStringLiteral("tcp %1:%2")
+                      .arg(socket->peerAddress().toString())
+                      .arg(socket->peerPort()),
+                  true);
         }
     });
     return true;
@@ -101,16 +122,19 @@ quint16 ServerHost::tcpPort() const
 QStringList ServerHost::sessionDescriptions() const
 {
     QStringList list;
-    for (const auto& [connection, session] : m_sessions)
-        list.append(session->description());
+    for (const auto& [connection, client] : m_clients)
+        if (client.session)
+            list.append(client.session->description());
     return list;
 }
 
-void ServerHost::greet(QIODevice* connection, const QString& peer)
+void ServerHost::greet(QIODevice* connection, const QString& peer, bool challenge)
 {
     const quint64 id = m_nextSession++;
-    m_pending[connection] = Pending{id, peer};
-    connection->write(QByteArray(kGreeting) + " session-" + QByteArray::number(id) + '\n');
+    Pending pending{id, peer, challenge ? handshake::newNonce() : QByteArray()};
+    m_pending[connection] = pending;
+    connection->write(
+        handshake::greetingLine("session-" + QByteArray::number(id), pending.nonce));
     connect(connection, &QIODevice::readyRead, this, [this, connection] { readAttach(connection); });
     QTimer::singleShot(kGreetingTimeoutMs, connection, [this, connection] {
         if (m_pending.count(connection))
@@ -128,55 +152,87 @@ void ServerHost::readAttach(QIODevice* connection)
             dropConnection(connection);
         return;
     }
-    const QByteArray line = connection->readLine(kMaxGreetingLine).trimmed();
-    if (line != kAttach) {
+    QByteArray proof;
+    const QByteArray line = connection->readLine(kMaxGreetingLine);
+    if (!handshake::parseAttach(line, &proof)) {
         dropConnection(connection);
         return;
     }
     const Pending p = pending->second;
+    if (!p.nonce.isEmpty()) {
+        const QByteArray want =
+            handshake::proof(m_secret, p.nonce, "session-" + QByteArray::number(p.id));
+        if (!handshake::sameProof(proof, want)) {
+            qWarning("qorcalib-server: %s refused: it does not hold the secret for TCP clients",
+                     qPrintable(p.peer));
+            dropConnection(connection);
+            return;
+        }
+    }
     m_pending.erase(pending);
     disconnect(connection, &QIODevice::readyRead, this, nullptr);
+    attach(connection, p);
+}
 
-    // From here on the connection belongs to the remote objects node. Its first bytes may
-    // already wait in the buffer, so tell the node about them.
-    const QObjectList before = m_node.children();
-    m_node.addHostSideConnection(connection);
-    for (QObject* child : m_node.children())
+void ServerHost::attach(QIODevice* connection, const Pending& pending)
+{
+    // The gate reads at most a packet at a time; what the client sends beyond that waits in
+    // the kernel, not in the server.
+    if (auto* socket = qobject_cast<QAbstractSocket*>(connection))
+        socket->setReadBufferSize(m_limits.maxPacket);
+    else if (auto* local = qobject_cast<QLocalSocket*>(connection))
+        local->setReadBufferSize(m_limits.maxPacket);
+
+    const QString sessionName = QStringLiteral("session-%1").arg(pending.id);
+    Client& client = m_clients[connection];
+    client.gate = new PacketGate(connection, PacketRules(RemoteContract::server(), sessionName),
+                                 m_limits, connection);
+    connect(client.gate, &PacketGate::refused, this, [this, connection](const QString& reason) {
+        dropConnection(connection, reason);
+    });
+    client.node = new QRemoteObjectHost;
+    const QObjectList before = client.node->children();
+    client.node->addHostSideConnection(client.gate);
+    for (QObject* child : client.node->children())
         if (!before.contains(child) && child->metaObject()->indexOfSignal("disconnected()") >= 0)
-            m_wrappers[connection] = child;
-    auto session = std::make_unique<Session>(m_core, this, p.id, p.peer, connection);
+            client.nodeConnection = child;
+    client.session =
+        std::make_unique<Session>(m_core, this, pending.id, pending.peer, client.gate.data());
     QString error;
-    if (!session->enableRemoting(&m_node, &error)) {
+    if (!client.session->enableRemoting(client.node, &error)) {
         qWarning("qorcalib-server: %s", qPrintable(error));
         dropConnection(connection);
         return;
     }
-    m_sessions[connection] = std::move(session);
-    if (connection->bytesAvailable() > 0)
-        QMetaObject::invokeMethod(connection, "readyRead", Qt::QueuedConnection);
     emit sessionsChanged();
 }
 
-void ServerHost::dropConnection(QIODevice* connection)
+void ServerHost::dropConnection(QIODevice* connection, const QString& reason)
 {
     m_pending.erase(connection);
-    const auto it = m_sessions.find(connection);
-    const bool hadSession = it != m_sessions.end();
-    if (hadSession)
-        m_sessions.erase(it);
     disconnect(connection, nullptr, this, nullptr);
-    // Qt Remote Objects 6.4 never hears that an external connection ended (it looks up the
-    // device's disconnected() signal under a wrong name), keeps writing to it and would use
-    // the device after it is gone. Its wrapper of the connection has the signal it waits for:
-    // emit that, so the node forgets the connection first.
-    if (const auto wrapper = m_wrappers.find(connection); wrapper != m_wrappers.end()) {
-        if (wrapper->second)
-            QMetaObject::invokeMethod(wrapper->second, "disconnected", Qt::DirectConnection);
-        m_wrappers.erase(wrapper);
+    const auto it = m_clients.find(connection);
+    const bool hadSession = it != m_clients.end();
+    if (hadSession) {
+        Client client = std::move(it->second);
+        m_clients.erase(it);
+        if (!reason.isEmpty() && client.session)
+            qWarning("qorcalib-server: %s (%s) disconnected: %s",
+                     qPrintable(client.session->name()), qPrintable(client.session->description()),
+                     qPrintable(reason));
+        client.session.reset();
+        // Qt Remote Objects 6.4 never hears that an external connection ended (it looks up the
+        // device's disconnected() signal under a wrong name), keeps writing to it and would use
+        // the device after it is gone. Its wrapper of the connection has the signal it waits
+        // for: emit that, so the node forgets the connection first.
+        if (client.nodeConnection)
+            QMetaObject::invokeMethod(client.nodeConnection, "disconnected", Qt::DirectConnection);
+        // The node may still be handling this connection's last packet.
+        if (client.node)
+            client.node->deleteLater();
     }
     if (connection->isOpen())
         connection->close();
-    // The remote objects node may still be handling this connection's last packet.
     connection->deleteLater();
     if (hadSession)
         emit sessionsChanged();

@@ -14,6 +14,13 @@ namespace {
 
 const QString kNotSupported = QStringLiteral("not supported by this server");
 
+// A client's text quoted in an error description is cut to a readable length.
+QString clipped(const QString& text)
+{
+    constexpr int kQuoted = 40;
+    return text.size() <= kQuoted ? text : text.left(kQuoted) + QStringLiteral("...");
+}
+
 CanMsg toCanMsg(const CanFrame& frame)
 {
     return CanMsg(frame.id, frame.len,
@@ -28,6 +35,8 @@ QString frameFromMsg(const CanMsg& msg, bool remote, CanFrame* frame)
             .arg(QString::number(msg.Id(), 16).toUpper());
     if (msg.Len() < 0 || msg.Len() > 8)
         return QStringLiteral("frame length %1 out of range (0..8)").arg(msg.Len());
+    if (msg.Data().size() > 8)
+        return QStringLiteral("frame data of %1 bytes (at most 8)").arg(msg.Data().size());
     frame->id = quint16(msg.Id());
     frame->len = quint8(msg.Len());
     frame->remote = remote;
@@ -47,7 +56,7 @@ public:
         if (!selector.isEmpty() && selector.compare(QLatin1String("CANopen"), Qt::CaseInsensitive))
             return ObjectReply({}, QStringLiteral("unknown service '%1' (this server offers "
                                                   "\"CANopen\")")
-                                       .arg(selector));
+                                       .arg(clipped(selector)));
         return ObjectReply(m_s->objectName("QCSService"), {});
     }
     ObjectReply GetBus(QString) override { return ObjectReply(m_s->objectName("QCSBus"), {}); }
@@ -349,8 +358,10 @@ Session::Session(ServerCore* core, ServerHost* host, quint64 id, QString peer,
 
 Session::~Session()
 {
-    for (int c = 0; c < m_core->controllerCount(); ++c)
+    for (int c = 0; c < m_core->controllerCount(); ++c) {
         m_core->sdoRunner(c)->dropSession(m_id);
+        m_core->channel(c)->dropSession(m_id);
+    }
     if (m_node)
         for (const auto& [object, name] : m_objects->all())
             m_node->disableRemoting(object);
@@ -414,7 +425,9 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
         emit notify->OperationDone(
             OperationResult(requestId, result.data, 0, result.abortCode, result.error));
     };
-    m_core->sdoRunner(channel)->submit(std::move(request));
+    error = m_core->sdoRunner(channel)->submit(std::move(request));
+    if (!error.isEmpty())
+        return RequestReply(0, error);
     return RequestReply(requestId, {});
 }
 
@@ -430,7 +443,8 @@ void Session::onFrames(int controller, const QVector<BusFrame>& frames)
 {
     if (!attached)
         return;
-    const bool backlogged = m_connection && m_connection->bytesToWrite() > kBacklogLimit;
+    const bool backlogged =
+        m_connection && m_connection->bytesToWrite() > m_host->gateLimits().backlog;
     const SdoRunner* runner = m_core->sdoRunner(controller);
     QByteArray records;
     records.reserve(frames.size() * kRecordSize);

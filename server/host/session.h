@@ -19,15 +19,13 @@ class ServerHost;
 
 // One client's session: its own set of remoted objects and what the server keeps for it
 // (attached or not, receive-all, transmit reports, SDO time-out). It lives exactly as long as
-// the client's connection.
+// the client's connection. While more than the host's backlog limit waits unread for the
+// client, its frame batches are dropped and the controller's status shows it a receive overrun.
 class Session : public QObject
 {
     Q_OBJECT
 public:
     static constexpr int kDefaultSdoTimeoutMs = 1000;
-    // Past this many bytes waiting for the client, frame batches are dropped and the
-    // controller's status shows a receive overrun to this session.
-    static constexpr qint64 kBacklogLimit = 16 * 1024 * 1024;
 
     Session(ServerCore* core, ServerHost* host, quint64 id, QString peer, QIODevice* connection);
     ~Session() override;

@@ -1,6 +1,7 @@
 #include "serverconnection.h"
 
 #include "canmsg.h"
+#include "handshake.h"
 
 #include <QDeadlineTimer>
 #include <QEventLoop>
@@ -102,11 +103,20 @@ bool ServerConnection::open(const ServerAddress& address, int timeoutMs, QString
         if (deadline.hasExpired() || !m_socket->waitForReadyRead(int(deadline.remainingTime())))
             return fail(QStringLiteral("no greeting from the server"));
     }
-    const QList<QByteArray> greeting = m_socket->readLine(256).trimmed().split(' ');
-    if (greeting.size() != 2 || greeting[0] != kGreeting)
+    const handshake::Greeting greeting = handshake::parseGreeting(m_socket->readLine(256));
+    if (greeting.session.isEmpty())
         return fail(QStringLiteral("this is not a CAN server of a known version"));
-    m_session = QString::fromLatin1(greeting[1]);
-    m_socket->write(QByteArray(kAttach) + '\n');
+    m_session = QString::fromLatin1(greeting.session);
+    QByteArray proof;
+    if (!greeting.nonce.isEmpty()) {
+        const QByteArray secret = m_secret.isEmpty() ? handshake::loadSecret() : m_secret;
+        if (secret.isEmpty())
+            return fail(QStringLiteral("the server admits only clients that hold its secret "
+                                       "(%1 on the server's machine); put it in the settings")
+                            .arg(handshake::secretPath()));
+        proof = handshake::proof(secret, greeting.nonce, greeting.session);
+    }
+    m_socket->write(handshake::attachLine(proof));
     m_node.addClientSideConnection(m_socket);
 
     const int remaining = int(qMax<qint64>(1, deadline.remainingTime()));

@@ -38,6 +38,9 @@ public:
     explicit ServerConnection(QObject* parent = nullptr);
     ~ServerConnection() override;
 
+    // The secret a server on TCP asks for (handshake.h); without one, this user's own server's
+    // secret file is tried.
+    void setSecret(const QByteArray& secret) { m_secret = secret; }
     bool open(const ServerAddress& address, int timeoutMs, QString* error);
     bool isConnected() const;
     QString sessionName() const { return m_session; }
@@ -77,6 +80,7 @@ private:
     QRemoteObjectNode m_node;
     QPointer<QIODevice> m_socket;
     QString m_session;
+    QByteArray m_secret;
     bool m_lost = false;
     std::unique_ptr<QCSCanConnectorReplica> m_connector;
     std::unique_ptr<QCSBusReplica> m_bus;

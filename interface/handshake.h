@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+namespace qorcalib {
+
+// The lines that open every connection, before it carries Qt Remote Objects.
+//
+// On the local socket:   server "QORCALIB/1 session-N\n", client "ATTACH\n".
+// On TCP:                server "QORCALIB/1 session-N AUTH <nonce>\n",
+//                        client "ATTACH <proof>\n"
+// where <nonce> is 32 random bytes and <proof> HMAC-SHA256(secret, nonce + session name), both
+// in hexadecimal. The secret is shared by the server and its remote clients; a client without
+// it gets no object at all, because the server remotes nothing before the proof is right.
+namespace handshake {
+
+struct Greeting
+{
+    QByteArray session;
+    QByteArray nonce; // empty on the local socket
+};
+
+QByteArray greetingLine(const QByteArray& session, const QByteArray& nonce);
+// nullopt-like: an empty session when the line is not a greeting of this protocol.
+Greeting parseGreeting(const QByteArray& line);
+
+QByteArray proof(const QByteArray& secret, const QByteArray& nonce, const QByteArray& session);
+QByteArray attachLine(const QByteArray& proofHex);
+// The proof in the client's answer (empty for a plain "ATTACH"); false when the line is not
+// an answer at all.
+bool parseAttach(const QByteArray& line, QByteArray* proofHex);
+// Compares in a time that does not depend on where the two differ.
+bool sameProof(const QByteArray& a, const QByteArray& b);
+
+QByteArray newNonce();
+
+// The server's secret for TCP clients: "qorcalib-server.secret" in the user's configuration
+// folder (Qor/), readable by the user only. Created on first use.
+QString secretPath();
+// The secret, created when there is none yet; empty with *error set when it cannot be had.
+QByteArray loadOrCreateSecret(QString* error);
+// The secret when the file exists and is the user's own, else empty.
+QByteArray loadSecret(const QString& path = secretPath());
+
+} // namespace handshake
+
+// The private folder for the local socket when the runtime folder is not set:
+// "<temporary folder>/qorcalib-<uid>", created with mode 0700. An existing one is used only
+// when it is a real folder (not a link), owned by this user and closed to everyone else;
+// otherwise the path is empty and *error names the folder and what is wrong with it.
+QString privateSocketFolder(QString* error);
+
+} // namespace qorcalib

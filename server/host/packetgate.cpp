@@ -1,0 +1,143 @@
+#include "packetgate.h"
+
+#include <QtEndian>
+
+namespace qorcalib {
+
+namespace {
+// Read from the connection in pieces of this size at most, so that what waits for a whole
+// packet stays within the packet limit plus one piece.
+constexpr qint64 kReadPiece = 256 * 1024;
+
+// Size and type of the packet at the start of `buffer`, or -1 while the size is incomplete.
+qint64 declaredSize(const QByteArray& buffer)
+{
+    if (buffer.size() < packet::kHeaderSize)
+        return -1;
+    return qint64(qFromLittleEndian<quint32>(buffer.constData()));
+}
+} // namespace
+
+PacketGate::PacketGate(QIODevice* connection, PacketRules rules, Limits limits, QObject* parent)
+    : QIODevice(parent), m_connection(connection), m_rules(std::move(rules)), m_limits(limits)
+{
+    open(QIODevice::ReadWrite | QIODevice::Unbuffered);
+    connect(connection, &QIODevice::readyRead, this, &PacketGate::pull);
+    connect(connection, &QIODevice::bytesWritten, this, &PacketGate::checkBacklog);
+    m_stall.setSingleShot(true);
+    m_stall.setInterval(m_limits.stallMs);
+    connect(&m_stall, &QTimer::timeout, this, [this] {
+        if (bytesToWrite() > m_limits.backlog)
+            refuse(QStringLiteral("it has not read its last %1 KiB for %2 s")
+                       .arg(bytesToWrite() / 1024)
+                       .arg(m_limits.stallMs / 1000));
+    });
+    // What arrived right after the greeting is already waiting.
+    if (connection->bytesAvailable() > 0)
+        QMetaObject::invokeMethod(this, &PacketGate::pull, Qt::QueuedConnection);
+}
+
+qint64 PacketGate::bytesAvailable() const
+{
+    return m_accepted.size() + QIODevice::bytesAvailable();
+}
+
+qint64 PacketGate::bytesToWrite() const
+{
+    return m_connection ? m_connection->bytesToWrite() : 0;
+}
+
+qint64 PacketGate::readData(char* data, qint64 maxSize)
+{
+    const qint64 n = qMin<qint64>(maxSize, m_accepted.size());
+    std::memcpy(data, m_accepted.constData(), size_t(n));
+    m_accepted.remove(0, n);
+    return n;
+}
+
+void PacketGate::pull()
+{
+    if (m_refused || !m_connection)
+        return;
+    qsizetype start = 0;
+    while (!m_refused && m_connection->bytesAvailable() > 0) {
+        m_in.append(m_connection->read(kReadPiece));
+        while (true) {
+            const QByteArray rest = QByteArray::fromRawData(m_in.constData() + start,
+                                                            m_in.size() - start);
+            const qint64 size = declaredSize(rest);
+            if (size < 0)
+                break;
+            if (size < 2 || size > m_limits.maxPacket) {
+                refuse(QStringLiteral("it sent a packet of %1 bytes (at most %2)")
+                           .arg(size)
+                           .arg(m_limits.maxPacket));
+                return;
+            }
+            if (rest.size() < packet::kHeaderSize + size)
+                break;
+            const QByteArray body = rest.mid(packet::kHeaderSize, size);
+            const QString error = m_rules.checkIncoming(body);
+            if (!error.isEmpty()) {
+                refuse(error);
+                return;
+            }
+            m_accepted.append(rest.constData(), packet::kHeaderSize + size);
+            start += packet::kHeaderSize + size;
+        }
+        m_in.remove(0, start);
+        start = 0;
+    }
+    if (!m_accepted.isEmpty())
+        emit readyRead();
+}
+
+qint64 PacketGate::writeData(const char* data, qint64 size)
+{
+    if (m_refused || !m_connection)
+        return size;
+    m_out.append(data, size);
+    qsizetype start = 0;
+    while (true) {
+        const QByteArray rest =
+            QByteArray::fromRawData(m_out.constData() + start, m_out.size() - start);
+        const qint64 packetSize = declaredSize(rest);
+        if (packetSize < 0 || rest.size() < packet::kHeaderSize + packetSize)
+            break;
+        const QByteArray shown =
+            m_rules.filterOutgoing(rest.left(packet::kHeaderSize + packetSize));
+        if (!shown.isEmpty())
+            m_connection->write(shown);
+        start += packet::kHeaderSize + packetSize;
+    }
+    m_out.remove(0, start);
+    checkBacklog();
+    return size;
+}
+
+void PacketGate::checkBacklog()
+{
+    const qint64 waiting = bytesToWrite();
+    if (waiting > 2 * m_limits.backlog) {
+        refuse(QStringLiteral("it left %1 KiB unread").arg(waiting / 1024));
+    } else if (waiting > m_limits.backlog) {
+        if (!m_stall.isActive())
+            m_stall.start();
+    } else {
+        m_stall.stop();
+    }
+}
+
+void PacketGate::refuse(const QString& reason)
+{
+    if (m_refused)
+        return;
+    m_refused = true;
+    m_stall.stop();
+    m_in.clear();
+    m_out.clear();
+    // Told from the event loop: the node may be in the middle of writing to us.
+    QMetaObject::invokeMethod(this, [this, reason] { emit refused(reason); }, Qt::QueuedConnection);
+}
+
+} // namespace qorcalib

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "packetrules.h"
+
+#include <QIODevice>
+#include <QPointer>
+#include <QTimer>
+
+namespace qorcalib {
+
+// Stands between one client's connection and the remote objects node, which trusts every
+// packet it is given. Packets from the client pass only whole and only when PacketRules accept
+// them; packets to the client pass through PacketRules' filter. The client's unread backlog is
+// bounded. When the client breaks a rule, or leaves too much unread for too long, the gate
+// stops passing anything and reports it once through refused(), for the host to end the
+// connection; the server itself never sees the packet.
+class PacketGate : public QIODevice
+{
+    Q_OBJECT
+public:
+    struct Limits
+    {
+        // The largest packet a client may send: an SDO download or a serial image of a few
+        // MiB fits many times over.
+        qint64 maxPacket = 16 * 1024 * 1024;
+        // Unread data the client may leave behind for `stallMs`; twice as much ends the
+        // connection at once.
+        qint64 backlog = 16 * 1024 * 1024;
+        int stallMs = 5000;
+    };
+
+    PacketGate(QIODevice* connection, PacketRules rules, Limits limits, QObject* parent = nullptr);
+
+    QIODevice* connection() const { return m_connection; }
+    bool isSequential() const override { return true; }
+    qint64 bytesAvailable() const override;
+    qint64 bytesToWrite() const override;
+
+signals:
+    void refused(const QString& reason);
+
+protected:
+    qint64 readData(char* data, qint64 maxSize) override;
+    qint64 writeData(const char* data, qint64 size) override;
+
+private:
+    void pull();
+    void checkBacklog();
+    void refuse(const QString& reason);
+
+    QPointer<QIODevice> m_connection;
+    PacketRules m_rules;
+    Limits m_limits;
+    QByteArray m_in;       // from the client, not yet a whole packet
+    QByteArray m_accepted; // whole packets for the node
+    QByteArray m_out;      // from the node, not yet a whole packet
+    QTimer m_stall;
+    bool m_refused = false;
+};
+
+} // namespace qorcalib
