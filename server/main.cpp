@@ -104,8 +104,8 @@ int main(int argc, char** argv)
     const QCommandLineOption backlogOption(
         QStringLiteral("client-backlog"),
         QStringLiteral("KiB of events a client may leave unread: past it the client's frame "
-                       "events are dropped (it sees a receive overrun), and a client that leaves "
-                       "it unread for 5 s, or twice as much at once, is disconnected "
+                       "events are dropped (it sees a receive overrun); a client that keeps half "
+                       "of it unread for 5 s, or leaves twice as much, is disconnected "
                        "(default: 16384)."),
         QStringLiteral("KiB"));
     const QCommandLineOption channelOption(

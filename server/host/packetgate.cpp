@@ -27,7 +27,7 @@ PacketGate::PacketGate(QIODevice* connection, PacketRules rules, Limits limits, 
     m_stall.setSingleShot(true);
     m_stall.setInterval(m_limits.stallMs);
     connect(&m_stall, &QTimer::timeout, this, [this] {
-        if (bytesToWrite() > m_limits.backlog)
+        if (bytesToWrite() > m_limits.backlog / 2)
             refuse(QStringLiteral("it has not read its last %1 KiB for %2 s")
                        .arg(bytesToWrite() / 1024)
                        .arg(m_limits.stallMs / 1000));
@@ -120,7 +120,7 @@ void PacketGate::checkBacklog()
     const qint64 waiting = bytesToWrite();
     if (waiting > 2 * m_limits.backlog) {
         refuse(QStringLiteral("it left %1 KiB unread").arg(waiting / 1024));
-    } else if (waiting > m_limits.backlog) {
+    } else if (waiting > m_limits.backlog / 2) {
         if (!m_stall.isActive())
             m_stall.start();
     } else {

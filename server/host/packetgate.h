@@ -23,8 +23,9 @@ public:
         // The largest packet a client may send: an SDO download or a serial image of a few
         // MiB fits many times over.
         qint64 maxPacket = 16 * 1024 * 1024;
-        // Unread data the client may leave behind for `stallMs`; twice as much ends the
-        // connection at once.
+        // Unread data the client may leave behind. The session stops sending it frames past
+        // this; a client that keeps half of it unread for `stallMs` has stopped reading, and
+        // one that leaves twice as much is gone at once.
         qint64 backlog = 16 * 1024 * 1024;
         int stallMs = 5000;
     };

@@ -3,6 +3,7 @@
 #include "canmsg.h"
 #include "frmdiagno.h"
 #include "frmeds.h"
+#include "machinesettings.h"
 #include "sdopanel.h"
 #include "traceline.h"
 #include "waitcursor.h"
@@ -214,6 +215,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     m_link.monitorEchoOff = false;
 
     m_history.load();
+    m_link.setServerSecret(tessel::readServerSecret());
     if (!m_link.connectToServer(answer, error))
         return false;
     if (m_link.isRemote())

@@ -25,7 +25,7 @@ constexpr int kEchoMemory = 256;
 } // namespace
 
 CanLink::CanLink(QObject* parent)
-    : QObject(parent), m_localSocketPath(qorcalib::defaultLocalSocketPath())
+    : QObject(parent), m_localSocketPath(qorcalib::defaultLocalSocketPath(&m_localSocketError))
 {
 }
 
@@ -51,9 +51,14 @@ bool CanLink::connectToServer(const QString& answer, QString* error)
     m_machine = hash < 0 ? answer : answer.left(hash);
     m_selector = hash < 0 ? QString() : answer.mid(hash + 1);
     m_remote = m_machine != QLatin1String("localhost");
+    if (!m_remote && m_localSocketPath.isEmpty()) {
+        *error = QStringLiteral("%1: %2").arg(ServerConnection::kNotReachable, m_localSocketError);
+        return false;
+    }
     const auto address = qorcalib::ServerAddress::fromMachineName(m_machine, m_localSocketPath);
 
     m_connection = std::make_unique<ServerConnection>();
+    m_connection->setSecret(m_secret);
     if (!m_connection->open(address, kConnectTimeoutMs, error)) {
         if (m_remote || !startLocalServer(error))
             return false;

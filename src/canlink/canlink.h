@@ -29,6 +29,8 @@ public:
     // started from serverProgram when none answers there; any other name is a server on TCP.
     bool connectToServer(const QString& answer, QString* error);
     void setLocalSocketPath(const QString& path) { m_localSocketPath = path; }
+    // What a server on TCP asks for (see ServerConnection::setSecret).
+    void setServerSecret(const QByteArray& secret) { m_secret = secret; }
     // The server program to start for "localhost": beside this program, else on PATH.
     static QString serverProgram();
     bool isRemote() const { return m_remote; }
@@ -106,6 +108,8 @@ private:
 
     std::unique_ptr<ServerConnection> m_connection;
     QString m_localSocketPath;
+    QString m_localSocketError; // why there is no local socket path
+    QByteArray m_secret;
     QString m_machine;
     QString m_selector;
     bool m_remote = false;

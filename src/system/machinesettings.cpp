@@ -26,6 +26,13 @@ void writeRemoteServer(const QString& name)
     settings.sync();
 }
 
+QByteArray readServerSecret()
+{
+    QSettings settings(QSettings::IniFormat, QSettings::UserScope, kCompany,
+                       userSettingsApplication());
+    return QByteArray::fromHex(settings.value(QStringLiteral("server/secret")).toByteArray().trimmed());
+}
+
 QString userSettingsOrganisation()
 {
     return kCompany;

@@ -10,6 +10,11 @@ QString readRemoteServer(const QString& fallback);
 // Failures (a read-only system folder) are ignored: the name is then only not remembered.
 void writeRemoteServer(const QString& name);
 
+// The secret that a CAN server listening on TCP asks its clients for: per-user setting
+// "server/secret" of "Qor.Tessel", in hexadecimal as the server's secret file holds it. Empty
+// when none is set.
+QByteArray readServerSecret();
+
 // Per-user settings "Qor.Tessel" (INI), group "filename".
 QString userSettingsOrganisation();
 QString userSettingsApplication();

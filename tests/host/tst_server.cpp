@@ -321,6 +321,8 @@ void TstServer::badInputIsRefused_data()
     QTest::addColumn<QString>("operation");
     QTest::addColumn<QString>("mentions");
     QTest::newRow("length 9") << "send 0 0x100 9" << "9";
+    QTest::newRow("nine data bytes") << "senddata 0 0x100 8 9" << "9 bytes";
+    QTest::newRow("a megabyte of data") << "senddata 0 0x100 8 1048576" << "1048576 bytes";
     QTest::newRow("length -1") << "send 0 0x100 -1" << "-1";
     QTest::newRow("COB-ID 0x800") << "send 0 0x800 1" << "0x800";
     QTest::newRow("controller 2") << "send 2 0x100 1" << "2";
@@ -338,6 +340,7 @@ void TstServer::badInputIsRefused_data()
     QTest::newRow("output 40") << "output 40" << "40";
     QTest::newRow("analog 6") << "analog 6" << "6";
     QTest::newRow("service selector") << "service LSSonly" << "LSSonly";
+    QTest::newRow("service selector of a megabyte") << "service " + QString(1 << 20, 'S') << "SSS...";
 }
 
 void TstServer::badInputIsRefused()
@@ -359,6 +362,8 @@ void TstServer::badInputIsRefused()
     };
     if (w[0] == "send")
         take(a->wait(a->bus()->Send(n(1), CanMsg(n(2), n(3), QByteArray(8, '\x55')), 0), &error));
+    else if (w[0] == "senddata")
+        take(a->wait(a->bus()->Send(n(1), CanMsg(n(2), n(3), QByteArray(n(4), '\x55')), 0), &error));
     else if (w[0] == "remote")
         take(a->wait(a->bus()->SendRemote(n(1), CanMsg(n(2), n(3), {})), &error));
     else if (w[0] == "rate")
@@ -381,6 +386,8 @@ void TstServer::badInputIsRefused()
         take(a->wait(a->connector()->GetService(w[1]), &error));
     QVERIFY2(!description.isEmpty(), "the server accepted it");
     QVERIFY2(description.contains(mentions, Qt::CaseInsensitive), qPrintable(description));
+    // What the client sent is quoted, never echoed whole.
+    QVERIFY2(description.size() < 200, qPrintable(description.left(300)));
 
     // Nothing reached the bus, nothing changed, and the session goes on working.
     CALL_OK(a, bus()->Send(0, CanMsg(0x7E5, 1, hex("42")), 0));
@@ -461,6 +468,8 @@ void TstServer::sdoWithTheDrive()
 
     auto written = sdoTransfer(a.get(), false, 1, 0x2000, 0, le32(5000));
     QCOMPARE(written->abortCode(), 0u);
+    // A download's completion does not carry back what was sent.
+    QCOMPARE(written->data(), QByteArray());
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(5000));
     // The drive keeps written values until it loses power.
     CALL_OK(a, benchBoard()->BoardCommand(11, 0));

@@ -2,9 +2,35 @@
 
 #include <QDeadlineTimer>
 #include <QLocalSocket>
+#include <QRegularExpression>
 #include <QTest>
 
 namespace qorcalib::test {
+
+ServerProcess::ServerProcess() : m_environment(QProcessEnvironment::systemEnvironment())
+{
+    m_environment.insert(QStringLiteral("XDG_CONFIG_HOME"), m_dir.path() + QStringLiteral("/config"));
+}
+
+void ServerProcess::setHeadless()
+{
+    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+        m_environment.remove(QLatin1String(name));
+}
+
+quint16 ServerProcess::waitForTcpPort(int timeoutMs)
+{
+    const QRegularExpression port(QStringLiteral("TCP port (\\d+)"));
+    const QDeadlineTimer deadline(timeoutMs);
+    while (!deadline.hasExpired()) {
+        m_process.waitForReadyRead(50);
+        m_output += QString::fromLocal8Bit(m_process.readAll());
+        const auto match = port.match(m_output);
+        if (match.hasMatch())
+            return quint16(match.captured(1).toUInt());
+    }
+    return 0;
+}
 
 ServerProcess::~ServerProcess()
 {
@@ -14,6 +40,7 @@ ServerProcess::~ServerProcess()
 bool ServerProcess::start(const QStringList& arguments)
 {
     m_process.setProcessChannelMode(QProcess::MergedChannels);
+    m_process.setProcessEnvironment(m_environment);
     if (qEnvironmentVariableIsSet("TESSEL_SERVER_LOG"))
         m_process.setStandardOutputFile(qEnvironmentVariable("TESSEL_SERVER_LOG"));
     m_process.start(QStringLiteral(QORCALIB_SERVER_PATH),
@@ -55,7 +82,9 @@ bool ServerProcess::stop()
 
 QString ServerProcess::output()
 {
-    return QString::fromLocal8Bit(m_process.readAll());
+    QString text = m_output + QString::fromLocal8Bit(m_process.readAll());
+    m_output.clear();
+    return text;
 }
 
 std::unique_ptr<ServerConnection> ServerProcess::connect(int timeoutMs)

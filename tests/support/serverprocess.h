@@ -18,7 +18,7 @@ namespace qorcalib::test {
 class ServerProcess
 {
 public:
-    ServerProcess() = default;
+    ServerProcess();
     ~ServerProcess();
 
     // Starts the server with the extra arguments and waits until its socket answers.
@@ -28,6 +28,14 @@ public:
     // a sanitizer's report at shut-down makes it fail.
     bool stop();
     QString socketPath() const { return m_dir.path() + QStringLiteral("/qorcalib"); }
+    // The server's environment: this process's, with the user's configuration folder (where the
+    // server keeps its secret for TCP clients) in the private temporary folder.
+    QProcessEnvironment& environment() { return m_environment; }
+    // As a service without a display: no DISPLAY, WAYLAND_DISPLAY or QT_QPA_PLATFORM.
+    void setHeadless();
+    QString secretPath() const { return m_dir.path() + QStringLiteral("/config/Qor/qorcalib-server.secret"); }
+    // The TCP port the server reported listening on, or 0.
+    quint16 waitForTcpPort(int timeoutMs = 5000);
     ServerAddress address() const { return ServerAddress::fromMachineName("localhost", socketPath()); }
     QProcess& process() { return m_process; }
     QString output();
@@ -38,6 +46,8 @@ public:
 private:
     QTemporaryDir m_dir;
     QProcess m_process;
+    QProcessEnvironment m_environment;
+    QString m_output;
 };
 
 // Frames of FilteredRxCan events collected from a session, with helpers to wait for them.

@@ -1,0 +1,515 @@
+// What a client may not do to the server: crash it, reach another session, make it hold
+// unbounded memory, starve the bus, keep a dead session's work running, or come in over TCP
+// without the secret. Each case runs against a real server process.
+#include "handshake.h"
+#include "serverprocess.h"
+#include "wire.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLocalSocket>
+#include <QRandomGenerator>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace qorcalib;
+using namespace qorcalib::test;
+
+namespace {
+
+#define CALL_OK(connection, call)                                                                  \
+    do {                                                                                           \
+        QString callError;                                                                         \
+        const auto reply = (connection)->wait((connection)->call, &callError);                     \
+        QVERIFY2(reply, qPrintable(callError));                                                    \
+        QVERIFY2(reply->error().isEmpty(), qPrintable(reply->error()));                            \
+    } while (0)
+
+// The drive's EDS with a 100 ms heartbeat.
+QString fastHeartbeatEds(const QTemporaryDir& dir)
+{
+    QFile in(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
+    if (!in.open(QIODevice::ReadOnly))
+        return {};
+    QByteArray text = in.readAll();
+    const qsizetype value = text.indexOf("DefaultValue=1000", text.indexOf("[1017]"));
+    text.replace(value, qsizetype(strlen("DefaultValue=1000")), "DefaultValue=100");
+    const QString path = dir.filePath(QStringLiteral("fast.eds"));
+    QFile out(path);
+    if (!out.open(QIODevice::WriteOnly))
+        return {};
+    out.write(text);
+    return path;
+}
+
+// Resident memory of a process in KiB, from /proc.
+qint64 residentKib(qint64 pid)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').first().toLongLong();
+    return -1;
+}
+
+QByteArray utf16(const QString& text)
+{
+    return QByteArray(reinterpret_cast<const char*>(text.utf16()), text.size() * 2);
+}
+
+int sessionCount(ServerConnection* connection)
+{
+    QString error;
+    const auto reply = connection->wait(connection->serverWindow()->Sessions(), &error);
+    return reply ? int(reply->value().size()) : -1;
+}
+
+} // namespace
+
+class TstServerBoundary : public QObject
+{
+    Q_OBJECT
+private slots:
+    void init();
+    void cleanup();
+
+    void fuzzedPacketsNeverStopTheServer();
+    void aConnectionReachesOnlyItsOwnSession();
+    void clientThatDoesNotReadIsDisconnected();
+    void declaredHugePacketIsRefusedAtOnce();
+    void sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod();
+    void endedSessionsFramesAreNotSent();
+    void killedClientsTransferIsAbortedOnTheBus();
+    void sdoRequestsWaitTheirTurn();
+    void tcpNeedsTheSecret();
+    void socketFolderMustBePrivate_data();
+    void socketFolderMustBePrivate();
+    void headlessServerServes();
+
+private:
+    bool startServer(const QStringList& extra = {}, bool paced = false);
+    std::unique_ptr<ServerConnection> attach();
+
+    QTemporaryDir m_dir;
+    std::unique_ptr<ServerProcess> m_server;
+};
+
+void TstServerBoundary::init()
+{
+    m_server = std::make_unique<ServerProcess>();
+}
+
+void TstServerBoundary::cleanup()
+{
+    if (m_server->process().state() == QProcess::Running)
+        QVERIFY2(m_server->stop(), qPrintable(m_server->output()));
+    m_server.reset();
+}
+
+bool TstServerBoundary::startServer(const QStringList& extra, bool paced)
+{
+    QStringList args{QStringLiteral("--eds"), fastHeartbeatEds(m_dir)};
+    if (!paced)
+        args << QStringLiteral("--unpaced");
+    if (!m_server->start(args + extra)) {
+        qWarning("server did not start: %s", qPrintable(m_server->output()));
+        return false;
+    }
+    return true;
+}
+
+std::unique_ptr<ServerConnection> TstServerBoundary::attach()
+{
+    auto connection = m_server->connect();
+    if (!connection)
+        return nullptr;
+    QString error;
+    const auto reply = connection->wait(connection->bus()->Advise(), &error);
+    if (!reply || !reply->error().isEmpty())
+        return nullptr;
+    return connection;
+}
+
+void TstServerBoundary::fuzzedPacketsNeverStopTheServer()
+{
+    // TESSEL_FUZZ_CONNECTIONS runs it longer (scripts/fuzz-server.sh).
+    const int connections = qEnvironmentVariableIsSet("TESSEL_FUZZ_CONNECTIONS")
+                                ? qEnvironmentVariableIntValue("TESSEL_FUZZ_CONNECTIONS")
+                                : 150;
+    const quint32 seed = qEnvironmentVariableIsSet("TESSEL_FUZZ_SEED")
+                             ? quint32(qEnvironmentVariableIntValue("TESSEL_FUZZ_SEED"))
+                             : QRandomGenerator::global()->generate();
+    QRandomGenerator random(seed);
+    QVERIFY(startServer());
+    auto good = attach();
+    QVERIFY(good);
+    CALL_OK(good, bus()->StartController(0));
+
+    int packets = 0;
+    int hangs = 0;
+    for (int c = 0; c < connections; ++c) {
+        RogueClient rogue;
+        QVERIFY2(rogue.open(m_server->socketPath()),
+                 qPrintable(QStringLiteral("seed %1, connection %2").arg(seed).arg(c)));
+        // A well-formed start now and then, so that calls get past the acquiring.
+        if (random.bounded(2))
+            rogue.send(wire::addObject(rogue.object("QCSBus")) +
+                       wire::addObject(rogue.object("QCSService")));
+        for (int p = 1 + random.bounded(6); p > 0; --p, ++packets)
+            rogue.send(wire::randomPacket(random, rogue.session()));
+        if (random.bounded(4) == 0)
+            QTest::qWait(5);
+        // The well-behaved client is served throughout.
+        if (c % 10 == 0) {
+            QString error;
+            const auto reply = good->wait(good->bus()->GetControllerCount(), &error, 5000);
+            if (!reply)
+                ++hangs;
+            QVERIFY2(m_server->process().state() == QProcess::Running,
+                     qPrintable(QStringLiteral("seed %1, connection %2: %3")
+                                    .arg(seed)
+                                    .arg(c)
+                                    .arg(m_server->output())));
+        }
+    }
+    QCOMPARE(hangs, 0);
+    CALL_OK(good, bus()->GetControllerCount());
+    qInfo("fuzz: seed %u, %d connections, %d packets, crashes 0, hangs %d", seed, connections,
+          packets, hangs);
+}
+
+void TstServerBoundary::aConnectionReachesOnlyItsOwnSession()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    CALL_OK(a, bus()->StartController(0));
+    const QString aBus = a->sessionName() + "/QCSBus";
+
+    RogueClient b;
+    QVERIFY(b.open(m_server->socketPath()));
+    QTRY_COMPARE(sessionCount(a.get()), 2);
+    QByteArray announced;
+    for (int i = 0; i < 10; ++i)
+        announced += b.received();
+    QVERIFY2(announced.contains(utf16(b.session() + "/QCSBus")), announced.toHex().constData());
+    QVERIFY(!announced.contains(utf16(a->sessionName())));
+
+    // Taking over the first session's bus object ends the connection, not the first session.
+    b.send(wire::addObject(aBus) + wire::invoke(aBus, wire::StartController, {0}));
+    QVERIFY(b.waitClosed(3000));
+    QTRY_COMPARE(sessionCount(a.get()), 1);
+    CALL_OK(a, bus()->GetStatus(0));
+
+    // Nor may a connection call its own objects without acquiring them first.
+    RogueClient c;
+    QVERIFY(c.open(m_server->socketPath()));
+    c.send(wire::invoke(c.object("QCSBus"), wire::StartController, {0}));
+    QVERIFY(c.waitClosed(3000));
+}
+
+void TstServerBoundary::clientThatDoesNotReadIsDisconnected()
+{
+    QVERIFY(startServer({QStringLiteral("--client-backlog"), QStringLiteral("64")}));
+    auto a = attach();
+    QVERIFY(a);
+    CALL_OK(a, bus()->StartController(0));
+
+    RogueClient sleeper;
+    QVERIFY(sleeper.open(m_server->socketPath()));
+    sleeper.stopReading();
+    const QString bus = sleeper.object("QCSBus");
+    sleeper.send(wire::addObject(bus) + wire::addObject(sleeper.object("QCSNotify")) +
+                 wire::invoke(bus, wire::Advise, {}));
+    QTRY_COMPARE(sessionCount(a.get()), 2);
+    const qint64 before = residentKib(m_server->process().processId());
+
+    // Traffic that the sleeping client would be told about, and never reads.
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (sessionCount(a.get()) == 2 && elapsed.elapsed() < 30000) {
+        QList<QRemoteObjectPendingReply<Reply>> sent;
+        for (int i = 0; i < 500; ++i)
+            sent.append(a->bus()->Send(0, CanMsg(0x555, 8, QByteArray(8, char(i))), 0));
+        QString error;
+        a->wait(sent.last(), &error);
+    }
+    QCOMPARE(sessionCount(a.get()), 1);
+    QVERIFY(sleeper.waitClosed(1000));
+    QString log;
+    QTRY_VERIFY2((log += m_server->output()).contains("disconnected: it "), qPrintable(log));
+    // What it left unread went with it.
+    const qint64 after = residentKib(m_server->process().processId());
+    QVERIFY2(after - before < 32 * 1024, qPrintable(QStringLiteral("%1 KiB -> %2 KiB").arg(before).arg(after)));
+}
+
+void TstServerBoundary::declaredHugePacketIsRefusedAtOnce()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    const qint64 before = residentKib(m_server->process().processId());
+    RogueClient rogue;
+    QVERIFY(rogue.open(m_server->socketPath()));
+    QByteArray header(6, '\0');
+    const quint32 size = 0x7FFFFFF0; // about 2 GiB to come
+    std::memcpy(header.data(), &size, 4);
+    header[4] = 6;
+    rogue.send(header);
+    const QByteArray junk(1 << 20, '\x42');
+    for (int i = 0; i < 64 && rogue.isConnected(); ++i) {
+        rogue.device()->write(junk);
+        rogue.device()->waitForBytesWritten(100);
+    }
+    QVERIFY(rogue.waitClosed(3000));
+    const qint64 after = residentKib(m_server->process().processId());
+    QVERIFY2(after - before < 24 * 1024, qPrintable(QStringLiteral("%1 KiB -> %2 KiB").arg(before).arg(after)));
+    QTRY_COMPARE(sessionCount(a.get()), 1);
+}
+
+void TstServerBoundary::sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod()
+{
+    QVERIFY(startServer({}, true)); // the bus at its real pace
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder frames(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000));
+
+    // Four seconds' worth of frames that win every arbitration against the heartbeat.
+    QList<QRemoteObjectPendingReply<Reply>> sent;
+    for (int i = 0; i < 30000; ++i)
+        sent.append(a->bus()->Send(0, CanMsg(0x080, 8, QByteArray(8, char(i))), 0));
+    int full = 0;
+    QString error;
+    for (auto& reply : sent) {
+        const auto r = a->wait(reply, &error);
+        QVERIFY2(r, qPrintable(error));
+        if (!r->error().isEmpty()) {
+            QVERIFY2(r->error().startsWith("transmit queue full"), qPrintable(r->error()));
+            ++full;
+        }
+    }
+    QVERIFY2(full > 10000, qPrintable(QString::number(full)));
+    // The bus has room again within the bound: the last accepted frames are on it soon.
+    QTest::qWait(2500);
+    const int seen = int(std::count_if(frames.received.begin(), frames.received.end(),
+                                       [](const auto& f) { return f.frame.id == 0x080; })) +
+                     int(std::count_if(frames.transmitted.begin(), frames.transmitted.end(),
+                                       [](const auto& f) { return f.frame.id == 0x080; }));
+    QCOMPARE(seen, 30000 - full);
+
+    QList<quint32> beats;
+    for (const auto& f : frames.received)
+        if (f.frame.id == 0x701)
+            beats.append(f.frame.timeUs);
+    QVERIFY2(beats.size() > 20, qPrintable(QString::number(beats.size())));
+    for (int i = 1; i < beats.size(); ++i)
+        QVERIFY2(beats[i] - beats[i - 1] < 115000,
+                 qPrintable(QStringLiteral("heartbeat %1 came %2 us after the one before")
+                                .arg(i)
+                                .arg(beats[i] - beats[i - 1])));
+}
+
+void TstServerBoundary::endedSessionsFramesAreNotSent()
+{
+    QVERIFY(startServer({}, true));
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder frames(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    {
+        auto b = m_server->connect();
+        QVERIFY(b);
+        QList<QRemoteObjectPendingReply<Reply>> sent;
+        for (int i = 0; i < 8000; ++i)
+            sent.append(b->bus()->Send(0, CanMsg(0x0B0, 8, QByteArray(8, char(i))), 0));
+        QString error;
+        QVERIFY(b->wait(sent.last(), &error));
+    } // b leaves with most of a second of frames waiting
+    QTRY_COMPARE(sessionCount(a.get()), 1);
+    const auto countB = [&] {
+        return std::count_if(frames.received.begin(), frames.received.end(),
+                             [](const auto& f) { return f.frame.id == 0x0B0; });
+    };
+    QTest::qWait(100);
+    const auto soonAfter = countB();
+    QTest::qWait(600);
+    QCOMPARE(countB(), soonAfter);
+    QVERIFY(soonAfter < 7000);
+}
+
+void TstServerBoundary::killedClientsTransferIsAbortedOnTheBus()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder frames(a.get());
+    CALL_OK(a, bus()->setallrxflag(-1));
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000)); // the drive is up
+
+    QProcess client;
+    client.setProcessChannelMode(QProcess::MergedChannels);
+    client.start(QStringLiteral(SESSIONCLIENT_PATH), {m_server->socketPath(), "sdo-wait"});
+    QByteArray said;
+    QTRY_VERIFY2_WITH_TIMEOUT((said += client.readAll()).contains("ready"), said.constData(), 5000);
+    QTRY_VERIFY(std::any_of(frames.received.begin(), frames.received.end(),
+                            [](const auto& f) { return f.frame.id == 0x67F; }));
+    client.kill();
+    client.waitForFinished();
+    // The abort the server sends on the dead client's behalf: general error 08000000.
+    QVERIFY(frames.waitFor(0x67F, QByteArray::fromHex("8000100000000008"), 3000));
+
+    // And the controller is free for the next client at once.
+    QSignalSpy done(a->notify(), &QCSNotifyReplica::OperationDone);
+    QString error;
+    const auto request = a->wait(a->service()->SdoUpload(0, 1, 0x1018, 1), &error);
+    QVERIFY(request && request->error().isEmpty());
+    QVERIFY(done.wait(1500));
+    const auto result = done.first().at(0).value<OperationResult>();
+    QCOMPARE(result.requestId(), request->requestId());
+    QCOMPARE(result.abortCode(), 0u);
+}
+
+void TstServerBoundary::sdoRequestsWaitTheirTurn()
+{
+    QVERIFY(startServer());
+    auto a = attach(), b = attach();
+    QVERIFY(a && b);
+    FrameRecorder frames(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000));
+    CALL_OK(a, service()->SetSdoTimeout(200));
+    QSignalSpy aDone(a->notify(), &QCSNotifyReplica::OperationDone);
+    QSignalSpy bDone(b->notify(), &QCSNotifyReplica::OperationDone);
+
+    // Node 0x7E does not exist: each of these waits out its time-out.
+    QString error;
+    QStringList refusals;
+    for (int i = 0; i < 20; ++i) {
+        const auto r = a->wait(a->service()->SdoUpload(0, 0x7E, 0x1000, 0), &error);
+        QVERIFY(r);
+        if (!r->error().isEmpty())
+            refusals << r->error();
+    }
+    // Sixteen wait, one runs.
+    QVERIFY2(refusals.size() == 3 || refusals.size() == 4, qPrintable(refusals.join('\n')));
+    QVERIFY2(refusals.first().contains("too many SDO requests"), qPrintable(refusals.first()));
+
+    const auto request = b->wait(b->service()->SdoUpload(0, 1, 0x1018, 1), &error);
+    QVERIFY(request && request->error().isEmpty());
+    QTRY_COMPARE_WITH_TIMEOUT(bDone.size(), 1, 3000);
+    QCOMPARE(bDone.first().at(0).value<OperationResult>().abortCode(), 0u);
+    // b waited for the transfer that was running, not for a's whole queue.
+    QVERIFY2(aDone.size() <= 2, qPrintable(QString::number(aDone.size())));
+}
+
+void TstServerBoundary::tcpNeedsTheSecret()
+{
+    QVERIFY(startServer({QStringLiteral("--listen"), QStringLiteral("tcp://127.0.0.1:0")}));
+    const quint16 port = m_server->waitForTcpPort();
+    QVERIFY(port != 0);
+    const QByteArray secret = handshake::loadSecret(m_server->secretPath());
+    QVERIFY2(!secret.isEmpty(), qPrintable(m_server->secretPath()));
+    struct stat st;
+    QCOMPARE(::stat(QFile::encodeName(m_server->secretPath()).constData(), &st), 0);
+    QCOMPARE(st.st_mode & 0777, 0600u);
+
+    const QList<QByteArray> answers{"ATTACH\n", "ATTACH " + QByteArray(64, '0') + "\n",
+                                    "attach\n"};
+    for (const QByteArray& answer : answers) {
+        QTcpSocket raw;
+        raw.connectToHost(QStringLiteral("127.0.0.1"), port);
+        QVERIFY(raw.waitForConnected(3000));
+        QTRY_VERIFY(raw.canReadLine());
+        const auto greeting = handshake::parseGreeting(raw.readLine());
+        QVERIFY(!greeting.nonce.isEmpty());
+        raw.write(answer);
+        QTRY_COMPARE(raw.state(), QAbstractSocket::UnconnectedState);
+        // Not one byte of Qt Remote Objects came before it was shut.
+        QCOMPARE(raw.readAll(), QByteArray());
+    }
+
+    const ServerAddress address = ServerAddress::fromMachineName(
+        QStringLiteral("127.0.0.1:%1").arg(port), {});
+    QString error;
+    ServerConnection wrong;
+    wrong.setSecret(QByteArray(32, 'w'));
+    QVERIFY(!wrong.open(address, 3000, &error));
+    ServerConnection right;
+    right.setSecret(secret);
+    QVERIFY2(right.open(address, 3000, &error), qPrintable(error));
+    CALL_OK((&right), bus()->GetControllerCount());
+    QString log;
+    QTRY_VERIFY2((log += m_server->output()).contains("does not hold the secret"), qPrintable(log));
+}
+
+void TstServerBoundary::socketFolderMustBePrivate_data()
+{
+    QTest::addColumn<QString>("setup");
+    QTest::addColumn<bool>("starts");
+    QTest::newRow("no folder yet") << "none" << true;
+    QTest::newRow("another user's folder") << "owner" << false;
+    QTest::newRow("a folder open to others") << "mode" << false;
+    QTest::newRow("a symbolic link to a folder") << "link" << false;
+}
+
+void TstServerBoundary::socketFolderMustBePrivate()
+{
+    QFETCH(QString, setup);
+    QFETCH(bool, starts);
+    QTemporaryDir tmp;
+    const QString folder = tmp.path() + QStringLiteral("/qorcalib-%1").arg(::getuid());
+    const QByteArray native = QFile::encodeName(folder);
+    if (setup == "owner") {
+        if (::getuid() != 0)
+            QSKIP("making a folder of another user needs root");
+        QVERIFY(::mkdir(native.constData(), 0700) == 0);
+        QVERIFY(::chown(native.constData(), 65534, 65534) == 0);
+    } else if (setup == "mode") {
+        QVERIFY(::mkdir(native.constData(), 0700) == 0);
+        QVERIFY(::chmod(native.constData(), 0777) == 0);
+    } else if (setup == "link") {
+        QVERIFY(QDir().mkpath(tmp.path() + "/elsewhere"));
+        QVERIFY(QFile::link(tmp.path() + "/elsewhere", folder));
+    }
+    QProcess server;
+    server.setProcessChannelMode(QProcess::MergedChannels);
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("TMPDIR"), tmp.path());
+    env.remove(QStringLiteral("XDG_RUNTIME_DIR"));
+    server.setProcessEnvironment(env);
+    server.start(QStringLiteral(QORCALIB_SERVER_PATH), {QStringLiteral("--idle-exit"), "1"});
+    QVERIFY(server.waitForFinished(10000));
+    const QString output = QString::fromLocal8Bit(server.readAll());
+    if (starts) {
+        QCOMPARE(server.exitCode(), 0);
+        QVERIFY2(output.contains(folder + "/qorcalib"), qPrintable(output));
+        QCOMPARE(QFile::permissions(folder) & 0x0077, QFileDevice::Permissions());
+    } else {
+        QCOMPARE(server.exitCode(), 1);
+        QVERIFY2(output.contains(folder) && output.contains("not safe"), qPrintable(output));
+    }
+}
+
+void TstServerBoundary::headlessServerServes()
+{
+    // As a service: a QCoreApplication, which nothing may take for a QApplication.
+    m_server->setHeadless();
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    CALL_OK(a, bus()->StartController(0));
+    a.reset();
+    QVERIFY2(m_server->stop(), qPrintable(m_server->output()));
+}
+
+QTEST_GUILESS_MAIN(TstServerBoundary)
+#include "tst_serverboundary.moc"
