@@ -6,6 +6,8 @@
 #include <QtEndian>
 
 #include <cstring>
+#include <limits>
+#include <utility>
 
 namespace qorcalib {
 
@@ -69,10 +71,14 @@ QHash<QString, Section> readIni(const QByteArray& text)
     return sections;
 }
 
-std::optional<qint64> parseInteger(QString text, quint8 nodeId)
+// Wide enough for every value an EDS can write for a 64-bit entry, signed or not, with the
+// node-ID added: no arithmetic on what a file says can overflow.
+using Wide = __int128;
+
+std::optional<Wide> parseInteger(QString text, quint8 nodeId)
 {
     text = text.trimmed();
-    qint64 base = 0;
+    Wide base = 0;
     if (text.startsWith(QLatin1String("$NODEID"), Qt::CaseInsensitive)) {
         base = nodeId;
         text = text.mid(7).trimmed();
@@ -87,15 +93,33 @@ std::optional<qint64> parseInteger(QString text, quint8 nodeId)
         negative = true;
         text = text.mid(1);
     }
+    if (text.startsWith(QLatin1Char('+')) || text.startsWith(QLatin1Char('-')))
+        return std::nullopt;
     bool ok = false;
-    qint64 value = 0;
-    if (text.startsWith(QLatin1String("0x"), Qt::CaseInsensitive))
-        value = qint64(text.mid(2).toULongLong(&ok, 16));
-    else
-        value = text.toLongLong(&ok, 10);
+    const quint64 magnitude = text.startsWith(QLatin1String("0x"), Qt::CaseInsensitive)
+                                  ? text.mid(2).toULongLong(&ok, 16)
+                                  : text.toULongLong(&ok, 10);
     if (!ok)
         return std::nullopt;
-    return base + (negative ? -value : value);
+    return base + (negative ? -Wide(magnitude) : Wide(magnitude));
+}
+
+// The value as the entry stores it (the bits of a 64-bit unsigned value in a qint64), when it
+// lies within what the data type holds; a type without an integer size takes any qint64.
+std::optional<qint64> fitInteger(Wide value, quint16 dataType)
+{
+    const int size = odTypeSize(dataType);
+    const auto type = OdType(dataType);
+    Wide min = std::numeric_limits<qint64>::min();
+    Wide max = std::numeric_limits<qint64>::max();
+    if (size > 0 && type != OdType::Real32) {
+        const int bits = size * 8;
+        min = odTypeIsSigned(dataType) ? -(Wide(1) << (bits - 1)) : Wide(0);
+        max = odTypeIsSigned(dataType) ? (Wide(1) << (bits - 1)) - 1 : (Wide(1) << bits) - 1;
+    }
+    if (value < min || value > max)
+        return std::nullopt;
+    return qint64(quint64(value));
 }
 
 std::optional<OdAccess> parseAccess(const QString& text)
@@ -136,17 +160,10 @@ std::optional<QByteArray> ObjectDictionary::encodeValue(const QString& text, qui
         qToLittleEndian(bits, out.data());
         return out;
     }
-    const auto value = text.trimmed().isEmpty() ? std::optional<qint64>(0)
-                                                : parseInteger(text, nodeId);
+    const auto wide = text.trimmed().isEmpty() ? std::optional<Wide>(0) : parseInteger(text, nodeId);
+    const auto value = wide ? fitInteger(*wide, dataType) : std::nullopt;
     if (!value)
         return std::nullopt;
-    if (size < 8) {
-        const qint64 min = odTypeIsSigned(dataType) ? -(qint64(1) << (size * 8 - 1)) : 0;
-        const qint64 max = odTypeIsSigned(dataType) ? (qint64(1) << (size * 8 - 1)) - 1
-                                                    : (qint64(1) << (size * 8)) - 1;
-        if (*value < min || *value > max)
-            return std::nullopt;
-    }
     QByteArray out(8, '\0');
     qToLittleEndian(quint64(*value), out.data());
     out.truncate(size);
@@ -165,6 +182,15 @@ std::optional<ObjectDictionary> ObjectDictionary::fromEds(const QString& path, q
     const auto warn = [warnings](const QString& text) {
         if (warnings)
             warnings->append(text);
+    };
+    // A value that does not fit its entry stops the loading: the drive would otherwise
+    // answer with something its data sheet never said.
+    QString refusal;
+    const auto refuse = [&](const QString& section, const QString& key, const QString& value) {
+        if (refusal.isEmpty())
+            refusal = QStringLiteral("the EDS %1: [%2] %3=%4 is not a value of the entry's "
+                                     "data type")
+                          .arg(path, section, key, value.left(40));
     };
 
     ObjectDictionary od;
@@ -188,18 +214,29 @@ std::optional<ObjectDictionary> ObjectDictionary::fromEds(const QString& path, q
             return;
         }
         e.access = *access;
-        const auto value =
-            encodeValue(s.value(QStringLiteral("defaultvalue")), e.dataType, nodeId);
-        if (!value) {
-            warn(QStringLiteral("[%1]: DefaultValue does not fit its type").arg(sectionName));
+        if (odTypeSize(e.dataType) == 0 && OdType(e.dataType) != OdType::VisibleString &&
+            OdType(e.dataType) != OdType::OctetString && OdType(e.dataType) != OdType::Domain) {
+            warn(QStringLiteral("[%1]: data type 0x%2 is not simulated")
+                     .arg(sectionName)
+                     .arg(e.dataType, 4, 16, QLatin1Char('0')));
             return;
         }
+        const QString defaultText = s.value(QStringLiteral("defaultvalue"));
+        const auto value = encodeValue(defaultText, e.dataType, nodeId);
+        if (!value)
+            return refuse(sectionName, QStringLiteral("DefaultValue"), defaultText);
         e.defaultValue = *value;
         e.value = *value;
-        if (s.contains(QStringLiteral("lowlimit")))
-            e.lowLimit = parseInteger(s.value(QStringLiteral("lowlimit")), nodeId);
-        if (s.contains(QStringLiteral("highlimit")))
-            e.highLimit = parseInteger(s.value(QStringLiteral("highlimit")), nodeId);
+        for (const auto& [key, limit] : {std::pair{QStringLiteral("LowLimit"), &e.lowLimit},
+                                         std::pair{QStringLiteral("HighLimit"), &e.highLimit}}) {
+            if (!s.contains(key.toLower()))
+                continue;
+            const QString text = s.value(key.toLower());
+            const auto wide = parseInteger(text, nodeId);
+            *limit = wide ? fitInteger(*wide, e.dataType) : std::nullopt;
+            if (!*limit)
+                return refuse(sectionName, key, text);
+        }
         od.insert(e);
     };
 
@@ -216,6 +253,10 @@ std::optional<ObjectDictionary> ObjectDictionary::fromEds(const QString& path, q
             addEntry(name, it.value(), quint16(m.captured(1).toUShort(nullptr, 16)),
                      quint8(m.captured(2).toUShort(nullptr, 16)));
         }
+    }
+    if (!refusal.isEmpty()) {
+        *error = refusal;
+        return std::nullopt;
     }
     if (od.size() == 0) {
         *error = QStringLiteral("the EDS %1 has no object that can be read").arg(path);

@@ -4,6 +4,8 @@
 
 #include <QFile>
 
+#include <algorithm>
+
 namespace tessel {
 
 IniFile::IniFile(const QString& path)
@@ -40,6 +42,12 @@ QString IniFile::value(const QString& section, const QString& key, const QString
     return (k == s->cend() ? fallback : *k).left(kMaxValue);
 }
 
+int IniFile::keyCount(const QString& section) const
+{
+    const auto s = m_sections.constFind(section.toLower());
+    return s == m_sections.cend() ? 0 : int(s->size());
+}
+
 qint32 edsNumber(const QString& text)
 {
     const QString t = text.trimmed();
@@ -56,9 +64,15 @@ QList<EdsEntry> readEds(const QString& path)
     QList<EdsEntry> entries;
     for (const char* list : {"MandatoryObjects", "OptionalObjects", "ManufacturerObjects"}) {
         const QString listName = QLatin1String(list);
-        const int count = roundToInt32(
-            lenientValue(ini.value(listName, QStringLiteral("SupportedObjects"), QStringLiteral("0"))));
-        for (int n = 1; n <= count; ++n) {
+        constexpr int kMaxObjects = 0xFFFF;
+        const int count = std::min(kMaxObjects, roundToInt32(lenientValue(ini.value(
+                                                    listName, QStringLiteral("SupportedObjects"),
+                                                    QStringLiteral("0")))));
+        // Every key but SupportedObjects may name an object; once all have been found, the
+        // rest of the count finds nothing.
+        const int listed = ini.keyCount(listName) - 1;
+        int found = 0;
+        for (int n = 1; n <= count && found < listed; ++n) {
             QString key = QString::number(n);
             QString value = ini.value(listName, key);
             for (int pad = 0; value.isEmpty() && pad < 2; ++pad) {
@@ -67,6 +81,7 @@ QList<EdsEntry> readEds(const QString& path)
             }
             if (value.isEmpty())
                 continue;
+            ++found;
             const qint32 index = edsNumber(value);
             const QString section =
                 QString::number(quint32(index) & 0xFFFF, 16).toUpper().rightJustified(4, QLatin1Char('0'));

@@ -17,6 +17,7 @@ public:
     // A file that cannot be read gives an empty file: every lookup returns its default.
     explicit IniFile(const QString& path);
     QString value(const QString& section, const QString& key, const QString& fallback = {}) const;
+    int keyCount(const QString& section) const;
 
 private:
     QHash<QString, QHash<QString, QString>> m_sections; // lower-case names
@@ -34,7 +35,8 @@ struct EdsEntry
 };
 
 // The entries of an EDS: the objects of the sections MandatoryObjects, OptionalObjects and
-// ManufacturerObjects in that order; an object with sub-entries gives one entry for each of
+// ManufacturerObjects in that order (each list's SupportedObjects counts at most 0xFFFF, as
+// many as an index can address, and the scan ends once every key of the list is found); an object with sub-entries gives one entry for each of
 // its sub-indexes 1..SubNumber (sub-index 0 is not listed), else one entry with sub-index 0.
 QList<EdsEntry> readEds(const QString& path);
 

@@ -6,6 +6,7 @@
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
+#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -22,6 +23,9 @@ private slots:
     void unreadableFiles_data();
     void unreadableFiles();
     void tenThousandObjects();
+    void countsBeyondTheKeys_data();
+    void countsBeyondTheKeys();
+    void mutatedDriveEds();
     void driveEds();
     void browserPutsTheAddress_data();
     void browserPutsTheAddress();
@@ -141,6 +145,57 @@ void TstEdsReader::tenThousandObjects()
     QCOMPARE(e.size(), 10000);
     QCOMPARE(e.last().name, QString("P10000"));
     QCOMPARE(e.last().index, 0x2000 + 10000);
+}
+
+void TstEdsReader::countsBeyondTheKeys_data()
+{
+    QTest::addColumn<QByteArray>("count");
+    QTest::addColumn<QByteArray>("keys");
+    QTest::addColumn<QList<int>>("indexes");
+    const QByteArray two = "1=0x2001\n2=0x2002\n";
+    QTest::newRow("2^31 - 1 with two objects") << QByteArray("2147483647") << two << QList<int>{0x2001, 0x2002};
+    QTest::newRow("2^31 - 1 and no object") << QByteArray("2147483647") << QByteArray() << QList<int>{};
+    QTest::newRow("ten million") << QByteArray("10000000") << two << QList<int>{0x2001, 0x2002};
+    QTest::newRow("sparse keys up to the last index")
+        << QByteArray("2147483647") << QByteArray("1=0x2001\n65535=0x2002\n")
+        << QList<int>{0x2001, 0x2002};
+    QTest::newRow("a key past what an index can address")
+        << QByteArray("2147483647") << QByteArray("1=0x2001\n65536=0x2002\n") << QList<int>{0x2001};
+    QTest::newRow("count below the keys") << QByteArray("1") << two << QList<int>{0x2001};
+}
+
+void TstEdsReader::countsBeyondTheKeys()
+{
+    QFETCH(QByteArray, count);
+    QFETCH(QByteArray, keys);
+    QFETCH(QList<int>, indexes);
+    const QString path = write("[ManufacturerObjects]\nSupportedObjects=" + count + "\n" + keys +
+                               "[2001]\nParameterName=A\n[2002]\nParameterName=B\n");
+    QList<int> found;
+    for (const EdsEntry& e : readEds(path))
+        found << e.index;
+    QCOMPARE(found, indexes);
+}
+
+void TstEdsReader::mutatedDriveEds()
+{
+    // Whatever a damaged data sheet holds, the browser gets a list (under the sanitizers: without
+    // an overflow), and soon.
+    QFile eds(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
+    QVERIFY(eds.open(QIODevice::ReadOnly));
+    const QList<QByteArray> lines = eds.readAll().split('\n');
+    const QByteArrayList pieces{"2147483647", "-2147483648", "0x", "1e9", "[", "]", "=", "sub",
+                                "SupportedObjects=99999999", "SubNumber=0xFFFFFFFF", "\0"};
+    QRandomGenerator random(QRandomGenerator::global()->generate());
+    for (int round = 0; round < 100; ++round) {
+        QList<QByteArray> mutated = lines;
+        for (int e = 0; e < 20; ++e) {
+            QByteArray& line = mutated[random.bounded(int(mutated.size()))];
+            line.insert(random.bounded(int(line.size()) + 1), pieces[random.bounded(int(pieces.size()))]);
+        }
+        const QList<EdsEntry> entries = readEds(write(mutated.join('\n')));
+        QVERIFY(entries.size() < 3 * 0xFFFF * 256);
+    }
 }
 
 void TstEdsReader::driveEds()

@@ -1,5 +1,6 @@
 #include "objectdictionary.h"
 
+#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QtEndian>
@@ -26,6 +27,9 @@ private slots:
     void encodeValue_data();
     void encodeValue();
     void badObjectsAreLeftOutWithWarnings();
+    void valuesMustFitTheirType_data();
+    void valuesMustFitTheirType();
+    void mutatedFilesLoadOrAreRefused();
     void unreadableFiles_data();
     void unreadableFiles();
     void restoreDefaultsByRange();
@@ -91,8 +95,8 @@ void TstObjectDictionary::badObjectsAreLeftOutWithWarnings()
     QTemporaryDir dir;
     const QString path = writeFile(dir, "[1000]\r\nParameterName=Device Type\r\nObjectType=0x7\r\n"
                                         "DataType=0x0007\r\nAccessType=ro\r\nDefaultValue=0x192\r\n"
-                                        "[2000]\r\nObjectType=0x7\r\nDataType=0x0005\r\n"
-                                        "AccessType=rw\r\nDefaultValue=300\r\n"
+                                        "[2000]\r\nObjectType=0x7\r\nDataType=0x0009\r\n"
+                                        "AccessType=weird\r\nDefaultValue=300\r\n"
                                         "[2001]\r\nObjectType=0x7\r\nDataType=0x0005\r\n"
                                         "AccessType=sometimes\r\n"
                                         "[2002\r\nDataType=0x0005\r\n");
@@ -105,6 +109,80 @@ void TstObjectDictionary::badObjectsAreLeftOutWithWarnings()
     QCOMPARE(warnings.size(), 2);
     QVERIFY(warnings.join(' ').contains("[2000]"));
     QVERIFY(warnings.join(' ').contains("[2001]"));
+}
+
+void TstObjectDictionary::valuesMustFitTheirType_data()
+{
+    QTest::addColumn<QString>("type");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<bool>("fits");
+    QTest::newRow("300 in 8 bits") << "0x0005" << "DefaultValue" << "300" << false;
+    QTest::newRow("lowest 64-bit signed") << "0x0015" << "DefaultValue" << "-0x8000000000000000" << true;
+    QTest::newRow("below the lowest 64-bit signed")
+        << "0x0015" << "DefaultValue" << "-0x8000000000000001" << false;
+    QTest::newRow("highest 64-bit unsigned") << "0x001B" << "DefaultValue" << "0xFFFFFFFFFFFFFFFF" << true;
+    QTest::newRow("negative unsigned limit") << "0x001B" << "LowLimit" << "-0x8000000000000000" << false;
+    QTest::newRow("node-ID past the highest 64-bit signed")
+        << "0x0015" << "HighLimit" << "$NODEID+0x7FFFFFFFFFFFFFFF" << false;
+    QTest::newRow("node-ID up to the highest 64-bit signed")
+        << "0x0015" << "HighLimit" << "$NODEID+0x7FFFFFFFFFFFFFFE" << true;
+    QTest::newRow("16-bit limit of 65536") << "0x0006" << "HighLimit" << "65536" << false;
+    QTest::newRow("sign twice") << "0x0004" << "LowLimit" << "--5" << false;
+    QTest::newRow("more digits than 64 bits") << "0x001B" << "DefaultValue" << "0x1FFFFFFFFFFFFFFFF" << false;
+}
+
+void TstObjectDictionary::valuesMustFitTheirType()
+{
+    QFETCH(QString, type);
+    QFETCH(QString, key);
+    QFETCH(QString, value);
+    QFETCH(bool, fits);
+    QTemporaryDir dir;
+    QString text = "[1000]\nObjectType=0x7\nDataType=0x0007\nAccessType=ro\nDefaultValue=1\n"
+                   "[2100]\nObjectType=0x7\nAccessType=rw\nDataType=" + type + "\n";
+    if (key != "DefaultValue")
+        text += "DefaultValue=0\n";
+    text += key + "=" + value + "\n";
+    const QString path = writeFile(dir, text.toLatin1());
+    QString error;
+    const auto od = ObjectDictionary::fromEds(path, 1, &error);
+    QCOMPARE(bool(od), fits);
+    if (!fits)
+        QVERIFY2(error.contains(path) && error.contains("[2100]") && error.contains(key), qPrintable(error));
+}
+
+void TstObjectDictionary::mutatedFilesLoadOrAreRefused()
+{
+    // The drive's own data sheet, mutated line by line: loaded or refused, never a crash or an
+    // overflow (the sanitizer round watches).
+    QFile eds(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
+    QVERIFY(eds.open(QIODevice::ReadOnly));
+    const QList<QByteArray> lines = eds.readAll().split('\n');
+    const QByteArrayList pieces{"0x8000000000000000", "-0x8000000000000000", "$NODEID+",
+                                "0xFFFFFFFFFFFFFFFFF", "-", "=", "[", "]", "sub", "0x", "99999999999999999999"};
+    QTemporaryDir dir;
+    QRandomGenerator random(QRandomGenerator::global()->generate());
+    int loaded = 0;
+    for (int round = 0; round < 150; ++round) {
+        QList<QByteArray> mutated = lines;
+        for (int e = 0; e < 20; ++e) {
+            QByteArray& line = mutated[random.bounded(int(mutated.size()))];
+            const int eq = int(line.indexOf('='));
+            const QByteArray piece = pieces[random.bounded(int(pieces.size()))];
+            if (eq > 0 && random.bounded(2))
+                line = line.left(eq + 1) + piece + line.mid(eq + 1 + random.bounded(4));
+            else
+                line.insert(random.bounded(int(line.size()) + 1), piece);
+        }
+        QString error;
+        const QString path = writeFile(dir, mutated.join('\n'));
+        if (ObjectDictionary::fromEds(path, quint8(random.bounded(128)), &error))
+            ++loaded;
+        else
+            QVERIFY2(!error.isEmpty(), "refused without a reason");
+    }
+    QVERIFY(loaded < 150);
 }
 
 void TstObjectDictionary::unreadableFiles_data()
