@@ -127,8 +127,12 @@ bool ServerConnection::open(const ServerAddress& address, int timeoutMs, QString
         !acquire(m_test, "QCSTestConnector", remaining, error) ||
         !acquire(m_board, "QCSBenchBoard", remaining, error) ||
         !acquire(m_io, "QCSBenchIo", remaining, error) ||
-        !acquire(m_window, "QCSServerWindow", remaining, error))
+        !acquire(m_window, "QCSServerWindow", remaining, error)) {
+        // A server on TCP hangs up at once on a wrong answer to its challenge.
+        if (!greeting.nonce.isEmpty() && m_lost)
+            return fail(QStringLiteral("the server did not accept this client's secret"));
         return fail(*error);
+    }
     return true;
 }
 

@@ -393,6 +393,14 @@ void TstFrmMain::overTcpCaption()
     QString output;
     QTRY_VERIFY((output += tcpServer.output()).contains("TCP port"));
     const QString port = QRegularExpression("TCP port (\\d+)").match(output).captured(1);
+    // Without the server's secret in its settings, Tessel is not let in.
+    Tessel stranger(QStringLiteral("/nonexistent/socket"));
+    QVERIFY(!stranger.load("127.0.0.1:" + port));
+    QVERIFY2(stranger.loadError.contains("secret"), qPrintable(stranger.loadError));
+    QFile secretFile(tcpServer.secretPath());
+    QVERIFY(secretFile.open(QIODevice::ReadOnly));
+    QSettings(QSettings::IniFormat, QSettings::UserScope, "Qor", "Qor.Tessel")
+        .setValue("server/secret", secretFile.readAll().trimmed());
     Tessel t(QStringLiteral("/nonexistent/socket"));
     QVERIFY(t.load("127.0.0.1:" + port));
     QCOMPARE(t.window.windowTitle(), "Tessel - 127.0.0.1:" + port);

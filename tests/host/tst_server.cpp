@@ -1,3 +1,4 @@
+#include "handshake.h"
 #include "serverprocess.h"
 
 #include <QFile>
@@ -688,6 +689,7 @@ void TstServer::clientOverTcp()
     const auto port = QRegularExpression("TCP port (\\d+)").match(output);
     QVERIFY(port.hasMatch());
     ServerConnection remote;
+    remote.setSecret(handshake::loadSecret(m_server->secretPath()));
     QString error;
     QVERIFY2(remote.open(ServerAddress::fromMachineName("127.0.0.1:" + port.captured(1), {}), 5000,
                          &error),
