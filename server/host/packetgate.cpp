@@ -8,6 +8,8 @@ namespace {
 // Read from the connection in pieces of this size at most, so that what waits for a whole
 // packet stays within the packet limit plus one piece.
 constexpr qint64 kReadPiece = 256 * 1024;
+// Packets handed to the node in one turn of the event loop.
+constexpr int kPacketsPerTurn = 32;
 
 // Size and type of the packet at the start of `buffer`, or -1 while the size is incomplete.
 qint64 declaredSize(const QByteArray& buffer)
@@ -57,39 +59,59 @@ qint64 PacketGate::readData(char* data, qint64 maxSize)
 
 void PacketGate::pull()
 {
+    m_pullQueued = false;
     if (m_refused || !m_connection)
         return;
-    qsizetype start = 0;
-    while (!m_refused && m_connection->bytesAvailable() > 0) {
-        m_in.append(m_connection->read(kReadPiece));
-        while (true) {
-            const QByteArray rest = QByteArray::fromRawData(m_in.constData() + start,
-                                                            m_in.size() - start);
-            const qint64 size = declaredSize(rest);
-            if (size < 0)
-                break;
-            if (size < 2 || size > m_limits.maxPacket) {
-                refuse(QStringLiteral("it sent a packet of %1 bytes (at most %2)")
-                           .arg(size)
-                           .arg(m_limits.maxPacket));
-                return;
-            }
-            if (rest.size() < packet::kHeaderSize + size)
-                break;
-            const QByteArray body = rest.mid(packet::kHeaderSize, size);
-            const QString error = m_rules.checkIncoming(body);
-            if (!error.isEmpty()) {
-                refuse(error);
-                return;
-            }
-            m_accepted.append(rest.constData(), packet::kHeaderSize + size);
-            start += packet::kHeaderSize + size;
+    int packets = 0;
+    while (packets < kPacketsPerTurn) {
+        const qsizetype taken = takePacket();
+        if (taken < 0)
+            return; // refused
+        if (taken > 0) {
+            ++packets;
+            continue;
         }
-        m_in.remove(0, start);
-        start = 0;
+        // Read on only when no whole packet is left: what the client sends beyond that waits
+        // in the kernel, which slows the client down instead of filling the server.
+        if (m_connection->bytesAvailable() <= 0)
+            break;
+        m_in.remove(0, m_inStart);
+        m_inStart = 0;
+        m_in.append(m_connection->read(kReadPiece));
     }
     if (!m_accepted.isEmpty())
         emit readyRead();
+    // A client that sends a burst is served in turns, so that the others and the bus's own
+    // timers get the event loop in between.
+    if (packets == kPacketsPerTurn && !m_pullQueued && !m_refused) {
+        m_pullQueued = true;
+        QMetaObject::invokeMethod(this, &PacketGate::pull, Qt::QueuedConnection);
+    }
+}
+
+qsizetype PacketGate::takePacket()
+{
+    const QByteArray rest =
+        QByteArray::fromRawData(m_in.constData() + m_inStart, m_in.size() - m_inStart);
+    const qint64 size = declaredSize(rest);
+    if (size < 0)
+        return 0;
+    if (size < 2 || size > m_limits.maxPacket) {
+        refuse(QStringLiteral("it sent a packet of %1 bytes (at most %2)")
+                   .arg(size)
+                   .arg(m_limits.maxPacket));
+        return -1;
+    }
+    if (rest.size() < packet::kHeaderSize + size)
+        return 0;
+    const QString error = m_rules.checkIncoming(rest.mid(packet::kHeaderSize, size));
+    if (!error.isEmpty()) {
+        refuse(error);
+        return -1;
+    }
+    m_accepted.append(rest.constData(), packet::kHeaderSize + size);
+    m_inStart += packet::kHeaderSize + size;
+    return packet::kHeaderSize + size;
 }
 
 qint64 PacketGate::writeData(const char* data, qint64 size)
@@ -135,6 +157,7 @@ void PacketGate::refuse(const QString& reason)
     m_refused = true;
     m_stall.stop();
     m_in.clear();
+    m_inStart = 0;
     m_out.clear();
     // Told from the event loop: the node may be in the middle of writing to us.
     QMetaObject::invokeMethod(this, [this, reason] { emit refused(reason); }, Qt::QueuedConnection);

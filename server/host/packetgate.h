@@ -46,17 +46,22 @@ protected:
 
 private:
     void pull();
+    // Moves the next whole packet from m_in to m_accepted when the rules let it pass: its
+    // size, 0 when m_in holds no whole packet, -1 when refused.
+    qsizetype takePacket();
     void checkBacklog();
     void refuse(const QString& reason);
 
     QPointer<QIODevice> m_connection;
     PacketRules m_rules;
     Limits m_limits;
-    QByteArray m_in;       // from the client, not yet a whole packet
+    QByteArray m_in;       // from the client, from m_inStart on not yet passed on
+    qsizetype m_inStart = 0;
     QByteArray m_accepted; // whole packets for the node
     QByteArray m_out;      // from the node, not yet a whole packet
     QTimer m_stall;
     bool m_refused = false;
+    bool m_pullQueued = false;
 };
 
 } // namespace qorcalib
