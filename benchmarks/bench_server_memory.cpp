@@ -9,6 +9,7 @@
 
 #include "handshake.h"
 #include "serverconnection.h"
+#include "serverprocess.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -25,26 +26,10 @@
 #include <vector>
 
 using namespace qorcalib;
+using qorcalib::test::residentKib;
+using qorcalib::test::sessionCount;
 
 namespace {
-
-qint64 residentKib(qint64 pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').first().toLongLong();
-    return -1;
-}
-
-int sessions(ServerConnection& c)
-{
-    QString error;
-    const auto reply = c.wait(c.serverWindow()->Sessions(), &error, 30000);
-    return reply ? int(reply->value().size()) : -1;
-}
 
 void settle(int ms)
 {
@@ -66,7 +51,9 @@ int main(int argc, char** argv)
     server.start(QStringLiteral(QORCALIB_SERVER_PATH), {QStringLiteral("--socket"), socket});
     ServerConnection good;
     QString error;
-    for (int i = 0; i < 100 && !good.open(ServerAddress::fromMachineName("localhost", socket), 1000, &error); ++i)
+    for (int i = 0;
+         i < 100 && !good.open(ServerAddress::fromMachineName("localhost", socket), 1000, &error);
+         ++i)
         QThread::msleep(50);
     if (!good.isConnected()) {
         std::fprintf(stderr, "server not reachable: %s\n", qPrintable(error));
@@ -92,7 +79,7 @@ int main(int argc, char** argv)
             QCoreApplication::processEvents();
     }
     QDeadlineTimer deadline(120000);
-    while (sessions(good) < int(clients.size()) + 1 && !deadline.hasExpired())
+    while (sessionCount(&good) < int(clients.size()) + 1 && !deadline.hasExpired())
         settle(200);
     const double attachSeconds = double(timer.elapsed()) / 1000.0;
     settle(1000);
@@ -116,7 +103,7 @@ int main(int argc, char** argv)
     }
     settle(1000);
     const qint64 attacked = residentKib(pid);
-    const bool alive = sessions(good) > 0;
+    const bool alive = sessionCount(&good) > 0;
 
     std::printf("server resident memory\n");
     std::printf("  idle, one session:                     %8lld KiB\n", idle);

@@ -29,10 +29,14 @@ struct CanFrame
 constexpr int kRecordSize = 16;
 void appendRecord(QByteArray& records, const CanFrame& frame);
 CanFrame recordAt(const QByteArray& records, int index);
-inline int recordCount(const QByteArray& records) { return int(records.size() / kRecordSize); }
+inline int recordCount(const QByteArray& records)
+{
+    return int(records.size() / kRecordSize);
+}
 
 // Status bits of a controller as GetStatus reports them.
-enum ControllerStatus : quint32 {
+enum ControllerStatus : quint32
+{
     StatusTransmitPending = 1,
     StatusOverrun = 2,
     StatusErrorWarning = 4,

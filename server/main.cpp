@@ -44,7 +44,8 @@ void quitOnSignals()
 
 QString defaultEdsPath()
 {
-    const QString beside = QCoreApplication::applicationDirPath() + QStringLiteral("/data/drive.eds");
+    const QString beside =
+        QCoreApplication::applicationDirPath() + QStringLiteral("/data/drive.eds");
     if (QFileInfo::exists(beside))
         return beside;
     return QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
@@ -145,8 +146,7 @@ int main(int argc, char** argv)
         QStringLiteral("Transfer SDO data above 4 bytes segmented, never in blocks, even to "
                        "nodes that offer block transfer."));
     parser.addOptions({socketOption, listenOption, channelOption, benchOption, unpacedOption,
-                       edsOption, showOption, idleExitOption, segmentedOption,
-                       backlogOption});
+                       edsOption, showOption, idleExitOption, segmentedOption, backlogOption});
     parser.process(*app);
     if (!parser.positionalArguments().isEmpty())
         return fail(QStringLiteral("unexpected argument '%1' (see --help)")
@@ -156,7 +156,8 @@ int main(int argc, char** argv)
     if (parser.isSet(channelOption))
         config.channels = parser.values(channelOption);
     if (config.channels.size() > 4)
-        return fail(QStringLiteral("at most four controllers, %1 given").arg(config.channels.size()));
+        return fail(
+            QStringLiteral("at most four controllers, %1 given").arg(config.channels.size()));
     const auto bench = SimBench::parseIdentity(parser.value(benchOption));
     if (!bench)
         return fail(QStringLiteral("bench '%1' is not of the form KIND:TYPE (see --help)")
@@ -175,7 +176,8 @@ int main(int argc, char** argv)
         bool ok = false;
         const qint64 kib = parser.value(backlogOption).toLongLong(&ok);
         if (!ok || kib < 16 || kib > 1024 * 1024)
-            return fail(QStringLiteral("--client-backlog takes a number of KiB from 16 to 1048576"));
+            return fail(
+                QStringLiteral("--client-backlog takes a number of KiB from 16 to 1048576"));
         PacketGate::Limits limits = host.gateLimits();
         limits.backlog = kib * 1024;
         host.setGateLimits(limits);
@@ -232,10 +234,11 @@ int main(int argc, char** argv)
     for (int c = 0; c < core->controllerCount(); ++c)
         controllers << QStringLiteral("%1=%2@%3")
                            .arg(c)
-                           .arg(core->channel(c)->name(), bitRateText(core->channel(c)->bitRateIndex()));
+                           .arg(core->channel(c)->name(),
+                                bitRateText(core->channel(c)->bitRateIndex()));
     std::fprintf(stderr, "qorcalib-server: controllers %s%s; listening on %s%s\n",
-                 qPrintable(controllers.join(QLatin1Char(' '))),
-                 config.paced ? "" : " (unpaced)", qPrintable(host.localPath()),
+                 qPrintable(controllers.join(QLatin1Char(' '))), config.paced ? "" : " (unpaced)",
+                 qPrintable(host.localPath()),
                  host.tcpPort() ? qPrintable(QStringLiteral(" and TCP port %1 (clients need the "
                                                             "secret in %2)")
                                                  .arg(host.tcpPort())

@@ -12,9 +12,15 @@ namespace qorcalib {
 // other sessions can leave them out of their filtered stream.
 using FrameOrigin = quint64;
 constexpr FrameOrigin kServiceOrigin = FrameOrigin(1) << 62;
-inline FrameOrigin sessionOfOrigin(FrameOrigin origin) { return origin & ~kServiceOrigin; }
+inline FrameOrigin sessionOfOrigin(FrameOrigin origin)
+{
+    return origin & ~kServiceOrigin;
+}
 // A frame a client sent itself (Send, SendRemote), as opposed to a node's or a service's.
-inline bool isClientFrame(FrameOrigin origin) { return origin != 0 && !(origin & kServiceOrigin); }
+inline bool isClientFrame(FrameOrigin origin)
+{
+    return origin != 0 && !(origin & kServiceOrigin);
+}
 
 struct BusFrame
 {

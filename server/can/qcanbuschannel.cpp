@@ -21,7 +21,8 @@ std::unique_ptr<QCanBusChannel> QCanBusChannel::open(const QString& channelName,
 {
     const qsizetype colon = channelName.indexOf(QLatin1Char(':'));
     if (colon <= 0 || colon == channelName.size() - 1) {
-        *error = QStringLiteral("CAN channel '%1' is not of the form PLUGIN:INTERFACE").arg(channelName);
+        *error =
+            QStringLiteral("CAN channel '%1' is not of the form PLUGIN:INTERFACE").arg(channelName);
         return nullptr;
     }
     const QString plugin = channelName.left(colon);
@@ -201,7 +202,8 @@ void QCanBusChannel::readFrames()
     batch.reserve(frames.size());
     const quint32 now = quint32(quint64(serverTimeUs()));
     for (const QCanBusFrame& in : frames) {
-        if (!in.isValid() || in.frameType() == QCanBusFrame::ErrorFrame || in.hasExtendedFrameFormat())
+        if (!in.isValid() || in.frameType() == QCanBusFrame::ErrorFrame ||
+            in.hasExtendedFrameFormat())
             continue;
         BusFrame f;
         f.frame.id = quint16(in.frameId() & 0x7FF);

@@ -78,7 +78,9 @@ bool SimulatedChannel::transmit(const CanFrame& frame, FrameOrigin origin, QStri
     if ((paced && m_clientReadyUs - now > double(kControllerQueueUs)) ||
         !m_budget.admit(sessionOfOrigin(origin), us)) {
         if (error)
-            *error = QStringLiteral("%1 on controller %2").arg(QLatin1String(TransmitBudget::kFullText)).arg(m_index);
+            *error = QStringLiteral("%1 on controller %2")
+                         .arg(QLatin1String(TransmitBudget::kFullText))
+                         .arg(m_index);
         return false;
     }
     qint64 notBefore = 0;

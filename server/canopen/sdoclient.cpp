@@ -19,8 +19,7 @@ void SdoClient::sendRaw(const CanFrame& frame)
 
 void SdoClient::send(quint8 command, const QByteArray& payload)
 {
-    sendRaw(sdo::frame(quint16(sdo::kRequestBase + m_node), command, m_index, m_subIndex,
-                       payload));
+    sendRaw(sdo::frame(quint16(sdo::kRequestBase + m_node), command, m_index, m_subIndex, payload));
 }
 
 void SdoClient::finish(quint32 abortCode, const QString& error)
@@ -231,9 +230,9 @@ void SdoClient::onBlockDownloadInitiate(const CanFrame& f)
         return abort(quint32(SdoAbort::InvalidBlockSize));
     m_sender.start(&m_data, blockSize);
     m_state = State::BlockDownloadAck;
-    m_sender.sendSubBlock(quint16(sdo::kRequestBase + m_node), [this](const CanFrame& frame) { sendRaw(frame); });
+    m_sender.sendSubBlock(quint16(sdo::kRequestBase + m_node),
+                          [this](const CanFrame& frame) { sendRaw(frame); });
 }
-
 
 void SdoClient::onBlockDownloadAck(const CanFrame& f)
 {
@@ -243,7 +242,8 @@ void SdoClient::onBlockDownloadAck(const CanFrame& f)
         return abort(code);
     reportProgress(m_sender.bytesTaken(), m_data.size());
     if (!m_sender.allTaken()) {
-        m_sender.sendSubBlock(quint16(sdo::kRequestBase + m_node), [this](const CanFrame& frame) { sendRaw(frame); });
+        m_sender.sendSubBlock(quint16(sdo::kRequestBase + m_node),
+                              [this](const CanFrame& frame) { sendRaw(frame); });
         return;
     }
     m_state = State::BlockDownloadEnd;
@@ -285,7 +285,8 @@ void SdoClient::onUploadSegment(const CanFrame& f)
         return finish(0);
     }
     m_toggle = !m_toggle;
-    sendRaw(sdo::commandFrame(quint16(sdo::kRequestBase + m_node), quint8(0x60 | (m_toggle ? 0x10 : 0))));
+    sendRaw(sdo::commandFrame(quint16(sdo::kRequestBase + m_node),
+                              quint8(0x60 | (m_toggle ? 0x10 : 0))));
 }
 
 void SdoClient::onBlockUploadInitiate(const CanFrame& f)

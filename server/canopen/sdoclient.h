@@ -16,7 +16,8 @@ namespace qorcalib {
 class SdoClient
 {
 public:
-    enum class State {
+    enum class State
+    {
         Idle,
         DownloadInitiate,
         DownloadSegment,

@@ -160,7 +160,8 @@ void PacketGate::refuse(const QString& reason)
     m_inStart = 0;
     m_out.clear();
     // Told from the event loop: the node may be in the middle of writing to us.
-    QMetaObject::invokeMethod(this, [this, reason] { emit refused(reason); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this, reason] { emit refused(reason); }, Qt::QueuedConnection);
 }
 
 } // namespace qorcalib

@@ -55,7 +55,7 @@ private:
     QPointer<QIODevice> m_connection;
     PacketRules m_rules;
     Limits m_limits;
-    QByteArray m_in;       // from the client, from m_inStart on not yet passed on
+    QByteArray m_in; // from the client, from m_inStart on not yet passed on
     qsizetype m_inStart = 0;
     QByteArray m_accepted; // whole packets for the node
     QByteArray m_out;      // from the node, not yet a whole packet

@@ -69,7 +69,8 @@ QString checkValue(QDataStream& in, QMetaType expected, int depth)
         return {};
     }
     if (!isPlainValue(expected))
-        return QStringLiteral("argument type %1 is not accepted").arg(QLatin1String(expected.name()));
+        return QStringLiteral("argument type %1 is not accepted")
+            .arg(QLatin1String(expected.name()));
     QVariant value(expected);
     if (!expected.load(in, value.data()) || in.status() != QDataStream::Ok)
         return QStringLiteral("a %1 argument is cut short").arg(QLatin1String(expected.name()));

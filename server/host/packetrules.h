@@ -26,7 +26,8 @@ namespace qorcalib {
 // the terminating NUL, and the bytes); then the value. A record of the contract (CanMsg) is
 // its properties in order, each as a QVariant.
 namespace packet {
-enum Type : quint16 {
+enum Type : quint16
+{
     Handshake = 1,
     Init = 2,
     InitDynamic = 3,

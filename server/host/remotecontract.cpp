@@ -8,8 +8,7 @@ namespace qorcalib {
 
 namespace {
 
-template <template <class> class Api, class Source>
-void addClass(RemoteContract& contract)
+template <template <class> class Api, class Source> void addClass(RemoteContract& contract)
 {
     const Api<Source> api(nullptr);
     RemoteContract::Class c;

@@ -7,21 +7,22 @@
 namespace qorcalib {
 
 SdoRunner::SdoRunner(CanChannel* channel, QObject* parent)
-    : QObject(parent),
-      m_channel(channel),
-      m_client([this](const CanFrame& frame) {
+    : QObject(parent), m_channel(channel), m_client([this](const CanFrame& frame) {
           QString error;
           const quint64 session = m_current ? m_current->session : 0;
           if (!m_channel->transmit(frame, session | kServiceOrigin, &error) && m_current) {
               // The controller cannot send: the transfer ends here with the reason.
               SdoClient::Result result;
               result.error = error;
-              QMetaObject::invokeMethod(this, [this, result] {
-                  if (m_current && m_client.isBusy()) {
-                      m_client.cancel();
-                      complete(result);
-                  }
-              }, Qt::QueuedConnection);
+              QMetaObject::invokeMethod(
+                  this,
+                  [this, result] {
+                      if (m_current && m_client.isBusy()) {
+                          m_client.cancel();
+                          complete(result);
+                      }
+                  },
+                  Qt::QueuedConnection);
           }
       })
 {
@@ -132,11 +133,14 @@ void SdoRunner::complete(const SdoClient::Result& result)
     if (finished && finished->done)
         finished->done(result);
     // The owner tag outlives the transfer until the batch that ended it has been handed on.
-    QMetaObject::invokeMethod(this, [this] {
-        if (!m_current)
-            m_owner = 0;
-        startNext();
-    }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (!m_current)
+                m_owner = 0;
+            startNext();
+        },
+        Qt::QueuedConnection);
 }
 
 void SdoRunner::rearm()

@@ -49,7 +49,8 @@ bool ServerHost::listenLocal(const QString& path, QString* error)
     }
     // The socket's own mode is not enough on every system: the file must be ours alone.
     if (!QFile::setPermissions(m_local->fullServerName(), QFile::ReadOwner | QFile::WriteOwner)) {
-        *error = QStringLiteral("cannot make %1 private to this user").arg(m_local->fullServerName());
+        *error =
+            QStringLiteral("cannot make %1 private to this user").arg(m_local->fullServerName());
         m_local->close();
         return false;
     }
@@ -84,7 +85,8 @@ bool ServerHost::listenTcp(const QUrl& url, const QByteArray& secret, QString* e
     }
     auto* server = new QTcpServer(this);
     if (!server->listen(address, quint16(url.port()))) {
-        *error = QStringLiteral("cannot listen on %1: %2").arg(url.toString(), server->errorString());
+        *error =
+            QStringLiteral("cannot listen on %1: %2").arg(url.toString(), server->errorString());
         delete server;
         return false;
     }
@@ -133,9 +135,9 @@ void ServerHost::greet(QIODevice* connection, const QString& peer, bool challeng
     const quint64 id = m_nextSession++;
     Pending pending{id, peer, challenge ? handshake::newNonce() : QByteArray()};
     m_pending[connection] = pending;
-    connection->write(
-        handshake::greetingLine("session-" + QByteArray::number(id), pending.nonce));
-    connect(connection, &QIODevice::readyRead, this, [this, connection] { readAttach(connection); });
+    connection->write(handshake::greetingLine("session-" + QByteArray::number(id), pending.nonce));
+    connect(connection, &QIODevice::readyRead, this,
+            [this, connection] { readAttach(connection); });
     QTimer::singleShot(kGreetingTimeoutMs, connection, [this, connection] {
         if (m_pending.count(connection))
             dropConnection(connection);
@@ -187,9 +189,8 @@ void ServerHost::attach(QIODevice* connection, const Pending& pending)
     Client& client = m_clients[connection];
     client.gate = new PacketGate(connection, PacketRules(RemoteContract::server(), sessionName),
                                  m_limits, connection);
-    connect(client.gate, &PacketGate::refused, this, [this, connection](const QString& reason) {
-        dropConnection(connection, reason);
-    });
+    connect(client.gate, &PacketGate::refused, this,
+            [this, connection](const QString& reason) { dropConnection(connection, reason); });
     client.node = new QRemoteObjectHost;
     const QObjectList before = client.node->children();
     client.node->addHostSideConnection(client.gate);

@@ -2,8 +2,8 @@
 
 #include "rep_qorcalib_source.h"
 #include "sdorunner.h"
-#include "serverhost.h"
 #include "servercore.h"
+#include "serverhost.h"
 
 #include <QIODevice>
 #include <QRemoteObjectHost>
@@ -104,7 +104,8 @@ public:
         else if (flag == 32767)
             m_s->receiveAll = false;
         else
-            return Reply(QStringLiteral("receive-all flag %1 not understood (-1 or 32767)").arg(flag));
+            return Reply(
+                QStringLiteral("receive-all flag %1 not understood (-1 or 32767)").arg(flag));
         return Reply();
     }
     Reply Send(int controller, CanMsg msg, int) override { return send(controller, msg, false); }
@@ -114,9 +115,8 @@ public:
         const QString error = m_s->core()->checkController(controller);
         if (!error.isEmpty())
             return IntReply(0, error);
-        return IntReply(int(m_s->core()->channel(controller)->status() |
-                            m_s->takeOverrun(controller)),
-                        {});
+        return IntReply(
+            int(m_s->core()->channel(controller)->status() | m_s->takeOverrun(controller)), {});
     }
     IntReply GetBitRate(int controller) override
     {
@@ -184,7 +184,10 @@ public:
         return Reply();
     }
     IntReply GetSdoTimeOut() override { return IntReply(m_s->sdoTimeoutMs, {}); }
-    Reply SetSdoTimeout(int milliseconds) override { return Reply(setSdoTimeout(m_s, milliseconds)); }
+    Reply SetSdoTimeout(int milliseconds) override
+    {
+        return Reply(setSdoTimeout(m_s, milliseconds));
+    }
     RequestReply SdoDownload(int channel, int node, int index, int subIndex,
                              QByteArray data) override
     {
@@ -206,7 +209,10 @@ class TestConnector : public QCSTestConnectorSource
 {
 public:
     explicit TestConnector(Session* s) : m_s(s) {}
-    ObjectReply GetBenchBoard() override { return ObjectReply(m_s->objectName("QCSBenchBoard"), {}); }
+    ObjectReply GetBenchBoard() override
+    {
+        return ObjectReply(m_s->objectName("QCSBenchBoard"), {});
+    }
     ObjectReply GetBenchIo() override { return ObjectReply(m_s->objectName("QCSBenchIo"), {}); }
     ObjectReply GetServerWindow() override
     {
@@ -241,8 +247,8 @@ public:
     BenchInfoReply GetBenchInfo() override
     {
         const SimBench* bench = m_s->core()->bench();
-        return BenchInfoReply(bench->identity().kind, bench->identity().type,
-                              bench->boardVersion(), {});
+        return BenchInfoReply(bench->identity().kind, bench->identity().type, bench->boardVersion(),
+                              {});
     }
     RequestReply LoadSerialImage(QByteArray) override { return RequestReply(0, kNotSupported); }
     IntReply GetTestState() override { return IntReply(m_s->core()->bench()->testState(), {}); }
@@ -304,7 +310,10 @@ public:
         emit m_s->core()->showWindowRequested();
         return Reply();
     }
-    TextListReply Sessions() override { return TextListReply(m_s->host()->sessionDescriptions(), {}); }
+    TextListReply Sessions() override
+    {
+        return TextListReply(m_s->host()->sessionDescriptions(), {});
+    }
 
 private:
     Session* m_s;
@@ -329,22 +338,21 @@ struct Session::Objects
 
     QList<QPair<QObject*, const char*>> all()
     {
-        return {{&connector, "QCSCanConnector"}, {&bus, "QCSBus"},
-                {&notify, "QCSNotify"},          {&service, "QCSService"},
-                {&test, "QCSTestConnector"},     {&board, "QCSBenchBoard"},
-                {&io, "QCSBenchIo"},             {&window, "QCSServerWindow"}};
+        return {{&connector, "QCSCanConnector"},
+                {&bus, "QCSBus"},
+                {&notify, "QCSNotify"},
+                {&service, "QCSService"},
+                {&test, "QCSTestConnector"},
+                {&board, "QCSBenchBoard"},
+                {&io, "QCSBenchIo"},
+                {&window, "QCSServerWindow"}};
     }
 };
 
 Session::Session(ServerCore* core, ServerHost* host, quint64 id, QString peer,
                  QIODevice* connection)
-    : m_core(core),
-      m_host(host),
-      m_id(id),
-      m_peer(std::move(peer)),
-      m_connection(connection),
-      m_overrun(core->controllerCount(), false),
-      m_objects(std::make_unique<Objects>(this))
+    : m_core(core), m_host(host), m_id(id), m_peer(std::move(peer)), m_connection(connection),
+      m_overrun(core->controllerCount(), false), m_objects(std::make_unique<Objects>(this))
 {
     for (int c = 0; c < core->controllerCount(); ++c)
         connect(core->channel(c), &CanChannel::framesReceived, this,

@@ -160,7 +160,8 @@ std::optional<QByteArray> ObjectDictionary::encodeValue(const QString& text, qui
         qToLittleEndian(bits, out.data());
         return out;
     }
-    const auto wide = text.trimmed().isEmpty() ? std::optional<Wide>(0) : parseInteger(text, nodeId);
+    const auto wide =
+        text.trimmed().isEmpty() ? std::optional<Wide>(0) : parseInteger(text, nodeId);
     const auto value = wide ? fitInteger(*wide, dataType) : std::nullopt;
     if (!value)
         return std::nullopt;
@@ -244,8 +245,8 @@ std::optional<ObjectDictionary> ObjectDictionary::fromEds(const QString& path, q
         const QString& name = it.key();
         if (objectName.match(name).hasMatch()) {
             const quint16 index = quint16(name.toUShort(nullptr, 16));
-            const auto objectType =
-                parseInteger(it.value().value(QStringLiteral("objecttype"), QStringLiteral("7")), 0);
+            const auto objectType = parseInteger(
+                it.value().value(QStringLiteral("objecttype"), QStringLiteral("7")), 0);
             // Arrays and records take their entries from their "sub" sections.
             if (objectType && *objectType == 7)
                 addEntry(name, it.value(), index, 0);

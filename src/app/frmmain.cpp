@@ -35,10 +35,8 @@ struct NmtButton
     const char* tip;
 };
 constexpr NmtButton kNmtButtons[] = {
-    {"Start", 1, "Start all nodes (NMT start remote node)"},
-    {"Stop", 2, "Stop all nodes"},
-    {"Pre-op", 128, "Put all nodes into pre-operational"},
-    {"Res node", 129, "Reset all nodes"},
+    {"Start", 1, "Start all nodes (NMT start remote node)"},   {"Stop", 2, "Stop all nodes"},
+    {"Pre-op", 128, "Put all nodes into pre-operational"},     {"Res node", 129, "Reset all nodes"},
     {"Res comm", 130, "Reset the communication of all nodes"},
 };
 } // namespace

@@ -4,12 +4,12 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QEventLoop>
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QThread>
 #include <QTimer>
-#include <QEventLoop>
 
 #include <utility>
 
@@ -102,10 +102,9 @@ bool CanLink::startLocalServer(QString* error)
                      .arg(ServerConnection::kNotReachable);
         return false;
     }
-    if (!QProcess::startDetached(program,
-                                 {QStringLiteral("--socket"), m_localSocketPath,
-                                  QStringLiteral("--idle-exit"),
-                                  QString::number(kStartedServerIdleSeconds)})) {
+    if (!QProcess::startDetached(program, {QStringLiteral("--socket"), m_localSocketPath,
+                                           QStringLiteral("--idle-exit"),
+                                           QString::number(kStartedServerIdleSeconds)})) {
         *error = QStringLiteral("%1: %2 cannot be started")
                      .arg(ServerConnection::kNotReachable, program);
         return false;
@@ -132,7 +131,7 @@ bool CanLink::startLocalServer(QString* error)
         if (!m_connection)                                                                         \
             return ServerConnection::kNotReachable;                                                \
         QString callError;                                                                         \
-        const auto reply = m_connection->wait(m_connection->expression, &callError);              \
+        const auto reply = m_connection->wait(m_connection->expression, &callError);               \
         return reply ? reply->error() : callError;                                                 \
     } while (0)
 
@@ -215,8 +214,9 @@ std::optional<quint32> CanLink::status(int controller, QString* error)
 {
     if (!m_connection)
         return (*error = ServerConnection::kNotReachable, std::nullopt);
-    const auto value = valueOf(m_connection->wait(m_connection->bus()->GetStatus(controller), error),
-                               error, &IntReply::value);
+    const auto value =
+        valueOf(m_connection->wait(m_connection->bus()->GetStatus(controller), error), error,
+                &IntReply::value);
     return value ? std::optional<quint32>(quint32(*value)) : std::nullopt;
 }
 
@@ -236,8 +236,8 @@ QString CanLink::setSdoTimeout(int milliseconds)
     if (!m_connection)
         return ServerConnection::kNotReachable;
     QString error;
-    const auto service = m_connection->wait(m_connection->service()->SetSdoTimeout(milliseconds),
-                                            &error);
+    const auto service =
+        m_connection->wait(m_connection->service()->SetSdoTimeout(milliseconds), &error);
     if (!service)
         return error;
     if (!service->error().isEmpty())
@@ -266,30 +266,28 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
     QTimer watchdog;
     watchdog.setSingleShot(true);
     watchdog.setInterval(m_sdoTimeoutMs + kSdoGraceMs);
-    const auto doneConnection = connect(
-        m_connection->notify(), &QCSNotifyReplica::OperationDone, &loop,
-        [&](const OperationResult& r) {
-            if (requestId < 0)
-                early << r;
-            else if (r.requestId() == requestId) {
-                finished = r;
-                loop.quit();
-            }
-        });
-    const auto progressConnection = connect(m_connection->notify(),
-                                            &QCSNotifyReplica::ProgressNotify, &watchdog,
-                                            qOverload<>(&QTimer::start));
+    const auto doneConnection = connect(m_connection->notify(), &QCSNotifyReplica::OperationDone,
+                                        &loop, [&](const OperationResult& r) {
+                                            if (requestId < 0)
+                                                early << r;
+                                            else if (r.requestId() == requestId) {
+                                                finished = r;
+                                                loop.quit();
+                                            }
+                                        });
+    const auto progressConnection =
+        connect(m_connection->notify(), &QCSNotifyReplica::ProgressNotify, &watchdog,
+                qOverload<>(&QTimer::start));
     connect(&watchdog, &QTimer::timeout, &loop, &QEventLoop::quit);
     connect(m_connection.get(), &ServerConnection::connectionLost, &loop, &QEventLoop::quit);
 
     QString error;
     const auto request =
-        upload ? m_connection->wait(m_connection->service()->SdoUpload(controller, node, index,
-                                                                       subIndex),
-                                    &error)
-               : m_connection->wait(m_connection->service()->SdoDownload(controller, node, index,
-                                                                         subIndex, data),
-                                    &error);
+        upload ? m_connection->wait(
+                     m_connection->service()->SdoUpload(controller, node, index, subIndex), &error)
+               : m_connection->wait(
+                     m_connection->service()->SdoDownload(controller, node, index, subIndex, data),
+                     &error);
     if (!request || !request->error().isEmpty()) {
         disconnect(doneConnection);
         disconnect(progressConnection);
@@ -345,8 +343,9 @@ QString CanLink::send(int controller, quint16 id, int length, const QByteArray& 
     const CanMsg msg(id, length, remote ? QByteArray() : data.left(8));
     QString error;
     ++m_holdFrames;
-    const auto reply = remote ? m_connection->wait(m_connection->bus()->SendRemote(controller, msg), &error)
-                              : m_connection->wait(m_connection->bus()->Send(controller, msg, 0), &error);
+    const auto reply =
+        remote ? m_connection->wait(m_connection->bus()->SendRemote(controller, msg), &error)
+               : m_connection->wait(m_connection->bus()->Send(controller, msg, 0), &error);
     if (--m_holdFrames == 0 && !m_held.isEmpty())
         QMetaObject::invokeMethod(this, &CanLink::releaseHeldFrames, Qt::QueuedConnection);
     if (!reply)

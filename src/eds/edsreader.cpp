@@ -65,9 +65,9 @@ QList<EdsEntry> readEds(const QString& path)
     for (const char* list : {"MandatoryObjects", "OptionalObjects", "ManufacturerObjects"}) {
         const QString listName = QLatin1String(list);
         constexpr int kMaxObjects = 0xFFFF;
-        const int count = std::min(kMaxObjects, roundToInt32(lenientValue(ini.value(
-                                                    listName, QStringLiteral("SupportedObjects"),
-                                                    QStringLiteral("0")))));
+        const int count = std::min(
+            kMaxObjects, roundToInt32(lenientValue(ini.value(
+                             listName, QStringLiteral("SupportedObjects"), QStringLiteral("0")))));
         // Every key but SupportedObjects may name an object; once all have been found, the
         // rest of the count finds nothing.
         const int listed = ini.keyCount(listName) - 1;
@@ -83,10 +83,11 @@ QList<EdsEntry> readEds(const QString& path)
                 continue;
             ++found;
             const qint32 index = edsNumber(value);
-            const QString section =
-                QString::number(quint32(index) & 0xFFFF, 16).toUpper().rightJustified(4, QLatin1Char('0'));
-            const qint32 subNumber = edsNumber(ini.value(section, QStringLiteral("SubNumber"),
-                                                         QStringLiteral("0")));
+            const QString section = QString::number(quint32(index) & 0xFFFF, 16)
+                                        .toUpper()
+                                        .rightJustified(4, QLatin1Char('0'));
+            const qint32 subNumber =
+                edsNumber(ini.value(section, QStringLiteral("SubNumber"), QStringLiteral("0")));
             const QString name = ini.value(section, QStringLiteral("ParameterName"));
             if (subNumber > 0) {
                 for (int s = 1; s <= subNumber && s <= 0xFF; ++s) {
@@ -98,8 +99,8 @@ QList<EdsEntry> readEds(const QString& path)
                         subName = ini.value(section + QStringLiteral("sub") +
                                                 QString::number(s, 16).toUpper(),
                                             QStringLiteral("ParameterName"));
-                    entries.append({name + QLatin1Char('\\') + subName,
-                                    qint32(lenientHexValue(section)), s});
+                    entries.append(
+                        {name + QLatin1Char('\\') + subName, qint32(lenientHexValue(section)), s});
                 }
             } else {
                 entries.append({name, index, 0});

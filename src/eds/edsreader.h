@@ -36,8 +36,9 @@ struct EdsEntry
 
 // The entries of an EDS: the objects of the sections MandatoryObjects, OptionalObjects and
 // ManufacturerObjects in that order (each list's SupportedObjects counts at most 0xFFFF, as
-// many as an index can address, and the scan ends once every key of the list is found); an object with sub-entries gives one entry for each of
-// its sub-indexes 1..SubNumber (sub-index 0 is not listed), else one entry with sub-index 0.
+// many as an index can address, and the scan ends once every key of the list is found); an object
+// with sub-entries gives one entry for each of its sub-indexes 1..SubNumber (sub-index 0 is not
+// listed), else one entry with sub-index 0.
 QList<EdsEntry> readEds(const QString& path);
 
 } // namespace tessel

@@ -30,7 +30,8 @@ QByteArray readServerSecret()
 {
     QSettings settings(QSettings::IniFormat, QSettings::UserScope, kCompany,
                        userSettingsApplication());
-    return QByteArray::fromHex(settings.value(QStringLiteral("server/secret")).toByteArray().trimmed());
+    return QByteArray::fromHex(
+        settings.value(QStringLiteral("server/secret")).toByteArray().trimmed());
 }
 
 QString userSettingsOrganisation()

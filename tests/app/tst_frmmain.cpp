@@ -1,19 +1,19 @@
 #include "canmsg.h"
 #include "frmdiagno.h"
 #include "frmmain.h"
+#include "machinesettings.h"
 #include "sdopanel.h"
 #include "serverprocess.h"
 #include "startup.h"
-#include "machinesettings.h"
 
 #include <QCheckBox>
-#include <QPlainTextEdit>
-#include <QProgressBar>
 #include <QComboBox>
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QRegularExpression>
@@ -123,9 +123,9 @@ void TstFrmMain::startUp()
         QVERIFY(b->isEnabled());
     // The monitor is loaded hidden and already traces the drive's heartbeats.
     QVERIFY(!w.monitor()->isVisible());
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains(QRegularExpression(
-                                 "R0 701 1 \\d{3}s\\d{3}\\.\\d{3} > 7F \\r\\n")),
-                             5000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        t.trace().contains(QRegularExpression("R0 701 1 \\d{3}s\\d{3}\\.\\d{3} > 7F \\r\\n")),
+        5000);
     QTest::mouseClick(w.cmdDiagno, Qt::LeftButton);
     QVERIFY(w.monitor()->isVisible());
     // The screen follows the trace text in batches.
@@ -143,12 +143,17 @@ void TstFrmMain::nmtButtons_data()
     QTest::addColumn<int>("button");
     QTest::addColumn<QString>("sent");
     QTest::addColumn<QString>("answer"); // what the drive sends after it
-    QTest::newRow("Start") << 0 << "T0 000 2 000s000.000 > 01 00 " << "> 05 ";
-    QTest::newRow("Stop") << 1 << "T0 000 2 000s000.000 > 02 00 " << "> 04 ";
-    QTest::newRow("Pre-op") << 2 << "T0 000 2 000s000.000 > 80 00 " << "> 7F ";
+    QTest::newRow("Start") << 0 << "T0 000 2 000s000.000 > 01 00 "
+                           << "> 05 ";
+    QTest::newRow("Stop") << 1 << "T0 000 2 000s000.000 > 02 00 "
+                          << "> 04 ";
+    QTest::newRow("Pre-op") << 2 << "T0 000 2 000s000.000 > 80 00 "
+                            << "> 7F ";
     // Resets: the boot-up message.
-    QTest::newRow("Res node") << 3 << "T0 000 2 000s000.000 > 81 00 " << "> 00 ";
-    QTest::newRow("Res comm") << 4 << "T0 000 2 000s000.000 > 82 00 " << "> 00 ";
+    QTest::newRow("Res node") << 3 << "T0 000 2 000s000.000 > 81 00 "
+                              << "> 00 ";
+    QTest::newRow("Res comm") << 4 << "T0 000 2 000s000.000 > 82 00 "
+                              << "> 00 ";
 }
 
 void TstFrmMain::nmtButtons()
@@ -369,9 +374,12 @@ void TstFrmMain::unreachableServerAtStartUp_data()
 {
     QTest::addColumn<QString>("answer");
     QTest::addColumn<QString>("mentions");
-    QTest::newRow("name that does not resolve") << "no-such-host.invalid" << "no-such-host.invalid";
-    QTest::newRow("nobody listens") << "127.0.0.1:1" << "127.0.0.1:1";
-    QTest::newRow("unknown service") << "localhost#LSSonly" << "LSSonly";
+    QTest::newRow("name that does not resolve") << "no-such-host.invalid"
+                                                << "no-such-host.invalid";
+    QTest::newRow("nobody listens") << "127.0.0.1:1"
+                                    << "127.0.0.1:1";
+    QTest::newRow("unknown service") << "localhost#LSSonly"
+                                     << "LSSonly";
 }
 
 void TstFrmMain::unreachableServerAtStartUp()
@@ -559,8 +567,7 @@ void TstFrmMain::vectorRead()
     p->chkVHex->setChecked(false);
     p->cmbIndex->setCurrentText("1,1018,0");
     QTest::mouseClick(p->cmdGetVect, Qt::LeftButton);
-    QCOMPARE(p->txtVectGet->toPlainText().split('\n', Qt::SkipEmptyParts).first(),
-             QString("929"));
+    QCOMPARE(p->txtVectGet->toPlainText().split('\n', Qt::SkipEmptyParts).first(), QString("929"));
     // An entry that aborts ends the list there: 0x1018 has 4 entries but says 4 in sub 0 only
     // up to what exists; a missing object aborts at once and leaves the list empty.
     p->cmbIndex->setCurrentText("1,3000,0");

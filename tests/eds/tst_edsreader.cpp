@@ -70,28 +70,28 @@ void TstEdsReader::edsNumber()
 
 void TstEdsReader::keySpellings()
 {
-    const QString path = write(
-        "[MandatoryObjects]\r\nSupportedObjects=3\r\n1=0x1000\r\n02=4096\r\n003=010030\r\n"
-        "[OptionalObjects]\r\nSupportedObjects=2\r\n1=0x1018\r\n2=0x9999\r\n"
-        "[ManufacturerObjects]\r\nsupportedobjects = 1\r\n1 = 0x2000\r\n"
-        "[1000]\r\nParameterName=Device Type\r\n"
-        "[1018]\r\nParameterName=Identity\r\nSubNumber=0x3\r\n"
-        "[1018sub01]\r\nParameterName=Vendor\r\n"
-        "[1018sub2]\r\nParameterName=Product\r\n"
-        "[1018SUB0]\r\nParameterName=Count\r\n"
-        "[1018]\r\nParameterName=Second section of the same name\r\n"
-        "[2000]\r\nPARAMETERNAME =  Spaced name  \r\nSubNumber=0\r\n");
+    const QString path =
+        write("[MandatoryObjects]\r\nSupportedObjects=3\r\n1=0x1000\r\n02=4096\r\n003=010030\r\n"
+              "[OptionalObjects]\r\nSupportedObjects=2\r\n1=0x1018\r\n2=0x9999\r\n"
+              "[ManufacturerObjects]\r\nsupportedobjects = 1\r\n1 = 0x2000\r\n"
+              "[1000]\r\nParameterName=Device Type\r\n"
+              "[1018]\r\nParameterName=Identity\r\nSubNumber=0x3\r\n"
+              "[1018sub01]\r\nParameterName=Vendor\r\n"
+              "[1018sub2]\r\nParameterName=Product\r\n"
+              "[1018SUB0]\r\nParameterName=Count\r\n"
+              "[1018]\r\nParameterName=Second section of the same name\r\n"
+              "[2000]\r\nPARAMETERNAME =  Spaced name  \r\nSubNumber=0\r\n");
     const QList<EdsEntry> e = readEds(path);
     QStringList seen;
     for (const EdsEntry& x : e)
         seen << QStringLiteral("%1 %2 %3").arg(x.name).arg(x.index, 0, 16).arg(x.subIndex);
     QCOMPARE(seen, (QStringList{
-                       "Device Type 1000 0",      // "1=0x1000"
-                       "Device Type 1000 0",      // "02=4096"
-                       "Identity\\Vendor 1018 1", // "003=010030", octal for 0x1018
+                       "Device Type 1000 0",       // "1=0x1000"
+                       "Device Type 1000 0",       // "02=4096"
+                       "Identity\\Vendor 1018 1",  // "003=010030", octal for 0x1018
                        "Identity\\Product 1018 2", // "1018sub2" when "1018sub02" is missing
-                       "Identity\\ 1018 3",       // no sub-entry 3: the name ends in "\"
-                       "Identity\\Vendor 1018 1", // the same object listed again
+                       "Identity\\ 1018 3",        // no sub-entry 3: the name ends in "\"
+                       "Identity\\Vendor 1018 1",  // the same object listed again
                        "Identity\\Product 1018 2",
                        "Identity\\ 1018 3",
                        " 9999 0", // no section: no name
@@ -101,8 +101,9 @@ void TstEdsReader::keySpellings()
 
 void TstEdsReader::iniLookup()
 {
-    const QString path = write("[Sec]\nKey=  value with blanks  \nkey=second\nLong=" +
-                               QByteArray(200, 'x') + "\n;Commented=1\n");
+    const QString path =
+        write("[Sec]\nKey=  value with blanks  \nkey=second\nLong=" + QByteArray(200, 'x') +
+              "\n;Commented=1\n");
     IniFile ini(path);
     QCOMPARE(ini.value("SEC", "KEY"), QString("value with blanks"));
     QCOMPARE(ini.value("Sec", "Missing", "dflt"), QString("dflt"));
@@ -121,8 +122,8 @@ void TstEdsReader::unreadableFiles_data()
     for (int i = 0; i < garbage.size(); ++i)
         garbage[i] = char((i * 7919 + 13) & 0xFF);
     QTest::newRow("binary garbage") << garbage << true;
-    QTest::newRow("count without entries") << QByteArray("[OptionalObjects]\nSupportedObjects=500\n")
-                                           << true;
+    QTest::newRow("count without entries")
+        << QByteArray("[OptionalObjects]\nSupportedObjects=500\n") << true;
 }
 
 void TstEdsReader::unreadableFiles()
@@ -153,8 +154,10 @@ void TstEdsReader::countsBeyondTheKeys_data()
     QTest::addColumn<QByteArray>("keys");
     QTest::addColumn<QList<int>>("indexes");
     const QByteArray two = "1=0x2001\n2=0x2002\n";
-    QTest::newRow("2^31 - 1 with two objects") << QByteArray("2147483647") << two << QList<int>{0x2001, 0x2002};
-    QTest::newRow("2^31 - 1 and no object") << QByteArray("2147483647") << QByteArray() << QList<int>{};
+    QTest::newRow("2^31 - 1 with two objects")
+        << QByteArray("2147483647") << two << QList<int>{0x2001, 0x2002};
+    QTest::newRow("2^31 - 1 and no object")
+        << QByteArray("2147483647") << QByteArray() << QList<int>{};
     QTest::newRow("ten million") << QByteArray("10000000") << two << QList<int>{0x2001, 0x2002};
     QTest::newRow("sparse keys up to the last index")
         << QByteArray("2147483647") << QByteArray("1=0x2001\n65535=0x2002\n")
@@ -184,14 +187,24 @@ void TstEdsReader::mutatedDriveEds()
     QFile eds(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
     QVERIFY(eds.open(QIODevice::ReadOnly));
     const QList<QByteArray> lines = eds.readAll().split('\n');
-    const QByteArrayList pieces{"2147483647", "-2147483648", "0x", "1e9", "[", "]", "=", "sub",
-                                "SupportedObjects=99999999", "SubNumber=0xFFFFFFFF", "\0"};
+    const QByteArrayList pieces{"2147483647",
+                                "-2147483648",
+                                "0x",
+                                "1e9",
+                                "[",
+                                "]",
+                                "=",
+                                "sub",
+                                "SupportedObjects=99999999",
+                                "SubNumber=0xFFFFFFFF",
+                                "\0"};
     QRandomGenerator random(QRandomGenerator::global()->generate());
     for (int round = 0; round < 100; ++round) {
         QList<QByteArray> mutated = lines;
         for (int e = 0; e < 20; ++e) {
             QByteArray& line = mutated[random.bounded(int(mutated.size()))];
-            line.insert(random.bounded(int(line.size()) + 1), pieces[random.bounded(int(pieces.size()))]);
+            line.insert(random.bounded(int(line.size()) + 1),
+                        pieces[random.bounded(int(pieces.size()))]);
         }
         const QList<EdsEntry> entries = readEds(write(mutated.join('\n')));
         QVERIFY(entries.size() < 3 * 0xFFFF * 256);

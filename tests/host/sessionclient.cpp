@@ -17,8 +17,9 @@ int main(int argc, char** argv)
         return 2;
     ServerConnection connection;
     QString error;
-    if (!connection.open(ServerAddress::fromMachineName("localhost", QString::fromLocal8Bit(argv[1])),
-                         5000, &error)) {
+    if (!connection.open(
+            ServerAddress::fromMachineName("localhost", QString::fromLocal8Bit(argv[1])), 5000,
+            &error)) {
         std::fprintf(stderr, "%s\n", qPrintable(error));
         return 1;
     }
@@ -27,7 +28,8 @@ int main(int argc, char** argv)
         return 1;
     if (argc == 3 && QByteArray(argv[2]) == "sdo-wait") {
         const auto set = connection.wait(connection.service()->SetSdoTimeout(65535), &error);
-        const auto request = connection.wait(connection.service()->SdoUpload(0, 0x7F, 0x1000, 0), &error);
+        const auto request =
+            connection.wait(connection.service()->SdoUpload(0, 0x7F, 0x1000, 0), &error);
         if (!set || !request || !request->error().isEmpty())
             return 1;
     }

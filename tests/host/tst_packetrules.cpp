@@ -96,8 +96,8 @@ void TstPacketRules::incoming_data()
         << QByteArrayList{acquireBus} << wire::invoke(kBus, 14, {}) << "does not exist";
     QTest::newRow("negative method index")
         << QByteArrayList{acquireBus} << wire::invoke(kBus, -1, {}) << "does not exist";
-    QTest::newRow("property write") << QByteArrayList{acquireBus}
-                                    << wire::invoke(kBus, 0, {0}, 1, 2) << "call kind 2";
+    QTest::newRow("property write")
+        << QByteArrayList{acquireBus} << wire::invoke(kBus, 0, {0}, 1, 2) << "call kind 2";
     QTest::newRow("bytes after the packet's contents")
         << QByteArrayList{acquireBus} << wire::packet(6, wire::body(start).mid(2) + "!")
         << "longer than its contents";
@@ -105,7 +105,8 @@ void TstPacketRules::incoming_data()
                                << wire::packet(6, wire::body(start).mid(2).chopped(5))
                                << "cut short";
     QTest::newRow("name of odd length")
-        << QByteArrayList{} << wire::packet(4, QByteArray::fromHex("03000000410042")) << "cut short";
+        << QByteArrayList{} << wire::packet(4, QByteArray::fromHex("03000000410042"))
+        << "cut short";
     QTest::newRow("handshake from a client")
         << QByteArrayList{} << wire::packet(1, wire::string("QtRO 2.0")) << "type 1";
     QTest::newRow("property change from a client")
@@ -138,8 +139,9 @@ void TstPacketRules::otherSessionsAreNotAnnounced()
     const QByteArray first = rules.filterOutgoing(wire::objectList({"session-1/QCSBus"}));
     QCOMPARE(first, wire::objectList({}));
     QCOMPARE(rules.filterOutgoing(wire::objectList({"session-8/QCSBus"})), QByteArray());
-    QCOMPARE(rules.filterOutgoing(wire::objectList({"session-70/QCSBus", kBus, "session-1/QCSBus"})),
-             wire::objectList({kBus}));
+    QCOMPARE(
+        rules.filterOutgoing(wire::objectList({"session-70/QCSBus", kBus, "session-1/QCSBus"})),
+        wire::objectList({kBus}));
     const QByteArray reply = wire::packet(7, wire::string(kBus) + QByteArray(12, '\1'));
     QCOMPARE(rules.filterOutgoing(reply), reply);
 }

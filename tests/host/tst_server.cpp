@@ -13,37 +13,10 @@ using namespace qorcalib::test;
 
 namespace {
 
-// The drive's EDS with a 100 ms heartbeat, so that NMT states show quickly.
-QString fastHeartbeatEds(const QTemporaryDir& dir)
-{
-    QFile in(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
-    if (!in.open(QIODevice::ReadOnly))
-        return {};
-    QByteArray text = in.readAll();
-    const qsizetype section = text.indexOf("[1017]");
-    const qsizetype value = text.indexOf("DefaultValue=1000", section);
-    text.replace(value, int(strlen("DefaultValue=1000")), "DefaultValue=100");
-    const QString path = dir.filePath(QStringLiteral("fast.eds"));
-    QFile out(path);
-    if (!out.open(QIODevice::WriteOnly))
-        return {};
-    out.write(text);
-    return path;
-}
-
 QByteArray hex(const char* text)
 {
     return QByteArray::fromHex(text);
 }
-
-// Waits for and checks a reply that must succeed.
-#define CALL_OK(connection, call)                                                                  \
-    do {                                                                                           \
-        QString callError;                                                                         \
-        const auto reply = (connection)->wait((connection)->call, &callError);                     \
-        QVERIFY2(reply, qPrintable(callError));                                                    \
-        QVERIFY2(reply->error().isEmpty(), qPrintable(reply->error()));                            \
-    } while (0)
 
 } // namespace
 
@@ -81,7 +54,7 @@ private slots:
 
 private:
     bool startServer(const QStringList& extra = {});
-    std::unique_ptr<ServerConnection> attach();
+    std::unique_ptr<ServerConnection> attach() { return m_server->attach(); }
     // A session on a started server, with controller 0 running and the drive's heartbeat seen.
     struct Running
     {
@@ -89,7 +62,6 @@ private:
         std::unique_ptr<FrameRecorder> frames;
     };
     std::optional<Running> withRunningDrive();
-    int sessionCount(ServerConnection* connection);
 
     QTemporaryDir m_dir;
     std::unique_ptr<ServerProcess> m_server;
@@ -119,18 +91,6 @@ bool TstServer::startServer(const QStringList& extra)
     return true;
 }
 
-std::unique_ptr<ServerConnection> TstServer::attach()
-{
-    auto connection = m_server->connect();
-    if (!connection)
-        return nullptr;
-    QString error;
-    const auto reply = connection->wait(connection->bus()->Advise(), &error);
-    if (!reply || !reply->error().isEmpty())
-        return nullptr;
-    return connection;
-}
-
 std::optional<TstServer::Running> TstServer::withRunningDrive()
 {
     if (!startServer())
@@ -141,20 +101,13 @@ std::optional<TstServer::Running> TstServer::withRunningDrive()
         return std::nullopt;
     running.frames = std::make_unique<FrameRecorder>(running.connection.get());
     QString error;
-    const auto started = running.connection->wait(running.connection->bus()->StartController(0),
-                                                   &error);
+    const auto started =
+        running.connection->wait(running.connection->bus()->StartController(0), &error);
     if (!started || !started->error().isEmpty())
         return std::nullopt;
     if (!running.frames->waitFor(0x701, hex("7f"), 3000))
         return std::nullopt;
     return running;
-}
-
-int TstServer::sessionCount(ServerConnection* connection)
-{
-    QString error;
-    const auto reply = connection->wait(connection->serverWindow()->Sessions(), &error);
-    return reply ? int(reply->value().size()) : -1;
 }
 
 void TstServer::twoSessionsSeeEachOthersFrames()
@@ -321,27 +274,48 @@ void TstServer::badInputIsRefused_data()
 {
     QTest::addColumn<QString>("operation");
     QTest::addColumn<QString>("mentions");
-    QTest::newRow("length 9") << "send 0 0x100 9" << "9";
-    QTest::newRow("nine data bytes") << "senddata 0 0x100 8 9" << "9 bytes";
-    QTest::newRow("a megabyte of data") << "senddata 0 0x100 8 1048576" << "1048576 bytes";
-    QTest::newRow("length -1") << "send 0 0x100 -1" << "-1";
-    QTest::newRow("COB-ID 0x800") << "send 0 0x800 1" << "0x800";
-    QTest::newRow("controller 2") << "send 2 0x100 1" << "2";
-    QTest::newRow("controller -1") << "remote -1 0x100 1" << "-1";
-    QTest::newRow("remote length 9") << "remote 0 0x100 9" << "9";
-    QTest::newRow("bit rate 9") << "rate 0 9" << "9";
-    QTest::newRow("bit rate -1") << "rate 0 -1" << "-1";
-    QTest::newRow("bit rate of controller 4") << "rate 4 0" << "4";
-    QTest::newRow("start controller 7") << "start 7" << "7";
-    QTest::newRow("status of controller 3") << "status 3" << "3";
-    QTest::newRow("receive-all 0") << "rxall 0" << "0";
-    QTest::newRow("SDO time-out 0") << "sdotimeout 0" << "0";
-    QTest::newRow("SDO time-out 70000") << "sdotimeout 70000" << "70000";
-    QTest::newRow("bench command 99") << "command 99" << "99";
-    QTest::newRow("output 40") << "output 40" << "40";
-    QTest::newRow("analog 6") << "analog 6" << "6";
-    QTest::newRow("service selector") << "service LSSonly" << "LSSonly";
-    QTest::newRow("service selector of a megabyte") << "service " + QString(1 << 20, 'S') << "SSS...";
+    QTest::newRow("length 9") << "send 0 0x100 9"
+                              << "9";
+    QTest::newRow("nine data bytes") << "senddata 0 0x100 8 9"
+                                     << "9 bytes";
+    QTest::newRow("a megabyte of data") << "senddata 0 0x100 8 1048576"
+                                        << "1048576 bytes";
+    QTest::newRow("length -1") << "send 0 0x100 -1"
+                               << "-1";
+    QTest::newRow("COB-ID 0x800") << "send 0 0x800 1"
+                                  << "0x800";
+    QTest::newRow("controller 2") << "send 2 0x100 1"
+                                  << "2";
+    QTest::newRow("controller -1") << "remote -1 0x100 1"
+                                   << "-1";
+    QTest::newRow("remote length 9") << "remote 0 0x100 9"
+                                     << "9";
+    QTest::newRow("bit rate 9") << "rate 0 9"
+                                << "9";
+    QTest::newRow("bit rate -1") << "rate 0 -1"
+                                 << "-1";
+    QTest::newRow("bit rate of controller 4") << "rate 4 0"
+                                              << "4";
+    QTest::newRow("start controller 7") << "start 7"
+                                        << "7";
+    QTest::newRow("status of controller 3") << "status 3"
+                                            << "3";
+    QTest::newRow("receive-all 0") << "rxall 0"
+                                   << "0";
+    QTest::newRow("SDO time-out 0") << "sdotimeout 0"
+                                    << "0";
+    QTest::newRow("SDO time-out 70000") << "sdotimeout 70000"
+                                        << "70000";
+    QTest::newRow("bench command 99") << "command 99"
+                                      << "99";
+    QTest::newRow("output 40") << "output 40"
+                               << "40";
+    QTest::newRow("analog 6") << "analog 6"
+                              << "6";
+    QTest::newRow("service selector") << "service LSSonly"
+                                      << "LSSonly";
+    QTest::newRow("service selector of a megabyte")
+        << "service " + QString(1 << 20, 'S') << "SSS...";
 }
 
 void TstServer::badInputIsRefused()
@@ -364,7 +338,8 @@ void TstServer::badInputIsRefused()
     if (w[0] == "send")
         take(a->wait(a->bus()->Send(n(1), CanMsg(n(2), n(3), QByteArray(8, '\x55')), 0), &error));
     else if (w[0] == "senddata")
-        take(a->wait(a->bus()->Send(n(1), CanMsg(n(2), n(3), QByteArray(n(4), '\x55')), 0), &error));
+        take(
+            a->wait(a->bus()->Send(n(1), CanMsg(n(2), n(3), QByteArray(n(4), '\x55')), 0), &error));
     else if (w[0] == "remote")
         take(a->wait(a->bus()->SendRemote(n(1), CanMsg(n(2), n(3), {})), &error));
     else if (w[0] == "rate")
@@ -422,14 +397,13 @@ void TstServer::laterServicesAnswerNotSupported()
 namespace {
 // One SDO transfer through the server: the request, then its OperationDone.
 std::optional<OperationResult> sdoTransfer(ServerConnection* c, bool upload, int node, int index,
-                                           int sub, const QByteArray& data = {},
-                                           int channel = 0)
+                                           int sub, const QByteArray& data = {}, int channel = 0)
 {
     QSignalSpy done(c->notify(), &QCSNotifyReplica::OperationDone);
     QString error;
-    const auto reply = upload ? c->wait(c->service()->SdoUpload(channel, node, index, sub), &error)
-                              : c->wait(c->service()->SdoDownload(channel, node, index, sub, data),
-                                        &error);
+    const auto reply =
+        upload ? c->wait(c->service()->SdoUpload(channel, node, index, sub), &error)
+               : c->wait(c->service()->SdoDownload(channel, node, index, sub, data), &error);
     if (!reply || !reply->error().isEmpty()) {
         qWarning("request refused: %s", qPrintable(reply ? reply->error() : error));
         return std::nullopt;
@@ -499,12 +473,12 @@ void TstServer::sdoAborts_data()
     QTest::newRow("write a constant") << false << 0x1008 << 0 << QByteArray("X") << 0x06010002u;
     QTest::newRow("too high") << false << 0x2000 << 0 << le32(30000) << 0x06090031u;
     QTest::newRow("too low") << false << 0x2000 << 0 << le32(50) << 0x06090032u;
-    QTest::newRow("signed too low") << false << 0x6071 << 0 << QByteArray("\x00\xf0", 2)
-                                    << 0x06090032u;
+    QTest::newRow("signed too low")
+        << false << 0x6071 << 0 << QByteArray("\x00\xf0", 2) << 0x06090032u;
     QTest::newRow("too short") << false << 0x2000 << 0 << QByteArray("\x01\x02", 2) << 0x06070013u;
     QTest::newRow("too long") << false << 0x2002 << 0 << QByteArray("\x01\x02", 2) << 0x06070012u;
-    QTest::newRow("boolean other than 0 or 1") << false << 0x2050 << 0 << QByteArray("\x02", 1)
-                                               << 0x06090030u;
+    QTest::newRow("boolean other than 0 or 1")
+        << false << 0x2050 << 0 << QByteArray("\x02", 1) << 0x06090030u;
     QTest::newRow("string too long") << false << 0x2030 << 0 << QByteArray(300, 'x') << 0x06070012u;
 }
 
@@ -705,15 +679,17 @@ void TstServer::refusesToStart_data()
 {
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QString>("mentions");
-    QTest::newRow("unknown plugin") << QStringList{"--channel", "nosuchplugin:can0"} << "nosuchplugin";
+    QTest::newRow("unknown plugin")
+        << QStringList{"--channel", "nosuchplugin:can0"} << "nosuchplugin";
     QTest::newRow("no interface") << QStringList{"--channel", "socketcan"} << "socketcan";
     QTest::newRow("bad bench") << QStringList{"--bench", "bigbench"} << "bigbench";
-    QTest::newRow("missing EDS") << QStringList{"--eds", "/nonexistent/drive.eds"} << "/nonexistent";
+    QTest::newRow("missing EDS") << QStringList{"--eds", "/nonexistent/drive.eds"}
+                                 << "/nonexistent";
     QTest::newRow("bad listen address") << QStringList{"--listen", "udp://1.2.3.4"} << "udp://";
-    QTest::newRow("five controllers") << QStringList{"--channel", "sim", "--channel", "sim",
-                                                     "--channel", "sim", "--channel", "sim",
-                                                     "--channel", "sim"}
-                                      << "four";
+    QTest::newRow("five controllers")
+        << QStringList{"--channel", "sim",       "--channel", "sim",       "--channel",
+                       "sim",       "--channel", "sim",       "--channel", "sim"}
+        << "four";
 }
 
 void TstServer::refusesToStart()

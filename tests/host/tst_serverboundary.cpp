@@ -21,53 +21,9 @@ using namespace qorcalib::test;
 
 namespace {
 
-#define CALL_OK(connection, call)                                                                  \
-    do {                                                                                           \
-        QString callError;                                                                         \
-        const auto reply = (connection)->wait((connection)->call, &callError);                     \
-        QVERIFY2(reply, qPrintable(callError));                                                    \
-        QVERIFY2(reply->error().isEmpty(), qPrintable(reply->error()));                            \
-    } while (0)
-
-// The drive's EDS with a 100 ms heartbeat.
-QString fastHeartbeatEds(const QTemporaryDir& dir)
-{
-    QFile in(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
-    if (!in.open(QIODevice::ReadOnly))
-        return {};
-    QByteArray text = in.readAll();
-    const qsizetype value = text.indexOf("DefaultValue=1000", text.indexOf("[1017]"));
-    text.replace(value, qsizetype(strlen("DefaultValue=1000")), "DefaultValue=100");
-    const QString path = dir.filePath(QStringLiteral("fast.eds"));
-    QFile out(path);
-    if (!out.open(QIODevice::WriteOnly))
-        return {};
-    out.write(text);
-    return path;
-}
-
-// Resident memory of a process in KiB, from /proc.
-qint64 residentKib(qint64 pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').first().toLongLong();
-    return -1;
-}
-
 QByteArray utf16(const QString& text)
 {
     return QByteArray(reinterpret_cast<const char*>(text.utf16()), text.size() * 2);
-}
-
-int sessionCount(ServerConnection* connection)
-{
-    QString error;
-    const auto reply = connection->wait(connection->serverWindow()->Sessions(), &error);
-    return reply ? int(reply->value().size()) : -1;
 }
 
 } // namespace
@@ -94,7 +50,7 @@ private slots:
 
 private:
     bool startServer(const QStringList& extra = {}, bool paced = false);
-    std::unique_ptr<ServerConnection> attach();
+    std::unique_ptr<ServerConnection> attach() { return m_server->attach(); }
 
     QTemporaryDir m_dir;
     std::unique_ptr<ServerProcess> m_server;
@@ -126,18 +82,6 @@ bool TstServerBoundary::startServer(const QStringList& extra, bool paced)
         return false;
     }
     return true;
-}
-
-std::unique_ptr<ServerConnection> TstServerBoundary::attach()
-{
-    auto connection = m_server->connect();
-    if (!connection)
-        return nullptr;
-    QString error;
-    const auto reply = connection->wait(connection->bus()->Advise(), &error);
-    if (!reply || !reply->error().isEmpty())
-        return nullptr;
-    return connection;
 }
 
 void TstServerBoundary::fuzzedPacketsNeverStopTheServer()
@@ -250,7 +194,8 @@ void TstServerBoundary::clientThatDoesNotReadIsDisconnected()
     QTRY_VERIFY2((log += m_server->output()).contains("disconnected: it "), qPrintable(log));
     // What it left unread went with it.
     const qint64 after = residentKib(m_server->process().processId());
-    QVERIFY2(after - before < 32 * 1024, qPrintable(QStringLiteral("%1 KiB -> %2 KiB").arg(before).arg(after)));
+    QVERIFY2(after - before < 32 * 1024,
+             qPrintable(QStringLiteral("%1 KiB -> %2 KiB").arg(before).arg(after)));
 }
 
 void TstServerBoundary::declaredHugePacketIsRefusedAtOnce()
@@ -273,7 +218,8 @@ void TstServerBoundary::declaredHugePacketIsRefusedAtOnce()
     }
     QVERIFY(rogue.waitClosed(3000));
     const qint64 after = residentKib(m_server->process().processId());
-    QVERIFY2(after - before < 24 * 1024, qPrintable(QStringLiteral("%1 KiB -> %2 KiB").arg(before).arg(after)));
+    QVERIFY2(after - before < 24 * 1024,
+             qPrintable(QStringLiteral("%1 KiB -> %2 KiB").arg(before).arg(after)));
     QTRY_COMPARE(sessionCount(a.get()), 1);
 }
 
@@ -428,8 +374,7 @@ void TstServerBoundary::tcpNeedsTheSecret()
     QCOMPARE(::stat(QFile::encodeName(m_server->secretPath()).constData(), &st), 0);
     QCOMPARE(st.st_mode & 0777, 0600u);
 
-    const QList<QByteArray> answers{"ATTACH\n", "ATTACH " + QByteArray(64, '0') + "\n",
-                                    "attach\n"};
+    const QList<QByteArray> answers{"ATTACH\n", "ATTACH " + QByteArray(64, '0') + "\n", "attach\n"};
     for (const QByteArray& answer : answers) {
         QTcpSocket raw;
         raw.connectToHost(QStringLiteral("127.0.0.1"), port);
@@ -443,8 +388,8 @@ void TstServerBoundary::tcpNeedsTheSecret()
         QCOMPARE(raw.readAll(), QByteArray());
     }
 
-    const ServerAddress address = ServerAddress::fromMachineName(
-        QStringLiteral("127.0.0.1:%1").arg(port), {});
+    const ServerAddress address =
+        ServerAddress::fromMachineName(QStringLiteral("127.0.0.1:%1").arg(port), {});
     QString error;
     ServerConnection wrong;
     wrong.setSecret(QByteArray(32, 'w'));

@@ -117,19 +117,38 @@ void TstObjectDictionary::valuesMustFitTheirType_data()
     QTest::addColumn<QString>("key");
     QTest::addColumn<QString>("value");
     QTest::addColumn<bool>("fits");
-    QTest::newRow("300 in 8 bits") << "0x0005" << "DefaultValue" << "300" << false;
-    QTest::newRow("lowest 64-bit signed") << "0x0015" << "DefaultValue" << "-0x8000000000000000" << true;
-    QTest::newRow("below the lowest 64-bit signed")
-        << "0x0015" << "DefaultValue" << "-0x8000000000000001" << false;
-    QTest::newRow("highest 64-bit unsigned") << "0x001B" << "DefaultValue" << "0xFFFFFFFFFFFFFFFF" << true;
-    QTest::newRow("negative unsigned limit") << "0x001B" << "LowLimit" << "-0x8000000000000000" << false;
+    QTest::newRow("300 in 8 bits") << "0x0005"
+                                   << "DefaultValue"
+                                   << "300" << false;
+    QTest::newRow("lowest 64-bit signed") << "0x0015"
+                                          << "DefaultValue"
+                                          << "-0x8000000000000000" << true;
+    QTest::newRow("below the lowest 64-bit signed") << "0x0015"
+                                                    << "DefaultValue"
+                                                    << "-0x8000000000000001" << false;
+    QTest::newRow("highest 64-bit unsigned") << "0x001B"
+                                             << "DefaultValue"
+                                             << "0xFFFFFFFFFFFFFFFF" << true;
+    QTest::newRow("negative unsigned limit") << "0x001B"
+                                             << "LowLimit"
+                                             << "-0x8000000000000000" << false;
     QTest::newRow("node-ID past the highest 64-bit signed")
-        << "0x0015" << "HighLimit" << "$NODEID+0x7FFFFFFFFFFFFFFF" << false;
+        << "0x0015"
+        << "HighLimit"
+        << "$NODEID+0x7FFFFFFFFFFFFFFF" << false;
     QTest::newRow("node-ID up to the highest 64-bit signed")
-        << "0x0015" << "HighLimit" << "$NODEID+0x7FFFFFFFFFFFFFFE" << true;
-    QTest::newRow("16-bit limit of 65536") << "0x0006" << "HighLimit" << "65536" << false;
-    QTest::newRow("sign twice") << "0x0004" << "LowLimit" << "--5" << false;
-    QTest::newRow("more digits than 64 bits") << "0x001B" << "DefaultValue" << "0x1FFFFFFFFFFFFFFFF" << false;
+        << "0x0015"
+        << "HighLimit"
+        << "$NODEID+0x7FFFFFFFFFFFFFFE" << true;
+    QTest::newRow("16-bit limit of 65536") << "0x0006"
+                                           << "HighLimit"
+                                           << "65536" << false;
+    QTest::newRow("sign twice") << "0x0004"
+                                << "LowLimit"
+                                << "--5" << false;
+    QTest::newRow("more digits than 64 bits") << "0x001B"
+                                              << "DefaultValue"
+                                              << "0x1FFFFFFFFFFFFFFFF" << false;
 }
 
 void TstObjectDictionary::valuesMustFitTheirType()
@@ -140,7 +159,8 @@ void TstObjectDictionary::valuesMustFitTheirType()
     QFETCH(bool, fits);
     QTemporaryDir dir;
     QString text = "[1000]\nObjectType=0x7\nDataType=0x0007\nAccessType=ro\nDefaultValue=1\n"
-                   "[2100]\nObjectType=0x7\nAccessType=rw\nDataType=" + type + "\n";
+                   "[2100]\nObjectType=0x7\nAccessType=rw\nDataType=" +
+                   type + "\n";
     if (key != "DefaultValue")
         text += "DefaultValue=0\n";
     text += key + "=" + value + "\n";
@@ -149,7 +169,8 @@ void TstObjectDictionary::valuesMustFitTheirType()
     const auto od = ObjectDictionary::fromEds(path, 1, &error);
     QCOMPARE(bool(od), fits);
     if (!fits)
-        QVERIFY2(error.contains(path) && error.contains("[2100]") && error.contains(key), qPrintable(error));
+        QVERIFY2(error.contains(path) && error.contains("[2100]") && error.contains(key),
+                 qPrintable(error));
 }
 
 void TstObjectDictionary::mutatedFilesLoadOrAreRefused()
@@ -159,8 +180,17 @@ void TstObjectDictionary::mutatedFilesLoadOrAreRefused()
     QFile eds(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
     QVERIFY(eds.open(QIODevice::ReadOnly));
     const QList<QByteArray> lines = eds.readAll().split('\n');
-    const QByteArrayList pieces{"0x8000000000000000", "-0x8000000000000000", "$NODEID+",
-                                "0xFFFFFFFFFFFFFFFFF", "-", "=", "[", "]", "sub", "0x", "99999999999999999999"};
+    const QByteArrayList pieces{"0x8000000000000000",
+                                "-0x8000000000000000",
+                                "$NODEID+",
+                                "0xFFFFFFFFFFFFFFFFF",
+                                "-",
+                                "=",
+                                "[",
+                                "]",
+                                "sub",
+                                "0x",
+                                "99999999999999999999"};
     QTemporaryDir dir;
     QRandomGenerator random(QRandomGenerator::global()->generate());
     int loaded = 0;

@@ -1,15 +1,53 @@
 #include "serverprocess.h"
 
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QLocalSocket>
 #include <QRegularExpression>
 #include <QTest>
 
 namespace qorcalib::test {
 
+QString fastHeartbeatEds(const QTemporaryDir& dir)
+{
+    QFile in(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
+    if (!in.open(QIODevice::ReadOnly))
+        return {};
+    QByteArray text = in.readAll();
+    const qsizetype value = text.indexOf("DefaultValue=1000", text.indexOf("[1017]"));
+    if (value < 0)
+        return {};
+    text.replace(value, qsizetype(strlen("DefaultValue=1000")), "DefaultValue=100");
+    const QString path = dir.filePath(QStringLiteral("fast.eds"));
+    QFile out(path);
+    if (!out.open(QIODevice::WriteOnly))
+        return {};
+    out.write(text);
+    return path;
+}
+
+int sessionCount(ServerConnection* connection)
+{
+    QString error;
+    const auto reply = connection->wait(connection->serverWindow()->Sessions(), &error);
+    return reply ? int(reply->value().size()) : -1;
+}
+
+qint64 residentKib(qint64 pid)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').first().toLongLong();
+    return -1;
+}
+
 ServerProcess::ServerProcess() : m_environment(QProcessEnvironment::systemEnvironment())
 {
-    m_environment.insert(QStringLiteral("XDG_CONFIG_HOME"), m_dir.path() + QStringLiteral("/config"));
+    m_environment.insert(QStringLiteral("XDG_CONFIG_HOME"),
+                         m_dir.path() + QStringLiteral("/config"));
 }
 
 void ServerProcess::setHeadless()
@@ -93,6 +131,20 @@ std::unique_ptr<ServerConnection> ServerProcess::connect(int timeoutMs)
     QString error;
     if (!connection->open(address(), timeoutMs, &error)) {
         qWarning("connect: %s", qPrintable(error));
+        return nullptr;
+    }
+    return connection;
+}
+
+std::unique_ptr<ServerConnection> ServerProcess::attach()
+{
+    auto connection = connect();
+    if (!connection)
+        return nullptr;
+    QString error;
+    const auto reply = connection->wait(connection->bus()->Advise(), &error);
+    if (!reply || !reply->error().isEmpty()) {
+        qWarning("attach: %s", qPrintable(reply ? reply->error() : error));
         return nullptr;
     }
     return connection;

@@ -33,15 +33,23 @@ public:
     QProcessEnvironment& environment() { return m_environment; }
     // As a service without a display: no DISPLAY, WAYLAND_DISPLAY or QT_QPA_PLATFORM.
     void setHeadless();
-    QString secretPath() const { return m_dir.path() + QStringLiteral("/config/Qor/qorcalib-server.secret"); }
+    QString secretPath() const
+    {
+        return m_dir.path() + QStringLiteral("/config/Qor/qorcalib-server.secret");
+    }
     // The TCP port the server reported listening on, or 0.
     quint16 waitForTcpPort(int timeoutMs = 5000);
-    ServerAddress address() const { return ServerAddress::fromMachineName("localhost", socketPath()); }
+    ServerAddress address() const
+    {
+        return ServerAddress::fromMachineName("localhost", socketPath());
+    }
     QProcess& process() { return m_process; }
     QString output();
 
     // A connected session, or null with the reason in the test log.
     std::unique_ptr<ServerConnection> connect(int timeoutMs = 5000);
+    // The same, attached (Advise): it gets the bus's frames.
+    std::unique_ptr<ServerConnection> attach();
 
 private:
     QTemporaryDir m_dir;
@@ -49,6 +57,23 @@ private:
     QProcessEnvironment m_environment;
     QString m_output;
 };
+
+// The simulated drive's EDS with a 100 ms heartbeat, so that NMT states show quickly; written
+// into `dir`. Empty when it cannot be written.
+QString fastHeartbeatEds(const QTemporaryDir& dir);
+// The number of sessions the server reports, or -1.
+int sessionCount(ServerConnection* connection);
+// Resident memory of a process in KiB, from /proc; -1 when unknown.
+qint64 residentKib(qint64 pid);
+
+// Waits for and checks a reply that must succeed.
+#define CALL_OK(connection, call)                                                                  \
+    do {                                                                                           \
+        QString callError;                                                                         \
+        const auto reply = (connection)->wait((connection)->call, &callError);                     \
+        QVERIFY2(reply, qPrintable(callError));                                                    \
+        QVERIFY2(reply->error().isEmpty(), qPrintable(reply->error()));                            \
+    } while (0)
 
 // Frames of FilteredRxCan events collected from a session, with helpers to wait for them.
 class FrameRecorder : public QObject

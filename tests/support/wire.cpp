@@ -81,8 +81,8 @@ QByteArray objectList(const QStringList& names)
 
 QByteArray randomPacket(QRandomGenerator& random, const QString& session)
 {
-    static const char* const classes[] = {"QCSBus", "QCSService", "QCSNotify", "QCSBenchBoard",
-                                          "QCSServerWindow", "QCSNope"};
+    static const char* const classes[] = {"QCSBus",        "QCSService",      "QCSNotify",
+                                          "QCSBenchBoard", "QCSServerWindow", "QCSNope"};
     const int pick = random.bounded(10);
     QString name = session + '/' + classes[random.bounded(6)];
     if (pick == 0)
@@ -108,7 +108,8 @@ QByteArray randomPacket(QRandomGenerator& random, const QString& session)
         p = removeObject(name);
         break;
     case 2:
-        p = packet(quint16(random.bounded(14)), string(name) + QByteArray(random.bounded(20), '\1'));
+        p = packet(quint16(random.bounded(14)),
+                   string(name) + QByteArray(random.bounded(20), '\1'));
         break;
     case 3:
         p = invoke(name, random.bounded(-2, 16), args, 1, random.bounded(3) == 0 ? 2 : 0,
@@ -119,7 +120,8 @@ QByteArray randomPacket(QRandomGenerator& random, const QString& session)
     }
     switch (random.bounded(6)) {
     case 0: { // declared size off, up to 2 GiB
-        const quint32 size = random.bounded(2) ? random.generate() & 0x7FFFFFFF : random.bounded(64);
+        const quint32 size =
+            random.bounded(2) ? random.generate() & 0x7FFFFFFF : random.bounded(64);
         p.replace(0, 4, QByteArray(reinterpret_cast<const char*>(&size), 4));
         break;
     }

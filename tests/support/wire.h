@@ -35,8 +35,19 @@ QByteArray objectList(const QStringList& names);
 QByteArray randomPacket(QRandomGenerator& random, const QString& session);
 
 // Method indices of the contract's classes, in the order of their SLOTs.
-enum BusMethod { StartController = 0, Advise = 3, Send = 6, GetControllerCount = 11 };
-enum ServiceMethod { SetSdoTimeout = 2, SdoDownload = 3, SdoUpload = 4 };
+enum BusMethod
+{
+    StartController = 0,
+    Advise = 3,
+    Send = 6,
+    GetControllerCount = 11
+};
+enum ServiceMethod
+{
+    SetSdoTimeout = 2,
+    SdoDownload = 3,
+    SdoUpload = 4
+};
 
 } // namespace wire
 
