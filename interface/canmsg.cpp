@@ -43,6 +43,13 @@ void appendRecord(QByteArray& records, const CanFrame& frame)
     records.append(record, kRecordSize);
 }
 
+int recordLength(const QByteArray& records, int index)
+{
+    if (index < 0 || index >= recordCount(records))
+        return -1;
+    return qFromLittleEndian<qint16>(records.constData() + qsizetype(index) * kRecordSize + 2);
+}
+
 CanFrame recordAt(const QByteArray& records, int index)
 {
     CanFrame frame;

@@ -28,7 +28,11 @@ struct CanFrame
 //   bytes 12-15 Time uint32
 constexpr int kRecordSize = 16;
 void appendRecord(QByteArray& records, const CanFrame& frame);
+// The frame of record `index`; its length clamped to 0..8.
 CanFrame recordAt(const QByteArray& records, int index);
+// The Len field of record `index` as it stands, for a receiver that must refuse a record whose
+// length is not a frame's.
+int recordLength(const QByteArray& records, int index);
 inline int recordCount(const QByteArray& records)
 {
     return int(records.size() / kRecordSize);

@@ -90,7 +90,9 @@ QList<EdsEntry> readEds(const QString& path)
                 edsNumber(ini.value(section, QStringLiteral("SubNumber"), QStringLiteral("0")));
             const QString name = ini.value(section, QStringLiteral("ParameterName"));
             if (subNumber > 0) {
-                for (int s = 1; s <= subNumber && s <= 0xFF; ++s) {
+                // Up to SubNumber itself, also past 0xFF; a count beyond what a list can show is
+                // a damaged file, and stops at 0xFFFF.
+                for (int s = 1; s <= std::min(subNumber, kMaxObjects); ++s) {
                     QString subName = ini.value(
                         section + QStringLiteral("sub") +
                             QString::number(s, 16).toUpper().rightJustified(2, QLatin1Char('0')),
@@ -99,10 +101,10 @@ QList<EdsEntry> readEds(const QString& path)
                         subName = ini.value(section + QStringLiteral("sub") +
                                                 QString::number(s, 16).toUpper(),
                                             QStringLiteral("ParameterName"));
-                    entries.append(
-                        {name + QLatin1Char('\\') + subName, qint32(lenientHexValue(section)), s});
+                    entries.append({name + QLatin1Char('\\') + subName,
+                                    qint32(lenientHexValue(section)), s});
                 }
-            } else {
+            } else if (subNumber == 0) {
                 entries.append({name, index, 0});
             }
         }

@@ -1,5 +1,7 @@
 #include "frmdiagno.h"
 
+#include <algorithm>
+
 #include "canmsg.h"
 #include "windowplacement.h"
 
@@ -134,6 +136,10 @@ void FrmDiagno::receiveRecords(int channel, const QByteArray& records, int count
 {
     count = qMin(count, qorcalib::recordCount(records));
     for (int i = 0; i < count; ++i) {
+        // A length above 8 is no frame: it is dropped, neither traced nor collected.
+        const int length = qorcalib::recordLength(records, i);
+        if (length < 0 || length > 8)
+            continue;
         const qorcalib::CanFrame f = qorcalib::recordAt(records, i);
         receiveFrame(channel, f.id, f.timeUs, f.data.data(), f.len);
     }
@@ -145,6 +151,10 @@ void FrmDiagno::refreshTrace()
     if (!change.replaced && change.added == 0)
         return;
     QScrollBar* bar = edTrace->verticalScrollBar();
+    // The view follows the newest line only while it shows it: a user who scrolled up to read
+    // keeps the lines in view.
+    const bool atBottom = bar->value() >= bar->maximum();
+    const int kept = bar->value();
     QString text = change.replaced ? m_trace.text() : m_trace.text().right(change.added);
     text.replace(QLatin1String("\r\n"), QLatin1String("\n"));
     if (change.replaced) {
@@ -154,8 +164,7 @@ void FrmDiagno::refreshTrace()
         cursor.movePosition(QTextCursor::End);
         cursor.insertText(text);
     }
-    // The view follows the newest line.
-    bar->setValue(bar->maximum());
+    bar->setValue(atBottom ? bar->maximum() : std::min(kept, bar->maximum()));
 }
 
 QString FrmDiagno::screenText() const

@@ -47,7 +47,8 @@ double lenientValue(QStringView text)
             return radixValue(text.mid(2), 8);
         return 0.0;
     }
-    // Longest prefix of the form [sign] digits [. digits] [E [sign] digits].
+    // Longest prefix of the form [sign] digits [. digits]: an exponent is not read, so "1e3"
+    // is 1.
     QString number;
     qsizetype p = 0;
     if (p < text.size() && (text[p] == QLatin1Char('+') || text[p] == QLatin1Char('-')))
@@ -66,19 +67,6 @@ double lenientValue(QStringView text)
     }
     if (!digits)
         return 0.0;
-    if (p < text.size() && text[p].toUpper() == QLatin1Char('E')) {
-        QString exponent = QStringLiteral("e");
-        qsizetype q = p + 1;
-        if (q < text.size() && (text[q] == QLatin1Char('+') || text[q] == QLatin1Char('-')))
-            exponent += text[q++];
-        bool expDigits = false;
-        while (q < text.size() && text[q].isDigit() && text[q].unicode() < 128) {
-            exponent += text[q++];
-            expDigits = true;
-        }
-        if (expDigits)
-            number += exponent;
-    }
     bool ok = false;
     const double value = number.toDouble(&ok);
     return ok && std::isfinite(value) ? value : 0.0;

@@ -6,9 +6,9 @@
 namespace tessel {
 
 // The program's lenient number conversion, used for every number a user types: leading blanks
-// are skipped, then an optional sign and a decimal number (digits, one decimal point, an
-// exponent "E" with digits), or "&H" hexadecimal / "&O" octal digits; reading stops at the
-// first character that does not belong. Empty or unreadable text is 0. Hexadecimal and octal
+// are skipped, then an optional sign and a decimal number (digits and one decimal point; no
+// exponent: "1e3" is 1), or "&H" hexadecimal / "&O" octal digits; reading stops at the first
+// character that does not belong. Empty or unreadable text is 0. Hexadecimal and octal
 // values above 0x7FFFFFFF wrap to negative, as 32-bit two's complement.
 double lenientValue(QStringView text);
 // The same for a hexadecimal text without prefix: the value of "&H" + text.

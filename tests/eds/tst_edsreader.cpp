@@ -26,6 +26,8 @@ private slots:
     void countsBeyondTheKeys_data();
     void countsBeyondTheKeys();
     void mutatedDriveEds();
+    void subNumberRule_data();
+    void subNumberRule();
     void driveEds();
     void browserPutsTheAddress_data();
     void browserPutsTheAddress();
@@ -178,6 +180,36 @@ void TstEdsReader::countsBeyondTheKeys()
     for (const EdsEntry& e : readEds(path))
         found << e.index;
     QCOMPARE(found, indexes);
+}
+
+void TstEdsReader::subNumberRule_data()
+{
+    QTest::addColumn<QByteArray>("supported");
+    QTest::addColumn<QByteArray>("subNumber");
+    QTest::addColumn<int>("entries");
+    QTest::addColumn<int>("lastSubIndex");
+    QTest::newRow("three") << QByteArray("2") << QByteArray("3") << 3 << 3;
+    QTest::newRow("past 0xFF") << QByteArray("2") << QByteArray("300") << 300 << 300;
+    QTest::newRow("zero: the object itself") << QByteArray("2") << QByteArray("0") << 1 << 0;
+    QTest::newRow("negative: nothing") << QByteArray("2") << QByteArray("-1") << 0 << -1;
+    // "1e1" is 1, not ten: only the first key is read, and the object at key 2 is not listed.
+    QTest::newRow("count with an exponent") << QByteArray("1e1") << QByteArray("0") << 0 << -1;
+}
+
+void TstEdsReader::subNumberRule()
+{
+    QFETCH(QByteArray, supported);
+    QFETCH(QByteArray, subNumber);
+    QFETCH(int, entries);
+    QFETCH(int, lastSubIndex);
+    const QList<EdsEntry> e = readEds(write("[OptionalObjects]\nSupportedObjects=" + supported +
+                                            "\n2=0x2100\n[2100]\nParameterName=Table\nSubNumber=" +
+                                            subNumber + "\n[2100sub12C]\nParameterName=Far\n"));
+    QCOMPARE(e.size(), entries);
+    if (lastSubIndex >= 0)
+        QCOMPARE(e.last().subIndex, lastSubIndex);
+    if (lastSubIndex == 300)
+        QCOMPARE(e.last().name, QString("Table\\Far"));
 }
 
 void TstEdsReader::mutatedDriveEds()

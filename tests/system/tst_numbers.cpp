@@ -30,7 +30,8 @@ void TstNumbers::lenientValue_data()
     QTest::newRow("plus") << "+3" << 3.0;
     QTest::newRow("decimal point only once") << "1.2.3" << 1.2;
     QTest::newRow("leading point") << ".5" << 0.5;
-    QTest::newRow("exponent") << "1.5E3" << 1500.0;
+    QTest::newRow("no exponent") << "1.5E3" << 1.5;
+    QTest::newRow("no lower-case exponent") << "1e3" << 1.0;
     QTest::newRow("exponent without digits") << "2E" << 2.0;
     QTest::newRow("comma is not a decimal point") << "3,5" << 3.0;
     QTest::newRow("not a number") << "abc" << 0.0;
