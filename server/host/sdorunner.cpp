@@ -67,6 +67,27 @@ void SdoRunner::dropSession(quint64 session)
     }
 }
 
+bool SdoRunner::cancel(quint64 session, int requestId)
+{
+    if (m_current && m_current->session == session && m_current->requestId == requestId) {
+        if (m_client.isBusy())
+            m_client.abort(quint32(SdoAbort::General));
+        return true;
+    }
+    const auto waiting = std::find_if(m_queue.begin(), m_queue.end(), [&](const Request& r) {
+        return r.session == session && r.requestId == requestId;
+    });
+    if (waiting == m_queue.end())
+        return false;
+    Request request = std::move(*waiting);
+    m_queue.erase(waiting);
+    SdoClient::Result result;
+    result.error = QStringLiteral("SDO transfer cancelled");
+    if (request.done)
+        request.done(result);
+    return true;
+}
+
 std::deque<SdoRunner::Request>::iterator SdoRunner::nextInTurn()
 {
     // The first request of the session numbered next after the last one served, wrapping.

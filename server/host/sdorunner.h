@@ -26,6 +26,7 @@ public:
     struct Request
     {
         quint64 session = 0;
+        int requestId = 0;
         bool upload = true;
         quint8 node = 0;
         quint16 index = 0;
@@ -46,6 +47,10 @@ public:
     // The session went away: its waiting transfers are dropped, its running one is aborted on
     // the bus (abort code 08000000) and reports to nobody.
     void dropSession(quint64 session);
+    // Ends the session's request: a running transfer with an abort on the bus (08000000), a
+    // waiting one at once with the error "SDO transfer cancelled". False when this controller
+    // has no such request.
+    bool cancel(quint64 session, int requestId);
     // The session whose transfer a received frame belongs to, or 0.
     quint64 ownerOf(const CanFrame& frame) const;
 

@@ -200,6 +200,7 @@ public:
     RequestReply StopOnBoot(int, int, int) override { return RequestReply(0, kNotSupported); }
     RequestReply LssInquire(int) override { return RequestReply(0, kNotSupported); }
     RequestReply LssConfigure(int, int, int) override { return RequestReply(0, kNotSupported); }
+    Reply CancelRequest(int requestId) override { return Reply(m_s->cancelRequest(requestId)); }
 
 private:
     Session* m_s;
@@ -421,6 +422,7 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
     const int requestId = m_nextRequest++;
     SdoRunner::Request request;
     request.session = m_id;
+    request.requestId = requestId;
     request.upload = upload;
     request.node = quint8(node);
     request.index = quint16(index);
@@ -437,6 +439,14 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
     if (!error.isEmpty())
         return RequestReply(0, error);
     return RequestReply(requestId, {});
+}
+
+QString Session::cancelRequest(int requestId)
+{
+    for (int c = 0; c < m_core->controllerCount(); ++c)
+        if (m_core->sdoRunner(c)->cancel(m_id, requestId))
+            return {};
+    return QStringLiteral("request %1 is not running in this session").arg(requestId);
 }
 
 quint32 Session::takeOverrun(int controller)

@@ -50,6 +50,7 @@ public:
     // Queues an SDO transfer; its result comes as OperationDone with the returned number.
     RequestReply startSdo(bool upload, int channel, int node, int index, int subIndex,
                           const QByteArray& data);
+    QString cancelRequest(int requestId);
 
 private:
     void onFrames(int controller, const QVector<BusFrame>& frames);

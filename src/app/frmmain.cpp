@@ -2,11 +2,14 @@
 
 #include "canmsg.h"
 #include "frmdiagno.h"
+#include "frmabort.h"
 #include "frmeds.h"
+#include "inputblocker.h"
 #include "machinesettings.h"
 #include "sdopanel.h"
 #include "traceline.h"
 #include "waitcursor.h"
+#include "wheelguard.h"
 
 #include <QApplication>
 #include <QCheckBox>
@@ -23,6 +26,7 @@
 #include <QPushButton>
 #include <QRadioButton>
 #include <QStatusBar>
+#include <QThread>
 #include <QVBoxLayout>
 
 namespace tessel {
@@ -68,6 +72,9 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     connect(&m_link, &CanLink::frameTransmitted, this, &FrmMain::onFrameTransmitted);
     connect(&m_link, &CanLink::progressChanged, this,
             [this](float percent) { prbStato->setValue(qRound(percent)); });
+    connect(&m_link, &CanLink::longWaitStarted, this, &FrmMain::showAbortDialog);
+    connect(&m_link, &CanLink::longWaitEnded, this, &FrmMain::hideAbortDialog);
+    WheelGuard::install();
     connect(&m_link, &CanLink::connectionLost, this, &FrmMain::onConnectionLost);
     tmrStato.setInterval(kStatusIntervalMs);
     connect(&tmrStato, &QTimer::timeout, this, &FrmMain::tmrStato_Timer);
@@ -138,6 +145,8 @@ void FrmMain::buildWindow()
     txtAbort = new QLineEdit(central);
     txtAbort->setObjectName(QStringLiteral("txtAbort"));
     txtAbort->setReadOnly(true);
+    // A result to read and copy, not a field to fill: the Tab key passes it by.
+    txtAbort->setFocusPolicy(Qt::ClickFocus);
     txtAbort->setToolTip(QStringLiteral("Result of the last bus operation: empty when it "
                                         "succeeded, else the SDO abort code or the error"));
     sdoPanel = new SdoPanel(&m_link, txtAbort, txtSDOTimeOut, central);
@@ -182,7 +191,42 @@ void FrmMain::buildWindow()
     prbStato->setRange(0, 100);
     prbStato->setValue(0);
     prbStato->setMaximumWidth(140);
+    prbStato->setToolTip(QStringLiteral("Progress of the running transfer"));
     statusBar()->addPermanentWidget(prbStato);
+    setTabOrderByLayout();
+}
+
+void FrmMain::setTabOrderByLayout()
+{
+    // Row by row, as the window reads: the controller rows, NMT, the SDO panel, the tools.
+    QList<QWidget*> order;
+    for (int i = 0; i < kRows; ++i)
+        order << chkCanEnable[i] << cmbBaud[i] << optSelCanCtrl[i];
+    for (QPushButton* b : cmdNMT)
+        order << b;
+    order << sdoPanel->tabOrder() << cmdDiagno << cmdEDS;
+    for (qsizetype i = 1; i < order.size(); ++i)
+        QWidget::setTabOrder(order[i - 1], order[i]);
+}
+
+void FrmMain::showAbortDialog()
+{
+    if (!m_abort) {
+        m_abort = new FrmAbort(this, centralWidget());
+        connect(m_abort->cmdAbort, &QPushButton::clicked, &m_link, &CanLink::requestAbort);
+    }
+    m_placement.placeNearMain(m_abort, this);
+    m_abort->show();
+    InputBlocker::letThrough(m_abort);
+}
+
+void FrmMain::hideAbortDialog()
+{
+    InputBlocker::letThrough(nullptr);
+    if (m_abort)
+        m_abort->hide();
+    // The bar shows the progress of a transfer while it runs, not the last one's end.
+    prbStato->setValue(0);
 }
 
 void FrmMain::setMessageHandler(std::function<void(const QString&)> handler)
@@ -289,7 +333,12 @@ void FrmMain::formUnload()
         WindowPlacement::saveGeometry(m_monitor, m_monitor->objectName());
     if (m_eds)
         WindowPlacement::saveGeometry(m_eds, m_eds->objectName());
-    QApplication::quit();
+    // Not quit(): that asks every window to close first, and the CAN monitor, which only hides
+    // when closed, would refuse and keep the program running. exit() leaves the event loop at
+    // once; outside one (a window driven by a test) there is nothing to leave, and exit() would
+    // make every later event loop return at once.
+    if (QThread::currentThread()->loopLevel() > 0)
+        QCoreApplication::exit(0);
 }
 
 void FrmMain::closeEvent(QCloseEvent* event)

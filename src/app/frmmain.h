@@ -21,6 +21,7 @@ class QRadioButton;
 namespace tessel {
 
 class FrmDiagno;
+class FrmAbort;
 class FrmEDS;
 class SdoPanel;
 
@@ -90,6 +91,9 @@ protected:
 
 private:
     void buildWindow();
+    void setTabOrderByLayout();
+    void showAbortDialog();
+    void hideAbortDialog();
     void onChangedConfig(int controller, bool enabled, int bitRateIndex);
     void onFramesReceived(int controller, const QByteArray& records, int count);
     void onFrameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
@@ -105,6 +109,7 @@ private:
     WindowPlacement m_placement;
     FrmDiagno* m_monitor = nullptr;
     FrmEDS* m_eds = nullptr;
+    FrmAbort* m_abort = nullptr;
     std::function<void(const QString&)> m_message;
     int m_selected = 0;
     int m_controllerCount = 0;

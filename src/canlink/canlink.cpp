@@ -1,5 +1,7 @@
 #include "canlink.h"
 
+#include "inputblocker.h"
+
 #include "canmsg.h"
 
 #include <QCoreApplication>
@@ -72,7 +74,12 @@ bool CanLink::connectToServer(const QString& answer, QString* error)
     auto* notify = m_connection->notify();
     connect(
         notify, &QCSNotifyReplica::ProgressNotify, this,
-        [this](double fraction) { emit progressChanged(progressPercent(fraction)); },
+        [this](double fraction) {
+            // Progress belongs to the running transfer; a report that arrives after its end
+            // would leave the bar full.
+            if (m_waitLoop)
+                emit progressChanged(progressPercent(fraction));
+        },
         Qt::QueuedConnection);
     connect(notify, &QCSNotifyReplica::FilteredRxCan, this, &CanLink::onFilteredRxCan,
             Qt::QueuedConnection);
@@ -299,8 +306,36 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
         if (r.requestId() == requestId)
             finished = r;
     if (!finished) {
+        QTimer longWait;
+        longWait.setSingleShot(true);
+        bool announced = false;
+        connect(&longWait, &QTimer::timeout, this, [this, &announced] {
+            announced = true;
+            emit longWaitStarted();
+        });
+        longWait.start(kLongWaitMs);
         watchdog.start();
-        loop.exec(QEventLoop::ExcludeUserInputEvents);
+        m_abortRequested = false;
+        m_waitLoop = &loop;
+        {
+            InputBlocker blocker;
+            loop.exec();
+        }
+        m_waitLoop = nullptr;
+        longWait.stop();
+        if (!finished && m_abortRequested && m_connection && m_connection->isConnected()) {
+            // The server aborts the transfer on the bus and reports it at once.
+            QString cancelError;
+            m_connection->wait(m_connection->service()->CancelRequest(requestId), &cancelError);
+            if (!finished) {
+                watchdog.start(kSdoGraceMs);
+                InputBlocker blocker;
+                loop.exec();
+            }
+        }
+        if (announced)
+            emit longWaitEnded();
+        emit progressChanged(0.0f);
     }
     disconnect(doneConnection);
     disconnect(progressConnection);
@@ -312,6 +347,14 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
     result.abortCode = finished->abortCode();
     result.error = finished->error();
     return result;
+}
+
+void CanLink::requestAbort()
+{
+    if (!m_waitLoop)
+        return;
+    m_abortRequested = true;
+    m_waitLoop->quit();
 }
 
 std::optional<CanLink::BenchInfo> CanLink::benchInfo(QString* error)

@@ -3,6 +3,7 @@
 #include "serverconnection.h"
 
 #include <QByteArray>
+#include <QEventLoop>
 #include <QObject>
 #include <QQueue>
 
@@ -67,9 +68,12 @@ public:
     QString send(int controller, quint16 id, int length, const QByteArray& data, bool remote);
 
     // One SDO transfer on a controller: the uploaded bytes, the abort code (0 when none) and
-    // the error description (empty when the call itself worked). The wait lets events run but
-    // no user input; it ends when the server reports the end, when the server goes away, or
-    // when nothing at all happened for the SDO time-out plus kSdoGraceMs.
+    // the error description (empty when the call itself worked). The wait lets events run and
+    // drops the user's input; it ends when the server reports the end, when the server goes
+    // away, or when nothing at all happened for the SDO time-out plus kSdoGraceMs. A wait
+    // longer than kLongWaitMs is announced (longWaitStarted), so that the user can abort it:
+    // requestAbort() has the server abort the transfer on the bus, and the result carries the
+    // abort code it sent.
     struct SdoResult
     {
         QByteArray data;
@@ -77,6 +81,9 @@ public:
         QString error;
     };
     static constexpr int kSdoGraceMs = 5000;
+    static constexpr int kLongWaitMs = 500;
+    // Ends the running wait of sdoTransfer at once (see there); does nothing without one.
+    void requestAbort();
     SdoResult sdoTransfer(int controller, bool upload, int node, int index, int subIndex,
                           const QByteArray& data = {});
     // Both the service's and the bus's setter, so that both sides use it.
@@ -92,6 +99,7 @@ public:
     static float progressPercent(double fraction);
 
 signals:
+    // The running transfer's progress; 0 again when it has ended.
     void progressChanged(float percent);
     // FilteredRxCan, records unpacked by the receiver (qorcalib::recordAt).
     void framesReceived(int controller, const QByteArray& records, int count);
@@ -99,6 +107,9 @@ signals:
     // A frame the server sent for this program and that it did not echo itself.
     void frameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
     void connectionLost();
+    // A transfer has waited kLongWaitMs and still waits; longWaitEnded follows it.
+    void longWaitStarted();
+    void longWaitEnded();
 
 private:
     bool startLocalServer(QString* error);
@@ -131,6 +142,8 @@ private:
     };
     QList<HeldBatch> m_held;
     int m_sdoTimeoutMs = 1000;
+    QEventLoop* m_waitLoop = nullptr; // the running transfer's wait
+    bool m_abortRequested = false;
 };
 
 } // namespace tessel

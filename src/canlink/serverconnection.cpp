@@ -2,6 +2,7 @@
 
 #include "canmsg.h"
 #include "handshake.h"
+#include "inputblocker.h"
 
 #include <QDeadlineTimer>
 #include <QEventLoop>
@@ -159,7 +160,9 @@ bool ServerConnection::waitFor(QRemoteObjectPendingCall& call, int timeoutMs)
     connect(&watcher, &QRemoteObjectPendingCallWatcher::finished, &loop, &QEventLoop::quit);
     connect(this, &ServerConnection::connectionLost, &loop, &QEventLoop::quit);
     QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
-    loop.exec(QEventLoop::ExcludeUserInputEvents);
+    // Input made during the call is dropped: deferred, it would be carried out afterwards.
+    tessel::InputBlocker blocker;
+    loop.exec();
     return call.isFinished() && call.error() == QRemoteObjectPendingCall::NoError;
 }
 

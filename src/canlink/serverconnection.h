@@ -54,8 +54,8 @@ public:
     QCSBenchIoReplica* benchIo() const { return m_io.get(); }
     QCSServerWindowReplica* serverWindow() const { return m_window.get(); }
 
-    // Waits for a reply while events other than user input run. nullopt, with *error set, when
-    // the server is lost or the reply does not come in time.
+    // Waits for a reply while events run; the user's input meanwhile is dropped (InputBlocker).
+    // nullopt, with *error set, when the server is lost or the reply does not come in time.
     template <typename T>
     std::optional<T> wait(QRemoteObjectPendingReply<T> reply, QString* error,
                           int timeoutMs = kDefaultTimeoutMs)

@@ -2,6 +2,9 @@
 
 #include "numbers.h"
 
+#include <algorithm>
+#include <cmath>
+
 namespace tessel {
 
 namespace {
@@ -85,6 +88,42 @@ DataViews viewsOf(const QByteArray& data)
     return v;
 }
 
+qint64 longViewValue(const QString& text)
+{
+    const double value = std::nearbyint(lenientValue(text));
+    return qint64(std::clamp(value, -2147483648.0, 4294967295.0));
+}
+
+QString viewOverflowNote(DataView view, const QString& text)
+{
+    const double value = std::nearbyint(lenientValue(text));
+    struct Range
+    {
+        double low;
+        double high;
+        int bytes;
+        const char* unit;
+    };
+    Range range{0, 0, 0, ""};
+    switch (view) {
+    case DataView::Byte:
+        range = {-128.0, 255.0, 1, "a byte"};
+        break;
+    case DataView::Word:
+        range = {-32768.0, 65535.0, 2, "a word"};
+        break;
+    case DataView::Long:
+        range = {-2147483648.0, 4294967295.0, 4, "a long"};
+        break;
+    default:
+        return {};
+    }
+    if (value >= range.low && value <= range.high)
+        return {};
+    return QStringLiteral("%1 does not fit in %2: %3 is sent")
+        .arg(text.trimmed(), QLatin1String(range.unit), bytesToHex(dataFromView(view, text)));
+}
+
 QByteArray dataFromView(DataView view, const QString& text)
 {
     switch (view) {
@@ -97,7 +136,7 @@ QByteArray dataFromView(DataView view, const QString& text)
     case DataView::Word:
         return numberToText(roundToInt32(lenientValue(text)), 2);
     case DataView::Long:
-        return numberToText(roundToInt32(lenientValue(text)), 4);
+        return numberToText(longViewValue(text), 4);
     }
     return {};
 }

@@ -38,7 +38,13 @@ struct DataViews
     QString longValue;
 };
 DataViews viewsOf(const QByteArray& data);
-// The data an edit of one view stands for.
+// The data an edit of one view stands for. The byte and word views keep the low bytes of what
+// is typed; the long view takes -2147483648..4294967295, a negative number as its two's
+// complement, so that what it shows (unsigned) can be typed back.
 QByteArray dataFromView(DataView view, const QString& text);
+qint64 longViewValue(const QString& text);
+// Empty when the number typed into a byte, word or long view fits it (negative numbers down to
+// the lowest two's complement); else what is sent instead, for the user to see.
+QString viewOverflowNote(DataView view, const QString& text);
 
 } // namespace tessel

@@ -14,6 +14,8 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 
+#include <cmath>
+
 #include <limits>
 
 namespace tessel {
@@ -37,7 +39,11 @@ SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QW
     cmbIndex->setInsertPolicy(QComboBox::NoInsert);
     cmbIndex->setMinimumWidth(140);
     cmbIndex->setToolTip(QStringLiteral("Node, index and sub-index in hexadecimal, e.g. 1,1018,1; "
-                                        "the list holds the addresses used before"));
+                                        "the list holds the addresses used before. Enter "
+                                        "uploads"));
+    // What is typed is what is read or written: the history stays in the list, never
+    // completed into the text.
+    cmbIndex->setCompleter(nullptr);
     txtDataHex = box("txtDataHex", QStringLiteral("The data as hexadecimal byte pairs, first "
                                                   "byte first"));
     txtDataText = box("txtDataText", QStringLiteral("The data as text"));
@@ -46,7 +52,9 @@ SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QW
     txtDataText->setMaxLength(std::numeric_limits<int>::max());
     txtByte = box("txtByte", QStringLiteral("The first byte, decimal"));
     txtWord = box("txtWord", QStringLiteral("The first two bytes, little-endian, decimal"));
-    txtLong = box("txtLong", QStringLiteral("The first four bytes, little-endian, decimal"));
+    txtLong = box("txtLong", QStringLiteral("The first four bytes, little-endian, decimal, shown "
+                                            "unsigned (0 to 4294967295); a negative number is "
+                                            "taken as its two's complement"));
     const auto button = [this](const char* name, const QString& caption, const QString& tip) {
         auto* b = new QPushButton(caption, this);
         b->setObjectName(QLatin1String(name));
@@ -104,9 +112,12 @@ SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QW
     connect(cmdClear, &QPushButton::clicked, this, &SdoPanel::cmdClear_Click);
     connect(cmdGetVect, &QPushButton::clicked, this, &SdoPanel::cmdGetVect_Click);
     connect(cmbIndex, &QComboBox::activated, this, &SdoPanel::cmbIndex_Click);
+    connect(cmbIndex->lineEdit(), &QLineEdit::returnPressed, this, &SdoPanel::cmdUpload_Click);
     const auto view = [this](QLineEdit* edit, DataView v) {
-        connect(edit, &QLineEdit::textEdited, this, [this, v](const QString& text) {
+        m_tips[size_t(v)] = edit->toolTip();
+        connect(edit, &QLineEdit::textEdited, this, [this, edit, v](const QString& text) {
             RefreshViews(dataFromView(v, text), int(v));
+            markOverflow(edit, v, viewOverflowNote(v, text));
         });
     };
     view(txtDataHex, DataView::Hex);
@@ -133,7 +144,29 @@ void SdoPanel::RefreshViews(const QByteArray& data, int source)
         txtWord->setText(v.wordValue);
     if (source != int(DataView::Long))
         txtLong->setText(v.longValue);
+    // A view rewritten from the data shows exactly what is sent.
+    for (auto [edit, view] : {std::pair{txtByte, DataView::Byte}, std::pair{txtWord, DataView::Word},
+                              std::pair{txtLong, DataView::Long}})
+        if (source != int(view))
+            markOverflow(edit, view, {});
     m_updating = false;
+}
+
+QList<QWidget*> SdoPanel::tabOrder() const
+{
+    return {cmbIndex, cmdUpload,  cmdDownload, txtDataHex, cmdClear,      txtDataText,
+            txtByte,  txtWord,    txtLong,     cmdGetVect, chkVHex,       chkVDec,
+            txtVectGet, txtSDOTimeOut, cmdSetSDOTout};
+}
+
+void SdoPanel::markOverflow(QLineEdit* edit, DataView view, const QString& note)
+{
+    QPalette palette = edit->palette();
+    palette.setColor(QPalette::Text, note.isEmpty() ? QWidget::palette().color(QPalette::Text)
+                                                    : QColor(Qt::red));
+    edit->setPalette(palette);
+    edit->setToolTip(note.isEmpty() ? m_tips[size_t(view)] : note);
+    edit->setProperty("overflow", !note.isEmpty());
 }
 
 void SdoPanel::setData(const QByteArray& data)
@@ -217,9 +250,19 @@ void SdoPanel::cmdClear_Click()
 
 void SdoPanel::cmdSetSDOTout_Click()
 {
-    const qint16 timeout = roundToInt16(lenientValue(txtSDOTimeOut->text()));
-    const QString error = m_link->setSdoTimeout(timeout);
+    // A value the server takes (1..65535 ms) is applied as typed; anything else is refused
+    // here, never cut to another value, and the box shows the time-out in force again.
+    const double value = std::nearbyint(lenientValue(txtSDOTimeOut->text()));
+    QString error;
+    if (value < kMinSdoTimeoutMs || value > kMaxSdoTimeoutMs)
+        error = QStringLiteral("SDO time-out '%1' refused: from %2 to %3 ms")
+                    .arg(txtSDOTimeOut->text().trimmed().left(20))
+                    .arg(kMinSdoTimeoutMs)
+                    .arg(kMaxSdoTimeoutMs);
+    else
+        error = m_link->setSdoTimeout(int(value));
     txtAbort->setText(error);
+    txtSDOTimeOut->setText(QString::number(m_link->sdoTimeoutMs()));
 }
 
 void SdoPanel::cmbIndex_Click(int row)

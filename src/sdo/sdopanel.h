@@ -1,9 +1,11 @@
 #pragma once
 
+#include "hexhelpers.h"
 #include "sdoaddress.h"
 
 #include <QGroupBox>
 
+#include <array>
 #include <functional>
 
 class QCheckBox;
@@ -23,6 +25,10 @@ class SdoPanel : public QGroupBox
 {
     Q_OBJECT
 public:
+    // What the server takes as an SDO time-out, in milliseconds.
+    static constexpr int kMinSdoTimeoutMs = 1;
+    static constexpr int kMaxSdoTimeoutMs = 65535;
+
     SdoPanel(CanLink* link, QLineEdit* txtAbort, QLineEdit* txtSDOTimeOut,
              QWidget* parent = nullptr);
 
@@ -60,15 +66,21 @@ public:
     QString SdoRead(const SdoAddress& address, QByteArray* data);
     QString SdoWrite(const SdoAddress& address, const QByteArray& data);
     void setData(const QByteArray& data);
+    // The panel's controls in the order the Tab key visits them: row by row, as they stand.
+    QList<QWidget*> tabOrder() const;
 
 private:
     void RememberAddress(const QString& address, const QString& data);
     void RefreshViews(const QByteArray& data, int source);
     void clearResult();
+    // A byte, word or long view whose typed number does not fit: red, and its tool tip says
+    // what is sent. An empty note takes the mark away.
+    void markOverflow(QLineEdit* edit, DataView view, const QString& note);
 
     CanLink* m_link;
     SdoAddressHistory m_history;
     bool m_updating = false;
+    std::array<QString, 6> m_tips; // the views' own tool tips, by DataView
 };
 
 } // namespace tessel

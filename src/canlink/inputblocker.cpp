@@ -1,0 +1,72 @@
+#include "inputblocker.h"
+
+#include <QCoreApplication>
+#include <QEvent>
+
+namespace tessel {
+
+namespace {
+
+class InputFilter : public QObject
+{
+public:
+    QPointer<QObject> allowed;
+    int depth = 0;
+
+    bool eventFilter(QObject* receiver, QEvent* event) override
+    {
+        switch (event->type()) {
+        case QEvent::MouseButtonPress:
+        case QEvent::MouseButtonRelease:
+        case QEvent::MouseButtonDblClick:
+        case QEvent::KeyPress:
+        case QEvent::KeyRelease:
+        case QEvent::ShortcutOverride:
+        case QEvent::Shortcut:
+        case QEvent::Wheel:
+        case QEvent::TouchBegin:
+        case QEvent::TouchUpdate:
+        case QEvent::TouchEnd:
+        case QEvent::ContextMenu:
+            break;
+        default:
+            return false;
+        }
+        for (QObject* o = receiver; o; o = o->parent())
+            if (o == allowed)
+                return false;
+        return true;
+    }
+};
+
+InputFilter& filter()
+{
+    static InputFilter f;
+    return f;
+}
+
+} // namespace
+
+InputBlocker::InputBlocker()
+{
+    if (filter().depth++ == 0 && QCoreApplication::instance())
+        QCoreApplication::instance()->installEventFilter(&filter());
+}
+
+InputBlocker::~InputBlocker()
+{
+    if (--filter().depth == 0 && QCoreApplication::instance())
+        QCoreApplication::instance()->removeEventFilter(&filter());
+}
+
+void InputBlocker::letThrough(QObject* object)
+{
+    filter().allowed = object;
+}
+
+bool InputBlocker::isBlocking()
+{
+    return filter().depth > 0;
+}
+
+} // namespace tessel

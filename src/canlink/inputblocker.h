@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+
+namespace tessel {
+
+// While an InputBlocker exists, the user's input (mouse buttons, keys, wheel, touch, context
+// menus) is dropped, not queued: a click made while a call to the server waits must not be
+// carried out once it returns. Objects let through (the abort dialog, and what it holds) still
+// take input. Blockers nest.
+class InputBlocker
+{
+public:
+    InputBlocker();
+    ~InputBlocker();
+    InputBlocker(const InputBlocker&) = delete;
+    InputBlocker& operator=(const InputBlocker&) = delete;
+
+    // `object` and its children take input while a blocker exists; null ends it.
+    static void letThrough(QObject* object);
+    static bool isBlocking();
+};
+
+} // namespace tessel
