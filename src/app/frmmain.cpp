@@ -1,8 +1,8 @@
 #include "frmmain.h"
 
 #include "canmsg.h"
-#include "frmdiagno.h"
 #include "frmabort.h"
+#include "frmdiagno.h"
 #include "frmeds.h"
 #include "inputblocker.h"
 #include "machinesettings.h"

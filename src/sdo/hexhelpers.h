@@ -28,7 +28,14 @@ QByteArray hexToBytes(const QString& text);
 QString sdoResultText(quint32 abortCode, const QString& error);
 
 // The five views of the SDO panel's data; `source` is the view being edited (its text stays).
-enum class DataView { Hex = 1, Text = 2, Byte = 3, Word = 4, Long = 5 };
+enum class DataView
+{
+    Hex = 1,
+    Text = 2,
+    Byte = 3,
+    Word = 4,
+    Long = 5
+};
 struct DataViews
 {
     QString hex;

@@ -21,9 +21,7 @@
 namespace tessel {
 
 SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QWidget* parent)
-    : QGroupBox(QStringLiteral("SDO"), parent),
-      txtAbort(abortBox),
-      txtSDOTimeOut(timeoutBox),
+    : QGroupBox(QStringLiteral("SDO"), parent), txtAbort(abortBox), txtSDOTimeOut(timeoutBox),
       m_link(link)
 {
     setObjectName(QStringLiteral("fraSDO"));
@@ -145,8 +143,9 @@ void SdoPanel::RefreshViews(const QByteArray& data, int source)
     if (source != int(DataView::Long))
         txtLong->setText(v.longValue);
     // A view rewritten from the data shows exactly what is sent.
-    for (auto [edit, view] : {std::pair{txtByte, DataView::Byte}, std::pair{txtWord, DataView::Word},
-                              std::pair{txtLong, DataView::Long}})
+    for (auto [edit, view] :
+         {std::pair{txtByte, DataView::Byte}, std::pair{txtWord, DataView::Word},
+          std::pair{txtLong, DataView::Long}})
         if (source != int(view))
             markOverflow(edit, view, {});
     m_updating = false;
@@ -154,16 +153,16 @@ void SdoPanel::RefreshViews(const QByteArray& data, int source)
 
 QList<QWidget*> SdoPanel::tabOrder() const
 {
-    return {cmbIndex, cmdUpload,  cmdDownload, txtDataHex, cmdClear,      txtDataText,
-            txtByte,  txtWord,    txtLong,     cmdGetVect, chkVHex,       chkVDec,
-            txtVectGet, txtSDOTimeOut, cmdSetSDOTout};
+    return {cmbIndex,    cmdUpload, cmdDownload, txtDataHex,    cmdClear,
+            txtDataText, txtByte,   txtWord,     txtLong,       cmdGetVect,
+            chkVHex,     chkVDec,   txtVectGet,  txtSDOTimeOut, cmdSetSDOTout};
 }
 
 void SdoPanel::markOverflow(QLineEdit* edit, DataView view, const QString& note)
 {
     QPalette palette = edit->palette();
-    palette.setColor(QPalette::Text, note.isEmpty() ? QWidget::palette().color(QPalette::Text)
-                                                    : QColor(Qt::red));
+    palette.setColor(QPalette::Text,
+                     note.isEmpty() ? QWidget::palette().color(QPalette::Text) : QColor(Qt::red));
     edit->setPalette(palette);
     edit->setToolTip(note.isEmpty() ? m_tips[size_t(view)] : note);
     edit->setProperty("overflow", !note.isEmpty());
@@ -183,9 +182,9 @@ void SdoPanel::clearResult()
 QString SdoPanel::SdoRead(const SdoAddress& address, QByteArray* data)
 {
     WaitCursor wait;
-    const auto result = m_link->sdoTransfer(selectedController ? selectedController() : 0, true,
-                                            address.node, address.indexBits(),
-                                            address.subIndexByte());
+    const auto result =
+        m_link->sdoTransfer(selectedController ? selectedController() : 0, true, address.node,
+                            address.indexBits(), address.subIndexByte());
     if (result.error.isEmpty() && result.abortCode == 0)
         *data = result.data;
     return sdoResultText(result.abortCode, result.error);
@@ -194,9 +193,9 @@ QString SdoPanel::SdoRead(const SdoAddress& address, QByteArray* data)
 QString SdoPanel::SdoWrite(const SdoAddress& address, const QByteArray& data)
 {
     WaitCursor wait;
-    const auto result = m_link->sdoTransfer(selectedController ? selectedController() : 0, false,
-                                            address.node, address.indexBits(),
-                                            address.subIndexByte(), data);
+    const auto result =
+        m_link->sdoTransfer(selectedController ? selectedController() : 0, false, address.node,
+                            address.indexBits(), address.subIndexByte(), data);
     return sdoResultText(result.abortCode, result.error);
 }
 

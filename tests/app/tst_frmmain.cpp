@@ -5,6 +5,7 @@
 #include "sdopanel.h"
 #include "serverprocess.h"
 #include "startup.h"
+#include "tesselharness.h"
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -22,33 +23,9 @@
 #include <QTest>
 
 using namespace tessel;
+using namespace tessel::test;
 using namespace qorcalib::test;
 
-namespace {
-// A main window on the test's server, with its messages recorded instead of shown.
-struct Tessel
-{
-    explicit Tessel(const QString& socketPath)
-    {
-        window.link()->setLocalSocketPath(socketPath);
-        window.setMessageHandler([this](const QString& text) { messages << text; });
-    }
-    bool load(const QString& answer = QStringLiteral("localhost"))
-    {
-        QString error;
-        if (!window.formLoad(answer, &error)) {
-            qWarning("formLoad: %s", qPrintable(error));
-            loadError = error;
-            return false;
-        }
-        return true;
-    }
-    QString trace() const { return window.monitor()->traceText(); }
-    FrmMain window;
-    QStringList messages;
-    QString loadError;
-};
-} // namespace
 
 class TstFrmMain : public QObject
 {
