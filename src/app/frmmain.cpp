@@ -243,6 +243,7 @@ void FrmMain::showMessage(const QString& text)
 bool FrmMain::formLoad(const QString& answer, QString* error)
 {
     WindowPlacement::restoreGeometry(this, objectName());
+    WindowPlacement::keepOnScreen(this, nullptr);
     m_placement.setReference(pos());
     WaitCursor wait;
     // The lists start at "1000K"; their signals are held until the link runs.

@@ -2,31 +2,69 @@
 
 #include "machinesettings.h"
 
+#include <QScreen>
 #include <QSettings>
 #include <QWidget>
 
+#include <algorithm>
+
 namespace tessel {
+
+QPoint WindowPlacement::onScreen(const QRect& frame, const QRect& available)
+{
+    // Wholly inside where it fits; a window larger than the screen shows its top left corner,
+    // where its title bar and first controls are.
+    const int x = std::max(available.left(),
+                           std::min(frame.left(), available.right() + 1 - frame.width()));
+    const int y = std::max(available.top(),
+                           std::min(frame.top(), available.bottom() + 1 - frame.height()));
+    return {x, y};
+}
+
+void WindowPlacement::keepOnScreen(QWidget* window, const QWidget* mainWindow)
+{
+    const QScreen* screen = mainWindow ? mainWindow->screen() : window->screen();
+    if (!screen)
+        return;
+    // Before the window is first shown its frame is not known yet: the frame of the main
+    // window, which the window manager draws alike, stands in for it.
+    const QWidget* framed = window->isVisible() || !mainWindow ? window : mainWindow;
+    const QMargins frame(framed->geometry().left() - framed->frameGeometry().left(),
+                         framed->geometry().top() - framed->frameGeometry().top(),
+                         framed->frameGeometry().right() - framed->geometry().right(),
+                         framed->frameGeometry().bottom() - framed->geometry().bottom());
+    const QRect outer(window->pos(), window->size().grownBy(frame));
+    const QPoint place = onScreen(outer, screen->availableGeometry());
+    if (place != window->pos())
+        window->move(place);
+}
 
 void WindowPlacement::placeNearMain(QWidget* window, const QWidget* mainWindow) const
 {
     const QPoint shift = mainWindow->pos() - m_reference;
     window->move(window->pos() + shift);
+    keepOnScreen(window, mainWindow);
 }
 
 void WindowPlacement::restoreGeometry(QWidget* window, const QString& key)
 {
     QSettings settings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
                        userSettingsApplication());
-    const QByteArray geometry = settings.value(QStringLiteral("windows/") + key).toByteArray();
-    if (!geometry.isEmpty())
-        window->restoreGeometry(geometry);
+    // The place of the frame and the size of the inside, as saved: a restored window stands
+    // exactly where it stood, where restoring Qt's saved geometry before the window manager
+    // has framed the window shifts it by its title bar at every start.
+    const QRect place = settings.value(QStringLiteral("windows/") + key).toRect();
+    if (place.isValid()) {
+        window->resize(place.size());
+        window->move(place.topLeft());
+    }
 }
 
 void WindowPlacement::saveGeometry(const QWidget* window, const QString& key)
 {
     QSettings settings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
                        userSettingsApplication());
-    settings.setValue(QStringLiteral("windows/") + key, window->saveGeometry());
+    settings.setValue(QStringLiteral("windows/") + key, QRect(window->pos(), window->size()));
 }
 
 } // namespace tessel

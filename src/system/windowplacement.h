@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QPoint>
+#include <QRect>
 #include <QString>
 
 class QWidget;
@@ -14,10 +15,17 @@ class WindowPlacement
 public:
     void setReference(const QPoint& mainWindowPosition) { m_reference = mainWindowPosition; }
     QPoint reference() const { return m_reference; }
-    // Moves a tool window by the main window's displacement since start-up.
+    // Moves a tool window by the main window's displacement since start-up, and then wholly
+    // onto the screen that shows the main window.
     void placeNearMain(QWidget* window, const QWidget* mainWindow) const;
+    // Moves a window, frame included, wholly into the available area of the main window's
+    // screen (or its own, without a main window).
+    static void keepOnScreen(QWidget* window, const QWidget* mainWindow);
+    // Where a frame of that size and place goes to be wholly inside `available`.
+    static QPoint onScreen(const QRect& frame, const QRect& available);
 
-    // Remembered geometry of a window between runs (per-user settings, group "windows").
+    // Remembered place (of the frame) and size of a window between runs (per-user settings,
+    // group "windows"); restoring gives back exactly what was saved.
     static void restoreGeometry(QWidget* window, const QString& key);
     static void saveGeometry(const QWidget* window, const QString& key);
 
