@@ -76,6 +76,8 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     connect(&m_link, &CanLink::longWaitEnded, this, &FrmMain::hideAbortDialog);
     WheelGuard::install();
     connect(&m_link, &CanLink::connectionLost, this, &FrmMain::onConnectionLost);
+    connect(&m_link, &CanLink::reconnected, this, &FrmMain::onReconnected);
+    m_link.restoreSession = [this] { restoreControllers(); };
     tmrStato.setInterval(kStatusIntervalMs);
     connect(&tmrStato, &QTimer::timeout, this, &FrmMain::tmrStato_Timer);
 }
@@ -550,8 +552,31 @@ void FrmMain::onFrameTransmitted(int controller, quint16 id, int length, const Q
 void FrmMain::onConnectionLost()
 {
     sbrStato[0]->setText(ServerConnection::kNotReachable);
-    sbrStato[0]->setToolTip(QStringLiteral("The CAN server went away; restart Tessel to "
-                                           "connect again"));
+    sbrStato[0]->setToolTip(QStringLiteral("The CAN server went away; Tessel connects again at "
+                                           "the next operation"));
+    showMessage(QStringLiteral("The CAN server was lost. Tessel connects again at the next "
+                               "operation and restores the controllers as they were."));
+}
+
+void FrmMain::onReconnected()
+{
+    sbrStato[0]->setText(m_link.isRemote() ? m_link.machineName() : QStringLiteral("localhost"));
+    sbrStato[0]->setToolTip(QStringLiteral("The CAN server this program works with"));
+}
+
+void FrmMain::restoreControllers()
+{
+    // A server started anew has its controllers stopped at their first bit rates: they get
+    // what this window shows.
+    for (int i = 0; i < m_controllerCount; ++i) {
+        if (!chkCanEnable[i]->isChecked())
+            continue;
+        QString error = m_link.setBitRate(i, cmbBaud[i]->currentIndex());
+        if (error.isEmpty())
+            error = m_link.startController(i);
+        if (!error.isEmpty())
+            showMessage(error);
+    }
 }
 
 void FrmMain::keyPressEvent(QKeyEvent* event)

@@ -98,6 +98,8 @@ private:
     void onFramesReceived(int controller, const QByteArray& records, int count);
     void onFrameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
     void onConnectionLost();
+    void onReconnected();
+    void restoreControllers();
     void EnableController(int index);
     void DisableController(int index);
     void ApplyBitRate(int index);

@@ -57,14 +57,22 @@ bool CanLink::connectToServer(const QString& answer, QString* error)
         *error = QStringLiteral("%1: %2").arg(ServerConnection::kNotReachable, m_localSocketError);
         return false;
     }
-    const auto address = qorcalib::ServerAddress::fromMachineName(m_machine, m_localSocketPath);
+    if (!openSession(error))
+        return false;
+    m_everConnected = true;
+    return true;
+}
 
+bool CanLink::openSession(QString* error)
+{
+    const auto address = qorcalib::ServerAddress::fromMachineName(m_machine, m_localSocketPath);
     m_connection = std::make_unique<ServerConnection>();
     m_connection->setSecret(m_secret);
     if (!m_connection->open(address, kConnectTimeoutMs, error)) {
         if (m_remote || !startLocalServer(error))
             return false;
         m_connection = std::make_unique<ServerConnection>();
+        m_connection->setSecret(m_secret);
         if (!m_connection->open(address, kConnectTimeoutMs, error))
             return false;
     }
@@ -86,7 +94,7 @@ bool CanLink::connectToServer(const QString& answer, QString* error)
     connect(notify, &QCSNotifyReplica::ChangedConfig, this, &CanLink::configChanged,
             Qt::QueuedConnection);
     connect(notify, &QCSNotifyReplica::TxCan, this, &CanLink::onTxCan, Qt::QueuedConnection);
-    connect(m_connection.get(), &ServerConnection::connectionLost, this, &CanLink::connectionLost);
+    connect(m_connection.get(), &ServerConnection::connectionLost, this, &CanLink::onLost);
 
     // The service the selector names; the objects of a session are its own, so the name it
     // answers only confirms that the service exists.
@@ -98,6 +106,75 @@ bool CanLink::connectToServer(const QString& answer, QString* error)
         *error = service->error();
         return false;
     }
+    return true;
+}
+
+void CanLink::onLost()
+{
+    // Said once; the link comes back at the next operation (or the next attempt of the main
+    // window's timer).
+    if (!m_lostReported) {
+        m_lostReported = true;
+        emit connectionLost();
+    }
+}
+
+ServerConnection* CanLink::live(QString* error, bool background)
+{
+    if (m_connection && m_connection->isConnected())
+        return m_connection.get();
+    // A poll tries again now and then, an operation the user asked for every time.
+    if (!m_everConnected || m_reconnecting ||
+        (background && m_lastAttempt.isValid() && m_lastAttempt.elapsed() < kRetryMs)) {
+        *error = ServerConnection::kNotReachable;
+        return nullptr;
+    }
+    m_lastAttempt.start();
+    return reconnect(error) ? m_connection.get() : nullptr;
+}
+
+bool CanLink::reconnect(QString* error)
+{
+    if (m_connection && m_connection->isConnected())
+        return true;
+    if (!m_everConnected || m_reconnecting) {
+        *error = ServerConnection::kNotReachable;
+        return false;
+    }
+    m_reconnecting = true;
+    if (!openSession(error)) {
+        m_connection.reset();
+        m_reconnecting = false;
+        return false;
+    }
+    bool ok = true;
+    // The session as it was: its sink attached, its switches and its SDO time-out.
+    const auto restore = [&](auto reply) {
+        if (!ok)
+            return;
+        const auto r = m_connection->wait(reply, error);
+        if (!r || !r->error().isEmpty()) {
+            if (r)
+                *error = r->error();
+            ok = false;
+        }
+    };
+    if (m_advised)
+        restore(m_connection->bus()->Advise());
+    if (m_rxAll)
+        restore(m_connection->bus()->setallrxflag(-1));
+    restore(m_connection->bus()->SetTxNotify(m_txNotify));
+    restore(m_connection->service()->SetSdoTimeout(m_sdoTimeoutMs));
+    restore(m_connection->bus()->SetSdoTimeout(m_sdoTimeoutMs));
+    if (ok && restoreSession)
+        restoreSession();
+    m_reconnecting = false;
+    if (!ok) {
+        m_connection.reset();
+        return false;
+    }
+    m_lostReported = false;
+    emit reconnected();
     return true;
 }
 
@@ -135,10 +212,11 @@ bool CanLink::startLocalServer(QString* error)
 
 #define LINK_CALL(expression)                                                                      \
     do {                                                                                           \
-        if (!m_connection)                                                                         \
-            return ServerConnection::kNotReachable;                                                \
         QString callError;                                                                         \
-        const auto reply = m_connection->wait(m_connection->expression, &callError);               \
+        ServerConnection* c = live(&callError);                                                    \
+        if (!c)                                                                                    \
+            return callError;                                                                      \
+        const auto reply = c->wait(c->expression, &callError);                                     \
         return reply ? reply->error() : callError;                                                 \
     } while (0)
 
@@ -164,22 +242,26 @@ QString CanLink::setBitRate(int controller, int bitRateIndex)
 
 QString CanLink::advise()
 {
+    m_advised = true;
     LINK_CALL(bus()->Advise());
 }
 
 QString CanLink::unadvise()
 {
+    m_advised = false;
     LINK_CALL(bus()->Unadvise());
 }
 
 QString CanLink::setRxAll(bool enable)
 {
+    m_rxAll = enable;
     // -1 receives every frame; 32767 (deliberately not 0) goes back to the filtered stream.
     LINK_CALL(bus()->setallrxflag(enable ? -1 : 32767));
 }
 
 QString CanLink::setTxNotify(bool on)
 {
+    m_txNotify = on;
     LINK_CALL(bus()->SetTxNotify(on));
 }
 
@@ -211,28 +293,29 @@ std::optional<V> valueOf(const std::optional<R>& reply, QString* error, V (R::*g
 
 std::optional<int> CanLink::controllerCount(QString* error)
 {
-    if (!m_connection)
-        return (*error = ServerConnection::kNotReachable, std::nullopt);
-    return valueOf(m_connection->wait(m_connection->bus()->GetControllerCount(), error), error,
-                   &IntReply::value);
+    ServerConnection* c = live(error);
+    if (!c)
+        return std::nullopt;
+    return valueOf(c->wait(c->bus()->GetControllerCount(), error), error, &IntReply::value);
 }
 
 std::optional<quint32> CanLink::status(int controller, QString* error)
 {
-    if (!m_connection)
-        return (*error = ServerConnection::kNotReachable, std::nullopt);
+    ServerConnection* c = live(error, true);
+    if (!c)
+        return std::nullopt;
     const auto value =
-        valueOf(m_connection->wait(m_connection->bus()->GetStatus(controller), error), error,
-                &IntReply::value);
+        valueOf(c->wait(c->bus()->GetStatus(controller), error), error, &IntReply::value);
     return value ? std::optional<quint32>(quint32(*value)) : std::nullopt;
 }
 
 std::optional<int> CanLink::sdoTimeout(QString* error)
 {
-    if (!m_connection)
-        return (*error = ServerConnection::kNotReachable, std::nullopt);
-    const auto value = valueOf(m_connection->wait(m_connection->service()->GetSdoTimeOut(), error),
-                               error, &IntReply::value);
+    ServerConnection* c = live(error);
+    if (!c)
+        return std::nullopt;
+    const auto value =
+        valueOf(c->wait(c->service()->GetSdoTimeOut(), error), error, &IntReply::value);
     if (value)
         m_sdoTimeoutMs = *value;
     return value;
@@ -240,9 +323,9 @@ std::optional<int> CanLink::sdoTimeout(QString* error)
 
 QString CanLink::setSdoTimeout(int milliseconds)
 {
-    if (!m_connection)
-        return ServerConnection::kNotReachable;
     QString error;
+    if (!live(&error))
+        return error;
     const auto service =
         m_connection->wait(m_connection->service()->SetSdoTimeout(milliseconds), &error);
     if (!service)
@@ -261,10 +344,8 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
                                         int subIndex, const QByteArray& data)
 {
     SdoResult result;
-    if (!m_connection || !m_connection->isConnected()) {
-        result.error = ServerConnection::kNotReachable;
+    if (!live(&result.error))
         return result;
-    }
     // Watch for the end before asking, so that a quick answer is not missed.
     std::optional<OperationResult> finished;
     int requestId = -1;
@@ -359,8 +440,8 @@ void CanLink::requestAbort()
 
 std::optional<CanLink::BenchInfo> CanLink::benchInfo(QString* error)
 {
-    if (!m_connection)
-        return (*error = ServerConnection::kNotReachable, std::nullopt);
+    if (!live(error))
+        return std::nullopt;
     const auto reply = m_connection->wait(m_connection->benchBoard()->GetBenchInfo(), error);
     if (!reply)
         return std::nullopt;
@@ -371,8 +452,8 @@ std::optional<CanLink::BenchInfo> CanLink::benchInfo(QString* error)
 
 std::optional<bool> CanLink::shutdownRequested(QString* error)
 {
-    if (!m_connection)
-        return (*error = ServerConnection::kNotReachable, std::nullopt);
+    if (!live(error))
+        return std::nullopt;
     const auto value =
         valueOf(m_connection->wait(m_connection->testConnector()->GetShutdownRequest(), error),
                 error, &IntReply::value);
@@ -381,10 +462,10 @@ std::optional<bool> CanLink::shutdownRequested(QString* error)
 
 QString CanLink::send(int controller, quint16 id, int length, const QByteArray& data, bool remote)
 {
-    if (!m_connection)
-        return ServerConnection::kNotReachable;
-    const CanMsg msg(id, length, remote ? QByteArray() : data.left(8));
     QString error;
+    if (!live(&error))
+        return error;
+    const CanMsg msg(id, length, remote ? QByteArray() : data.left(8));
     ++m_holdFrames;
     const auto reply =
         remote ? m_connection->wait(m_connection->bus()->SendRemote(controller, msg), &error)

@@ -3,10 +3,12 @@
 #include "serverconnection.h"
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QObject>
 #include <QQueue>
 
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -39,6 +41,14 @@ public:
     QString selector() const { return m_selector; }
     bool isConnected() const;
     ServerConnection* connection() const { return m_connection.get(); }
+
+    // After the server was lost, every call first connects again (starting the local server
+    // when it is gone) and restores the session as it was: the sink attached, the receive-all
+    // and transmit-report switches, the SDO time-out, and then whatever restoreSession sets
+    // (the main window's controllers and bit rates). False, with the reason, while the server
+    // cannot be reached.
+    bool reconnect(QString* error);
+    std::function<void()> restoreSession;
 
     // Bus and service calls; errors as descriptions.
     QString startController(int controller);
@@ -106,12 +116,18 @@ signals:
     void configChanged(int controller, bool enabled, int bitRateIndex);
     // A frame the server sent for this program and that it did not echo itself.
     void frameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
+    // The server went away; said once until the link is back (reconnected).
     void connectionLost();
+    void reconnected();
     // A transfer has waited kLongWaitMs and still waits; longWaitEnded follows it.
     void longWaitStarted();
     void longWaitEnded();
 
 private:
+    bool openSession(QString* error);
+    // The connection, connected again when it was lost; null with the reason when it cannot be.
+    ServerConnection* live(QString* error, bool background = false);
+    void onLost();
     bool startLocalServer(QString* error);
     void onTxCan(int controller, const CanMsg& msg);
     void onFilteredRxCan(int controller, const QByteArray& records, int count);
@@ -143,6 +159,15 @@ private:
     QList<HeldBatch> m_held;
     int m_sdoTimeoutMs = 1000;
     QEventLoop* m_waitLoop = nullptr; // the running transfer's wait
+    // What the session had set, to be set again on a new connection.
+    static constexpr int kRetryMs = 2000;
+    QElapsedTimer m_lastAttempt;
+    bool m_everConnected = false;
+    bool m_reconnecting = false;
+    bool m_lostReported = false;
+    bool m_advised = false;
+    bool m_rxAll = false;
+    bool m_txNotify = true;
     bool m_abortRequested = false;
 };
 

@@ -45,6 +45,7 @@ private slots:
     void secondTesselFollowsChangedConfig();
     void filterAndChannelBoxes();
     void serverKilledWhileRunning();
+    void serverRestartedBetweenTwoUploads();
     void promptAnswers_data();
     void promptAnswers();
     void unreachableServerAtStartUp_data();
@@ -289,14 +290,47 @@ void TstFrmMain::serverKilledWhileRunning()
     // Every call ends at once with the description; nothing waits for a time-out.
     QVERIFY(clock.elapsed() < 3000);
     QCOMPARE(t.window.txtAbort->text(), QStringLiteral("Can - send err"));
-    QVERIFY(t.messages.size() >= 2);
-    QVERIFY(t.messages.first().startsWith("CAN server not reachable"));
+    QVERIFY(t.messages.size() >= 3);
+    // The loss is said once; each failed call says why it failed.
+    QVERIFY(t.messages.first().startsWith("The CAN server was lost"));
+    QCOMPARE(t.messages.filter("was lost").size(), 1);
+    QVERIFY(t.messages[1].startsWith("CAN server not reachable"));
     QCOMPARE(t.window.sbrStato[1]->text(), QStringLiteral("?"));
     // The settings are still saved at exit.
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.filePath("killed"));
     t.window.formUnload();
     QVERIFY(QFile::exists(m_settings.filePath("killed/Qor/Qor.Tessel.ini")));
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.filePath("user"));
+}
+
+void TstFrmMain::serverRestartedBetweenTwoUploads()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    t.window.monitor()->chkEnAllRx->setChecked(true);
+    SdoPanel* p = t.window.sdoPanel;
+    p->cmbIndex->setCurrentText("1,1018,1");
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+
+    m_server->kill();
+    QTRY_COMPARE(t.window.sbrStato[0]->text(), QStringLiteral("CAN server not reachable"));
+    QVERIFY(m_server->start({QStringLiteral("--unpaced")}));
+    QTest::qWait(400); // the new drive boots
+    p->cmdClear_Click();
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QCOMPARE(p->txtDataHex->text(), QString("A1030000"));
+    QCOMPARE(t.window.sbrStato[0]->text(), QStringLiteral("localhost"));
+    QCOMPARE(t.messages.filter("was lost").size(), 1);
+    // The session as it was: controller 0 running, the sink attached, receive-all on.
+    auto other = m_server->attach();
+    QVERIFY(other);
+    QString error;
+    QCOMPARE(other->wait(other->serverWindow()->Sessions(), &error)->value().filter("receive-all").size(), 1);
+    const qsizetype before = t.trace().size();
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().mid(before).contains("R0 701 1"), 5000);
 }
 
 void TstFrmMain::promptAnswers_data()
