@@ -26,13 +26,17 @@ void WindowPlacement::keepOnScreen(QWidget* window, const QWidget* mainWindow)
     const QScreen* screen = mainWindow ? mainWindow->screen() : window->screen();
     if (!screen)
         return;
-    // Before the window is first shown its frame is not known yet: the frame of the main
-    // window, which the window manager draws alike, stands in for it.
-    const QWidget* framed = window->isVisible() || !mainWindow ? window : mainWindow;
-    const QMargins frame(framed->geometry().left() - framed->frameGeometry().left(),
-                         framed->geometry().top() - framed->frameGeometry().top(),
-                         framed->frameGeometry().right() - framed->geometry().right(),
-                         framed->frameGeometry().bottom() - framed->geometry().bottom());
+    const auto marginsOf = [](const QWidget* w) {
+        return QMargins(w->geometry().left() - w->frameGeometry().left(),
+                        w->geometry().top() - w->frameGeometry().top(),
+                        w->frameGeometry().right() - w->geometry().right(),
+                        w->frameGeometry().bottom() - w->geometry().bottom());
+    };
+    // Until the window manager has framed the window, its frame is not known: the main
+    // window's frame, which the window manager draws alike, stands in for it.
+    QMargins frame = marginsOf(window);
+    if (frame.isNull() && mainWindow)
+        frame = marginsOf(mainWindow);
     const QRect outer(window->pos(), window->size().grownBy(frame));
     const QPoint place = onScreen(outer, screen->availableGeometry());
     if (place != window->pos())
