@@ -51,6 +51,9 @@ public:
 
 signals:
     void framesReceived(const QVector<qorcalib::BusFrame>& frames);
+    // The device went away, or came back, while the controller was started: what isRunning()
+    // and status() say has changed without a client asking.
+    void availabilityChanged();
 };
 
 } // namespace qorcalib

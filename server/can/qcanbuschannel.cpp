@@ -55,16 +55,36 @@ std::unique_ptr<QCanBusChannel> QCanBusChannel::open(const QString& channelName,
     return channel;
 }
 
+std::unique_ptr<QCanBusChannel> QCanBusChannel::fromDevice(const QString& plugin,
+                                                           const QString& interface,
+                                                           std::unique_ptr<QCanBusDevice> device)
+{
+    return std::unique_ptr<QCanBusChannel>(new QCanBusChannel(plugin, interface, std::move(device)));
+}
+
 QCanBusChannel::QCanBusChannel(QString plugin, QString interface,
                                std::unique_ptr<QCanBusDevice> device)
     : m_plugin(std::move(plugin)), m_interface(std::move(interface)), m_device(std::move(device))
 {
+    m_reconnect.setInterval(kReconnectMs);
+    connect(&m_reconnect, &QTimer::timeout, this, [this] {
+        if (m_started && !deviceConnected() &&
+            m_device->state() == QCanBusDevice::UnconnectedState)
+            m_device->connectDevice();
+    });
+    connect(m_device.get(), &QCanBusDevice::stateChanged, this, &QCanBusChannel::onDeviceState);
     connect(m_device.get(), &QCanBusDevice::framesReceived, this, &QCanBusChannel::readFrames);
     connect(m_device.get(), &QCanBusDevice::framesWritten, this, &QCanBusChannel::framesWritten);
     connect(m_device.get(), &QCanBusDevice::errorOccurred, this,
             [this](QCanBusDevice::CanBusError e) {
                 if (e == QCanBusDevice::ReadError)
                     m_overrun = true;
+                // A device that fails this way is gone until it can be opened again.
+                if (e == QCanBusDevice::ConnectionError && m_started) {
+                    if (m_device->state() != QCanBusDevice::UnconnectedState)
+                        m_device->disconnectDevice();
+                    setLost(true);
+                }
             });
 }
 
@@ -106,25 +126,59 @@ bool QCanBusChannel::start(QString* error)
     m_overrun = false;
     m_written.clear();
     m_budget.clear();
-    return connectAndWait(error);
+    m_started = connectAndWait(error);
+    setLost(false);
+    return m_started;
 }
 
 void QCanBusChannel::stop()
 {
+    m_started = false;
+    setLost(false);
     if (m_device->state() != QCanBusDevice::UnconnectedState)
         m_device->disconnectDevice();
     m_written.clear();
     m_budget.clear();
 }
 
+bool QCanBusChannel::deviceConnected() const
+{
+    return m_device->state() == QCanBusDevice::ConnectedState;
+}
+
+void QCanBusChannel::onDeviceState(QCanBusDevice::CanBusDeviceState state)
+{
+    if (!m_started)
+        return;
+    if (state == QCanBusDevice::UnconnectedState) {
+        // Frames handed to a device that is gone will not be reported sent.
+        m_written.clear();
+        m_budget.clear();
+        setLost(true);
+    } else if (state == QCanBusDevice::ConnectedState) {
+        setLost(false);
+    }
+}
+
+void QCanBusChannel::setLost(bool lost)
+{
+    if (lost)
+        m_reconnect.start();
+    else
+        m_reconnect.stop();
+    if (lost == m_lost)
+        return;
+    m_lost = lost;
+    if (m_started)
+        qWarning("qorcalib-server: controller %s %s", qPrintable(name()),
+                 lost ? "lost its device; trying to open it again every second"
+                      : "has its device again");
+    emit availabilityChanged();
+}
+
 qint64 QCanBusChannel::frameUs(const CanFrame& frame) const
 {
     return qint64(std::ceil(frameDurationUs(frame, bitRateOfIndex(m_bitRateIndex))));
-}
-
-bool QCanBusChannel::isRunning() const
-{
-    return m_device->state() == QCanBusDevice::ConnectedState;
 }
 
 bool QCanBusChannel::setBitRateIndex(int index, QString* error)
@@ -145,8 +199,12 @@ bool QCanBusChannel::setBitRateIndex(int index, QString* error)
 
 bool QCanBusChannel::transmit(const CanFrame& frame, FrameOrigin origin, QString* error)
 {
-    if (!isRunning()) {
+    if (!m_started) {
         *error = QStringLiteral("controller %1 is not started").arg(name());
+        return false;
+    }
+    if (!deviceConnected()) {
+        *error = QStringLiteral("controller %1 has lost its device (bus off)").arg(name());
         return false;
     }
     if (isClientFrame(origin) && !m_budget.admit(sessionOfOrigin(origin), frameUs(frame))) {
@@ -172,8 +230,11 @@ bool QCanBusChannel::transmit(const CanFrame& frame, FrameOrigin origin, QString
 
 quint32 QCanBusChannel::status() const
 {
-    if (!isRunning())
+    if (!m_started)
         return 0;
+    // Without its device the controller is off the bus.
+    if (!deviceConnected())
+        return StatusBusOff | StatusErrorWarning;
     quint32 bits = 0;
     if (m_device->framesToWrite() > 0)
         bits |= StatusTransmitPending;

@@ -5,6 +5,7 @@
 
 #include <QCanBusDevice>
 #include <QQueue>
+#include <QTimer>
 
 #include <memory>
 
@@ -18,12 +19,20 @@ public:
     // Checks that the plugin exists and that the interface can be opened; on failure returns
     // null with a description that names both.
     static std::unique_ptr<QCanBusChannel> open(const QString& channelName, QString* error);
+    // A channel on a device made elsewhere (a test's), not yet connected.
+    static std::unique_ptr<QCanBusChannel> fromDevice(const QString& plugin,
+                                                      const QString& interface,
+                                                      std::unique_ptr<QCanBusDevice> device);
+    // While a started controller's device is gone, it is tried again this often.
+    static constexpr int kReconnectMs = 1000;
     ~QCanBusChannel() override;
 
     QString name() const override { return m_plugin + QLatin1Char(':') + m_interface; }
     bool start(QString* error) override;
     void stop() override;
-    bool isRunning() const override;
+    // Started by a client, whether or not its device is there right now.
+    bool isRunning() const override { return m_started; }
+    bool isLost() const { return m_lost; }
     bool setBitRateIndex(int index, QString* error) override;
     int bitRateIndex() const override { return m_bitRateIndex; }
     bool transmit(const CanFrame& frame, FrameOrigin origin, QString* error) override;
@@ -33,6 +42,9 @@ public:
 private:
     QCanBusChannel(QString plugin, QString interface, std::unique_ptr<QCanBusDevice> device);
     bool connectAndWait(QString* error);
+    bool deviceConnected() const;
+    void onDeviceState(QCanBusDevice::CanBusDeviceState state);
+    void setLost(bool lost);
     void readFrames();
     void framesWritten(qint64 count);
     qint64 frameUs(const CanFrame& frame) const;
@@ -42,6 +54,9 @@ private:
     std::unique_ptr<QCanBusDevice> m_device;
     int m_bitRateIndex = 0;
     bool m_overrun = false;
+    bool m_started = false;
+    bool m_lost = false;
+    QTimer m_reconnect;
     // Origins of frames handed to the device, oldest first, matched to framesWritten.
     QQueue<BusFrame> m_written;
     // Frames the device has not sent yet cannot be taken back: a session that ends only stops

@@ -55,6 +55,11 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
         *error = QStringLiteral("no CAN controller configured");
         return nullptr;
     }
+    // Every session hears when a controller loses its device or gets it back (its status then
+    // reads bus off until the device is there again).
+    for (int c = 0; c < int(core->m_channels.size()); ++c)
+        connect(core->m_channels[c].get(), &CanChannel::availabilityChanged, core.get(),
+                [raw = core.get(), c] { raw->announce(c); });
     // Created before any session, so a runner sees each batch of frames first.
     for (const auto& channel : core->m_channels) {
         core->m_sdoRunners.push_back(std::make_unique<SdoRunner>(channel.get()));
