@@ -64,6 +64,7 @@ private slots:
     void resetNodeWaitsForTheNodeToBoot();
     void resetCommunicationBootsAtOnce();
     void heartbeatPeriodChangeRestartsTimer();
+    void lateTimerKeepsTheGrid();
     void silentWhenUnconfiguredOrUnpowered();
 };
 
@@ -183,6 +184,25 @@ void TstNmtSlave::silentWhenUnconfiguredOrUnpowered()
     n.runUntil(1'000'000);
     QVERIFY(n.take().isEmpty());
     QCOMPARE(n.resetComms, 0);
+}
+
+void TstNmtSlave::lateTimerKeepsTheGrid()
+{
+    // Period 100 ms from 0: the timer fires half a period late once; the beats after it are
+    // on the grid again (200, 300, ...), not 100 ms after the late one.
+    Node node;
+    node.nmt.bootUp(0);
+    node.take();
+    const qint64 first = node.nmt.nextDeadlineUs();
+    node.nmt.onTimer(first + 50000);
+    QCOMPARE(node.take().size(), 1);
+    QCOMPARE(node.nmt.nextDeadlineUs(), first + 100000);
+    node.nmt.onTimer(first + 100000);
+    QCOMPARE(node.nmt.nextDeadlineUs(), first + 200000);
+    // A timer more than a whole period late starts a new grid from now: no burst of beats.
+    node.nmt.onTimer(first + 450000);
+    QCOMPARE(node.take().size(), 2);
+    QCOMPARE(node.nmt.nextDeadlineUs(), first + 550000);
 }
 
 QTEST_APPLESS_MAIN(TstNmtSlave)

@@ -88,6 +88,45 @@ struct Link
     qint64 now = 0;
 };
 
+// A node written out by hand: each frame of the client is answered with the next scripted
+// frame (hexadecimal, on 0x585), until the script ends. The client's frames are logged.
+struct ScriptedNode
+{
+    explicit ScriptedNode(QStringList script)
+        : script(std::move(script)), client([this](const CanFrame& f) { sent << f; })
+    {
+        client.done = [this](const SdoClient::Result& r) { result = r; };
+    }
+    void run()
+    {
+        while (!sent.isEmpty()) {
+            const CanFrame request = sent.takeFirst();
+            log << "> " + hexOf(request);
+            if (script.isEmpty())
+                continue;
+            // A block's segments are not answered one by one: "-" lets a frame pass unanswered.
+            const QString next = script.takeFirst();
+            if (next == QLatin1String("-"))
+                continue;
+            CanFrame answer;
+            answer.id = 0x585;
+            const QByteArray bytes = QByteArray::fromHex(next.toLatin1());
+            answer.len = quint8(bytes.size());
+            for (int i = 0; i < bytes.size() && i < 8; ++i)
+                answer.data[i] = quint8(bytes[i]);
+            log << "< " + hexOf(answer);
+            now += 10000;
+            client.onFrame(answer, now);
+        }
+    }
+    QStringList script;
+    QList<CanFrame> sent;
+    SdoClient client;
+    std::optional<SdoClient::Result> result;
+    QStringList log;
+    qint64 now = 0;
+};
+
 QByteArray pattern(int size)
 {
     QByteArray data(size, '\0');
@@ -121,7 +160,127 @@ private slots:
     void serverForgetsASilentClient();
     void abortInTheMiddleOfABlock();
     void crcKnownValue();
+    void clientFacingAForeignNode_data();
+    void clientFacingAForeignNode();
+    void serverRefusesASegmentPastTheIndicatedSize();
+    void deadlineFollowsEveryFrame_data();
+    void deadlineFollowsEveryFrame();
 };
+
+void TstSdo::clientFacingAForeignNode_data()
+{
+    QTest::addColumn<bool>("upload");
+    QTest::addColumn<bool>("block");
+    QTest::addColumn<int>("size"); // bytes to download
+    QTest::addColumn<QStringList>("script");
+    QTest::addColumn<quint32>("abortCode");
+    QTest::addColumn<QString>("abortFrame"); // the client's last frame
+
+    QTest::newRow("download segment acknowledged with the wrong toggle")
+        << false << false << 20
+        << QStringList{"6040200000000000", "3000000000000000"} << 0x05030000u
+        << "605:80 40 20 00 00 00 03 05";
+    QTest::newRow("upload that announces more than it sends")
+        << true << false << 0
+        << QStringList{"4140200014000000", "0941424300000000"} << 0x06070013u
+        << "605:80 40 20 00 13 00 07 06";
+    QTest::newRow("upload that sends more than it announces")
+        << true << false << 0
+        << QStringList{"4140200002000000", "0941424300000000"} << 0x06070012u
+        << "605:80 40 20 00 12 00 07 06";
+    QTest::newRow("block size 0 offered") << false << true << 30
+                                          << QStringList{"a440200000000000"} << 0x05040002u
+                                          << "605:80 40 20 00 02 00 04 05";
+    QTest::newRow("block size 128 offered") << false << true << 30
+                                            << QStringList{"a440200080000000"} << 0x05040002u
+                                            << "605:80 40 20 00 02 00 04 05";
+    // 30 bytes are 5 segments; the node claims to have received 9.
+    QTest::newRow("sequence number past the segments sent")
+        << false << true << 30
+        << QStringList{"a44020007f000000", "-", "-", "-", "-", "a2097f0000000000"} << 0x05040003u
+        << "605:80 40 20 00 03 00 04 05";
+}
+
+void TstSdo::clientFacingAForeignNode()
+{
+    QFETCH(bool, upload);
+    QFETCH(bool, block);
+    QFETCH(int, size);
+    QFETCH(QStringList, script);
+    QFETCH(quint32, abortCode);
+    QFETCH(QString, abortFrame);
+    ScriptedNode node(script);
+    node.client.setBlockTransfer(block);
+    if (upload)
+        node.client.startUpload(5, 0x2040, 0, 0);
+    else
+        node.client.startDownload(5, 0x2040, 0, pattern(size), 0);
+    node.run();
+    QVERIFY2(node.result, qPrintable(node.log.join('\n')));
+    QCOMPARE(node.result->abortCode, abortCode);
+    QCOMPARE(node.result->data, QByteArray());
+    QCOMPARE(node.log.last(), "> " + abortFrame);
+    QVERIFY(!node.client.isBusy());
+}
+
+void TstSdo::serverRefusesASegmentPastTheIndicatedSize()
+{
+    Store store;
+    QStringList answers;
+    SdoServer server(&store, [&answers](const CanFrame& f) { answers << hexOf(f); });
+    server.setNodeId(5);
+    const auto request = [&server](const char* hex) {
+        CanFrame f;
+        f.id = 0x605;
+        f.len = 8;
+        const QByteArray bytes = QByteArray::fromHex(hex);
+        for (int i = 0; i < 8; ++i)
+            f.data[i] = quint8(bytes[i]);
+        server.onFrame(f, 0);
+    };
+    request("2140200008000000"); // segmented, 8 bytes indicated
+    request("0041424344454647"); // 7 bytes, t=0
+    request("1041424344454647"); // 7 more, t=1, not last: 14 > 8
+    QCOMPARE(answers, (QStringList{"585:60 40 20 00 00 00 00 00", "585:20 00 00 00 00 00 00 00",
+                                   "585:80 40 20 00 12 00 07 06"}));
+    QVERIFY(!store.values.contains({0x2040, 0}));
+}
+
+void TstSdo::deadlineFollowsEveryFrame_data()
+{
+    QTest::addColumn<bool>("block");
+    QTest::newRow("segmented") << false;
+    QTest::newRow("block") << true;
+}
+
+void TstSdo::deadlineFollowsEveryFrame()
+{
+    // 100 ms time-out; every answer comes 60 ms after the frame it answers, so the whole
+    // transfer takes seconds and still never waits longer than the time-out for one answer.
+    QFETCH(bool, block);
+    Link link;
+    link.client.setBlockTransfer(block);
+    link.client.setTimeoutMs(100);
+    const QByteArray data = pattern(block ? 6000 : 700);
+    link.client.startDownload(5, 0x2040, 0, data, 0);
+    while (!link.wire.empty()) {
+        auto [toServer, f] = link.wire.front();
+        link.wire.pop_front();
+        if (!toServer) {
+            link.now += 60000;
+            link.client.onTimer(link.now);
+        }
+        if (toServer)
+            link.server.onFrame(f, link.now);
+        else
+            link.client.onFrame(f, link.now);
+    }
+    QVERIFY(link.result);
+    QCOMPARE(link.result->abortCode, 0u);
+    QCOMPARE(link.result->error, QString());
+    QCOMPARE(link.store.values.value({0x2040, 0}), data);
+    QVERIFY(link.now > 3 * 100000); // several time-outs' worth in all
+}
 
 void TstSdo::roundTrip_data()
 {
