@@ -59,7 +59,8 @@ std::unique_ptr<QCanBusChannel> QCanBusChannel::fromDevice(const QString& plugin
                                                            const QString& interface,
                                                            std::unique_ptr<QCanBusDevice> device)
 {
-    return std::unique_ptr<QCanBusChannel>(new QCanBusChannel(plugin, interface, std::move(device)));
+    return std::unique_ptr<QCanBusChannel>(
+        new QCanBusChannel(plugin, interface, std::move(device)));
 }
 
 QCanBusChannel::QCanBusChannel(QString plugin, QString interface,
@@ -68,8 +69,7 @@ QCanBusChannel::QCanBusChannel(QString plugin, QString interface,
 {
     m_reconnect.setInterval(kReconnectMs);
     connect(&m_reconnect, &QTimer::timeout, this, [this] {
-        if (m_started && !deviceConnected() &&
-            m_device->state() == QCanBusDevice::UnconnectedState)
+        if (m_started && !deviceConnected() && m_device->state() == QCanBusDevice::UnconnectedState)
             m_device->connectDevice();
     });
     connect(m_device.get(), &QCanBusDevice::stateChanged, this, &QCanBusChannel::onDeviceState);

@@ -28,7 +28,8 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
     for (const QString& channelName : config.channels) {
         const int index = int(core->m_channels.size());
         if (channelName == QLatin1String("sim")) {
-            auto* segment = core->m_segments.emplace_back(std::make_unique<SimulatedSegment>()).get();
+            auto* segment =
+                core->m_segments.emplace_back(std::make_unique<SimulatedSegment>()).get();
             segment->setPaced(config.paced);
             const bool withNode = simulated < int(std::size(kSimulatedNodes));
             const int rate = withNode ? kSimulatedNodes[simulated].bitRateIndex : 0;

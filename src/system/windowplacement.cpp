@@ -14,10 +14,10 @@ QPoint WindowPlacement::onScreen(const QRect& frame, const QRect& available)
 {
     // Wholly inside where it fits; a window larger than the screen shows its top left corner,
     // where its title bar and first controls are.
-    const int x = std::max(available.left(),
-                           std::min(frame.left(), available.right() + 1 - frame.width()));
-    const int y = std::max(available.top(),
-                           std::min(frame.top(), available.bottom() + 1 - frame.height()));
+    const int x =
+        std::max(available.left(), std::min(frame.left(), available.right() + 1 - frame.width()));
+    const int y =
+        std::max(available.top(), std::min(frame.top(), available.bottom() + 1 - frame.height()));
     return {x, y};
 }
 

@@ -3,6 +3,7 @@
 // the wheel changes nothing that was not clicked into, addresses are not completed, every view
 // can be typed back, closing the main window ends the program.
 #include "frmabort.h"
+#include "frmdiagno.h"
 #include "sdopanel.h"
 #include "serverprocess.h"
 #include "tesselharness.h"
@@ -15,6 +16,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSettings>
+#include <QSignalSpy>
 #include <QSlider>
 #include <QSpinBox>
 #include <QTemporaryDir>
@@ -62,6 +64,7 @@ private slots:
     void everyViewCanBeTypedBack();
     void closingTheMainWindowEndsTheProgram();
     void tabFollowsTheLayout();
+    void allRxThroughTheMonitor();
 
 private:
     QTemporaryDir m_settings;
@@ -329,6 +332,35 @@ void TstUserIntent::tabFollowsTheLayout()
         QVERIFY2(next > at, qPrintable(name + " out of order in " + visited.join(' ')));
         at = next;
     }
+}
+
+void TstUserIntent::allRxThroughTheMonitor()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    auto other = m_server->attach();
+    QVERIFY(other);
+    QString error;
+    const auto otherUpload = [&] {
+        QSignalSpy done(other->notify(), &QCSNotifyReplica::OperationDone);
+        QVERIFY(other->wait(other->service()->SdoUpload(0, 1, 0x1018, 1), &error));
+        QTRY_COMPARE(done.size(), 1);
+    };
+    // Another session's SDO exchange is its own business...
+    otherUpload();
+    QTest::qWait(200);
+    QVERIFY(!t.trace().contains("R0 581"));
+    // ...until "En All Rx" asks for every frame of the bus.
+    t.window.monitor()->chkEnAllRx->setChecked(true);
+    otherUpload();
+    QTRY_VERIFY(t.trace().contains("R0 601 8") && t.trace().contains("R0 581 8"));
+    t.window.monitor()->chkEnAllRx->setChecked(false);
+    const qsizetype before = t.trace().size();
+    otherUpload();
+    QTest::qWait(200);
+    QVERIFY(!t.trace().mid(before).contains("R0 581"));
+    QVERIFY(t.messages.isEmpty());
 }
 
 QTEST_MAIN(TstUserIntent)

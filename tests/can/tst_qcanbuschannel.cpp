@@ -26,7 +26,8 @@ public:
         if (state() != ConnectedState)
             return false;
         ++written;
-        QMetaObject::invokeMethod(this, [this] { emit framesWritten(1); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this] { emit framesWritten(1); }, Qt::QueuedConnection);
         return true;
     }
     QString interpretErrorFrame(const QCanBusFrame&) override { return {}; }

@@ -22,8 +22,7 @@ QString traceOf(const CanFrame& f)
 struct Node
 {
     explicit Node(quint8 id = 5, quint16 heartbeatMs = 100)
-        : nmt({[this](const CanFrame& f) { sent << traceOf(f); },
-               [this] { ++resetNodes; },
+        : nmt({[this](const CanFrame& f) { sent << traceOf(f); }, [this] { ++resetNodes; },
                [this] { ++resetComms; }})
     {
         nmt.setNodeId(id);

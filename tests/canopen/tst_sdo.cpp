@@ -56,8 +56,12 @@ public:
 struct Link
 {
     Link()
-        : client([this](const CanFrame& f) { wire.push_back({true, f}); }),
-          server(&store, [this](const CanFrame& f) { wire.push_back({false, f}); })
+        : client([this](const CanFrame& f) {
+              wire.push_back({true, f});
+          }),
+          server(&store, [this](const CanFrame& f) {
+              wire.push_back({false, f});
+          })
     {
         server.setNodeId(5);
         client.done = [this](const SdoClient::Result& r) { result = r; };
@@ -163,6 +167,7 @@ private slots:
     void clientFacingAForeignNode_data();
     void clientFacingAForeignNode();
     void serverRefusesASegmentPastTheIndicatedSize();
+    void highestNodeId();
     void deadlineFollowsEveryFrame_data();
     void deadlineFollowsEveryFrame();
 };
@@ -177,23 +182,19 @@ void TstSdo::clientFacingAForeignNode_data()
     QTest::addColumn<QString>("abortFrame"); // the client's last frame
 
     QTest::newRow("download segment acknowledged with the wrong toggle")
-        << false << false << 20
-        << QStringList{"6040200000000000", "3000000000000000"} << 0x05030000u
-        << "605:80 40 20 00 00 00 03 05";
+        << false << false << 20 << QStringList{"6040200000000000", "3000000000000000"}
+        << 0x05030000u << "605:80 40 20 00 00 00 03 05";
     QTest::newRow("upload that announces more than it sends")
-        << true << false << 0
-        << QStringList{"4140200014000000", "0941424300000000"} << 0x06070013u
+        << true << false << 0 << QStringList{"4140200014000000", "0941424300000000"} << 0x06070013u
         << "605:80 40 20 00 13 00 07 06";
     QTest::newRow("upload that sends more than it announces")
-        << true << false << 0
-        << QStringList{"4140200002000000", "0941424300000000"} << 0x06070012u
+        << true << false << 0 << QStringList{"4140200002000000", "0941424300000000"} << 0x06070012u
         << "605:80 40 20 00 12 00 07 06";
-    QTest::newRow("block size 0 offered") << false << true << 30
-                                          << QStringList{"a440200000000000"} << 0x05040002u
-                                          << "605:80 40 20 00 02 00 04 05";
-    QTest::newRow("block size 128 offered") << false << true << 30
-                                            << QStringList{"a440200080000000"} << 0x05040002u
-                                            << "605:80 40 20 00 02 00 04 05";
+    QTest::newRow("block size 0 offered") << false << true << 30 << QStringList{"a440200000000000"}
+                                          << 0x05040002u << "605:80 40 20 00 02 00 04 05";
+    QTest::newRow("block size 128 offered")
+        << false << true << 30 << QStringList{"a440200080000000"} << 0x05040002u
+        << "605:80 40 20 00 02 00 04 05";
     // 30 bytes are 5 segments; the node claims to have received 9.
     QTest::newRow("sequence number past the segments sent")
         << false << true << 30
@@ -244,6 +245,18 @@ void TstSdo::serverRefusesASegmentPastTheIndicatedSize()
     QCOMPARE(answers, (QStringList{"585:60 40 20 00 00 00 00 00", "585:20 00 00 00 00 00 00 00",
                                    "585:80 40 20 00 12 00 07 06"}));
     QVERIFY(!store.values.contains({0x2040, 0}));
+}
+
+void TstSdo::highestNodeId()
+{
+    Link link;
+    link.server.setNodeId(127);
+    link.store.values[{0x1018, 1}] = QByteArray::fromHex("a1030000");
+    link.client.startUpload(127, 0x1018, 1, 0);
+    link.run();
+    QCOMPARE(link.log,
+             (QStringList{"> 67f:a4 18 10 01 7f 04 00 00", "< 5ff:43 18 10 01 a1 03 00 00"}));
+    QCOMPARE(link.result->data, QByteArray::fromHex("a1030000"));
 }
 
 void TstSdo::deadlineFollowsEveryFrame_data()
@@ -329,8 +342,8 @@ void TstSdo::expeditedUploadByHand()
     link.client.startUpload(5, 0x1018, 1, 0);
     link.run();
     // A block upload request with switch threshold 4; the node answers as to a plain upload.
-    QCOMPARE(link.log, (QStringList{"> 605:a4 18 10 01 7f 04 00 00",
-                                    "< 585:43 18 10 01 a1 03 00 00"}));
+    QCOMPARE(link.log,
+             (QStringList{"> 605:a4 18 10 01 7f 04 00 00", "< 585:43 18 10 01 a1 03 00 00"}));
     QCOMPARE(link.result->data, QByteArray::fromHex("a1030000"));
 }
 
@@ -369,15 +382,13 @@ void TstSdo::blockDownloadResendsALostSegment()
     const QStringList expected{
         "> 605:c6 40 20 00 1e 00 00 00", // block, CRC, size 30
         "< 585:a4 40 20 00 7f 00 00 00", // CRC, 127 segments a sub-block
-        "> 605:01 03 0a 11 18 1f 26 2d",
-        "> 605:02 34 3b 42 49 50 57 5e",
+        "> 605:01 03 0a 11 18 1f 26 2d", "> 605:02 34 3b 42 49 50 57 5e",
         "> 605:03 65 6c 73 7a 81 88 8f", // lost
         "> 605:04 96 9d a4 ab b2 b9 c0",
         "> 605:85 c7 ce 00 00 00 00 00", // last
         "< 585:a2 02 7f 00 00 00 00 00", // two taken
         "> 605:01 65 6c 73 7a 81 88 8f", // again from the third, numbered from 1
-        "> 605:02 96 9d a4 ab b2 b9 c0",
-        "> 605:83 c7 ce 00 00 00 00 00",
+        "> 605:02 96 9d a4 ab b2 b9 c0", "> 605:83 c7 ce 00 00 00 00 00",
         "< 585:a2 03 7f 00 00 00 00 00",
     };
     QCOMPARE(link.log.mid(0, expected.size()), expected);
@@ -397,8 +408,8 @@ void TstSdo::blockUploadResendsALostSegment()
     link.client.startUpload(5, 0x2040, 0, 0);
     bool dropped = false;
     link.run([&](bool toServer, CanFrame& f) {
-        if (!toServer && f.data[0] == 0x01 && !dropped && link.client.state() ==
-                                                              SdoClient::State::BlockUploadSegments) {
+        if (!toServer && f.data[0] == 0x01 && !dropped &&
+            link.client.state() == SdoClient::State::BlockUploadSegments) {
             dropped = true;
             return false;
         }
@@ -627,7 +638,8 @@ void TstSdo::crcKnownValue()
     // CRC-16/XMODEM check value.
     QCOMPARE(sdoCrc(QByteArray("123456789")), quint16(0x31C3));
     QCOMPARE(sdoCrc(QByteArray()), quint16(0));
-    QCOMPARE(sdoAbortText(0x06020000), QStringLiteral("Object does not exist in the object dictionary"));
+    QCOMPARE(sdoAbortText(0x06020000),
+             QStringLiteral("Object does not exist in the object dictionary"));
 }
 
 QTEST_APPLESS_MAIN(TstSdo)

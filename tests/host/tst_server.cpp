@@ -1,6 +1,7 @@
 #include "handshake.h"
 #include "serverprocess.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QLocalSocket>
 #include <QRegularExpression>
@@ -42,6 +43,8 @@ private slots:
     void sdoAborts();
     void sdoDomainRoundTrip();
     void sdoSilentNodeTimesOut();
+    void sdoBounds();
+    void sdoLongerThanItsTimeOut();
     void sdoFramesAreTheirSessionsOwn();
     void killedClientIsReaped();
     void sessionRightAfterAnotherEnds();
@@ -358,6 +361,8 @@ void TstServer::badInputIsRefused()
         take(a->wait(a->benchIo()->SetOutput(n(1), true), &error));
     else if (w[0] == "analog")
         take(a->wait(a->benchIo()->ReadAnalog(n(1)), &error));
+    else if (w[0] == "sdo")
+        take(a->wait(a->service()->SdoUpload(0, n(1), 0x1018, 1), &error));
     else if (w[0] == "service")
         take(a->wait(a->connector()->GetService(w[1]), &error));
     QVERIFY2(!description.isEmpty(), "the server accepted it");
@@ -522,6 +527,47 @@ void TstServer::sdoDomainRoundTrip()
     QVERIFY(up->data() == image);
     QTRY_VERIFY(progress.size() > 10);
     QCOMPARE(progress.last().at(0).toDouble(), 1.0);
+}
+
+void TstServer::sdoBounds()
+{
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    CALL_OK(a, service()->SetSdoTimeout(1));
+    CALL_OK(a, service()->SetSdoTimeout(65535));
+    CALL_OK(a, bus()->SetSdoTimeout(1));
+    CALL_OK(a, bus()->SetSdoTimeout(65535));
+    QString error;
+    QCOMPARE(a->wait(a->service()->GetSdoTimeOut(), &error)->value(), 65535);
+    // The highest node-ID is asked (nobody answers it here); one past it is refused above.
+    CALL_OK(a, service()->SetSdoTimeout(50));
+    const auto request = a->wait(a->service()->SdoUpload(0, 127, 0x1018, 1), &error);
+    QVERIFY(request && request->error().isEmpty() && request->requestId() > 0);
+}
+
+void TstServer::sdoLongerThanItsTimeOut()
+{
+    // The bus at its real pace, segmented transfer, a 100 ms time-out: 8 KiB take several
+    // time-outs in all, and succeed because each answer comes in time.
+    QVERIFY(m_server->start({"--eds", fastHeartbeatEds(m_dir), "--sdo-segmented"}));
+    auto a = attach();
+    QVERIFY(a);
+    FrameRecorder frames(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(frames.waitFor(0x701, hex("7f"), 3000));
+    CALL_OK(a, service()->SetSdoTimeout(100));
+    QByteArray data(8 * 1024, '\0');
+    for (int i = 0; i < data.size(); ++i)
+        data[i] = char(i * 13);
+    QElapsedTimer clock;
+    clock.start();
+    const auto written = sdoTransfer(a.get(), false, 1, 0x2040, 0, data);
+    QVERIFY(written);
+    QCOMPARE(written->abortCode(), 0u);
+    QCOMPARE(written->error(), QString());
+    QVERIFY2(clock.elapsed() > 200, qPrintable(QString::number(clock.elapsed())));
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2040, 0)->data(), data);
 }
 
 void TstServer::sdoSilentNodeTimesOut()

@@ -76,18 +76,23 @@ void TstDictionaryAccess::rules_data()
     QTest::newRow("too short") << false << 0x2000 << 0 << le(200, 1) << 0x06070013u;
     QTest::newRow("string too long") << false << 0x2030 << 0 << QByteArray(256, 'x') << 0x06070012u;
     QTest::newRow("string at its limit") << false << 0x2030 << 0 << QByteArray(255, 'x') << 0u;
-    QTest::newRow("domain at its limit") << false << 0x2040 << 0 << QByteArray(1024 * 1024, 'd') << 0u;
-    QTest::newRow("domain past its limit") << false << 0x2040 << 0
-                                           << QByteArray(1024 * 1024 + 1, 'd') << 0x06070012u;
+    QTest::newRow("domain at its limit")
+        << false << 0x2040 << 0 << QByteArray(1024 * 1024, 'd') << 0u;
+    QTest::newRow("domain past its limit")
+        << false << 0x2040 << 0 << QByteArray(1024 * 1024 + 1, 'd') << 0x06070012u;
     // Limits, exactly at them and one beyond, unsigned and signed.
     QTest::newRow("unsigned at its low limit") << false << 0x2000 << 0 << le(100, 2) << 0u;
-    QTest::newRow("unsigned below its low limit") << false << 0x2000 << 0 << le(99, 2) << 0x06090032u;
+    QTest::newRow("unsigned below its low limit")
+        << false << 0x2000 << 0 << le(99, 2) << 0x06090032u;
     QTest::newRow("unsigned at its high limit") << false << 0x2000 << 0 << le(5000, 2) << 0u;
-    QTest::newRow("unsigned above its high limit") << false << 0x2000 << 0 << le(5001, 2) << 0x06090031u;
+    QTest::newRow("unsigned above its high limit")
+        << false << 0x2000 << 0 << le(5001, 2) << 0x06090031u;
     QTest::newRow("signed at its low limit") << false << 0x2001 << 0 << le(-300, 2) << 0u;
-    QTest::newRow("signed below its low limit") << false << 0x2001 << 0 << le(-301, 2) << 0x06090032u;
+    QTest::newRow("signed below its low limit")
+        << false << 0x2001 << 0 << le(-301, 2) << 0x06090032u;
     QTest::newRow("signed at its high limit") << false << 0x2001 << 0 << le(300, 2) << 0u;
-    QTest::newRow("signed above its high limit") << false << 0x2001 << 0 << le(301, 2) << 0x06090031u;
+    QTest::newRow("signed above its high limit")
+        << false << 0x2001 << 0 << le(301, 2) << 0x06090031u;
     QTest::newRow("signed byte -128") << false << 0x2004 << 0 << le(-128, 1) << 0u;
     QTest::newRow("highest unsigned 64") << false << 0x2005 << 0 << le(-1, 8) << 0u;
     QTest::newRow("boolean 1") << false << 0x2003 << 0 << le(1, 1) << 0u;

@@ -39,7 +39,8 @@ void TstWindowPlacement::onScreen_data()
     QTest::newRow("below the bottom") << QRect(200, 900, 720, 420) << QPoint(200, 660);
     QTest::newRow("left of the screen") << QRect(-3000, 10, 720, 420) << QPoint(0, 10);
     QTest::newRow("larger than the screen") << QRect(500, 500, 2500, 1500) << QPoint(0, 0);
-    QTest::newRow("exactly fitting at the corner") << QRect(1200, 660, 720, 420) << QPoint(1200, 660);
+    QTest::newRow("exactly fitting at the corner")
+        << QRect(1200, 660, 720, 420) << QPoint(1200, 660);
 }
 
 void TstWindowPlacement::onScreen()
