@@ -1,5 +1,6 @@
 #include "frmabort.h"
 
+#include <QLabel>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -24,11 +25,15 @@ FrmAbort::FrmAbort(QWidget* mainWindow, QWidget* inputArea)
 {
     setObjectName(QStringLiteral("frmAbort"));
     setWindowTitle(QStringLiteral("Tessel"));
+    auto* text = new QLabel(QStringLiteral("The operation is still running."), this);
     cmdAbort = new QPushButton(QStringLiteral("Abort"), this);
     cmdAbort->setObjectName(QStringLiteral("cmdAbort"));
-    cmdAbort->setToolTip(QStringLiteral("Stop the running operation"));
+    cmdAbort->setToolTip(QStringLiteral("Stop the running operation; a transfer is aborted on "
+                                        "the bus"));
     auto* layout = new QVBoxLayout(this);
-    layout->addWidget(cmdAbort);
+    layout->addWidget(text);
+    layout->addWidget(cmdAbort, 0, Qt::AlignHCenter);
+    setMinimumWidth(260);
     connect(cmdAbort, &QPushButton::clicked, this, [] { setAbortRequested(true); });
 }
 

@@ -27,6 +27,7 @@
 #include <QRadioButton>
 #include <QStatusBar>
 #include <QThread>
+#include <QWindow>
 #include <QVBoxLayout>
 
 namespace tessel {
@@ -217,9 +218,12 @@ void FrmMain::showAbortDialog()
         m_abort = new FrmAbort(this, centralWidget());
         connect(m_abort->cmdAbort, &QPushButton::clicked, &m_link, &CanLink::requestAbort);
     }
-    m_placement.placeNearMain(m_abort, this);
+    // Over the middle of the main window, whose input it takes while it is open.
+    m_abort->adjustSize();
+    m_abort->move(frameGeometry().center() - QPoint(m_abort->width() / 2, m_abort->height() / 2));
+    WindowPlacement::keepOnScreen(m_abort, this);
     m_abort->show();
-    InputBlocker::letThrough(m_abort);
+    InputBlocker::letThrough(m_abort, m_abort->windowHandle());
 }
 
 void FrmMain::hideAbortDialog()

@@ -11,6 +11,7 @@ class InputFilter : public QObject
 {
 public:
     QPointer<QObject> allowed;
+    QPointer<QObject> allowedWindow;
     int depth = 0;
 
     bool eventFilter(QObject* receiver, QEvent* event) override
@@ -32,6 +33,8 @@ public:
         default:
             return false;
         }
+        if (allowedWindow && receiver == allowedWindow)
+            return false;
         for (QObject* o = receiver; o; o = o->parent())
             if (o == allowed)
                 return false;
@@ -59,9 +62,10 @@ InputBlocker::~InputBlocker()
         QCoreApplication::instance()->removeEventFilter(&filter());
 }
 
-void InputBlocker::letThrough(QObject* object)
+void InputBlocker::letThrough(QObject* object, QObject* window)
 {
     filter().allowed = object;
+    filter().allowedWindow = window;
 }
 
 bool InputBlocker::isBlocking()

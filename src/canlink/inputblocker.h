@@ -17,8 +17,10 @@ public:
     InputBlocker(const InputBlocker&) = delete;
     InputBlocker& operator=(const InputBlocker&) = delete;
 
-    // `object` and its children take input while a blocker exists; null ends it.
-    static void letThrough(QObject* object);
+    // `object` and its children take input while a blocker exists, and so does `window`, the
+    // window-system window that receives its input first (for a widget, its windowHandle());
+    // null ends it.
+    static void letThrough(QObject* object, QObject* window = nullptr);
     static bool isBlocking();
 };
 

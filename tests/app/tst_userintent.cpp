@@ -98,11 +98,16 @@ void TstUserIntent::inputDuringAWaitIsDropped()
     QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
 
     // Node 0x7E does not answer: the upload waits its whole time-out (1 s). Meanwhile the user
-    // clicks "Stop" twice and presses Enter on it.
+    // clicks "Stop" twice, as the window system delivers clicks (to the window first), and
+    // presses the space bar on it.
+    t.window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&t.window));
     QTimer::singleShot(200, &t.window, [&t] {
-        QTest::mouseClick(t.window.cmdNMT[1], Qt::LeftButton);
-        QTest::mouseClick(t.window.cmdNMT[1], Qt::LeftButton);
-        QTest::keyClick(t.window.cmdNMT[1], Qt::Key_Space);
+        QPushButton* stop = t.window.cmdNMT[1];
+        const QPoint at = stop->mapTo(&t.window, stop->rect().center());
+        QTest::mouseClick(t.window.windowHandle(), Qt::LeftButton, {}, at);
+        QTest::mouseClick(t.window.windowHandle(), Qt::LeftButton, {}, at);
+        QTest::keyClick(stop, Qt::Key_Space);
     });
     t.window.sdoPanel->cmbIndex->setCurrentText("7e,1018,1");
     QTest::mouseClick(t.window.sdoPanel->cmdUpload, Qt::LeftButton);
@@ -118,6 +123,8 @@ void TstUserIntent::abortEndsTheWaitAndTheTransferOnTheBus()
 {
     Tessel t(m_server->socketPath());
     QVERIFY(t.load());
+    t.window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&t.window));
     auto observer = m_server->attach();
     QVERIFY(observer);
     QString error;
@@ -134,8 +141,10 @@ void TstUserIntent::abortEndsTheWaitAndTheTransferOnTheBus()
         auto* dialog = t.window.findChild<FrmAbort*>();
         dialogShown = dialog && dialog->isVisible();
         mainDisabled = !t.window.centralWidget()->isEnabled();
-        if (dialog)
-            QTest::mouseClick(dialog->cmdAbort, Qt::LeftButton);
+        // Clicked as the window system delivers it: to the dialog's window first.
+        if (dialog && dialog->windowHandle())
+            QTest::mouseClick(dialog->windowHandle(), Qt::LeftButton, {},
+                              dialog->cmdAbort->mapTo(dialog, dialog->cmdAbort->rect().center()));
     });
     p->cmbIndex->setCurrentText("7e,1018,1");
     QElapsedTimer clock;
