@@ -11,7 +11,8 @@ constexpr qint64 kReadPiece = 256 * 1024;
 // Packets handed to the node in one turn of the event loop.
 constexpr int kPacketsPerTurn = 32;
 
-// Size and type of the packet at the start of `buffer`, or -1 while the size is incomplete.
+// The declared size of the packet at the start of `buffer` (type and body), or -1 while the
+// size field is incomplete.
 qint64 declaredSize(const QByteArray& buffer)
 {
     if (buffer.size() < packet::kHeaderSize)
