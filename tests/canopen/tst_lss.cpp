@@ -1,0 +1,473 @@
+#include "lssmaster.h"
+#include "lssslave.h"
+
+#include <QTest>
+
+#include <deque>
+#include <optional>
+
+using namespace qorcalib;
+
+namespace {
+
+QString hexOf(const CanFrame& f)
+{
+    return QStringLiteral("%1:%2")
+        .arg(f.id, 3, 16, QLatin1Char('0'))
+        .arg(QString::fromLatin1(
+            QByteArray(reinterpret_cast<const char*>(f.data.data()), f.len).toHex(' ')));
+}
+
+CanFrame fromHex(quint16 id, const char* hex)
+{
+    CanFrame f;
+    f.id = id;
+    const QByteArray bytes = QByteArray::fromHex(hex);
+    f.len = quint8(bytes.size());
+    for (int i = 0; i < bytes.size() && i < 8; ++i)
+        f.data[i] = quint8(bytes[i]);
+    return f;
+}
+
+const lss::Address kAddress{0x000003A1, 0x00000300, 0x00010002, 0x12345678};
+
+// The master against answers written out by hand: each frame it sends is answered with the
+// next scripted frame on 0x7E4 ("-": not answered; the clock then runs past the time-out).
+struct ScriptedSlave
+{
+    explicit ScriptedSlave(QStringList script)
+        : script(std::move(script)), master([this](const CanFrame& f) { sent << f; })
+    {
+        master.setTimeoutMs(20);
+        master.done = [this](const LssMaster::Result& r) { result = r; };
+    }
+    void run()
+    {
+        for (int guard = 0; guard < 1000 && master.isBusy(); ++guard) {
+            if (sent.isEmpty()) {
+                now = master.nextDeadlineUs();
+                master.onTimer(now);
+                continue;
+            }
+            const CanFrame request = sent.takeFirst();
+            log << "> " + hexOf(request);
+            if (script.isEmpty())
+                continue;
+            const QString next = script.takeFirst();
+            if (next == QLatin1String("-"))
+                continue;
+            const CanFrame answer = fromHex(lss::kSlaveId, next.toLatin1().constData());
+            log << "< " + hexOf(answer);
+            now += 1000;
+            master.onFrame(answer, now);
+        }
+    }
+    QStringList script;
+    QList<CanFrame> sent;
+    LssMaster master;
+    std::optional<LssMaster::Result> result;
+    QStringList log;
+    qint64 now = 0;
+};
+
+// A slave fed frames written out by hand; its answers are logged.
+struct Slave
+{
+    explicit Slave(quint8 nodeId = lss::kUnconfigured, lss::Address address = kAddress)
+        : slave(address, nodeId, 3,
+                {[this](const CanFrame& f) { answers << hexOf(f); },
+                 [this](int rate) { switchedTo = rate; },
+                 [this](quint8 node, int rate) {
+                     stored = {node, rate};
+                     return storeWorks;
+                 }})
+    {
+    }
+    void feed(const char* hex, qint64 nowUs = 0)
+    {
+        slave.onFrame(fromHex(lss::kMasterId, hex), nowUs);
+    }
+    QStringList take()
+    {
+        QStringList out;
+        out.swap(answers);
+        return out;
+    }
+    LssSlave slave;
+    QStringList answers;
+    int switchedTo = -1;
+    std::optional<std::pair<quint8, int>> stored;
+    bool storeWorks = true;
+};
+
+// One master and several slaves on one bus, with a clock: the master's frames reach every
+// slave, every slave's answer reaches the master (identical answers merge into one on a bus).
+struct Bus
+{
+    explicit Bus(const QList<lss::Address>& addresses)
+        : master([this](const CanFrame& f) { toSlaves.push_back(f); })
+    {
+        master.setTimeoutMs(10);
+        master.done = [this](const LssMaster::Result& r) { result = r; };
+        for (const lss::Address& a : addresses)
+            slaves.push_back(std::make_unique<LssSlave>(
+                a, lss::kUnconfigured, 3,
+                LssSlave::Hooks{[this](const CanFrame& f) { toMaster.push_back(f); }, {}, {}}));
+    }
+    LssMaster::Result run()
+    {
+        result.reset();
+        while (master.isBusy()) {
+            if (!toSlaves.empty()) {
+                const CanFrame f = toSlaves.front();
+                toSlaves.pop_front();
+                for (auto& s : slaves)
+                    s->onFrame(f, now);
+                now += 200;
+                continue;
+            }
+            if (!toMaster.empty()) {
+                const CanFrame f = toMaster.front();
+                toMaster.clear(); // the answers of several slaves are one frame on the bus
+                master.onFrame(f, now);
+                continue;
+            }
+            now = master.nextDeadlineUs();
+            master.onTimer(now);
+        }
+        return *result;
+    }
+    LssMaster master;
+    std::vector<std::unique_ptr<LssSlave>> slaves;
+    std::deque<CanFrame> toSlaves;
+    std::deque<CanFrame> toMaster;
+    std::optional<LssMaster::Result> result;
+    qint64 now = 0;
+};
+
+} // namespace
+
+class TstLss : public QObject
+{
+    Q_OBJECT
+private slots:
+    void masterConfirmedServices_data();
+    void masterConfirmedServices();
+    void masterSwitchSelectiveAndInquire();
+    void masterIdentifyCollectsForTheTimeOut();
+    void masterActivateWaitsTwiceTheDelay();
+    void slaveAgainstScriptedMaster();
+    void slaveActivatesAfterTheDelay();
+    void slaveStore_data();
+    void slaveStore();
+    void fastscanFindsEachSlave_data();
+    void fastscanFindsEachSlave();
+    void fastscanStoppedHalfWay();
+};
+
+void TstLss::masterConfirmedServices_data()
+{
+    QTest::addColumn<int>("service"); // 0 node-ID, 1 bit timing, 2 store, 3 inquire node-ID
+    QTest::addColumn<QStringList>("script");
+    QTest::addColumn<QString>("request");
+    QTest::addColumn<QString>("error");
+
+    QTest::newRow("node-ID") << 0 << QStringList{"1100000000000000"}
+                             << "7e5:11 22 00 00 00 00 00 00"
+                             << "";
+    QTest::newRow("node-ID out of range")
+        << 0 << QStringList{"1101000000000000"} << "7e5:11 22 00 00 00 00 00 00"
+        << "LSS error 01: node-ID out of range";
+    QTest::newRow("node-ID, specific error")
+        << 0 << QStringList{"11ff050000000000"} << "7e5:11 22 00 00 00 00 00 00"
+        << "LSS error FF: implementation specific error 05";
+    QTest::newRow("node-ID, no answer") << 0 << QStringList{"-"} << "7e5:11 22 00 00 00 00 00 00"
+                                        << "no LSS slave answered";
+    QTest::newRow("bit timing") << 1 << QStringList{"1300000000000000"}
+                                << "7e5:13 00 02 00 00 00 00 00"
+                                << "";
+    QTest::newRow("bit timing not supported")
+        << 1 << QStringList{"1301000000000000"} << "7e5:13 00 02 00 00 00 00 00"
+        << "LSS error 01: bit timing not supported";
+    QTest::newRow("store") << 2 << QStringList{"1700000000000000"} << "7e5:17 00 00 00 00 00 00 00"
+                           << "";
+    QTest::newRow("store not supported")
+        << 2 << QStringList{"1701000000000000"} << "7e5:17 00 00 00 00 00 00 00"
+        << "LSS error 01: storing the configuration is not supported";
+    QTest::newRow("store failed") << 2 << QStringList{"1702000000000000"}
+                                  << "7e5:17 00 00 00 00 00 00 00"
+                                  << "LSS error 02: storage media access error";
+    QTest::newRow("store, reserved code")
+        << 2 << QStringList{"1707000000000000"} << "7e5:17 00 00 00 00 00 00 00"
+        << "LSS error 07 (reserved)";
+    QTest::newRow("inquire node-ID")
+        << 3 << QStringList{"5e22000000000000"} << "7e5:5e 00 00 00 00 00 00 00"
+        << "";
+    QTest::newRow("inquire node-ID, no answer")
+        << 3 << QStringList{"-"} << "7e5:5e 00 00 00 00 00 00 00"
+        << "no LSS slave answered";
+    // An answer to another service is not the one awaited.
+    QTest::newRow("answer of another service")
+        << 3 << QStringList{"1100000000000000"} << "7e5:5e 00 00 00 00 00 00 00"
+        << "no LSS slave answered";
+}
+
+void TstLss::masterConfirmedServices()
+{
+    QFETCH(int, service);
+    QFETCH(QStringList, script);
+    QFETCH(QString, request);
+    QFETCH(QString, error);
+    ScriptedSlave s(script);
+    if (service == 0)
+        s.master.configureNodeId(0x22, 0);
+    else if (service == 1)
+        s.master.configureBitTiming(2, 0);
+    else if (service == 2)
+        s.master.storeConfiguration(0);
+    else
+        s.master.inquireNodeId(0);
+    s.run();
+    QVERIFY2(s.result, qPrintable(s.log.join('\n')));
+    QCOMPARE(s.log.first(), "> " + request);
+    QCOMPARE(s.result->error, error);
+    if (service == 3 && error.isEmpty())
+        QCOMPARE(s.result->value, 0x22u);
+    // A service that waited in vain took its time-out, no longer.
+    if (error == LssMaster::kNoAnswer)
+        QCOMPARE(s.now, qint64(20000));
+}
+
+void TstLss::masterSwitchSelectiveAndInquire()
+{
+    ScriptedSlave s({"-", "-", "-", "4400000000000000"});
+    s.master.switchSelective(kAddress, 0);
+    s.run();
+    QCOMPARE(s.log, (QStringList{"> 7e5:40 a1 03 00 00 00 00 00", "> 7e5:41 00 03 00 00 00 00 00",
+                                 "> 7e5:42 02 00 01 00 00 00 00", "> 7e5:43 78 56 34 12 00 00 00",
+                                 "< 7e4:44 00 00 00 00 00 00 00"}));
+    QCOMPARE(s.result->error, QString());
+
+    ScriptedSlave q(
+        {"5aa1030000000000", "5b00030000000000", "5c02000100000000", "5d78563412000000"});
+    q.master.inquireAddress(0);
+    q.run();
+    QCOMPARE(q.result->error, QString());
+    QCOMPARE(q.result->address, kAddress);
+
+    ScriptedSlave none({"-", "-", "-", "-"});
+    none.master.switchSelective(kAddress, 0);
+    none.run();
+    QCOMPARE(none.result->error, LssMaster::kNoAnswer);
+}
+
+void TstLss::masterIdentifyCollectsForTheTimeOut()
+{
+    ScriptedSlave one({"4f00000000000000"});
+    one.master.identifyNonConfigured(0);
+    one.run();
+    QCOMPARE(one.log.first(), QString("> 7e5:4c 00 00 00 00 00 00 00"));
+    QVERIFY(!one.result->answered); // 4F is not the answer to 4C: not counted...
+    QCOMPARE(one.result->error, QString());
+    ScriptedSlave right({"5000000000000000"});
+    right.master.identifyNonConfigured(0);
+    right.run();
+    QVERIFY(right.result->answered);    // ...and 50 is
+    QCOMPARE(right.now, qint64(20000)); // answers are collected for the whole time-out
+    ScriptedSlave nobody({"-"});
+    nobody.master.identifyNonConfigured(0);
+    nobody.run();
+    QVERIFY(!nobody.result->answered);
+    QCOMPARE(nobody.result->error, QString());
+
+    ScriptedSlave remote({"-", "-", "-", "-", "-", "4f00000000000000"});
+    remote.master.identifyRemote({0x3A1, 0x300, 0, 0}, {0x3A1, 0x300, 0xFFFFFFFF, 0xFFFFFFFF}, 0);
+    remote.run();
+    QCOMPARE(remote.log.mid(0, 6),
+             (QStringList{"> 7e5:46 a1 03 00 00 00 00 00", "> 7e5:47 00 03 00 00 00 00 00",
+                          "> 7e5:48 00 00 00 00 00 00 00", "> 7e5:49 ff ff ff ff 00 00 00",
+                          "> 7e5:4a 00 00 00 00 00 00 00", "> 7e5:4b ff ff ff ff 00 00 00"}));
+    QVERIFY(remote.result->answered);
+}
+
+void TstLss::masterActivateWaitsTwiceTheDelay()
+{
+    ScriptedSlave s({"-"});
+    s.master.activateBitTiming(300, 0);
+    s.run();
+    QCOMPARE(s.log, QStringList{"> 7e5:15 2c 01 00 00 00 00 00"});
+    QCOMPARE(s.result->error, QString());
+    QCOMPARE(s.now, qint64(600000));
+}
+
+void TstLss::slaveAgainstScriptedMaster()
+{
+    Slave s;
+    // Waiting: configuration services are not for it; non-configured identification is.
+    s.feed("1122000000000000");
+    s.feed("5e00000000000000");
+    QVERIFY(s.take().isEmpty());
+    s.feed("4c00000000000000");
+    QCOMPARE(s.take(), QStringList{"7e4:50 00 00 00 00 00 00 00"});
+    // Switch state selective with a wrong serial number: no answer; with the right one, 44.
+    s.feed("40a1030000000000");
+    s.feed("4100030000000000");
+    s.feed("4202000100000000");
+    s.feed("4379563412000000");
+    QVERIFY(s.take().isEmpty());
+    QCOMPARE(s.slave.state(), LssSlave::State::Waiting);
+    // The parts must come in order.
+    s.feed("4100030000000000");
+    s.feed("40a1030000000000");
+    s.feed("4202000100000000");
+    s.feed("4378563412000000");
+    QVERIFY(s.take().isEmpty());
+    s.feed("40a1030000000000");
+    s.feed("4100030000000000");
+    s.feed("4202000100000000");
+    s.feed("4378563412000000");
+    QCOMPARE(s.take(), QStringList{"7e4:44 00 00 00 00 00 00 00"});
+    QCOMPARE(s.slave.state(), LssSlave::State::Configuration);
+    // Inquiries, then configuration with its error codes.
+    s.feed("5e00000000000000");
+    s.feed("5d00000000000000");
+    QCOMPARE(s.take(), (QStringList{"7e4:5e ff 00 00 00 00 00 00", "7e4:5d 78 56 34 12 00 00 00"}));
+    s.feed("1180000000000000"); // 0x80: out of range
+    s.feed("1100000000000000"); // 0: out of range
+    s.feed("1122000000000000");
+    s.feed("1301020000000000"); // table 1 does not exist
+    s.feed("1300090000000000"); // index 9 is past the list
+    s.feed("1300020000000000");
+    QCOMPARE(s.take(), (QStringList{"7e4:11 01 00 00 00 00 00 00", "7e4:11 01 00 00 00 00 00 00",
+                                    "7e4:11 00 00 00 00 00 00 00", "7e4:13 01 00 00 00 00 00 00",
+                                    "7e4:13 01 00 00 00 00 00 00", "7e4:13 00 00 00 00 00 00 00"}));
+    QCOMPARE(s.slave.pendingNodeId(), quint8(0x22));
+    QCOMPARE(s.slave.activeNodeId(), lss::kUnconfigured); // until the node is reset
+    QCOMPARE(s.slave.pendingBitRate(), 2);
+    // Configured, it takes no part in identifying non-configured nodes once reset.
+    s.slave.applyPendingNodeId();
+    s.feed("0400000000000000");
+    s.feed("4c00000000000000");
+    s.feed("5100000000800000"); // Fastscan reset
+    QVERIFY(s.take().isEmpty());
+    // Identify remote slave: in the ranges, 4F; a serial outside them, nothing.
+    const char* identify[] = {"46a1030000000000", "4700030000000000", "4800000000000000",
+                              "49ffffffff000000", "4a00000000000000", "4bffffffff000000"};
+    for (const char* f : identify)
+        s.feed(f);
+    QCOMPARE(s.take(), QStringList{"7e4:4f 00 00 00 00 00 00 00"});
+    for (const char* f : identify)
+        s.feed(QByteArray(f).replace("4a00000000", "4a79563412").constData());
+    QVERIFY(s.take().isEmpty());
+}
+
+void TstLss::slaveActivatesAfterTheDelay()
+{
+    Slave s;
+    s.feed("0401000000000000");
+    s.feed("1300050000000000");
+    s.take();
+    s.feed("1564000000000000", 1000); // 100 ms
+    QCOMPARE(s.slave.nextDeadlineUs(), qint64(101000));
+    s.slave.onTimer(100999);
+    QCOMPARE(s.switchedTo, -1);
+    s.slave.onTimer(101000);
+    QCOMPARE(s.switchedTo, 5);
+    // Silent for a second delay: asked meanwhile, it does not answer.
+    s.feed("5e00000000000000", 150000);
+    QVERIFY(s.take().isEmpty());
+    s.slave.onTimer(201000);
+    s.feed("5e00000000000000", 201000);
+    QCOMPARE(s.take(), QStringList{"7e4:5e ff 00 00 00 00 00 00"});
+}
+
+void TstLss::slaveStore_data()
+{
+    QTest::addColumn<bool>("supported");
+    QTest::addColumn<bool>("works");
+    QTest::addColumn<QString>("answer");
+    QTest::newRow("stored") << true << true << "7e4:17 00 00 00 00 00 00 00";
+    QTest::newRow("not supported") << false << true << "7e4:17 01 00 00 00 00 00 00";
+    QTest::newRow("storage fails") << true << false << "7e4:17 02 00 00 00 00 00 00";
+}
+
+void TstLss::slaveStore()
+{
+    QFETCH(bool, supported);
+    QFETCH(bool, works);
+    QFETCH(QString, answer);
+    Slave s;
+    s.slave.setStoreSupported(supported);
+    s.storeWorks = works;
+    s.feed("0401000000000000");
+    s.feed("1122000000000000");
+    s.feed("1300020000000000");
+    s.take();
+    s.feed("1700000000000000");
+    QCOMPARE(s.take(), QStringList{answer});
+    if (supported)
+        QCOMPARE(s.stored, (std::pair<quint8, int>{0x22, 2}));
+}
+
+void TstLss::fastscanFindsEachSlave_data()
+{
+    QTest::addColumn<QList<quint32>>("serials");
+    QTest::newRow("one") << QList<quint32>{0x12345678};
+    QTest::newRow("two") << QList<quint32>{0x80000001, 0x00000002};
+    QTest::newRow("three") << QList<quint32>{5, 3, 9};
+}
+
+void TstLss::fastscanFindsEachSlave()
+{
+    QFETCH(QList<quint32>, serials);
+    QList<lss::Address> addresses;
+    for (quint32 serial : serials)
+        addresses.append({kAddress[0], kAddress[1], kAddress[2], serial});
+    Bus bus(addresses);
+    QList<quint32> expected = serials;
+    std::sort(expected.begin(), expected.end());
+    for (quint32 serial : expected) {
+        bus.master.fastscan(bus.now);
+        const LssMaster::Result found = bus.run();
+        QCOMPARE(found.error, QString());
+        QVERIFY(found.answered);
+        QCOMPARE(found.address, (lss::Address{kAddress[0], kAddress[1], kAddress[2], serial}));
+        // Exactly that slave is in configuration state: it alone takes a node-ID.
+        int configuring = 0;
+        for (auto& s : bus.slaves)
+            configuring += s->state() == LssSlave::State::Configuration;
+        QCOMPARE(configuring, 1);
+        bus.master.configureNodeId(quint8(0x20 + configuring), bus.now);
+        QCOMPARE(bus.run().error, QString());
+        bus.master.switchGlobal(false, bus.now);
+        bus.run();
+        for (auto& s : bus.slaves)
+            if (s->pendingNodeId() != lss::kUnconfigured)
+                s->applyPendingNodeId(); // the node's reset
+    }
+    // Every slave has its node-ID: nobody answers any more.
+    bus.master.fastscan(bus.now);
+    const LssMaster::Result none = bus.run();
+    QVERIFY(!none.answered);
+    QCOMPARE(none.error, QString());
+}
+
+void TstLss::fastscanStoppedHalfWay()
+{
+    // The slave answers the reset and the probes of the vendor-ID, then falls silent when the
+    // master confirms the whole vendor-ID.
+    QStringList script{"4f00000000000000"};
+    for (int bit = 31; bit >= 0; --bit)
+        script << ((0x3A1u >> bit) & 1 ? "-" : "4f00000000000000");
+    script << "-";
+    ScriptedSlave s(script);
+    s.master.fastscan(0);
+    s.run();
+    QVERIFY(s.result);
+    QCOMPARE(s.result->error, QString("the LSS slave stopped answering during Fastscan"));
+    QCOMPARE(s.log.first(), QString("> 7e5:51 00 00 00 00 80 00 00"));
+    QVERIFY(s.log.contains("> 7e5:51 a1 03 00 00 00 00 01")); // the vendor-ID, confirmed
+}
+
+QTEST_GUILESS_MAIN(TstLss)
+#include "tst_lss.moc"
