@@ -12,6 +12,18 @@ LssSlave::LssSlave(Address address, quint8 nodeId, int bitRateIndex, Hooks hooks
 {
 }
 
+void LssSlave::restart(quint8 nodeId, int bitRateIndex)
+{
+    m_state = State::Waiting;
+    m_activeNodeId = m_pendingNodeId = nodeId;
+    m_bitRate = m_pendingBitRate = bitRateIndex;
+    m_selectiveStep = 0;
+    m_identifyStep = 0;
+    m_fastscanPos = 0;
+    m_switchAtUs = -1;
+    m_silentUntilUs = -1;
+}
+
 void LssSlave::answer(quint8 command, quint8 byte1, quint8 byte2)
 {
     if (m_hooks.send)

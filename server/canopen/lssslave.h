@@ -41,6 +41,8 @@ public:
     int pendingBitRate() const { return m_pendingBitRate; }
     // A reset of the node takes the pending node-ID (NMT reset node / communication).
     void applyPendingNodeId() { m_activeNodeId = m_pendingNodeId; }
+    // The node was switched on: it runs with this node-ID and bit rate, in waiting state.
+    void restart(quint8 nodeId, int bitRateIndex);
     void setStoreSupported(bool supported) { m_storeSupported = supported; }
 
 private:

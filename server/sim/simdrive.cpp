@@ -16,20 +16,38 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
           [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
           [this] {
               // A reset node restarts the processor: boot loader first, values back to default.
+              m_lss.applyPendingNodeId();
+              takeNodeId(m_lss.activeNodeId());
               m_sdo.reset();
               m_dictionary.restoreDefaults(0x0000, 0xFFFF);
               m_bootTimer.start(kBootLoaderWindowMs);
           },
           [this] {
+              m_lss.applyPendingNodeId();
+              takeNodeId(m_lss.activeNodeId());
               m_sdo.reset();
               m_dictionary.restoreDefaults(0x1000, 0x1FFF);
               applyHeartbeatPeriod();
           }}),
       m_sdo(&m_access, [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); }),
-      m_bitRateIndex(bitRateIndex)
+      m_lss({quint32(m_dictionary.unsignedValue(0x1018, 1, 0)),
+             quint32(m_dictionary.unsignedValue(0x1018, 2, 0)),
+             quint32(m_dictionary.unsignedValue(0x1018, 3, 0)),
+             quint32(m_dictionary.unsignedValue(0x1018, 4, 0))},
+            nodeId, bitRateIndex,
+            LssSlave::Hooks{
+                [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
+                [this](int rate) { m_bitRateIndex = rate; },
+                [this](quint8 node, int rate) {
+                    m_startNodeId = node;
+                    m_startBitRate = rate;
+                    return true;
+                }}),
+      m_bitRateIndex(bitRateIndex),
+      m_startNodeId(nodeId),
+      m_startBitRate(bitRateIndex)
 {
-    m_nmt.setNodeId(nodeId);
-    m_sdo.setNodeId(nodeId);
+    takeNodeId(nodeId);
     m_access.written = [this](quint16 index, quint8) {
         if (index == 0x1017)
             applyHeartbeatPeriod();
@@ -42,6 +60,7 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
         const qint64 now = serverTimeUs();
         m_nmt.onTimer(now);
         m_sdo.onTimer(now);
+        m_lss.onTimer(now);
         rearm();
     });
     m_segment->attach(this);
@@ -63,8 +82,18 @@ void SimDrive::setPowered(bool powered)
     m_sdo.reset();
     // Downloaded values live in RAM: losing power brings back the defaults.
     m_dictionary.restoreDefaults(0x0000, 0xFFFF);
-    if (powered)
+    if (powered) {
+        m_bitRateIndex = m_startBitRate;
+        m_lss.restart(m_startNodeId, m_startBitRate);
+        takeNodeId(m_startNodeId);
         m_bootTimer.start(kBootLoaderWindowMs);
+    }
+}
+
+void SimDrive::takeNodeId(quint8 nodeId)
+{
+    m_nmt.setNodeId(nodeId);
+    m_sdo.setNodeId(nodeId == NmtSlave::kUnconfigured ? 0 : nodeId);
 }
 
 void SimDrive::boot()
@@ -84,6 +113,10 @@ void SimDrive::applyHeartbeatPeriod()
 void SimDrive::receive(const BusFrame& frame)
 {
     const qint64 now = serverTimeUs();
+    if (m_lss.onFrame(frame.frame, now)) {
+        rearm();
+        return;
+    }
     m_nmt.onFrame(frame.frame, now);
     // A stopped node, or one still booting, has no SDO service.
     if (m_nmt.acceptsSdo())
@@ -93,9 +126,10 @@ void SimDrive::receive(const BusFrame& frame)
 
 void SimDrive::rearm()
 {
-    const qint64 nmt = m_nmt.nextDeadlineUs();
-    const qint64 sdo = m_sdo.nextDeadlineUs();
-    const qint64 deadline = nmt < 0 ? sdo : sdo < 0 ? nmt : std::min(nmt, sdo);
+    qint64 deadline = -1;
+    for (const qint64 d : {m_nmt.nextDeadlineUs(), m_sdo.nextDeadlineUs(), m_lss.nextDeadlineUs()})
+        if (d >= 0 && (deadline < 0 || d < deadline))
+            deadline = d;
     if (deadline < 0) {
         m_timer.stop();
         return;
