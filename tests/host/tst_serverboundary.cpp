@@ -263,7 +263,9 @@ void TstServerBoundary::sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod()
             beats.append(f.frame.timeUs);
     QVERIFY2(beats.size() > 20, qPrintable(QString::number(beats.size())));
     for (int i = 1; i < beats.size(); ++i)
-        QVERIFY2(beats[i] - beats[i - 1] < 150000,
+        // Starved by the flood, beats would be seconds apart; a loaded machine may delay one
+        // timer by a period or two, never more.
+        QVERIFY2(beats[i] - beats[i - 1] < 400000,
                  qPrintable(QStringLiteral("heartbeat %1 came %2 us after the one before")
                                 .arg(i)
                                 .arg(beats[i] - beats[i - 1])));
@@ -276,25 +278,35 @@ void TstServerBoundary::endedSessionsFramesAreNotSent()
     QVERIFY(a);
     FrameRecorder frames(a.get());
     CALL_OK(a, bus()->StartController(0));
+    int accepted = 0;
+    int full = 0;
     {
         auto b = m_server->connect();
         QVERIFY(b);
+        // Sent faster than the bus takes them: the session's queue fills up.
         QList<QRemoteObjectPendingReply<Reply>> sent;
-        for (int i = 0; i < 8000; ++i)
+        for (int i = 0; i < 20000; ++i)
             sent.append(b->bus()->Send(0, CanMsg(0x0B0, 8, QByteArray(8, char(i))), 0));
         QString error;
-        QVERIFY(b->wait(sent.last(), &error));
-    } // b leaves with most of a second of frames waiting
+        for (auto& reply : sent) {
+            const auto r = b->wait(reply, &error);
+            QVERIFY2(r, qPrintable(error));
+            (r->error().isEmpty() ? accepted : full) += 1;
+        }
+    } // b leaves with a queue full of frames waiting
+    QVERIFY2(full > 0, "the session's queue never filled up");
     QTRY_COMPARE(sessionCount(a.get()), 1);
     const auto countB = [&] {
-        return std::count_if(frames.received.begin(), frames.received.end(),
-                             [](const auto& f) { return f.frame.id == 0x0B0; });
+        return int(std::count_if(frames.received.begin(), frames.received.end(),
+                                 [](const auto& f) { return f.frame.id == 0x0B0; }));
     };
-    QTest::qWait(100);
-    const auto soonAfter = countB();
-    QTest::qWait(600);
-    QCOMPARE(countB(), soonAfter);
-    QVERIFY(soonAfter < 7000);
+    // Long enough for every accepted frame to have been on the bus, had they all been sent.
+    QTest::qWait(2000);
+    const int onTheBus = countB();
+    QVERIFY2(onTheBus < accepted - 1000,
+             qPrintable(QStringLiteral("%1 of %2 accepted frames were sent").arg(onTheBus).arg(accepted)));
+    QTest::qWait(300);
+    QCOMPARE(countB(), onTheBus);
 }
 
 void TstServerBoundary::killedClientsTransferIsAbortedOnTheBus()
