@@ -54,8 +54,15 @@ bool LssSlave::onFrame(const CanFrame& f, qint64 nowUs)
     const bool configuring = m_state == State::Configuration;
     switch (cs) {
     case SwitchGlobal:
-        if (f.data[1] <= 1)
+        if (f.data[1] <= 1) {
+            const bool leaving = configuring && f.data[1] == 0;
             m_state = f.data[1] == 1 ? State::Configuration : State::Waiting;
+            if (leaving && m_activeNodeId == kUnconfigured && m_pendingNodeId != kUnconfigured) {
+                m_activeNodeId = m_pendingNodeId;
+                if (m_hooks.nodeIdTaken)
+                    m_hooks.nodeIdTaken(m_activeNodeId);
+            }
+        }
         m_selectiveStep = 0;
         break;
     case SwitchSelectiveVendor:

@@ -25,6 +25,9 @@ public:
         std::function<void(int bitRateIndex)> switchBitRate;
         // Keeps the pending node-ID and bit timing across power cycles; false on failure.
         std::function<bool(quint8 nodeId, int bitRateIndex)> store;
+        // A node that had no node-ID got one and was switched back to waiting: it goes on
+        // with its NMT start-up under that node-ID.
+        std::function<void(quint8 nodeId)> nodeIdTaken;
     };
     static constexpr int kBitRates = 9; // table 0: the entries of the bit-rate list
 

@@ -42,6 +42,11 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
                     m_startNodeId = node;
                     m_startBitRate = rate;
                     return true;
+                },
+                [this](quint8 node) {
+                    takeNodeId(node);
+                    m_nmt.bootUp(serverTimeUs());
+                    rearm();
                 }}),
       m_bitRateIndex(bitRateIndex),
       m_startNodeId(nodeId),

@@ -80,7 +80,8 @@ struct Slave
                  [this](quint8 node, int rate) {
                      stored = {node, rate};
                      return storeWorks;
-                 }})
+                 },
+                 [this](quint8) { ++taken; }})
     {
     }
     void feed(const char* hex, qint64 nowUs = 0)
@@ -98,6 +99,7 @@ struct Slave
     int switchedTo = -1;
     std::optional<std::pair<quint8, int>> stored;
     bool storeWorks = true;
+    int taken = 0;
 };
 
 // One master and several slaves on one bus, with a clock: the master's frames reach every
@@ -112,7 +114,7 @@ struct Bus
         for (const lss::Address& a : addresses)
             slaves.push_back(std::make_unique<LssSlave>(
                 a, lss::kUnconfigured, 3,
-                LssSlave::Hooks{[this](const CanFrame& f) { toMaster.push_back(f); }, {}, {}}));
+                LssSlave::Hooks{[this](const CanFrame& f) { toMaster.push_back(f); }, {}, {}, {}}));
     }
     LssMaster::Result run()
     {
@@ -344,9 +346,10 @@ void TstLss::slaveAgainstScriptedMaster()
     QCOMPARE(s.slave.pendingNodeId(), quint8(0x22));
     QCOMPARE(s.slave.activeNodeId(), lss::kUnconfigured); // until the node is reset
     QCOMPARE(s.slave.pendingBitRate(), 2);
-    // Configured, it takes no part in identifying non-configured nodes once reset.
-    s.slave.applyPendingNodeId();
+    // Back to waiting, a node that had no node-ID takes the new one and starts up with it.
     s.feed("0400000000000000");
+    QCOMPARE(s.slave.activeNodeId(), quint8(0x22));
+    QCOMPARE(s.taken, 1);
     s.feed("4c00000000000000");
     s.feed("5100000000800000"); // Fastscan reset
     QVERIFY(s.take().isEmpty());
