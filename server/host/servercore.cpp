@@ -1,5 +1,6 @@
 #include "servercore.h"
 
+#include "lssrunner.h"
 #include "objectdictionary.h"
 #include "qcanbuschannel.h"
 #include "sdorunner.h"
@@ -66,6 +67,8 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
         core->m_sdoRunners.push_back(std::make_unique<SdoRunner>(channel.get()));
         core->m_sdoRunners.back()->setBlockTransfer(config.sdoBlockTransfer);
     }
+    for (int c = 0; c < int(core->m_channels.size()); ++c)
+        core->m_lssRunners.push_back(std::make_unique<LssRunner>(core.get(), c));
     ServerCore* raw = core.get();
     connect(core->m_bench.get(), &SimBench::drivePowerChanged, raw, [raw](bool powered) {
         for (const auto& drive : raw->m_drives)
@@ -93,6 +96,12 @@ SimulatedSegment* ServerCore::segment(int controller) const
 SdoRunner* ServerCore::sdoRunner(int controller) const
 {
     return controller >= 0 && controller < controllerCount() ? m_sdoRunners[controller].get()
+                                                             : nullptr;
+}
+
+LssRunner* ServerCore::lssRunner(int controller) const
+{
+    return controller >= 0 && controller < controllerCount() ? m_lssRunners[controller].get()
                                                              : nullptr;
 }
 

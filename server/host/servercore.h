@@ -11,6 +11,7 @@
 
 namespace qorcalib {
 
+class LssRunner;
 class SdoRunner;
 class SimulatedSegment;
 class SimDrive;
@@ -28,7 +29,7 @@ public:
         QStringList channels{QStringLiteral("sim"), QStringLiteral("sim")};
         SimBench::Identity bench;
         bool paced = true;
-        QString edsPath; // the simulated drive's EDS
+        QString edsPath;              // the simulated drive's EDS
         bool sdoBlockTransfer = true; // false: segmented only, even where a node offers block
     };
 
@@ -42,6 +43,7 @@ public:
     SimBench* bench() const { return m_bench.get(); }
     SimulatedSegment* segment(int controller) const;
     SdoRunner* sdoRunner(int controller) const;
+    LssRunner* lssRunner(int controller) const;
     SimDrive* drive(int i) const
     {
         return i >= 0 && i < int(m_drives.size()) ? m_drives[i].get() : nullptr;
@@ -70,6 +72,7 @@ private:
     std::vector<std::unique_ptr<CanChannel>> m_channels;
     std::vector<std::unique_ptr<SimDrive>> m_drives;
     std::vector<std::unique_ptr<SdoRunner>> m_sdoRunners;
+    std::vector<std::unique_ptr<LssRunner>> m_lssRunners;
     bool m_shutdownRequested = false;
 };
 

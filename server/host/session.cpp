@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include "lssrunner.h"
 #include "rep_qorcalib_source.h"
 #include "sdorunner.h"
 #include "servercore.h"
@@ -198,8 +199,11 @@ public:
         return m_s->startSdo(true, channel, node, index, subIndex, {});
     }
     RequestReply StopOnBoot(int, int, int) override { return RequestReply(0, kNotSupported); }
-    RequestReply LssInquire(int) override { return RequestReply(0, kNotSupported); }
-    RequestReply LssConfigure(int, int, int) override { return RequestReply(0, kNotSupported); }
+    RequestReply LssInquire(int channel) override { return m_s->startLss(channel, false, 0, 0); }
+    RequestReply LssConfigure(int channel, int nodeId, int bitRateIndex) override
+    {
+        return m_s->startLss(channel, true, nodeId, bitRateIndex);
+    }
     Reply CancelRequest(int requestId) override { return Reply(m_s->cancelRequest(requestId)); }
 
 private:
@@ -369,6 +373,7 @@ Session::~Session()
 {
     for (int c = 0; c < m_core->controllerCount(); ++c) {
         m_core->sdoRunner(c)->dropSession(m_id);
+        m_core->lssRunner(c)->dropSession(m_id);
         m_core->channel(c)->dropSession(m_id);
     }
     if (m_node)
@@ -436,6 +441,32 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
             OperationResult(requestId, result.data, 0, result.abortCode, result.error));
     };
     error = m_core->sdoRunner(channel)->submit(std::move(request));
+    if (!error.isEmpty())
+        return RequestReply(0, error);
+    return RequestReply(requestId, {});
+}
+
+RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitRateIndex)
+{
+    QString error = m_core->checkController(channel);
+    if (error.isEmpty() && configure && (nodeId < 1 || nodeId > 127))
+        error = QStringLiteral("node-ID 0x%1 out of range (1..0x7F)")
+                    .arg(QString::number(nodeId, 16).toUpper());
+    if (!error.isEmpty())
+        return RequestReply(0, error);
+    const int requestId = m_nextRequest++;
+    LssRunner::Request request;
+    request.session = m_id;
+    request.configure = configure;
+    request.nodeId = quint8(nodeId);
+    request.bitRateIndex = bitRateIndex;
+    auto* notify = &m_objects->notify;
+    request.done = [notify, requestId, configure](const LssRunner::Outcome& o) {
+        const QByteArray rate =
+            configure || !o.error.isEmpty() ? QByteArray() : QByteArray(1, char(o.bitRateIndex));
+        emit notify->OperationDone(OperationResult(requestId, rate, o.nodeId, 0, o.error));
+    };
+    error = m_core->lssRunner(channel)->submit(std::move(request));
     if (!error.isEmpty())
         return RequestReply(0, error);
     return RequestReply(requestId, {});

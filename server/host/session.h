@@ -51,6 +51,9 @@ public:
     RequestReply startSdo(bool upload, int channel, int node, int index, int subIndex,
                           const QByteArray& data);
     QString cancelRequest(int requestId);
+    // LSS services on a controller; their results come as OperationDone: the node-ID as the
+    // value, and for an inquiry the bit-rate list index as the one byte of data.
+    RequestReply startLss(int channel, bool configure, int nodeId, int bitRateIndex);
 
 private:
     void onFrames(int controller, const QVector<BusFrame>& frames);

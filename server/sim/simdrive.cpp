@@ -8,49 +8,44 @@ namespace qorcalib {
 
 SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint8 nodeId,
                    int bitRateIndex, QObject* parent)
-    : QObject(parent),
-      m_segment(segment),
-      m_dictionary(std::move(dictionary)),
+    : QObject(parent), m_segment(segment), m_dictionary(std::move(dictionary)),
       m_access(&m_dictionary),
-      m_nmt(NmtSlave::Hooks{
-          [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
-          [this] {
-              // A reset node restarts the processor: boot loader first, values back to default.
-              m_lss.applyPendingNodeId();
-              takeNodeId(m_lss.activeNodeId());
-              m_sdo.reset();
-              m_dictionary.restoreDefaults(0x0000, 0xFFFF);
-              m_bootTimer.start(kBootLoaderWindowMs);
-          },
-          [this] {
-              m_lss.applyPendingNodeId();
-              takeNodeId(m_lss.activeNodeId());
-              m_sdo.reset();
-              m_dictionary.restoreDefaults(0x1000, 0x1FFF);
-              applyHeartbeatPeriod();
-          }}),
+      m_nmt(NmtSlave::Hooks{[this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
+                            [this] {
+                                // A reset node restarts the processor: boot loader first, values
+                                // back to default.
+                                m_lss.applyPendingNodeId();
+                                takeNodeId(m_lss.activeNodeId());
+                                m_sdo.reset();
+                                m_dictionary.restoreDefaults(0x0000, 0xFFFF);
+                                m_bootTimer.start(kBootLoaderWindowMs);
+                            },
+                            [this] {
+                                m_lss.applyPendingNodeId();
+                                takeNodeId(m_lss.activeNodeId());
+                                m_sdo.reset();
+                                m_dictionary.restoreDefaults(0x1000, 0x1FFF);
+                                applyHeartbeatPeriod();
+                            }}),
       m_sdo(&m_access, [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); }),
       m_lss({quint32(m_dictionary.unsignedValue(0x1018, 1, 0)),
              quint32(m_dictionary.unsignedValue(0x1018, 2, 0)),
              quint32(m_dictionary.unsignedValue(0x1018, 3, 0)),
              quint32(m_dictionary.unsignedValue(0x1018, 4, 0))},
             nodeId, bitRateIndex,
-            LssSlave::Hooks{
-                [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
-                [this](int rate) { m_bitRateIndex = rate; },
-                [this](quint8 node, int rate) {
-                    m_startNodeId = node;
-                    m_startBitRate = rate;
-                    return true;
-                },
-                [this](quint8 node) {
-                    takeNodeId(node);
-                    m_nmt.bootUp(serverTimeUs());
-                    rearm();
-                }}),
-      m_bitRateIndex(bitRateIndex),
-      m_startNodeId(nodeId),
-      m_startBitRate(bitRateIndex)
+            LssSlave::Hooks{[this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
+                            [this](int rate) { m_bitRateIndex = rate; },
+                            [this](quint8 node, int rate) {
+                                m_startNodeId = node;
+                                m_startBitRate = rate;
+                                return true;
+                            },
+                            [this](quint8 node) {
+                                takeNodeId(node);
+                                m_nmt.bootUp(serverTimeUs());
+                                rearm();
+                            }}),
+      m_bitRateIndex(bitRateIndex), m_startNodeId(nodeId), m_startBitRate(bitRateIndex)
 {
     takeNodeId(nodeId);
     m_access.written = [this](quint16 index, quint8) {

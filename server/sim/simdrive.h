@@ -3,8 +3,8 @@
 #include "dictionaryaccess.h"
 #include "lssslave.h"
 #include "nmtslave.h"
-#include "sdoserver.h"
 #include "objectdictionary.h"
+#include "sdoserver.h"
 #include "simulatedsegment.h"
 
 #include <QObject>

@@ -387,8 +387,6 @@ void TstServer::laterServicesAnswerNotSupported()
     QString error;
     const QString expected = QStringLiteral("not supported by this server");
     QCOMPARE(a->wait(a->service()->StopOnBoot(0, 1, 0), &error)->error(), expected);
-    QCOMPARE(a->wait(a->service()->LssInquire(1), &error)->error(), expected);
-    QCOMPARE(a->wait(a->service()->LssConfigure(1, 5, 3), &error)->error(), expected);
     QCOMPARE(a->wait(a->benchBoard()->LoadSerialImage("x"), &error)->error(), expected);
     // The objects the connectors hand out are this session's own.
     const auto service = a->wait(a->connector()->GetService(""), &error);

@@ -1,0 +1,248 @@
+#include "lssrunner.h"
+
+#include "serverclock.h"
+#include "servercore.h"
+
+#include <algorithm>
+
+namespace qorcalib {
+
+LssRunner::LssRunner(ServerCore* core, int controller, QObject* parent)
+    : QObject(parent), m_core(core), m_controller(controller), m_channel(core->channel(controller)),
+      m_master([this](const CanFrame& frame) {
+          QString error;
+          const quint64 session = m_current ? m_current->session : 0;
+          m_channel->transmit(frame, session | kServiceOrigin, &error);
+      })
+{
+    m_master.setTimeoutMs(kTimeoutMs);
+    m_timer.setSingleShot(true);
+    m_timer.setTimerType(Qt::PreciseTimer);
+    connect(&m_timer, &QTimer::timeout, this, [this] {
+        m_master.onTimer(serverTimeUs());
+        rearm();
+    });
+    connect(m_channel, &CanChannel::framesReceived, this, &LssRunner::onFrames);
+}
+
+QString LssRunner::submit(Request request)
+{
+    if (request.configure) {
+        if (request.nodeId < 1 || request.nodeId > 127)
+            return QStringLiteral("node-ID 0x%1 out of range (1..0x7F)")
+                .arg(QString::number(request.nodeId, 16).toUpper());
+        if (bitRateOfIndex(request.bitRateIndex) < 0)
+            return QStringLiteral("bit-rate index %1 out of range (0..%2)")
+                .arg(request.bitRateIndex)
+                .arg(kBitRateCount - 1);
+    }
+    const auto waiting = std::count_if(m_queue.begin(), m_queue.end(), [&](const Request& r) {
+        return r.session == request.session;
+    });
+    if (waiting >= 4)
+        return QStringLiteral("too many LSS requests waiting on this controller");
+    m_queue.push_back(std::move(request));
+    if (!m_current)
+        QMetaObject::invokeMethod(this, &LssRunner::startNext, Qt::QueuedConnection);
+    return {};
+}
+
+void LssRunner::dropSession(quint64 session)
+{
+    m_queue.erase(std::remove_if(m_queue.begin(), m_queue.end(),
+                                 [session](const Request& r) { return r.session == session; }),
+                  m_queue.end());
+    if (m_current && m_current->session == session)
+        m_current->done = nullptr; // it runs to its end, so the controller gets its rate back
+}
+
+void LssRunner::startNext()
+{
+    if (m_current || m_queue.empty())
+        return;
+    m_current = std::move(m_queue.front());
+    m_queue.pop_front();
+    m_ownRate = m_channel->bitRateIndex();
+    m_wasRunning = m_channel->isRunning();
+    if (!m_wasRunning) {
+        QString error;
+        if (!m_core->startController(m_controller, &error)) {
+            finish({error});
+            return;
+        }
+    }
+    if (m_current->configure) {
+        // The node to configure: an unconfigured one isolated by Fastscan, else the configured
+        // ones all at once (there should be one).
+        run([this] { m_master.identifyNonConfigured(serverTimeUs()); },
+            [this](const LssMaster::Result& r) {
+                if (r.answered)
+                    run([this] { m_master.fastscan(serverTimeUs()); },
+                        [this](const LssMaster::Result& f) {
+                            if (!f.error.isEmpty() || !f.answered)
+                                finish({f.error.isEmpty() ? LssMaster::kNoAnswer : f.error});
+                            else
+                                configureSelected();
+                        });
+                else
+                    run([this] { m_master.switchGlobal(true, serverTimeUs()); },
+                        [this](const LssMaster::Result&) { configureSelected(); });
+            });
+        return;
+    }
+    m_rates.clear();
+    m_rates.push_back(m_ownRate);
+    for (int r = 0; r < kBitRateCount; ++r)
+        if (r != m_ownRate)
+            m_rates.push_back(r);
+    inquireAt(0);
+}
+
+void LssRunner::run(const std::function<void()>& service, Next next)
+{
+    m_master.done = [this, next](const LssMaster::Result& r) {
+        // Called from inside the master: the next service starts once this one has ended.
+        QMetaObject::invokeMethod(
+            this, [next, r] { next(r); }, Qt::QueuedConnection);
+    };
+    service();
+    rearm();
+}
+
+void LssRunner::setRate(int bitRateIndex)
+{
+    QString error;
+    if (m_channel->bitRateIndex() != bitRateIndex) {
+        m_core->setBitRate(m_controller, bitRateIndex, &error);
+        m_core->restartController(m_controller, &error);
+    }
+}
+
+void LssRunner::inquireAt(size_t i)
+{
+    if (i >= m_rates.size()) {
+        finish({LssMaster::kNoAnswer});
+        return;
+    }
+    setRate(m_rates[i]);
+    run([this] { m_master.identifyNonConfigured(serverTimeUs()); },
+        [this, i](const LssMaster::Result& r) {
+            if (!r.answered) {
+                inquireConfigured(i);
+                return;
+            }
+            run([this] { m_master.fastscan(serverTimeUs()); },
+                [this, i](const LssMaster::Result& f) {
+                    if (!f.error.isEmpty() || !f.answered) {
+                        inquireConfigured(i);
+                        return;
+                    }
+                    run([this] { m_master.inquireNodeId(serverTimeUs()); },
+                        [this, i](const LssMaster::Result& n) {
+                            const quint8 node =
+                                n.error.isEmpty() ? quint8(n.value) : lss::kUnconfigured;
+                            run([this] { m_master.switchGlobal(false, serverTimeUs()); },
+                                [this, i, node](const LssMaster::Result&) {
+                                    finish({{}, node, m_rates[i]});
+                                });
+                        });
+                });
+        });
+}
+
+void LssRunner::inquireConfigured(size_t i)
+{
+    run([this] { m_master.switchGlobal(true, serverTimeUs()); },
+        [this, i](const LssMaster::Result&) {
+            run([this] { m_master.inquireNodeId(serverTimeUs()); },
+                [this, i](const LssMaster::Result& n) {
+                    run([this] { m_master.switchGlobal(false, serverTimeUs()); },
+                        [this, i, n](const LssMaster::Result&) {
+                            if (n.error.isEmpty())
+                                finish({{}, quint8(n.value), m_rates[i]});
+                            else
+                                inquireAt(i + 1);
+                        });
+                });
+        });
+}
+
+void LssRunner::configureSelected()
+{
+    const quint8 node = m_current->nodeId;
+    const int rate = m_current->bitRateIndex;
+    // On an error the node is switched back to waiting, unchanged.
+    const auto fail = [this](const QString& error) {
+        run([this] { m_master.switchGlobal(false, serverTimeUs()); },
+            [this, error](const LssMaster::Result&) { finish({error}); });
+    };
+    run([this, node] { m_master.configureNodeId(node, serverTimeUs()); },
+        [=, this](const LssMaster::Result& c) {
+            if (!c.error.isEmpty())
+                return fail(c.error);
+            run([this, rate] { m_master.configureBitTiming(quint8(rate), serverTimeUs()); },
+                [=, this](const LssMaster::Result& b) {
+                    if (!b.error.isEmpty())
+                        return fail(b.error);
+                    run([this] { m_master.storeConfiguration(serverTimeUs()); },
+                        [=, this](const LssMaster::Result& s) {
+                            if (!s.error.isEmpty())
+                                return fail(s.error);
+                            run(
+                                [this] {
+                                    m_master.activateBitTiming(kSwitchDelayMs, serverTimeUs());
+                                },
+                                [=, this](const LssMaster::Result&) {
+                                    // The node listens at its new rate now.
+                                    setRate(rate);
+                                    run([this] { m_master.switchGlobal(false, serverTimeUs()); },
+                                        [=, this](const LssMaster::Result&) {
+                                            // Its boot-up goes out at the new rate before
+                                            // the controller goes back to its own.
+                                            QTimer::singleShot(kSwitchDelayMs, this, [=, this] {
+                                                finish({{}, node, rate});
+                                            });
+                                        });
+                                });
+                        });
+                });
+        });
+}
+
+void LssRunner::finish(Outcome outcome)
+{
+    m_timer.stop();
+    setRate(m_ownRate);
+    if (!m_wasRunning) {
+        QString error;
+        m_core->stopController(m_controller, &error);
+    }
+    std::optional<Request> finished = std::move(m_current);
+    m_current.reset();
+    if (finished && finished->done)
+        finished->done(outcome);
+    QMetaObject::invokeMethod(this, &LssRunner::startNext, Qt::QueuedConnection);
+}
+
+void LssRunner::onFrames(const QVector<BusFrame>& frames)
+{
+    if (!m_master.isBusy())
+        return;
+    const qint64 now = serverTimeUs();
+    for (const BusFrame& f : frames)
+        if (f.origin == 0)
+            m_master.onFrame(f.frame, now);
+    rearm();
+}
+
+void LssRunner::rearm()
+{
+    const qint64 deadline = m_master.nextDeadlineUs();
+    if (deadline < 0) {
+        m_timer.stop();
+        return;
+    }
+    m_timer.start(int(std::max<qint64>(0, (deadline - serverTimeUs() + 999) / 1000)));
+}
+
+} // namespace qorcalib

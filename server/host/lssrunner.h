@@ -1,0 +1,81 @@
+#pragma once
+
+#include "canchannel.h"
+#include "lssmaster.h"
+
+#include <QObject>
+#include <QTimer>
+
+#include <deque>
+#include <functional>
+#include <optional>
+
+namespace qorcalib {
+
+class ServerCore;
+
+// Runs the LSS services sessions ask for on one controller, one after another.
+//
+// Inquire finds the node on the controller: at the controller's own bit rate first, then at the
+// other rates of the list. At each rate it asks for unconfigured nodes and, when any answer,
+// isolates one with Fastscan (several would answer every question at once); otherwise it asks
+// the configured nodes for their node-ID. It reports the node-ID (FF: none configured yet) and
+// the rate at which the node answered, and puts the controller back to its own rate.
+//
+// Configure gives the node (the one Fastscan isolates, or the only configured one) a node-ID
+// and a bit rate, stores both and activates the new bit timing; then, at the new rate, it
+// switches the node back to waiting, so that a node that had no node-ID starts up with the new
+// one, and puts the controller back to its own rate.
+class LssRunner : public QObject
+{
+    Q_OBJECT
+public:
+    struct Outcome
+    {
+        QString error; // empty on success
+        quint8 nodeId = 0;
+        int bitRateIndex = -1;
+    };
+    struct Request
+    {
+        quint64 session = 0;
+        bool configure = false;
+        quint8 nodeId = 0;
+        int bitRateIndex = 0;
+        std::function<void(const Outcome&)> done;
+    };
+    static constexpr int kTimeoutMs = 25;
+    static constexpr quint16 kSwitchDelayMs = 50;
+
+    LssRunner(ServerCore* core, int controller, QObject* parent = nullptr);
+
+    // Empty when queued, else why not.
+    QString submit(Request request);
+    // The session went away: its waiting requests go, its running one reports to nobody.
+    void dropSession(quint64 session);
+
+private:
+    using Next = std::function<void(const LssMaster::Result&)>;
+    void startNext();
+    void run(const std::function<void()>& service, Next next);
+    void setRate(int bitRateIndex);
+    void finish(Outcome outcome);
+    void inquireAt(size_t i);
+    void inquireConfigured(size_t i);
+    void configureSelected();
+    void onFrames(const QVector<BusFrame>& frames);
+    void rearm();
+
+    ServerCore* m_core;
+    int m_controller;
+    CanChannel* m_channel;
+    LssMaster m_master;
+    QTimer m_timer;
+    std::deque<Request> m_queue;
+    std::optional<Request> m_current;
+    std::vector<int> m_rates; // the order in which inquire tries the rates
+    int m_ownRate = 0;
+    bool m_wasRunning = false;
+};
+
+} // namespace qorcalib

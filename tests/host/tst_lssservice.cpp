@@ -1,0 +1,212 @@
+// LSS through the server against the simulated drives: the unconfigured drive on controller 1
+// (250K), the configured one on controller 0 (node 1, 1000K).
+#include "serverprocess.h"
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace qorcalib;
+using namespace qorcalib::test;
+
+namespace {
+
+// One LSS request through the server: its refusal, or its OperationDone.
+struct Lss
+{
+    QString refused;
+    std::optional<OperationResult> result;
+};
+
+Lss lss(ServerConnection* c, bool configure, int channel, int node = 0, int rate = 0)
+{
+    Lss out;
+    QSignalSpy done(c->notify(), &QCSNotifyReplica::OperationDone);
+    QString error;
+    const auto reply = configure ? c->wait(c->service()->LssConfigure(channel, node, rate), &error)
+                                 : c->wait(c->service()->LssInquire(channel), &error);
+    if (!reply) {
+        out.refused = error;
+        return out;
+    }
+    if (!reply->error().isEmpty()) {
+        out.refused = reply->error();
+        return out;
+    }
+    for (int round = 0; round < 200 && !out.result; ++round) {
+        for (const auto& args : done) {
+            const auto r = args.at(0).value<OperationResult>();
+            if (r.requestId() == reply->requestId())
+                out.result = r;
+        }
+        if (!out.result)
+            done.wait(100);
+    }
+    return out;
+}
+
+int bitRate(ServerConnection* c, int controller)
+{
+    QString error;
+    const auto reply = c->wait(c->bus()->GetBitRate(controller), &error);
+    return reply ? reply->value() : -1;
+}
+
+} // namespace
+
+class TstLssService : public QObject
+{
+    Q_OBJECT
+private slots:
+    void init();
+    void cleanup();
+    void inquireFindsEachDrive_data();
+    void inquireFindsEachDrive();
+    void configureGivesNodeIdAndRate();
+    void badArgumentsAreRefused_data();
+    void badArgumentsAreRefused();
+    void noSlaveOnTheBus();
+
+private:
+    QTemporaryDir m_dir;
+    std::unique_ptr<ServerProcess> m_server;
+};
+
+void TstLssService::init()
+{
+    m_server = std::make_unique<ServerProcess>();
+}
+
+void TstLssService::cleanup()
+{
+    if (m_server->process().state() == QProcess::Running)
+        QVERIFY2(m_server->stop(), qPrintable(m_server->output()));
+    m_server.reset();
+}
+
+void TstLssService::inquireFindsEachDrive_data()
+{
+    QTest::addColumn<int>("controller");
+    QTest::addColumn<int>("ownRate"); // the controller's rate before asking (-1: as it is)
+    QTest::addColumn<int>("node");
+    QTest::addColumn<int>("rate");
+    QTest::newRow("unconfigured drive at its rate") << 1 << -1 << 0xFF << 3;
+    QTest::newRow("unconfigured drive, controller at 500K") << 1 << 2 << 0xFF << 3;
+    QTest::newRow("drive with node-ID 1") << 0 << -1 << 1 << 0;
+    QTest::newRow("drive with node-ID 1, controller at 125K") << 0 << 4 << 1 << 0;
+}
+
+void TstLssService::inquireFindsEachDrive()
+{
+    QFETCH(int, controller);
+    QFETCH(int, ownRate);
+    QFETCH(int, node);
+    QFETCH(int, rate);
+    QVERIFY(m_server->start({"--eds", fastHeartbeatEds(m_dir)}));
+    auto a = m_server->attach();
+    QVERIFY(a);
+    if (ownRate >= 0)
+        CALL_OK(a, bus()->SetBitRate(controller, ownRate));
+    CALL_OK(a, bus()->StartController(controller));
+    QTest::qWait(300); // the drives boot
+    const int before = bitRate(a.get(), controller);
+    const Lss found = lss(a.get(), false, controller);
+    QVERIFY2(found.result, qPrintable(found.refused));
+    QCOMPARE(found.result->error(), QString());
+    QCOMPARE(found.result->value(), node);
+    QCOMPARE(found.result->data(), QByteArray(1, char(rate)));
+    // The controller is back at its own rate.
+    QCOMPARE(bitRate(a.get(), controller), before);
+}
+
+void TstLssService::configureGivesNodeIdAndRate()
+{
+    QVERIFY(m_server->start({"--eds", fastHeartbeatEds(m_dir)}));
+    auto a = m_server->attach();
+    QVERIFY(a);
+    FrameRecorder frames(a.get());
+    CALL_OK(a, bus()->StartController(1));
+    QTest::qWait(300);
+    const Lss set = lss(a.get(), true, 1, 0x22, 2);
+    QVERIFY2(set.result, qPrintable(set.refused));
+    QCOMPARE(set.result->error(), QString());
+    QCOMPARE(bitRate(a.get(), 1), 3); // back at 250K: the user switches it
+    // The drive started up as node 0x22 at 500K: its boot-up went out while the server spoke
+    // to it at that rate.
+    QVERIFY(frames.find(0x722, QByteArray::fromHex("00")) >= 0);
+    CALL_OK(a, bus()->SetBitRate(1, 2));
+    CALL_OK(a, bus()->RestartController(1));
+    const int from = int(frames.received.size());
+    QVERIFY(frames.waitFor(0x722, QByteArray::fromHex("7f"), 3000, from));
+    // Its SDO server answers under the new node-ID...
+    QSignalSpy done(a->notify(), &QCSNotifyReplica::OperationDone);
+    QString error;
+    const auto upload = a->wait(a->service()->SdoUpload(1, 0x22, 0x1018, 1), &error);
+    QVERIFY(upload && upload->error().isEmpty());
+    QTRY_COMPARE(done.size(), 1);
+    QCOMPARE(done.first().at(0).value<OperationResult>().abortCode(), 0u);
+    // ...and it keeps node-ID and rate across a power cycle (stored).
+    CALL_OK(a, benchBoard()->BoardCommand(11, 0));
+    const int off = int(frames.received.size());
+    CALL_OK(a, benchBoard()->BoardCommand(10, 0));
+    QVERIFY(frames.waitFor(0x722, QByteArray::fromHex("00"), 3000, off));
+    // Asked again, it is found at 500K with its node-ID.
+    const Lss found = lss(a.get(), false, 1);
+    QVERIFY(found.result);
+    QCOMPARE(found.result->value(), 0x22);
+    QCOMPARE(found.result->data(), QByteArray(1, char(2)));
+}
+
+void TstLssService::badArgumentsAreRefused_data()
+{
+    QTest::addColumn<int>("node");
+    QTest::addColumn<int>("rate");
+    QTest::addColumn<int>("controller");
+    QTest::addColumn<QString>("mentions");
+    QTest::newRow("node-ID 0") << 0 << 2 << 1 << "node-ID 0x0 out of range";
+    QTest::newRow("node-ID 0x80") << 0x80 << 2 << 1 << "node-ID 0x80 out of range";
+    QTest::newRow("bit-rate index 9") << 0x22 << 9 << 1 << "bit-rate index 9";
+    QTest::newRow("bit-rate index -1") << 0x22 << -1 << 1 << "bit-rate index -1";
+    QTest::newRow("controller 7") << 0x22 << 2 << 7 << "controller index 7";
+}
+
+void TstLssService::badArgumentsAreRefused()
+{
+    QFETCH(int, node);
+    QFETCH(int, rate);
+    QFETCH(int, controller);
+    QFETCH(QString, mentions);
+    QVERIFY(m_server->start());
+    auto a = m_server->attach();
+    QVERIFY(a);
+    const Lss refused = lss(a.get(), true, controller, node, rate);
+    QVERIFY(!refused.result);
+    QVERIFY2(refused.refused.contains(mentions), qPrintable(refused.refused));
+    // Nothing was configured: the drive is still unconfigured at 250K.
+    CALL_OK(a, bus()->StartController(1));
+    QTest::qWait(300);
+    const Lss found = lss(a.get(), false, 1);
+    QVERIFY(found.result);
+    QCOMPARE(found.result->value(), 0xFF);
+}
+
+void TstLssService::noSlaveOnTheBus()
+{
+    // A third controller on a segment of its own, without a drive.
+    QVERIFY(m_server->start({"--channel", "sim", "--channel", "sim", "--channel", "sim"}));
+    auto a = m_server->attach();
+    QVERIFY(a);
+    CALL_OK(a, bus()->SetBitRate(2, 4));
+    const Lss inquiry = lss(a.get(), false, 2);
+    QVERIFY(inquiry.result);
+    QCOMPARE(inquiry.result->error(), QString("no LSS slave answered"));
+    QCOMPARE(bitRate(a.get(), 2), 4);
+    QString error;
+    QCOMPARE(a->wait(a->bus()->GetStatus(2), &error)->value() & 8, 0); // not left running
+    const Lss set = lss(a.get(), true, 2, 0x22, 2);
+    QVERIFY(set.result);
+    QCOMPARE(set.result->error(), QString("no LSS slave answered"));
+}
+
+QTEST_GUILESS_MAIN(TstLssService)
+#include "tst_lssservice.moc"
