@@ -4,6 +4,7 @@
 #include "frmabort.h"
 #include "frmdiagno.h"
 #include "frmeds.h"
+#include "hexhelpers.h"
 #include "inputblocker.h"
 #include "machinesettings.h"
 #include "sdopanel.h"
@@ -27,8 +28,8 @@
 #include <QRadioButton>
 #include <QStatusBar>
 #include <QThread>
-#include <QWindow>
 #include <QVBoxLayout>
+#include <QWindow>
 
 namespace tessel {
 
@@ -140,6 +141,26 @@ void FrmMain::buildWindow()
         nmt->addWidget(cmdNMT[i]);
         connect(cmdNMT[i], &QPushButton::clicked, this, [this, i] { cmdNMT_Click(i); });
     }
+    nmt->addSpacing(12);
+    nmt->addWidget(new QLabel(QStringLiteral("N-Id:"), fraNMT));
+    txtFWNode = new QLineEdit(fraNMT);
+    txtFWNode->setObjectName(QStringLiteral("txtFWNode"));
+    txtFWNode->setMaximumWidth(40);
+    txtFWNode->setToolTip(QStringLiteral("Node-ID in hexadecimal: what LSS Get found, what LSS Set "
+                                         "gives"));
+    nmt->addWidget(txtFWNode);
+    cmdLSSGet = new QPushButton(QStringLiteral("LSS Get"), fraNMT);
+    cmdLSSGet->setObjectName(QStringLiteral("cmdLSSGet"));
+    cmdLSSGet->setToolTip(QStringLiteral("Find the node on the selected controller: its node-ID "
+                                         "(FF: none yet) and its bit rate"));
+    nmt->addWidget(cmdLSSGet);
+    connect(cmdLSSGet, &QPushButton::clicked, this, &FrmMain::cmdLSSGet_Click);
+    cmdLSSSet = new QPushButton(QStringLiteral("LSS Set"), fraNMT);
+    cmdLSSSet->setObjectName(QStringLiteral("cmdLSSSet"));
+    cmdLSSSet->setToolTip(QStringLiteral("Give the node the node-ID in N-Id and the bit rate "
+                                         "chosen in the selected controller's list"));
+    nmt->addWidget(cmdLSSSet);
+    connect(cmdLSSSet, &QPushButton::clicked, this, &FrmMain::cmdLSSSet_Click);
 
     txtSDOTimeOut = new QLineEdit(central);
     txtSDOTimeOut->setObjectName(QStringLiteral("txtSDOTimeOut"));
@@ -207,7 +228,7 @@ void FrmMain::setTabOrderByLayout()
         order << chkCanEnable[i] << cmbBaud[i] << optSelCanCtrl[i];
     for (QPushButton* b : cmdNMT)
         order << b;
-    order << sdoPanel->tabOrder() << cmdDiagno << cmdEDS;
+    order << txtFWNode << cmdLSSGet << cmdLSSSet << sdoPanel->tabOrder() << cmdDiagno << cmdEDS;
     for (qsizetype i = 1; i < order.size(); ++i)
         QWidget::setTabOrder(order[i - 1], order[i]);
 }
@@ -400,6 +421,8 @@ void FrmMain::EnableBusButtons(bool enable)
 {
     for (QPushButton* b : cmdNMT)
         b->setEnabled(enable);
+    cmdLSSGet->setEnabled(enable);
+    cmdLSSSet->setEnabled(enable);
     sdoPanel->cmdUpload->setEnabled(enable);
     sdoPanel->cmdDownload->setEnabled(enable);
 }
@@ -494,6 +517,43 @@ void FrmMain::cmdNMT_Click(int index)
     QByteArray data(2, '\0'); // node-ID 0: every node
     data[0] = char(command);
     txtAbort->setText(SendCanMsg(0, 2, data) ? QStringLiteral("Can - send err") : QString());
+}
+
+void FrmMain::cmdLSSGet_Click()
+{
+    WaitCursor wait;
+    setMonitorSwitch(m_monitor ? m_monitor->chTrace->isChecked() : true);
+    const CanLink::LssResult found = m_link.lssInquire(m_selected);
+    if (found.error.isEmpty() && found.nodeId >= 0) {
+        txtFWNode->setText(QString::number(found.nodeId, 16).toUpper());
+        m_previousBitRate[m_selected] = found.bitRateIndex;
+    } else {
+        QApplication::beep();
+    }
+    setMonitorSwitch(true);
+}
+
+void FrmMain::cmdLSSSet_Click()
+{
+    WaitCursor wait;
+    setMonitorSwitch(m_monitor ? m_monitor->chTrace->isChecked() : true);
+    const int newRate = cmbBaud[m_selected]->currentIndex();
+    // Back to the rate at which the node still listens; the list keeps showing the new one.
+    cmbBaud[m_selected]->setProperty("tag", QStringLiteral("1"));
+    m_link.setBitRate(m_selected, m_previousBitRate[m_selected]);
+    m_link.restartController(m_selected);
+    cmbBaud[m_selected]->setProperty("tag", QString());
+    const int node = hexToNumber(txtFWNode->text());
+    const CanLink::LssResult set = m_link.lssConfigure(m_selected, node, newRate);
+    if (!set.error.isEmpty())
+        txtAbort->setText(set.error);
+    setMonitorSwitch(true);
+}
+
+void FrmMain::setMonitorSwitch(bool on)
+{
+    if (m_monitor)
+        m_monitor->setTraceReceived(on);
 }
 
 void FrmMain::cmdDiagno_Click()

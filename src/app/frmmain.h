@@ -66,6 +66,9 @@ public:
     std::array<QComboBox*, kRows> cmbBaud{};
     std::array<QRadioButton*, kRows> optSelCanCtrl{};
     std::array<QPushButton*, 5> cmdNMT{};
+    QLineEdit* txtFWNode = nullptr;
+    QPushButton* cmdLSSGet = nullptr;
+    QPushButton* cmdLSSSet = nullptr;
     std::array<QLabel*, kRows + 1> sbrStato{}; // panel 0: the server; 1..4: the controllers
     QLineEdit* txtAbort = nullptr;
     QLineEdit* txtSDOTimeOut = nullptr;
@@ -80,6 +83,8 @@ public:
     void optSelCanCtrl_Click(int index);
     void tmrStato_Timer();
     void cmdNMT_Click(int index);
+    void cmdLSSGet_Click();
+    void cmdLSSSet_Click();
     void cmdDiagno_Click();
     void cmdEDS_Click();
     FrmEDS* edsBrowser() const { return m_eds; }
@@ -93,6 +98,7 @@ private:
     void buildWindow();
     void setTabOrderByLayout();
     void showAbortDialog();
+    void setMonitorSwitch(bool on);
     void hideAbortDialog();
     void onChangedConfig(int controller, bool enabled, int bitRateIndex);
     void onFramesReceived(int controller, const QByteArray& records, int count);

@@ -344,8 +344,57 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
                                         int subIndex, const QByteArray& data)
 {
     SdoResult result;
-    if (!live(&result.error))
+    const auto finished = runOperation(
+        [&]() {
+            return upload ? m_connection->service()->SdoUpload(controller, node, index, subIndex)
+                          : m_connection->service()->SdoDownload(controller, node, index, subIndex,
+                                                                 data);
+        },
+        m_sdoTimeoutMs + kSdoGraceMs, &result.error);
+    if (!finished)
         return result;
+    result.data = finished->data();
+    result.abortCode = finished->abortCode();
+    result.error = finished->error();
+    return result;
+}
+
+CanLink::LssResult CanLink::lssInquire(int controller)
+{
+    LssResult result;
+    const auto finished =
+        runOperation([&]() { return m_connection->service()->LssInquire(controller); },
+                     kLssWatchdogMs, &result.error);
+    if (!finished)
+        return result;
+    result.error = finished->error();
+    if (result.error.isEmpty() && finished->data().size() == 1) {
+        result.nodeId = finished->value();
+        result.bitRateIndex = quint8(finished->data()[0]);
+    }
+    return result;
+}
+
+CanLink::LssResult CanLink::lssConfigure(int controller, int nodeId, int bitRateIndex)
+{
+    LssResult result;
+    const auto finished = runOperation(
+        [&]() { return m_connection->service()->LssConfigure(controller, nodeId, bitRateIndex); },
+        kLssWatchdogMs, &result.error);
+    if (finished) {
+        result.error = finished->error();
+        result.nodeId = finished->value();
+        result.bitRateIndex = bitRateIndex;
+    }
+    return result;
+}
+
+std::optional<OperationResult>
+CanLink::runOperation(const std::function<QRemoteObjectPendingReply<RequestReply>()>& ask,
+                      int watchdogMs, QString* error)
+{
+    if (!live(error))
+        return std::nullopt;
     // Watch for the end before asking, so that a quick answer is not missed.
     std::optional<OperationResult> finished;
     int requestId = -1;
@@ -353,7 +402,7 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
     QEventLoop loop;
     QTimer watchdog;
     watchdog.setSingleShot(true);
-    watchdog.setInterval(m_sdoTimeoutMs + kSdoGraceMs);
+    watchdog.setInterval(watchdogMs);
     const auto doneConnection = connect(m_connection->notify(), &QCSNotifyReplica::OperationDone,
                                         &loop, [&](const OperationResult& r) {
                                             if (requestId < 0)
@@ -369,18 +418,13 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
     connect(&watchdog, &QTimer::timeout, &loop, &QEventLoop::quit);
     connect(m_connection.get(), &ServerConnection::connectionLost, &loop, &QEventLoop::quit);
 
-    QString error;
-    const auto request =
-        upload ? m_connection->wait(
-                     m_connection->service()->SdoUpload(controller, node, index, subIndex), &error)
-               : m_connection->wait(
-                     m_connection->service()->SdoDownload(controller, node, index, subIndex, data),
-                     &error);
+    const auto request = m_connection->wait(ask(), error);
     if (!request || !request->error().isEmpty()) {
         disconnect(doneConnection);
         disconnect(progressConnection);
-        result.error = request ? request->error() : error;
-        return result;
+        if (request)
+            *error = request->error();
+        return std::nullopt;
     }
     requestId = request->requestId();
     for (const OperationResult& r : std::as_const(early))
@@ -420,14 +464,9 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
     }
     disconnect(doneConnection);
     disconnect(progressConnection);
-    if (!finished) {
-        result.error = ServerConnection::kNotReachable;
-        return result;
-    }
-    result.data = finished->data();
-    result.abortCode = finished->abortCode();
-    result.error = finished->error();
-    return result;
+    if (!finished)
+        *error = ServerConnection::kNotReachable;
+    return finished;
 }
 
 void CanLink::requestAbort()

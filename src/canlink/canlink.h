@@ -96,6 +96,18 @@ public:
     void requestAbort();
     SdoResult sdoTransfer(int controller, bool upload, int node, int index, int subIndex,
                           const QByteArray& data = {});
+    // LSS on a controller. Inquire: found (error empty), the node-ID (FF when it has none yet)
+    // and the bit-rate list index at which it answered. Configure: error empty on success.
+    struct LssResult
+    {
+        QString error;
+        int nodeId = -1;
+        int bitRateIndex = -1;
+    };
+    static constexpr int kLssWatchdogMs = 30000;
+    LssResult lssInquire(int controller);
+    LssResult lssConfigure(int controller, int nodeId, int bitRateIndex);
+
     // Both the service's and the bus's setter, so that both sides use it.
     QString setSdoTimeout(int milliseconds);
     int sdoTimeoutMs() const { return m_sdoTimeoutMs; }
@@ -124,6 +136,11 @@ signals:
     void longWaitEnded();
 
 private:
+    // A long operation: asks with `request`, then waits for its OperationDone (see
+    // sdoTransfer); nullopt with *error set when the request is refused or no end comes.
+    std::optional<OperationResult>
+    runOperation(const std::function<QRemoteObjectPendingReply<RequestReply>()>& request,
+                 int watchdogMs, QString* error);
     bool openSession(QString* error);
     // The connection, connected again when it was lost; null with the reason when it cannot be.
     ServerConnection* live(QString* error, bool background = false);

@@ -26,7 +26,6 @@ using namespace tessel;
 using namespace tessel::test;
 using namespace qorcalib::test;
 
-
 class TstFrmMain : public QObject
 {
     Q_OBJECT
@@ -46,6 +45,7 @@ private slots:
     void filterAndChannelBoxes();
     void serverKilledWhileRunning();
     void serverRestartedBetweenTwoUploads();
+    void lssGetAndSet();
     void promptAnswers_data();
     void promptAnswers();
     void unreachableServerAtStartUp_data();
@@ -328,9 +328,47 @@ void TstFrmMain::serverRestartedBetweenTwoUploads()
     auto other = m_server->attach();
     QVERIFY(other);
     QString error;
-    QCOMPARE(other->wait(other->serverWindow()->Sessions(), &error)->value().filter("receive-all").size(), 1);
+    QCOMPARE(other->wait(other->serverWindow()->Sessions(), &error)
+                 ->value()
+                 .filter("receive-all")
+                 .size(),
+             1);
     const qsizetype before = t.trace().size();
     QTRY_VERIFY_WITH_TIMEOUT(t.trace().mid(before).contains("R0 701 1"), 5000);
+}
+
+void TstFrmMain::lssGetAndSet()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    FrmMain& w = t.window;
+    // Controller 1, with the drive that has no node-ID yet, at 250K.
+    w.cmbBaud[1]->setCurrentIndex(3);
+    w.chkCanEnable[1]->setChecked(true);
+    w.optSelCanCtrl[1]->setChecked(true);
+    QTest::qWait(300);
+    w.txtFWNode->setText("5");
+    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
+    QCOMPARE(w.txtFWNode->text(), QString("FF"));
+    // The user chooses 500K for it, and node-ID 22.
+    w.cmbBaud[1]->setCurrentIndex(2);
+    w.txtFWNode->setText("22");
+    QTest::mouseClick(w.cmdLSSSet, Qt::LeftButton);
+    QCOMPARE(w.txtAbort->text(), QString());
+    // It started up as node 0x22 at 500K; the controller is back at 250K until the user
+    // switches it.
+    QTRY_VERIFY(t.trace().contains(QRegularExpression("R1 722 1 \\d{3}s\\d{3}\\.\\d{3} > 00 ")));
+    QTRY_COMPARE(w.cmbBaud[1]->currentIndex(), 3);
+    w.cmbBaud[1]->setCurrentIndex(2);
+    const qsizetype from = t.trace().size();
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().mid(from).contains("R1 722 1"), 3000);
+    w.sdoPanel->cmbIndex->setCurrentText("22,1018,1");
+    QTest::mouseClick(w.sdoPanel->cmdUpload, Qt::LeftButton);
+    QCOMPARE(w.txtAbort->text(), QString());
+    QCOMPARE(w.sdoPanel->txtDataHex->text(), QString("A1030000"));
+    // LSS Get finds it there now.
+    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
+    QCOMPARE(w.txtFWNode->text(), QString("22"));
 }
 
 void TstFrmMain::promptAnswers_data()
