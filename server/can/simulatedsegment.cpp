@@ -150,9 +150,11 @@ int SimulatedSegment::pump()
             break;
         PortState* sender = nullptr;
         qint64 endUs = now;
+        qint64 arbitrationUs = now;
         if (m_paced) {
             const double startUs = std::max(m_busFreeUs, double(earliestReady));
-            sender = nextSender(qint64(std::ceil(startUs)));
+            arbitrationUs = qint64(std::ceil(startUs));
+            sender = nextSender(arbitrationUs);
             const int rate = bitRateOfIndex(sender->port->bitRateIndex());
             const double end = startUs + frameDurationUs(sender->queue.front().frame.frame, rate);
             if (end > double(now))
@@ -164,8 +166,16 @@ int SimulatedSegment::pump()
         }
         BusFrame frame = sender->queue.front().frame;
         sender->queue.pop_front();
+        // Ports that send the very same frame in the same arbitration send it together: on
+        // a bus it is one frame (LSS slaves answering one question all at once).
+        std::vector<PortState*> together;
+        for (auto& s : m_ports)
+            if (&s != sender && !s.queue.empty() && s.queue.front().frame.frame == frame.frame &&
+                s.port->bitRateIndex() == sender->port->bitRateIndex() &&
+                (!m_paced || s.queue.front().readyUs <= arbitrationUs))
+                together.push_back(&s);
         m_deliveryUs = endUs;
-        deliver(*sender, frame, endUs);
+        deliver(*sender, frame, endUs, together);
         ++delivered;
     }
     if (delivered > 0)
@@ -176,8 +186,11 @@ int SimulatedSegment::pump()
     return delivered;
 }
 
-void SimulatedSegment::deliver(PortState& sender, BusFrame frame, qint64 endUs)
+void SimulatedSegment::deliver(PortState& sender, BusFrame frame, qint64 endUs,
+                               const std::vector<PortState*>& together)
 {
+    for (PortState* s : together)
+        s->queue.pop_front();
     frame.frame.timeUs = quint32(quint64(endUs));
     const int rate = sender.port->bitRateIndex();
     const bool senderActive = sender.port->isActive();
@@ -185,7 +198,8 @@ void SimulatedSegment::deliver(PortState& sender, BusFrame frame, qint64 endUs)
     // (and so touch the port list's queues) while it handles the frame.
     std::vector<SimPort*> receivers;
     for (auto& s : m_ports) {
-        if (&s == &sender || !s.port->isActive())
+        if (&s == &sender || !s.port->isActive() ||
+            std::find(together.begin(), together.end(), &s) != together.end())
             continue;
         if (s.port->bitRateIndex() == rate) {
             receivers.push_back(s.port);
@@ -207,6 +221,8 @@ void SimulatedSegment::deliver(PortState& sender, BusFrame frame, qint64 endUs)
     }
     SimPort* senderPort = sender.port;
     senderPort->transmitted(frame, acknowledged);
+    for (PortState* s : together)
+        s->port->transmitted(frame, acknowledged);
     for (SimPort* port : receivers)
         port->receive(frame);
 }

@@ -84,7 +84,8 @@ private:
     PortState* stateOf(const SimPort* port);
     const PortState* stateOf(const SimPort* port) const;
     PortState* nextSender(qint64 startUs);
-    void deliver(PortState& sender, BusFrame frame, qint64 endUs);
+    void deliver(PortState& sender, BusFrame frame, qint64 endUs,
+                 const std::vector<PortState*>& together);
     void schedule();
 
     Clock m_clock;

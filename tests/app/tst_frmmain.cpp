@@ -46,6 +46,9 @@ private slots:
     void serverKilledWhileRunning();
     void serverRestartedBetweenTwoUploads();
     void lssGetAndSet();
+    void lssSetRefusesNodeIdsOutOfRange_data();
+    void lssSetRefusesNodeIdsOutOfRange();
+    void lssGetWithNobodyThere();
     void promptAnswers_data();
     void promptAnswers();
     void unreachableServerAtStartUp_data();
@@ -369,6 +372,49 @@ void TstFrmMain::lssGetAndSet()
     // LSS Get finds it there now.
     QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
     QCOMPARE(w.txtFWNode->text(), QString("22"));
+}
+
+void TstFrmMain::lssSetRefusesNodeIdsOutOfRange_data()
+{
+    QTest::addColumn<QString>("typed");
+    QTest::newRow("empty") << "";
+    QTest::newRow("0") << "0";
+    QTest::newRow("80") << "80";
+    QTest::newRow("zz") << "zz";
+}
+
+void TstFrmMain::lssSetRefusesNodeIdsOutOfRange()
+{
+    QFETCH(QString, typed);
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    FrmMain& w = t.window;
+    w.cmbBaud[1]->setCurrentIndex(3);
+    w.chkCanEnable[1]->setChecked(true);
+    w.optSelCanCtrl[1]->setChecked(true);
+    QTest::qWait(300);
+    w.txtFWNode->setText(typed);
+    QTest::mouseClick(w.cmdLSSSet, Qt::LeftButton);
+    QVERIFY2(w.txtAbort->text().contains("out of range"), qPrintable(w.txtAbort->text()));
+    // Nothing was configured: the drive still has no node-ID.
+    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
+    QCOMPARE(w.txtFWNode->text(), QString("FF"));
+}
+
+void TstFrmMain::lssGetWithNobodyThere()
+{
+    // A third controller, on a segment of its own without a drive.
+    ServerProcess three;
+    QVERIFY(three.start({"--unpaced", "--channel", "sim", "--channel", "sim", "--channel", "sim"}));
+    Tessel t(three.socketPath());
+    QVERIFY(t.load());
+    FrmMain& w = t.window;
+    w.chkCanEnable[2]->setChecked(true);
+    w.optSelCanCtrl[2]->setChecked(true);
+    w.txtFWNode->setText("12");
+    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
+    QCOMPARE(w.txtFWNode->text(), QString("12"));  // as it was (and the system beeped)
+    QTRY_COMPARE(w.cmbBaud[2]->currentIndex(), 0); // the controller's rate is back
 }
 
 void TstFrmMain::promptAnswers_data()
