@@ -56,6 +56,27 @@ void LssRunner::dropSession(quint64 session)
         m_current->done = nullptr; // it runs to its end, so the controller gets its rate back
 }
 
+bool LssRunner::cancel(quint64 session, int requestId)
+{
+    static const QString cancelled = QStringLiteral("LSS service cancelled");
+    if (m_current && m_current->session == session && m_current->requestId == requestId) {
+        m_master.cancel();
+        m_master.done = nullptr;
+        finish({cancelled});
+        return true;
+    }
+    const auto waiting = std::find_if(m_queue.begin(), m_queue.end(), [&](const Request& r) {
+        return r.session == session && r.requestId == requestId;
+    });
+    if (waiting == m_queue.end())
+        return false;
+    Request request = std::move(*waiting);
+    m_queue.erase(waiting);
+    if (request.done)
+        request.done({cancelled});
+    return true;
+}
+
 void LssRunner::startNext()
 {
     if (m_current || m_queue.empty())
@@ -199,8 +220,10 @@ void LssRunner::configureSelected()
                                         [=, this](const LssMaster::Result&) {
                                             // Its boot-up goes out at the new rate before
                                             // the controller goes back to its own.
+                                            const quint64 generation = m_generation;
                                             QTimer::singleShot(kSwitchDelayMs, this, [=, this] {
-                                                finish({{}, node, rate});
+                                                if (generation == m_generation)
+                                                    finish({{}, node, rate});
                                             });
                                         });
                                 });
@@ -219,6 +242,7 @@ void LssRunner::finish(Outcome outcome)
     }
     std::optional<Request> finished = std::move(m_current);
     m_current.reset();
+    ++m_generation;
     if (finished && finished->done)
         finished->done(outcome);
     QMetaObject::invokeMethod(this, &LssRunner::startNext, Qt::QueuedConnection);

@@ -39,6 +39,7 @@ public:
     struct Request
     {
         quint64 session = 0;
+        int requestId = 0;
         bool configure = false;
         quint8 nodeId = 0;
         int bitRateIndex = 0;
@@ -53,6 +54,9 @@ public:
     QString submit(Request request);
     // The session went away: its waiting requests go, its running one reports to nobody.
     void dropSession(quint64 session);
+    // Ends the session's request with "LSS service cancelled" (the controller gets its own rate
+    // back); false when this controller has no such request.
+    bool cancel(quint64 session, int requestId);
 
 private:
     using Next = std::function<void(const LssMaster::Result&)>;
@@ -75,6 +79,7 @@ private:
     std::optional<Request> m_current;
     std::vector<int> m_rates; // the order in which inquire tries the rates
     int m_ownRate = 0;
+    quint64 m_generation = 0; // counts finished requests; a late step of an earlier one is dropped
     bool m_wasRunning = false;
 };
 

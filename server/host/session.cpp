@@ -457,6 +457,7 @@ RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitR
     const int requestId = m_nextRequest++;
     LssRunner::Request request;
     request.session = m_id;
+    request.requestId = requestId;
     request.configure = configure;
     request.nodeId = quint8(nodeId);
     request.bitRateIndex = bitRateIndex;
@@ -475,7 +476,8 @@ RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitR
 QString Session::cancelRequest(int requestId)
 {
     for (int c = 0; c < m_core->controllerCount(); ++c)
-        if (m_core->sdoRunner(c)->cancel(m_id, requestId))
+        if (m_core->sdoRunner(c)->cancel(m_id, requestId) ||
+            m_core->lssRunner(c)->cancel(m_id, requestId))
             return {};
     return QStringLiteral("request %1 is not running in this session").arg(requestId);
 }

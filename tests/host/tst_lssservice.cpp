@@ -206,6 +206,16 @@ void TstLssService::noSlaveOnTheBus()
     const Lss set = lss(a.get(), true, 2, 0x22, 2);
     QVERIFY(set.result);
     QCOMPARE(set.result->error(), QString("no LSS slave answered"));
+    // An inquiry cancelled half-way ends at once, with the controller at its own rate.
+    QSignalSpy done(a->notify(), &QCSNotifyReplica::OperationDone);
+    const auto request = a->wait(a->service()->LssInquire(2), &error);
+    QVERIFY(request && request->error().isEmpty());
+    QTest::qWait(60);
+    CALL_OK(a, service()->CancelRequest(request->requestId()));
+    QTRY_COMPARE(done.size(), 1);
+    QCOMPARE(done.first().at(0).value<OperationResult>().error(), QString("LSS service cancelled"));
+    QCOMPARE(bitRate(a.get(), 2), 4);
+    QVERIFY(!a->wait(a->service()->CancelRequest(request->requestId()), &error)->error().isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TstLssService)
