@@ -36,12 +36,9 @@ QString LssRunner::submit(Request request)
                 .arg(request.bitRateIndex)
                 .arg(kBitRateCount - 1);
     }
-    const auto waiting = std::count_if(m_queue.begin(), m_queue.end(), [&](const Request& r) {
-        return r.session == request.session;
-    });
-    if (waiting >= 4)
+    if (m_queue.waiting(request.session) >= kMaxWaitingPerSession)
         return QStringLiteral("too many LSS requests waiting on this controller");
-    m_queue.push_back(std::move(request));
+    m_queue.push(std::move(request));
     if (!m_current)
         QMetaObject::invokeMethod(this, &LssRunner::startNext, Qt::QueuedConnection);
     return {};
@@ -49,9 +46,7 @@ QString LssRunner::submit(Request request)
 
 void LssRunner::dropSession(quint64 session)
 {
-    m_queue.erase(std::remove_if(m_queue.begin(), m_queue.end(),
-                                 [session](const Request& r) { return r.session == session; }),
-                  m_queue.end());
+    m_queue.drop(session);
     if (m_current && m_current->session == session)
         m_current->done = nullptr; // it runs to its end, so the controller gets its rate back
 }
@@ -65,15 +60,11 @@ bool LssRunner::cancel(quint64 session, int requestId)
         finish({cancelled});
         return true;
     }
-    const auto waiting = std::find_if(m_queue.begin(), m_queue.end(), [&](const Request& r) {
-        return r.session == session && r.requestId == requestId;
-    });
-    if (waiting == m_queue.end())
+    std::optional<Request> request = m_queue.take(session, requestId);
+    if (!request)
         return false;
-    Request request = std::move(*waiting);
-    m_queue.erase(waiting);
-    if (request.done)
-        request.done({cancelled});
+    if (request->done)
+        request->done({cancelled});
     return true;
 }
 
@@ -81,8 +72,7 @@ void LssRunner::startNext()
 {
     if (m_current || m_queue.empty())
         return;
-    m_current = std::move(m_queue.front());
-    m_queue.pop_front();
+    m_current = m_queue.takeFront();
     m_ownRate = m_channel->bitRateIndex();
     m_wasRunning = m_channel->isRunning();
     if (!m_wasRunning) {

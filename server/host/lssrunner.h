@@ -2,6 +2,7 @@
 
 #include "canchannel.h"
 #include "lssmaster.h"
+#include "requestqueue.h"
 
 #include <QObject>
 #include <QTimer>
@@ -46,6 +47,7 @@ public:
         std::function<void(const Outcome&)> done;
     };
     static constexpr int kTimeoutMs = 25;
+    static constexpr int kMaxWaitingPerSession = 4;
     static constexpr quint16 kSwitchDelayMs = 50;
 
     LssRunner(ServerCore* core, int controller, QObject* parent = nullptr);
@@ -75,7 +77,7 @@ private:
     CanChannel* m_channel;
     LssMaster m_master;
     QTimer m_timer;
-    std::deque<Request> m_queue;
+    RequestQueue<Request> m_queue;
     std::optional<Request> m_current;
     std::vector<int> m_rates; // the order in which inquire tries the rates
     int m_ownRate = 0;

@@ -42,13 +42,10 @@ SdoRunner::SdoRunner(CanChannel* channel, QObject* parent)
 
 QString SdoRunner::submit(Request request)
 {
-    const auto waiting = std::count_if(m_queue.begin(), m_queue.end(), [&](const Request& r) {
-        return r.session == request.session;
-    });
-    if (waiting >= kMaxWaitingPerSession)
+    if (m_queue.waiting(request.session) >= kMaxWaitingPerSession)
         return QStringLiteral("too many SDO requests waiting on this controller (at most %1)")
             .arg(kMaxWaitingPerSession);
-    m_queue.push_back(std::move(request));
+    m_queue.push(std::move(request));
     if (!m_current)
         QMetaObject::invokeMethod(this, &SdoRunner::startNext, Qt::QueuedConnection);
     return {};
@@ -56,9 +53,7 @@ QString SdoRunner::submit(Request request)
 
 void SdoRunner::dropSession(quint64 session)
 {
-    m_queue.erase(std::remove_if(m_queue.begin(), m_queue.end(),
-                                 [session](const Request& r) { return r.session == session; }),
-                  m_queue.end());
+    m_queue.drop(session);
     if (m_current && m_current->session == session) {
         m_current->done = nullptr;
         m_current->progress = nullptr;
@@ -74,32 +69,14 @@ bool SdoRunner::cancel(quint64 session, int requestId)
             m_client.abort(quint32(SdoAbort::General));
         return true;
     }
-    const auto waiting = std::find_if(m_queue.begin(), m_queue.end(), [&](const Request& r) {
-        return r.session == session && r.requestId == requestId;
-    });
-    if (waiting == m_queue.end())
+    std::optional<Request> request = m_queue.take(session, requestId);
+    if (!request)
         return false;
-    Request request = std::move(*waiting);
-    m_queue.erase(waiting);
     SdoClient::Result result;
     result.error = QStringLiteral("SDO transfer cancelled");
-    if (request.done)
-        request.done(result);
+    if (request->done)
+        request->done(result);
     return true;
-}
-
-std::deque<SdoRunner::Request>::iterator SdoRunner::nextInTurn()
-{
-    // The first request of the session numbered next after the last one served, wrapping.
-    auto after = m_queue.end();
-    auto lowest = m_queue.end();
-    for (auto it = m_queue.begin(); it != m_queue.end(); ++it) {
-        if (it->session > m_lastServed && (after == m_queue.end() || it->session < after->session))
-            after = it;
-        if (lowest == m_queue.end() || it->session < lowest->session)
-            lowest = it;
-    }
-    return after != m_queue.end() ? after : lowest;
 }
 
 quint64 SdoRunner::ownerOf(const CanFrame& frame) const
@@ -111,9 +88,7 @@ void SdoRunner::startNext()
 {
     if (m_current || m_queue.empty())
         return;
-    const auto next = nextInTurn();
-    m_current = std::move(*next);
-    m_queue.erase(next);
+    m_current = m_queue.takeInTurn(m_lastServed);
     m_lastServed = m_current->session;
     m_owner = m_current->session;
     m_responseId = quint16(sdo::kResponseBase + m_current->node);

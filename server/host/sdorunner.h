@@ -1,6 +1,7 @@
 #pragma once
 
 #include "canchannel.h"
+#include "requestqueue.h"
 #include "sdoclient.h"
 
 #include <QObject>
@@ -56,7 +57,6 @@ public:
 
 private:
     void startNext();
-    std::deque<Request>::iterator nextInTurn();
     void onFrames(const QVector<BusFrame>& frames);
     void complete(const SdoClient::Result& result);
     void rearm();
@@ -64,7 +64,7 @@ private:
     CanChannel* m_channel;
     SdoClient m_client;
     QTimer m_timer;
-    std::deque<Request> m_queue;
+    RequestQueue<Request> m_queue;
     std::optional<Request> m_current;
     // The answers of a transfer that just ended still belong to it for the rest of the batch.
     quint64 m_owner = 0;

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <algorithm>
+#include <deque>
+#include <optional>
+
+namespace qorcalib {
+
+// The requests of sessions waiting for a controller's service (SDO, LSS), in the order they
+// came. Request has `session` and `requestId`.
+template <typename Request> class RequestQueue
+{
+public:
+    bool empty() const { return m_requests.empty(); }
+    int waiting(quint64 session) const
+    {
+        return int(std::count_if(m_requests.begin(), m_requests.end(),
+                                 [session](const Request& r) { return r.session == session; }));
+    }
+    void push(Request request) { m_requests.push_back(std::move(request)); }
+    Request takeFront() { return take(m_requests.begin()); }
+    // The session went away: its requests go, unanswered.
+    void drop(quint64 session)
+    {
+        m_requests.erase(
+            std::remove_if(m_requests.begin(), m_requests.end(),
+                           [session](const Request& r) { return r.session == session; }),
+            m_requests.end());
+    }
+    // Takes one request out, when it is there.
+    std::optional<Request> take(quint64 session, int requestId)
+    {
+        const auto it = std::find_if(m_requests.begin(), m_requests.end(), [&](const Request& r) {
+            return r.session == session && r.requestId == requestId;
+        });
+        if (it == m_requests.end())
+            return std::nullopt;
+        return take(it);
+    }
+    // Sessions in turn: the first request of the session numbered next after `lastServed`,
+    // wrapping round to the lowest number.
+    Request takeInTurn(quint64 lastServed)
+    {
+        auto after = m_requests.end();
+        auto lowest = m_requests.end();
+        for (auto it = m_requests.begin(); it != m_requests.end(); ++it) {
+            if (it->session > lastServed &&
+                (after == m_requests.end() || it->session < after->session))
+                after = it;
+            if (lowest == m_requests.end() || it->session < lowest->session)
+                lowest = it;
+        }
+        return take(after != m_requests.end() ? after : lowest);
+    }
+
+private:
+    Request take(typename std::deque<Request>::iterator it)
+    {
+        Request request = std::move(*it);
+        m_requests.erase(it);
+        return request;
+    }
+
+    std::deque<Request> m_requests;
+};
+
+} // namespace qorcalib
