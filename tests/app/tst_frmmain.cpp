@@ -340,16 +340,23 @@ void TstFrmMain::serverRestartedBetweenTwoUploads()
     QTRY_VERIFY_WITH_TIMEOUT(t.trace().mid(before).contains("R0 701 1"), 5000);
 }
 
+namespace {
+// Controller 1, with the drive that has no node-ID yet, at 250K, enabled and selected.
+void selectTheUnconfiguredDrive(FrmMain& w)
+{
+    w.cmbBaud[1]->setCurrentIndex(3);
+    w.chkCanEnable[1]->setChecked(true);
+    w.optSelCanCtrl[1]->setChecked(true);
+    QTest::qWait(300); // the drive boots
+}
+} // namespace
+
 void TstFrmMain::lssGetAndSet()
 {
     Tessel t(m_server->socketPath());
     QVERIFY(t.load());
     FrmMain& w = t.window;
-    // Controller 1, with the drive that has no node-ID yet, at 250K.
-    w.cmbBaud[1]->setCurrentIndex(3);
-    w.chkCanEnable[1]->setChecked(true);
-    w.optSelCanCtrl[1]->setChecked(true);
-    QTest::qWait(300);
+    selectTheUnconfiguredDrive(w);
     w.txtFWNode->setText("5");
     QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
     QCOMPARE(w.txtFWNode->text(), QString("FF"));
@@ -389,10 +396,7 @@ void TstFrmMain::lssSetRefusesNodeIdsOutOfRange()
     Tessel t(m_server->socketPath());
     QVERIFY(t.load());
     FrmMain& w = t.window;
-    w.cmbBaud[1]->setCurrentIndex(3);
-    w.chkCanEnable[1]->setChecked(true);
-    w.optSelCanCtrl[1]->setChecked(true);
-    QTest::qWait(300);
+    selectTheUnconfiguredDrive(w);
     w.txtFWNode->setText(typed);
     QTest::mouseClick(w.cmdLSSSet, Qt::LeftButton);
     QVERIFY2(w.txtAbort->text().contains("out of range"), qPrintable(w.txtAbort->text()));
