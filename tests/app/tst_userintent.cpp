@@ -14,6 +14,7 @@
 #include <QComboBox>
 #include <QElapsedTimer>
 #include <QLineEdit>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QSettings>
 #include <QSignalSpy>
@@ -65,6 +66,7 @@ private slots:
     void closingTheMainWindowEndsTheProgram();
     void tabFollowsTheLayout();
     void allRxThroughTheMonitor();
+    void progressShowsOnlyWhileATransferRuns();
 
 private:
     QTemporaryDir m_settings;
@@ -370,6 +372,28 @@ void TstUserIntent::allRxThroughTheMonitor()
     QTest::qWait(200);
     QVERIFY(!t.trace().mid(before).contains("R0 581"));
     QVERIFY(t.messages.isEmpty());
+}
+
+void TstUserIntent::progressShowsOnlyWhileATransferRuns()
+{
+    // The bus at its real pace, segmented: 16 KiB take about half a second.
+    ServerProcess paced;
+    QVERIFY(paced.start({"--sdo-segmented"}));
+    Tessel t(paced.socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    SdoPanel* p = t.window.sdoPanel;
+    p->setData(QByteArray(16 * 1024, '\x5A'));
+    p->cmbIndex->setCurrentText("1,2040,0");
+    QSignalSpy progress(t.window.prbStato, &QProgressBar::valueChanged);
+    QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    // It moved while the transfer ran...
+    QVERIFY2(progress.size() > 2, qPrintable(QString::number(progress.size())));
+    QVERIFY(std::any_of(progress.begin(), progress.end(),
+                        [](const QList<QVariant>& v) { return v.at(0).toInt() >= 50; }));
+    // ...and is empty once it has ended.
+    QCOMPARE(t.window.prbStato->value(), 0);
 }
 
 QTEST_MAIN(TstUserIntent)
