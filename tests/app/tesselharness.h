@@ -2,9 +2,14 @@
 
 #include "frmdiagno.h"
 #include "frmmain.h"
+#include "serverprocess.h"
 
+#include <QSettings>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
+
+#include <memory>
 
 namespace tessel::test {
 
@@ -30,6 +35,25 @@ struct Tessel
     FrmMain window;
     QStringList messages;
     QString loadError;
+};
+
+// What every test of the windows runs on: settings in a private folder, and a fresh server on
+// an unpaced bus for each test function.
+struct WindowTestBench
+{
+    void useOwnSettings()
+    {
+        QSettings::setPath(QSettings::IniFormat, QSettings::SystemScope,
+                           settings.filePath("system"));
+        QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settings.filePath("user"));
+    }
+    bool startServer()
+    {
+        server = std::make_unique<qorcalib::test::ServerProcess>();
+        return server->start({QStringLiteral("--unpaced")});
+    }
+    QTemporaryDir settings;
+    std::unique_ptr<qorcalib::test::ServerProcess> server;
 };
 
 } // namespace tessel::test

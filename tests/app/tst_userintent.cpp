@@ -69,20 +69,19 @@ private slots:
     void progressShowsOnlyWhileATransferRuns();
 
 private:
-    QTemporaryDir m_settings;
-    std::unique_ptr<ServerProcess> m_server;
+    WindowTestBench m_bench;
+    QTemporaryDir& m_settings = m_bench.settings;
+    std::unique_ptr<ServerProcess>& m_server = m_bench.server;
 };
 
 void TstUserIntent::initTestCase()
 {
-    QSettings::setPath(QSettings::IniFormat, QSettings::SystemScope, m_settings.filePath("system"));
-    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.filePath("user"));
+    m_bench.useOwnSettings();
 }
 
 void TstUserIntent::init()
 {
-    m_server = std::make_unique<ServerProcess>();
-    QVERIFY(m_server->start({QStringLiteral("--unpaced")}));
+    QVERIFY(m_bench.startServer());
 }
 
 void TstUserIntent::cleanup()

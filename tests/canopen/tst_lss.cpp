@@ -1,3 +1,4 @@
+#include "frametext.h"
 #include "lssmaster.h"
 #include "lssslave.h"
 
@@ -7,27 +8,9 @@
 #include <optional>
 
 using namespace qorcalib;
+using namespace qorcalib::test;
 
 namespace {
-
-QString hexOf(const CanFrame& f)
-{
-    return QStringLiteral("%1:%2")
-        .arg(f.id, 3, 16, QLatin1Char('0'))
-        .arg(QString::fromLatin1(
-            QByteArray(reinterpret_cast<const char*>(f.data.data()), f.len).toHex(' ')));
-}
-
-CanFrame fromHex(quint16 id, const char* hex)
-{
-    CanFrame f;
-    f.id = id;
-    const QByteArray bytes = QByteArray::fromHex(hex);
-    f.len = quint8(bytes.size());
-    for (int i = 0; i < bytes.size() && i < 8; ++i)
-        f.data[i] = quint8(bytes[i]);
-    return f;
-}
 
 const lss::Address kAddress{0x000003A1, 0x00000300, 0x00010002, 0x12345678};
 

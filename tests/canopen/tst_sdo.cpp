@@ -1,3 +1,4 @@
+#include "frametext.h"
 #include "sdoclient.h"
 #include "sdoserver.h"
 
@@ -8,16 +9,9 @@
 #include <optional>
 
 using namespace qorcalib;
+using namespace qorcalib::test;
 
 namespace {
-
-QString hexOf(const CanFrame& f)
-{
-    return QStringLiteral("%1:%2")
-        .arg(f.id, 3, 16, QLatin1Char('0'))
-        .arg(QString::fromLatin1(
-            QByteArray(reinterpret_cast<const char*>(f.data.data()), f.len).toHex(' ')));
-}
 
 // A dictionary for the server under test: entries by (index, sub), one read-only, one
 // write-only, one with a fixed size.
@@ -112,12 +106,7 @@ struct ScriptedNode
             const QString next = script.takeFirst();
             if (next == QLatin1String("-"))
                 continue;
-            CanFrame answer;
-            answer.id = 0x585;
-            const QByteArray bytes = QByteArray::fromHex(next.toLatin1());
-            answer.len = quint8(bytes.size());
-            for (int i = 0; i < bytes.size() && i < 8; ++i)
-                answer.data[i] = quint8(bytes[i]);
+            const CanFrame answer = fromHex(0x585, next.toLatin1().constData());
             log << "< " + hexOf(answer);
             now += 10000;
             client.onFrame(answer, now);
@@ -230,15 +219,7 @@ void TstSdo::serverRefusesASegmentPastTheIndicatedSize()
     QStringList answers;
     SdoServer server(&store, [&answers](const CanFrame& f) { answers << hexOf(f); });
     server.setNodeId(5);
-    const auto request = [&server](const char* hex) {
-        CanFrame f;
-        f.id = 0x605;
-        f.len = 8;
-        const QByteArray bytes = QByteArray::fromHex(hex);
-        for (int i = 0; i < 8; ++i)
-            f.data[i] = quint8(bytes[i]);
-        server.onFrame(f, 0);
-    };
+    const auto request = [&server](const char* hex) { server.onFrame(fromHex(0x605, hex), 0); };
     request("2140200008000000"); // segmented, 8 bytes indicated
     request("0041424344454647"); // 7 bytes, t=0
     request("1041424344454647"); // 7 more, t=1, not last: 14 > 8
