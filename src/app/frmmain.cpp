@@ -4,6 +4,9 @@
 #include "frmabort.h"
 #include "frmdiagno.h"
 #include "frmeds.h"
+#include "frminviamesg.h"
+#include "frmio.h"
+#include "frmseq.h"
 #include "hexhelpers.h"
 #include "inputblocker.h"
 #include "machinesettings.h"
@@ -192,6 +195,12 @@ void FrmMain::buildWindow()
     cmdEDS->setToolTip(QStringLiteral("Open the EDS browser"));
     connect(cmdEDS, &QPushButton::clicked, this, &FrmMain::cmdEDS_Click);
     tools->addWidget(cmdEDS);
+    cmdIO = new QPushButton(QStringLiteral("&Slider"), central);
+    cmdIO->setObjectName(QStringLiteral("cmdIO"));
+    cmdIO->setToolTip(QStringLiteral("Open the object slider: sweep a value into a monitor "
+                                     "slot and send it"));
+    connect(cmdIO, &QPushButton::clicked, this, &FrmMain::cmdIO_Click);
+    tools->addWidget(cmdIO);
     tools->addStretch();
 
     layout->addWidget(fraCtrl);
@@ -228,7 +237,8 @@ void FrmMain::setTabOrderByLayout()
         order << chkCanEnable[i] << cmbBaud[i] << optSelCanCtrl[i];
     for (QPushButton* b : cmdNMT)
         order << b;
-    order << txtFWNode << cmdLSSGet << cmdLSSSet << sdoPanel->tabOrder() << cmdDiagno << cmdEDS;
+    order << txtFWNode << cmdLSSGet << cmdLSSSet << sdoPanel->tabOrder() << cmdDiagno << cmdEDS
+          << cmdIO;
     for (qsizetype i = 1; i < order.size(); ++i)
         QWidget::setTabOrder(order[i - 1], order[i]);
 }
@@ -341,6 +351,11 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
             showMessage(e);
     });
     connect(m_monitor, &FrmDiagno::receiveAllChanged, this, &FrmMain::SetRxAll);
+    m_monitor->sendData = [this](quint16 id, int length, const QByteArray& data) {
+        return SendCanMsg(id, length, data);
+    };
+    m_monitor->sendRemote = [this](quint32 id, int length) { return SendCanRemote(id, length); };
+    m_monitor->showMessage = [this](const QString& text) { showMessage(text); };
     m_link.setTxNotify(m_monitor->showTransmit());
     tmrStato.start();
     tmrStato_Timer();
@@ -357,10 +372,8 @@ void FrmMain::formUnload()
         m_link.unadvise();
     m_history.save();
     WindowPlacement::saveGeometry(this, objectName());
-    if (m_monitor)
-        WindowPlacement::saveGeometry(m_monitor, m_monitor->objectName());
-    if (m_eds)
-        WindowPlacement::saveGeometry(m_eds, m_eds->objectName());
+    for (QWidget* w : carriedWindows())
+        WindowPlacement::saveGeometry(w, w->objectName());
     // Not quit(): that asks every window to close first, and the CAN monitor, which only hides
     // when closed, would refuse and keep the program running. exit() leaves the event loop at
     // once; outside one (a window driven by a test) there is nothing to leave, and exit() would
@@ -581,6 +594,21 @@ void FrmMain::cmdEDS_Click()
     m_eds->activateWindow();
 }
 
+void FrmMain::cmdIO_Click()
+{
+    if (!m_monitor)
+        return;
+    if (!m_io) {
+        m_io = new FrmIO(m_monitor, &m_placement, this, this);
+        m_io->move(m_placement.reference() + QPoint(0, frameGeometry().height() + 8));
+        WindowPlacement::restoreGeometry(m_io, m_io->objectName());
+        m_io->showMessage = [this](const QString& text) { showMessage(text); };
+    }
+    m_io->show();
+    m_io->raise();
+    m_io->activateWindow();
+}
+
 void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)
 {
     if (controller < 0 || controller >= kRows) {
@@ -667,6 +695,12 @@ QList<QWidget*> FrmMain::carriedWindows() const
         windows << m_monitor;
     if (m_eds)
         windows << m_eds;
+    if (m_io)
+        windows << m_io;
+    if (m_monitor && m_monitor->sequencer())
+        windows << m_monitor->sequencer();
+    if (m_monitor && m_monitor->composer())
+        windows << m_monitor->composer();
     return windows;
 }
 

@@ -23,6 +23,7 @@ namespace tessel {
 class FrmDiagno;
 class FrmAbort;
 class FrmEDS;
+class FrmIO;
 class SdoPanel;
 
 // The controller status text: "OR ", "TX ", "EW ", "BO " for bits 2, 1, 4, 8, in that order,
@@ -75,6 +76,7 @@ public:
     QProgressBar* prbStato = nullptr;
     QPushButton* cmdDiagno = nullptr;
     QPushButton* cmdEDS = nullptr;
+    QPushButton* cmdIO = nullptr;
     SdoPanel* sdoPanel = nullptr;
     QTimer tmrStato;
 
@@ -87,6 +89,8 @@ public:
     void cmdLSSSet_Click();
     void cmdDiagno_Click();
     void cmdEDS_Click();
+    void cmdIO_Click();
+    FrmIO* objectSlider() const { return m_io; }
     FrmEDS* edsBrowser() const { return m_eds; }
 
 protected:
@@ -117,6 +121,7 @@ private:
     WindowPlacement m_placement;
     FrmDiagno* m_monitor = nullptr;
     FrmEDS* m_eds = nullptr;
+    FrmIO* m_io = nullptr;
     FrmAbort* m_abort = nullptr;
     std::function<void(const QString&)> m_message;
     int m_selected = 0;

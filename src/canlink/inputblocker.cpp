@@ -17,8 +17,10 @@ public:
     bool eventFilter(QObject* receiver, QEvent* event) override
     {
         switch (event->type()) {
+        // A release goes through: it ends a press made before the wait (a slider dragged,
+        // a button held), which would otherwise stay pressed. Without its press a release
+        // clicks nothing.
         case QEvent::MouseButtonPress:
-        case QEvent::MouseButtonRelease:
         case QEvent::MouseButtonDblClick:
         case QEvent::KeyPress:
         case QEvent::KeyRelease:

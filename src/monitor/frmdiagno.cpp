@@ -3,10 +3,18 @@
 #include <algorithm>
 
 #include "canmsg.h"
+#include "filedialogfilter.h"
+#include "frminviamesg.h"
+#include "frmseq.h"
 #include "windowplacement.h"
 
 #include <QCheckBox>
 #include <QCloseEvent>
+#include <QFile>
+#include <QFileDialog>
+#include <QFileInfo>
+#include <QMessageBox>
+#include <QSaveFile>
 #include <QFontDatabase>
 #include <QGridLayout>
 #include <QGroupBox>
@@ -91,9 +99,58 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     auto* middle = new QHBoxLayout;
     middle->addWidget(edTrace, 1);
     middle->addWidget(filter);
+
+    slotGrid = new SlotGrid(this);
+    slotGrid->setObjectName(QStringLiteral("slotGrid"));
+    connect(slotGrid, &SlotGrid::sendClicked, this, [this](int slot) { sendSlot(slot); });
+    auto* tools = new QVBoxLayout;
+    btnLoad = new QPushButton(QStringLiteral("Load conf."), this);
+    btnLoad->setObjectName(QStringLiteral("btnLoad"));
+    btnLoad->setToolTip(QStringLiteral("Load slots, discard list and sequences from a .cnd file"));
+    btnSave = new QPushButton(QStringLiteral("Save conf."), this);
+    btnSave->setObjectName(QStringLiteral("btnSave"));
+    btnSave->setToolTip(QStringLiteral("Save slots, discard list and sequences to a .cnd file"));
+    cmdInvia = new QPushButton(QStringLiteral("Invia >"), this);
+    cmdInvia->setObjectName(QStringLiteral("cmdInvia"));
+    cmdInvia->setToolTip(QStringLiteral("Open the composer: send a list of frames with a pause"));
+    cmdSeq = new QPushButton(QStringLiteral("Seq >"), this);
+    cmdSeq->setObjectName(QStringLiteral("cmdSeq"));
+    cmdSeq->setToolTip(QStringLiteral("Open the sequencer: repeat timed sequences of slots"));
+    for (QPushButton* b : {btnLoad, btnSave, cmdInvia, cmdSeq})
+        tools->addWidget(b);
+    tools->addStretch();
+    acquisition = new AcquisitionBar(this);
+    acquisition->setObjectName(QStringLiteral("acquisition"));
+    acquisition->showMessage = [this](const QString& text) { message(text); };
+    acquisition->chooseFile = [this](const QString& title, const QString& filter,
+                                     const QString& start) {
+        return chooseOpenFile ? chooseOpenFile(title, filter, start) : QString();
+    };
+    auto* bottom = new QHBoxLayout;
+    bottom->addWidget(slotGrid);
+    bottom->addSpacing(12);
+    bottom->addLayout(tools);
+    bottom->addStretch();
+
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(top);
     layout->addLayout(middle, 1);
+    layout->addLayout(bottom);
+    layout->addWidget(acquisition);
+
+    connect(btnLoad, &QPushButton::clicked, this, &FrmDiagno::btnLoad_Click);
+    connect(btnSave, &QPushButton::clicked, this, &FrmDiagno::btnSave_Click);
+    connect(cmdInvia, &QPushButton::clicked, this, &FrmDiagno::cmdInvia_Click);
+    connect(cmdSeq, &QPushButton::clicked, this, &FrmDiagno::cmdSeq_Click);
+    chooseOpenFile = [this](const QString& title, const QString& filter, const QString& start) {
+        QFileDialog dialog(this, title, start, qtFileDialogFilter(filter));
+        dialog.setAcceptMode(QFileDialog::AcceptOpen);
+        dialog.setFileMode(QFileDialog::AnyFile);
+        return dialog.exec() == QDialog::Accepted ? dialog.selectedFiles().value(0) : QString();
+    };
+    chooseSaveFile = [this](const QString& title, const QString& filter, const QString& start) {
+        return QFileDialog::getSaveFileName(this, title, start, qtFileDialogFilter(filter));
+    };
 
     connect(btnRes, &QPushButton::clicked, this, [this] {
         m_trace.clear();
@@ -103,7 +160,7 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     connect(chkEnShowTx, &QCheckBox::toggled, this, &FrmDiagno::showTransmitChanged);
     connect(chkEnAllRx, &QCheckBox::toggled, this, &FrmDiagno::receiveAllChanged);
 
-    resize(720, 420);
+    resize(860, 680);
     m_loadSize = size();
     m_refresh.setInterval(kRefreshMs);
     connect(&m_refresh, &QTimer::timeout, this, &FrmDiagno::refreshTrace);
@@ -128,6 +185,7 @@ void FrmDiagno::receiveFrame(int channel, quint32 id, quint32 timeUs, const quin
 {
     if (!m_filter.passes(id))
         return;
+    acquisition->collect(id, timeUs, length, data);
     if (m_traceReceived)
         traceFrame(channel, int(TraceKind::Received), id, timeUs, length, data);
 }
@@ -165,6 +223,180 @@ void FrmDiagno::refreshTrace()
         cursor.insertText(text);
     }
     bar->setValue(atBottom ? bar->maximum() : std::min(kept, bar->maximum()));
+}
+
+namespace {
+const QString kConfigFilter = QStringLiteral("Fioskeife Files (*.cnd)|*.cnd|All Files (*.*)|*.*");
+}
+
+bool FrmDiagno::sendSlot(int slot)
+{
+    if (slot < 0 || slot >= SlotGrid::kSlots)
+        return false;
+    QString error;
+    const auto frame = slotFrame(slotGrid->texts(slot), slot, &error);
+    if (!frame) {
+        message(error);
+        return true;
+    }
+    if (frame->remote)
+        return sendRemote && sendRemote(frame->id, frame->length);
+    return sendData && sendData(frame->id, frame->length, frame->data);
+}
+
+QString FrmDiagno::dataBox(int n) const
+{
+    return n >= 0 && n < SlotGrid::kSlots * 8 ? slotGrid->edD0[n]->text() : QString();
+}
+
+void FrmDiagno::setDataBox(int n, const QString& text)
+{
+    if (n >= 0 && n < SlotGrid::kSlots * 8)
+        slotGrid->edD0[n]->setText(text);
+}
+
+QString FrmDiagno::sequenceText(int k) const
+{
+    return k >= 0 && k < MonitorSetup::kSequences ? m_sequences[k] : QString();
+}
+
+void FrmDiagno::setSequenceText(int k, const QString& text)
+{
+    if (k < 0 || k >= MonitorSetup::kSequences)
+        return;
+    m_sequences[k] = text;
+    if (m_sequencer && m_sequencer->isVisible() && m_sequencer->txtSeq[k]->text() != text)
+        m_sequencer->txtSeq[k]->setText(text);
+}
+
+MonitorSetup FrmDiagno::setup() const
+{
+    MonitorSetup s;
+    for (int i = 0; i < MonitorSetup::kSlots; ++i)
+        s.transmitSlots[i] = slotGrid->texts(i);
+    for (int i = 0; i < MonitorSetup::kFilters; ++i)
+        s.filters[i] = txtDiscardList[i]->text();
+    s.sequences = m_sequences;
+    return s;
+}
+
+void FrmDiagno::applySetup(const MonitorSetup& s)
+{
+    for (int i = 0; i < MonitorSetup::kSlots; ++i)
+        slotGrid->setTexts(i, s.transmitSlots[i]);
+    for (int i = 0; i < MonitorSetup::kFilters; ++i)
+        txtDiscardList[i]->setText(s.filters[i]);
+    for (int k = 0; k < MonitorSetup::kSequences; ++k)
+        setSequenceText(k, s.sequences[k]);
+}
+
+void FrmDiagno::btnLoad_Click()
+{
+    if (!chooseOpenFile)
+        return;
+    const QString path = chooseOpenFile(QString(), kConfigFilter, m_configPath);
+    if (path.isEmpty())
+        return;
+    loadConfiguration(path);
+}
+
+bool FrmDiagno::loadConfiguration(const QString& path)
+{
+    m_configPath = path;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        message(QStringLiteral("Load failed"));
+        return false;
+    }
+    // A monitor set-up is a few kilobytes; anything far larger is no such file.
+    const QByteArray bytes = file.read(1 << 20);
+    const MonitorConfigLoad load = readMonitorConfig(bytes, setup());
+    if (load.result == MonitorConfigLoad::UnknownHeader) {
+        message(QStringLiteral("Invalid Fioskeife file"));
+        return false;
+    }
+    applySetup(load.setup);
+    if (load.result == MonitorConfigLoad::Failed) {
+        qWarning("Loading %s: %s", qPrintable(path), qPrintable(load.reason));
+        message(QStringLiteral("Load failed"));
+        return false;
+    }
+    return true;
+}
+
+void FrmDiagno::btnSave_Click()
+{
+    if (!chooseSaveFile)
+        return;
+    const QString path = chooseSaveFile(QString(), kConfigFilter, m_configPath);
+    if (path.isEmpty())
+        return;
+    saveConfiguration(path);
+}
+
+bool FrmDiagno::saveConfiguration(const QString& path)
+{
+    m_configPath = path;
+    if (m_sequencer)
+        m_sequencer->storeTexts();
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(writeMonitorConfig(setup())) < 0 ||
+        !file.commit()) {
+        message(QStringLiteral("Cannot save the configuration to %1: %2")
+                    .arg(QFileInfo(path).absoluteFilePath(), file.errorString()));
+        return false;
+    }
+    return true;
+}
+
+FrmSeq* FrmDiagno::sequencer() const
+{
+    return m_sequencer;
+}
+
+FrmInviaMesg* FrmDiagno::composer() const
+{
+    return m_composer;
+}
+
+void FrmDiagno::cmdSeq_Click()
+{
+    if (!m_sequencer) {
+        m_sequencer = new FrmSeq(this, m_placement, m_mainWindow, this);
+        m_sequencer->setAttribute(Qt::WA_DeleteOnClose);
+        if (m_placement)
+            m_sequencer->move(m_placement->reference() + QPoint(40, 480));
+        WindowPlacement::restoreGeometry(m_sequencer, m_sequencer->objectName());
+        m_sequencer->showMessage = [this](const QString& text) { message(text); };
+    }
+    m_sequencer->show();
+    m_sequencer->raise();
+    m_sequencer->activateWindow();
+}
+
+void FrmDiagno::cmdInvia_Click()
+{
+    if (!m_composer) {
+        m_composer = new FrmInviaMesg(m_placement, m_mainWindow, this);
+        if (m_placement)
+            m_composer->move(m_placement->reference() + QPoint(80, 520));
+        WindowPlacement::restoreGeometry(m_composer, m_composer->objectName());
+        m_composer->sendData = [this](quint16 id, int length, const QByteArray& data) {
+            return sendData && sendData(id, length, data);
+        };
+        m_composer->showMessage = [this](const QString& text) { message(text); };
+    }
+    m_composer->show();
+    m_composer->raise();
+    m_composer->activateWindow();
+}
+
+void FrmDiagno::message(const QString& text)
+{
+    if (showMessage)
+        showMessage(text);
+    else
+        QMessageBox::warning(this, windowTitle(), text);
 }
 
 QString FrmDiagno::screenText() const

@@ -1,12 +1,17 @@
 #pragma once
 
+#include "acquisitionbar.h"
+#include "monitorconfig.h"
 #include "receivefilter.h"
+#include "slotgrid.h"
 #include "traceline.h"
 
+#include <QPointer>
 #include <QTimer>
 #include <QWidget>
 
 #include <array>
+#include <functional>
 
 class QCheckBox;
 class QLineEdit;
@@ -15,11 +20,15 @@ class QPushButton;
 
 namespace tessel {
 
+class FrmInviaMesg;
+class FrmSeq;
 class WindowPlacement;
 
-// The CAN monitor "Can Monitor": the trace of sent and received frames and the receive filter.
-// Closing it only hides it, so its trace and lists live as long as the program. The screen
-// follows the trace text in batches, a few times a second, so a saturated bus never freezes it.
+// The CAN monitor "Can Monitor": the trace of sent and received frames, the receive filter,
+// the eight transmit slots, the acquisition and the monitor's configuration file; it opens the
+// sequencer and the composer. Closing it only hides it, so its trace, slots and texts live as
+// long as the program. The screen follows the trace text in batches, a few times a second, so
+// a saturated bus never freezes it.
 class FrmDiagno : public QWidget
 {
     Q_OBJECT
@@ -46,6 +55,36 @@ public:
     void refreshTrace();
     QString screenText() const;
 
+    // Sends transmit slot 0..7 through the main window's send routines; a slot outside sends
+    // nothing. True when the slot could not be sent (the user has been told why).
+    bool sendSlot(int slot);
+    // Data box n = slot * 8 + byte, 0 to 63.
+    QString dataBox(int n) const;
+    void setDataBox(int n, const QString& text);
+    // The six sequencer texts (0 to 5), kept here so they outlive the sequencer window.
+    QString sequenceText(int k) const;
+    void setSequenceText(int k, const QString& text);
+
+    MonitorSetup setup() const;
+    void btnLoad_Click();
+    void btnSave_Click();
+    // Reads / writes a configuration file; false when it failed (the user has been told).
+    bool loadConfiguration(const QString& path);
+    bool saveConfiguration(const QString& path);
+    void cmdSeq_Click();
+    void cmdInvia_Click();
+    FrmSeq* sequencer() const;
+    FrmInviaMesg* composer() const;
+
+    // The main window's send routines: true when the send failed.
+    std::function<bool(quint16 id, int length, const QByteArray& data)> sendData;
+    std::function<bool(quint32 id, int length)> sendRemote;
+    std::function<void(const QString&)> showMessage;
+    // File dialogs: (title, filter in the program's form, start) to a name, empty when
+    // cancelled. Tests replace them.
+    std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
+    std::function<QString(const QString&, const QString&, const QString&)> chooseSaveFile;
+
     QCheckBox* chTrace = nullptr;
     std::array<QCheckBox*, kChannels> chkCV{};
     QCheckBox* chkEnShowTx = nullptr;
@@ -54,6 +93,12 @@ public:
     QCheckBox* chkInvert = nullptr;
     QPushButton* btnRes = nullptr;
     QPlainTextEdit* edTrace = nullptr;
+    SlotGrid* slotGrid = nullptr;
+    AcquisitionBar* acquisition = nullptr;
+    QPushButton* btnLoad = nullptr;
+    QPushButton* btnSave = nullptr;
+    QPushButton* cmdInvia = nullptr;
+    QPushButton* cmdSeq = nullptr;
 
 signals:
     // chTrace: the main window echoes its sent frames into the trace while on.
@@ -68,6 +113,9 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
+    void applySetup(const MonitorSetup& setup);
+    void message(const QString& text);
+
     const WindowPlacement* m_placement;
     QWidget* m_mainWindow;
     TraceBuffer m_trace;
@@ -77,6 +125,10 @@ private:
     bool m_positioned = false;
     bool m_traceReceived = true;
     QChar m_decimalPoint;
+    std::array<QString, MonitorSetup::kSequences> m_sequences;
+    QPointer<FrmSeq> m_sequencer;
+    QPointer<FrmInviaMesg> m_composer;
+    QString m_configPath;
 };
 
 } // namespace tessel

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "acquisition.h"
+
+#include <QWidget>
+
+#include <functional>
+
+class QCheckBox;
+class QLineEdit;
+class QPushButton;
+
+namespace tessel {
+
+// The monitor's acquisition controls: "Export" collects every frame that passes the receive
+// filter, "Save Acq" writes the collected frames to the file named beside it.
+class AcquisitionBar : public QWidget
+{
+    Q_OBJECT
+public:
+    explicit AcquisitionBar(QWidget* parent = nullptr);
+
+    // "acq.csv" in a "tmp" folder of the user's documents.
+    static QString defaultPath();
+
+    // Called for every frame that passed the receive filter.
+    void collect(quint32 id, quint32 timeUs, int length, const quint8* data)
+    {
+        if (m_collecting)
+            m_buffer.append(id, timeUs, length, data);
+    }
+    const AcquisitionBuffer& buffer() const { return m_buffer; }
+
+    void cmdSaveAcq_Click();
+    void cmdFNApp_Click();
+
+    // Asks for a file name (the open dialog); empty when cancelled. Tests replace it.
+    std::function<QString(const QString& title, const QString& filter, const QString& start)>
+        chooseFile;
+    std::function<void(const QString&)> showMessage;
+
+    QCheckBox* chkExport = nullptr;
+    QLineEdit* txtFileName = nullptr;
+    QPushButton* cmdFNApp = nullptr;
+    QPushButton* cmdSaveAcq = nullptr;
+
+private:
+    void chkExport_Click(bool ticked);
+
+    AcquisitionBuffer m_buffer;
+    bool m_collecting = false;
+};
+
+} // namespace tessel

@@ -1,0 +1,106 @@
+#include "sequence.h"
+
+#include "numbers.h"
+
+namespace tessel {
+
+QString nextSequenceToken(const QString& text, int& position)
+{
+    static const QString kTokenChars = QStringLiteral("0123456789.MT");
+    const QString upper = text.toUpper();
+    const int length = int(upper.size());
+    while (position <= length && upper[position - 1] == QLatin1Char(' '))
+        ++position;
+    if (position > length)
+        return {};
+    const int start = position;
+    while (position <= length && kTokenChars.contains(upper[position - 1]))
+        ++position;
+    return upper.mid(start - 1, position - start);
+}
+
+void SequenceRow::setEnabled(bool on)
+{
+    m_enabled = on;
+    m_position = 1;
+    m_passEnded = false;
+    m_passSentOrWaited = false;
+    m_pending.clear();
+    if (on)
+        m_timer->start(1);
+    else
+        m_timer->stop();
+}
+
+void SequenceRow::stopRow(const QString& message)
+{
+    setEnabled(false);
+    if (m_hooks.stopped)
+        m_hooks.stopped(message);
+}
+
+void SequenceRow::onTimer()
+{
+    m_timer->stop();
+    if (!m_enabled)
+        return;
+    if (m_passEnded) {
+        // The event loop had its turn after the last pass: go on with that pass's last token.
+        m_passEnded = false;
+        const QString token = m_pending;
+        m_pending.clear();
+        if (!token.isEmpty() && !runToken(token))
+            return;
+    }
+    for (;;) {
+        const QString token = nextSequenceToken(m_text, m_position);
+        if (m_position > m_text.size()) {
+            m_position = 1;
+            if (!m_passSentOrWaited && token.isEmpty()) {
+                // A blank text sends nothing and never waits: nothing to repeat.
+                stopRow(QString());
+                return;
+            }
+            m_passSentOrWaited = false;
+            m_passEnded = true;
+            m_pending = token;
+            m_timer->start(0);
+            return;
+        }
+        if (!runToken(token))
+            return;
+    }
+}
+
+bool SequenceRow::runToken(const QString& token)
+{
+    const QChar kind = token.isEmpty() ? QChar() : token[0];
+    const double number = lenientValue(QStringView(token).mid(1));
+    if (kind == QLatin1Char('M')) {
+        m_passSentOrWaited = true;
+        const int slot = roundToInt16(number - 1);
+        if (m_hooks.sendSlot && m_hooks.sendSlot(slot)) {
+            stopRow(QStringLiteral("Sequence stopped: slot %1 could not be sent.").arg(slot + 1));
+            return false;
+        }
+        return true;
+    }
+    if (kind == QLatin1Char('T')) {
+        m_passSentOrWaited = true;
+        const qint32 ms = roundToInt32(number * 1000);
+        if (ms > kLongestWaitMs) {
+            stopRow(QStringLiteral("Sequence stopped: the wait %1 is longer than the longest "
+                                   "wait, T65.535 (65535 ms).")
+                        .arg(token));
+            return false;
+        }
+        if (ms > 0)
+            m_timer->start(ms);
+        // "T0" arms nothing: the row waits until its box is cleared.
+        return false;
+    }
+    stopRow(QString());
+    return false;
+}
+
+} // namespace tessel
