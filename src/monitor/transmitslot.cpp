@@ -23,7 +23,9 @@ std::optional<SlotFrame> slotFrame(const SlotTexts& slot, int slotIndex, QString
         *error = QStringLiteral("Invalid message lenght");
         return std::nullopt;
     }
-    const qint64 id = qint64(lenientHexValue(slot.id));
+    // Blanks around a typed number are not part of it: " 181" must not read as 0, the NMT
+    // identifier.
+    const qint64 id = qint64(lenientHexValue(slot.id.trimmed()));
     if (id < 0 || id > 0x7FF) {
         *error = QStringLiteral("The identifier %1 of slot %2 is not an 11-bit CAN identifier "
                                 "(0 to 7FF): nothing sent.")
@@ -38,7 +40,7 @@ std::optional<SlotFrame> slotFrame(const SlotTexts& slot, int slotIndex, QString
     if (!frame.remote) {
         frame.data.resize(frame.length);
         for (int j = 0; j < frame.length; ++j)
-            frame.data[j] = char(qint64(lenientHexValue(slot.data[j])) & 0xFF);
+            frame.data[j] = char(qint64(lenientHexValue(slot.data[j].trimmed())) & 0xFF);
     }
     return frame;
 }

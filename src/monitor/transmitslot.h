@@ -27,7 +27,8 @@ struct SlotFrame
 };
 
 // The frame a slot sends, or the reason (for the user) why nothing is sent. The identifier and
-// the data boxes are read leniently as hexadecimal (a typo reads as 0, "1FF" as FF); the
+// the data boxes are read leniently as hexadecimal after trimming (reading stops at a typo,
+// "1FF" gives FF); the
 // length must be a whole number from 0 to 8, else "Invalid message lenght".
 std::optional<SlotFrame> slotFrame(const SlotTexts& slot, int slotIndex, QString* error);
 

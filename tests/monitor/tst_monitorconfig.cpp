@@ -1,0 +1,202 @@
+#include "monitorconfig.h"
+
+#include <QTest>
+
+using namespace tessel;
+
+Q_DECLARE_METATYPE(tessel::MonitorSetup)
+
+class TstMonitorConfig : public QObject
+{
+    Q_OBJECT
+private slots:
+    void writesTheFileFormat();
+    void roundTrip_data();
+    void roundTrip();
+    void versions_data();
+    void versions();
+    void badFiles_data();
+    void badFiles();
+};
+
+namespace {
+MonitorSetup sample()
+{
+    MonitorSetup s;
+    for (int i = 0; i < MonitorSetup::kSlots; ++i) {
+        s.transmitSlots[i].id = QString::number(0x181 + i, 16);
+        for (int j = 0; j < 8; ++j)
+            s.transmitSlots[i].data[j] = QString::number(i * 8 + j, 16).toUpper();
+        s.transmitSlots[i].length = QString::number(i);
+        s.transmitSlots[i].remote = i % 3 == 0;
+    }
+    for (int i = 0; i < MonitorSetup::kFilters; ++i)
+        s.filters[i] = QStringLiteral("70%1").arg(i);
+    for (int i = 0; i < MonitorSetup::kSequences; ++i)
+        s.sequences[i] = QStringLiteral("M%1 T0.%1").arg(i + 1);
+    return s;
+}
+
+MonitorSetup other()
+{
+    MonitorSetup s;
+    for (auto& slot : s.transmitSlots) {
+        slot.id = QStringLiteral("old");
+        slot.length = QStringLiteral("old");
+    }
+    s.filters.fill(QStringLiteral("old filter"));
+    s.sequences.fill(QStringLiteral("old sequence"));
+    return s;
+}
+
+bool same(const MonitorSetup& a, const MonitorSetup& b)
+{
+    for (int i = 0; i < MonitorSetup::kSlots; ++i) {
+        const SlotTexts &x = a.transmitSlots[i], &y = b.transmitSlots[i];
+        if (x.id != y.id || x.data != y.data || x.length != y.length || x.remote != y.remote)
+            return false;
+    }
+    return a.filters == b.filters && a.sequences == b.sequences;
+}
+
+// The slot part of a file: eight slot lines of sample().
+QByteArray slotLines()
+{
+    const QByteArray whole = writeMonitorConfig(sample());
+    const qsizetype start = whole.indexOf("\r\n") + 2;
+    qsizetype end = start;
+    for (int i = 0; i < 8; ++i)
+        end = whole.indexOf("\r\n", end) + 2;
+    return whole.mid(start, end - start);
+}
+} // namespace
+
+void TstMonitorConfig::writesTheFileFormat()
+{
+    MonitorSetup s;
+    s.transmitSlots[0].id = QStringLiteral("181");
+    s.transmitSlots[0].data[0] = QStringLiteral("12");
+    s.transmitSlots[0].data[1] = QStringLiteral("34");
+    s.transmitSlots[0].length = QStringLiteral("2");
+    s.transmitSlots[1].remote = true;
+    s.filters[5] = QStringLiteral("701");
+    s.sequences[0] = QStringLiteral("M1 T1");
+    const QByteArray file = writeMonitorConfig(s);
+    const QList<QByteArray> lines = file.split('\n');
+    QCOMPARE(lines.size(), 10);
+    QCOMPARE(lines[0], QByteArray("\";COPDIB config file\"\r"));
+    QCOMPARE(lines[1], QByteArray("\"181\",\"12\",\"34\",\"\",\"\",\"\",\"\",\"\",\"\",\"2\",0\r"));
+    QCOMPARE(lines[2], QByteArray("\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",1\r"));
+    QCOMPARE(lines[9], QByteArray("\"\",\"\",\"\",\"\",\"\",\"701\",\"M1 T1\",\"\",\"\",\"\",\"\","
+                                  "\"\""));
+}
+
+void TstMonitorConfig::roundTrip_data()
+{
+    QTest::addColumn<MonitorSetup>("setup");
+    QTest::newRow("full") << sample();
+    QTest::newRow("empty texts") << MonitorSetup{};
+    MonitorSetup odd = sample();
+    odd.transmitSlots[3].id = QStringLiteral("a \"quoted\", text");
+    odd.filters[2] = QStringLiteral(" padded ");
+    odd.sequences[4] = QStringLiteral("M1,M2\tT1");
+    odd.sequences[5] = QStringLiteral("è voilà");
+    QTest::newRow("quotes, commas, blanks, accents") << odd;
+}
+
+void TstMonitorConfig::roundTrip()
+{
+    QFETCH(MonitorSetup, setup);
+    const MonitorConfigLoad load = readMonitorConfig(writeMonitorConfig(setup), other());
+    QCOMPARE(load.result, MonitorConfigLoad::Loaded);
+    QVERIFY(same(load.setup, setup));
+}
+
+void TstMonitorConfig::versions_data()
+{
+    QTest::addColumn<QByteArray>("file");
+    QTest::addColumn<bool>("filters");
+    QTest::addColumn<bool>("sequences");
+    const QByteArray tail = "\"701\",\"702\",\"703\",\"704\",\"705\",\"706\"";
+    QTest::newRow("CANDIA") << "\";CANDIA\"\r\n" + slotLines() << false << false;
+    QTest::newRow("COPDIA") << "\";COPDIA config file\"\r\n" + slotLines() + tail << true << false;
+    QTest::newRow("COPDIBxyz") << "\";COPDIBxyz\"\r\n" + slotLines() + tail +
+                                      ",\"M1\",\"M2\",\"M3\",\"M4\",\"M5\",\"M6\""
+                               << true << true;
+    // Fields are read one by one, whatever the line breaks: all on one line, LF only.
+    QByteArray oneLine = slotLines();
+    oneLine.replace("\r\n", ",");
+    QTest::newRow("one line") << "\";CANDIA\"," + oneLine << false << false;
+    QByteArray unix = "\";CANDIA\"\n" + slotLines();
+    unix.replace("\r\n", "\n");
+    QTest::newRow("LF line ends") << unix << false << false;
+    QTest::newRow("bare header, blanks") << ";CANDIA ,  " + slotLines() << false << false;
+}
+
+void TstMonitorConfig::versions()
+{
+    QFETCH(QByteArray, file);
+    QFETCH(bool, filters);
+    QFETCH(bool, sequences);
+    const MonitorConfigLoad load = readMonitorConfig(file, other());
+    QCOMPARE(load.result, MonitorConfigLoad::Loaded);
+    for (int i = 0; i < MonitorSetup::kSlots; ++i) {
+        QCOMPARE(load.setup.transmitSlots[i].id, sample().transmitSlots[i].id);
+        QCOMPARE(load.setup.transmitSlots[i].data, sample().transmitSlots[i].data);
+        QCOMPARE(load.setup.transmitSlots[i].remote, sample().transmitSlots[i].remote);
+    }
+    QCOMPARE(load.setup.filters[5], filters ? QStringLiteral("706") : QStringLiteral("old filter"));
+    QCOMPARE(load.setup.sequences[5],
+             sequences ? QStringLiteral("M6") : QStringLiteral("old sequence"));
+}
+
+void TstMonitorConfig::badFiles_data()
+{
+    QTest::addColumn<QByteArray>("file");
+    QTest::addColumn<int>("result");
+    // How many slots' identifiers the failed load had set before it stopped.
+    QTest::addColumn<int>("slotsRead");
+    const int unknown = MonitorConfigLoad::UnknownHeader, failed = MonitorConfigLoad::Failed;
+    QTest::newRow("empty file") << QByteArray() << unknown << 0;
+    QTest::newRow("unknown header") << QByteArray("\";COPDIC\"\r\n") + slotLines() << unknown << 0;
+    QTest::newRow("header of six characters") << QByteArray("\";COPDI\"\r\n") + slotLines()
+                                              << unknown << 0;
+    QByteArray garbage(4096, '\0');
+    for (int i = 0; i < garbage.size(); ++i)
+        garbage[i] = char((i * 7919 + 13) % 256);
+    QTest::newRow("binary garbage") << garbage << unknown << 0;
+    QTest::newRow("header only") << QByteArray("\";COPDIB\"\r\n") << failed << 0;
+    QTest::newRow("cut in slot 3") << QByteArray("\";CANDIA\"\r\n") + slotLines().left(130)
+                                   << failed << 3;
+    QByteArray badBox = slotLines();
+    badBox.replace(",1\r\n\"185\"", ",2\r\n\"185\"");
+    QTest::newRow("remote box 2") << "\";CANDIA\"\r\n" + badBox << failed << 4;
+    QByteArray wordBox = slotLines();
+    wordBox.replace(",0\r\n\"183\"", ",yes\r\n\"183\"");
+    QTest::newRow("remote box yes") << "\";CANDIA\"\r\n" + wordBox << failed << 2;
+    QByteArray strayQuote = slotLines();
+    strayQuote.replace("\"183\"", "\"1\"83\"");
+    QTest::newRow("embedded quote") << "\";CANDIA\"\r\n" + strayQuote << failed << 2;
+    QTest::newRow("no closing quote") << "\";CANDIA\"\r\n" + slotLines().left(40) + "\"abc"
+                                      << failed << 1;
+    QTest::newRow("filters missing") << "\";COPDIA\"\r\n" + slotLines() + "\"701\"" << failed << 8;
+}
+
+void TstMonitorConfig::badFiles()
+{
+    QFETCH(QByteArray, file);
+    QFETCH(int, result);
+    QFETCH(int, slotsRead);
+    const MonitorConfigLoad load = readMonitorConfig(file, other());
+    QCOMPARE(int(load.result), result);
+    QVERIFY(!load.reason.isEmpty());
+    // Not atomic: what was read stays, the rest is as it was.
+    for (int i = 0; i < MonitorSetup::kSlots; ++i)
+        QCOMPARE(load.setup.transmitSlots[i].id,
+                 i < slotsRead ? sample().transmitSlots[i].id : QStringLiteral("old"));
+    if (result == MonitorConfigLoad::UnknownHeader)
+        QVERIFY(same(load.setup, other()));
+}
+
+QTEST_APPLESS_MAIN(TstMonitorConfig)
+#include "tst_monitorconfig.moc"

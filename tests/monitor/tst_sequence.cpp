@@ -1,0 +1,189 @@
+#include "sequence.h"
+
+#include <QTest>
+
+#include <memory>
+
+using namespace tessel;
+
+namespace {
+
+// A fake clock for one row: the timer is a due time; advancing fires it when due.
+class FakeClock : public RowTimer
+{
+public:
+    void start(int ms) override { due = now + ms; }
+    void stop() override { due = -1; }
+    // Runs the row until `until`; every expiry at its due time.
+    void runUntil(SequenceRow& row, qint64 until)
+    {
+        for (int guard = 0; due >= 0 && due <= until && guard < 100000; ++guard) {
+            now = due;
+            row.onTimer();
+        }
+        now = until;
+    }
+    qint64 now = 0;
+    qint64 due = -1;
+};
+
+struct Rig
+{
+    explicit Rig(const QString& text)
+    {
+        SequenceRow::Hooks hooks;
+        hooks.sendSlot = [this](int slot) {
+            sent.append({clock.now, slot});
+            return slot == failingSlot;
+        };
+        hooks.stopped = [this](const QString& message) {
+            ++stops;
+            lastMessage = message;
+        };
+        row = std::make_unique<SequenceRow>(&clock, hooks);
+        row->setText(text);
+    }
+    QString sends() const
+    {
+        QStringList parts;
+        for (const auto& [time, slot] : sent)
+            parts << QStringLiteral("%1@%2").arg(slot).arg(time);
+        return parts.join(QLatin1Char(' '));
+    }
+    FakeClock clock;
+    std::unique_ptr<SequenceRow> row;
+    QList<std::pair<qint64, int>> sent;
+    int failingSlot = -100;
+    int stops = 0;
+    QString lastMessage;
+};
+
+} // namespace
+
+class TstSequence : public QObject
+{
+    Q_OBJECT
+private slots:
+    void tokens_data();
+    void tokens();
+    void rows_data();
+    void rows();
+    void clearingStopsAWaitingRowAndTickingRestarts();
+    void tooLongWaitStopsWithMessage();
+    void failedSendStopsTheRow();
+};
+
+void TstSequence::tokens_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<int>("start");
+    QTest::addColumn<QString>("token");
+    QTest::addColumn<int>("position");
+    QTest::newRow("first") << "M1 T0.5" << 1 << "M1" << 3;
+    QTest::newRow("blanks skipped") << "M1   T0.5" << 3 << "T0.5" << 10;
+    QTest::newRow("lower case") << "m1 t1" << 4 << "T1" << 6;
+    QTest::newRow("comma ends a token") << "M1,M2" << 1 << "M1" << 3;
+    QTest::newRow("comma: empty, stays") << "M1,M2" << 3 << "" << 3;
+    QTest::newRow("past the end") << "M1 " << 3 << "" << 4;
+    QTest::newRow("empty text") << "" << 1 << "" << 1;
+    QTest::newRow("tab is no blank") << "\tM1" << 1 << "" << 1;
+    QTest::newRow("letters run on") << "MT5 M2" << 1 << "MT5" << 4;
+}
+
+void TstSequence::tokens()
+{
+    QFETCH(QString, text);
+    QFETCH(int, start);
+    QFETCH(QString, token);
+    QFETCH(int, position);
+    int at = start;
+    QCOMPARE(nextSequenceToken(text, at), token);
+    QCOMPARE(at, position);
+}
+
+void TstSequence::rows_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<qint64>("until");
+    QTest::addColumn<QString>("sends");
+    QTest::addColumn<bool>("running");
+    // Ticking starts 1 ms later; the end of each pass gives the event loop one turn (0 ms).
+    QTest::newRow("M1 T0.5 M2 T1") << "M1 T0.5 M2 T1" << qint64(3100)
+                                   << "0@1 1@501 0@1501 1@2001 0@3001" << true;
+    QTest::newRow("lower case") << "m1 t1" << qint64(2500) << "0@1 0@1001 0@2001" << true;
+    QTest::newRow("comma stops after the first") << "M1,M2" << qint64(1000) << "0@1" << false;
+    QTest::newRow("T0 hangs") << "M1 T0 M2" << qint64(5000) << "0@1" << true;
+    QTest::newRow("M0 and M9 send nothing") << "M0 M9 M3 T1" << qint64(1500) << "-1@1 8@1 2@1 -1@1001 8@1001 2@1001"
+                                            << true;
+    QTest::newRow("digit first stops") << "M1 5" << qint64(1000) << "0@1" << false;
+    QTest::newRow("blank text stops") << "   " << qint64(1000) << "" << false;
+    QTest::newRow("empty text stops") << "" << qint64(1000) << "" << false;
+    QTest::newRow("rounding M1.5 is slot 0") << "M1.5 T2" << qint64(100) << "0@1" << true;
+    QTest::newRow("T0.0004 rounds to 0, hangs") << "M2 T0.0004" << qint64(100) << "1@1" << true;
+    QTest::newRow("longest wait") << "M1 T65.535" << qint64(70000) << "0@1 0@65536" << true;
+    QTest::newRow("trailing blanks") << "M1 T1 " << qint64(1500) << "0@1 0@1001" << true;
+}
+
+void TstSequence::rows()
+{
+    QFETCH(QString, text);
+    QFETCH(qint64, until);
+    QFETCH(QString, sends);
+    QFETCH(bool, running);
+    Rig rig(text);
+    rig.row->setEnabled(true);
+    rig.clock.runUntil(*rig.row, until);
+    QCOMPARE(rig.sends(), sends);
+    QCOMPARE(rig.row->isEnabled(), running);
+    QCOMPARE(rig.stops, running ? 0 : 1);
+    QVERIFY(rig.lastMessage.isEmpty());
+}
+
+void TstSequence::clearingStopsAWaitingRowAndTickingRestarts()
+{
+    Rig rig("M1 T0.5 M2 T1");
+    rig.row->setEnabled(true);
+    rig.clock.runUntil(*rig.row, 200); // waiting in T0.5
+    rig.row->setEnabled(false);
+    QCOMPARE(rig.clock.due, qint64(-1));
+    rig.clock.runUntil(*rig.row, 5000);
+    QCOMPARE(rig.sends(), QStringLiteral("0@1"));
+    rig.row->setEnabled(true); // from the first token again
+    rig.clock.runUntil(*rig.row, 5600);
+    QCOMPARE(rig.sends(), QStringLiteral("0@1 0@5001 1@5501"));
+
+    // A pure "M" row runs on, one pass per event-loop turn, until cleared.
+    Rig busy("M1 M2");
+    busy.row->setEnabled(true);
+    for (int turn = 0; turn < 5; ++turn)
+        busy.row->onTimer();
+    QCOMPARE(busy.sent.size(), 9); // the first turn sends M1, then M2 with each next M1
+    QCOMPARE(busy.clock.due, busy.clock.now); // the next pass is due at once
+    busy.row->setEnabled(false);
+    QCOMPARE(busy.clock.due, qint64(-1));
+}
+
+void TstSequence::tooLongWaitStopsWithMessage()
+{
+    Rig rig("M1 T65.536 M2");
+    rig.row->setEnabled(true);
+    rig.clock.runUntil(*rig.row, 100000);
+    QCOMPARE(rig.sends(), QStringLiteral("0@1"));
+    QVERIFY(!rig.row->isEnabled());
+    QCOMPARE(rig.stops, 1);
+    QVERIFY2(rig.lastMessage.contains("T65.536"), qPrintable(rig.lastMessage));
+}
+
+void TstSequence::failedSendStopsTheRow()
+{
+    Rig rig("M1 M2 M3 T1");
+    rig.failingSlot = 1;
+    rig.row->setEnabled(true);
+    rig.clock.runUntil(*rig.row, 5000);
+    QCOMPARE(rig.sends(), QStringLiteral("0@1 1@1"));
+    QVERIFY(!rig.row->isEnabled());
+    QCOMPARE(rig.stops, 1);
+}
+
+QTEST_APPLESS_MAIN(TstSequence)
+#include "tst_sequence.moc"

@@ -1,0 +1,114 @@
+#include "transmitslot.h"
+
+#include <QTest>
+
+using namespace tessel;
+
+Q_DECLARE_METATYPE(tessel::SlotTexts)
+
+class TstTransmitSlot : public QObject
+{
+    Q_OBJECT
+private slots:
+    void frame_data();
+    void frame();
+    void refused_data();
+    void refused();
+};
+
+namespace {
+SlotTexts slot(const QString& id, const QString& length, const QStringList& data = {},
+               bool remote = false)
+{
+    SlotTexts s;
+    s.id = id;
+    s.length = length;
+    s.remote = remote;
+    for (int j = 0; j < data.size() && j < 8; ++j)
+        s.data[j] = data[j];
+    return s;
+}
+} // namespace
+
+void TstTransmitSlot::frame_data()
+{
+    QTest::addColumn<SlotTexts>("texts");
+    QTest::addColumn<int>("id");
+    QTest::addColumn<QByteArray>("data");
+    QTest::addColumn<bool>("remote");
+    QTest::addColumn<int>("length");
+    QTest::newRow("start the drive") << slot("000", "2", {"01", "00"}) << 0 << QByteArray("\x01\x00", 2)
+                                     << false << 2;
+    QTest::newRow("length 0 reads no box") << slot("181", "0", {"zz"}) << 0x181 << QByteArray()
+                                           << false << 0;
+    QTest::newRow("length 8, empty boxes") << slot("181", "8") << 0x181 << QByteArray(8, '\0')
+                                           << false << 8;
+    QTest::newRow("1FF is FF") << slot("181", "1", {"1FF"}) << 0x181 << QByteArray("\xFF", 1)
+                               << false << 1;
+    QTest::newRow("FFFF is FF") << slot("181", "1", {"FFFF"}) << 0x181 << QByteArray("\xFF", 1)
+                                << false << 1;
+    QTest::newRow("boxes past the length unread")
+        << slot("181", "2", {"12", "34", "56"}) << 0x181 << QByteArray("\x12\x34", 2) << false << 2;
+    QTest::newRow("typo reads up to it") << slot("181", "2", {"1G", "G1"}) << 0x181
+                                         << QByteArray("\x01\x00", 2) << false << 2;
+    QTest::newRow("lower case id") << slot("7e5", "0") << 0x7E5 << QByteArray() << false << 0;
+    QTest::newRow("id with blanks") << slot(" 181 ", " 1 ", {"5"}) << 0x181 << QByteArray("\x05", 1)
+                                    << false << 1;
+    QTest::newRow("unreadable id is 0") << slot("x", "0") << 0 << QByteArray() << false << 0;
+    QTest::newRow("remote reads no box") << slot("181", "4", {"zz"}, true) << 0x181 << QByteArray()
+                                         << true << 4;
+    QTest::newRow("length 8.0") << slot("181", "8.0") << 0x181 << QByteArray(8, '\0') << false << 8;
+}
+
+void TstTransmitSlot::frame()
+{
+    QFETCH(SlotTexts, texts);
+    QFETCH(int, id);
+    QFETCH(QByteArray, data);
+    QFETCH(bool, remote);
+    QFETCH(int, length);
+    QString error;
+    const auto f = slotFrame(texts, 2, &error);
+    QVERIFY2(f.has_value(), qPrintable(error));
+    QCOMPARE(int(f->id), id);
+    QCOMPARE(f->data, data);
+    QCOMPARE(f->remote, remote);
+    QCOMPARE(f->length, length);
+}
+
+void TstTransmitSlot::refused_data()
+{
+    QTest::addColumn<SlotTexts>("texts");
+    QTest::addColumn<QString>("message");
+    const QString invalid = QStringLiteral("Invalid message lenght");
+    QTest::newRow("9") << slot("181", "9") << invalid;
+    QTest::newRow("-1") << slot("181", "-1") << invalid;
+    QTest::newRow("2.5") << slot("181", "2.5") << invalid;
+    QTest::newRow("1e3") << slot("181", "1e3") << invalid;
+    QTest::newRow("abc") << slot("181", "abc")
+                         << QStringLiteral("The length of slot 3 is \"abc\", not a number: "
+                                           "nothing sent.");
+    QTest::newRow("empty") << slot("181", "")
+                           << QStringLiteral("The length of slot 3 is \"\", not a number: nothing "
+                                             "sent.");
+    QTest::newRow("remote 9") << slot("181", "9", {}, true) << invalid;
+    QTest::newRow("id 800") << slot("800", "0")
+                            << QStringLiteral("The identifier 800 of slot 3 is not an 11-bit CAN "
+                                              "identifier (0 to 7FF): nothing sent.");
+    QTest::newRow("id FFFFFFFF")
+        << slot("FFFFFFFF", "0")
+        << QStringLiteral("The identifier FFFFFFFF of slot 3 is not an 11-bit CAN identifier (0 "
+                          "to 7FF): nothing sent.");
+}
+
+void TstTransmitSlot::refused()
+{
+    QFETCH(SlotTexts, texts);
+    QFETCH(QString, message);
+    QString error;
+    QVERIFY(!slotFrame(texts, 2, &error).has_value());
+    QCOMPARE(error, message);
+}
+
+QTEST_APPLESS_MAIN(TstTransmitSlot)
+#include "tst_transmitslot.moc"
