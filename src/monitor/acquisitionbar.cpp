@@ -65,7 +65,7 @@ void AcquisitionBar::cmdSaveAcq_Click()
         const WaitCursor wait;
         // The default folder is the program's own choice: it is made when missing. A folder
         // the user named must exist.
-        if (QFileInfo(path) == QFileInfo(defaultPath()))
+        if (QFileInfo(path).absoluteFilePath() == QFileInfo(defaultPath()).absoluteFilePath())
             QDir().mkpath(QFileInfo(path).absolutePath());
         written = m_buffer.writeFile(path, &error);
     }

@@ -1,8 +1,21 @@
 #include "canmsg.h"
 #include "frmdiagno.h"
+#include "frminviamesg.h"
+#include "frmio.h"
+#include "frmseq.h"
 
+#include <QCheckBox>
+#include <QComboBox>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLabel>
+#include <QLineEdit>
 #include <QPlainTextEdit>
+#include <QPushButton>
 #include <QScrollBar>
+#include <QSignalSpy>
+#include <QSlider>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QtEndian>
 
@@ -20,6 +33,44 @@ QByteArray record(quint16 id, qint16 len)
     return r;
 }
 
+// A monitor whose sends and messages are recorded: "181:1234" for a data frame, "R181:4" for
+// a remote request.
+struct Rig
+{
+    Rig()
+    {
+        monitor.sendData = [this](quint16 id, int length, const QByteArray& data) {
+            sent << QStringLiteral("%1:%2").arg(id, 0, 16).arg(QString::fromLatin1(data.toHex()));
+            Q_UNUSED(length);
+            return failSends;
+        };
+        monitor.sendRemote = [this](quint32 id, int length) {
+            sent << QStringLiteral("R%1:%2").arg(id, 0, 16).arg(length);
+            return failSends;
+        };
+        monitor.showMessage = [this](const QString& text) { messages << text; };
+        monitor.chooseOpenFile = [this](const QString& title, const QString& filter,
+                                        const QString&) {
+            dialogs << title + QLatin1Char('|') + filter;
+            return chosenFile;
+        };
+        monitor.chooseSaveFile = monitor.chooseOpenFile;
+    }
+    void setSlot(int i, const QString& id, const QString& length, const QStringList& data = {})
+    {
+        monitor.slotGrid->edID0[i]->setText(id);
+        monitor.slotGrid->edLen0[i]->setText(length);
+        for (int j = 0; j < 8; ++j)
+            monitor.slotGrid->edD0[i * 8 + j]->setText(data.value(j));
+    }
+    FrmDiagno monitor{nullptr, nullptr};
+    QStringList sent;
+    QStringList messages;
+    QStringList dialogs;
+    QString chosenFile;
+    bool failSends = false;
+};
+
 } // namespace
 
 class TstFrmDiagno : public QObject
@@ -29,6 +80,17 @@ private slots:
     void recordsOfNoFrameLengthAreDropped_data();
     void recordsOfNoFrameLengthAreDropped();
     void viewFollowsOnlyFromTheBottom();
+    void sendButtons();
+    void configurationFiles();
+    void configurationFaults_data();
+    void configurationFaults();
+    void acquisition();
+    void sequencerRows();
+    void sequencerTextsLiveInTheMonitor();
+    void composer();
+    void composerFaults_data();
+    void composerFaults();
+    void slider();
 };
 
 void TstFrmDiagno::recordsOfNoFrameLengthAreDropped_data()
@@ -78,6 +140,343 @@ void TstFrmDiagno::viewFollowsOnlyFromTheBottom()
     heartbeat();
     QCOMPARE(bar->value(), bar->maximum());
     QVERIFY(monitor.screenText().endsWith("R0 701 1 000s000.000 > 00 \n"));
+}
+
+void TstFrmDiagno::sendButtons()
+{
+    Rig rig;
+    rig.setSlot(0, "000", "2", {"01", "00"});
+    rig.setSlot(1, "181", "9", {"12"});
+    rig.setSlot(2, "7e5", "4", {"zz"});
+    rig.monitor.slotGrid->chRem[2]->setChecked(true);
+    rig.setSlot(7, "182", "abc");
+    QTest::mouseClick(rig.monitor.slotGrid->btnSend[0], Qt::LeftButton);
+    QTest::mouseClick(rig.monitor.slotGrid->btnSend[1], Qt::LeftButton);
+    QTest::mouseClick(rig.monitor.slotGrid->btnSend[2], Qt::LeftButton);
+    QTest::mouseClick(rig.monitor.slotGrid->btnSend[7], Qt::LeftButton);
+    QCOMPARE(rig.sent, QStringList({"0:0100", "R7e5:4"}));
+    QCOMPARE(rig.messages.size(), 2);
+    QCOMPARE(rig.messages[0], QStringLiteral("Invalid message lenght"));
+    QVERIFY(rig.messages[1].contains("slot 8"));
+    // Slots outside 0..7 send nothing and say nothing; a failed send is reported as such.
+    QVERIFY(!rig.monitor.sendSlot(-1));
+    QVERIFY(!rig.monitor.sendSlot(8));
+    rig.failSends = true;
+    QVERIFY(rig.monitor.sendSlot(0));
+    QCOMPARE(rig.sent.size(), 3);
+    // The fields are kept as typed.
+    QCOMPARE(rig.monitor.slotGrid->edLen0[1]->text(), QStringLiteral("9"));
+}
+
+void TstFrmDiagno::configurationFiles()
+{
+    QTemporaryDir dir;
+    Rig saving;
+    for (int i = 0; i < 8; ++i)
+        saving.setSlot(i, QString::number(0x181 + i, 16), QString::number(i),
+                       {"1", "", "3", "", "", "", "", i == 7 ? "FF" : ""});
+    saving.monitor.slotGrid->chRem[4]->setChecked(true);
+    saving.monitor.txtDiscardList[0]->setText("701");
+    saving.monitor.txtDiscardList[5]->setText("");
+    saving.monitor.setSequenceText(0, "M1 T0.5 M2 T1");
+    saving.monitor.setSequenceText(5, "m8 t2");
+    saving.chosenFile = dir.filePath("bench.cnd");
+    saving.monitor.btnSave_Click();
+    QVERIFY(saving.messages.isEmpty());
+    QCOMPARE(saving.dialogs,
+             QStringList({"|Fioskeife Files (*.cnd)|*.cnd|All Files (*.*)|*.*"}));
+
+    Rig loading;
+    loading.monitor.show();
+    loading.monitor.cmdSeq_Click(); // the open sequencer shows what is loaded
+    loading.setSlot(3, "old", "old", {"old"});
+    loading.monitor.setSequenceText(3, "old");
+    loading.chosenFile = dir.filePath("bench.cnd");
+    loading.monitor.btnLoad_Click();
+    QVERIFY(loading.messages.isEmpty());
+    const MonitorSetup a = saving.monitor.setup(), b = loading.monitor.setup();
+    for (int i = 0; i < 8; ++i) {
+        QCOMPARE(b.transmitSlots[i].id, a.transmitSlots[i].id);
+        QCOMPARE(b.transmitSlots[i].data, a.transmitSlots[i].data);
+        QCOMPARE(b.transmitSlots[i].length, a.transmitSlots[i].length);
+        QCOMPARE(b.transmitSlots[i].remote, a.transmitSlots[i].remote);
+    }
+    QCOMPARE(b.filters, a.filters);
+    QCOMPARE(b.sequences, a.sequences);
+    QCOMPARE(loading.monitor.sequencer()->txtSeq[0]->text(), QStringLiteral("M1 T0.5 M2 T1"));
+    QCOMPARE(loading.monitor.sequencer()->txtSeq[3]->text(), QString());
+
+    // A cancelled dialog does nothing at all.
+    loading.chosenFile.clear();
+    loading.monitor.slotGrid->edID0[0]->setText("keep");
+    loading.monitor.btnLoad_Click();
+    loading.monitor.btnSave_Click();
+    QCOMPARE(loading.monitor.slotGrid->edID0[0]->text(), QStringLiteral("keep"));
+    QVERIFY(loading.messages.isEmpty());
+}
+
+void TstFrmDiagno::configurationFaults_data()
+{
+    QTest::addColumn<QByteArray>("file");
+    QTest::addColumn<QString>("message");
+    QTest::addColumn<QString>("slot0");
+    QTest::newRow("unknown header") << QByteArray("\";COPDIZ\"\r\n\"181\"") << "Invalid Fioskeife file"
+                                    << "old";
+    QTest::newRow("binary") << QByteArray("\x7f" "ELF\x02\x01\x01\0\0\0", 10)
+                            << "Invalid Fioskeife file" << "old";
+    QTest::newRow("short") << QByteArray("\";CANDIA\"\r\n\"181\",\"1\"") << "Load failed" << "181";
+    QTest::newRow("bad remote box")
+        << QByteArray("\";CANDIA\"\r\n\"181\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"0\",7\r\n")
+        << "Load failed" << "181";
+    QTest::newRow("missing file") << QByteArray() << "Load failed" << "old";
+}
+
+void TstFrmDiagno::configurationFaults()
+{
+    QFETCH(QByteArray, file);
+    QFETCH(QString, message);
+    QFETCH(QString, slot0);
+    QTemporaryDir dir;
+    Rig rig;
+    rig.setSlot(0, "old", "old");
+    rig.monitor.txtDiscardList[0]->setText("old");
+    rig.chosenFile = dir.filePath("bad.cnd");
+    if (!file.isEmpty()) {
+        QFile f(rig.chosenFile);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write(file);
+    }
+    rig.monitor.btnLoad_Click();
+    QCOMPARE(rig.messages, QStringList({message}));
+    QCOMPARE(rig.monitor.slotGrid->edID0[0]->text(), slot0);
+    QCOMPARE(rig.monitor.txtDiscardList[0]->text(), QStringLiteral("old"));
+
+    // Saving where no file can be: the path and the reason, and the set-up stays.
+    rig.messages.clear();
+    for (const QString& where : {dir.filePath("missing/x.cnd"), QStringLiteral("/proc/x.cnd")}) {
+        rig.chosenFile = where;
+        rig.monitor.btnSave_Click();
+    }
+    QCOMPARE(rig.messages.size(), 2);
+    QVERIFY2(rig.messages[0].contains(dir.filePath("missing/x.cnd")), qPrintable(rig.messages[0]));
+    QVERIFY2(rig.messages[1].contains("/proc/x.cnd"), qPrintable(rig.messages[1]));
+}
+
+void TstFrmDiagno::acquisition()
+{
+    QTemporaryDir dir;
+    Rig rig;
+    AcquisitionBar* acq = rig.monitor.acquisition;
+    QVERIFY(acq->txtFileName->text().endsWith("/tmp/acq.csv"));
+    rig.monitor.txtDiscardList[0]->setText("701");
+    rig.monitor.receiveRecords(0, record(0x181, 2), 1); // before ticking: not collected
+    acq->chkExport->setChecked(true);
+    rig.monitor.receiveRecords(0, record(0x181, 2) + record(0x701, 1) + record(0x182, 0), 3);
+    QCOMPARE(acq->buffer().count(), 2); // the discarded heartbeat is not collected
+
+    rig.chosenFile = dir.filePath("run.csv");
+    QTest::mouseClick(acq->cmdFNApp, Qt::LeftButton);
+    QCOMPARE(rig.dialogs,
+             QStringList({"Apri hex file|Motorola HEX files (*.S)|*.S|All Files (*.*)|*.*"}));
+    QCOMPARE(acq->txtFileName->text(), dir.filePath("run.csv"));
+    rig.chosenFile.clear(); // cancelled: the name stays
+    QTest::mouseClick(acq->cmdFNApp, Qt::LeftButton);
+    QCOMPARE(acq->txtFileName->text(), dir.filePath("run.csv"));
+
+    QTest::mouseClick(acq->cmdSaveAcq, Qt::LeftButton);
+    QVERIFY(!acq->chkExport->isChecked());
+    QFile file(dir.filePath("run.csv"));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), QByteArray("385;0;2;16;17;\r\n386;0;0;\r\n"));
+    // Not collecting after the save; the buffer is kept for another save.
+    rig.monitor.receiveRecords(0, record(0x183, 1), 1);
+    QCOMPARE(acq->buffer().count(), 2);
+    acq->txtFileName->setText(dir.filePath("missing/run.csv"));
+    QTest::mouseClick(acq->cmdSaveAcq, Qt::LeftButton);
+    QCOMPARE(rig.messages.size(), 1);
+    QVERIFY(rig.messages[0].contains(dir.filePath("missing/run.csv")));
+    QCOMPARE(acq->buffer().count(), 2);
+    // Ticking again starts afresh.
+    acq->chkExport->setChecked(true);
+    QCOMPARE(acq->buffer().count(), 0);
+}
+
+void TstFrmDiagno::sequencerRows()
+{
+    Rig rig;
+    rig.setSlot(0, "181", "1", {"1"});
+    rig.setSlot(1, "182", "1", {"2"});
+    rig.monitor.setSequenceText(0, "M1 T0.05 M2 T0.05");
+    rig.monitor.setSequenceText(1, "M2 T70");
+    rig.monitor.setSequenceText(2, "M1,M2");
+    rig.monitor.cmdSeq_Click();
+    FrmSeq* seq = rig.monitor.sequencer();
+    QVERIFY(QTest::qWaitForWindowExposed(seq));
+    QCOMPARE(seq->windowTitle(), QStringLiteral("Sequenziatore"));
+    QCOMPARE(seq->txtSeq[0]->text(), QStringLiteral("M1 T0.05 M2 T0.05"));
+
+    seq->chkEn[0]->setChecked(true);
+    QVERIFY(!seq->txtSeq[0]->isEnabled()); // a running row's text is locked
+    QTRY_VERIFY(rig.sent.size() >= 6);
+    QCOMPARE(rig.sent.mid(0, 4), QStringList({"181:01", "182:02", "181:01", "182:02"}));
+    seq->chkEn[0]->setChecked(false);
+    QVERIFY(seq->txtSeq[0]->isEnabled());
+    const qsizetype stopped = rig.sent.size();
+    QTest::qWait(150);
+    QCOMPARE(rig.sent.size(), stopped);
+
+    // A wait beyond the timer's range stops the row with a message; a bad token silently.
+    seq->chkEn[1]->setChecked(true);
+    QTRY_VERIFY(!seq->chkEn[1]->isChecked());
+    QCOMPARE(rig.messages.size(), 1);
+    QVERIFY2(rig.messages[0].contains("T70"), qPrintable(rig.messages[0]));
+    seq->chkEn[2]->setChecked(true);
+    QTRY_VERIFY(!seq->chkEn[2]->isChecked());
+    QCOMPARE(rig.messages.size(), 1);
+
+    // Closing the window stops every row.
+    seq->chkEn[0]->setChecked(true);
+    QTRY_VERIFY(rig.sent.size() > stopped + 2);
+    seq->close();
+    QTRY_VERIFY(!rig.monitor.sequencer());
+    const qsizetype closed = rig.sent.size();
+    QTest::qWait(150);
+    QCOMPARE(rig.sent.size(), closed);
+}
+
+void TstFrmDiagno::sequencerTextsLiveInTheMonitor()
+{
+    Rig rig;
+    rig.monitor.cmdSeq_Click();
+    QVERIFY(QTest::qWaitForWindowExposed(rig.monitor.sequencer()));
+    rig.monitor.sequencer()->txtSeq[4]->setText("M3 T1");
+    QCOMPARE(rig.monitor.sequenceText(4), QStringLiteral("M3 T1"));
+    rig.monitor.sequencer()->close();
+    QTRY_VERIFY(!rig.monitor.sequencer());
+    QCOMPARE(rig.monitor.sequenceText(4), QStringLiteral("M3 T1"));
+    rig.monitor.cmdSeq_Click();
+    QCOMPARE(rig.monitor.sequencer()->txtSeq[4]->text(), QStringLiteral("M3 T1"));
+    // Outside 0..5 there is no text.
+    rig.monitor.setSequenceText(6, "x");
+    QCOMPARE(rig.monitor.sequenceText(6), QString());
+    QCOMPARE(rig.monitor.sequenceText(-1), QString());
+}
+
+void TstFrmDiagno::composer()
+{
+    Rig rig;
+    rig.monitor.cmdInvia_Click();
+    FrmInviaMesg* c = rig.monitor.composer();
+    QCOMPARE(c->windowTitle(), QStringLiteral("Invia"));
+    QString text;
+    QStringList expected;
+    for (int i = 0; i < 100; ++i) {
+        text += QStringLiteral("T 181 xxxxx > %1 %2\n")
+                    .arg(i % 256, 2, 16, QLatin1Char('0'))
+                    .arg(i / 256, 2, 16, QLatin1Char('0'));
+        expected << QStringLiteral("181:%1%2")
+                        .arg(i % 256, 2, 16, QLatin1Char('0'))
+                        .arg(i / 256, 2, 16, QLatin1Char('0'));
+    }
+    c->txtMesg->setPlainText(text);
+    c->txtRitardo->setText("1");
+    QSignalSpy done(c, &FrmInviaMesg::runFinished);
+    QTest::mouseClick(c->cmdInvia, Qt::LeftButton);
+    QVERIFY(c->isRunning());
+    QVERIFY(!c->cmdInvia->isEnabled());
+    QTRY_COMPARE(done.size(), 1);
+    QCOMPARE(rig.sent, expected);
+    QCOMPARE(c->lblState->text(), QStringLiteral("Sent 100"));
+
+    // A 0 ms pause does not hang, and Stop ends a long run at once.
+    rig.sent.clear();
+    c->txtRitardo->setText("0");
+    QTest::mouseClick(c->cmdInvia, Qt::LeftButton);
+    QTRY_COMPARE(done.size(), 2);
+    QCOMPARE(rig.sent.size(), 100);
+    rig.sent.clear();
+    c->txtRitardo->setText("1000");
+    QTest::mouseClick(c->cmdInvia, Qt::LeftButton);
+    QCOMPARE(rig.sent.size(), 1);
+    QTest::mouseClick(c->cmdStop, Qt::LeftButton);
+    QCOMPARE(done.size(), 3);
+    QTest::qWait(50);
+    QCOMPARE(rig.sent.size(), 1);
+    QVERIFY(rig.messages.isEmpty());
+}
+
+void TstFrmDiagno::composerFaults_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("pause");
+    QTest::addColumn<bool>("failSends");
+    QTest::addColumn<int>("sent");
+    QTest::addColumn<QString>("message");
+    QTest::addColumn<QString>("state");
+    QTest::newRow("ninth byte") << "T 181 > 01\nT 182 > 01 02 03 04 05 06 07 08 09\nT 183 > 03\n" << "1"
+                                << false << 1 << "Line 2 has more than 8 data bytes" << "Stopped at a bad line";
+    QTest::newRow("last line without end") << "T 181 > 01\nT 182 > 02" << "1" << false << 1 << ""
+                                           << "Sent 1; the last line has no line end and was not sent";
+    QTest::newRow("refused by the server") << "T 181 > 01\nT 182 > 02\n" << "1" << true << 1 << ""
+                                           << "Stopped: line 1 could not be sent";
+    QTest::newRow("pause too long") << "T 181 > 01\n" << "65536" << false << 0
+                                    << "The pause must be 0 to 65535 ms" << "";
+    QTest::newRow("negative pause") << "T 181 > 01\n" << "-5" << false << 0
+                                    << "The pause must be 0 to 65535 ms" << "";
+}
+
+void TstFrmDiagno::composerFaults()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, pause);
+    QFETCH(bool, failSends);
+    QFETCH(int, sent);
+    QFETCH(QString, message);
+    QFETCH(QString, state);
+    Rig rig;
+    rig.failSends = failSends;
+    rig.monitor.cmdInvia_Click();
+    FrmInviaMesg* c = rig.monitor.composer();
+    c->txtMesg->setPlainText(text);
+    c->txtRitardo->setText(pause);
+    c->cmdInvia_Click();
+    QTRY_VERIFY(!c->isRunning());
+    QCOMPARE(rig.sent.size(), sent);
+    QCOMPARE(rig.messages.size(), message.isEmpty() ? 0 : 1);
+    if (!message.isEmpty())
+        QVERIFY2(rig.messages[0].startsWith(message), qPrintable(rig.messages[0]));
+    QCOMPARE(c->lblState->text(), state);
+    QVERIFY(c->cmdInvia->isEnabled());
+}
+
+void TstFrmDiagno::slider()
+{
+    Rig rig;
+    rig.setSlot(6, "206", "4");
+    FrmIO io(&rig.monitor, nullptr, nullptr);
+    io.showMessage = [&rig](const QString& text) { rig.messages << text; };
+    io.cmbObject->setCurrentIndex(6);
+    io.cmbSize->setCurrentIndex(1);
+    io.cmbPosition->setCurrentIndex(1);
+    io.txtMin->setText("0");
+    emit io.txtMin->editingFinished();
+    io.txtMax->setText("10000");
+    emit io.txtMax->editingFinished();
+    io.sldSlide->setValue(258);
+    QCOMPARE(rig.monitor.dataBox(6 * 8 + 1), QStringLiteral("2"));
+    QCOMPARE(rig.monitor.dataBox(6 * 8 + 2), QStringLiteral("1"));
+    QCOMPARE(rig.sent, QStringList({"206:00020100"}));
+    // A negative value, and a limit that is no number: refused, the box shows the one in force.
+    io.txtMin->setText("-10000");
+    emit io.txtMin->editingFinished();
+    io.sldSlide->setValue(0);
+    QCOMPARE(rig.sent.last(), QStringLiteral("206:00f0d800"));
+    io.txtMax->setText("lots");
+    emit io.txtMax->editingFinished();
+    QCOMPARE(io.txtMax->text(), QStringLiteral("10000"));
+    QCOMPARE(rig.messages.size(), 1);
+    io.sldSlide->setValue(io.sldSlide->maximum());
+    QCOMPARE(io.value(), qint64(10000));
 }
 
 QTEST_MAIN(TstFrmDiagno)
