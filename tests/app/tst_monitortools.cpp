@@ -1,0 +1,238 @@
+#include "frmdiagno.h"
+#include "frminviamesg.h"
+#include "frmio.h"
+#include "frmmain.h"
+#include "frmseq.h"
+#include "serverprocess.h"
+#include "tesselharness.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QTemporaryDir>
+#include <QFile>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QSlider>
+#include <QTest>
+
+using namespace tessel;
+using namespace tessel::test;
+using namespace qorcalib::test;
+
+namespace {
+
+void setSlot(FrmDiagno* monitor, int i, const QString& id, const QString& length,
+             const QStringList& data = {})
+{
+    monitor->slotGrid->edID0[i]->setText(id);
+    monitor->slotGrid->edLen0[i]->setText(length);
+    for (int j = 0; j < 8; ++j)
+        monitor->slotGrid->edD0[i * 8 + j]->setText(data.value(j));
+}
+
+// A second Tessel on the same bus collects what the first one sends, with the server's time
+// stamps: only the identifiers in `ids` pass its filter.
+struct Observer
+{
+    Observer(const QString& socket, const QStringList& ids) : tessel(socket)
+    {
+        ok = tessel.load();
+        FrmDiagno* m = tessel.window.monitor();
+        for (int i = 0; i < ids.size(); ++i)
+            m->txtDiscardList[i]->setText(ids[i]);
+        m->chkInvert->setChecked(true);
+        m->acquisition->chkExport->setChecked(true);
+    }
+    const AcquisitionBuffer& frames() const
+    {
+        return tessel.window.monitor()->acquisition->buffer();
+    }
+    Tessel tessel;
+    bool ok = false;
+};
+
+} // namespace
+
+class TstMonitorTools : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void slotStartsTheDrive();
+    void sequenceKeepsItsTimesOnThePacedBus();
+    void composerListGoesOutCompleteAndInOrder();
+    void acquisitionOfTenThousandFramesExports();
+    void sliderSendsItsValue();
+    void toolWindowsFollowTheMainWindow();
+
+private:
+    WindowTestBench m_bench;
+};
+
+void TstMonitorTools::initTestCase()
+{
+    m_bench.useOwnSettings();
+}
+
+void TstMonitorTools::slotStartsTheDrive()
+{
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    FrmDiagno* monitor = t.window.monitor();
+    setSlot(monitor, 0, "000", "2", {"01", "00"});
+    QTest::mouseClick(monitor->slotGrid->btnSend[0], Qt::LeftButton);
+    QVERIFY(t.trace().contains("T0 000 2 000s000.000 > 01 00 "));
+    // The drive's heartbeat turns to operational.
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains(QRegularExpression("R0 7[0-9A-F]{2} 1 .* > 05 ")),
+                             5000);
+    QVERIFY2(t.messages.isEmpty(), qPrintable(t.messages.join("; ")));
+}
+
+void TstMonitorTools::sequenceKeepsItsTimesOnThePacedBus()
+{
+    ServerProcess paced;
+    QVERIFY(paced.start({}));
+    Observer observer(paced.socketPath(), {"181", "182"});
+    QVERIFY(observer.ok);
+    Tessel t(paced.socketPath());
+    QVERIFY(t.load());
+    FrmDiagno* monitor = t.window.monitor();
+    setSlot(monitor, 0, "181", "1", {"11"});
+    setSlot(monitor, 1, "182", "1", {"22"});
+    monitor->setSequenceText(0, "M1 T0.5 M2 T1");
+    monitor->cmdSeq_Click();
+    QVERIFY(QTest::qWaitForWindowExposed(monitor->sequencer()));
+    monitor->sequencer()->chkEn[0]->setChecked(true);
+    QTest::qWait(4700); // three periods of 1.5 s and a bit
+    monitor->sequencer()->chkEn[0]->setChecked(false);
+    QTRY_VERIFY(observer.frames().count() >= 6);
+    QVERIFY2(t.messages.isEmpty(), qPrintable(t.messages.join("; ")));
+
+    const AcquisitionBuffer& frames = observer.frames();
+    QStringList intervals;
+    for (qsizetype i = 1; i < frames.count(); ++i) {
+        const qint64 gap = qint64(quint32(frames.at(i).timeUs) - quint32(frames.at(i - 1).timeUs));
+        const bool afterFirst = frames.at(i - 1).id == 0x181;
+        QCOMPARE(int(frames.at(i).id), afterFirst ? 0x182 : 0x181);
+        const qint64 target = afterFirst ? 500000 : 1000000;
+        intervals << QString::number(gap / 1000.0, 'f', 1);
+        QVERIFY2(qAbs(gap - target) <= 20000,
+                 qPrintable(QStringLiteral("intervals (ms): %1").arg(intervals.join(' '))));
+    }
+    qInfo("intervals (ms): %s", qPrintable(intervals.join(' ')));
+}
+
+void TstMonitorTools::composerListGoesOutCompleteAndInOrder()
+{
+    QVERIFY(m_bench.startServer());
+    Observer observer(m_bench.server->socketPath(), {"181"});
+    QVERIFY(observer.ok);
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    t.window.monitor()->cmdInvia_Click();
+    FrmInviaMesg* composer = t.window.monitor()->composer();
+    QString text;
+    for (int i = 0; i < 100; ++i)
+        text += QStringLiteral("T 181 xxxxx > %1\n").arg(i, 2, 16, QLatin1Char('0'));
+    composer->txtMesg->setPlainText(text);
+    composer->txtRitardo->setText("1");
+    QSignalSpy done(composer, &FrmInviaMesg::runFinished);
+    QTest::mouseClick(composer->cmdInvia, Qt::LeftButton);
+    QTRY_COMPARE_WITH_TIMEOUT(done.size(), 1, 20000);
+    QTRY_COMPARE(observer.frames().count(), qsizetype(100));
+    for (int i = 0; i < 100; ++i) {
+        QCOMPARE(int(observer.frames().at(i).length), 1);
+        QCOMPARE(int(observer.frames().at(i).data[0]), i);
+    }
+    QVERIFY2(t.messages.isEmpty(), qPrintable(t.messages.join("; ")));
+}
+
+void TstMonitorTools::acquisitionOfTenThousandFramesExports()
+{
+    QVERIFY(m_bench.startServer());
+    Observer observer(m_bench.server->socketPath(), {"181", "7FF", "0"});
+    QVERIFY(observer.ok);
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    constexpr int kFrames = 10000;
+    for (int i = 0; i < kFrames; ++i) {
+        const quint16 id = i % 3 == 0 ? 0x181 : i % 3 == 1 ? 0x7FF : 0x000;
+        const QByteArray data = QByteArray::number(i).left(i % 9);
+        QCOMPARE(t.window.SendCanMsg(id, int(data.size()), data), false);
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(observer.frames().count(), qsizetype(kFrames), 20000);
+    QTemporaryDir dir;
+    AcquisitionBar* acq = observer.tessel.window.monitor()->acquisition;
+    acq->txtFileName->setText(dir.filePath("acq.csv"));
+    QTest::mouseClick(acq->cmdSaveAcq, Qt::LeftButton);
+    QVERIFY(observer.tessel.messages.isEmpty());
+    QFile file(dir.filePath("acq.csv"));
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QList<QByteArray> lines = file.readAll().split('\n');
+    QCOMPARE(lines.size(), kFrames + 1);
+    QVERIFY(lines.last().isEmpty());
+    const QRegularExpression format(QStringLiteral("^(385|2047|0);-?\\d+;([0-8]);((\\d{1,3};)*)\\r$"));
+    for (int i = 0; i < kFrames; ++i) {
+        const QRegularExpressionMatch m = format.match(QString::fromLatin1(lines[i]));
+        QVERIFY2(m.hasMatch(), lines[i].constData());
+        QCOMPARE(m.captured(3).count(';'), m.captured(2).toInt());
+        const QByteArray data = QByteArray::number(i).left(i % 9);
+        QCOMPARE(m.captured(2).toInt(), int(data.size()));
+    }
+}
+
+void TstMonitorTools::sliderSendsItsValue()
+{
+    QVERIFY(m_bench.startServer());
+    Observer observer(m_bench.server->socketPath(), {"201"});
+    QVERIFY(observer.ok);
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    setSlot(t.window.monitor(), 2, "201", "4");
+    QTest::mouseClick(t.window.cmdIO, Qt::LeftButton);
+    FrmIO* io = t.window.objectSlider();
+    QVERIFY(io && io->isVisible());
+    io->cmbObject->setCurrentIndex(2);
+    io->sldSlide->setValue(io->sldSlide->maximum());
+    io->sldSlide->setValue(0);
+    QTRY_COMPARE(observer.frames().count(), qsizetype(2));
+    // 67108864, then -67108864, as four little-endian bytes.
+    QCOMPARE(QByteArray(reinterpret_cast<const char*>(observer.frames().at(0).data), 4),
+             QByteArray("\x00\x00\x00\x04", 4));
+    const auto& f = observer.frames().at(1);
+    QCOMPARE(QByteArray(reinterpret_cast<const char*>(f.data), 4), QByteArray("\x00\x00\x00\xFC", 4));
+}
+
+void TstMonitorTools::toolWindowsFollowTheMainWindow()
+{
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    t.window.show();
+    t.window.cmdDiagno_Click();
+    t.window.monitor()->cmdSeq_Click();
+    t.window.monitor()->cmdInvia_Click();
+    t.window.cmdIO_Click();
+    // The composer was closed before the minimize: it stays closed.
+    t.window.monitor()->composer()->close();
+    QList<QWidget*> shown = {t.window.monitor(), t.window.monitor()->sequencer(),
+                             t.window.objectSlider()};
+    for (QWidget* w : shown)
+        QVERIFY(w->isVisible());
+    t.window.setWindowState(Qt::WindowMinimized);
+    for (QWidget* w : shown)
+        QTRY_VERIFY(!w->isVisible());
+    t.window.setWindowState(Qt::WindowNoState);
+    for (QWidget* w : shown)
+        QTRY_VERIFY(w->isVisible());
+    QTest::qWait(50);
+    QVERIFY(!t.window.monitor()->composer()->isVisible());
+}
+
+QTEST_MAIN(TstMonitorTools)
+#include "tst_monitortools.moc"
