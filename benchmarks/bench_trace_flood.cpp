@@ -2,9 +2,10 @@
 // frame in Tessel: server, session events, the link's notify rules, the monitor's receive
 // filter and the trace text (with the screen refreshed as in use). Prints frames per second
 // and the CPU time of Tessel's thread per frame, and checks that the trace ends with exactly
-// the line of the last frame.
+// the line of the last frame. With --export the monitor collects the frames too ("Export"
+// ticked), and the collected frames are then written with "Save Acq", timed.
 //
-//   bench_trace_flood [frames]     (default 300000)
+//   bench_trace_flood [frames] [--export]     (default 300000)
 
 #include "canmsg.h"
 #include "floodserver.h"
@@ -13,7 +14,10 @@
 #include "traceline.h"
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QElapsedTimer>
+#include <QFileInfo>
+#include <QLineEdit>
 #include <QLocale>
 #include <QSettings>
 #include <QTemporaryDir>
@@ -38,7 +42,14 @@ int main(int argc, char** argv)
 {
     qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
-    const qint64 total = argc > 1 ? QByteArray(argv[1]).toLongLong() : 300000;
+    qint64 total = 300000;
+    bool collect = false;
+    for (int i = 1; i < argc; ++i) {
+        if (QByteArray(argv[i]) == "--export")
+            collect = true;
+        else
+            total = QByteArray(argv[i]).toLongLong();
+    }
     QTemporaryDir dir;
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, dir.filePath("settings"));
     const QString socketPath = dir.filePath(QStringLiteral("qorcalib"));
@@ -57,6 +68,8 @@ int main(int argc, char** argv)
         return 1;
     }
     window.cmdDiagno_Click(); // the monitor on screen, refreshing as in use
+    if (collect)
+        window.monitor()->acquisition->chkExport->setChecked(true);
 
     qint64 received = 0;
     qint64 outOfOrder = 0;
@@ -106,5 +119,17 @@ int main(int argc, char** argv)
     std::printf("Tessel thread CPU: %.2f s, %.2f us per frame; lost or out of order: %lld; "
                 "trace ends with the last frame's exact line: %s\n",
                 cpu, cpu * 1e6 / double(received), outOfOrder, exact ? "yes" : "NO");
+    if (collect) {
+        AcquisitionBar* acq = window.monitor()->acquisition;
+        const qsizetype collected = acq->buffer().count();
+        acq->txtFileName->setText(dir.filePath(QStringLiteral("acq.csv")));
+        QElapsedTimer writing;
+        writing.start();
+        acq->cmdSaveAcq_Click();
+        const double writeSeconds = writing.nsecsElapsed() * 1e-9;
+        std::printf("collected %lld frames; Save Acq wrote %lld bytes in %.3f s\n",
+                    qint64(collected), qint64(QFileInfo(dir.filePath("acq.csv")).size()),
+                    writeSeconds);
+    }
     return outOfOrder == 0 && exact ? 0 : 2;
 }

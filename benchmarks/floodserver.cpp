@@ -9,6 +9,8 @@
 #include <QtEndian>
 
 #include <cstdio>
+#include <memory>
+#include <vector>
 
 namespace qorcalib {
 
@@ -16,7 +18,9 @@ namespace qorcalib {
 class FloodNode : public QObject, public SimPort
 {
 public:
-    FloodNode(SimulatedSegment* segment, qint64 total) : m_segment(segment), m_total(total)
+    // total < 0: endless, with only a few frames queued, as a busy device keeps its bus full.
+    FloodNode(SimulatedSegment* segment, qint64 total, quint16 id = 0x181)
+        : m_segment(segment), m_total(total), m_id(id)
     {
         m_segment->attach(this);
         m_timer.setInterval(0);
@@ -33,21 +37,22 @@ public:
 private:
     void refill()
     {
-        constexpr qint64 kInFlight = 16384;
-        while (m_sent < m_total && m_sent - m_done < kInFlight) {
+        const qint64 inFlight = m_total < 0 ? 64 : 16384;
+        while ((m_total < 0 || m_sent < m_total) && m_sent - m_done < inFlight) {
             CanFrame frame;
-            frame.id = 0x181;
+            frame.id = m_id;
             frame.len = 8;
             qToLittleEndian<quint64>(quint64(m_sent), frame.data.data());
             m_segment->transmit(this, frame, 0);
             ++m_sent;
         }
-        if (m_sent >= m_total)
+        if (m_total >= 0 && m_sent >= m_total)
             m_timer.stop();
     }
 
     SimulatedSegment* m_segment;
     qint64 m_total;
+    quint16 m_id;
     qint64 m_sent = 0;
     qint64 m_done = 0;
     QTimer m_timer;
@@ -55,6 +60,11 @@ private:
 
 FloodServer::FloodServer(QString socketPath, qint64 frames)
     : m_socketPath(std::move(socketPath)), m_frames(frames)
+{
+}
+
+FloodServer::FloodServer(QString socketPath, Load load)
+    : m_socketPath(std::move(socketPath)), m_frames(-1), m_loadControllers(load.controllers)
 {
 }
 
@@ -71,7 +81,12 @@ bool FloodServer::start()
 {
     m_thread = QThread::create([this] {
         ServerCore::Config config;
-        config.paced = false;
+        config.paced = m_loadControllers > 0;
+        if (m_loadControllers > 0) {
+            config.channels.clear();
+            for (int c = 0; c < m_loadControllers; ++c)
+                config.channels << QStringLiteral("sim");
+        }
         config.edsPath = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
         QString error;
         auto core = ServerCore::create(config, &error);
@@ -85,6 +100,12 @@ bool FloodServer::start()
             std::fprintf(stderr, "server: %s\n", qPrintable(error));
             m_failed = true;
             return;
+        }
+        std::vector<std::unique_ptr<FloodNode>> loads;
+        for (int c = 0; c < m_loadControllers; ++c) {
+            loads.push_back(
+                std::make_unique<FloodNode>(core->segment(c), -1, quint16(0x7F0 + c)));
+            loads.back()->start();
         }
         FloodNode node(core->segment(0), m_frames);
         m_node = &node;
