@@ -41,6 +41,8 @@ FrmInviaMesg::FrmInviaMesg(const WindowPlacement* placement, QWidget* mainWindow
     cmdStop->setEnabled(false);
     lblState = new QLabel(this);
     lblState->setObjectName(QStringLiteral("lblState"));
+    // A long state must not widen the window: it is cut, and whole in the tool tip.
+    lblState->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
 
     auto* bottom = new QHBoxLayout;
     auto* label = new QLabel(QStringLiteral("Ritardo (msec):"), this);
@@ -121,6 +123,7 @@ void FrmInviaMesg::finish(const QString& state, const QString& message)
     cmdInvia->setEnabled(true);
     cmdStop->setEnabled(false);
     lblState->setText(state);
+    lblState->setToolTip(state);
     if (!message.isEmpty() && showMessage)
         showMessage(message);
     emit runFinished();

@@ -51,6 +51,10 @@ FrmIO::FrmIO(FrmDiagno* monitor, const WindowPlacement* placement, QWidget* main
     sldSlide->setToolTip(QStringLiteral("Every movement writes the value into the slot and "
                                         "sends it"));
 
+    lblValue = new QLabel(this);
+    lblValue->setObjectName(QStringLiteral("lblValue"));
+    lblValue->setToolTip(QStringLiteral("The value last written into the slot"));
+
     auto* form = new QFormLayout;
     form->addRow(QStringLiteral("Object:"), cmbObject);
     form->addRow(QStringLiteral("Size:"), cmbSize);
@@ -60,6 +64,7 @@ FrmIO::FrmIO(FrmDiagno* monitor, const WindowPlacement* placement, QWidget* main
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(form);
     layout->addWidget(sldSlide);
+    layout->addWidget(lblValue);
 
     cmbObject->setCurrentIndex(0);
     cmbSize->setCurrentIndex(2);
@@ -100,8 +105,10 @@ qint64 FrmIO::value() const
 void FrmIO::sldSlide_Scroll()
 {
     const int slot = cmbObject->currentIndex();
+    const qint64 v = value();
+    lblValue->setText(QStringLiteral("Value: %1").arg(v));
     for (const BoxWrite& w :
-         sliderBoxWrites(value(), 1 << cmbSize->currentIndex(), slot, cmbPosition->currentIndex()))
+         sliderBoxWrites(v, 1 << cmbSize->currentIndex(), slot, cmbPosition->currentIndex()))
         m_monitor->setDataBox(w.box, w.text);
     m_monitor->sendSlot(slot);
 }

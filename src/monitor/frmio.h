@@ -5,6 +5,7 @@
 #include <QWidget>
 
 class QComboBox;
+class QLabel;
 class QLineEdit;
 class QSlider;
 
@@ -34,6 +35,7 @@ public:
     QSlider* sldSlide = nullptr;
     QLineEdit* txtMin = nullptr;
     QLineEdit* txtMax = nullptr;
+    QLabel* lblValue = nullptr;
 
     std::function<void(const QString&)> showMessage;
 
