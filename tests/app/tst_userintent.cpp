@@ -4,6 +4,7 @@
 // can be typed back, closing the main window ends the program.
 #include "frmabort.h"
 #include "frmdiagno.h"
+#include "frmio.h"
 #include "sdopanel.h"
 #include "serverprocess.h"
 #include "tesselharness.h"
@@ -20,6 +21,8 @@
 #include <QSignalSpy>
 #include <QSlider>
 #include <QSpinBox>
+#include <QStyle>
+#include <QStyleOptionSlider>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
@@ -56,6 +59,7 @@ private slots:
     void cleanup();
 
     void inputDuringAWaitIsDropped();
+    void sliderLetGoDuringAWaitIsReleased();
     void abortEndsTheWaitAndTheTransferOnTheBus();
     void sdoTimeOutOutOfRangeIsRefused_data();
     void sdoTimeOutOutOfRangeIsRefused();
@@ -118,6 +122,36 @@ void TstUserIntent::inputDuringAWaitIsDropped()
     // The button works as ever once nothing waits.
     QTest::mouseClick(t.window.cmdNMT[1], Qt::LeftButton);
     QTRY_COMPARE(countFrames(frames, 0x000), 1);
+}
+
+void TstUserIntent::sliderLetGoDuringAWaitIsReleased()
+{
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    t.window.cmdIO_Click();
+    QSlider* slider = t.window.objectSlider()->sldSlide;
+    QVERIFY(QTest::qWaitForWindowExposed(slider->window()));
+    QStyleOptionSlider option;
+    option.initFrom(slider);
+    option.orientation = slider->orientation();
+    option.minimum = slider->minimum();
+    option.maximum = slider->maximum();
+    option.sliderPosition = slider->sliderPosition();
+    const QPoint handle =
+        slider->style()
+            ->subControlRect(QStyle::CC_Slider, &option, QStyle::SC_SliderHandle, slider)
+            .center();
+    // The user grabs the handle, a wait begins (an upload from a silent node), and the button
+    // is let go while it lasts: the slider must not stay grabbed afterwards.
+    QTest::mousePress(slider, Qt::LeftButton, {}, handle);
+    QVERIFY(slider->isSliderDown());
+    QTimer::singleShot(200, slider, [slider, handle] {
+        QTest::mouseRelease(slider, Qt::LeftButton, {}, handle);
+    });
+    t.window.sdoPanel->cmbIndex->setCurrentText("7e,1018,1");
+    t.window.sdoPanel->cmdUpload_Click();
+    QCOMPARE(t.window.txtAbort->text(), QString("SDO timeout"));
+    QVERIFY(!slider->isSliderDown());
 }
 
 void TstUserIntent::abortEndsTheWaitAndTheTransferOnTheBus()
