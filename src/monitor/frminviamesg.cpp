@@ -20,7 +20,9 @@ FrmInviaMesg::FrmInviaMesg(const WindowPlacement* placement, QWidget* mainWindow
 {
     setObjectName(QStringLiteral("frmInviaMesg"));
     setWindowTitle(QStringLiteral("Invia"));
-    txtMesg = new QPlainTextEdit(QStringLiteral("T 000 xxxxx > 81 00\n"), this);
+    // The example has no line end, so "Invia" on it alone sends nothing: as a frame it would
+    // reset every node.
+    txtMesg = new QPlainTextEdit(QStringLiteral("T 000 xxxxx > 81 00"), this);
     txtMesg->setObjectName(QStringLiteral("txtMesg"));
     txtMesg->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
     txtMesg->setLineWrapMode(QPlainTextEdit::NoWrap);

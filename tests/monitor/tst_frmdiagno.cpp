@@ -368,6 +368,13 @@ void TstFrmDiagno::composer()
     rig.monitor.cmdInvia_Click();
     FrmInviaMesg* c = rig.monitor.composer();
     QCOMPARE(c->windowTitle(), QStringLiteral("Invia"));
+    QSignalSpy done(c, &FrmInviaMesg::runFinished);
+    // The example line alone is not sent: it has no line end.
+    QCOMPARE(c->txtMesg->toPlainText(), QStringLiteral("T 000 xxxxx > 81 00"));
+    c->cmdInvia_Click();
+    QTRY_COMPARE(done.size(), 1);
+    QVERIFY(rig.sent.isEmpty());
+    done.clear();
     QString text;
     QStringList expected;
     for (int i = 0; i < 100; ++i) {
@@ -380,7 +387,6 @@ void TstFrmDiagno::composer()
     }
     c->txtMesg->setPlainText(text);
     c->txtRitardo->setText("1");
-    QSignalSpy done(c, &FrmInviaMesg::runFinished);
     QTest::mouseClick(c->cmdInvia, Qt::LeftButton);
     QVERIFY(c->isRunning());
     QVERIFY(!c->cmdInvia->isEnabled());
