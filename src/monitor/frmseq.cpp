@@ -5,6 +5,7 @@
 
 #include <QCheckBox>
 #include <QCloseEvent>
+#include <QElapsedTimer>
 #include <QFontDatabase>
 #include <QGridLayout>
 #include <QLabel>
@@ -15,12 +16,14 @@ namespace tessel {
 class FrmSeq::Timer : public RowTimer
 {
 public:
-    explicit Timer(QTimer* timer) : m_timer(timer) {}
+    explicit Timer(QTimer* timer) : m_timer(timer) { m_clock.start(); }
     void start(int ms) override { m_timer->start(ms); }
     void stop() override { m_timer->stop(); }
+    qint64 nowMs() const override { return m_clock.elapsed(); }
 
 private:
     QTimer* m_timer;
+    QElapsedTimer m_clock;
 };
 
 FrmSeq::FrmSeq(FrmDiagno* monitor, const WindowPlacement* placement, QWidget* mainWindow,

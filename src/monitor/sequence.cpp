@@ -2,6 +2,8 @@
 
 #include "numbers.h"
 
+#include <algorithm>
+
 namespace tessel {
 
 QString nextSequenceToken(const QString& text, int& position)
@@ -44,6 +46,9 @@ void SequenceRow::onTimer()
     m_timer->stop();
     if (!m_enabled)
         return;
+    // The event loop's turn at the end of a pass belongs to the run of tokens it interrupted.
+    if (!m_passEnded)
+        m_firedAt = m_timer->nowMs();
     if (m_passEnded) {
         // The event loop had its turn after the last pass: go on with that pass's last token.
         m_passEnded = false;
@@ -95,7 +100,7 @@ bool SequenceRow::runToken(const QString& token)
             return false;
         }
         if (ms > 0)
-            m_timer->start(ms);
+            m_timer->start(int(std::clamp<qint64>(ms - (m_timer->nowMs() - m_firedAt), 0, ms)));
         // "T0" arms nothing: the row waits until its box is cleared.
         return false;
     }

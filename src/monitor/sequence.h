@@ -16,21 +16,25 @@ namespace tessel {
 // position left on the comma. Past the end of the text the token is empty.
 QString nextSequenceToken(const QString& text, int& position);
 
-// What a row needs of its timer: armed once for `ms` milliseconds, or stopped. The window
-// gives it a precise single-shot timer, tests a fake clock.
+// What a row needs of its timer and clock: armed once for `ms` milliseconds, or stopped, and
+// the time now in milliseconds. The window gives it a precise single-shot timer, tests a fake
+// clock.
 class RowTimer
 {
 public:
     virtual ~RowTimer() = default;
     virtual void start(int ms) = 0;
     virtual void stop() = 0;
+    virtual qint64 nowMs() const = 0;
 };
 
 // One row of the sequencer, repeating its text while enabled. Each timer expiry takes tokens
 // until a wait: slots named by consecutive "M" tokens go out back to back. At the end of each
 // pass the row gives the event loop one turn (its timer at 0 ms) before going on, so a row of
 // only "M" tokens runs endlessly yet the window stays responsive and other rows keep their
-// times. "T0" arms no timer: the row waits until it is stopped.
+// times. A wait counts from the timer expiry that began the tokens before it, so the time the
+// sends took does not stretch the period: "M1 T1" repeats once a second. "T0" arms no timer:
+// the row waits until it is stopped.
 class SequenceRow
 {
 public:
@@ -70,6 +74,7 @@ private:
     // The last token of a pass, taken up after the event loop's turn.
     QString m_pending;
     bool m_passEnded = false;
+    qint64 m_firedAt = 0; // when the expiry that began the current tokens came
     bool m_passSentOrWaited = false;
 };
 

@@ -14,6 +14,7 @@ class FakeClock : public RowTimer
 public:
     void start(int ms) override { due = now + ms; }
     void stop() override { due = -1; }
+    qint64 nowMs() const override { return now; }
     // Runs the row until `until`; every expiry at its due time.
     void runUntil(SequenceRow& row, qint64 until)
     {
@@ -34,6 +35,7 @@ struct Rig
         SequenceRow::Hooks hooks;
         hooks.sendSlot = [this](int slot) {
             sent.append({clock.now, slot});
+            clock.now += sendMs; // a send takes its time
             return slot == failingSlot;
         };
         hooks.stopped = [this](const QString& message) {
@@ -54,6 +56,7 @@ struct Rig
     std::unique_ptr<SequenceRow> row;
     QList<std::pair<qint64, int>> sent;
     int failingSlot = -100;
+    int sendMs = 0;
     int stops = 0;
     QString lastMessage;
 };
@@ -71,6 +74,7 @@ private slots:
     void clearingStopsAWaitingRowAndTickingRestarts();
     void tooLongWaitStopsWithMessage();
     void failedSendStopsTheRow();
+    void slowSendsDoNotStretchThePeriod();
 };
 
 void TstSequence::tokens_data()
@@ -183,6 +187,22 @@ void TstSequence::failedSendStopsTheRow()
     QCOMPARE(rig.sends(), QStringLiteral("0@1 1@1"));
     QVERIFY(!rig.row->isEnabled());
     QCOMPARE(rig.stops, 1);
+}
+
+void TstSequence::slowSendsDoNotStretchThePeriod()
+{
+    Rig rig("M1 M2 T0.5 M3 T1");
+    rig.sendMs = 30;
+    rig.row->setEnabled(true);
+    rig.clock.runUntil(*rig.row, 3100);
+    // Each run of sends starts on the period, however long the sends before its wait took.
+    QCOMPARE(rig.sends(), QStringLiteral("0@1 1@31 2@501 0@1501 1@1531 2@2001 0@3001 1@3031"));
+    // A wait shorter than the sends before it goes on at once.
+    Rig busy("M1 M2 T0.02");
+    busy.sendMs = 30;
+    busy.row->setEnabled(true);
+    busy.clock.runUntil(*busy.row, 200);
+    QCOMPARE(busy.sent.size(), 8);
 }
 
 QTEST_APPLESS_MAIN(TstSequence)
