@@ -135,18 +135,17 @@ int main(int argc, char** argv)
 
     std::printf("%.0f s, four controllers at 1000K: Tessel received %.0f frames/s (%.0f, %.0f, "
                 "%.0f, %.0f a controller)\n",
-                seconds, received / seconds, perController[0] / seconds,
-                perController[1] / seconds, perController[2] / seconds,
-                perController[3] / seconds);
+                seconds, received / seconds, perController[0] / seconds, perController[1] / seconds,
+                perController[2] / seconds, perController[3] / seconds);
     std::printf("main thread lateness of a 10 ms timer (%zu expiries): median %.2f ms, 99th "
                 "percentile %.2f ms, worst %.2f ms\n",
                 lateMs.size(), percentile(lateMs, 0.5), percentile(lateMs, 0.99),
                 percentile(lateMs, 1.0));
     if (memoryAfterMinute >= 0)
-        std::printf("resident memory of Tessel and the server: %.1f MB after the first minute, %.1f MB at the end "
+        std::printf("resident memory of Tessel and the server: %.1f MB after the first minute, "
+                    "%.1f MB at the end "
                     "(%+.1f MB; %lld frames received since the first minute)\n",
                     memoryAfterMinute / 1024.0, memoryAtEnd / 1024.0,
-                    (memoryAtEnd - memoryAfterMinute) / 1024.0,
-                    received - receivedAtMinute);
+                    (memoryAtEnd - memoryAfterMinute) / 1024.0, received - receivedAtMinute);
     return 0;
 }

@@ -103,8 +103,7 @@ bool FloodServer::start()
         }
         std::vector<std::unique_ptr<FloodNode>> loads;
         for (int c = 0; c < m_loadControllers; ++c) {
-            loads.push_back(
-                std::make_unique<FloodNode>(core->segment(c), -1, quint16(0x7F0 + c)));
+            loads.push_back(std::make_unique<FloodNode>(core->segment(c), -1, quint16(0x7F0 + c)));
             loads.back()->start();
         }
         FloodNode node(core->segment(0), m_frames);
@@ -123,7 +122,8 @@ bool FloodServer::start()
 void FloodServer::flood()
 {
     FloodNode* node = m_node;
-    QMetaObject::invokeMethod(node, [node] { node->start(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        node, [node] { node->start(); }, Qt::QueuedConnection);
 }
 
 } // namespace qorcalib

@@ -13,8 +13,6 @@
 #include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
-#include <QMessageBox>
-#include <QSaveFile>
 #include <QFontDatabase>
 #include <QGridLayout>
 #include <QGroupBox>
@@ -22,17 +20,17 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QLocale>
+#include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QSaveFile>
 #include <QScrollBar>
 #include <QVBoxLayout>
 
 namespace tessel {
 
 FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent)
-    : QWidget(parent, Qt::Window),
-      m_placement(placement),
-      m_mainWindow(mainWindow),
+    : QWidget(parent, Qt::Window), m_placement(placement), m_mainWindow(mainWindow),
       m_decimalPoint(QLocale().decimalPoint().at(0))
 {
     setObjectName(QStringLiteral("frmDiagno"));
@@ -100,6 +98,37 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     middle->addWidget(edTrace, 1);
     middle->addWidget(filter);
 
+    QLayout* bottom = buildSendTools();
+
+    auto* layout = new QVBoxLayout(this);
+    layout->addLayout(top);
+    layout->addLayout(middle, 1);
+    layout->addLayout(bottom);
+    layout->addWidget(acquisition);
+
+    connect(btnLoad, &QPushButton::clicked, this, &FrmDiagno::btnLoad_Click);
+    connect(btnSave, &QPushButton::clicked, this, &FrmDiagno::btnSave_Click);
+    connect(cmdInvia, &QPushButton::clicked, this, &FrmDiagno::cmdInvia_Click);
+    connect(cmdSeq, &QPushButton::clicked, this, &FrmDiagno::cmdSeq_Click);
+    useFileDialogs();
+
+    connect(btnRes, &QPushButton::clicked, this, [this] {
+        m_trace.clear();
+        refreshTrace();
+    });
+    connect(chTrace, &QCheckBox::toggled, this, &FrmDiagno::traceSwitchChanged);
+    connect(chkEnShowTx, &QCheckBox::toggled, this, &FrmDiagno::showTransmitChanged);
+    connect(chkEnAllRx, &QCheckBox::toggled, this, &FrmDiagno::receiveAllChanged);
+
+    resize(860, 680);
+    m_loadSize = size();
+    m_refresh.setInterval(kRefreshMs);
+    connect(&m_refresh, &QTimer::timeout, this, &FrmDiagno::refreshTrace);
+    m_refresh.start();
+}
+
+QLayout* FrmDiagno::buildSendTools()
+{
     slotGrid = new SlotGrid(this);
     slotGrid->setObjectName(QStringLiteral("slotGrid"));
     connect(slotGrid, &SlotGrid::sendClicked, this, [this](int slot) { sendSlot(slot); });
@@ -131,17 +160,11 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     bottom->addSpacing(12);
     bottom->addLayout(tools);
     bottom->addStretch();
+    return bottom;
+}
 
-    auto* layout = new QVBoxLayout(this);
-    layout->addLayout(top);
-    layout->addLayout(middle, 1);
-    layout->addLayout(bottom);
-    layout->addWidget(acquisition);
-
-    connect(btnLoad, &QPushButton::clicked, this, &FrmDiagno::btnLoad_Click);
-    connect(btnSave, &QPushButton::clicked, this, &FrmDiagno::btnSave_Click);
-    connect(cmdInvia, &QPushButton::clicked, this, &FrmDiagno::cmdInvia_Click);
-    connect(cmdSeq, &QPushButton::clicked, this, &FrmDiagno::cmdSeq_Click);
+void FrmDiagno::useFileDialogs()
+{
     chooseOpenFile = [this](const QString& title, const QString& filter, const QString& start) {
         QFileDialog dialog(this, title, start, qtFileDialogFilter(filter));
         dialog.setAcceptMode(QFileDialog::AcceptOpen);
@@ -151,20 +174,6 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     chooseSaveFile = [this](const QString& title, const QString& filter, const QString& start) {
         return QFileDialog::getSaveFileName(this, title, start, qtFileDialogFilter(filter));
     };
-
-    connect(btnRes, &QPushButton::clicked, this, [this] {
-        m_trace.clear();
-        refreshTrace();
-    });
-    connect(chTrace, &QCheckBox::toggled, this, &FrmDiagno::traceSwitchChanged);
-    connect(chkEnShowTx, &QCheckBox::toggled, this, &FrmDiagno::showTransmitChanged);
-    connect(chkEnAllRx, &QCheckBox::toggled, this, &FrmDiagno::receiveAllChanged);
-
-    resize(860, 680);
-    m_loadSize = size();
-    m_refresh.setInterval(kRefreshMs);
-    connect(&m_refresh, &QTimer::timeout, this, &FrmDiagno::refreshTrace);
-    m_refresh.start();
 }
 
 bool FrmDiagno::showTransmit() const

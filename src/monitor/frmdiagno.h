@@ -14,6 +14,7 @@
 #include <functional>
 
 class QCheckBox;
+class QLayout;
 class QLineEdit;
 class QPlainTextEdit;
 class QPushButton;
@@ -113,6 +114,9 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
+    // The slot grid beside the buttons of the configuration file and the tool windows.
+    QLayout* buildSendTools();
+    void useFileDialogs();
     void applySetup(const MonitorSetup& setup);
     void message(const QString& text);
 

@@ -14,8 +14,7 @@
 
 namespace tessel {
 
-FrmInviaMesg::FrmInviaMesg(const WindowPlacement* placement, QWidget* mainWindow,
-                           QWidget* parent)
+FrmInviaMesg::FrmInviaMesg(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent)
     : QWidget(parent, Qt::Window), m_placement(placement), m_mainWindow(mainWindow)
 {
     setObjectName(QStringLiteral("frmInviaMesg"));

@@ -29,8 +29,8 @@ FrmIO::FrmIO(FrmDiagno* monitor, const WindowPlacement* placement, QWidget* main
     cmbObject->setToolTip(QStringLiteral("The monitor's transmit slot to write and send"));
     cmbSize = new QComboBox(this);
     cmbSize->setObjectName(QStringLiteral("cmbSize"));
-    cmbSize->addItems({QStringLiteral("1 byte"), QStringLiteral("2 bytes"),
-                       QStringLiteral("4 bytes")});
+    cmbSize->addItems(
+        {QStringLiteral("1 byte"), QStringLiteral("2 bytes"), QStringLiteral("4 bytes")});
     cmbSize->setToolTip(QStringLiteral("Size of the value, little-endian, two's complement"));
     cmbPosition = new QComboBox(this);
     cmbPosition->setObjectName(QStringLiteral("cmbPosition"));

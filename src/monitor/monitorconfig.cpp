@@ -124,8 +124,8 @@ MonitorConfigLoad readMonitorConfig(const QByteArray& file, const MonitorSetup& 
         return load;
     }
     const QString version = header->left(7);
-    const bool withFilters = version == QLatin1String(";COPDIA") ||
-                             version == QLatin1String(";COPDIB");
+    const bool withFilters =
+        version == QLatin1String(";COPDIA") || version == QLatin1String(";COPDIB");
     const bool withSequences = version == QLatin1String(";COPDIB");
     if (!withFilters && version != QLatin1String(";CANDIA")) {
         load.result = MonitorConfigLoad::UnknownHeader;

@@ -35,7 +35,12 @@ QByteArray writeMonitorConfig(const MonitorSetup& setup);
 
 struct MonitorConfigLoad
 {
-    enum Result { Loaded, UnknownHeader, Failed };
+    enum Result
+    {
+        Loaded,
+        UnknownHeader,
+        Failed
+    };
     Result result = Failed;
     // The set-up given to the reader with every field read so far put in: a load that fails
     // half-way leaves what it read, as the window shows it.

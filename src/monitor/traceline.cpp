@@ -4,8 +4,8 @@
 
 namespace tessel {
 
-QString traceLine(int channel, int kind, quint32 id, quint32 timeUs, int length,
-                  const quint8* data, QChar decimalPoint)
+QString traceLine(int channel, int kind, quint32 id, quint32 timeUs, int length, const quint8* data,
+                  QChar decimalPoint)
 {
     QString letter;
     switch (kind) {

@@ -5,7 +5,12 @@
 namespace tessel {
 
 // Kinds of trace entries.
-enum class TraceKind : int { Received = 1, Transmitted = 2, RemoteRequest = 3 };
+enum class TraceKind : int
+{
+    Received = 1,
+    Transmitted = 2,
+    RemoteRequest = 3
+};
 
 // One trace line, without line end: "R0 181 2 005s123.456 > 12 34 ".
 //   letter R/T/M by kind (none for another code) and the channel in decimal; the COB-ID as 3
@@ -13,8 +18,8 @@ enum class TraceKind : int { Received = 1, Transmitted = 2, RemoteRequest = 3 };
 //   ("000") + "s" + milliseconds with three decimals, always 7 characters ("005.500"); " > ";
 //   each data byte as 2 hexadecimal digits and a blank. Remote requests show length 0 and no
 //   data. `decimalPoint` is the user's locale decimal separator.
-QString traceLine(int channel, int kind, quint32 id, quint32 timeUs, int length,
-                  const quint8* data, QChar decimalPoint = QLatin1Char('.'));
+QString traceLine(int channel, int kind, quint32 id, quint32 timeUs, int length, const quint8* data,
+                  QChar decimalPoint = QLatin1Char('.'));
 
 // The trace text with its bounds: when a line would bring the text to 65000 characters or
 // more, the text is first cut to its last 16300 characters (the cut may fall inside a line:

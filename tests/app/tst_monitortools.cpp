@@ -8,7 +8,6 @@
 
 #include <QCheckBox>
 #include <QComboBox>
-#include <QTemporaryDir>
 #include <QFile>
 #include <QLineEdit>
 #include <QPlainTextEdit>
@@ -16,6 +15,7 @@
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QSlider>
+#include <QTemporaryDir>
 #include <QTest>
 
 using namespace tessel;
@@ -176,7 +176,8 @@ void TstMonitorTools::acquisitionOfTenThousandFramesExports()
     const QList<QByteArray> lines = file.readAll().split('\n');
     QCOMPARE(lines.size(), kFrames + 1);
     QVERIFY(lines.last().isEmpty());
-    const QRegularExpression format(QStringLiteral("^(385|2047|0);-?\\d+;([0-8]);((\\d{1,3};)*)\\r$"));
+    const QRegularExpression format(
+        QStringLiteral("^(385|2047|0);-?\\d+;([0-8]);((\\d{1,3};)*)\\r$"));
     for (int i = 0; i < kFrames; ++i) {
         const QRegularExpressionMatch m = format.match(QString::fromLatin1(lines[i]));
         QVERIFY2(m.hasMatch(), lines[i].constData());
@@ -205,7 +206,8 @@ void TstMonitorTools::sliderSendsItsValue()
     QCOMPARE(QByteArray(reinterpret_cast<const char*>(observer.frames().at(0).data), 4),
              QByteArray("\x00\x00\x00\x04", 4));
     const auto& f = observer.frames().at(1);
-    QCOMPARE(QByteArray(reinterpret_cast<const char*>(f.data), 4), QByteArray("\x00\x00\x00\xFC", 4));
+    QCOMPARE(QByteArray(reinterpret_cast<const char*>(f.data), 4),
+             QByteArray("\x00\x00\x00\xFC", 4));
 }
 
 void TstMonitorTools::toolWindowsFollowTheMainWindow()

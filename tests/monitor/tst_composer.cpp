@@ -19,33 +19,44 @@ void TstComposer::parse_data()
     QTest::addColumn<QString>("frames");
     QTest::addColumn<bool>("lastUnsent");
     QTest::addColumn<QString>("error");
-    QTest::newRow("one line") << "T 181 xxxxx > 12 34\n" << "1:181:1234" << false << "";
-    QTest::newRow("CR LF") << "T 181 xxxxx > 12 34\r\nT 182 > 01\r\n" << "1:181:1234 2:182:01"
-                           << false << "";
-    QTest::newRow("nothing after >") << "T 701 >\n" << "1:701:" << false << "";
-    QTest::newRow("trailing blanks after >") << "T 701 >   \n" << "1:701:" << false << "";
-    QTest::newRow("last line without line end")
-        << "T 181 > 01\nT 182 > 02" << "1:181:01" << true << "";
-    QTest::newRow("only a line without end") << "T 000 xxxxx > 81 00" << "" << true << "";
-    QTest::newRow("G1 reads 0") << "T 181 > G1 1G\n" << "1:181:0001" << false << "";
+    QTest::newRow("one line") << "T 181 xxxxx > 12 34\n"
+                              << "1:181:1234" << false << "";
+    QTest::newRow("CR LF") << "T 181 xxxxx > 12 34\r\nT 182 > 01\r\n"
+                           << "1:181:1234 2:182:01" << false << "";
+    QTest::newRow("nothing after >") << "T 701 >\n"
+                                     << "1:701:" << false << "";
+    QTest::newRow("trailing blanks after >") << "T 701 >   \n"
+                                             << "1:701:" << false << "";
+    QTest::newRow("last line without line end") << "T 181 > 01\nT 182 > 02"
+                                                << "1:181:01" << true << "";
+    QTest::newRow("only a line without end") << "T 000 xxxxx > 81 00"
+                                             << "" << true << "";
+    QTest::newRow("G1 reads 0") << "T 181 > G1 1G\n"
+                                << "1:181:0001" << false << "";
     QTest::newRow("eight bytes") << "T 181 > 01 02 03 04 05 06 07 08\n"
                                  << "1:181:0102030405060708" << false << "";
     QTest::newRow("ninth byte stops there")
-        << "T 181 > 01\nT 182 > 01 02 03 04 05 06 07 08 09\nT 183 > 03\n" << "1:181:01" << false
+        << "T 181 > 01\nT 182 > 01 02 03 04 05 06 07 08 09\nT 183 > 03\n"
+        << "1:181:01" << false
         << "Line 2 has more than 8 data bytes. The lines before it were sent.";
     QTest::newRow("blank lines passed over") << "\nT 181 > 01\n   \n\nT 182 > 02\n"
                                              << "2:181:01 5:182:02" << false << "";
-    QTest::newRow("no >") << "T 181 > 01\nT 182 12\n" << "1:181:01" << false
+    QTest::newRow("no >") << "T 181 > 01\nT 182 12\n"
+                          << "1:181:01" << false
                           << "Line 2 has no \">\" before its data: \"T 182 12\". The lines before "
                              "it were sent.";
     // A monitor trace line has the channel digit after the letter: its identifier is read from
     // the wrong columns, as the format says.
-    QTest::newRow("trace line") << "T0 181 2 000s000.000 > 12 34 \n" << "1:0:1234" << false << "";
+    QTest::newRow("trace line") << "T0 181 2 000s000.000 > 12 34 \n"
+                                << "1:0:1234" << false << "";
     // Only the first ">" separates; a later one is read as a byte like any other text.
-    QTest::newRow("second > reads 0") << "T 181 > 12 > 34\n" << "1:181:120004" << false << "";
-    QTest::newRow("short id") << "T 7\n" << "" << false
-                              << "Line 1 has no \">\" before its data: \"T 7\". The lines before it "
-                                 "were sent.";
+    QTest::newRow("second > reads 0") << "T 181 > 12 > 34\n"
+                                      << "1:181:120004" << false << "";
+    QTest::newRow("short id")
+        << "T 7\n"
+        << "" << false
+        << "Line 1 has no \">\" before its data: \"T 7\". The lines before it "
+           "were sent.";
 }
 
 void TstComposer::parse()

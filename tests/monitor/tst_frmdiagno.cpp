@@ -183,8 +183,7 @@ void TstFrmDiagno::configurationFiles()
     saving.chosenFile = dir.filePath("bench.cnd");
     saving.monitor.btnSave_Click();
     QVERIFY(saving.messages.isEmpty());
-    QCOMPARE(saving.dialogs,
-             QStringList({"|Fioskeife Files (*.cnd)|*.cnd|All Files (*.*)|*.*"}));
+    QCOMPARE(saving.dialogs, QStringList({"|Fioskeife Files (*.cnd)|*.cnd|All Files (*.*)|*.*"}));
 
     Rig loading;
     loading.monitor.show();
@@ -220,15 +219,22 @@ void TstFrmDiagno::configurationFaults_data()
     QTest::addColumn<QByteArray>("file");
     QTest::addColumn<QString>("message");
     QTest::addColumn<QString>("slot0");
-    QTest::newRow("unknown header") << QByteArray("\";COPDIZ\"\r\n\"181\"") << "Invalid Fioskeife file"
-                                    << "old";
-    QTest::newRow("binary") << QByteArray("\x7f" "ELF\x02\x01\x01\0\0\0", 10)
-                            << "Invalid Fioskeife file" << "old";
-    QTest::newRow("short") << QByteArray("\";CANDIA\"\r\n\"181\",\"1\"") << "Load failed" << "181";
+    QTest::newRow("unknown header")
+        << QByteArray("\";COPDIZ\"\r\n\"181\"") << "Invalid Fioskeife file"
+        << "old";
+    QTest::newRow("binary") << QByteArray("\x7f"
+                                          "ELF\x02\x01\x01\0\0\0",
+                                          10)
+                            << "Invalid Fioskeife file"
+                            << "old";
+    QTest::newRow("short") << QByteArray("\";CANDIA\"\r\n\"181\",\"1\"") << "Load failed"
+                           << "181";
     QTest::newRow("bad remote box")
         << QByteArray("\";CANDIA\"\r\n\"181\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"0\",7\r\n")
-        << "Load failed" << "181";
-    QTest::newRow("missing file") << QByteArray() << "Load failed" << "old";
+        << "Load failed"
+        << "181";
+    QTest::newRow("missing file") << QByteArray() << "Load failed"
+                                  << "old";
 }
 
 void TstFrmDiagno::configurationFaults()
@@ -419,16 +425,22 @@ void TstFrmDiagno::composerFaults_data()
     QTest::addColumn<int>("sent");
     QTest::addColumn<QString>("message");
     QTest::addColumn<QString>("state");
-    QTest::newRow("ninth byte") << "T 181 > 01\nT 182 > 01 02 03 04 05 06 07 08 09\nT 183 > 03\n" << "1"
-                                << false << 1 << "Line 2 has more than 8 data bytes" << "Stopped at a bad line";
-    QTest::newRow("last line without end") << "T 181 > 01\nT 182 > 02" << "1" << false << 1 << ""
-                                           << "Sent 1; the last line has no line end and was not sent";
-    QTest::newRow("refused by the server") << "T 181 > 01\nT 182 > 02\n" << "1" << true << 1 << ""
+    QTest::newRow("ninth byte") << "T 181 > 01\nT 182 > 01 02 03 04 05 06 07 08 09\nT 183 > 03\n"
+                                << "1" << false << 1 << "Line 2 has more than 8 data bytes"
+                                << "Stopped at a bad line";
+    QTest::newRow("last line without end")
+        << "T 181 > 01\nT 182 > 02"
+        << "1" << false << 1 << ""
+        << "Sent 1; the last line has no line end and was not sent";
+    QTest::newRow("refused by the server") << "T 181 > 01\nT 182 > 02\n"
+                                           << "1" << true << 1 << ""
                                            << "Stopped: line 1 could not be sent";
-    QTest::newRow("pause too long") << "T 181 > 01\n" << "65536" << false << 0
-                                    << "The pause must be 0 to 65535 ms" << "";
-    QTest::newRow("negative pause") << "T 181 > 01\n" << "-5" << false << 0
-                                    << "The pause must be 0 to 65535 ms" << "";
+    QTest::newRow("pause too long") << "T 181 > 01\n"
+                                    << "65536" << false << 0 << "The pause must be 0 to 65535 ms"
+                                    << "";
+    QTest::newRow("negative pause") << "T 181 > 01\n"
+                                    << "-5" << false << 0 << "The pause must be 0 to 65535 ms"
+                                    << "";
 }
 
 void TstFrmDiagno::composerFaults()

@@ -159,15 +159,15 @@ void TstMonitorConfig::badFiles_data()
     const int unknown = MonitorConfigLoad::UnknownHeader, failed = MonitorConfigLoad::Failed;
     QTest::newRow("empty file") << QByteArray() << unknown << 0;
     QTest::newRow("unknown header") << QByteArray("\";COPDIC\"\r\n") + slotLines() << unknown << 0;
-    QTest::newRow("header of six characters") << QByteArray("\";COPDI\"\r\n") + slotLines()
-                                              << unknown << 0;
+    QTest::newRow("header of six characters")
+        << QByteArray("\";COPDI\"\r\n") + slotLines() << unknown << 0;
     QByteArray garbage(4096, '\0');
     for (int i = 0; i < garbage.size(); ++i)
         garbage[i] = char((i * 7919 + 13) % 256);
     QTest::newRow("binary garbage") << garbage << unknown << 0;
     QTest::newRow("header only") << QByteArray("\";COPDIB\"\r\n") << failed << 0;
-    QTest::newRow("cut in slot 3") << QByteArray("\";CANDIA\"\r\n") + slotLines().left(130)
-                                   << failed << 3;
+    QTest::newRow("cut in slot 3")
+        << QByteArray("\";CANDIA\"\r\n") + slotLines().left(130) << failed << 3;
     QByteArray badBox = slotLines();
     badBox.replace(",1\r\n\"185\"", ",2\r\n\"185\"");
     QTest::newRow("remote box 2") << "\";CANDIA\"\r\n" + badBox << failed << 4;
@@ -177,8 +177,8 @@ void TstMonitorConfig::badFiles_data()
     QByteArray strayQuote = slotLines();
     strayQuote.replace("\"183\"", "\"1\"83\"");
     QTest::newRow("embedded quote") << "\";CANDIA\"\r\n" + strayQuote << failed << 2;
-    QTest::newRow("no closing quote") << "\";CANDIA\"\r\n" + slotLines().left(40) + "\"abc"
-                                      << failed << 1;
+    QTest::newRow("no closing quote")
+        << "\";CANDIA\"\r\n" + slotLines().left(40) + "\"abc" << failed << 1;
     QTest::newRow("filters missing") << "\";COPDIA\"\r\n" + slotLines() + "\"701\"" << failed << 8;
 }
 

@@ -112,13 +112,13 @@ void TstSequence::rows_data()
     QTest::addColumn<QString>("sends");
     QTest::addColumn<bool>("running");
     // Ticking starts 1 ms later; the end of each pass gives the event loop one turn (0 ms).
-    QTest::newRow("M1 T0.5 M2 T1") << "M1 T0.5 M2 T1" << qint64(3100)
-                                   << "0@1 1@501 0@1501 1@2001 0@3001" << true;
+    QTest::newRow("M1 T0.5 M2 T1")
+        << "M1 T0.5 M2 T1" << qint64(3100) << "0@1 1@501 0@1501 1@2001 0@3001" << true;
     QTest::newRow("lower case") << "m1 t1" << qint64(2500) << "0@1 0@1001 0@2001" << true;
     QTest::newRow("comma stops after the first") << "M1,M2" << qint64(1000) << "0@1" << false;
     QTest::newRow("T0 hangs") << "M1 T0 M2" << qint64(5000) << "0@1" << true;
-    QTest::newRow("M0 and M9 send nothing") << "M0 M9 M3 T1" << qint64(1500) << "-1@1 8@1 2@1 -1@1001 8@1001 2@1001"
-                                            << true;
+    QTest::newRow("M0 and M9 send nothing")
+        << "M0 M9 M3 T1" << qint64(1500) << "-1@1 8@1 2@1 -1@1001 8@1001 2@1001" << true;
     QTest::newRow("digit first stops") << "M1 5" << qint64(1000) << "0@1" << false;
     QTest::newRow("blank text stops") << "   " << qint64(1000) << "" << false;
     QTest::newRow("empty text stops") << "" << qint64(1000) << "" << false;
@@ -161,7 +161,7 @@ void TstSequence::clearingStopsAWaitingRowAndTickingRestarts()
     busy.row->setEnabled(true);
     for (int turn = 0; turn < 5; ++turn)
         busy.row->onTimer();
-    QCOMPARE(busy.sent.size(), 9); // the first turn sends M1, then M2 with each next M1
+    QCOMPARE(busy.sent.size(), 9);            // the first turn sends M1, then M2 with each next M1
     QCOMPARE(busy.clock.due, busy.clock.now); // the next pass is due at once
     busy.row->setEnabled(false);
     QCOMPARE(busy.clock.due, qint64(-1));

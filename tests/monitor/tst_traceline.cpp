@@ -37,9 +37,10 @@ void TstTraceLine::line_data()
     QTest::newRow("NMT reset node") << 0 << 2 << 0u << 0u << QByteArray::fromHex("8100") << "."
                                     << "T0 000 2 000s000.000 > 81 00 ";
     QTest::newRow("remote request has no data")
-        << 1 << 3 << 0x701u << 0u << QByteArray::fromHex("0102") << "." << "M1 701 0 000s000.000 > ";
-    QTest::newRow("unknown kind has no letter")
-        << 2 << 7 << 0x10u << 0u << QByteArray() << "." << "2 010 0 000s000.000 > ";
+        << 1 << 3 << 0x701u << 0u << QByteArray::fromHex("0102") << "."
+        << "M1 701 0 000s000.000 > ";
+    QTest::newRow("unknown kind has no letter") << 2 << 7 << 0x10u << 0u << QByteArray() << "."
+                                                << "2 010 0 000s000.000 > ";
     QTest::newRow("seconds wrap after 999")
         << 0 << 1 << 0x701u << 1000000999u << QByteArray::fromHex("7f") << "."
         << "R0 701 1 000s000.999 > 7F ";
@@ -47,8 +48,8 @@ void TstTraceLine::line_data()
                                         << "R3 080 0 000s005.500 > ";
     QTest::newRow("largest time") << 0 << 1 << 0x7FFu << 4294967295u << QByteArray() << "."
                                   << "R0 7FF 0 294s967.295 > ";
-    QTest::newRow("long id keeps its last digits")
-        << 0 << 1 << 0x1ABCu << 0u << QByteArray() << "." << "R0 ABC 0 000s000.000 > ";
+    QTest::newRow("long id keeps its last digits") << 0 << 1 << 0x1ABCu << 0u << QByteArray() << "."
+                                                   << "R0 ABC 0 000s000.000 > ";
     QTest::newRow("locale decimal comma") << 0 << 1 << 0x181u << 5123456u << QByteArray() << ","
                                           << "R0 181 0 005s123,456 > ";
 }
@@ -133,11 +134,13 @@ void TstTraceLine::filter_data()
     QTest::newRow("empty boxes never match id 0") << none << true << 0x000u << false;
     QTest::newRow("listed is hidden") << QStringList{"181"} << false << 0x181u << false;
     QTest::newRow("unlisted shows") << QStringList{"181"} << false << 0x182u << true;
-    QTest::newRow("listed shows when inverted") << QStringList{"", "", "701"} << true << 0x701u << true;
+    QTest::newRow("listed shows when inverted")
+        << QStringList{"", "", "701"} << true << 0x701u << true;
     QTest::newRow("blanks around") << QStringList{" 181 "} << false << 0x181u << false;
     QTest::newRow("lower case") << QStringList{"7e5"} << false << 0x7E5u << false;
     QTest::newRow("0x prefix reads as 0") << QStringList{"0x181"} << false << 0x000u << false;
-    QTest::newRow("0x prefix does not match the id") << QStringList{"0x181"} << false << 0x181u << true;
+    QTest::newRow("0x prefix does not match the id")
+        << QStringList{"0x181"} << false << 0x181u << true;
     QTest::newRow("not hexadecimal reads as 0") << QStringList{"zz"} << false << 0x000u << false;
     QTest::newRow("leading digits count") << QStringList{"18g"} << false << 0x18u << false;
     QTest::newRow("sixth box") << QStringList{"", "", "", "", "", "80"} << false << 0x80u << false;

@@ -37,26 +37,26 @@ void TstTransmitSlot::frame_data()
     QTest::addColumn<QByteArray>("data");
     QTest::addColumn<bool>("remote");
     QTest::addColumn<int>("length");
-    QTest::newRow("start the drive") << slot("000", "2", {"01", "00"}) << 0 << QByteArray("\x01\x00", 2)
-                                     << false << 2;
-    QTest::newRow("length 0 reads no box") << slot("181", "0", {"zz"}) << 0x181 << QByteArray()
-                                           << false << 0;
-    QTest::newRow("length 8, empty boxes") << slot("181", "8") << 0x181 << QByteArray(8, '\0')
-                                           << false << 8;
+    QTest::newRow("start the drive")
+        << slot("000", "2", {"01", "00"}) << 0 << QByteArray("\x01\x00", 2) << false << 2;
+    QTest::newRow("length 0 reads no box")
+        << slot("181", "0", {"zz"}) << 0x181 << QByteArray() << false << 0;
+    QTest::newRow("length 8, empty boxes")
+        << slot("181", "8") << 0x181 << QByteArray(8, '\0') << false << 8;
     QTest::newRow("1FF is FF") << slot("181", "1", {"1FF"}) << 0x181 << QByteArray("\xFF", 1)
                                << false << 1;
     QTest::newRow("FFFF is FF") << slot("181", "1", {"FFFF"}) << 0x181 << QByteArray("\xFF", 1)
                                 << false << 1;
     QTest::newRow("boxes past the length unread")
         << slot("181", "2", {"12", "34", "56"}) << 0x181 << QByteArray("\x12\x34", 2) << false << 2;
-    QTest::newRow("typo reads up to it") << slot("181", "2", {"1G", "G1"}) << 0x181
-                                         << QByteArray("\x01\x00", 2) << false << 2;
+    QTest::newRow("typo reads up to it")
+        << slot("181", "2", {"1G", "G1"}) << 0x181 << QByteArray("\x01\x00", 2) << false << 2;
     QTest::newRow("lower case id") << slot("7e5", "0") << 0x7E5 << QByteArray() << false << 0;
-    QTest::newRow("id with blanks") << slot(" 181 ", " 1 ", {"5"}) << 0x181 << QByteArray("\x05", 1)
-                                    << false << 1;
+    QTest::newRow("id with blanks")
+        << slot(" 181 ", " 1 ", {"5"}) << 0x181 << QByteArray("\x05", 1) << false << 1;
     QTest::newRow("unreadable id is 0") << slot("x", "0") << 0 << QByteArray() << false << 0;
-    QTest::newRow("remote reads no box") << slot("181", "4", {"zz"}, true) << 0x181 << QByteArray()
-                                         << true << 4;
+    QTest::newRow("remote reads no box")
+        << slot("181", "4", {"zz"}, true) << 0x181 << QByteArray() << true << 4;
     QTest::newRow("length 8.0") << slot("181", "8.0") << 0x181 << QByteArray(8, '\0') << false << 8;
 }
 
