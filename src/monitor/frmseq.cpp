@@ -8,7 +8,6 @@
 #include <QElapsedTimer>
 #include <QFontDatabase>
 #include <QGridLayout>
-#include <QLabel>
 #include <QLineEdit>
 
 namespace tessel {
