@@ -573,9 +573,7 @@ void FrmMain::cmdDiagno_Click()
 {
     if (!m_monitor)
         return;
-    m_monitor->show();
-    m_monitor->raise();
-    m_monitor->activateWindow();
+    WindowPlacement::bringToFront(m_monitor);
 }
 
 void FrmMain::cmdEDS_Click()
@@ -589,9 +587,7 @@ void FrmMain::cmdEDS_Click()
             sdoPanel->cmbIndex->setCurrentText(address);
         };
     }
-    m_eds->show();
-    m_eds->raise();
-    m_eds->activateWindow();
+    WindowPlacement::bringToFront(m_eds);
 }
 
 void FrmMain::cmdIO_Click()
@@ -604,9 +600,7 @@ void FrmMain::cmdIO_Click()
         WindowPlacement::restoreGeometry(m_io, m_io->objectName());
         m_io->showMessage = [this](const QString& text) { showMessage(text); };
     }
-    m_io->show();
-    m_io->raise();
-    m_io->activateWindow();
+    WindowPlacement::bringToFront(m_io);
 }
 
 void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)

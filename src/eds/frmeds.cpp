@@ -95,12 +95,8 @@ void FrmEDS::cmdMove_Click()
 void FrmEDS::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
-    if (!m_positioned) {
-        m_positioned = true;
-        if (m_placement && m_mainWindow)
-            m_placement->placeNearMain(this, m_mainWindow);
+    if (WindowPlacement::placeOnFirstShow(m_placement, this, m_mainWindow, &m_positioned))
         loadList();
-    }
 }
 
 } // namespace tessel

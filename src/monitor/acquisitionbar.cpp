@@ -50,7 +50,6 @@ QString AcquisitionBar::defaultPath()
 
 void AcquisitionBar::chkExport_Click(bool ticked)
 {
-    m_collecting = ticked;
     if (ticked)
         m_buffer.clear();
 }

@@ -2,11 +2,11 @@
 
 #include "acquisition.h"
 
+#include <QCheckBox>
 #include <QWidget>
 
 #include <functional>
 
-class QCheckBox;
 class QLineEdit;
 class QPushButton;
 
@@ -26,7 +26,7 @@ public:
     // Called for every frame that passed the receive filter.
     void collect(quint32 id, quint32 timeUs, int length, const quint8* data)
     {
-        if (m_collecting)
+        if (chkExport->isChecked())
             m_buffer.append(id, timeUs, length, data);
     }
     const AcquisitionBuffer& buffer() const { return m_buffer; }
@@ -48,7 +48,6 @@ private:
     void chkExport_Click(bool ticked);
 
     AcquisitionBuffer m_buffer;
-    bool m_collecting = false;
 };
 
 } // namespace tessel

@@ -346,8 +346,6 @@ void FrmDiagno::btnSave_Click()
 bool FrmDiagno::saveConfiguration(const QString& path)
 {
     m_configPath = path;
-    if (m_sequencer)
-        m_sequencer->storeTexts();
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly) || file.write(writeMonitorConfig(setup())) < 0 ||
         !file.commit()) {
@@ -378,9 +376,7 @@ void FrmDiagno::cmdSeq_Click()
         WindowPlacement::restoreGeometry(m_sequencer, m_sequencer->objectName());
         m_sequencer->showMessage = [this](const QString& text) { message(text); };
     }
-    m_sequencer->show();
-    m_sequencer->raise();
-    m_sequencer->activateWindow();
+    WindowPlacement::bringToFront(m_sequencer);
 }
 
 void FrmDiagno::cmdInvia_Click()
@@ -395,9 +391,7 @@ void FrmDiagno::cmdInvia_Click()
         };
         m_composer->showMessage = [this](const QString& text) { message(text); };
     }
-    m_composer->show();
-    m_composer->raise();
-    m_composer->activateWindow();
+    WindowPlacement::bringToFront(m_composer);
 }
 
 void FrmDiagno::message(const QString& text)
@@ -416,12 +410,8 @@ QString FrmDiagno::screenText() const
 void FrmDiagno::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
-    if (!m_positioned) {
-        m_positioned = true;
-        if (m_placement && m_mainWindow)
-            m_placement->placeNearMain(this, m_mainWindow);
+    if (WindowPlacement::placeOnFirstShow(m_placement, this, m_mainWindow, &m_positioned))
         m_loadSize = size();
-    }
 }
 
 void FrmDiagno::closeEvent(QCloseEvent* event)

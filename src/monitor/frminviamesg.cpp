@@ -133,11 +133,7 @@ void FrmInviaMesg::finish(const QString& state, const QString& message)
 void FrmInviaMesg::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
-    if (!m_positioned) {
-        m_positioned = true;
-        if (m_placement && m_mainWindow)
-            m_placement->placeNearMain(this, m_mainWindow);
-    }
+    WindowPlacement::placeOnFirstShow(m_placement, this, m_mainWindow, &m_positioned);
 }
 
 void FrmInviaMesg::closeEvent(QCloseEvent* event)

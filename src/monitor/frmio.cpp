@@ -116,11 +116,7 @@ void FrmIO::sldSlide_Scroll()
 void FrmIO::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
-    if (!m_positioned) {
-        m_positioned = true;
-        if (m_placement && m_mainWindow)
-            m_placement->placeNearMain(this, m_mainWindow);
-    }
+    WindowPlacement::placeOnFirstShow(m_placement, this, m_mainWindow, &m_positioned);
 }
 
 } // namespace tessel

@@ -65,8 +65,9 @@ FrmSeq::FrmSeq(FrmDiagno* monitor, const WindowPlacement* placement, QWidget* ma
         connect(chkEn[i], &QCheckBox::toggled, this, [this, i] { chkEn_Click(i); });
         connect(txtSeq[i], &QLineEdit::textChanged, this, [this, i](const QString& text) {
             m_rows[i]->setText(text);
-            // The monitor always holds what the boxes show: a configuration saved while
-            // this window is open has the texts as typed.
+            // The monitor always holds what the boxes show, as they are typed: a
+            // configuration saved while this window is open has them, and closing the
+            // window loses none.
             m_monitor->setSequenceText(i, text);
         });
     }
@@ -99,33 +100,15 @@ void FrmSeq::chkEn_Click(int index)
     txtSeq[index]->setEnabled(!on);
 }
 
-void FrmSeq::storeTexts()
-{
-    for (int i = 0; i < kRows; ++i)
-        m_monitor->setSequenceText(i, txtSeq[i]->text());
-}
-
 void FrmSeq::showEvent(QShowEvent* event)
 {
     QWidget::showEvent(event);
-    if (!m_loaded) {
-        m_loaded = true;
-        if (m_placement && m_mainWindow)
-            m_placement->placeNearMain(this, m_mainWindow);
-    }
-}
-
-void FrmSeq::changeEvent(QEvent* event)
-{
-    QWidget::changeEvent(event);
-    if (event->type() == QEvent::ActivationChange && !isActiveWindow())
-        storeTexts();
+    WindowPlacement::placeOnFirstShow(m_placement, this, m_mainWindow, &m_loaded);
 }
 
 void FrmSeq::closeEvent(QCloseEvent* event)
 {
     // Closing stops every row; the texts stay with the monitor.
-    storeTexts();
     for (int i = 0; i < kRows; ++i)
         chkEn[i]->setChecked(false);
     WindowPlacement::saveGeometry(this, objectName());

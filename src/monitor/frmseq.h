@@ -32,8 +32,6 @@ public:
 
     void chkEn_Click(int index);
     SequenceRow& row(int index) { return *m_rows[index]; }
-    // Copies the six texts back to the monitor.
-    void storeTexts();
 
     std::array<QCheckBox*, kRows> chkEn{};
     std::array<QLineEdit*, kRows> txtSeq{};
@@ -44,7 +42,6 @@ public:
 protected:
     void showEvent(QShowEvent* event) override;
     void closeEvent(QCloseEvent* event) override;
-    void changeEvent(QEvent* event) override;
 
 private:
     class Timer;

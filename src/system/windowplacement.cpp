@@ -71,4 +71,22 @@ void WindowPlacement::saveGeometry(const QWidget* window, const QString& key)
     settings.setValue(QStringLiteral("windows/") + key, QRect(window->pos(), window->size()));
 }
 
+bool WindowPlacement::placeOnFirstShow(const WindowPlacement* placement, QWidget* window,
+                                       const QWidget* mainWindow, bool* placed)
+{
+    if (*placed)
+        return false;
+    *placed = true;
+    if (placement && mainWindow)
+        placement->placeNearMain(window, mainWindow);
+    return true;
+}
+
+void WindowPlacement::bringToFront(QWidget* window)
+{
+    window->show();
+    window->raise();
+    window->activateWindow();
+}
+
 } // namespace tessel

@@ -24,6 +24,13 @@ public:
     // Where a frame of that size and place goes to be wholly inside `available`.
     static QPoint onScreen(const QRect& frame, const QRect& available);
 
+    // A tool window's first show lays it out beside the main window (without a placement, it
+    // stays where it is); later shows keep the place the user gave it. True on the first show.
+    static bool placeOnFirstShow(const WindowPlacement* placement, QWidget* window,
+                                 const QWidget* mainWindow, bool* placed);
+    // Shows a tool window in front of the others, with the focus.
+    static void bringToFront(QWidget* window);
+
     // Remembered place (of the frame) and size of a window between runs (per-user settings,
     // group "windows"); restoring gives back exactly what was saved.
     static void restoreGeometry(QWidget* window, const QString& key);
