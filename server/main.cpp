@@ -145,8 +145,14 @@ int main(int argc, char** argv)
         QStringLiteral("sdo-segmented"),
         QStringLiteral("Transfer SDO data above 4 bytes segmented, never in blocks, even to "
                        "nodes that offer block transfer."));
+    const QCommandLineOption bootCatchOption(
+        QStringLiteral("boot-catch-ms"),
+        QStringLiteral("How long a boot catch (Stop on Boot) waits for a boot loader to answer, "
+                       "in milliseconds (default: 5000)."),
+        QStringLiteral("ms"));
     parser.addOptions({socketOption, listenOption, channelOption, benchOption, unpacedOption,
-                       edsOption, showOption, idleExitOption, segmentedOption, backlogOption});
+                       edsOption, showOption, idleExitOption, segmentedOption, backlogOption,
+                       bootCatchOption});
     parser.process(*app);
     if (!parser.positionalArguments().isEmpty())
         return fail(QStringLiteral("unexpected argument '%1' (see --help)")
@@ -166,6 +172,13 @@ int main(int argc, char** argv)
     config.paced = !parser.isSet(unpacedOption);
     config.edsPath = parser.value(edsOption);
     config.sdoBlockTransfer = !parser.isSet(segmentedOption);
+    if (parser.isSet(bootCatchOption)) {
+        bool ok = false;
+        config.bootCatchMs = parser.value(bootCatchOption).toInt(&ok);
+        if (!ok || config.bootCatchMs < 10 || config.bootCatchMs > 600000)
+            return fail(QStringLiteral("--boot-catch-ms takes a number of milliseconds from 10 "
+                                       "to 600000"));
+    }
 
     QString error;
     const auto core = ServerCore::create(config, &error);

@@ -1,6 +1,7 @@
 #include "simbench.h"
 
 #include <QStringList>
+#include <QTimer>
 
 namespace qorcalib {
 
@@ -69,7 +70,8 @@ int SimBench::powerRelayOutput() const
 
 bool SimBench::drivesPowered() const
 {
-    return m_mainOn && m_mainVoltage >= kMinimumDriveVoltage && m_outputs[powerRelayOutput()];
+    return m_mainOn && !m_cycling && m_mainVoltage >= kMinimumDriveVoltage &&
+           m_outputs[powerRelayOutput()];
 }
 
 void SimBench::updatePower()
@@ -98,8 +100,21 @@ bool SimBench::command(int command, int argument, int* status, QString* error)
         m_brakeOn = true;
         break;
     case kCmdTransferStart:
+        *status = m_transfer ? 1 : 0;
+        m_transfer = true;
+        if (drivesPowered()) {
+            m_cycling = true;
+            QTimer::singleShot(kPowerCycleMs, this, [this] {
+                m_cycling = false;
+                updatePower();
+            });
+        }
+        updatePower();
+        return true;
     case kCmdTransferEnd:
-        break;
+        *status = m_transfer ? 1 : 0;
+        m_transfer = false;
+        return true;
     default:
         *error = QStringLiteral("unknown bench command %1").arg(command);
         return false;

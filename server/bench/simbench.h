@@ -14,6 +14,10 @@ namespace qorcalib {
 // Kind 1 is an assembly bench (type 3 by default), any other kind a PCB bench (type 33, 34, ...).
 // The drives get power while the main supply is on at 18 V or more and the bench's power relay
 // output is closed (output 5 on assembly benches and PCB benches of type 33, else output 9).
+//
+// Firmware transfers: command 16 begins one. The bench cycles the drives' supply (off for
+// kPowerCycleMs, when they have power), so that they boot into their boot loader while a boot
+// catch waits; command 17 ends it. Both answer 1 when a transfer was under way before, else 0.
 class SimBench : public QObject
 {
     Q_OBJECT
@@ -29,6 +33,7 @@ public:
     static constexpr int kOutputCount = 32;
     static constexpr int kInputCount = 16;
     static constexpr double kMinimumDriveVoltage = 18.0;
+    static constexpr int kPowerCycleMs = 50;
 
     explicit SimBench(Identity identity, QObject* parent = nullptr);
 
@@ -52,6 +57,7 @@ public:
     bool output(int channel) const;
 
     bool mainSupplyOn() const { return m_mainOn; }
+    bool transferActive() const { return m_transfer; }
     double mainVoltage() const { return m_mainVoltage; }
 
 signals:
@@ -73,6 +79,8 @@ private:
     bool m_ioInitialised = false;
     bool m_armed = false;
     bool m_powered = false;
+    bool m_transfer = false;
+    bool m_cycling = false; // the supply is off for a power cycle
     int m_testState = 0;
     QRandomGenerator m_noise{0x5eed};
 };

@@ -1,5 +1,7 @@
 #include "servercore.h"
 
+#include "bootrunner.h"
+
 #include "lssrunner.h"
 #include "objectdictionary.h"
 #include "qcanbuschannel.h"
@@ -67,8 +69,11 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
         core->m_sdoRunners.push_back(std::make_unique<SdoRunner>(channel.get()));
         core->m_sdoRunners.back()->setBlockTransfer(config.sdoBlockTransfer);
     }
-    for (int c = 0; c < int(core->m_channels.size()); ++c)
+    for (int c = 0; c < int(core->m_channels.size()); ++c) {
         core->m_lssRunners.push_back(std::make_unique<LssRunner>(core.get(), c));
+        core->m_bootRunners.push_back(
+            std::make_unique<BootRunner>(core.get(), c, config.bootCatchMs));
+    }
     ServerCore* raw = core.get();
     connect(core->m_bench.get(), &SimBench::drivePowerChanged, raw, [raw](bool powered) {
         for (const auto& drive : raw->m_drives)
@@ -102,6 +107,12 @@ SdoRunner* ServerCore::sdoRunner(int controller) const
 LssRunner* ServerCore::lssRunner(int controller) const
 {
     return controller >= 0 && controller < controllerCount() ? m_lssRunners[controller].get()
+                                                             : nullptr;
+}
+
+BootRunner* ServerCore::bootRunner(int controller) const
+{
+    return controller >= 0 && controller < controllerCount() ? m_bootRunners[controller].get()
                                                              : nullptr;
 }
 

@@ -11,6 +11,7 @@
 
 namespace qorcalib {
 
+class BootRunner;
 class LssRunner;
 class SdoRunner;
 class SimulatedSegment;
@@ -31,6 +32,7 @@ public:
         bool paced = true;
         QString edsPath;              // the simulated drive's EDS
         bool sdoBlockTransfer = true; // false: segmented only, even where a node offers block
+        int bootCatchMs = 5000;       // how long a boot catch waits for a boot loader
     };
 
     static std::unique_ptr<ServerCore> create(const Config& config, QString* error);
@@ -44,6 +46,7 @@ public:
     SimulatedSegment* segment(int controller) const;
     SdoRunner* sdoRunner(int controller) const;
     LssRunner* lssRunner(int controller) const;
+    BootRunner* bootRunner(int controller) const;
     SimDrive* drive(int i) const
     {
         return i >= 0 && i < int(m_drives.size()) ? m_drives[i].get() : nullptr;
@@ -73,6 +76,7 @@ private:
     std::vector<std::unique_ptr<SimDrive>> m_drives;
     std::vector<std::unique_ptr<SdoRunner>> m_sdoRunners;
     std::vector<std::unique_ptr<LssRunner>> m_lssRunners;
+    std::vector<std::unique_ptr<BootRunner>> m_bootRunners;
     bool m_shutdownRequested = false;
 };
 

@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include "bootrunner.h"
 #include "lssrunner.h"
 #include "rep_qorcalib_source.h"
 #include "sdorunner.h"
@@ -198,7 +199,10 @@ public:
     {
         return m_s->startSdo(true, channel, node, index, subIndex, {});
     }
-    RequestReply StopOnBoot(int, int, int) override { return RequestReply(0, kNotSupported); }
+    RequestReply StopOnBoot(int channel, int node, int bitRateIndex) override
+    {
+        return m_s->startBootCatch(channel, node, bitRateIndex);
+    }
     RequestReply LssInquire(int channel) override { return m_s->startLss(channel, false, 0, 0); }
     RequestReply LssConfigure(int channel, int nodeId, int bitRateIndex) override
     {
@@ -374,6 +378,7 @@ Session::~Session()
     for (int c = 0; c < m_core->controllerCount(); ++c) {
         m_core->sdoRunner(c)->dropSession(m_id);
         m_core->lssRunner(c)->dropSession(m_id);
+        m_core->bootRunner(c)->dropSession(m_id);
         m_core->channel(c)->dropSession(m_id);
     }
     if (m_node)
@@ -437,6 +442,9 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
     auto* notify = &m_objects->notify;
     request.progress = [notify](double fraction) { emit notify->ProgressNotify(fraction); };
     request.done = [notify, requestId](const SdoClient::Result& result) {
+        // The end of a transfer brings the progress back to 0, as the client's bar and a bench
+        // waiting for the transfer's end expect.
+        emit notify->ProgressNotify(0.0);
         emit notify->OperationDone(
             OperationResult(requestId, result.data, 0, result.abortCode, result.error));
     };
@@ -473,11 +481,36 @@ RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitR
     return RequestReply(requestId, {});
 }
 
+RequestReply Session::startBootCatch(int channel, int node, int bitRateIndex)
+{
+    QString error = m_core->checkController(channel);
+    if (error.isEmpty() && (node < 0 || node > 127))
+        error = QStringLiteral("node-ID %1 out of range (0..127; 0: any node)").arg(node);
+    if (!error.isEmpty())
+        return RequestReply(0, error);
+    const int requestId = m_nextRequest++;
+    BootRunner::Request request;
+    request.session = m_id;
+    request.requestId = requestId;
+    request.node = quint8(node);
+    request.bitRateIndex = bitRateIndex;
+    auto* notify = &m_objects->notify;
+    request.done = [notify, requestId](const BootRunner::Outcome& o) {
+        const QByteArray node = o.error.isEmpty() ? QByteArray(1, char(o.node)) : QByteArray();
+        emit notify->OperationDone(OperationResult(requestId, node, qint32(o.version), 0, o.error));
+    };
+    error = m_core->bootRunner(channel)->submit(std::move(request));
+    if (!error.isEmpty())
+        return RequestReply(0, error);
+    return RequestReply(requestId, {});
+}
+
 QString Session::cancelRequest(int requestId)
 {
     for (int c = 0; c < m_core->controllerCount(); ++c)
         if (m_core->sdoRunner(c)->cancel(m_id, requestId) ||
-            m_core->lssRunner(c)->cancel(m_id, requestId))
+            m_core->lssRunner(c)->cancel(m_id, requestId) ||
+            m_core->bootRunner(c)->cancel(m_id, requestId))
             return {};
     return QStringLiteral("request %1 is not running in this session").arg(requestId);
 }

@@ -54,6 +54,9 @@ public:
     // LSS services on a controller; their results come as OperationDone: the node-ID as the
     // value, and for an inquiry the bit-rate list index as the one byte of data.
     RequestReply startLss(int channel, bool configure, int nodeId, int bitRateIndex);
+    // A boot catch on a controller; its result comes as OperationDone: the boot loader's version
+    // as the value (0: none answered) and the caught node-ID as the one byte of data.
+    RequestReply startBootCatch(int channel, int node, int bitRateIndex);
 
 private:
     void onFrames(int controller, const QVector<BusFrame>& frames);

@@ -9,7 +9,7 @@ namespace qorcalib {
 SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint8 nodeId,
                    int bitRateIndex, QObject* parent)
     : QObject(parent), m_segment(segment), m_dictionary(std::move(dictionary)),
-      m_access(&m_dictionary),
+      m_access(&m_dictionary), m_applicationAccess(&m_access), m_bootLoader(&m_dictionary),
       m_nmt(NmtSlave::Hooks{[this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
                             [this] {
                                 // A reset node restarts the processor: boot loader first, values
@@ -18,7 +18,7 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
                                 takeNodeId(m_lss.activeNodeId());
                                 m_sdo.reset();
                                 m_dictionary.restoreDefaults(0x0000, 0xFFFF);
-                                m_bootTimer.start(kBootLoaderWindowMs);
+                                startBootLoader();
                             },
                             [this] {
                                 m_lss.applyPendingNodeId();
@@ -27,7 +27,10 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
                                 m_dictionary.restoreDefaults(0x1000, 0x1FFF);
                                 applyHeartbeatPeriod();
                             }}),
-      m_sdo(&m_access, [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); }),
+      m_sdo(&m_applicationAccess,
+            [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); }),
+      m_bootSdo(&m_bootLoader,
+                [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); }),
       m_lss({quint32(m_dictionary.unsignedValue(0x1018, 1, 0)),
              quint32(m_dictionary.unsignedValue(0x1018, 2, 0)),
              quint32(m_dictionary.unsignedValue(0x1018, 3, 0)),
@@ -52,6 +55,11 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
         if (index == 0x1017)
             applyHeartbeatPeriod();
     };
+    m_bootLoader.flashed = [this](const FirmwareIdentity& identity) { takeFirmware(identity); };
+    // The answer to the release goes out before the application starts.
+    m_bootLoader.release = [this] {
+        QMetaObject::invokeMethod(this, &SimDrive::boot, Qt::QueuedConnection);
+    };
     m_bootTimer.setSingleShot(true);
     connect(&m_bootTimer, &QTimer::timeout, this, &SimDrive::boot);
     m_timer.setSingleShot(true);
@@ -60,6 +68,7 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
         const qint64 now = serverTimeUs();
         m_nmt.onTimer(now);
         m_sdo.onTimer(now);
+        m_bootSdo.onTimer(now);
         m_lss.onTimer(now);
         rearm();
     });
@@ -80,14 +89,60 @@ void SimDrive::setPowered(bool powered)
     m_bootTimer.stop();
     m_nmt.powerOff();
     m_sdo.reset();
+    m_bootSdo.reset();
+    m_mode = Mode::Off;
     // Downloaded values live in RAM: losing power brings back the defaults.
     m_dictionary.restoreDefaults(0x0000, 0xFFFF);
     if (powered) {
         m_bitRateIndex = m_startBitRate;
         m_lss.restart(m_startNodeId, m_startBitRate);
         takeNodeId(m_startNodeId);
-        m_bootTimer.start(kBootLoaderWindowMs);
+        startBootLoader();
     }
+}
+
+void SimDrive::startBootLoader()
+{
+    m_mode = Mode::BootWindow;
+    m_bootSdo.reset();
+    m_bootTimer.start(kBootLoaderWindowMs);
+}
+
+void SimDrive::receiveInBootLoader(const CanFrame& frame, qint64 nowUs)
+{
+    const quint8 node = m_nmt.nodeId();
+    if (boot::isRequestFor(frame, node)) {
+        m_bootTimer.stop();
+        m_mode = Mode::BootHeld;
+        m_segment->transmit(this, boot::answer(node, BootLoader::kVersion), 0);
+        return;
+    }
+    if (m_mode != Mode::BootHeld)
+        return;
+    // A held boot loader knows only resets: the drive starts over in its boot loader.
+    if (frame.id == 0x000 && !frame.remote && frame.len == 2 &&
+        (frame.data[1] == 0 || frame.data[1] == node) &&
+        (frame.data[0] == 0x81 || frame.data[0] == 0x82)) {
+        startBootLoader();
+        return;
+    }
+    m_bootSdo.onFrame(frame, nowUs);
+}
+
+void SimDrive::takeFirmware(const FirmwareIdentity& identity)
+{
+    // Flashed: what the application reports from now on, through resets and power cycles.
+    const auto set = [this](quint16 index, quint8 subIndex, const QByteArray& value) {
+        if (OdEntry* entry = m_dictionary.find(index, subIndex)) {
+            entry->defaultValue = value;
+            entry->value = value;
+        }
+    };
+    set(0x100A, 0, QStringLiteral("FW %1").arg(identity.versionText()).toLatin1());
+    QByteArray revision(4, '\0');
+    for (int i = 0; i < 4; ++i)
+        revision[i] = char(identity.version >> (8 * i));
+    set(0x1018, 3, revision);
 }
 
 void SimDrive::takeNodeId(quint8 nodeId)
@@ -98,8 +153,10 @@ void SimDrive::takeNodeId(quint8 nodeId)
 
 void SimDrive::boot()
 {
-    if (!m_powered)
+    if (!m_powered || m_mode == Mode::Application || m_mode == Mode::Off)
         return;
+    m_mode = Mode::Application;
+    m_bootSdo.reset();
     applyHeartbeatPeriod();
     m_nmt.bootUp(serverTimeUs());
     rearm();
@@ -113,6 +170,11 @@ void SimDrive::applyHeartbeatPeriod()
 void SimDrive::receive(const BusFrame& frame)
 {
     const qint64 now = serverTimeUs();
+    if (m_mode == Mode::BootWindow || m_mode == Mode::BootHeld) {
+        receiveInBootLoader(frame.frame, now);
+        rearm();
+        return;
+    }
     if (m_lss.onFrame(frame.frame, now)) {
         rearm();
         return;
@@ -127,7 +189,8 @@ void SimDrive::receive(const BusFrame& frame)
 void SimDrive::rearm()
 {
     qint64 deadline = -1;
-    for (const qint64 d : {m_nmt.nextDeadlineUs(), m_sdo.nextDeadlineUs(), m_lss.nextDeadlineUs()})
+    for (const qint64 d : {m_nmt.nextDeadlineUs(), m_sdo.nextDeadlineUs(),
+                           m_bootSdo.nextDeadlineUs(), m_lss.nextDeadlineUs()})
         if (d >= 0 && (deadline < 0 || d < deadline))
             deadline = d;
     if (deadline < 0) {
@@ -136,6 +199,37 @@ void SimDrive::rearm()
     }
     const qint64 delayUs = std::max<qint64>(0, deadline - serverTimeUs());
     m_timer.start(int((delayUs + 999) / 1000));
+}
+
+} // namespace qorcalib
+
+namespace qorcalib {
+
+namespace {
+// Program download and release belong to the boot loader.
+constexpr quint32 kNotInThisState = 0x08000022;
+bool bootLoaderObject(quint16 index)
+{
+    return index == 0x1F50 || index == 0x5EF0;
+}
+} // namespace
+
+quint32 SimDrive::ApplicationAccess::upload(quint16 index, quint8 subIndex, QByteArray* data)
+{
+    return bootLoaderObject(index) ? kNotInThisState : m_dictionary->upload(index, subIndex, data);
+}
+
+quint32 SimDrive::ApplicationAccess::checkDownload(quint16 index, quint8 subIndex, qint64 size)
+{
+    return bootLoaderObject(index) ? kNotInThisState
+                                   : m_dictionary->checkDownload(index, subIndex, size);
+}
+
+quint32 SimDrive::ApplicationAccess::download(quint16 index, quint8 subIndex,
+                                              const QByteArray& data)
+{
+    return bootLoaderObject(index) ? kNotInThisState
+                                   : m_dictionary->download(index, subIndex, data);
 }
 
 } // namespace qorcalib

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "bootloader.h"
 #include "dictionaryaccess.h"
 #include "lssslave.h"
+#include "bootcatch.h"
 #include "nmtslave.h"
 #include "objectdictionary.h"
 #include "sdoserver.h"
@@ -14,15 +16,27 @@ namespace qorcalib {
 
 // A simulated servo drive on a simulated segment: its object dictionary, its NMT slave and
 // heartbeat, its SDO server (answering while pre-operational or operational) and its LSS slave
-// (its LSS address is 0x1018 sub 1..4). When it gets power (or is reset) it spends a short while
-// in its boot loader before the application sends its boot-up message. A node-ID given by LSS
-// is taken at the next reset; one stored by LSS also at every power-up, as long as the server
-// runs.
+// (its LSS address is 0x1018 sub 1..4). A node-ID given by LSS is taken at the next reset; one
+// stored by LSS also at every power-up, as long as the server runs.
+//
+// When it gets power (or is reset) it starts in its boot loader, which listens for a boot catch
+// (bootcatch.h) for boot::kWindowMs before the application sends its boot-up message. A caught
+// boot loader stays, answers SDO with its own few objects (bootloader.h): it takes a firmware
+// image into 0x1F50 sub 1 and starts the application when "QorS" is written to 0x5EF0. The
+// application then reports the flashed firmware: "FW major.minor.build" in 0x100A and the
+// version in 0x1018 sub 3. The application itself refuses both objects with 08000022.
 class SimDrive : public QObject, public SimPort
 {
     Q_OBJECT
 public:
-    static constexpr int kBootLoaderWindowMs = 200;
+    static constexpr int kBootLoaderWindowMs = boot::kWindowMs;
+    enum class Mode
+    {
+        Off,
+        BootWindow, // the boot loader listens for a catch
+        BootHeld,   // caught: the boot loader waits for an image and the release
+        Application,
+    };
 
     SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint8 nodeId,
              int bitRateIndex, QObject* parent = nullptr);
@@ -34,6 +48,7 @@ public:
     quint8 nodeId() const { return m_nmt.nodeId(); }
     const LssSlave& lss() const { return m_lss; }
     NmtSlave::State nmtState() const { return m_nmt.state(); }
+    Mode mode() const { return m_mode; }
     const ObjectDictionary& dictionary() const { return m_dictionary; }
     ObjectDictionary& dictionary() { return m_dictionary; }
 
@@ -43,6 +58,22 @@ public:
     void transmitted(const BusFrame&, bool) override {}
 
 private:
+    // The application's SDO objects: the dictionary, less those only the boot loader has.
+    class ApplicationAccess : public SdoObjectAccess
+    {
+    public:
+        explicit ApplicationAccess(DictionaryAccess* dictionary) : m_dictionary(dictionary) {}
+        quint32 upload(quint16 index, quint8 subIndex, QByteArray* data) override;
+        quint32 checkDownload(quint16 index, quint8 subIndex, qint64 size) override;
+        quint32 download(quint16 index, quint8 subIndex, const QByteArray& data) override;
+
+    private:
+        DictionaryAccess* m_dictionary;
+    };
+
+    void startBootLoader();
+    void receiveInBootLoader(const CanFrame& frame, qint64 nowUs);
+    void takeFirmware(const FirmwareIdentity& identity);
     void boot();
     void applyHeartbeatPeriod();
     void takeNodeId(quint8 nodeId);
@@ -51,14 +82,18 @@ private:
     SimulatedSegment* m_segment;
     ObjectDictionary m_dictionary;
     DictionaryAccess m_access;
+    ApplicationAccess m_applicationAccess;
+    BootLoader m_bootLoader;
     NmtSlave m_nmt;
     SdoServer m_sdo;
+    SdoServer m_bootSdo;
     LssSlave m_lss;
     int m_bitRateIndex;
     // As switched on: the node-ID and bit rate of the data sheet, or those LSS stored.
     quint8 m_startNodeId;
     int m_startBitRate;
     bool m_powered = false;
+    Mode m_mode = Mode::Off;
     QTimer m_bootTimer;
     QTimer m_timer;
 };

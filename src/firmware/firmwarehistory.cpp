@@ -6,6 +6,27 @@
 
 namespace tessel {
 
+void FirmwareHistory::add(const QString& name, const QString& opts)
+{
+    while (options.size() < names.size())
+        options << QString();
+    const int p = find(name);
+    if (p >= 0) {
+        names.move(p, 0);
+        options.move(p, 0);
+    } else {
+        names.prepend(name);
+        options.prepend(QString());
+    }
+    options[0] = opts;
+}
+
+void FirmwareHistory::clear()
+{
+    names.clear();
+    options.clear();
+}
+
 void FirmwareHistory::load()
 {
     QSettings settings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),

@@ -15,6 +15,13 @@ public:
     QStringList names;
     QStringList options;
 
+    // Position of a name (compared exactly, case included), -1 when absent.
+    int find(const QString& name) const { return int(names.indexOf(name)); }
+    // After a successful upgrade: the name goes to the top with its options; a name already in
+    // the list moves there from its place, the others keep their order. No length limit.
+    void add(const QString& name, const QString& options);
+    void clear();
+
     void load();
     void save() const;
 };

@@ -34,6 +34,15 @@ QByteArray readServerSecret()
         settings.value(QStringLiteral("server/secret")).toByteArray().trimmed());
 }
 
+QString externalProgram(const QString& name)
+{
+    QSettings settings(QSettings::IniFormat, QSettings::UserScope, kCompany,
+                       userSettingsApplication());
+    const QString command =
+        settings.value(QStringLiteral("programs/") + name).toString().trimmed();
+    return command.isEmpty() ? name : command;
+}
+
 QString userSettingsOrganisation()
 {
     return kCompany;

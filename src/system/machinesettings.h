@@ -15,6 +15,11 @@ void writeRemoteServer(const QString& name);
 // when none is set.
 QByteArray readServerSecret();
 
+// The command that stands for an external program (postprocess.exe, fflash.exe, ...): the
+// per-user setting "programs/<name>" of "Qor.Tessel" when it names one (a wrapper script, say),
+// else the name itself, found on PATH.
+QString externalProgram(const QString& name);
+
 // Per-user settings "Qor.Tessel" (INI), group "filename".
 QString userSettingsOrganisation();
 QString userSettingsApplication();
