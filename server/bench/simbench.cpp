@@ -191,10 +191,29 @@ double SimBench::idealAnalog(int channel) const
     if (!powered)
         return 0.0;
     // The board's rails, in the fixture's channel order.
-    static constexpr double rails[kPcbChannels] = {
-        -1.0 /* vdcbus */, 15.0, 7.0,  5.0, 5.0,  3.3, 3.0,  3.3, 0.0, 3.3, 0.0, 2.5,
-        2.5,               5.0,  -5.0, -2.0 /* isupply */, 5.0, 4.6, -3.0, -3.0, -3.0, 5.0,
-        -1.0 /* vsupply */};
+    static constexpr double rails[kPcbChannels] = {-1.0 /* vdcbus */,
+                                                   15.0,
+                                                   7.0,
+                                                   5.0,
+                                                   5.0,
+                                                   3.3,
+                                                   3.0,
+                                                   3.3,
+                                                   0.0,
+                                                   3.3,
+                                                   0.0,
+                                                   2.5,
+                                                   2.5,
+                                                   5.0,
+                                                   -5.0,
+                                                   -2.0 /* isupply */,
+                                                   5.0,
+                                                   4.6,
+                                                   -3.0,
+                                                   -3.0,
+                                                   -3.0,
+                                                   5.0,
+                                                   -1.0 /* vsupply */};
     if (channel < 0 || channel >= kPcbChannels)
         return 0.0;
     const double rail = rails[channel];
@@ -228,8 +247,8 @@ bool SimBench::readInput(int channel, bool* state, QString* error) const
         *error = QStringLiteral("input %1 out of range (0..%2)").arg(channel).arg(kInputCount - 1);
         return false;
     }
-    *state = std::find(std::begin(kDoorInputs), std::end(kDoorInputs), channel) !=
-             std::end(kDoorInputs);
+    *state =
+        std::find(std::begin(kDoorInputs), std::end(kDoorInputs), channel) != std::end(kDoorInputs);
     return true;
 }
 

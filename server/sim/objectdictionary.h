@@ -9,7 +9,8 @@
 namespace qorcalib {
 
 // CANopen basic data types (CiA 301) the drive's dictionary uses.
-enum class OdType : quint16 {
+enum class OdType : quint16
+{
     Boolean = 0x0001,
     Integer8 = 0x0002,
     Integer16 = 0x0003,
@@ -29,7 +30,13 @@ enum class OdType : quint16 {
 int odTypeSize(quint16 dataType);
 bool odTypeIsSigned(quint16 dataType);
 
-enum class OdAccess { ReadOnly, WriteOnly, ReadWrite, Const };
+enum class OdAccess
+{
+    ReadOnly,
+    WriteOnly,
+    ReadWrite,
+    Const
+};
 
 struct OdEntry
 {

@@ -149,6 +149,7 @@ void SimDrive::takeNodeId(quint8 nodeId)
 {
     m_nmt.setNodeId(nodeId);
     m_sdo.setNodeId(nodeId == NmtSlave::kUnconfigured ? 0 : nodeId);
+    m_bootSdo.setNodeId(nodeId == NmtSlave::kUnconfigured ? 0 : nodeId);
 }
 
 void SimDrive::boot()

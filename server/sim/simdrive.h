@@ -1,9 +1,9 @@
 #pragma once
 
+#include "bootcatch.h"
 #include "bootloader.h"
 #include "dictionaryaccess.h"
 #include "lssslave.h"
-#include "bootcatch.h"
 #include "nmtslave.h"
 #include "objectdictionary.h"
 #include "sdoserver.h"

@@ -12,6 +12,7 @@
 #include "machinesettings.h"
 #include "sdopanel.h"
 #include "traceline.h"
+#include "upgradepanel.h"
 #include "waitcursor.h"
 #include "wheelguard.h"
 
@@ -77,6 +78,7 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     connect(&m_link, &CanLink::frameTransmitted, this, &FrmMain::onFrameTransmitted);
     connect(&m_link, &CanLink::progressChanged, this,
             [this](float percent) { prbStato->setValue(qRound(percent)); });
+    connect(&m_link, &CanLink::progressNotified, this, &FrmMain::onProgressNotified);
     connect(&m_link, &CanLink::longWaitStarted, this, &FrmMain::showAbortDialog);
     connect(&m_link, &CanLink::longWaitEnded, this, &FrmMain::hideAbortDialog);
     WheelGuard::install();
@@ -184,6 +186,8 @@ void FrmMain::buildWindow()
     };
     sdoPanel->monitorSwitchState = [this] { return !m_monitor || m_monitor->chTrace->isChecked(); };
 
+    buildUpgradePanel(central);
+
     auto* tools = new QHBoxLayout;
     cmdDiagno = new QPushButton(QStringLiteral("Can &Monitor"), central);
     cmdDiagno->setObjectName(QStringLiteral("cmdDiagno"));
@@ -206,6 +210,7 @@ void FrmMain::buildWindow()
     layout->addWidget(fraCtrl);
     layout->addWidget(fraNMT);
     layout->addWidget(sdoPanel);
+    layout->addWidget(upgradePanel);
     layout->addLayout(tools);
     layout->addStretch();
 
@@ -229,6 +234,46 @@ void FrmMain::buildWindow()
     setTabOrderByLayout();
 }
 
+void FrmMain::buildUpgradePanel(QWidget* parent)
+{
+    txtFWNode->setText(QStringLiteral("1"));
+    upgradePanel = new UpgradePanel(&m_link, &m_history, txtFWNode, txtAbort, parent);
+    upgradePanel->selectedController = [this] { return m_selected; };
+    upgradePanel->bitRateSelection = [this] { return cmbBaud[m_selected]->currentIndex(); };
+    upgradePanel->showBitRate = [this](int rate) {
+        cmbBaud[m_selected]->setProperty("tag", QStringLiteral("1"));
+        cmbBaud[m_selected]->setCurrentIndex(rate);
+        cmbBaud[m_selected]->setProperty("tag", QString());
+    };
+    upgradePanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
+    upgradePanel->monitorSwitchState = [this] {
+        return !m_monitor || m_monitor->chTrace->isChecked();
+    };
+    upgradePanel->beginBenchTransfer = [this] { beginBenchTransfer(); };
+}
+
+void FrmMain::beginBenchTransfer()
+{
+    // A bench is cycled only when this program works with the server of its own station; the
+    // bench of a server reached over the network is left to the people beside it.
+    if (m_link.isRemote())
+        return;
+    m_transferPending = true;
+    QString error;
+    if (!m_link.boardCommand(16, 0, &error))
+        txtAbort->setText(error);
+}
+
+void FrmMain::onProgressNotified(double fraction)
+{
+    if (!m_transferPending || CanLink::progressPercent(fraction) > 0.0f)
+        return;
+    m_transferPending = false;
+    QString error;
+    if (!m_link.boardCommand(17, 0, &error))
+        showMessage(error);
+}
+
 void FrmMain::setTabOrderByLayout()
 {
     // Row by row, as the window reads: the controller rows, NMT, the SDO panel, the tools.
@@ -237,8 +282,8 @@ void FrmMain::setTabOrderByLayout()
         order << chkCanEnable[i] << cmbBaud[i] << optSelCanCtrl[i];
     for (QPushButton* b : cmdNMT)
         order << b;
-    order << txtFWNode << cmdLSSGet << cmdLSSSet << sdoPanel->tabOrder() << cmdDiagno << cmdEDS
-          << cmdIO;
+    order << txtFWNode << cmdLSSGet << cmdLSSSet << sdoPanel->tabOrder() << upgradePanel->tabOrder()
+          << cmdDiagno << cmdEDS << cmdIO;
     for (qsizetype i = 1; i < order.size(); ++i)
         QWidget::setTabOrder(order[i - 1], order[i]);
 }
@@ -295,6 +340,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     m_link.monitorEchoOff = false;
 
     m_history.load();
+    upgradePanel->showHistory();
     m_link.setServerSecret(tessel::readServerSecret());
     if (!m_link.connectToServer(answer, error))
         return false;
@@ -619,8 +665,9 @@ void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)
 
 void FrmMain::onFramesReceived(int controller, const QByteArray& records, int count)
 {
+    // While the upgrade (or the vector read) is busy, its many answers stay out of the trace.
     if (controller < 0 || controller >= kRows || !chkCanEnable[controller]->isChecked() ||
-        !m_monitor)
+        !m_monitor || m_link.upgradeBusy)
         return;
     m_monitor->receiveRecords(controller, records, count);
 }

@@ -25,6 +25,7 @@ class FrmAbort;
 class FrmEDS;
 class FrmIO;
 class SdoPanel;
+class UpgradePanel;
 
 // The controller status text: "OR ", "TX ", "EW ", "BO " for bits 2, 1, 4, 8, in that order,
 // without the trailing blank.
@@ -78,6 +79,7 @@ public:
     QPushButton* cmdEDS = nullptr;
     QPushButton* cmdIO = nullptr;
     SdoPanel* sdoPanel = nullptr;
+    UpgradePanel* upgradePanel = nullptr;
     QTimer tmrStato;
 
     void chkCanEnable_Click(int index);
@@ -91,6 +93,9 @@ public:
     void cmdEDS_Click();
     void cmdIO_Click();
     FrmIO* objectSlider() const { return m_io; }
+    // Set by a boot catch that had the bench begin a firmware transfer; the end of the next
+    // transfer (its progress back at 0) ends the bench's transfer (command 17).
+    bool transferPending() const { return m_transferPending; }
     FrmEDS* edsBrowser() const { return m_eds; }
 
 protected:
@@ -105,6 +110,9 @@ private:
     void setMonitorSwitch(bool on);
     void hideAbortDialog();
     void onChangedConfig(int controller, bool enabled, int bitRateIndex);
+    void onProgressNotified(double fraction);
+    void beginBenchTransfer();
+    void buildUpgradePanel(QWidget* parent);
     void onFramesReceived(int controller, const QByteArray& records, int count);
     void onFrameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
     void onConnectionLost();
@@ -129,6 +137,7 @@ private:
     std::array<int, kRows> m_bitRate{};
     std::array<int, kRows> m_previousBitRate{};
     bool m_unloaded = false;
+    bool m_transferPending = false;
     CanLink::BenchInfo m_bench;
 };
 

@@ -83,6 +83,7 @@ bool CanLink::openSession(QString* error)
     connect(
         notify, &QCSNotifyReplica::ProgressNotify, this,
         [this](double fraction) {
+            emit progressNotified(fraction);
             // Progress belongs to the running transfer; a report that arrives after its end
             // would leave the bar full.
             if (m_waitLoop)
@@ -487,6 +488,37 @@ std::optional<CanLink::BenchInfo> CanLink::benchInfo(QString* error)
     if (!reply->error().isEmpty())
         return (*error = reply->error(), std::nullopt);
     return BenchInfo{reply->kind(), reply->type(), reply->third()};
+}
+
+CanLink::BootResult CanLink::stopOnBoot(int controller, int nodeId, int bitRateIndex)
+{
+    BootResult result;
+    const auto finished = runOperation(
+        [&]() { return m_connection->service()->StopOnBoot(controller, nodeId, bitRateIndex); },
+        kBootWatchdogMs, &result.error);
+    if (finished) {
+        result.error = finished->error();
+        result.version = quint32(finished->value());
+        result.nodeId = finished->data().isEmpty() ? 0 : quint8(finished->data()[0]);
+    }
+    return result;
+}
+
+std::optional<int> CanLink::boardCommand(int command, int argument, QString* error)
+{
+    if (!live(error))
+        return std::nullopt;
+    return valueOf(
+        m_connection->wait(m_connection->benchBoard()->BoardCommand(command, argument), error),
+        error, &IntReply::value);
+}
+
+std::optional<int> CanLink::bitRate(int controller, QString* error)
+{
+    if (!live(error))
+        return std::nullopt;
+    return valueOf(m_connection->wait(m_connection->bus()->GetBitRate(controller), error), error,
+                   &IntReply::value);
 }
 
 std::optional<bool> CanLink::shutdownRequested(QString* error)

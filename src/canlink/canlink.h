@@ -108,6 +108,21 @@ public:
     LssResult lssInquire(int controller);
     LssResult lssConfigure(int controller, int nodeId, int bitRateIndex);
 
+    // Boot catch on a controller at a bit-rate index: the boot loader's version (0: none
+    // answered within the server's catch time) and the caught node, or the error. The wait is
+    // the transfers' wait (see sdoTransfer), so the user can abort it.
+    struct BootResult
+    {
+        QString error;
+        quint32 version = 0;
+        int nodeId = 0;
+    };
+    static constexpr int kBootWatchdogMs = 610000;
+    BootResult stopOnBoot(int controller, int nodeId, int bitRateIndex);
+    // The bench board's numbered command; its status, or nullopt with the error.
+    std::optional<int> boardCommand(int command, int argument, QString* error);
+    std::optional<int> bitRate(int controller, QString* error);
+
     // Both the service's and the bus's setter, so that both sides use it.
     QString setSdoTimeout(int milliseconds);
     int sdoTimeoutMs() const { return m_sdoTimeoutMs; }
@@ -116,6 +131,9 @@ public:
     bool monitorEchoOff = false;
     // InhibitCtrlEvents: while set, the controller controls do not forward changes.
     bool inhibitCtrlEvents = false;
+    // The upgrade busy flag (the firmware upgrade and the vector read set it): while set, the
+    // main window does not pass received frames to the monitor's trace.
+    bool upgradeBusy = false;
 
     // ProgressNotify's rule: the fraction clamped to 0..1, as a percentage.
     static float progressPercent(double fraction);
@@ -123,6 +141,8 @@ public:
 signals:
     // The running transfer's progress; 0 again when it has ended.
     void progressChanged(float percent);
+    // Every ProgressNotify of the server, as it came (the transfer-pending rule acts on it).
+    void progressNotified(double fraction);
     // FilteredRxCan, records unpacked by the receiver (qorcalib::recordAt).
     void framesReceived(int controller, const QByteArray& records, int count);
     void configChanged(int controller, bool enabled, int bitRateIndex);

@@ -54,8 +54,7 @@ QString identityTipText(const ImageIdentity& identity, const QDateTime& changed)
     text += QLatin1Char('V') + versionText(identity.version);
     if (full)
         text += QStringLiteral(" / SF ") + hex(identity.softwareFingerprint, 8) +
-                QStringLiteral("h / HF ") + hex(identity.hardwareFingerprint, 8) +
-                QLatin1Char('h');
+                QStringLiteral("h / HF ") + hex(identity.hardwareFingerprint, 8) + QLatin1Char('h');
     text += QStringLiteral(" (") + changed.toString(QStringLiteral("dd/MM/yyyy HH:mm:ss")) +
             QLatin1Char(')');
     return text;

@@ -279,6 +279,7 @@ void SdoPanel::cmdGetVect_Click()
     if (monitorSwitch)
         monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
     txtVectGet->clear();
+    m_link->upgradeBusy = true;
     QString lines;
     address.subIndex = 0;
     QByteArray count;
@@ -295,6 +296,7 @@ void SdoPanel::cmdGetVect_Click()
             lines += QLatin1String("\r\n");
         }
     }
+    m_link->upgradeBusy = false;
     txtVectGet->setPlainText(QString(lines).replace(QLatin1String("\r\n"), QLatin1String("\n")));
     if (monitorSwitch)
         monitorSwitch(true);

@@ -1,0 +1,96 @@
+#pragma once
+
+#include "firmwarehistory.h"
+#include "firmwaretip.h"
+
+#include <QGroupBox>
+
+#include <array>
+#include <functional>
+
+class QComboBox;
+class QLineEdit;
+class QPushButton;
+
+namespace tessel {
+
+class CanLink;
+
+// The main window's firmware panel: the image file with its history, the post-processor
+// options, the program-download object, the upgrade, and the boot control (catch the drive in
+// its boot loader, release its application). The node is the main window's txtFWNode, shared
+// with LSS; results go to the shared txtAbort.
+class UpgradePanel : public QGroupBox
+{
+    Q_OBJECT
+public:
+    static inline const QString kFileFilter = QStringLiteral(
+        "All ZD/ZDx firmware files (*.S;*.sx;*.sre)|*.S;*.sx;*.sre|Motorola HEX files "
+        "(*.S)|*.S|Zdx hybrid files (*.sx)|*.sx|Panora HEX (*.sre)|*.sre|All Files (*.*)|*.*");
+    static inline const QString kReleaseKey = QStringLiteral("QorS");
+
+    UpgradePanel(CanLink* link, FirmwareHistory* history, QLineEdit* txtFWNode, QLineEdit* txtAbort,
+                 QWidget* parent = nullptr);
+
+    // What the main window provides.
+    std::function<int()> selectedController;
+    // The list position of the current controller's bit-rate list, and setting it without the
+    // list sending it back to the server.
+    std::function<int()> bitRateSelection;
+    std::function<void(int)> showBitRate;
+    // The monitor's traffic switch, as the SDO panel sets it.
+    std::function<void(bool)> monitorSwitch;
+    std::function<bool()> monitorSwitchState;
+    // Before a boot catch: the bench begins a firmware transfer (when the main window has it
+    // do so).
+    std::function<void()> beginBenchTransfer;
+    // The open dialog: title, filter in the program's form, initial name; "" when cancelled.
+    std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
+    // The post-processor (postProcess by default).
+    PostProcessor postProcessor;
+
+    QComboBox* cmbFileName = nullptr;
+    QPushButton* cmdFNApp = nullptr;
+    QPushButton* cmdUpgrClear = nullptr;
+    QLineEdit* txtPostProcOpt = nullptr;
+    QLineEdit* txtDWIndex = nullptr;
+    QLineEdit* txtDWSubIndex = nullptr;
+    QPushButton* cmdUpgrade = nullptr;
+    std::array<QPushButton*, 2> cmdStopOnBoot{};
+    QPushButton* cmdEnUpgrade = nullptr;
+    QLineEdit* txtFWNode;
+    QLineEdit* txtAbort;
+
+    // Fills the list from the history (after the main window loaded it).
+    void showHistory();
+    int FindFile(const QString& name) const { return m_history->find(name); }
+    void SelectFile(const QString& name);
+    void AddRecentFile(const QString& name, const QString& options);
+
+    void cmbFileName_Click(int index);
+    void cmbFileName_Validate();
+    void cmdFNApp_Click();
+    void cmdUpgrClear_Click();
+    void cmdUpgrade_Click();
+    void cmdStopOnBoot_Click(int index);
+    void cmdEnUpgrade_Click();
+    // The upgrade button's tool tip for the file and options now chosen (recomputed when either
+    // or the file changed since the last time).
+    void refreshUpgradeTip();
+    // The controls in the order the Tab key visits them.
+    QList<QWidget*> tabOrder() const;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
+private:
+    // Result of the upgrade's preparation: the bytes to send, or what txtAbort shows.
+    bool readImageToSend(QByteArray* image);
+    void reattach();
+
+    CanLink* m_link;
+    FirmwareHistory* m_history;
+    QString m_tipKey;
+};
+
+} // namespace tessel
