@@ -1,0 +1,424 @@
+// Reading firmware image files: the words at fixed addresses, the kind and identification, the
+// tool tip, and the post-processor call, on hand-made S-record files.
+#include "firmwaretip.h"
+#include "imagefile.h"
+#include "srecords.h"
+
+#include <QFile>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace tessel;
+using tessel::test::identificationBlock;
+using tessel::test::le32;
+using tessel::test::s3Record;
+
+Q_DECLARE_METATYPE(tessel::ImageKind)
+
+class TstImageFile : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void readImageWords_data();
+    void readImageWords();
+    void classify_data();
+    void classify();
+    void littleEndianValue_data();
+    void littleEndianValue();
+    void versionText_data();
+    void versionText();
+    void aLargeFileIsClassifiedWithoutHanging();
+    void unreadableFiles_data();
+    void unreadableFiles();
+    void postProcessOutputName_data();
+    void postProcessOutputName();
+    void postProcessCommandLine_data();
+    void postProcessCommandLine();
+    void postProcessRunsTheStandIn_data();
+    void postProcessRunsTheStandIn();
+    void aSettingNamesAnotherPostProcessor();
+    void upgradeTip_data();
+    void upgradeTip();
+
+private:
+    QString write(const QString& name, const QByteArray& content);
+    QTemporaryDir m_dir;
+};
+
+namespace {
+const QByteArray kBlock = identificationBlock(0x0012, 0x00020107, 0x0001A2B3, 0x00000004);
+const QByteArray kCode = s3Record(0x3000000, QByteArray(32, '\x5A'));
+} // namespace
+
+void TstImageFile::initTestCase()
+{
+    QVERIFY(m_dir.isValid());
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_dir.filePath("settings"));
+    qputenv("PATH", QByteArray(QORCALIB_DATA_DIR "/bin:") + qgetenv("PATH"));
+}
+
+QString TstImageFile::write(const QString& name, const QByteArray& content)
+{
+    const QString path = m_dir.filePath(name);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        return {};
+    return path;
+}
+
+void TstImageFile::readImageWords_data()
+{
+    QTest::addColumn<QByteArray>("image");
+    QTest::addColumn<quint32>("address");
+    QTest::addColumn<int>("words");
+    QTest::addColumn<QByteArray>("expected");
+
+    const QByteArray eight = "0102030405060708";
+    QTest::newRow("record at the address")
+        << s3Record(0x86, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray("01020304");
+    QTest::newRow("more words than the record has: what it has")
+        << s3Record(0x86, QByteArray::fromHex(eight)) << 0x86u << 10 << eight;
+    QTest::newRow("the next record begins after the address: not read")
+        << s3Record(0x86, QByteArray::fromHex("0102")) + s3Record(0x87, QByteArray::fromHex("0304"))
+        << 0x86u << 2 << QByteArray("0102");
+    // Deliberately from the record's first byte, not from the wanted word inside it.
+    QTest::newRow("address inside a record: from its first byte")
+        << s3Record(0x84, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray("01020304");
+    QTest::newRow("record after the address is skipped")
+        << s3Record(0x87, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray();
+    QTest::newRow("record ending before the address")
+        << s3Record(0x80, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray();
+    QTest::newRow("16-byte block, 10 words asked: 16 bytes")
+        << s3Record(0x8000000, kBlock.left(16)) << 0x8000000u << 10
+        << kBlock.left(16).toHex().toUpper();
+    QTest::newRow("lower-case digits")
+        << "S3" + s3Record(0x86, QByteArray::fromHex(eight)).mid(2).toLower() << 0x86u << 2
+        << QByteArray("01020304");
+    QTest::newRow("malformed byte count reads as 0: skipped")
+        << QByteArray("S3ZZ000000860102030405\r\n") << 0x86u << 2 << QByteArray();
+    QTest::newRow("malformed address reads as 0")
+        << QByteArray("S30900000G860102030405\r\n") << 0x86u << 2 << QByteArray();
+    QTest::newRow("byte count running past the line takes the next line")
+        << QByteArray("S3FF000000860102\r\nS7") << 0x86u << 2 << QByteArray("0102\r\nS7");
+    QTest::newRow("record cut short by the end of the file")
+        << QByteArray("S30D0000008601") << 0x86u << 2 << QByteArray("01");
+    QTest::newRow("records after STX are not looked at")
+        << QByteArray("S00300FC\r\n\x02") + s3Record(0x86, QByteArray::fromHex(eight)) << 0x86u << 2
+        << QByteArray();
+    QTest::newRow("data of a record before STX may run into it")
+        << QByteArray("S30D000000860102\x02") << 0x86u << 2 << QByteArray("0102\x02");
+    QTest::newRow("empty") << QByteArray() << 0x86u << 2 << QByteArray();
+    QTest::newRow("S3 at the very end") << QByteArray("xxS3") << 0x86u << 2 << QByteArray();
+}
+
+void TstImageFile::readImageWords()
+{
+    QFETCH(QByteArray, image);
+    QFETCH(quint32, address);
+    QFETCH(int, words);
+    QFETCH(QByteArray, expected);
+    QCOMPARE(tessel::readImageWords(image, address, words), expected);
+}
+
+void TstImageFile::classify_data()
+{
+    QTest::addColumn<QByteArray>("image");
+    QTest::addColumn<ImageKind>("kind");
+    QTest::addColumn<quint32>("app");
+    QTest::addColumn<quint32>("version");
+    QTest::addColumn<quint32>("sf");
+    QTest::addColumn<quint32>("hf");
+
+    const QByteArray block = s3Record(0x8000000, kBlock);
+    QTest::newRow("full block") << block << ImageKind::Identified << 0x12u << 0x00020107u
+                                << 0x0001A2B3u << 4u;
+    QTest::newRow("raw code wins over a block")
+        << block + kCode << ImageKind::Raw << 0u << 0u << 0u << 0u;
+    QTest::newRow("16-byte block: every field")
+        << s3Record(0x8000000, kBlock.left(16)) << ImageKind::Identified << 0x12u << 0x00020107u
+        << 0x0001A2B3u << 4u;
+    QTest::newRow("8-byte block: the fingerprints read 0")
+        << s3Record(0x8000000, kBlock.left(8)) << ImageKind::Identified << 0x12u << 0x00020107u
+        << 0u << 0u;
+    QTest::newRow("version word") << s3Record(0x100, QByteArray(32, 'x')) +
+                                         s3Record(0x86, le32(0x00020009))
+                                  << ImageKind::VersionOnly << 0u << 0x00020009u << 0u << 0u;
+    QTest::newRow("block before a version word")
+        << s3Record(0x86, le32(0x00020009)) + block << ImageKind::Identified << 0x12u << 0x00020107u
+        << 0x0001A2B3u << 4u;
+    QTest::newRow("hybrid: records before STX count")
+        << block + "\x02" + QByteArray(100, '\xFF') << ImageKind::Identified << 0x12u << 0x00020107u
+        << 0x0001A2B3u << 4u;
+    QTest::newRow("hybrid: records only after STX")
+        << QByteArray("\x02") + block + kCode << ImageKind::Unknown << 0u << 0u << 0u << 0u;
+    QTest::newRow("version word running past its line reads 0")
+        << QByteArray("S3FF000000860900\r\nS70500000000FA\r\n") << ImageKind::VersionOnly << 0u
+        << 0u << 0u << 0u;
+    QTest::newRow("no records") << QByteArray("hello\r\n") << ImageKind::Unknown << 0u << 0u << 0u
+                                << 0u;
+    QTest::newRow("empty") << QByteArray() << ImageKind::Unknown << 0u << 0u << 0u << 0u;
+    QByteArray garbage(4096, '\0');
+    for (int i = 0; i < garbage.size(); ++i)
+        garbage[i] = char((i * 131 + 7) % 256);
+    QTest::newRow("binary garbage") << garbage << ImageKind::Unknown << 0u << 0u << 0u << 0u;
+}
+
+void TstImageFile::classify()
+{
+    QFETCH(QByteArray, image);
+    QFETCH(ImageKind, kind);
+    QFETCH(quint32, app);
+    QFETCH(quint32, version);
+    QFETCH(quint32, sf);
+    QFETCH(quint32, hf);
+    const QString path = write(QStringLiteral("image.S"), image);
+    int error = 0;
+    const auto id = classifyImage(path, &error);
+    QVERIFY(id);
+    QCOMPARE(id->kind, kind);
+    QCOMPARE(quint32(id->app), app);
+    QCOMPARE(id->version, version);
+    QCOMPARE(id->softwareFingerprint, sf);
+    QCOMPARE(id->hardwareFingerprint, hf);
+}
+
+void TstImageFile::littleEndianValue_data()
+{
+    QTest::addColumn<QByteArray>("hex");
+    QTest::addColumn<int>("digits");
+    QTest::addColumn<quint32>("value");
+    QTest::newRow("32-bit") << QByteArray("78563412") << 8 << 0x12345678u;
+    QTest::newRow("16-bit") << QByteArray("3412") << 4 << 0x1234u;
+    QTest::newRow("only the first digits") << QByteArray("78563412") << 4 << 0x5678u;
+    QTest::newRow("all bits") << QByteArray("FFFFFFFF") << 8 << 0xFFFFFFFFu;
+    QTest::newRow("shorter text") << QByteArray("3412") << 8 << 0x1234u;
+    QTest::newRow("empty") << QByteArray() << 8 << 0u;
+    QTest::newRow("malformed") << QByteArray("12\r\n") << 4 << 0u;
+}
+
+void TstImageFile::littleEndianValue()
+{
+    QFETCH(QByteArray, hex);
+    QFETCH(int, digits);
+    QFETCH(quint32, value);
+    QCOMPARE(tessel::littleEndianValue(hex, digits), value);
+}
+
+void TstImageFile::versionText_data()
+{
+    QTest::addColumn<quint32>("value");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("1.2.3") << 0x00010203u << "1.2.3";
+    QTest::newRow("two-digit minor") << 0x00020A01u << "2.10.1";
+    QTest::newRow("zero") << 0u << "0.0.0";
+    QTest::newRow("all bits") << 0xFFFFFFFFu << "65535.255.255";
+}
+
+void TstImageFile::versionText()
+{
+    QFETCH(quint32, value);
+    QFETCH(QString, text);
+    QCOMPARE(tessel::versionText(value), text);
+}
+
+void TstImageFile::aLargeFileIsClassifiedWithoutHanging()
+{
+    // 50 MiB of record starts that hold nothing: every one is looked at and skipped.
+    QByteArray image;
+    image.reserve(50 * 1024 * 1024);
+    while (image.size() < 50 * 1024 * 1024)
+        image += "S3ZZ";
+    const QString path = write(QStringLiteral("large.S"), image);
+    QVERIFY(!path.isEmpty());
+    image.clear();
+    int error = 0;
+    const auto id = classifyImage(path, &error);
+    QVERIFY(id);
+    QCOMPARE(id->kind, ImageKind::Unknown);
+    QFile::remove(path);
+}
+
+void TstImageFile::unreadableFiles_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<int>("error");
+    QTest::newRow("missing") << m_dir.filePath("missing.S") << int(FileNotFound);
+    QTest::newRow("empty name") << QString() << int(FileNotFound);
+    QTest::newRow("a folder") << m_dir.path() << int(FileNotReadable);
+}
+
+void TstImageFile::unreadableFiles()
+{
+    QFETCH(QString, path);
+    QFETCH(int, error);
+    int found = 0;
+    QVERIFY(!classifyImage(path, &found));
+    QCOMPARE(found, error);
+}
+
+void TstImageFile::postProcessOutputName_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QString>("output");
+    QTest::newRow(".S") << "/fw/app.S"
+                        << "/fw/app.sx";
+    QTest::newRow(".s") << "/fw/app.s"
+                        << "/fw/app.sx";
+    QTest::newRow(".sre") << "/fw/app.sre"
+                          << "/fw/app.sx";
+    QTest::newRow("the last .s") << "/fw.s/app.S"
+                                 << "/fw.s/app.sx";
+    QTest::newRow("no .s") << "/fw/image.bin" << QString();
+}
+
+void TstImageFile::postProcessOutputName()
+{
+    QFETCH(QString, file);
+    QFETCH(QString, output);
+    QCOMPARE(postProcessOutput(file).value_or(QString()), output);
+}
+
+void TstImageFile::postProcessCommandLine_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<QString>("line");
+    QTest::newRow("options") << "/fw/app.S"
+                             << "-x"
+                             << "postprocess.exe /fw/app.S /fw/app.sx -x";
+    QTest::newRow("no options: the blank stays") << "/fw/app.S"
+                                                 << ""
+                                                 << "postprocess.exe /fw/app.S /fw/app.sx ";
+    QTest::newRow("options as they stand") << "/fw/app.S"
+                                           << "-a  'b c'"
+                                           << "postprocess.exe /fw/app.S /fw/app.sx -a  'b c'";
+    QTest::newRow("a blank in the name is quoted")
+        << "/my fw/app.S"
+        << ""
+        << "postprocess.exe '/my fw/app.S' '/my fw/app.sx' ";
+    QTest::newRow("a quote in the name") << "/fw/it's.S"
+                                         << ""
+                                         << "postprocess.exe '/fw/it'\\''s.S' '/fw/it'\\''s.sx' ";
+}
+
+void TstImageFile::postProcessCommandLine()
+{
+    QFETCH(QString, file);
+    QFETCH(QString, options);
+    QFETCH(QString, line);
+    QCOMPARE(postProcessCommand(QStringLiteral("postprocess.exe"), file,
+                                postProcessOutput(file).value(), options),
+             line);
+}
+
+void TstImageFile::postProcessRunsTheStandIn_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<bool>("succeeds");
+    QTest::newRow("plain") << "raw.S"
+                           << "" << true;
+    QTest::newRow("-x") << "raw.s"
+                        << "-x" << true;
+    QTest::newRow("a blank in the name") << "my raw.S"
+                                         << "-x" << true;
+    QTest::newRow("non-zero exit") << "raw.S"
+                                   << "--fail" << false;
+    QTest::newRow("refused option") << "raw.S"
+                                    << "-q" << false;
+    QTest::newRow("no .s: never run") << "raw.bin"
+                                      << "" << false;
+}
+
+void TstImageFile::postProcessRunsTheStandIn()
+{
+    QFETCH(QString, name);
+    QFETCH(QString, options);
+    QFETCH(bool, succeeds);
+    const QString path = write(name, s3Record(0x8000000, kBlock) + kCode);
+    QString output;
+    const QString expected = postProcessOutput(path).value_or(QString());
+    if (!expected.isEmpty())
+        QFile::remove(expected);
+    QCOMPARE(postProcess(path, options, &output), succeeds);
+    if (!succeeds) {
+        QVERIFY(expected.isEmpty() || !QFile::exists(expected));
+        return;
+    }
+    QCOMPARE(output, expected);
+    int error = 0;
+    const auto id = classifyImage(output, &error);
+    QVERIFY(id);
+    QCOMPARE(id->kind, ImageKind::Identified);
+    QCOMPARE(id->version, 0x00020107u);
+}
+
+void TstImageFile::aSettingNamesAnotherPostProcessor()
+{
+    // No raw code: the stand-in refuses it, so only another program can succeed.
+    const QString path = write(QStringLiteral("other.S"), s3Record(0x8000000, kBlock));
+    QString output;
+    {
+        QSettings settings(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Qor"),
+                           QStringLiteral("Qor.Tessel"));
+        settings.setValue(QStringLiteral("programs/postprocess.exe"),
+                          QStringLiteral("sh -c 'exit 0'"));
+    }
+    QVERIFY(postProcess(path, QString(), &output));
+    {
+        QSettings settings(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Qor"),
+                           QStringLiteral("Qor.Tessel"));
+        settings.remove(QStringLiteral("programs"));
+    }
+    QVERIFY(!postProcess(path, QString(), &output));
+}
+
+void TstImageFile::upgradeTip_data()
+{
+    QTest::addColumn<QByteArray>("image");
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<QString>("tip");
+    const QString when = QStringLiteral(" (15/11/2026 14:03:59)");
+    QTest::newRow("full identification")
+        << s3Record(0x8000000, kBlock) << ""
+        << "App 0012h / V2.1.7 / SF 0001A2B3h / HF 00000004h" + when;
+    QTest::newRow("version word") << s3Record(0x86, le32(0x00020A01)) << ""
+                                  << "V2.10.1" + when;
+    QTest::newRow("unknown kind") << QByteArray("nothing") << ""
+                                  << "V0.0.0" + when;
+    QTest::newRow("raw: the post-processed output")
+        << s3Record(0x8000000, identificationBlock(0xBEEF, 0x00030201, 0xDEADBEEF, 0x10)) + kCode
+        << "-x"
+        << "App BEEFh / V3.2.1 / SF DEADBEEFh / HF 00000010h" + when;
+    QTest::newRow("raw: post-processor fails") << s3Record(0x8000000, kBlock) + kCode << "--fail"
+                                               << "Error: 5/2";
+    QTest::newRow("raw: output without a block") << kCode << ""
+                                                 << "Error: 13/3";
+}
+
+void TstImageFile::upgradeTip()
+{
+    QFETCH(QByteArray, image);
+    QFETCH(QString, options);
+    QFETCH(QString, tip);
+    const QString path = write(QStringLiteral("tip.S"), image);
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    QVERIFY(file.setFileTime(QDateTime(QDate(2026, 11, 15), QTime(14, 3, 59)),
+                             QFileDevice::FileModificationTime));
+    file.close();
+    const PostProcessor run = [](const QString& f, const QString& o, QString* out) {
+        return postProcess(f, o, out);
+    };
+    const UpgradeTip result = tessel::upgradeTip(path, options, run);
+    QCOMPARE(result.text, tip);
+    QCOMPARE(result.explanation.isEmpty(), !tip.startsWith(QLatin1String("Error")));
+    QCOMPARE(tessel::upgradeTip(m_dir.filePath("gone.S"), options, run).text,
+             QString("Error: 53/1"));
+    QCOMPARE(tessel::upgradeTip(m_dir.path(), options, run).text, QString("Error: 75/1"));
+}
+
+QTEST_GUILESS_MAIN(TstImageFile)
+#include "tst_imagefile.moc"
