@@ -1,0 +1,145 @@
+// The boot catch, against frames written out by hand: the catcher's requests and how it takes
+// (or ignores) answers, and which requests a boot loader must take.
+#include "bootcatch.h"
+#include "frametext.h"
+
+#include <QTest>
+
+using namespace qorcalib;
+using qorcalib::test::fromHex;
+using qorcalib::test::hexOf;
+
+class TstBootCatch : public QObject
+{
+    Q_OBJECT
+private slots:
+    void repeatsItsRequestUntilTheTimeIsUp();
+    void answers_data();
+    void answers();
+    void isRequestFor_data();
+    void isRequestFor();
+    void cancelledCatchReportsNothing();
+};
+
+namespace {
+struct Rig
+{
+    QStringList sent;
+    QList<BootCatcher::Result> results;
+    BootCatcher catcher{[this](const CanFrame& f) { sent << hexOf(f); }};
+    Rig()
+    {
+        catcher.done = [this](const BootCatcher::Result& r) { results << r; };
+    }
+};
+constexpr qint64 kMs = 1000;
+} // namespace
+
+void TstBootCatch::repeatsItsRequestUntilTheTimeIsUp()
+{
+    Rig rig;
+    rig.catcher.start(5, 35, 0);
+    QCOMPARE(rig.sent, QStringList{"6a0:b0 05"});
+    QCOMPARE(rig.catcher.nextDeadlineUs(), 10 * kMs);
+    rig.catcher.onTimer(9 * kMs); // early: nothing
+    QCOMPARE(rig.sent.size(), 1);
+    for (const qint64 t : {10, 20, 30})
+        rig.catcher.onTimer(t * kMs);
+    QCOMPARE(rig.sent.size(), 4);
+    // The last wait is cut to the end of the catch.
+    QCOMPARE(rig.catcher.nextDeadlineUs(), 35 * kMs);
+    rig.catcher.onTimer(35 * kMs);
+    QCOMPARE(rig.sent.size(), 4);
+    QCOMPARE(rig.results.size(), 1);
+    QVERIFY(!rig.results[0].caught);
+    QCOMPARE(rig.results[0].version, 0u);
+    QVERIFY(!rig.catcher.isBusy());
+    QCOMPARE(rig.catcher.nextDeadlineUs(), -1);
+}
+
+void TstBootCatch::answers_data()
+{
+    QTest::addColumn<int>("node");
+    QTest::addColumn<quint16>("id");
+    QTest::addColumn<QByteArray>("data");
+    QTest::addColumn<bool>("caught");
+    QTest::addColumn<int>("caughtNode");
+    QTest::addColumn<quint32>("version");
+
+    QTest::newRow("any node") << 0 << quint16(0x6A1) << QByteArray("0703020100") << true << 7
+                              << 0x00010203u;
+    QTest::newRow("the named node")
+        << 5 << quint16(0x6A1) << QByteArray("05010a0200") << true << 5 << 0x00020A01u;
+    QTest::newRow("another node than the named one")
+        << 5 << quint16(0x6A1) << QByteArray("0603020100") << false << 0 << 0u;
+    QTest::newRow("too short") << 0 << quint16(0x6A1) << QByteArray("07030201") << false << 0 << 0u;
+    QTest::newRow("longer is fine")
+        << 0 << quint16(0x6A1) << QByteArray("0704030201ffff") << true << 7 << 0x01020304u;
+    QTest::newRow("not the answer's COB-ID")
+        << 0 << quint16(0x6A0) << QByteArray("0703020100") << false << 0 << 0u;
+    QTest::newRow("version 0 is still an answer")
+        << 0 << quint16(0x6A1) << QByteArray("0100000000") << true << 1 << 0u;
+}
+
+void TstBootCatch::answers()
+{
+    QFETCH(int, node);
+    QFETCH(quint16, id);
+    QFETCH(QByteArray, data);
+    QFETCH(bool, caught);
+    QFETCH(int, caughtNode);
+    QFETCH(quint32, version);
+    Rig rig;
+    rig.catcher.start(quint8(node), 5000, 0);
+    QCOMPARE(rig.catcher.onFrame(fromHex(id, data.constData()), 3 * kMs), caught);
+    QCOMPARE(rig.results.size(), caught ? 1 : 0);
+    QCOMPARE(rig.catcher.isBusy(), !caught);
+    if (!caught)
+        return;
+    QVERIFY(rig.results[0].caught);
+    QCOMPARE(int(rig.results[0].node), caughtNode);
+    QCOMPARE(rig.results[0].version, version);
+    // Once caught, no more requests and no second report.
+    rig.catcher.onTimer(100 * kMs);
+    QCOMPARE(rig.sent.size(), 1);
+    QVERIFY(!rig.catcher.onFrame(fromHex(id, data.constData()), 4 * kMs));
+    QCOMPARE(rig.results.size(), 1);
+}
+
+void TstBootCatch::isRequestFor_data()
+{
+    QTest::addColumn<quint16>("id");
+    QTest::addColumn<QByteArray>("data");
+    QTest::addColumn<int>("node");
+    QTest::addColumn<bool>("taken");
+    QTest::newRow("any node") << quint16(0x6A0) << QByteArray("b000") << 1 << true;
+    QTest::newRow("its node") << quint16(0x6A0) << QByteArray("b001") << 1 << true;
+    QTest::newRow("another node") << quint16(0x6A0) << QByteArray("b002") << 1 << false;
+    QTest::newRow("wrong code") << quint16(0x6A0) << QByteArray("b100") << 1 << false;
+    QTest::newRow("wrong length") << quint16(0x6A0) << QByteArray("b00000") << 1 << false;
+    QTest::newRow("wrong COB-ID") << quint16(0x6A1) << QByteArray("b000") << 1 << false;
+}
+
+void TstBootCatch::isRequestFor()
+{
+    QFETCH(quint16, id);
+    QFETCH(QByteArray, data);
+    QFETCH(int, node);
+    QFETCH(bool, taken);
+    QCOMPARE(boot::isRequestFor(fromHex(id, data.constData()), quint8(node)), taken);
+}
+
+void TstBootCatch::cancelledCatchReportsNothing()
+{
+    Rig rig;
+    rig.catcher.start(0, 100, 0);
+    rig.catcher.cancel();
+    QCOMPARE(rig.catcher.nextDeadlineUs(), -1);
+    QVERIFY(!rig.catcher.onFrame(fromHex(0x6A1, "0103020100"), kMs));
+    rig.catcher.onTimer(200 * kMs);
+    QVERIFY(rig.results.isEmpty());
+    QCOMPARE(rig.sent.size(), 1);
+}
+
+QTEST_GUILESS_MAIN(TstBootCatch)
+#include "tst_bootcatch.moc"
