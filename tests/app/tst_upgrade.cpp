@@ -1,0 +1,371 @@
+// The firmware panel end to end, against the real server and its simulated drive: the boot
+// catch, the upgrade with its progress, the release and the new version read back; a raw image
+// post-processed by the stand-in first; every failure of the upgrade; the tool tip; the file
+// history.
+#include "canlink.h"
+#include "frmmain.h"
+#include "sdopanel.h"
+#include "srecords.h"
+#include "tesselharness.h"
+#include "upgradepanel.h"
+
+#include <QComboBox>
+#include <QDir>
+#include <QFile>
+#include <QHelpEvent>
+#include <QLineEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTest>
+
+using namespace tessel;
+using tessel::test::Tessel;
+
+class TstUpgrade : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void init();
+    void catchUpgradeReleaseAndReadBack();
+    void rawImageIsPostProcessedFirst();
+    void failures_data();
+    void failures();
+    void serverGoesAwayDuringTheDownload();
+    void stopOnBootWithNothingBooting();
+    void toolTip();
+    void history();
+
+private:
+    QString sample(const char* name) const
+    {
+        return QStringLiteral(QORCALIB_DATA_DIR "/firmware/") + QLatin1String(name);
+    }
+    QString copyToTemp(const char* name)
+    {
+        const QString path = m_files.filePath(QLatin1String(name));
+        QFile::remove(path);
+        return QFile::copy(sample(name), path) ? path : QString();
+    }
+    static QString read(Tessel& t, const QString& address)
+    {
+        t.window.sdoPanel->cmbIndex->setCurrentText(address);
+        t.window.sdoPanel->cmdUpload_Click();
+        return t.window.txtAbort->text().isEmpty() ? t.window.sdoPanel->txtDataText->text()
+                                                   : t.window.txtAbort->text();
+    }
+
+    tessel::test::WindowTestBench m_bench;
+    QTemporaryDir m_files;
+};
+
+void TstUpgrade::initTestCase()
+{
+    m_bench.useOwnSettings();
+    qputenv("PATH", QByteArray(QORCALIB_DATA_DIR "/bin:") + qgetenv("PATH"));
+}
+
+void TstUpgrade::init()
+{
+    QSettings(QSettings::IniFormat, QSettings::UserScope, "Qor", "Qor.Tessel").clear();
+}
+
+void TstUpgrade::catchUpgradeReleaseAndReadBack()
+{
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
+    UpgradePanel* p = t.window.upgradePanel;
+    QCOMPARE(read(t, "1,100A,0"), QString("FW 3.4.12"));
+
+    p->cmbFileName->setEditText(sample("drive-2.1.7.sx"));
+    t.window.txtFWNode->setText("1");
+    QTest::mouseClick(p->cmdStopOnBoot[0], Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
+    QVERIFY(t.window.transferPending());
+
+    QList<int> progress;
+    connect(t.window.prbStato, &QProgressBar::valueChanged, this,
+            [&progress](int v) { progress << v; });
+    const qsizetype traceBefore = t.trace().size();
+    QTest::mouseClick(p->cmdUpgrade, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QVERIFY(std::any_of(progress.begin(), progress.end(), [](int v) { return v > 0 && v < 100; }));
+    QCOMPARE(t.window.prbStato->value(), 0);
+    // The end of the transfer ended the bench's transfer begun by the catch.
+    QVERIFY(!t.window.transferPending());
+    QString error;
+    QCOMPARE(t.window.link()->boardCommand(17, 0, &error), std::optional<int>(0));
+    QVERIFY(!t.window.link()->upgradeBusy);
+    QCOMPARE(p->cmbFileName->itemText(0), sample("drive-2.1.7.sx"));
+    // The image's segments stayed out of the trace.
+    QVERIFY(t.trace().mid(traceBefore).count(QLatin1String("581")) < 5);
+
+    QTest::mouseClick(p->cmdEnUpgrade, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QTest::qWait(100); // the application boots
+    QCOMPARE(read(t, "1,100A,0"), QString("FW 2.1.7"));
+    t.window.sdoPanel->cmbIndex->setCurrentText("1,1018,3");
+    t.window.sdoPanel->cmdUpload_Click();
+    QCOMPARE(t.window.sdoPanel->txtDataHex->text(), QString("07010200"));
+    // The monitor traces again after the upgrade.
+    const qsizetype after = t.trace().size();
+    t.window.cmdNMT[0]->click();
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().mid(after).contains("R0 701 1"), 5000);
+}
+
+void TstUpgrade::rawImageIsPostProcessedFirst()
+{
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    UpgradePanel* p = t.window.upgradePanel;
+    const QString raw = copyToTemp("raw-2.2.0.S");
+    QVERIFY(!raw.isEmpty());
+    p->cmbFileName->setEditText(raw);
+    p->txtPostProcOpt->setText("-x");
+    p->cmdStopOnBoot_Click(0);
+    QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
+    p->cmdUpgrade_Click();
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    QVERIFY(QFile::exists(m_files.filePath("raw-2.2.0.sx")));
+    p->cmdEnUpgrade_Click();
+    QTest::qWait(100);
+    QCOMPARE(read(t, "1,100A,0"), QString("FW 2.2.0"));
+    // The history keeps the raw file with its options.
+    QCOMPARE(p->cmbFileName->itemText(0), raw);
+    p->txtPostProcOpt->clear();
+    p->cmbFileName_Click(0);
+    QCOMPARE(p->txtPostProcOpt->text(), QString("-x"));
+}
+
+void TstUpgrade::failures_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<QString>("postProcessor");
+    QTest::addColumn<bool>("catchFirst");
+    QTest::addColumn<QString>("result");
+    QTest::addColumn<bool>("sent");
+
+    QTest::newRow("post-processor exits non-zero") << "raw-2.2.0.S"
+                                                   << "--fail"
+                                                   << "" << true << "PostProc err" << false;
+    QTest::newRow("post-processor missing")
+        << "raw-2.2.0.S"
+        << ""
+        << "/nonexistent/postprocess" << true << "PostProc err" << false;
+    QTest::newRow("image missing") << "missing.sx"
+                                   << ""
+                                   << "" << true << "File - err" << false;
+    QTest::newRow("image is a folder") << "."
+                                       << ""
+                                       << "" << true << "File - err" << false;
+    QTest::newRow("drive not in its boot loader") << "drive-2.1.7.sx"
+                                                  << ""
+                                                  << "" << false << "08000022" << true;
+    QTest::newRow("kind 0 is sent as it is, and refused by the drive")
+        << "garbage.S"
+        << ""
+        << "" << true << "08000020" << true;
+}
+
+void TstUpgrade::failures()
+{
+    QFETCH(QString, file);
+    QFETCH(QString, options);
+    QFETCH(QString, postProcessor);
+    QFETCH(bool, catchFirst);
+    QFETCH(QString, result);
+    QFETCH(bool, sent);
+    {
+        QFile garbage(m_files.filePath("garbage.S"));
+        QVERIFY(garbage.open(QIODevice::WriteOnly));
+        garbage.write(QByteArray(2000, '\x5A'));
+    }
+    copyToTemp("raw-2.2.0.S");
+    copyToTemp("drive-2.1.7.sx");
+    QFile::remove(m_files.filePath("raw-2.2.0.sx"));
+    if (!postProcessor.isEmpty())
+        QSettings(QSettings::IniFormat, QSettings::UserScope, "Qor", "Qor.Tessel")
+            .setValue("programs/postprocess.exe", postProcessor);
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    UpgradePanel* p = t.window.upgradePanel;
+    if (catchFirst) {
+        p->cmdStopOnBoot_Click(0);
+        QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
+    } else {
+        QTest::qWait(300); // the drive's application runs
+    }
+    const QString path = file == "." ? m_files.path() : m_files.filePath(file);
+    p->cmbFileName->setEditText(path);
+    p->txtPostProcOpt->setText(options);
+    p->cmdUpgrade_Click();
+    QCOMPARE(t.window.txtAbort->text(), result);
+    // An abort counts as done: the history has the file and the busy flag is down.
+    QVERIFY(!t.window.link()->upgradeBusy);
+    QCOMPARE(p->cmbFileName->count(), sent ? 1 : 0);
+    if (sent)
+        QCOMPARE(p->cmbFileName->itemText(0), path);
+    QCOMPARE(QFile::exists(m_files.filePath("raw-2.2.0.sx")), false);
+    // Nothing was flashed: released, the drive runs what it ran.
+    if (catchFirst) {
+        p->cmdEnUpgrade_Click();
+        QCOMPARE(t.window.txtAbort->text(), QString());
+        QTest::qWait(100);
+    }
+    QCOMPARE(read(t, "1,100A,0"), QString("FW 3.4.12"));
+}
+
+void TstUpgrade::serverGoesAwayDuringTheDownload()
+{
+    // A paced bus, so that the download takes long enough to be cut.
+    m_bench.server = std::make_unique<qorcalib::test::ServerProcess>();
+    QVERIFY(m_bench.server->start());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    UpgradePanel* p = t.window.upgradePanel;
+    QByteArray image = tessel::test::s3Record(
+        0x8000000, tessel::test::identificationBlock(0x12, 0x00090000, 1, 2));
+    image += '\x02';
+    image += QByteArray(256 * 1024, '\x11');
+    const QString path = m_files.filePath("big.sx");
+    {
+        QFile f(path);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write(image);
+    }
+    p->cmdStopOnBoot_Click(0);
+    QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
+    p->cmbFileName->setEditText(path);
+    QTimer::singleShot(500, this, [this] { m_bench.server->kill(); });
+    p->cmdUpgrade_Click();
+    QCOMPARE(t.window.txtAbort->text(), QStringLiteral("CAN server not reachable"));
+    // The busy flag stays set and the history is not updated.
+    QVERIFY(t.window.link()->upgradeBusy);
+    QCOMPARE(p->cmbFileName->count(), 0);
+    // With a server back, Tessel works on.
+    QVERIFY(m_bench.server->start({QStringLiteral("--unpaced")}));
+    QTest::qWait(400);
+    QCOMPARE(read(t, "1,100A,0"), QString("FW 3.4.12"));
+    p->cmdStopOnBoot_Click(0);
+    QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
+}
+
+void TstUpgrade::stopOnBootWithNothingBooting()
+{
+    m_bench.server = std::make_unique<qorcalib::test::ServerProcess>();
+    QVERIFY(m_bench.server->start({"--unpaced", "--boot-catch-ms", "300"}));
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    UpgradePanel* p = t.window.upgradePanel;
+    // "Stop on Boot" catches whichever node boots, whatever N-Id says.
+    t.window.txtFWNode->setText("5");
+    p->cmdStopOnBoot_Click(0);
+    QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
+    // "Stop Coll" asks for node 5, which is not there.
+    p->cmdStopOnBoot_Click(1);
+    QCOMPARE(t.window.txtAbort->text(), QString("(none)"));
+    // Main supply off: nothing boots. The catch runs at the rate the list shows (500K, not yet
+    // sent to the server); afterwards the list shows what the controller runs at.
+    QString error;
+    QVERIFY(t.window.link()->boardCommand(11, 0, &error));
+    t.window.cmbBaud[0]->setProperty("tag", "1");
+    t.window.cmbBaud[0]->setCurrentIndex(2);
+    t.window.cmbBaud[0]->setProperty("tag", QString());
+    p->cmdStopOnBoot_Click(0);
+    QCOMPARE(t.window.txtAbort->text(), QString("(none)"));
+    QCOMPARE(t.window.link()->bitRate(0, &error), std::optional<int>(2));
+    QCOMPARE(t.window.cmbBaud[0]->currentIndex(), 2);
+}
+
+void TstUpgrade::toolTip()
+{
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    UpgradePanel* p = t.window.upgradePanel;
+    const auto hover = [p] {
+        QHelpEvent event(QEvent::ToolTip, QPoint(2, 2), p->cmdUpgrade->mapToGlobal(QPoint(2, 2)));
+        QApplication::sendEvent(p->cmdUpgrade, &event);
+        return p->cmdUpgrade->toolTip();
+    };
+    p->cmbFileName->setEditText(sample("drive-2.1.7.sx"));
+    QVERIFY2(hover().startsWith("App 0012h / V2.1.7 / SF 0001A2B3h / HF 00000004h ("),
+             qPrintable(p->cmdUpgrade->toolTip()));
+    p->cmbFileName->setEditText(sample("drive-2.0.9.S"));
+    QVERIFY(hover().startsWith("V2.0.9 ("));
+    p->cmbFileName->setEditText(m_files.filePath("gone.S"));
+    QCOMPARE(hover(), QString("Error: 53/1"));
+    QVERIFY(p->cmdUpgrade->statusTip().contains("not found"));
+    // Once the file is there, the tip follows.
+    QVERIFY(QFile::copy(sample("drive-2.0.9.S"), m_files.filePath("gone.S")));
+    QVERIFY(hover().startsWith("V2.0.9 ("));
+    QVERIFY(p->cmdUpgrade->statusTip().isEmpty());
+    const QString raw = copyToTemp("raw-2.2.0.S");
+    p->cmbFileName->setEditText(raw);
+    p->txtPostProcOpt->setText("--fail");
+    QCOMPARE(hover(), QString("Error: 5/2"));
+    p->txtPostProcOpt->setText("-x");
+    QVERIFY(hover().startsWith("App 0012h / V2.2.0 / SF 0001C4D5h / HF 00000004h ("));
+}
+
+void TstUpgrade::history()
+{
+    QVERIFY(m_bench.startServer());
+    QStringList names;
+    {
+        Tessel t(m_bench.server->socketPath());
+        QVERIFY(t.load());
+        UpgradePanel* p = t.window.upgradePanel;
+        p->AddRecentFile("/fw/c.S", "-c");
+        p->AddRecentFile("/fw/b.S", "-b");
+        p->AddRecentFile("/fw/a.S", "-a");
+        // Picking an item brings its options; a typed name that is in the list selects it.
+        p->cmbFileName->setCurrentIndex(2);
+        QCOMPARE(p->txtPostProcOpt->text(), QString("-c"));
+        p->cmbFileName->setEditText("/fw/b.S");
+        p->cmbFileName_Validate();
+        QCOMPARE(p->cmbFileName->currentIndex(), 1);
+        QCOMPARE(p->txtPostProcOpt->text(), QString("-b"));
+        p->cmbFileName->setEditText("/fw/B.S"); // names compare exactly
+        p->cmbFileName_Validate();
+        QCOMPARE(p->txtPostProcOpt->text(), QString("-b"));
+        // A cancelled dialog leaves the box; a chosen file is selected.
+        p->chooseOpenFile = [](const QString& title, const QString&, const QString&) {
+            return title == "Apri hex file" ? QString() : QString("wrong");
+        };
+        p->cmdFNApp_Click();
+        QCOMPARE(p->cmbFileName->currentText(), QString("/fw/B.S"));
+        p->chooseOpenFile = [](const QString&, const QString& filter, const QString&) {
+            return filter == UpgradePanel::kFileFilter ? QString("/fw/c.S") : QString();
+        };
+        p->cmdFNApp_Click();
+        QCOMPARE(p->cmbFileName->currentText(), QString("/fw/c.S"));
+        QCOMPARE(p->txtPostProcOpt->text(), QString("-c"));
+        // Upgrading with the third moves it to the top (as a successful upgrade does).
+        p->AddRecentFile("/fw/c.S", "-c2");
+        for (int i = 0; i < p->cmbFileName->count(); ++i)
+            names << p->cmbFileName->itemText(i);
+        QCOMPARE(names, QStringList({"/fw/c.S", "/fw/a.S", "/fw/b.S"}));
+        t.window.formUnload();
+    }
+    {
+        Tessel t(m_bench.server->socketPath());
+        QVERIFY(t.load());
+        UpgradePanel* p = t.window.upgradePanel;
+        QCOMPARE(p->cmbFileName->count(), 3);
+        QCOMPARE(p->cmbFileName->itemText(0), names[0]);
+        p->cmbFileName->setCurrentIndex(0);
+        QCOMPARE(p->txtPostProcOpt->text(), QString("-c2"));
+        p->cmdUpgrClear_Click();
+        QCOMPARE(p->cmbFileName->count(), 0);
+        QCOMPARE(p->txtPostProcOpt->text(), QString());
+    }
+}
+
+QTEST_MAIN(TstUpgrade)
+#include "tst_upgrade.moc"
