@@ -6,12 +6,13 @@
 //   bench_sdo [kibibytes]     (default 256)
 
 #include "bittiming.h"
+#include "sdobustime.h"
+#include "sdoclient.h"
+#include "sdoserver.h"
 #include "serverconnection.h"
 #include "servercore.h"
 #include "serverhost.h"
 #include "simdrive.h"
-#include "sdoclient.h"
-#include "sdoserver.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -29,39 +30,6 @@ using namespace qorcalib;
 
 namespace {
 
-// The frames a transfer needs, from the engines themselves talking to each other.
-double busTimeUs(bool upload, bool block, const QByteArray& data, int bitsPerSecond)
-{
-    struct Store : SdoObjectAccess
-    {
-        QByteArray value;
-        quint32 upload(quint16, quint8, QByteArray* d) override { *d = value; return 0; }
-        quint32 checkDownload(quint16, quint8, qint64) override { return 0; }
-        quint32 download(quint16, quint8, const QByteArray& d) override { value = d; return 0; }
-    } store;
-    store.value = data;
-    std::deque<std::pair<bool, CanFrame>> wire;
-    SdoClient client([&](const CanFrame& f) { wire.push_back({true, f}); });
-    SdoServer server(&store, [&](const CanFrame& f) { wire.push_back({false, f}); });
-    server.setNodeId(1);
-    client.setBlockTransfer(block);
-    if (upload)
-        client.startUpload(1, 0x2040, 0, 0);
-    else
-        client.startDownload(1, 0x2040, 0, data, 0);
-    double us = 0;
-    while (!wire.empty()) {
-        auto [toServer, f] = wire.front();
-        wire.pop_front();
-        us += frameDurationUs(f, bitsPerSecond);
-        if (toServer)
-            server.onFrame(f, 0);
-        else
-            client.onFrame(f, 0);
-    }
-    return us;
-}
-
 struct Run
 {
     double seconds = 0;
@@ -74,19 +42,17 @@ Run transfer(ServerConnection& c, bool upload, const QByteArray& data)
     QEventLoop loop;
     int requestId = -1;
     bool done = false;
-    QObject::connect(c.notify(), &QCSNotifyReplica::OperationDone, &loop,
-                     [&](const OperationResult& r) {
-                         if (r.requestId() != requestId)
-                             return;
-                         done = true;
-                         if (!r.error().isEmpty() || r.abortCode() != 0)
-                             run.error = r.error().isEmpty()
-                                             ? QString::number(r.abortCode(), 16)
-                                             : r.error();
-                         else if (upload && r.data() != data)
-                             run.error = QStringLiteral("uploaded data differ");
-                         loop.quit();
-                     });
+    QObject::connect(
+        c.notify(), &QCSNotifyReplica::OperationDone, &loop, [&](const OperationResult& r) {
+            if (r.requestId() != requestId)
+                return;
+            done = true;
+            if (!r.error().isEmpty() || r.abortCode() != 0)
+                run.error = r.error().isEmpty() ? QString::number(r.abortCode(), 16) : r.error();
+            else if (upload && r.data() != data)
+                run.error = QStringLiteral("uploaded data differ");
+            loop.quit();
+        });
     QElapsedTimer clock;
     clock.start();
     QString error;
@@ -165,7 +131,8 @@ int main(int argc, char** argv)
                     std::fprintf(stderr, "transfer failed: %s\n", qPrintable(run.error));
                     return 1;
                 }
-                const double limit = data.size() / (busTimeUs(upload, block, data, bitsPerSecond) * 1e-6);
+                const double limit =
+                    data.size() / (sdoBusTimeUs(upload, block, data, bitsPerSecond) * 1e-6);
                 const double rate = data.size() / run.seconds;
                 std::printf("%-6s %-10s %-9s %12.0f %14.0f %7.1f%%\n",
                             qPrintable(bitRateText(rateIndex)), block ? "block" : "segmented",

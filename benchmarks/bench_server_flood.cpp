@@ -49,7 +49,8 @@ int main(int argc, char** argv)
     QString error;
     bool connected = false;
     for (int attempt = 0; attempt < 100 && !connected; ++attempt) {
-        connected = client.open(ServerAddress::fromMachineName("localhost", socketPath), 2000, &error);
+        connected =
+            client.open(ServerAddress::fromMachineName("localhost", socketPath), 2000, &error);
         if (!connected)
             QThread::msleep(20);
     }

@@ -59,9 +59,8 @@ int main(int argc, char** argv)
 
     FrmMain window;
     window.link()->setLocalSocketPath(socketPath);
-    window.setMessageHandler([](const QString& text) {
-        std::fprintf(stderr, "message: %s\n", qPrintable(text));
-    });
+    window.setMessageHandler(
+        [](const QString& text) { std::fprintf(stderr, "message: %s\n", qPrintable(text)); });
     QString error;
     if (!window.formLoad(QStringLiteral("localhost"), &error)) {
         std::fprintf(stderr, "start-up: %s\n", qPrintable(error));
