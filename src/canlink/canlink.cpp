@@ -463,6 +463,9 @@ CanLink::runOperation(const std::function<QRemoteObjectPendingReply<RequestReply
             emit longWaitEnded();
         emit progressChanged(0.0f);
     }
+    // The operation's own events (its last progress comes just before its end) are handled
+    // before the call returns, not during whatever the caller waits for next.
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
     disconnect(doneConnection);
     disconnect(progressConnection);
     if (!finished)
