@@ -11,18 +11,16 @@
 #include "sdoserver.h"
 #include "serverconnection.h"
 #include "servercore.h"
-#include "serverhost.h"
+#include "serverthread.h"
 #include "simdrive.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QMap>
-#include <QTemporaryDir>
 #include <QThread>
 #include <QTimer>
 
-#include <atomic>
 #include <cstdio>
 #include <deque>
 
@@ -87,37 +85,19 @@ int main(int argc, char** argv)
                 "bus limit B/s", "of limit");
     for (const int rateIndex : {0, 4}) {
         for (const bool block : {true, false}) {
-            QTemporaryDir dir;
-            const QString socket = dir.filePath("qorcalib");
-            std::atomic<bool> ready{false}, failed{false};
-            QThread* thread = QThread::create([&] {
-                ServerCore::Config config;
-                config.paced = true;
-                config.sdoBlockTransfer = block;
-                config.edsPath = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
-                QString error;
-                auto core = ServerCore::create(config, &error);
-                ServerHost host(core.get());
-                if (!core || !host.listenLocal(socket, &error)) {
-                    std::fprintf(stderr, "server: %s\n", qPrintable(error));
-                    failed = true;
-                    return;
-                }
-                core->drive(0)->setBitRateIndex(rateIndex);
-                ready = true;
-                QEventLoop loop;
-                QObject::connect(QThread::currentThread(), &QThread::finished, &loop,
-                                 &QEventLoop::quit);
-                loop.exec();
-            });
-            thread->start();
-            while (!ready && !failed)
-                QThread::msleep(5);
-            if (failed)
+            ServerCore::Config config;
+            config.paced = true;
+            config.sdoBlockTransfer = block;
+            config.edsPath = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
+            ServerThread server;
+            if (!server.start(config, [rateIndex](ServerCore* core) {
+                    core->drive(0)->setBitRateIndex(rateIndex);
+                }))
                 return 1;
             ServerConnection c;
             QString error;
-            if (!c.open(ServerAddress::fromMachineName("localhost", socket), 5000, &error) ||
+            if (!c.open(ServerAddress::fromMachineName("localhost", server.socketPath()), 5000,
+                        &error) ||
                 !c.wait(c.bus()->SetBitRate(0, rateIndex), &error) ||
                 !c.wait(c.bus()->StartController(0), &error)) {
                 std::fprintf(stderr, "client: %s\n", qPrintable(error));
@@ -139,9 +119,6 @@ int main(int argc, char** argv)
                             upload ? "upload" : "download", rate, limit, 100.0 * rate / limit);
                 std::fflush(stdout);
             }
-            thread->quit();
-            thread->wait();
-            delete thread;
         }
     }
     return 0;

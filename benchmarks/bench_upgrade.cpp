@@ -9,17 +9,14 @@
 #include "sdobustime.h"
 #include "serverconnection.h"
 #include "servercore.h"
-#include "serverhost.h"
+#include "serverthread.h"
 #include "srecords.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
-#include <QTemporaryDir>
-#include <QThread>
 #include <QTimer>
 
-#include <atomic>
 #include <cstdio>
 #include <optional>
 
@@ -74,35 +71,16 @@ int main(int argc, char** argv)
     for (int i = 0; image.size() < kib * 1024; ++i)
         image += char((i * 7 + (i >> 10)) & 0xFF);
 
-    QTemporaryDir dir;
-    const QString socket = dir.filePath("qorcalib");
-    std::atomic<bool> ready{false}, failed{false};
-    QThread* thread = QThread::create([&] {
-        ServerCore::Config config;
-        config.paced = true;
-        config.edsPath = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
-        QString error;
-        auto core = ServerCore::create(config, &error);
-        ServerHost host(core.get());
-        if (!core || !host.listenLocal(socket, &error)) {
-            std::fprintf(stderr, "server: %s\n", qPrintable(error));
-            failed = true;
-            return;
-        }
-        ready = true;
-        QEventLoop loop;
-        QObject::connect(QThread::currentThread(), &QThread::finished, &loop, &QEventLoop::quit);
-        loop.exec();
-    });
-    thread->start();
-    while (!ready && !failed)
-        QThread::msleep(5);
-    if (failed)
+    ServerCore::Config config;
+    config.paced = true;
+    config.edsPath = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
+    ServerThread server;
+    if (!server.start(config))
         return 1;
 
     ServerConnection c;
     QString error;
-    if (!c.open(ServerAddress::fromMachineName("localhost", socket), 5000, &error) ||
+    if (!c.open(ServerAddress::fromMachineName("localhost", server.socketPath()), 5000, &error) ||
         !c.wait(c.bus()->StartController(0), &error) ||
         !c.wait(c.benchBoard()->BoardCommand(16, 0), &error)) {
         std::fprintf(stderr, "client: %s\n", qPrintable(error));
@@ -128,8 +106,5 @@ int main(int argc, char** argv)
     std::printf("download %.2f s, bus-limited %.2f s: %.1f %% of the bus limit\n", seconds, limit,
                 100.0 * limit / seconds);
     c.wait(c.benchBoard()->BoardCommand(17, 0), &error);
-    thread->quit();
-    thread->wait();
-    delete thread;
     return 0;
 }

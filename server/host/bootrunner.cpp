@@ -66,12 +66,7 @@ bool BootRunner::cancel(quint64 session, int requestId)
         finish({cancelled});
         return true;
     }
-    std::optional<Request> request = m_queue.take(session, requestId);
-    if (!request)
-        return false;
-    if (request->done)
-        request->done({cancelled});
-    return true;
+    return m_queue.cancelWaiting(session, requestId, Outcome{cancelled});
 }
 
 void BootRunner::startNext()

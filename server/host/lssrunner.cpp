@@ -60,12 +60,7 @@ bool LssRunner::cancel(quint64 session, int requestId)
         finish({cancelled});
         return true;
     }
-    std::optional<Request> request = m_queue.take(session, requestId);
-    if (!request)
-        return false;
-    if (request->done)
-        request->done({cancelled});
-    return true;
+    return m_queue.cancelWaiting(session, requestId, Outcome{cancelled});
 }
 
 void LssRunner::startNext()

@@ -39,6 +39,18 @@ public:
             return std::nullopt;
         return take(it);
     }
+    // Ends a waiting request at once with `result` (its done hook gets it); false when the
+    // session has no such request waiting.
+    template <typename Result>
+    bool cancelWaiting(quint64 session, int requestId, const Result& result)
+    {
+        std::optional<Request> request = take(session, requestId);
+        if (!request)
+            return false;
+        if (request->done)
+            request->done(result);
+        return true;
+    }
     // Sessions in turn: the first request of the session numbered next after `lastServed`,
     // wrapping round to the lowest number.
     Request takeInTurn(quint64 lastServed)

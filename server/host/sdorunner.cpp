@@ -69,14 +69,9 @@ bool SdoRunner::cancel(quint64 session, int requestId)
             m_client.abort(quint32(SdoAbort::General));
         return true;
     }
-    std::optional<Request> request = m_queue.take(session, requestId);
-    if (!request)
-        return false;
     SdoClient::Result result;
     result.error = QStringLiteral("SDO transfer cancelled");
-    if (request->done)
-        request->done(result);
-    return true;
+    return m_queue.cancelWaiting(session, requestId, result);
 }
 
 quint64 SdoRunner::ownerOf(const CanFrame& frame) const
