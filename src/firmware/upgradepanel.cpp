@@ -3,9 +3,11 @@
 #include "canlink.h"
 #include "filedialogfilter.h"
 #include "hexhelpers.h"
+#include "inputblocker.h"
 #include "waitcursor.h"
 
 #include <QComboBox>
+#include <QCoreApplication>
 #include <QEvent>
 #include <QFile>
 #include <QFileDialog>
@@ -30,7 +32,12 @@ UpgradePanel::UpgradePanel(CanLink* link, FirmwareHistory* history, QLineEdit* t
 {
     setObjectName(QStringLiteral("fraUpgrade"));
     postProcessor = [](const QString& file, const QString& options, QString* output) {
-        return postProcess(file, options, output);
+        // The post-processor runs without the event loop; clicks and keys made meanwhile are
+        // dropped here, not carried out once it has ended.
+        InputBlocker blocker;
+        const bool done = postProcess(file, options, output);
+        QCoreApplication::processEvents();
+        return done;
     };
     chooseOpenFile = [this](const QString& title, const QString& filter, const QString& start) {
         QFileDialog dialog(this, title, start, qtFileDialogFilter(filter));

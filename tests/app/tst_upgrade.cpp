@@ -14,6 +14,7 @@
 #include <QFile>
 #include <QHelpEvent>
 #include <QLineEdit>
+#include <QMouseEvent>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QTest>
@@ -35,6 +36,7 @@ private slots:
     void stopOnBootWithNothingBooting();
     void toolTip();
     void history();
+    void clickDuringThePostProcessorIsDropped();
 
 private:
     QString sample(const char* name) const
@@ -367,6 +369,31 @@ void TstUpgrade::history()
         QCOMPARE(p->cmbFileName->count(), 0);
         QCOMPARE(p->txtPostProcOpt->text(), QString());
     }
+}
+
+void TstUpgrade::clickDuringThePostProcessorIsDropped()
+{
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    t.window.show();
+    UpgradePanel* p = t.window.upgradePanel;
+    p->AddRecentFile("/fw/kept.S", "");
+    p->cmbFileName->setEditText(copyToTemp("raw-2.2.0.S"));
+    p->txtPostProcOpt->setText("--fail");
+    // A click on "Clear" made while the post-processor runs is waiting in the queue.
+    const QPoint at = p->cmdUpgrClear->rect().center();
+    const QPoint global = p->cmdUpgrClear->mapToGlobal(at);
+    QCoreApplication::postEvent(p->cmdUpgrClear,
+                                new QMouseEvent(QEvent::MouseButtonPress, at, global,
+                                                Qt::LeftButton, Qt::LeftButton, Qt::NoModifier));
+    QCoreApplication::postEvent(p->cmdUpgrClear,
+                                new QMouseEvent(QEvent::MouseButtonRelease, at, global,
+                                                Qt::LeftButton, Qt::NoButton, Qt::NoModifier));
+    p->cmdUpgrade_Click();
+    QCOMPARE(t.window.txtAbort->text(), QString("PostProc err"));
+    QTest::qWait(50);
+    QCOMPARE(p->cmbFileName->count(), 1);
 }
 
 QTEST_MAIN(TstUpgrade)
