@@ -150,9 +150,13 @@ int main(int argc, char** argv)
         QStringLiteral("How long a boot catch (Stop on Boot) waits for a boot loader to answer, "
                        "in milliseconds (default: 5000)."),
         QStringLiteral("ms"));
+    const QCommandLineOption doorsOption(
+        QStringLiteral("doors-open"),
+        QStringLiteral("Start the simulated fixture with its door switches (inputs 0 and 10) "
+                       "open; the status window opens and closes them."));
     parser.addOptions({socketOption, listenOption, channelOption, benchOption, unpacedOption,
                        edsOption, showOption, idleExitOption, segmentedOption, backlogOption,
-                       bootCatchOption});
+                       bootCatchOption, doorsOption});
     parser.process(*app);
     if (!parser.positionalArguments().isEmpty())
         return fail(QStringLiteral("unexpected argument '%1' (see --help)")
@@ -169,6 +173,7 @@ int main(int argc, char** argv)
         return fail(QStringLiteral("bench '%1' is not of the form KIND:TYPE (see --help)")
                         .arg(parser.value(benchOption)));
     config.bench = *bench;
+    config.doorsOpen = parser.isSet(doorsOption);
     config.paced = !parser.isSet(unpacedOption);
     config.edsPath = parser.value(edsOption);
     config.sdoBlockTransfer = !parser.isSet(segmentedOption);

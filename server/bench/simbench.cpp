@@ -21,8 +21,8 @@ constexpr double kMaxCurrentLimit = 20.0;
 constexpr int kAssemblyChannels = 6;
 constexpr int kPcbChannels = 23;
 constexpr int kPcb33Channels = 13;
-// Door switches of the PCB fixtures read closed.
-constexpr int kDoorInputs[] = {0, 10};
+constexpr int kTriggerChannel = 12; // the PCB fixture of type 33 reads its trigger here
+constexpr double kTriggerArmedVolts = 5.0;
 } // namespace
 
 std::optional<SimBench::Identity> SimBench::parseIdentity(const QString& text)
@@ -48,7 +48,8 @@ std::optional<SimBench::Identity> SimBench::parseIdentity(const QString& text)
 }
 
 SimBench::SimBench(Identity identity, QObject* parent)
-    : QObject(parent), m_identity(identity), m_outputs(kOutputCount, false)
+    : QObject(parent), m_identity(identity), m_outputs(kOutputCount, false),
+      m_inputs(kInputCount, true)
 {
     // The bench comes up with the unit under test powered, as an operator leaves it.
     m_outputs[powerRelayOutput()] = true;
@@ -79,8 +80,16 @@ void SimBench::updatePower()
     const bool powered = drivesPowered();
     if (powered != m_powered) {
         m_powered = powered;
+        m_armed = false; // the trigger fires on the unit's power switching
         emit drivePowerChanged(powered);
+        checkOvervoltage();
     }
+}
+
+void SimBench::checkOvervoltage()
+{
+    if (m_powered && m_mainVoltage > kDriveOvervoltage)
+        emit overvoltage(m_mainVoltage);
 }
 
 bool SimBench::command(int command, int argument, int* status, QString* error)
@@ -126,28 +135,37 @@ bool SimBench::command(int command, int argument, int* status, QString* error)
 
 bool SimBench::setParameter(int parameter, double value, QString* error)
 {
-    const auto inRange = [&](double max, const char* unit) {
+    const auto inRange = [&](const char* what, double max, const char* unit) {
         if (value >= 0.0 && value <= max)
             return true;
-        *error = QStringLiteral("bench parameter %1 out of range (0..%2 %3)")
+        *error = QStringLiteral("bench parameter %1 (%2): %3 %4 is out of range (0 to %5 %4)")
                      .arg(parameter)
-                     .arg(max)
-                     .arg(QLatin1String(unit));
+                     .arg(QLatin1String(what))
+                     .arg(value, 0, 'g', 10)
+                     .arg(QLatin1String(unit))
+                     .arg(max);
         return false;
     };
     switch (parameter) {
     case kParamMainVoltage:
-        if (!inRange(kMaxSupplyVoltage, "V"))
+        if (!inRange("main supply voltage", kMaxSupplyVoltage, "V"))
             return false;
-        m_mainVoltage = value;
-        break;
+        {
+            const bool wasPowered = m_powered;
+            const bool changed = value != m_mainVoltage;
+            m_mainVoltage = value;
+            updatePower(); // a unit switched on here is checked there
+            if (wasPowered && m_powered && changed)
+                checkOvervoltage();
+            return true;
+        }
     case kParamCurrentLimit:
-        if (!inRange(kMaxCurrentLimit, "A"))
+        if (!inRange("main supply current limit", kMaxCurrentLimit, "A"))
             return false;
         m_currentLimit = value;
         break;
     case kParamBrakeVoltage:
-        if (!inRange(kMaxSupplyVoltage, "V"))
+        if (!inRange("brake supply voltage", kMaxSupplyVoltage, "V"))
             return false;
         m_brakeVoltage = value;
         break;
@@ -236,6 +254,8 @@ bool SimBench::readAnalog(int channel, double* value, QString* error)
     }
     if (m_identity.kind == 1)
         *value = m_latched.value(channel);
+    else if (m_identity.type == 33 && channel == kTriggerChannel)
+        *value = m_armed ? kTriggerArmedVolts : 0.0;
     else
         *value = idealAnalog(channel) + (m_noise.generateDouble() - 0.5) * 0.02;
     return true;
@@ -247,8 +267,18 @@ bool SimBench::readInput(int channel, bool* state, QString* error) const
         *error = QStringLiteral("input %1 out of range (0..%2)").arg(channel).arg(kInputCount - 1);
         return false;
     }
-    *state =
-        std::find(std::begin(kDoorInputs), std::end(kDoorInputs), channel) != std::end(kDoorInputs);
+    *state = m_inputs[channel];
+    return true;
+}
+
+bool SimBench::setInput(int channel, bool state)
+{
+    if (channel < 0 || channel >= kInputCount)
+        return false;
+    if (m_inputs[channel] != state) {
+        m_inputs[channel] = state;
+        emit inputChanged(channel, state);
+    }
     return true;
 }
 

@@ -18,6 +18,12 @@ namespace qorcalib {
 // Firmware transfers: command 16 begins one. The bench cycles the drives' supply (off for
 // kPowerCycleMs, when they have power), so that they boot into their boot loader while a boot
 // catch waits; command 17 ends it. Both answer 1 when a transfer was under way before, else 0.
+//
+// The fixture's inputs all read True, its door switches (inputs 0 and 10) closed, until set
+// otherwise (setInput: the server's status window and its --doors-open option). Arm arms the
+// fixture's trigger: the PCB fixture of type 33 reads it on analog channel 12 (5 V armed, 0 V
+// idle) until the unit's power next switches, which fires it. Drives powered above
+// kDriveOvervoltage report an overvoltage (the server has them raise the alarm).
 class SimBench : public QObject
 {
     Q_OBJECT
@@ -34,6 +40,8 @@ public:
     static constexpr int kInputCount = 16;
     static constexpr double kMinimumDriveVoltage = 18.0;
     static constexpr int kPowerCycleMs = 50;
+    static constexpr double kDriveOvervoltage = 56.0;
+    static constexpr int kDoorInputs[] = {0, 10};
 
     explicit SimBench(Identity identity, QObject* parent = nullptr);
 
@@ -51,6 +59,9 @@ public:
     void initIo() { m_ioInitialised = true; }
     void acquire();
     void arm() { m_armed = true; }
+    bool armed() const { return m_armed; }
+    bool ioInitialised() const { return m_ioInitialised; }
+    bool setInput(int channel, bool state);
     bool readAnalog(int channel, double* value, QString* error);
     bool readInput(int channel, bool* state, QString* error) const;
     bool setOutput(int channel, bool state, QString* error);
@@ -62,11 +73,15 @@ public:
 
 signals:
     void drivePowerChanged(bool powered);
+    // The drives have power above kDriveOvervoltage: at the given voltage.
+    void overvoltage(double volts);
+    void inputChanged(int channel, bool state);
 
 private:
     int powerRelayOutput() const;
     double idealAnalog(int channel) const;
     void updatePower();
+    void checkOvervoltage();
 
     Identity m_identity;
     bool m_mainOn = true;
@@ -75,6 +90,7 @@ private:
     bool m_brakeOn = false;
     double m_brakeVoltage = 24.0;
     QVector<bool> m_outputs;
+    QVector<bool> m_inputs;
     QVector<double> m_latched; // assembly benches read what the last Acquire latched
     bool m_ioInitialised = false;
     bool m_armed = false;

@@ -79,9 +79,24 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
         for (const auto& drive : raw->m_drives)
             drive->setPowered(powered);
     });
+    connect(core->m_bench.get(), &SimBench::overvoltage, raw, [raw](double volts) {
+        for (const auto& drive : raw->m_drives)
+            drive->raiseAlarm(kOvervoltageAlarm, quint32(volts * 10.0 + 0.5));
+    });
+    for (const int door : SimBench::kDoorInputs)
+        core->m_bench->setInput(door, !config.doorsOpen);
     for (const auto& drive : core->m_drives)
         drive->setPowered(core->m_bench->drivesPowered());
     return core;
+}
+
+int ServerCore::raiseAlarm(quint32 alarmNumber)
+{
+    const quint32 busDeciVolts = quint32(m_bench->mainVoltage() * 10.0 + 0.5);
+    int raised = 0;
+    for (const auto& drive : m_drives)
+        raised += drive->raiseAlarm(alarmNumber, busDeciVolts) ? 1 : 0;
+    return raised;
 }
 
 ServerCore::~ServerCore() = default;

@@ -33,6 +33,7 @@ public:
         QString edsPath;              // the simulated drive's EDS
         bool sdoBlockTransfer = true; // false: segmented only, even where a node offers block
         int bootCatchMs = 5000;       // how long a boot catch waits for a boot loader
+        bool doorsOpen = false;       // the fixture's door switches start open
     };
 
     static std::unique_ptr<ServerCore> create(const Config& config, QString* error);
@@ -56,6 +57,10 @@ public:
     bool restartController(int controller, QString* error);
     bool stopController(int controller, QString* error);
     bool setBitRate(int controller, int bitRateIndex, QString* error);
+
+    // Every powered simulated drive raises the alarm; how many did.
+    int raiseAlarm(quint32 alarmNumber);
+    static constexpr quint32 kOvervoltageAlarm = 2;
 
     bool shutdownRequested() const { return m_shutdownRequested; }
     void requestShutdown() { m_shutdownRequested = true; }

@@ -3,9 +3,12 @@
 #include "servercore.h"
 #include "serverhost.h"
 
+#include <QCheckBox>
+#include <QHBoxLayout>
 #include <QHeaderView>
 #include <QLabel>
 #include <QPushButton>
+#include <QSpinBox>
 #include <QTreeWidget>
 #include <QVBoxLayout>
 
@@ -49,12 +52,60 @@ StatusWindow::StatusWindow(ServerCore* core, ServerHost* host, QWidget* parent)
                                      "close themselves"));
     connect(close, &QPushButton::clicked, this, [this] { m_core->requestShutdown(); });
     layout->addWidget(close);
-    resize(460, 320);
+    layout->addWidget(buildBenchRow());
+    resize(460, 360);
 
     m_refresh.setInterval(1000);
     connect(&m_refresh, &QTimer::timeout, this, &StatusWindow::refresh);
     connect(m_host, &ServerHost::sessionsChanged, this, &StatusWindow::refresh);
     connect(m_core, &ServerCore::configChanged, this, &StatusWindow::refresh);
+}
+
+QWidget* StatusWindow::buildBenchRow()
+{
+    auto* row = new QWidget(this);
+    auto* layout = new QHBoxLayout(row);
+    layout->setContentsMargins(0, 0, 0, 0);
+    SimBench* bench = m_core->bench();
+    for (int i = 0; i < int(chkDoorClosed.size()); ++i) {
+        const int input = SimBench::kDoorInputs[i];
+        chkDoorClosed[i] = new QCheckBox(QStringLiteral("Door SW%1 closed").arg(i + 1), row);
+        chkDoorClosed[i]->setObjectName(QStringLiteral("chkDoorClosed_%1").arg(i));
+        chkDoorClosed[i]->setToolTip(
+            QStringLiteral("The fixture's door switch on input %1").arg(input));
+        bool closed = false;
+        QString unused;
+        bench->readInput(input, &closed, &unused);
+        chkDoorClosed[i]->setChecked(closed);
+        connect(chkDoorClosed[i], &QCheckBox::toggled, this,
+                [bench, input](bool on) { bench->setInput(input, on); });
+        connect(bench, &SimBench::inputChanged, chkDoorClosed[i],
+                [box = chkDoorClosed[i], input](int channel, bool state) {
+                    if (channel == input)
+                        box->setChecked(state);
+                });
+        layout->addWidget(chkDoorClosed[i]);
+    }
+    layout->addStretch();
+    spnAlarm = new QSpinBox(row);
+    spnAlarm->setObjectName(QStringLiteral("spnAlarm"));
+    spnAlarm->setRange(0, 32);
+    spnAlarm->setValue(15);
+    spnAlarm->setToolTip(QStringLiteral("Alarm number the drives log"));
+    layout->addWidget(spnAlarm);
+    cmdRaiseAlarm = new QPushButton(QStringLiteral("Raise alarm"), row);
+    cmdRaiseAlarm->setObjectName(QStringLiteral("cmdRaiseAlarm"));
+    cmdRaiseAlarm->setToolTip(QStringLiteral("Every powered simulated drive logs this alarm "
+                                             "(objects 0x5810, 0x520B, 0x520C)"));
+    layout->addWidget(cmdRaiseAlarm);
+    lblAlarm = new QLabel(row);
+    layout->addWidget(lblAlarm);
+    connect(cmdRaiseAlarm, &QPushButton::clicked, this, [this] {
+        const int raised = m_core->raiseAlarm(quint32(spnAlarm->value()));
+        lblAlarm->setText(raised ? QStringLiteral("logged by %1").arg(raised)
+                                 : QStringLiteral("no drive has power"));
+    });
+    return row;
 }
 
 void StatusWindow::refresh()

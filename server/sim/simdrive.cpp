@@ -9,7 +9,8 @@ namespace qorcalib {
 SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint8 nodeId,
                    int bitRateIndex, QObject* parent)
     : QObject(parent), m_segment(segment), m_dictionary(std::move(dictionary)),
-      m_access(&m_dictionary), m_applicationAccess(&m_access), m_bootLoader(&m_dictionary),
+      m_access(&m_dictionary), m_applicationAccess(&m_access, &m_alarms),
+      m_bootLoader(&m_dictionary),
       m_nmt(NmtSlave::Hooks{[this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
                             [this] {
                                 // A reset node restarts the processor: boot loader first, values
@@ -99,6 +100,15 @@ void SimDrive::setPowered(bool powered)
         takeNodeId(m_startNodeId);
         startBootLoader();
     }
+}
+
+bool SimDrive::raiseAlarm(quint32 alarmNumber, quint32 busDeciVolts)
+{
+    if (!m_powered)
+        return false;
+    m_alarms.raise(alarmNumber, busDeciVolts,
+                   AlarmLog::kOperatingSecondsAtStart + quint32(serverTimeUs() / 1000000));
+    return true;
 }
 
 void SimDrive::startBootLoader()
@@ -217,11 +227,15 @@ bool bootLoaderObject(quint16 index)
 
 quint32 SimDrive::ApplicationAccess::upload(quint16 index, quint8 subIndex, QByteArray* data)
 {
+    if (AlarmLog::handles(index))
+        return m_alarms->upload(index, subIndex, data);
     return bootLoaderObject(index) ? kNotInThisState : m_dictionary->upload(index, subIndex, data);
 }
 
 quint32 SimDrive::ApplicationAccess::checkDownload(quint16 index, quint8 subIndex, qint64 size)
 {
+    if (AlarmLog::handles(index))
+        return m_alarms->checkDownload(index, subIndex, size);
     return bootLoaderObject(index) ? kNotInThisState
                                    : m_dictionary->checkDownload(index, subIndex, size);
 }
@@ -229,6 +243,8 @@ quint32 SimDrive::ApplicationAccess::checkDownload(quint16 index, quint8 subInde
 quint32 SimDrive::ApplicationAccess::download(quint16 index, quint8 subIndex,
                                               const QByteArray& data)
 {
+    if (AlarmLog::handles(index))
+        return m_alarms->download(index, subIndex, data);
     return bootLoaderObject(index) ? kNotInThisState
                                    : m_dictionary->download(index, subIndex, data);
 }

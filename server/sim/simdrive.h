@@ -1,5 +1,6 @@
 #pragma once
 
+#include "alarmlog.h"
 #include "bootcatch.h"
 #include "bootloader.h"
 #include "dictionaryaccess.h"
@@ -24,7 +25,8 @@ namespace qorcalib {
 // boot loader stays, answers SDO with its own few objects (bootloader.h): it takes a firmware
 // image into 0x1F50 sub 1 and starts the application when "QorS" is written to 0x5EF0. The
 // application then reports the flashed firmware: "FW major.minor.build" in 0x100A and the
-// version in 0x1018 sub 3. The application itself refuses both objects with 08000022.
+// version in 0x1018 sub 3. The application itself refuses both objects with 08000022. The
+// application also offers the drive's alarm log (alarmlog.h).
 class SimDrive : public QObject, public SimPort
 {
     Q_OBJECT
@@ -50,6 +52,9 @@ public:
     NmtSlave::State nmtState() const { return m_nmt.state(); }
     Mode mode() const { return m_mode; }
     const ObjectDictionary& dictionary() const { return m_dictionary; }
+    const AlarmLog& alarmLog() const { return m_alarms; }
+    // The running drive raises an alarm (AlarmLog); false when it has no power to do so.
+    bool raiseAlarm(quint32 alarmNumber, quint32 busDeciVolts);
     ObjectDictionary& dictionary() { return m_dictionary; }
 
     int bitRateIndex() const override { return m_bitRateIndex; }
@@ -62,13 +67,17 @@ private:
     class ApplicationAccess : public SdoObjectAccess
     {
     public:
-        explicit ApplicationAccess(DictionaryAccess* dictionary) : m_dictionary(dictionary) {}
+        ApplicationAccess(DictionaryAccess* dictionary, AlarmLog* alarms)
+            : m_dictionary(dictionary), m_alarms(alarms)
+        {
+        }
         quint32 upload(quint16 index, quint8 subIndex, QByteArray* data) override;
         quint32 checkDownload(quint16 index, quint8 subIndex, qint64 size) override;
         quint32 download(quint16 index, quint8 subIndex, const QByteArray& data) override;
 
     private:
         DictionaryAccess* m_dictionary;
+        AlarmLog* m_alarms;
     };
 
     void startBootLoader();
@@ -82,6 +91,7 @@ private:
     SimulatedSegment* m_segment;
     ObjectDictionary m_dictionary;
     DictionaryAccess m_access;
+    AlarmLog m_alarms;
     ApplicationAccess m_applicationAccess;
     BootLoader m_bootLoader;
     NmtSlave m_nmt;
