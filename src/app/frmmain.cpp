@@ -1,5 +1,6 @@
 #include "frmmain.h"
 
+#include "benchpanel.h"
 #include "canmsg.h"
 #include "frmabort.h"
 #include "frmdiagno.h"
@@ -187,6 +188,7 @@ void FrmMain::buildWindow()
     sdoPanel->monitorSwitchState = [this] { return !m_monitor || m_monitor->chTrace->isChecked(); };
 
     buildUpgradePanel(central);
+    buildBenchPanel(central);
 
     auto* tools = new QHBoxLayout;
     cmdDiagno = new QPushButton(QStringLiteral("Can &Monitor"), central);
@@ -211,6 +213,7 @@ void FrmMain::buildWindow()
     layout->addWidget(fraNMT);
     layout->addWidget(sdoPanel);
     layout->addWidget(upgradePanel);
+    layout->addWidget(benchPanel);
     layout->addLayout(tools);
     layout->addStretch();
 
@@ -252,6 +255,17 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
     upgradePanel->beginBenchTransfer = [this] { beginBenchTransfer(); };
 }
 
+void FrmMain::buildBenchPanel(QWidget* parent)
+{
+    benchPanel = new BenchPanel(&m_link, txtFWNode, txtAbort, &m_placement, this, parent);
+    benchPanel->selectedController = [this] { return m_selected; };
+    benchPanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
+    benchPanel->monitorSwitchState = [this] {
+        return !m_monitor || m_monitor->chTrace->isChecked();
+    };
+    benchPanel->showMessage = [this](const QString& text) { showMessage(text); };
+}
+
 void FrmMain::beginBenchTransfer()
 {
     // A bench is cycled only when this program works with the server of its own station; the
@@ -283,7 +297,7 @@ void FrmMain::setTabOrderByLayout()
     for (QPushButton* b : cmdNMT)
         order << b;
     order << txtFWNode << cmdLSSGet << cmdLSSSet << sdoPanel->tabOrder() << upgradePanel->tabOrder()
-          << cmdDiagno << cmdEDS << cmdIO;
+          << benchPanel->tabOrder() << cmdDiagno << cmdEDS << cmdIO;
     for (qsizetype i = 1; i < order.size(); ++i)
         QWidget::setTabOrder(order[i - 1], order[i]);
 }
@@ -356,6 +370,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     if (!bench)
         return false;
     m_bench = *bench;
+    benchPanel->setBench(m_bench.kind, m_bench.type);
 
     if (!(*error = m_link.advise()).isEmpty())
         return false;
@@ -418,7 +433,7 @@ void FrmMain::formUnload()
         m_link.unadvise();
     m_history.save();
     WindowPlacement::saveGeometry(this, objectName());
-    for (QWidget* w : carriedWindows())
+    for (QWidget* w : carriedWindows() + benchPanel->toolWindows())
         WindowPlacement::saveGeometry(w, w->objectName());
     // Not quit(): that asks every window to close first, and the CAN monitor, which only hides
     // when closed, would refuse and keep the program running. exit() leaves the event loop at
@@ -484,6 +499,11 @@ void FrmMain::EnableBusButtons(bool enable)
     cmdLSSSet->setEnabled(enable);
     sdoPanel->cmdUpload->setEnabled(enable);
     sdoPanel->cmdDownload->setEnabled(enable);
+    upgradePanel->cmdUpgrade->setEnabled(enable);
+    upgradePanel->cmdEnUpgrade->setEnabled(enable);
+    for (QPushButton* b : upgradePanel->cmdStopOnBoot)
+        b->setEnabled(enable);
+    benchPanel->cmdAlarms->setEnabled(enable);
 }
 
 void FrmMain::EnableController(int index)

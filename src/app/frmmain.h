@@ -20,6 +20,7 @@ class QRadioButton;
 
 namespace tessel {
 
+class BenchPanel;
 class FrmDiagno;
 class FrmAbort;
 class FrmEDS;
@@ -80,6 +81,7 @@ public:
     QPushButton* cmdIO = nullptr;
     SdoPanel* sdoPanel = nullptr;
     UpgradePanel* upgradePanel = nullptr;
+    BenchPanel* benchPanel = nullptr;
     QTimer tmrStato;
 
     void chkCanEnable_Click(int index);
@@ -113,6 +115,7 @@ private:
     void onProgressNotified(double fraction);
     void beginBenchTransfer();
     void buildUpgradePanel(QWidget* parent);
+    void buildBenchPanel(QWidget* parent);
     void onFramesReceived(int controller, const QByteArray& records, int count);
     void onFrameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
     void onConnectionLost();

@@ -276,6 +276,31 @@ QString CanLink::showServerWindow()
     LINK_CALL(serverWindow()->Show());
 }
 
+QString CanLink::setBoardParam(int parameter, double value)
+{
+    LINK_CALL(benchBoard()->SetBoardParam(parameter, value));
+}
+
+QString CanLink::initIo()
+{
+    LINK_CALL(benchIo()->InitIo());
+}
+
+QString CanLink::acquire()
+{
+    LINK_CALL(benchIo()->Acquire());
+}
+
+QString CanLink::arm()
+{
+    LINK_CALL(benchIo()->Arm());
+}
+
+QString CanLink::setOutput(int channel, bool state)
+{
+    LINK_CALL(benchIo()->SetOutput(channel, state));
+}
+
 #undef LINK_CALL
 
 namespace {
@@ -514,6 +539,22 @@ std::optional<int> CanLink::boardCommand(int command, int argument, QString* err
     return valueOf(
         m_connection->wait(m_connection->benchBoard()->BoardCommand(command, argument), error),
         error, &IntReply::value);
+}
+
+std::optional<double> CanLink::readAnalog(int channel, QString* error)
+{
+    ServerConnection* c = live(error);
+    if (!c)
+        return std::nullopt;
+    return valueOf(c->wait(c->benchIo()->ReadAnalog(channel), error), error, &DoubleReply::value);
+}
+
+std::optional<bool> CanLink::readInput(int channel, QString* error)
+{
+    ServerConnection* c = live(error);
+    if (!c)
+        return std::nullopt;
+    return valueOf(c->wait(c->benchIo()->ReadInput(channel), error), error, &BoolReply::value);
 }
 
 std::optional<int> CanLink::bitRate(int controller, QString* error)

@@ -122,6 +122,14 @@ public:
     // The bench board's numbered command; its status, or nullopt with the error.
     std::optional<int> boardCommand(int command, int argument, QString* error);
     std::optional<int> bitRate(int controller, QString* error);
+    // The bench's supplies and its fixture's I/O.
+    QString setBoardParam(int parameter, double value);
+    QString initIo();
+    QString acquire();
+    QString arm();
+    QString setOutput(int channel, bool state);
+    std::optional<double> readAnalog(int channel, QString* error);
+    std::optional<bool> readInput(int channel, QString* error);
 
     // Both the service's and the bus's setter, so that both sides use it.
     QString setSdoTimeout(int milliseconds);

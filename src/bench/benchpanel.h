@@ -1,0 +1,104 @@
+#pragma once
+
+#include "benchcontrol.h"
+
+#include <QGroupBox>
+
+#include <array>
+#include <functional>
+#include <memory>
+
+class QCheckBox;
+class QLineEdit;
+class QPushButton;
+
+namespace tessel {
+
+class BenchPort;
+class CanLink;
+class FrmAcq;
+class FrmAlarms;
+class WindowPlacement;
+
+// The main window's bench panel: the unit's supplies and outputs on the test bench (picAsm on
+// assembly benches, picPcb on PCB benches, laid out from the bench's kind and type), the
+// fixture window of the bench, and the drive's alarm log ("Alarms", read by SDO from the node
+// in the main window's txtFWNode). None of the bench controls sends a CAN frame.
+class BenchPanel : public QGroupBox
+{
+    Q_OBJECT
+public:
+    BenchPanel(CanLink* link, QLineEdit* txtFWNode, QLineEdit* txtAbort,
+               const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent = nullptr);
+    ~BenchPanel() override;
+
+    // Lays the panel out for the bench (start-up); the bench of the link unless a port is given.
+    void setBench(int kind, int type, BenchPort* port = nullptr);
+    BenchControl* control() const { return m_control.get(); }
+
+    // What the main window provides.
+    std::function<int()> selectedController;
+    // The monitor's traffic switch, held while the supplies switch and the log is read.
+    std::function<void(bool)> monitorSwitch;
+    std::function<bool()> monitorSwitchState;
+    std::function<void(const QString&)> showMessage;
+    std::function<void()> beep;
+
+    QWidget* picAsm = nullptr;
+    QWidget* picPcb = nullptr;
+    QCheckBox* chkPowerMain = nullptr;
+    QCheckBox* chkPowerAux = nullptr;
+    QCheckBox* chkPowerAuxIn = nullptr;
+    QCheckBox* chkPowerBrake = nullptr;
+    QCheckBox* chkPCBMain = nullptr;
+    QCheckBox* chkPCBReset = nullptr;
+    QLineEdit* txtVout = nullptr;
+    QPushButton* cmdDoVout = nullptr;
+    QLineEdit* txtBrkVout = nullptr;
+    QPushButton* cmdDoBrkVout = nullptr;
+    QPushButton* cmdShutdown = nullptr;
+    QPushButton* cmdAcq = nullptr;
+    QPushButton* cmdAlarms = nullptr;
+
+    void chkPowerMain_Click();
+    void chkPowerAux_Click();
+    void chkPowerAuxIn_Click();
+    void chkPowerBrake_Click();
+    void chkPCBMain_Click();
+    void chkPCBReset_Click();
+    void cmdDoVout_Click();
+    void cmdDoBrkVout_Click();
+    void cmdShutdown_Click();
+    void cmdAcq_Click();
+    void cmdAlarms_Click();
+
+    FrmAcq* fixtureWindow(FixtureKind kind) const { return m_fixtures[int(kind)]; }
+    FrmAlarms* alarmsWindow() const { return m_alarms; }
+    // The windows the panel opened, for their places to be saved.
+    QList<QWidget*> toolWindows() const;
+    QList<QWidget*> tabOrder() const;
+
+private:
+    QCheckBox* addBox(QWidget* parent, const QString& name, const QString& caption,
+                      const QString& tip, void (BenchPanel::*handler)());
+    QPushButton* addButton(const QString& name, const QString& caption, const QString& tip,
+                           void (BenchPanel::*handler)());
+    // A box's action: on failure the box goes back and the user reads why.
+    void boxAction(QCheckBox* box, QString (BenchControl::*action)(bool));
+    void report(const QString& error);
+    void showOutputs();
+    QString readAlarms(QString* text);
+
+    CanLink* m_link;
+    QLineEdit* m_txtFWNode;
+    QLineEdit* m_txtAbort;
+    const WindowPlacement* m_placement;
+    QWidget* m_mainWindow;
+    QWidget* m_brkVoutLabel = nullptr;
+    std::unique_ptr<BenchPort> m_linkPort;
+    std::unique_ptr<BenchControl> m_control;
+    std::array<FrmAcq*, 3> m_fixtures{};
+    FrmAlarms* m_alarms = nullptr;
+};
+
+} // namespace tessel
