@@ -105,7 +105,9 @@ AlarmLogText readAlarmLog(const AlarmSdo& sdo)
     QList<AlarmRecord> records;
     const int bound = alarmRecordBound(status);
     for (int record = 0; record <= bound; ++record) {
-        const QByteArray select{char(record & 0xFF), char(record >> 8)};
+        QByteArray select(2, '\0');
+        select[0] = char(record & 0xFF);
+        select[1] = char(record >> 8);
         quint32 count = 0;
         if (!sdo(false, alarmlog::kSelectIndex, 0, select, &data, &result.error) ||
             !read(alarmlog::kRecordIndex, 0, &count))

@@ -284,7 +284,7 @@ void BenchPanel::cmdAcq_Click()
         window = new FrmAcq(fixtureDescription(kind), m_control.get(), m_placement, m_mainWindow,
                             m_mainWindow);
         window->showMessage = [this](const QString& text) { report(text); };
-        WindowPlacement::restoreGeometry(window, window->objectName());
+        placeBesideMain(window, 60);
     }
     if (!window->isVisible())
         window->setBenchType(m_control->type());
@@ -305,7 +305,7 @@ void BenchPanel::cmdAlarms_Click()
     }
     if (!m_alarms) {
         m_alarms = new FrmAlarms(m_placement, m_mainWindow, m_mainWindow);
-        WindowPlacement::restoreGeometry(m_alarms, m_alarms->objectName());
+        placeBesideMain(m_alarms, 120);
     }
     m_alarms->setText(text);
     WindowPlacement::bringToFront(m_alarms);
@@ -332,6 +332,15 @@ QString BenchPanel::readAlarms(QString* text)
     const AlarmLogText log = readAlarmLog(sdo);
     *text = log.text;
     return log.ok ? QString() : log.error;
+}
+
+void BenchPanel::placeBesideMain(QWidget* window, int down) const
+{
+    // Beside the main window's first place, unless the user placed it before.
+    if (m_placement && m_mainWindow)
+        window->move(m_placement->reference() +
+                     QPoint(m_mainWindow->frameGeometry().width() + 8, down));
+    WindowPlacement::restoreGeometry(window, window->objectName());
 }
 
 QList<QWidget*> BenchPanel::toolWindows() const

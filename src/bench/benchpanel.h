@@ -87,6 +87,7 @@ private:
     void boxAction(QCheckBox* box, QString (BenchControl::*action)(bool));
     void report(const QString& error);
     void showOutputs();
+    void placeBesideMain(QWidget* window, int down) const;
     QString readAlarms(QString* text);
 
     CanLink* m_link;
