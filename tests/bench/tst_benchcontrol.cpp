@@ -1,0 +1,231 @@
+// The bench panel's rules on a recording bench: what each control sends per bench, the I/O
+// initialised once, the supply sequences with what users type, the layout per bench.
+#include "benchcontrol.h"
+#include "recordingbench.h"
+
+#include <QSignalSpy>
+#include <QTest>
+
+using namespace tessel;
+using tessel::test::RecordingBench;
+
+class TstBenchControl : public QObject
+{
+    Q_OBJECT
+private slots:
+    void layout_data();
+    void layout();
+    void boxes_data();
+    void boxes();
+    void firstActionInitialisesOnce_data();
+    void firstActionInitialisesOnce();
+    void mainSupplyReadsLeniently_data();
+    void mainSupplyReadsLeniently();
+    void refusedVoltageSwitchesNothing();
+    void shutdown_data();
+    void shutdown();
+    void knownOutputs();
+};
+
+void TstBenchControl::layout_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<bool>("assembly");
+    QTest::addColumn<bool>("pcbReset");
+    QTest::addColumn<bool>("brakeBox");
+    QTest::addColumn<bool>("brakeSupply");
+    QTest::addColumn<QString>("mainCaption");
+    QTest::addColumn<QString>("auxCaption");
+    QTest::addColumn<int>("relay");
+    QTest::addColumn<int>("fixture");
+    QTest::newRow("asm:3") << 1 << 3 << true << false << true << true << "Sgnl"
+                           << "AuxPwr" << 5 << int(FixtureKind::Assembly);
+    QTest::newRow("asm:1") << 1 << 1 << true << false << true << false << "Main"
+                           << "En PR" << 5 << int(FixtureKind::Assembly);
+    QTest::newRow("asm:19") << 1 << 19 << true << false << true << false << "Main"
+                            << "En PR" << 5 << int(FixtureKind::Assembly);
+    QTest::newRow("pcb:33") << 2 << 33 << false << true << false << false << "Main"
+                            << "Aux Zd" << 5 << int(FixtureKind::Pcb);
+    QTest::newRow("pcb:34") << 2 << 34 << false << false << false << false << "Main"
+                            << "Aux Zd" << 9 << int(FixtureKind::PcbZd3);
+    // Kind 0 or any other is a PCB bench; type 3 there is not the assembly bench's version.
+    QTest::newRow("0:3") << 0 << 3 << false << false << false << false << "Main"
+                         << "Aux Zd" << 9 << int(FixtureKind::PcbZd3);
+}
+
+void TstBenchControl::layout()
+{
+    QFETCH(int, kind);
+    QFETCH(int, type);
+    const BenchLayout l = benchLayout(kind, type);
+    QTEST(l.assembly, "assembly");
+    QTEST(l.pcbReset, "pcbReset");
+    QTEST(l.brakeBox, "brakeBox");
+    QTEST(l.brakeSupply, "brakeSupply");
+    QTEST(l.mainCaption, "mainCaption");
+    QTEST(l.auxCaption, "auxCaption");
+    QTEST(l.supplyRelayOutput, "relay");
+    QTEST(int(l.fixture), "fixture");
+    QVERIFY(l.mainSupply);
+}
+
+using BoxAction = QString (BenchControl::*)(bool);
+Q_DECLARE_METATYPE(BoxAction)
+
+void TstBenchControl::boxes_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<BoxAction>("action");
+    QTest::addColumn<bool>("ticked");
+    QTest::addColumn<QString>("sent");
+    const BoxAction main = &BenchControl::powerMain, aux = &BenchControl::powerAux,
+                    auxIn = &BenchControl::powerAuxIn, brake = &BenchControl::powerBrake,
+                    pcbMain = &BenchControl::pcbMain, reset = &BenchControl::pcbReset;
+    QTest::newRow("main") << 3 << main << true << "out 5 1";
+    QTest::newRow("main off") << 33 << main << false << "out 5 0";
+    QTest::newRow("aux on type 3") << 3 << aux << true << "out 8 1";
+    QTest::newRow("aux elsewhere") << 1 << aux << true << "out 2 1";
+    QTest::newRow("aux in") << 34 << auxIn << false << "out 6 0";
+    // The second assembly bench has a programmable brake supply: commands, never output 1.
+    QTest::newRow("brake on type 3") << 3 << brake << true << "cmd 13";
+    QTest::newRow("brake off type 3") << 3 << brake << false << "cmd 12";
+    QTest::newRow("brake elsewhere") << 1 << brake << true << "out 1 1";
+    QTest::newRow("brake off elsewhere") << 34 << brake << false << "out 1 0";
+    QTest::newRow("pcb main 33") << 33 << pcbMain << true << "out 5 1";
+    QTest::newRow("pcb main 34") << 34 << pcbMain << true << "out 9 1";
+    QTest::newRow("pcb main 3") << 3 << pcbMain << false << "out 9 0";
+    // The reset line is inverted.
+    QTest::newRow("reset ticked") << 33 << reset << true << "out 2 0";
+    QTest::newRow("reset cleared") << 33 << reset << false << "out 2 1";
+}
+
+void TstBenchControl::boxes()
+{
+    QFETCH(int, type);
+    QFETCH(BoxAction, action);
+    QFETCH(bool, ticked);
+    QFETCH(QString, sent);
+    RecordingBench bench;
+    BenchControl control(type == 3 || type == 1 ? 1 : 2, type, &bench);
+    QCOMPARE((control.*action)(ticked), QString());
+    QCOMPARE(bench.calls, QStringList({"init", sent}));
+}
+
+void TstBenchControl::firstActionInitialisesOnce_data()
+{
+    QTest::addColumn<QString>("initError");
+    QTest::newRow("init works") << "";
+    // A failed initialisation is said, and not tried again at the next action.
+    QTest::newRow("init fails") << "bench I/O not ready";
+}
+
+void TstBenchControl::firstActionInitialisesOnce()
+{
+    QFETCH(QString, initError);
+    RecordingBench bench;
+    if (!initError.isEmpty())
+        bench.refuse.insert("init", initError);
+    BenchControl control(1, 3, &bench);
+    QVERIFY(control.ioPending());
+    QCOMPARE(control.powerAuxIn(true), initError);
+    QVERIFY(!control.ioPending());
+    QCOMPARE(control.powerAuxIn(false), QString());
+    QCOMPARE(control.shutdown(true), QString());
+    QCOMPARE(control.prologue(), QString());
+    QStringList expected{"init"};
+    if (initError.isEmpty())
+        expected << "out 6 1";
+    expected << "out 6 0"
+             << "cmd 12"
+             << "cmd 11";
+    QCOMPARE(bench.calls, expected);
+}
+
+void TstBenchControl::mainSupplyReadsLeniently_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("sent");
+    QTest::newRow("empty") << ""
+                           << "0";
+    QTest::newRow("letters") << "abc"
+                             << "0";
+    QTest::newRow("negative") << "-5"
+                              << "-5";
+    QTest::newRow("exponent stops") << "1e9"
+                                    << "1";
+    QTest::newRow("decimals kept") << " 48.25 V"
+                                   << "48.25";
+    QTest::newRow("hexadecimal") << "&H30"
+                                 << "48";
+}
+
+void TstBenchControl::mainSupplyReadsLeniently()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, sent);
+    RecordingBench bench;
+    BenchControl control(1, 3, &bench);
+    QCOMPARE(control.mainSupplyOn(text), QString());
+    QCOMPARE(bench.calls, QStringList({"init", "param 27 5", "param 26 " + sent, "cmd 10"}));
+    bench.calls.clear();
+    QCOMPARE(control.brakeSupplyOn(text), QString());
+    QCOMPARE(bench.calls, QStringList({"param 29 " + sent, "cmd 13"}));
+}
+
+void TstBenchControl::refusedVoltageSwitchesNothing()
+{
+    RecordingBench bench;
+    bench.refuse.insert("param 26 -5", "out of range");
+    bench.refuse.insert("param 29 99", "brake out of range");
+    BenchControl control(1, 3, &bench);
+    QCOMPARE(control.mainSupplyOn("-5"), QString("out of range"));
+    QCOMPARE(control.brakeSupplyOn("99"), QString("brake out of range"));
+    QVERIFY(!bench.calls.contains("cmd 10"));
+    QVERIFY(!bench.calls.contains("cmd 13"));
+    // A refused shutdown step leaves the main supply as it was.
+    bench.calls.clear();
+    bench.refuse.insert("cmd 12", "brake supply does not answer");
+    QCOMPARE(control.shutdown(true), QString("brake supply does not answer"));
+    QCOMPARE(bench.calls, QStringList({"cmd 12"}));
+}
+
+void TstBenchControl::shutdown_data()
+{
+    QTest::addColumn<bool>("brakeShown");
+    QTest::addColumn<QStringList>("sent");
+    QTest::newRow("brake shown") << true << QStringList{"init", "cmd 12", "cmd 11"};
+    QTest::newRow("brake hidden") << false << QStringList{"init", "cmd 11"};
+}
+
+void TstBenchControl::shutdown()
+{
+    QFETCH(bool, brakeShown);
+    RecordingBench bench;
+    BenchControl control(1, 3, &bench);
+    QCOMPARE(control.shutdown(brakeShown), QString());
+    QTEST(bench.calls, "sent");
+}
+
+void TstBenchControl::knownOutputs()
+{
+    RecordingBench bench;
+    BenchControl control(2, 34, &bench);
+    QSignalSpy changed(&control, &BenchControl::outputChanged);
+    // The bench comes up with the board's supply relay closed.
+    QCOMPARE(control.knownOutput(9), std::optional<bool>(true));
+    QCOMPARE(control.knownOutput(5), std::nullopt);
+    QCOMPARE(control.pcbMain(true), QString());
+    QCOMPARE(changed.count(), 0);
+    QCOMPARE(control.pcbMain(false), QString());
+    QCOMPARE(changed.count(), 1);
+    QCOMPARE(changed.last(), QVariantList({9, false}));
+    // A refused switch is not remembered.
+    bench.refuse.insert("out 6 1", "output 6 stuck");
+    QCOMPARE(control.powerAuxIn(true), QString("output 6 stuck"));
+    QCOMPARE(control.knownOutput(6), std::nullopt);
+    QCOMPARE(changed.count(), 1);
+}
+
+QTEST_MAIN(TstBenchControl)
+#include "tst_benchcontrol.moc"

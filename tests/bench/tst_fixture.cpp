@@ -1,0 +1,230 @@
+// The fixture windows' rules: read-out formats, padded names, door lines, the boxes per bench,
+// and a whole refresh on a recording bench, with the failures each window meets.
+#include "fixture.h"
+#include "recordingbench.h"
+
+#include <QTest>
+
+using namespace tessel;
+using tessel::test::RecordingBench;
+
+class TstFixture : public QObject
+{
+    Q_OBJECT
+private slots:
+    void fixedPoint_data();
+    void fixedPoint();
+    void channelLines_data();
+    void channelLines();
+    void zd3NamesArePadded();
+    void doorLines();
+    void assemblyBoxes_data();
+    void assemblyBoxes();
+    void zd3Boxes_data();
+    void zd3Boxes();
+    void refresh_data();
+    void refresh();
+    void assemblyPassesOverAFailedRead();
+    void pcbStopsAtTheFirstFailure();
+    void lostServerEndsTheAssemblyRefresh();
+};
+
+void TstFixture::fixedPoint_data()
+{
+    QTest::addColumn<double>("value");
+    QTest::addColumn<QString>("two");
+    QTest::addColumn<QString>("three");
+    QTest::newRow("1.5") << 1.5 << "01.500"
+                         << "001.500";
+    QTest::newRow("100") << 100.0 << "100.000"
+                         << "100.000";
+    QTest::newRow("-3.25") << -3.25 << "-03.250"
+                           << "-003.250";
+    QTest::newRow("0") << 0.0 << "00.000"
+                       << "000.000";
+    QTest::newRow("rounds up into a digit") << 9.9996 << "10.000"
+                                            << "010.000";
+    QTest::newRow("tiny negative has no sign") << -0.0004 << "00.000"
+                                               << "000.000";
+    QTest::newRow("thousands") << 1234.5678 << "1234.568"
+                               << "1234.568";
+}
+
+void TstFixture::fixedPoint()
+{
+    QFETCH(double, value);
+    QTEST(fixedPointText(value, 2), "two");
+    QTEST(fixedPointText(value, 3), "three");
+}
+
+void TstFixture::channelLines_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<int>("channel");
+    QTest::addColumn<double>("value");
+    QTest::addColumn<QString>("line");
+    QTest::newRow("asm") << int(FixtureKind::Assembly) << 3 << 1.5 << "ch 3 cont canL = 01.500";
+    QTest::newRow("asm negative") << int(FixtureKind::Assembly) << 0 << -3.25
+                                  << "ch 0 pwr short = -03.250";
+    QTest::newRow("asm last") << int(FixtureKind::Assembly) << 5 << 100.0
+                              << "ch 5 cont aux pwr = 100.000";
+    QTest::newRow("pcb") << int(FixtureKind::Pcb) << 12 << 0.0 << "ch 12 = 000.000";
+    QTest::newRow("pcb 1.5") << int(FixtureKind::Pcb) << 0 << 1.5 << "ch 0 = 001.500";
+    QTest::newRow("zd3") << int(FixtureKind::PcbZd3) << 0 << 48.0 << "vdcbus       = 048.000";
+    QTest::newRow("zd3 unit") << int(FixtureKind::PcbZd3) << 15 << 109.0
+                              << "isupply [mA] = 109.000";
+    QTest::newRow("zd3 negative") << int(FixtureKind::PcbZd3) << 14 << -3.25
+                                  << "-5v_dig      = -003.250";
+}
+
+void TstFixture::channelLines()
+{
+    QFETCH(int, kind);
+    QFETCH(int, channel);
+    QFETCH(double, value);
+    QTEST(fixtureChannelLine(fixtureDescription(FixtureKind(kind)), channel, value), "line");
+}
+
+void TstFixture::zd3NamesArePadded()
+{
+    const FixtureDescription& d = fixtureDescription(FixtureKind::PcbZd3);
+    QCOMPARE(d.channelNames.size(), 23);
+    for (const QString& name : d.channelNames)
+        QCOMPARE(name.size(), 13);
+    QCOMPARE(d.channelNames[15], QString("isupply [mA] "));
+    QCOMPARE(d.channelNames[22], QString("vsupply      "));
+    QCOMPARE(fixtureDescription(FixtureKind::Assembly).channelNames.size(), 6);
+    QVERIFY(fixtureDescription(FixtureKind::Pcb).channelNames.isEmpty());
+}
+
+void TstFixture::doorLines()
+{
+    const FixtureDescription& zd3 = fixtureDescription(FixtureKind::PcbZd3);
+    QCOMPARE(zd3.doors.size(), 2);
+    QCOMPARE(fixtureDoorLine(zd3.doors[0], true), QString("Door SW1     = H"));
+    QCOMPARE(fixtureDoorLine(zd3.doors[1], false), QString("Door SW2     = L"));
+    QCOMPARE(zd3.doors[1].input, 10);
+    const FixtureDescription& pcb = fixtureDescription(FixtureKind::Pcb);
+    QCOMPARE(fixtureDoorLine(pcb.doors.value(0), false), QString("Door = L"));
+    QVERIFY(fixtureDescription(FixtureKind::Assembly).doors.isEmpty());
+}
+
+void TstFixture::assemblyBoxes_data()
+{
+    QTest::addColumn<int>("benchType");
+    QTest::addColumn<QString>("enabled"); // one character per box 0..10
+    QTest::newRow("version 1 (type 19)") << 19 << "11111111000";
+    QTest::newRow("version 1 (type 1)") << 1 << "11111111000";
+    QTest::newRow("version 2") << 3 << "00011111111";
+}
+
+void TstFixture::assemblyBoxes()
+{
+    QFETCH(int, benchType);
+    QFETCH(QString, enabled);
+    const FixtureDescription& d = fixtureDescription(FixtureKind::Assembly);
+    QCOMPARE(d.outputs.size(), 11);
+    QString got;
+    for (int i = 0; i < d.outputs.size(); ++i) {
+        QCOMPARE(d.outputs[i].channel, i);
+        got += fixtureOutputEnabled(d, d.outputs[i], benchType) ? '1' : '0';
+        QVERIFY(fixtureOutputVisible(d, d.outputs[i], benchType));
+    }
+    QCOMPARE(got, enabled);
+}
+
+void TstFixture::zd3Boxes_data()
+{
+    QTest::addColumn<int>("benchType");
+    QTest::addColumn<bool>("extraShown");
+    QTest::addColumn<int>("lastChannel");
+    QTest::newRow("34") << 34 << false << 21;
+    QTest::newRow("35") << 35 << true << 22;
+    QTest::newRow("0") << 0 << true << 22;
+}
+
+void TstFixture::zd3Boxes()
+{
+    QFETCH(int, benchType);
+    QFETCH(bool, extraShown);
+    const FixtureDescription& d = fixtureDescription(FixtureKind::PcbZd3);
+    QTEST(fixtureLastChannel(d, benchType), "lastChannel");
+    for (const FixtureOutput& o : d.outputs) {
+        QVERIFY(fixtureOutputEnabled(d, o, benchType));
+        QCOMPARE(fixtureOutputVisible(d, o, benchType), o.channel < 12 || extraShown);
+    }
+}
+
+void TstFixture::refresh_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<int>("benchType");
+    QTest::addColumn<int>("lines");
+    QTest::addColumn<QString>("first");
+    QTest::addColumn<QString>("firstCall");
+    QTest::newRow("asm") << int(FixtureKind::Assembly) << 3 << 6 << "ch 0 pwr short = 48.000"
+                         << "acquire";
+    QTest::newRow("pcb") << int(FixtureKind::Pcb) << 0 << 14 << "Door = H"
+                         << "input 0";
+    QTest::newRow("zd3") << int(FixtureKind::PcbZd3) << 35 << 25 << "Door SW1     = H"
+                         << "input 0";
+    QTest::newRow("zd3 type 34") << int(FixtureKind::PcbZd3) << 34 << 24 << "Door SW1     = H"
+                                 << "input 0";
+}
+
+void TstFixture::refresh()
+{
+    QFETCH(int, kind);
+    QFETCH(int, benchType);
+    QFETCH(int, lines);
+    RecordingBench bench;
+    bench.analog.insert(0, 48.0);
+    bench.inputs.insert(0, true);
+    const FixtureReadout r = readFixture(fixtureDescription(FixtureKind(kind)), benchType, &bench);
+    QCOMPARE(r.error, QString());
+    QVERIFY(r.text.endsWith("\r\n"));
+    const QStringList split = r.text.split("\r\n");
+    QCOMPARE(split.size() - 1, lines);
+    QTEST(split.first(), "first");
+    QTEST(bench.calls.first(), "firstCall");
+    // Every call is an input or a channel read besides the assembly fixture's one Acquire.
+    QCOMPARE(bench.calls.filter("acquire").size(), kind == int(FixtureKind::Assembly) ? 1 : 0);
+    QCOMPARE(bench.calls.filter("analog").size() + bench.calls.filter("input").size(), lines);
+}
+
+void TstFixture::assemblyPassesOverAFailedRead()
+{
+    RecordingBench bench;
+    bench.analog.insert(4, 0.25);
+    bench.refuse.insert("analog 3", "channel 3 not answering");
+    const FixtureReadout r = readFixture(fixtureDescription(FixtureKind::Assembly), 3, &bench);
+    QCOMPARE(r.error, QString("channel 3 not answering"));
+    const QStringList lines = r.text.split("\r\n");
+    QCOMPARE(lines.size(), 7);
+    QCOMPARE(lines[3], QString("ch 3 cont canL = n/a"));
+    QCOMPARE(lines[4], QString("ch 4 cont gnd shld = 00.250"));
+}
+
+void TstFixture::pcbStopsAtTheFirstFailure()
+{
+    RecordingBench bench;
+    bench.refuse.insert("analog 2", "analog channel 2 out of range");
+    const FixtureReadout r = readFixture(fixtureDescription(FixtureKind::PcbZd3), 0, &bench);
+    QCOMPARE(r.error, QString("analog channel 2 out of range"));
+    QCOMPARE(r.text, QString());
+    QCOMPARE(bench.calls.last(), QString("analog 2"));
+}
+
+void TstFixture::lostServerEndsTheAssemblyRefresh()
+{
+    RecordingBench bench;
+    bench.serverThere = false;
+    bench.refuse.insert("acquire", "CAN server not reachable");
+    const FixtureReadout r = readFixture(fixtureDescription(FixtureKind::Assembly), 3, &bench);
+    QCOMPARE(r.error, QString("CAN server not reachable"));
+    QCOMPARE(r.text, QString());
+    QCOMPARE(bench.calls, QStringList{"acquire"});
+}
+
+QTEST_APPLESS_MAIN(TstFixture)
+#include "tst_fixture.moc"
