@@ -16,6 +16,10 @@ private slots:
     void analogFollowsSupplies();
     void channelsOutOfRange_data();
     void channelsOutOfRange();
+    void refusedSupplyValues_data();
+    void refusedSupplyValues();
+    void overvoltage();
+    void doorsAndTrigger();
 };
 
 void TstSimBench::parseIdentity_data()
@@ -145,6 +149,85 @@ void TstSimBench::channelsOutOfRange()
     QVERIFY(state);
     QVERIFY(!bench.setOutput(32, true, &error));
     QVERIFY(!bench.setOutput(-1, true, &error));
+}
+
+void TstSimBench::refusedSupplyValues_data()
+{
+    QTest::addColumn<int>("parameter");
+    QTest::addColumn<double>("value");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("negative") << 26 << -5.0
+                              << "bench parameter 26 (main supply voltage): -5 V is out of range "
+                                 "(0 to 60 V)";
+    QTest::newRow("huge") << 29 << 1e9
+                          << "bench parameter 29 (brake supply voltage): 1000000000 V is out of "
+                             "range (0 to 60 V)";
+    QTest::newRow("current") << 27 << 20.5
+                             << "bench parameter 27 (main supply current limit): 20.5 A is out "
+                                "of range (0 to 20 A)";
+    QTest::newRow("not a number") << 26 << qQNaN()
+                                  << "bench parameter 26 (main supply voltage): nan V is out of "
+                                     "range (0 to 60 V)";
+}
+
+void TstSimBench::refusedSupplyValues()
+{
+    QFETCH(int, parameter);
+    QFETCH(double, value);
+    SimBench bench({1, 3});
+    QSignalSpy power(&bench, &SimBench::drivePowerChanged);
+    QString error;
+    QVERIFY(!bench.setParameter(parameter, value, &error));
+    QTEST(error, "error");
+    // Nothing switched: the drives keep their 48 V.
+    QCOMPARE(power.size(), 0);
+    QCOMPARE(bench.mainVoltage(), 48.0);
+}
+
+void TstSimBench::overvoltage()
+{
+    SimBench bench({1, 3});
+    QSignalSpy over(&bench, &SimBench::overvoltage);
+    QString error;
+    int status = 0;
+    QVERIFY(bench.setParameter(26, 56.0, &error)); // at the limit: no alarm
+    QCOMPARE(over.size(), 0);
+    QVERIFY(bench.setParameter(26, 58.0, &error));
+    QCOMPARE(over.size(), 1);
+    QCOMPARE(over.last().at(0).toDouble(), 58.0);
+    QVERIFY(bench.setParameter(26, 58.0, &error)); // the same again: nothing new
+    QCOMPARE(over.size(), 1);
+    // Unpowered drives notice nothing until the supply comes on.
+    QVERIFY(bench.command(11, 0, &status, &error));
+    QVERIFY(bench.setParameter(26, 59.0, &error));
+    QCOMPARE(over.size(), 1);
+    QVERIFY(bench.command(10, 0, &status, &error));
+    QCOMPARE(over.size(), 2);
+}
+
+void TstSimBench::doorsAndTrigger()
+{
+    SimBench bench({2, 33});
+    QSignalSpy inputs(&bench, &SimBench::inputChanged);
+    QString error;
+    bool closed = false;
+    QVERIFY(bench.setInput(10, false));
+    QVERIFY(!bench.setInput(16, false));
+    QCOMPARE(inputs.size(), 1);
+    QVERIFY(bench.readInput(10, &closed, &error));
+    QVERIFY(!closed);
+    QVERIFY(bench.readInput(0, &closed, &error));
+    QVERIFY(closed);
+    // Armed, the trigger reads 5 V on channel 12 until the unit's power switches.
+    double v = -1;
+    QVERIFY(bench.readAnalog(12, &v, &error));
+    QCOMPARE(v, 0.0);
+    bench.arm();
+    QVERIFY(bench.readAnalog(12, &v, &error));
+    QCOMPARE(v, 5.0);
+    QVERIFY(bench.setOutput(5, false, &error));
+    QVERIFY(bench.readAnalog(12, &v, &error));
+    QCOMPARE(v, 0.0);
 }
 
 QTEST_GUILESS_MAIN(TstSimBench)
