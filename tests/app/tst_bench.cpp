@@ -1,0 +1,314 @@
+// The bench panel, the fixture windows and the alarm log end to end, against the real server
+// with each of its simulated benches: what the panel shows, the drive going silent and booting
+// again with its supply, the read-outs, the alarm log with an alarm raised by the bench.
+#include "benchpanel.h"
+#include "fixture.h"
+#include "frmacq.h"
+#include "frmalarms.h"
+#include "tesselharness.h"
+
+#include <QCheckBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QRegularExpression>
+#include <QTest>
+
+using namespace tessel;
+using tessel::test::Tessel;
+
+class TstBench : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase() { m_bench.useOwnSettings(); }
+    void cleanup() { m_bench.server.reset(); }
+    void panelPerBench_data();
+    void panelPerBench();
+    void supplyTextsAsTyped_data();
+    void supplyTextsAsTyped();
+    void fixtureReadOut_data();
+    void fixtureReadOut();
+    void autoRefreshStopsOnceWhenTheServerGoes();
+    void alarmLogSortedAndGrowing();
+    void alarmLogOfAMissingNodeBeeps();
+
+private:
+    bool start(const QString& bench, const QStringList& more = {})
+    {
+        m_bench.server = std::make_unique<qorcalib::test::ServerProcess>();
+        return m_bench.server->start(QStringList{"--unpaced", "--bench", bench} + more);
+    }
+    // Heartbeats and boot-ups of the drive traced after `from`.
+    static int driveFrames(const Tessel& t, qsizetype from)
+    {
+        return int(t.trace().mid(from).count(QRegularExpression("R0 701 1 ")));
+    }
+    static bool silentFor(const Tessel& t, int ms)
+    {
+        const qsizetype from = t.trace().size();
+        QTest::qWait(ms);
+        return driveFrames(t, from) == 0;
+    }
+    static bool bootsUp(const Tessel& t, qsizetype from)
+    {
+        return QTest::qWaitFor(
+            [&] { return t.trace().mid(from).contains(QRegularExpression("R0 701 1 \\S+ > 00 ")); },
+            3000);
+    }
+
+    tessel::test::WindowTestBench m_bench;
+};
+
+void TstBench::panelPerBench_data()
+{
+    QTest::addColumn<QString>("bench");
+    QTest::addColumn<bool>("assembly");
+    QTest::addColumn<bool>("reset");
+    QTest::addColumn<bool>("brakeSupply");
+    QTest::addColumn<QString>("captions"); // the power boxes of the visible group
+    QTest::newRow("asm:3") << "asm:3" << true << false << true << "Sgnl AuxPwr Aux In Brake";
+    QTest::newRow("asm:1") << "asm:1" << true << false << false << "Main En PR Aux In Brake";
+    QTest::newRow("pcb:33") << "pcb:33" << false << true << false << "PCB Main PCB RS";
+    QTest::newRow("pcb:34") << "pcb:34" << false << false << false << "PCB Main";
+}
+
+void TstBench::panelPerBench()
+{
+    QFETCH(QString, bench);
+    QFETCH(bool, assembly);
+    QFETCH(bool, reset);
+    QFETCH(bool, brakeSupply);
+    QVERIFY(start(bench));
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    BenchPanel* p = t.window.benchPanel;
+    QCOMPARE(p->picAsm->isVisibleTo(&t.window), assembly);
+    QCOMPARE(p->picPcb->isVisibleTo(&t.window), !assembly);
+    QCOMPARE(p->chkPCBReset->isVisibleTo(&t.window), reset);
+    QCOMPARE(p->chkPowerBrake->isVisibleTo(&t.window), assembly);
+    QCOMPARE(p->txtBrkVout->isVisibleTo(&t.window), brakeSupply);
+    QCOMPARE(p->cmdDoBrkVout->isVisibleTo(&t.window), brakeSupply);
+    QVERIFY(p->txtVout->isVisibleTo(&t.window) && p->cmdShutdown->isVisibleTo(&t.window));
+    QCOMPARE(p->cmdShutdown->text(), QString("Shut"));
+    QCOMPARE(p->cmdAlarms->text(), QString("Alarms"));
+    QStringList captions;
+    for (QCheckBox* box : (assembly ? p->picAsm : p->picPcb)->findChildren<QCheckBox*>())
+        if (box->isVisibleTo(&t.window))
+            captions << box->text();
+    QTEST(captions.join(' '), "captions");
+
+    // The unit's supply relay, ticked as the bench comes up: cleared, the drive goes silent;
+    // ticked again, it boots.
+    QCheckBox* relay = assembly ? p->chkPowerMain : p->chkPCBMain;
+    QTRY_VERIFY_WITH_TIMEOUT(driveFrames(t, 0) > 0, 3000);
+    QVERIFY(relay->isChecked());
+    relay->click();
+    QVERIFY(silentFor(t, 1300));
+    qsizetype from = t.trace().size();
+    relay->click();
+    QVERIFY(bootsUp(t, from));
+    // The main supply: "Shut" silences the drive, "Main on" brings its boot-up back.
+    QTest::mouseClick(p->cmdShutdown, Qt::LeftButton);
+    QVERIFY(silentFor(t, 1300));
+    from = t.trace().size();
+    QTest::mouseClick(p->cmdDoVout, Qt::LeftButton);
+    QVERIFY(bootsUp(t, from));
+    QCOMPARE(t.messages, QStringList());
+}
+
+void TstBench::supplyTextsAsTyped_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("message");
+    QTest::addColumn<bool>("powered"); // afterwards
+    // Out of the bench's range: said, and nothing switched.
+    QTest::newRow("-5") << "-5"
+                        << "bench parameter 26 (main supply voltage): -5 V is out of range (0 "
+                           "to 60 V)"
+                        << true;
+    // Read leniently: 0 V, 0 V and 1 V, which the bench takes and the drive cannot run on.
+    QTest::newRow("empty") << ""
+                           << "" << false;
+    QTest::newRow("abc") << "abc"
+                         << "" << false;
+    QTest::newRow("1e9") << "1e9"
+                         << "" << false;
+}
+
+void TstBench::supplyTextsAsTyped()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, message);
+    QFETCH(bool, powered);
+    QVERIFY(start("asm:3"));
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(driveFrames(t, 0) > 0, 3000);
+    t.window.benchPanel->txtVout->setText(text);
+    t.window.benchPanel->cmdDoVout_Click();
+    QCOMPARE(t.messages, message.isEmpty() ? QStringList() : QStringList{message});
+    QCOMPARE(silentFor(t, 1300), !powered);
+    QCOMPARE(QGuiApplication::overrideCursor(), nullptr);
+}
+
+void TstBench::fixtureReadOut_data()
+{
+    QTest::addColumn<QString>("bench");
+    QTest::addColumn<QString>("window");
+    QTest::addColumn<QString>("enabled"); // the boxes' channels that are enabled and shown
+    QTest::addColumn<int>("lines");
+    QTest::addColumn<QString>("pattern"); // every channel line
+    QTest::newRow("asm:3") << "asm:3"
+                           << "frmAcqAsm"
+                           << "3 4 5 6 7 8 9 10" << 6 << "^ch \\d [a-zA-Z ]+ = -?\\d{2,}\\.\\d{3}$";
+    QTest::newRow("asm:1") << "asm:1"
+                           << "frmAcqAsm"
+                           << "0 1 2 3 4 5 6 7" << 6 << "^ch \\d [a-zA-Z ]+ = -?\\d{2,}\\.\\d{3}$";
+    QTest::newRow("pcb:33") << "pcb:33"
+                            << "frmAcqPcb"
+                            << "1 2 3 5 6 7" << 14
+                            << "^(Door = H|ch \\d{1,2} = -?\\d{3,}\\.\\d{3})$";
+    QTest::newRow("pcb:34") << "pcb:34"
+                            << "frmAcqPcbZd3"
+                            << "1 3 5 6 7 8 9 11" << 24
+                            << "^(Door SW[12]     = H|.{13}= -?\\d{3,}\\.\\d{3})$";
+    QTest::newRow("pcb:35") << "pcb:35"
+                            << "frmAcqPcbZd3"
+                            << "1 3 5 6 7 8 9 11 12 13 14 15" << 25
+                            << "^(Door SW[12]     = H|.{13}= -?\\d{3,}\\.\\d{3})$";
+}
+
+void TstBench::fixtureReadOut()
+{
+    QFETCH(QString, bench);
+    QFETCH(int, lines);
+    QFETCH(QString, pattern);
+    QVERIFY(start(bench));
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    BenchPanel* p = t.window.benchPanel;
+    QTest::mouseClick(p->cmdAcq, Qt::LeftButton);
+    FrmAcq* w = p->fixtureWindow(p->control()->layout().fixture);
+    QVERIFY(w && w->isVisible());
+    QTEST(w->objectName(), "window");
+    QStringList enabled;
+    for (auto it = w->chkDig.cbegin(); it != w->chkDig.cend(); ++it)
+        if (it.value()->isEnabled() && it.value()->isVisibleTo(w))
+            enabled << QString::number(it.key());
+    QTEST(enabled.join(' '), "enabled");
+    // Nothing is read until asked.
+    QTest::qWait(700);
+    QCOMPARE(w->readout(), QString());
+    QTest::mouseClick(w->cmdRefresh, Qt::LeftButton);
+    QStringList got = w->readout().split("\r\n");
+    QCOMPARE(got.takeLast(), QString());
+    QCOMPARE(got.size(), lines);
+    for (const QString& line : got)
+        QVERIFY2(QRegularExpression(pattern).match(line).hasMatch(), qPrintable(line));
+    QCOMPARE(w->Text1->toPlainText(), got.join('\n') + '\n');
+
+    // The fixture's main supply box is the panel's relay box: switching one shows in the other.
+    const int relay = p->control()->layout().supplyRelayOutput;
+    if (QCheckBox* box = w->chkDig.value(relay); box && box->isEnabled()) {
+        QVERIFY(box->isChecked());
+        box->click();
+        QVERIFY(!(p->control()->layout().assembly ? p->chkPowerMain : p->chkPCBMain)->isChecked());
+        QVERIFY(silentFor(t, 1300));
+    }
+    // Auto refresh: the read-out is read again and again, with the noise of real channels.
+    QSet<QString> seen;
+    w->Check1->setChecked(true);
+    QVERIFY(QTest::qWaitFor(
+        [&] {
+            seen.insert(w->readout());
+            return seen.size() >= 3;
+        },
+        3000));
+    w->close();
+    QVERIFY(!w->Timer1.isActive());
+    QCOMPARE(t.messages, QStringList());
+}
+
+void TstBench::autoRefreshStopsOnceWhenTheServerGoes()
+{
+    QVERIFY(start("pcb:34"));
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    t.window.tmrStato.stop();
+    BenchPanel* p = t.window.benchPanel;
+    p->cmdAcq_Click();
+    FrmAcq* w = p->fixtureWindow(FixtureKind::PcbZd3);
+    w->Check1->setChecked(true);
+    QTRY_VERIFY(!w->readout().isEmpty());
+    const QString last = w->readout();
+    m_bench.server->kill();
+    QTRY_VERIFY_WITH_TIMEOUT(!w->Check1->isChecked(), 5000);
+    QTest::qWait(1500);
+    QCOMPARE(t.messages.filter("Auto refresh stopped").size(), 1);
+    QVERIFY(t.messages.filter("Auto refresh stopped")
+                .first()
+                .startsWith("Auto refresh stopped: CAN server not reachable"));
+    // What was read last stays to be read; the window closes.
+    QCOMPARE(w->readout(), last);
+    QVERIFY(w->close());
+    QVERIFY(!w->isVisible());
+}
+
+void TstBench::alarmLogSortedAndGrowing()
+{
+    QVERIFY(start("asm:3"));
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    QTRY_VERIFY_WITH_TIMEOUT(driveFrames(t, 0) > 0, 3000);
+    BenchPanel* p = t.window.benchPanel;
+    QTest::mouseClick(p->cmdAlarms, Qt::LeftButton);
+    FrmAlarms* w = p->alarmsWindow();
+    QVERIFY(w && w->isVisible());
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    const auto alarms = [&] {
+        QStringList firsts;
+        const QStringList lines = w->text().split("\r\n");
+        for (int i = 0; i + 12 <= lines.size(); i += 12)
+            firsts << lines[i].mid(9) + " @" + lines[i + 11].mid(9);
+        return firsts;
+    };
+    // Sorted by time stamp; the two alarms of one scan in the order the drive logged them.
+    QCOMPARE(alarms(),
+             QStringList({"7 Encoder @1204210", "13 Limite temperatura motore @1250100",
+                          "2 Overvoltage @1250460", "12 Fast overvoltage @1250460",
+                          "22 Software WDT/trap @1311005", "15 Limite di corrente @1312870"}));
+    QCOMPARE(w->text().count("\r\n"), 72);
+    QCOMPARE(w->txtList->toPlainText().count('\n'), 72);
+    // The supply set above the drive's limit: the drive logs an overvoltage, read next time.
+    p->txtVout->setText("58");
+    QTest::mouseClick(p->cmdDoVout, Qt::LeftButton);
+    QTest::mouseClick(p->cmdAlarms, Qt::LeftButton);
+    const QStringList now = alarms();
+    QCOMPARE(now.size(), 7);
+    QVERIFY2(now.last().startsWith("2 Overvoltage @13"), qPrintable(now.last()));
+    QVERIFY(w->text().contains("00000244 580\r\n")); // the bus at 58.0 V
+}
+
+void TstBench::alarmLogOfAMissingNodeBeeps()
+{
+    QVERIFY(start("asm:3"));
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    int beeps = 0;
+    BenchPanel* p = t.window.benchPanel;
+    p->beep = [&beeps] { ++beeps; };
+    t.window.txtFWNode->setText("5");
+    p->cmdAlarms_Click();
+    QCOMPARE(beeps, 1);
+    QCOMPARE(p->alarmsWindow(), nullptr);
+    QCOMPARE(QGuiApplication::overrideCursor(), nullptr);
+    QVERIFY(!t.window.txtAbort->text().isEmpty());
+    // The monitor follows the bus again.
+    const qsizetype from = t.trace().size();
+    QTRY_VERIFY_WITH_TIMEOUT(driveFrames(t, from) > 0, 3000);
+}
+
+QTEST_MAIN(TstBench)
+#include "tst_bench.moc"
