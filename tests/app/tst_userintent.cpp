@@ -145,9 +145,8 @@ void TstUserIntent::sliderLetGoDuringAWaitIsReleased()
     // is let go while it lasts: the slider must not stay grabbed afterwards.
     QTest::mousePress(slider, Qt::LeftButton, {}, handle);
     QVERIFY(slider->isSliderDown());
-    QTimer::singleShot(200, slider, [slider, handle] {
-        QTest::mouseRelease(slider, Qt::LeftButton, {}, handle);
-    });
+    QTimer::singleShot(
+        200, slider, [slider, handle] { QTest::mouseRelease(slider, Qt::LeftButton, {}, handle); });
     t.window.sdoPanel->cmbIndex->setCurrentText("7e,1018,1");
     t.window.sdoPanel->cmdUpload_Click();
     QCOMPARE(t.window.txtAbort->text(), QString("SDO timeout"));
@@ -357,7 +356,7 @@ void TstUserIntent::tabFollowsTheLayout()
     QVERIFY(QTest::qWaitForWindowExposed(&t.window));
     QStringList visited;
     QWidget* w = t.window.chkCanEnable[0];
-    for (int i = 0; i < 60 && w; ++i) {
+    for (int i = 0; i < 200 && w; ++i) {
         if ((w->focusPolicy() & Qt::TabFocus) && w->isEnabled() && w->isVisible())
             visited << w->objectName();
         w = w->nextInFocusChain();
@@ -365,11 +364,12 @@ void TstUserIntent::tabFollowsTheLayout()
             break;
     }
     QVERIFY(!visited.contains("txtAbort"));
-    const QStringList expected{"chkCanEnable_0", "cmbBaud_0",     "cmbBaud_1",   "cmdNMT_0",
-                               "cmdNMT_4",       "cmbIndex",      "cmdUpload",   "cmdDownload",
-                               "txtDataHex",     "cmdClear",      "txtDataText", "txtByte",
-                               "txtWord",        "txtLong",       "cmdGetVect",  "txtVectGet",
-                               "txtSDOTimeOut",  "cmdSetSDOTout", "cmdDiagno",   "cmdEDS"};
+    const QStringList expected{
+        "chkCanEnable_0", "cmbBaud_0",     "cmbBaud_1",     "cmdNMT_0",   "cmdNMT_4",
+        "cmbIndex",       "cmdUpload",     "cmdDownload",   "txtDataHex", "cmdClear",
+        "txtDataText",    "txtByte",       "txtWord",       "txtLong",    "cmdGetVect",
+        "txtVectGet",     "txtSDOTimeOut", "cmdSetSDOTout", "cmdUpgrade", "chkPowerMain",
+        "cmdAlarms",      "txtVout",       "cmdShutdown",   "cmdDiagno",  "cmdEDS"};
     int at = -1;
     for (const QString& name : expected) {
         const int next = int(visited.indexOf(name));
