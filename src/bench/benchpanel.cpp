@@ -119,7 +119,7 @@ BenchPanel::BenchPanel(CanLink* link, QLineEdit* txtFWNode, QLineEdit* txtAbort,
     boxes->addWidget(cmdAcq);
     boxes->addWidget(cmdAlarms);
     auto* supplies = new QHBoxLayout;
-    auto* vout = new QLabel(QStringLiteral("&Vout:"), this);
+    auto* vout = new QLabel(QStringLiteral("V&out:"), this);
     vout->setBuddy(txtVout);
     auto* brkVout = new QLabel(QStringLiteral("Brake V:"), this);
     brkVout->setBuddy(txtBrkVout);
