@@ -163,12 +163,13 @@ void BenchPanel::setBench(int kind, int type, BenchPort* port)
             m_linkPort = std::make_unique<LinkBenchPort>(m_link);
         port = m_linkPort.get();
     }
-    m_control = std::make_unique<BenchControl>(kind, type, port);
-    connect(m_control.get(), &BenchControl::outputChanged, this, &BenchPanel::showOutputs);
+    // The windows of another bench go with the control they worked through.
     for (FrmAcq*& w : m_fixtures) {
         delete w;
         w = nullptr;
     }
+    m_control = std::make_unique<BenchControl>(kind, type, port);
+    connect(m_control.get(), &BenchControl::outputChanged, this, &BenchPanel::showOutputs);
     const BenchLayout& l = m_control->layout();
     picAsm->setVisible(l.assembly);
     picPcb->setVisible(!l.assembly);
