@@ -1,3 +1,4 @@
+#include "benchpanel.h"
 #include "canmsg.h"
 #include "frmdiagno.h"
 #include "frmmain.h"
@@ -6,6 +7,7 @@
 #include "serverprocess.h"
 #include "startup.h"
 #include "tesselharness.h"
+#include "upgradepanel.h"
 
 #include <QCheckBox>
 #include <QComboBox>
@@ -202,7 +204,12 @@ void TstFrmMain::selectionMovesToLowestEnabled()
     w.chkCanEnable[0]->setChecked(false);
     // None left: the selection keeps its last value, the bus buttons go off.
     QCOMPARE(w.selectedController(), 0);
-    QVERIFY(!w.cmdNMT[2]->isEnabled());
+    for (QPushButton* b : {w.cmdNMT[2], w.cmdLSSSet, w.sdoPanel->cmdUpload,
+                           w.upgradePanel->cmdUpgrade, w.upgradePanel->cmdStopOnBoot[1],
+                           w.upgradePanel->cmdEnUpgrade, w.benchPanel->cmdAlarms})
+        QVERIFY2(!b->isEnabled(), qPrintable(b->objectName()));
+    // The bench is no bus: its controls stay.
+    QVERIFY(w.benchPanel->cmdDoVout->isEnabled() && w.benchPanel->cmdAcq->isEnabled());
     // A disabled controller's bit rate is only remembered; the server keeps its own.
     w.cmbBaud[0]->setCurrentIndex(4);
     QString error;
