@@ -59,8 +59,6 @@ public:
     void initIo() { m_ioInitialised = true; }
     void acquire();
     void arm() { m_armed = true; }
-    bool armed() const { return m_armed; }
-    bool ioInitialised() const { return m_ioInitialised; }
     bool setInput(int channel, bool state);
     bool readAnalog(int channel, double* value, QString* error);
     bool readInput(int channel, bool* state, QString* error) const;
