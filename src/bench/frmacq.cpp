@@ -137,7 +137,13 @@ void FrmAcq::Timer1_Timer()
 
 void FrmAcq::refresh()
 {
+    // The calls wait with events running: a tick that comes meanwhile must not start a second
+    // refresh inside the first.
+    if (m_refreshing)
+        return;
+    m_refreshing = true;
     const FixtureReadout r = readFixture(m_description, m_benchType, m_control->port());
+    m_refreshing = false;
     if (!r.text.isEmpty() || r.error.isEmpty()) {
         m_readout = r.text;
         Text1->setPlainText(QString(r.text).replace(QLatin1String("\r\n"), QLatin1String("\n")));

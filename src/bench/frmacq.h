@@ -67,6 +67,7 @@ private:
     int m_benchType = 0;
     QString m_readout;
     bool m_positioned = false;
+    bool m_refreshing = false;
 };
 
 } // namespace tessel
