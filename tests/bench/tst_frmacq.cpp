@@ -1,0 +1,102 @@
+// A fixture window on a recording bench: the calls its boxes and buttons make, a refused
+// output, and auto refresh that never runs a refresh inside another one.
+#include "benchcontrol.h"
+#include "frmacq.h"
+#include "recordingbench.h"
+
+#include <QCheckBox>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QTest>
+
+using namespace tessel;
+using tessel::test::RecordingBench;
+
+namespace {
+// Each analog read takes a while, with events running, as a call to a busy server does.
+class SlowBench : public RecordingBench
+{
+public:
+    int depth = 0;
+    int deepest = 0;
+    QString readAnalog(int channel, double* value) override
+    {
+        deepest = std::max(deepest, ++depth);
+        QTest::qWait(60);
+        --depth;
+        return RecordingBench::readAnalog(channel, value);
+    }
+};
+} // namespace
+
+class TstFrmAcq : public QObject
+{
+    Q_OBJECT
+private slots:
+    void boxesAndButtonsCall();
+    void refusedOutputGoesBack();
+    void autoRefreshNeverNests();
+};
+
+void TstFrmAcq::boxesAndButtonsCall()
+{
+    RecordingBench bench;
+    BenchControl control(2, 33, &bench);
+    QVERIFY(control.prologue().isEmpty());
+    FrmAcq w(fixtureDescription(FixtureKind::Pcb), &control, nullptr, nullptr);
+    w.setBenchType(33);
+    QCOMPARE(w.objectName(), QString("frmAcqPcb"));
+    QCOMPARE(w.cmdArm->objectName(), QString("Command1"));
+    QCOMPARE(w.cmdGet->objectName(), QString("Command2"));
+    QCOMPARE(w.cmdRefresh->objectName(), QString("Command3"));
+    // The unit's supply relay is known closed; the others are not known and show open.
+    QVERIFY(w.chkDig.value(5)->isChecked());
+    QVERIFY(!w.chkDig.value(7)->isChecked());
+    bench.calls.clear();
+    w.chkDig.value(7)->click();
+    w.chkDig.value(5)->click();
+    QTest::mouseClick(w.cmdArm, Qt::LeftButton);
+    QCOMPARE(bench.calls, QStringList({"out 7 1", "out 5 0", "arm"}));
+    bench.calls.clear();
+    QTest::mouseClick(w.cmdGet, Qt::LeftButton);
+    QCOMPARE(bench.calls.size(), 14);
+    QCOMPARE(bench.calls.first(), QString("input 0"));
+    QCOMPARE(w.readout().count("\r\n"), 14);
+    QVERIFY(w.Text1->toPlainText().startsWith("Door = L\nch 0 = 000.000\n"));
+    // A box switched elsewhere shows here.
+    control.setOutput(7, false);
+    QVERIFY(!w.chkDig.value(7)->isChecked());
+}
+
+void TstFrmAcq::refusedOutputGoesBack()
+{
+    RecordingBench bench;
+    bench.refuse.insert("out 9 1", "output 9 stuck");
+    BenchControl control(1, 3, &bench);
+    FrmAcq w(fixtureDescription(FixtureKind::Assembly), &control, nullptr, nullptr);
+    w.setBenchType(3);
+    QStringList messages;
+    w.showMessage = [&](const QString& m) { messages << m; };
+    QVERIFY(!w.chkDig.value(0)->isEnabled());
+    w.chkDig.value(9)->click();
+    QVERIFY(!w.chkDig.value(9)->isChecked());
+    QCOMPARE(messages, QStringList{"output 9 stuck"});
+    QCOMPARE(bench.calls, QStringList({"init", "out 9 1"}));
+}
+
+void TstFrmAcq::autoRefreshNeverNests()
+{
+    SlowBench bench;
+    BenchControl control(2, 34, &bench);
+    FrmAcq w(fixtureDescription(FixtureKind::PcbZd3), &control, nullptr, nullptr);
+    w.setBenchType(34);
+    // Each refresh takes 22 x 60 ms, longer than the timer's 500 ms.
+    w.Check1->setChecked(true);
+    QTRY_VERIFY_WITH_TIMEOUT(bench.calls.filter("analog 21").size() >= 2, 8000);
+    w.Check1->setChecked(false);
+    QCOMPARE(bench.deepest, 1);
+    QCOMPARE(w.readout().count("\r\n"), 24);
+}
+
+QTEST_MAIN(TstFrmAcq)
+#include "tst_frmacq.moc"
