@@ -137,8 +137,8 @@ void FrmAcq::Timer1_Timer()
 
 void FrmAcq::refresh()
 {
-    // The calls wait with events running: a tick that comes meanwhile must not start a second
-    // refresh inside the first.
+    // The calls wait with events running: a refresh asked for meanwhile (a tick, "Get") must not
+    // start inside the first.
     if (m_refreshing)
         return;
     m_refreshing = true;

@@ -8,6 +8,9 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTest>
+#include <QTimer>
+
+#include <utility>
 
 using namespace tessel;
 using tessel::test::RecordingBench;
@@ -19,9 +22,12 @@ class SlowBench : public RecordingBench
 public:
     int depth = 0;
     int deepest = 0;
+    std::function<void()> during; // once, from within the first slow read
     QString readAnalog(int channel, double* value) override
     {
         deepest = std::max(deepest, ++depth);
+        if (during)
+            QTimer::singleShot(10, std::exchange(during, {}));
         QTest::qWait(60);
         --depth;
         return RecordingBench::readAnalog(channel, value);
@@ -90,7 +96,9 @@ void TstFrmAcq::autoRefreshNeverNests()
     BenchControl control(2, 34, &bench);
     FrmAcq w(fixtureDescription(FixtureKind::PcbZd3), &control, nullptr, nullptr);
     w.setBenchType(34);
-    // Each refresh takes 22 x 60 ms, longer than the timer's 500 ms.
+    // Each refresh takes 22 x 60 ms, longer than the timer's 500 ms; and a refresh is asked for
+    // while one waits.
+    bench.during = [&w] { w.refresh(); };
     w.Check1->setChecked(true);
     QTRY_VERIFY_WITH_TIMEOUT(bench.calls.filter("analog 21").size() >= 2, 8000);
     w.Check1->setChecked(false);
