@@ -1,5 +1,7 @@
 #pragma once
 
+#include "serialloader.h"
+
 #include <QObject>
 #include <QRandomGenerator>
 #include <QVector>
@@ -53,8 +55,9 @@ public:
 
     bool command(int command, int argument, int* status, QString* error);
     bool setParameter(int parameter, double value, QString* error);
-    int testState() const { return m_testState; }
-    void setTestState(int state) { m_testState = state; }
+    // The serial link to the unit (GetTestState is its state); it loads while the unit has power.
+    SerialLoader* serialLoader() { return &m_serial; }
+    int testState() const { return m_serial.state(); }
 
     void initIo() { m_ioInitialised = true; }
     void acquire();
@@ -95,7 +98,7 @@ private:
     bool m_powered = false;
     bool m_transfer = false;
     bool m_cycling = false; // the supply is off for a power cycle
-    int m_testState = 0;
+    SerialLoader m_serial{[this] { return drivesPowered(); }};
     QRandomGenerator m_noise{0x5eed};
 };
 

@@ -14,8 +14,6 @@ namespace qorcalib {
 
 namespace {
 
-const QString kNotSupported = QStringLiteral("not supported by this server");
-
 // A client's text quoted in an error description is cut to a readable length.
 QString clipped(const QString& text)
 {
@@ -259,7 +257,7 @@ public:
         return BenchInfoReply(bench->identity().kind, bench->identity().type, bench->boardVersion(),
                               {});
     }
-    RequestReply LoadSerialImage(QByteArray) override { return RequestReply(0, kNotSupported); }
+    RequestReply LoadSerialImage(QByteArray image) override { return m_s->startSerialLoad(image); }
     IntReply GetTestState() override { return IntReply(m_s->core()->bench()->testState(), {}); }
 
 private:
@@ -381,6 +379,7 @@ Session::~Session()
         m_core->bootRunner(c)->dropSession(m_id);
         m_core->channel(c)->dropSession(m_id);
     }
+    m_core->bench()->serialLoader()->dropOwner(m_id);
     if (m_node)
         for (const auto& [object, name] : m_objects->all())
             m_node->disableRemoting(object);
@@ -476,6 +475,23 @@ RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitR
         emit notify->OperationDone(OperationResult(requestId, rate, o.nodeId, 0, o.error));
     };
     error = m_core->lssRunner(channel)->submit(std::move(request));
+    if (!error.isEmpty())
+        return RequestReply(0, error);
+    return RequestReply(requestId, {});
+}
+
+RequestReply Session::startSerialLoad(const QByteArray& image)
+{
+    const int requestId = m_nextRequest++;
+    auto* notify = &m_objects->notify;
+    const QString error = m_core->bench()->serialLoader()->start(
+        image, m_id, [notify](double fraction) { emit notify->ProgressNotify(fraction); },
+        [notify, requestId](int state) {
+            // The state has changed when the progress comes back to 0: a client waiting for the
+            // load reads it then.
+            emit notify->ProgressNotify(0.0);
+            emit notify->OperationDone(OperationResult(requestId, {}, state, 0, {}));
+        });
     if (!error.isEmpty())
         return RequestReply(0, error);
     return RequestReply(requestId, {});

@@ -57,6 +57,9 @@ public:
     // A boot catch on a controller; its result comes as OperationDone: the boot loader's version
     // as the value (0: none answered) and the caught node-ID as the one byte of data.
     RequestReply startBootCatch(int channel, int node, int bitRateIndex);
+    // Loads an image into the unit over the bench's serial link; progress as ProgressNotify,
+    // back to 0 at the end, then OperationDone with the test state as its value.
+    RequestReply startSerialLoad(const QByteArray& image);
 
 private:
     void onFrames(int controller, const QVector<BusFrame>& frames);
