@@ -8,6 +8,7 @@
 #include "frminviamesg.h"
 #include "frmio.h"
 #include "frmseq.h"
+#include "frmxboot.h"
 #include "hexhelpers.h"
 #include "inputblocker.h"
 #include "machinesettings.h"
@@ -207,6 +208,12 @@ void FrmMain::buildWindow()
                                      "slot and send it"));
     connect(cmdIO, &QPushButton::clicked, this, &FrmMain::cmdIO_Click);
     tools->addWidget(cmdIO);
+    cmdXBoot = new QPushButton(QStringLiteral("&Production..."), central);
+    cmdXBoot->setObjectName(QStringLiteral("cmdXBoot"));
+    cmdXBoot->setToolTip(QStringLiteral("Open production programming: JTAG and serial "
+                                        "programming with the line's serial numbers"));
+    connect(cmdXBoot, &QPushButton::clicked, this, &FrmMain::cmdXBoot_Click);
+    tools->addWidget(cmdXBoot);
     tools->addStretch();
 
     layout->addWidget(fraCtrl);
@@ -280,12 +287,20 @@ void FrmMain::beginBenchTransfer()
 
 void FrmMain::onProgressNotified(double fraction)
 {
-    if (!m_transferPending || CanLink::progressPercent(fraction) > 0.0f)
-        return;
-    m_transferPending = false;
-    QString error;
-    if (!m_link.boardCommand(17, 0, &error))
-        showMessage(error);
+    if (m_transferPending && CanLink::progressPercent(fraction) <= 0.0f) {
+        m_transferPending = false;
+        QString error;
+        if (!m_link.boardCommand(17, 0, &error))
+            showMessage(error);
+    }
+    // A serial load awaited by the production window has ended once the link's state is no
+    // longer "loading".
+    if (m_link.productionRun) {
+        QString error;
+        const auto state = m_link.testState(&error);
+        if (state && *state != 1 && m_xboot)
+            m_xboot->loadCompleted();
+    }
 }
 
 void FrmMain::setTabOrderByLayout()
@@ -297,7 +312,7 @@ void FrmMain::setTabOrderByLayout()
     for (QPushButton* b : cmdNMT)
         order << b;
     order << txtFWNode << cmdLSSGet << cmdLSSSet << sdoPanel->tabOrder() << upgradePanel->tabOrder()
-          << benchPanel->tabOrder() << cmdDiagno << cmdEDS << cmdIO;
+          << benchPanel->tabOrder() << cmdDiagno << cmdEDS << cmdIO << cmdXBoot;
     for (qsizetype i = 1; i < order.size(); ++i)
         QWidget::setTabOrder(order[i - 1], order[i]);
 }
@@ -435,6 +450,10 @@ void FrmMain::formUnload()
     WindowPlacement::saveGeometry(this, objectName());
     for (QWidget* w : carriedWindows() + benchPanel->toolWindows())
         WindowPlacement::saveGeometry(w, w->objectName());
+    if (m_xboot) {
+        m_xboot->saveSettings();
+        WindowPlacement::saveGeometry(m_xboot, m_xboot->objectName());
+    }
     // Not quit(): that asks every window to close first, and the CAN monitor, which only hides
     // when closed, would refuse and keep the program running. exit() leaves the event loop at
     // once; outside one (a window driven by a test) there is nothing to leave, and exit() would
@@ -640,6 +659,17 @@ void FrmMain::cmdDiagno_Click()
     if (!m_monitor)
         return;
     WindowPlacement::bringToFront(m_monitor);
+}
+
+void FrmMain::cmdXBoot_Click()
+{
+    if (!m_xboot) {
+        m_xboot = new FrmXBoot(&m_link, &m_placement, this, this);
+        m_xboot->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 200));
+        WindowPlacement::restoreGeometry(m_xboot, m_xboot->objectName());
+        m_xboot->showMessage = [this](const QString& text) { showMessage(text); };
+    }
+    WindowPlacement::bringToFront(m_xboot);
 }
 
 void FrmMain::cmdEDS_Click()

@@ -24,6 +24,7 @@ class BenchPanel;
 class FrmDiagno;
 class FrmAbort;
 class FrmEDS;
+class FrmXBoot;
 class FrmIO;
 class SdoPanel;
 class UpgradePanel;
@@ -79,6 +80,7 @@ public:
     QPushButton* cmdDiagno = nullptr;
     QPushButton* cmdEDS = nullptr;
     QPushButton* cmdIO = nullptr;
+    QPushButton* cmdXBoot = nullptr;
     SdoPanel* sdoPanel = nullptr;
     UpgradePanel* upgradePanel = nullptr;
     BenchPanel* benchPanel = nullptr;
@@ -94,6 +96,8 @@ public:
     void cmdDiagno_Click();
     void cmdEDS_Click();
     void cmdIO_Click();
+    void cmdXBoot_Click();
+    FrmXBoot* productionWindow() const { return m_xboot; }
     FrmIO* objectSlider() const { return m_io; }
     // Set by a boot catch that had the bench begin a firmware transfer; the end of the next
     // transfer (its progress back at 0) ends the bench's transfer (command 17).
@@ -133,6 +137,7 @@ private:
     FrmDiagno* m_monitor = nullptr;
     FrmEDS* m_eds = nullptr;
     FrmIO* m_io = nullptr;
+    FrmXBoot* m_xboot = nullptr;
     FrmAbort* m_abort = nullptr;
     std::function<void(const QString&)> m_message;
     int m_selected = 0;

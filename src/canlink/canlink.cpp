@@ -541,6 +541,24 @@ std::optional<int> CanLink::boardCommand(int command, int argument, QString* err
         error, &IntReply::value);
 }
 
+QString CanLink::loadSerialImage(const QByteArray& image)
+{
+    QString error;
+    ServerConnection* c = live(&error);
+    if (!c)
+        return error;
+    const auto reply = c->wait(c->benchBoard()->LoadSerialImage(image), &error, 30000);
+    return reply ? reply->error() : error;
+}
+
+std::optional<int> CanLink::testState(QString* error)
+{
+    ServerConnection* c = live(error);
+    if (!c)
+        return std::nullopt;
+    return valueOf(c->wait(c->benchBoard()->GetTestState(), error), error, &IntReply::value);
+}
+
 std::optional<double> CanLink::readAnalog(int channel, QString* error)
 {
     ServerConnection* c = live(error);

@@ -130,6 +130,13 @@ public:
     QString setOutput(int channel, bool state);
     std::optional<double> readAnalog(int channel, QString* error);
     std::optional<bool> readInput(int channel, QString* error);
+    // The bench's serial link: starts loading an image into the unit (its progress and end come
+    // as ProgressNotify), and the link's test state (1 while loading, 3 loaded).
+    QString loadSerialImage(const QByteArray& image);
+    std::optional<int> testState(QString* error);
+    // The production-run flag: set while a serial load is awaited; the production window's
+    // completion routine clears it when a progress report finds the load ended.
+    bool productionRun = false;
 
     // Both the service's and the bus's setter, so that both sides use it.
     QString setSdoTimeout(int milliseconds);
