@@ -10,6 +10,7 @@ packages=(
   qt6-serialbus-dev libqt6serialbus6
   qt6-serialport-dev
   libqt6sql6-sqlite libqt6sql6-psql
+  postgresql postgresql-common
   qt6-qpa-plugins
   libgl-dev
   xvfb xauth

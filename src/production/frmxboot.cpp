@@ -21,8 +21,7 @@
 namespace tessel {
 
 namespace {
-const QString kFirmwareFilter =
-    QStringLiteral("Motorola HEX files (*.S)|*.S|All Files (*.*)|*.*");
+const QString kFirmwareFilter = QStringLiteral("Motorola HEX files (*.S)|*.S|All Files (*.*)|*.*");
 const QString kConfigurationFilter =
     QStringLiteral("Motorola CFG files (*.cfg)|*.cfg|All Files (*.*)|*.*");
 
@@ -57,8 +56,8 @@ FrmXBoot::FrmXBoot(CanLink* link, const WindowPlacement* placement, QWidget* mai
     cmdFNApp = button("cmdFNApp", QStringLiteral("..."), QStringLiteral("Apri bootx hex file"),
                       &FrmXBoot::cmdFNApp_Click);
     txtCfgFile = box("txtCfgFile", QStringLiteral("The JTAG flasher's configuration file"));
-    cmdFNCfg = button("cmdFNCfg", QStringLiteral("..."),
-                      QStringLiteral("Open flash configuration"), &FrmXBoot::cmdFNCfg_Click);
+    cmdFNCfg = button("cmdFNCfg", QStringLiteral("..."), QStringLiteral("Open flash configuration"),
+                      &FrmXBoot::cmdFNCfg_Click);
     chkFR = new QCheckBox(QStringLiteral("Flash Recover"), this);
     chkFR->setObjectName(QStringLiteral("chkFR"));
     chkFR->setToolTip(QStringLiteral("Have the flasher recover a controller that does not answer"));
@@ -129,22 +128,26 @@ void FrmXBoot::saveSettings() const
 
 void FrmXBoot::cmdFNApp_Click()
 {
-    const auto choose = chooseOpenFile ? chooseOpenFile : [this](const QString& t, const QString& f,
-                                                                  const QString& start) {
-        return QFileDialog::getOpenFileName(this, t, start, qtFileDialogFilter(f));
-    };
-    const QString file = choose(QStringLiteral("Apri bootx hex file"), kFirmwareFilter,
-                                txtFileName->text());
+    const auto choose =
+        chooseOpenFile
+            ? chooseOpenFile
+            : [this](const QString& t, const QString& f, const QString& start) {
+                  return QFileDialog::getOpenFileName(this, t, start, qtFileDialogFilter(f));
+              };
+    const QString file =
+        choose(QStringLiteral("Apri bootx hex file"), kFirmwareFilter, txtFileName->text());
     if (!file.isEmpty())
         txtFileName->setText(file);
 }
 
 void FrmXBoot::cmdFNCfg_Click()
 {
-    const auto choose = chooseOpenFile ? chooseOpenFile : [this](const QString& t, const QString& f,
-                                                                  const QString& start) {
-        return QFileDialog::getOpenFileName(this, t, start, qtFileDialogFilter(f));
-    };
+    const auto choose =
+        chooseOpenFile
+            ? chooseOpenFile
+            : [this](const QString& t, const QString& f, const QString& start) {
+                  return QFileDialog::getOpenFileName(this, t, start, qtFileDialogFilter(f));
+              };
     const QString file = choose(QStringLiteral("Open flash configuration"), kConfigurationFilter,
                                 txtCfgFile->text());
     if (!file.isEmpty())

@@ -95,10 +95,10 @@ ProductionRun::Outcome ProductionRun::jtag(const QString& firmware, const QStrin
     const QString post = program(production::kPostProcess);
     if (!runTool(post, QStringLiteral("Postprocess"),
                  production::stampCommand(*base, *serial, post), false, &o) ||
-        !runTool(production::kFlasher, QStringLiteral("FFlash"),
-                 production::flashCommand(configuration, recover, *base,
-                                          program(production::kFlasher)),
-                 true, &o))
+        !runTool(
+            production::kFlasher, QStringLiteral("FFlash"),
+            production::flashCommand(configuration, recover, *base, program(production::kFlasher)),
+            true, &o))
         return o;
     tag->clear();
     return o;
@@ -183,10 +183,10 @@ std::optional<QByteArray> ProductionRun::makeIdentityFiles(qint32 serial, Outcom
     }
     const QString &sbf = files[0], &dbf = files[1], &skf = files[2], &dsf = files[3];
     const QString post = program(production::kPostProcess);
-    if (!runTool(production::kProdInterface, QStringLiteral("ZDProdInterface"),
-                 production::createSbbCommand(sbf, skf, serial,
-                                              program(production::kProdInterface)),
-                 false, failure) ||
+    if (!runTool(
+            production::kProdInterface, QStringLiteral("ZDProdInterface"),
+            production::createSbbCommand(sbf, skf, serial, program(production::kProdInterface)),
+            false, failure) ||
         !runTool(post, QStringLiteral("Postprocess"),
                  production::identityBlockCommand(sbf, dbf, serial, post), false, failure) ||
         !runTool(post, QStringLiteral("Postprocess"),

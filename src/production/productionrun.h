@@ -51,8 +51,7 @@ public:
 
     explicit ProductionRun(Hooks hooks) : m_hooks(std::move(hooks)) {}
 
-    Outcome jtag(const QString& firmware, const QString& configuration, bool recover,
-                 QString* tag);
+    Outcome jtag(const QString& firmware, const QString& configuration, bool recover, QString* tag);
     Outcome serialProgramming(const QString& firmware, QString* tag);
     Outcome identityLoading(QString* tag);
 

@@ -24,7 +24,7 @@ struct SerialDatabase
         PostgreSQL
     };
     Kind kind = Kind::SQLite;
-    QString folder;         // SQLite; empty: the default folder
+    QString folder; // SQLite; empty: the default folder
     bool createIfMissing = true;
     QString host = QStringLiteral("localhost");
     int port = 5432;
@@ -41,11 +41,11 @@ struct SerialDatabase
 
 // Error numbers of the serial counter, reported as "Err: NUMBER DESCRIPTION".
 namespace serialerror {
-constexpr int kNotFound = 3024;     // database file or folder missing
-constexpr int kCannotOpen = 3051;   // cannot open or write (read-only file, no permission)
-constexpr int kNoTable = 3078;      // no table zdx_id (or no row in it)
-constexpr int kUnreachable = 3151;  // database server not reachable
-constexpr int kBusy = 3260;         // the counter kept moving under this station
+constexpr int kNotFound = 3024;    // database file or folder missing
+constexpr int kCannotOpen = 3051;  // cannot open or write (read-only file, no permission)
+constexpr int kNoTable = 3078;     // no table zdx_id (or no row in it)
+constexpr int kUnreachable = 3151; // database server not reachable
+constexpr int kBusy = 3260;        // the counter kept moving under this station
 } // namespace serialerror
 
 // The serial counter: each call to next() gives the next serial and advances the counter with
