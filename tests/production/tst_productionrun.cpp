@@ -1,0 +1,351 @@
+// Production runs of one unit: the exact command lines, the serial taken once and reused on a
+// retry, the failures that stop a run; the identity files made by the stand-in programs.
+#include "commandlines.h"
+#include "processrunner.h"
+#include "productionrun.h"
+
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace tessel;
+using namespace tessel::production;
+
+namespace {
+// Hooks that record what a run asks for and answer from their settings.
+struct Recorder
+{
+    QStringList lines;
+    QMap<QString, int> exitCodes; // first word -> exit code
+    int serials = 0;
+    qint32 counter = 41;
+    QString databaseError;
+    QList<QByteArray> loaded;
+    int finalState = 3;
+    std::function<void(const QString&)> onRun;
+
+    ProductionRun::Hooks hooks()
+    {
+        ProductionRun::Hooks h;
+        h.run = [this](const QString& line, bool) {
+            lines << line;
+            if (onRun)
+                onRun(line);
+            return exitCodes.value(line.section(' ', 0, 0), 0);
+        };
+        h.nextSerial = [this](int* number, QString* error) -> std::optional<qint32> {
+            ++serials;
+            if (!databaseError.isEmpty()) {
+                *number = 3024;
+                *error = databaseError;
+                return std::nullopt;
+            }
+            return ++counter;
+        };
+        h.loadImage = [this](const QByteArray& image) {
+            loaded << image;
+            return QString();
+        };
+        h.waitForLoad = [this](QString*) { return std::optional<int>(finalState); };
+        return h;
+    }
+};
+} // namespace
+
+class TstProductionRun : public QObject
+{
+    Q_OBJECT
+private slots:
+    void firmwareBase_data();
+    void firmwareBase();
+    void commandLines();
+    void jtag_data();
+    void jtag();
+    void retryReusesTheSerial();
+    void refusedBeforeASerialIsTaken_data();
+    void refusedBeforeASerialIsTaken();
+    void serialProgramming_data();
+    void serialProgramming();
+    void identityFilesByTheStandIns_data();
+    void identityFilesByTheStandIns();
+
+private:
+    QTemporaryDir m_dir;
+};
+
+void TstProductionRun::firmwareBase_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QString>("base"); // "-": none
+    QTest::addColumn<QString>("kickstart");
+    QTest::newRow(".s") << "/fw/app.s"
+                        << "/fw/app"
+                        << "/fw/kickstart";
+    QTest::newRow(".S") << "/fw/app.S"
+                        << "/fw/app"
+                        << "/fw/kickstart";
+    QTest::newRow(".sx cut too") << "/fw/app.sx"
+                                 << "/fw/app"
+                                 << "/fw/kickstart";
+    QTest::newRow("folder with .s") << "/x.src/app.hex"
+                                    << "/x"
+                                    << "/kickstart";
+    QTest::newRow("last of two") << "/a.s/b.s"
+                                 << "/a.s/b"
+                                 << "/a.s/kickstart";
+    QTest::newRow("no folder") << "app.s"
+                               << "app"
+                               << "-";
+    QTest::newRow("none") << "/fw/app.hex"
+                          << "-"
+                          << "-";
+    QTest::newRow("empty") << ""
+                           << "-"
+                           << "-";
+}
+
+void TstProductionRun::firmwareBase()
+{
+    QFETCH(QString, path);
+    QFETCH(QString, base);
+    QFETCH(QString, kickstart);
+    const auto got = production::firmwareBase(path);
+    QCOMPARE(got.value_or("-"), base);
+    if (got)
+        QCOMPARE(kickstartBase(*got).value_or("-"), kickstart);
+}
+
+void TstProductionRun::commandLines()
+{
+    QCOMPARE(stampCommand("/fw/app", 1234),
+             QString("postprocess.exe /fw/app.s /fw/app.sx -i 1234"));
+    QCOMPARE(flashCommand("/fw/drive.cfg", false, "/fw/app"),
+             QString("fflash.exe /fw/drive.cfg -jtagclk=800 -erase=all -s -verifyprog /fw/app.sx"));
+    QCOMPARE(flashCommand("/fw/drive.cfg", true, "/fw/app"),
+             QString("fflash.exe /fw/drive.cfg -jtagclk=800 -erase=all -recover -s -verifyprog "
+                     "/fw/app.sx"));
+    QCOMPARE(kickstartCommand("/fw/kickstart", "/fw/app"),
+             QString("postprocess.exe /fw/kickstart.s /fw/kickstart.sl -m /fw/app.sx -p"));
+    QCOMPARE(identityBlockCommand("/tmp/sbf1", "/tmp/dbf2", 42),
+             QString("postprocess.exe \"/tmp/sbf1\" \"/tmp/dbf2\" -i 42 -p"));
+    QCOMPARE(identityDataCommand("/tmp/skf3", "/tmp/dsf4", "/tmp/dbf2"),
+             QString("postprocess.exe \"/tmp/skf3\" \"/tmp/dsf4\" -m \"/tmp/dbf2\" -p"));
+    QCOMPARE(createSbbCommand("/tmp/sbf1", "/tmp/skf3", 42, "/opt/zd/ZDProdInterface"),
+             QString("/opt/zd/ZDProdInterface CreateSBB \"/tmp/sbf1\" \"/tmp/skf3\" 42"));
+    QCOMPARE(stampCommand("/fw/app", -7, "pp"), QString("pp /fw/app.s /fw/app.sx -i -7"));
+    QCOMPARE(pathWithBlank("/fw/my app", "/fw/a.cfg"), QString("/fw/my app"));
+    QCOMPARE(pathWithBlank("/fw/app", "/my cfg/a.cfg"), QString("/my cfg/a.cfg"));
+    QCOMPARE(pathWithBlank("/fw/app", "/fw/a.cfg"), QString());
+}
+
+void TstProductionRun::jtag_data()
+{
+    QTest::addColumn<QString>("failing"); // program that exits 3
+    QTest::addColumn<bool>("recover");
+    QTest::addColumn<int>("runs");
+    QTest::addColumn<QString>("message");
+    QTest::newRow("both work") << "" << false << 2 << "";
+    QTest::newRow("recover") << "" << true << 2 << "";
+    QTest::newRow("post-processor fails")
+        << "postprocess.exe" << false << 1 << "Postprocess retval=3";
+    QTest::newRow("flasher fails") << "fflash.exe" << true << 2 << "FFlash retval=3";
+}
+
+void TstProductionRun::jtag()
+{
+    QFETCH(QString, failing);
+    QFETCH(bool, recover);
+    QFETCH(int, runs);
+    QFETCH(QString, message);
+    Recorder r;
+    if (!failing.isEmpty())
+        r.exitCodes.insert(failing, 3);
+    ProductionRun run(r.hooks());
+    QString tag;
+    const auto o = run.jtag("/fw/app.S", "/fw/drive.cfg", recover, &tag);
+    QCOMPARE(r.lines.size(), runs);
+    QCOMPARE(r.lines[0], QString("postprocess.exe /fw/app.s /fw/app.sx -i 42"));
+    if (runs > 1)
+        QCOMPARE(r.lines[1], flashCommand("/fw/drive.cfg", recover, "/fw/app"));
+    QCOMPARE(o.message, message);
+    QCOMPARE(o.serial, 42);
+    QCOMPARE(o.kind,
+             message.isEmpty() ? ProductionRun::Outcome::Done : ProductionRun::Outcome::ToolFailed);
+    // Done: the tag is free for the next unit; failed: it keeps the unit's serial.
+    QCOMPARE(tag, message.isEmpty() ? QString() : QString("42"));
+}
+
+void TstProductionRun::retryReusesTheSerial()
+{
+    Recorder r;
+    r.exitCodes.insert("fflash.exe", 1);
+    ProductionRun run(r.hooks());
+    QString tag;
+    QCOMPARE(run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag).kind,
+             ProductionRun::Outcome::ToolFailed);
+    r.exitCodes.clear();
+    const auto retry = run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag);
+    QCOMPARE(retry.kind, ProductionRun::Outcome::Done);
+    QCOMPARE(retry.serial, 42);
+    QCOMPARE(r.serials, 1); // the counter advanced once for the unit
+    QCOMPARE(r.lines[2], QString("postprocess.exe /fw/app.s /fw/app.sx -i 42"));
+    // The next unit draws a new serial.
+    QCOMPARE(run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag).serial, 43);
+    // A tag read as a number is truncated.
+    tag = "77.9";
+    QCOMPARE(run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag).serial, 77);
+}
+
+void TstProductionRun::refusedBeforeASerialIsTaken_data()
+{
+    QTest::addColumn<QString>("firmware");
+    QTest::addColumn<QString>("configuration");
+    QTest::addColumn<QString>("databaseError");
+    QTest::addColumn<QString>("message");
+    QTest::newRow("no .s") << "/fw/app.hex"
+                           << "/fw/d.cfg"
+                           << ""
+                           << "Err: 52 firmware file '/fw/app.hex' has no .s extension: "
+                              "nothing run";
+    QTest::newRow("blank in firmware")
+        << "/my fw/app.s"
+        << "/fw/d.cfg"
+        << ""
+        << "Err: 52 '/my fw/app' holds a blank: the programming commands take paths without "
+           "blanks; nothing run";
+    QTest::newRow("blank in configuration")
+        << "/fw/app.s"
+        << "/fw/my d.cfg"
+        << ""
+        << "Err: 52 '/fw/my d.cfg' holds a blank: the programming commands take paths without "
+           "blanks; nothing run";
+    QTest::newRow("database") << "/fw/app.s"
+                              << "/fw/d.cfg"
+                              << "SQLite database /line/tessel.db not found"
+                              << "Err: 3024 SQLite database /line/tessel.db not found";
+}
+
+void TstProductionRun::refusedBeforeASerialIsTaken()
+{
+    QFETCH(QString, firmware);
+    QFETCH(QString, configuration);
+    QFETCH(QString, databaseError);
+    Recorder r;
+    r.databaseError = databaseError;
+    ProductionRun run(r.hooks());
+    QString tag;
+    const auto o = run.jtag(firmware, configuration, false, &tag);
+    QCOMPARE(o.kind, ProductionRun::Outcome::Error);
+    QTEST(o.message, "message");
+    QCOMPARE(r.lines, QStringList());
+    QCOMPARE(tag, QString());
+    QCOMPARE(r.serials, databaseError.isEmpty() ? 0 : 1);
+}
+
+void TstProductionRun::serialProgramming_data()
+{
+    QTest::addColumn<int>("finalState");
+    QTest::addColumn<int>("kind");
+    QTest::newRow("loaded") << 3 << int(ProductionRun::Outcome::Done);
+    QTest::newRow("unit unpowered") << 5 << int(ProductionRun::Outcome::LoadFailed);
+}
+
+void TstProductionRun::serialProgramming()
+{
+    QFETCH(int, finalState);
+    const QString folder = m_dir.filePath("fw");
+    QDir().mkpath(folder);
+    Recorder r;
+    r.finalState = finalState;
+    // The post-processor's merge writes the loader the unit gets.
+    r.onRun = [&](const QString& line) {
+        if (line.contains("kickstart.sl")) {
+            QFile f(folder + "/kickstart.sl");
+            f.open(QIODevice::WriteOnly);
+            f.write("S1 loader and firmware");
+        }
+    };
+    ProductionRun run(r.hooks());
+    QString tag;
+    const auto o = run.serialProgramming(folder + "/app.s", &tag);
+    QCOMPARE(r.lines, QStringList({stampCommand(folder + "/app", 42),
+                                   kickstartCommand(folder + "/kickstart", folder + "/app")}));
+    QCOMPARE(r.loaded, QList<QByteArray>{"S1 loader and firmware"});
+    QTEST(int(o.kind), "kind");
+    QCOMPARE(o.testState, finalState);
+    QCOMPARE(tag, finalState == 3 ? QString() : QString("42"));
+    QFile::remove(folder + "/kickstart.sl");
+    // Without the loader file the unit gets nothing.
+    r.onRun = nullptr;
+    const auto missing = run.serialProgramming(folder + "/app.s", &tag);
+    QCOMPARE(missing.kind, ProductionRun::Outcome::Error);
+    QVERIFY2(missing.message.startsWith("Err: 53 " + folder + "/kickstart.sl"),
+             qPrintable(missing.message));
+}
+
+void TstProductionRun::identityFilesByTheStandIns_data()
+{
+    QTest::addColumn<QString>("failing"); // environment variable set to 3
+    QTest::addColumn<QString>("message");
+    QTest::newRow("made") << ""
+                          << "";
+    QTest::newRow("production interface fails") << "ZDPRODINTERFACE_EXIT"
+                                                << "ZDProdInterface retval=3";
+    QTest::newRow("post-processor fails") << "POSTPROCESS_EXIT"
+                                          << "Postprocess retval=3";
+}
+
+void TstProductionRun::identityFilesByTheStandIns()
+{
+    QFETCH(QString, failing);
+    QFETCH(QString, message);
+    QTemporaryDir temp;
+    qputenv("TEMP", temp.path().toLocal8Bit());
+    qputenv("PATH", QByteArray(QORCALIB_DATA_DIR "/bin:") + qgetenv("PATH"));
+    const QString log = temp.filePath("calls.log");
+    qputenv("STANDIN_LOG", log.toLocal8Bit());
+    if (!failing.isEmpty())
+        qputenv(failing.toLatin1(), "3");
+    ProductionRun::Hooks hooks;
+    hooks.run = [](const QString& line, bool show) { return runAndWait(line, show); };
+    ProductionRun run(hooks);
+    ProductionRun::Outcome failure;
+    const auto data = run.makeIdentityFiles(42, &failure);
+    if (!failing.isEmpty())
+        qunsetenv(failing.toLatin1());
+    const QStringList temporary = QDir(temp.path()).entryList({"sbf*", "dbf*", "skf*", "dsf*"});
+    if (message.isEmpty()) {
+        QVERIFY(data);
+        QVERIFY(data->startsWith("S0"));
+        // The identity block with the serial, then the key data it was merged with.
+        QVERIFY(data->contains("S30D000E00002A000000514F52"));
+        QCOMPARE(temporary, QStringList()); // deleted after success
+    } else {
+        QVERIFY(!data);
+        QCOMPARE(failure.message, message);
+        QCOMPARE(temporary.size(), 4); // kept to be looked at
+        QCOMPARE(run.keptFiles().size(), 4);
+    }
+    QFile calls(log);
+    QVERIFY(calls.open(QIODevice::ReadOnly));
+    const QStringList lines =
+        QString::fromLocal8Bit(calls.readAll()).split('\n', Qt::SkipEmptyParts);
+    QVERIFY(lines.value(0).startsWith("ZDProdInterface|CreateSBB|" + temp.path() + "/sbf"));
+    if (message.isEmpty()) {
+        QCOMPARE(lines.size(), 3);
+        QVERIFY(
+            QRegularExpression("^postprocess.exe\\|[^|]+/sbf[^|]+\\|[^|]+/dbf[^|]+\\|-i\\|42\\|-p$")
+                .match(lines[1])
+                .hasMatch());
+        QVERIFY(QRegularExpression("^postprocess.exe\\|[^|]+/skf[^|]+\\|[^|]+/dsf[^|]+\\|-m\\|[^|]+"
+                                   "/dbf[^|]+\\|-p$")
+                    .match(lines[2])
+                    .hasMatch());
+    }
+    qunsetenv("STANDIN_LOG");
+}
+
+QTEST_GUILESS_MAIN(TstProductionRun)
+#include "tst_productionrun.moc"
