@@ -83,11 +83,12 @@ bool CanLink::openSession(QString* error)
     connect(
         notify, &QCSNotifyReplica::ProgressNotify, this,
         [this](double fraction) {
-            emit progressNotified(fraction);
-            // Progress belongs to the running transfer; a report that arrives after its end
-            // would leave the bar full.
-            if (m_waitLoop)
+            // Progress belongs to the running transfer or serial load; a report that arrives
+            // after its end would leave the bar full. The bar first: the rules that follow may
+            // end the load.
+            if (m_waitLoop || productionRun)
                 emit progressChanged(progressPercent(fraction));
+            emit progressNotified(fraction);
         },
         Qt::QueuedConnection);
     connect(notify, &QCSNotifyReplica::FilteredRxCan, this, &CanLink::onFilteredRxCan,
