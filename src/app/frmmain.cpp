@@ -8,6 +8,7 @@
 #include "frminviamesg.h"
 #include "frmio.h"
 #include "frmseq.h"
+#include "frmserial.h"
 #include "frmxboot.h"
 #include "hexhelpers.h"
 #include "inputblocker.h"
@@ -214,6 +215,11 @@ void FrmMain::buildWindow()
                                         "programming with the line's serial numbers"));
     connect(cmdXBoot, &QPushButton::clicked, this, &FrmMain::cmdXBoot_Click);
     tools->addWidget(cmdXBoot);
+    cmdSerial = new QPushButton(QStringLiteral("Se&rial..."), central);
+    cmdSerial->setObjectName(QStringLiteral("cmdSerial"));
+    cmdSerial->setToolTip(QStringLiteral("Open a terminal on a serial port"));
+    connect(cmdSerial, &QPushButton::clicked, this, &FrmMain::cmdSerial_Click);
+    tools->addWidget(cmdSerial);
     tools->addStretch();
 
     layout->addWidget(fraCtrl);
@@ -312,7 +318,7 @@ void FrmMain::setTabOrderByLayout()
     for (QPushButton* b : cmdNMT)
         order << b;
     order << txtFWNode << cmdLSSGet << cmdLSSSet << sdoPanel->tabOrder() << upgradePanel->tabOrder()
-          << benchPanel->tabOrder() << cmdDiagno << cmdEDS << cmdIO << cmdXBoot;
+          << benchPanel->tabOrder() << cmdDiagno << cmdEDS << cmdIO << cmdXBoot << cmdSerial;
     for (qsizetype i = 1; i < order.size(); ++i)
         QWidget::setTabOrder(order[i - 1], order[i]);
 }
@@ -450,6 +456,10 @@ void FrmMain::formUnload()
     WindowPlacement::saveGeometry(this, objectName());
     for (QWidget* w : carriedWindows() + benchPanel->toolWindows())
         WindowPlacement::saveGeometry(w, w->objectName());
+    if (m_serial) {
+        m_serial->saveSettings();
+        WindowPlacement::saveGeometry(m_serial, m_serial->objectName());
+    }
     if (m_xboot) {
         m_xboot->saveSettings();
         WindowPlacement::saveGeometry(m_xboot, m_xboot->objectName());
@@ -670,6 +680,18 @@ void FrmMain::cmdXBoot_Click()
         m_xboot->showMessage = [this](const QString& text) { showMessage(text); };
     }
     WindowPlacement::bringToFront(m_xboot);
+}
+
+void FrmMain::cmdSerial_Click()
+{
+    if (!m_serial) {
+        m_serial = new FrmSerial(&m_placement, this, this);
+        m_serial->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 260));
+        WindowPlacement::restoreGeometry(m_serial, m_serial->objectName());
+        m_serial->showMessage = [this](const QString& text) { showMessage(text); };
+    }
+    m_serial->offerPorts();
+    WindowPlacement::bringToFront(m_serial);
 }
 
 void FrmMain::cmdEDS_Click()

@@ -24,6 +24,7 @@ class BenchPanel;
 class FrmDiagno;
 class FrmAbort;
 class FrmEDS;
+class FrmSerial;
 class FrmXBoot;
 class FrmIO;
 class SdoPanel;
@@ -81,6 +82,7 @@ public:
     QPushButton* cmdEDS = nullptr;
     QPushButton* cmdIO = nullptr;
     QPushButton* cmdXBoot = nullptr;
+    QPushButton* cmdSerial = nullptr;
     SdoPanel* sdoPanel = nullptr;
     UpgradePanel* upgradePanel = nullptr;
     BenchPanel* benchPanel = nullptr;
@@ -98,6 +100,8 @@ public:
     void cmdIO_Click();
     void cmdXBoot_Click();
     FrmXBoot* productionWindow() const { return m_xboot; }
+    void cmdSerial_Click();
+    FrmSerial* serialConsole() const { return m_serial; }
     FrmIO* objectSlider() const { return m_io; }
     // Set by a boot catch that had the bench begin a firmware transfer; the end of the next
     // transfer (its progress back at 0) ends the bench's transfer (command 17).
@@ -138,6 +142,7 @@ private:
     FrmEDS* m_eds = nullptr;
     FrmIO* m_io = nullptr;
     FrmXBoot* m_xboot = nullptr;
+    FrmSerial* m_serial = nullptr;
     FrmAbort* m_abort = nullptr;
     std::function<void(const QString&)> m_message;
     int m_selected = 0;
