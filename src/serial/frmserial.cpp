@@ -152,8 +152,10 @@ void FrmSerial::closePort(const QString& why)
 
 void FrmSerial::onError()
 {
-    // An adapter pulled out while open: the port is closed, said once.
-    if (m_port->error() == QSerialPort::ResourceError && m_port->isOpen()) {
+    // An adapter pulled out while open fails the next read: the port is closed, said once.
+    const auto error = m_port->error();
+    if ((error == QSerialPort::ResourceError || error == QSerialPort::ReadError) &&
+        m_port->isOpen()) {
         flush();
         closePort(QStringLiteral("serial port %1 went away: %2")
                       .arg(m_port->portName(), m_port->errorString()));
@@ -204,8 +206,10 @@ void FrmSerial::flush()
 
 void FrmSerial::txtConsole_KeyPress(const QString& text)
 {
-    if (m_port->isOpen() && !text.isEmpty())
+    if (m_port->isOpen() && !text.isEmpty()) {
         m_port->write(text.toLatin1());
+        m_port->flush(); // a keystroke goes now, not at the next turn of the event loop
+    }
 }
 
 bool FrmSerial::eventFilter(QObject* watched, QEvent* event)
