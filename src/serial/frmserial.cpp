@@ -56,6 +56,7 @@ FrmSerial::FrmSerial(const WindowPlacement* placement, QWidget* mainWindow, QWid
     txtConsole->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     txtConsole->setFocusPolicy(Qt::StrongFocus);
     txtConsole->setUndoRedoEnabled(false);
+    txtConsole->setMaximumBlockCount(kMaxConsoleLines);
     txtConsole->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
     txtConsole->setToolTip(QStringLiteral("What the device sends; type here to send to it"));
     txtConsole->installEventFilter(this);
@@ -81,7 +82,6 @@ FrmSerial::FrmSerial(const WindowPlacement* placement, QWidget* mainWindow, QWid
         s.value(QStringLiteral("serial/params"), SerialLineSettings::kDefault).toString());
 
     m_flush.setSingleShot(true);
-    m_flush.setInterval(kFlushMs);
     connect(&m_flush, &QTimer::timeout, this, &FrmSerial::flush);
     connect(chkEnable, &QCheckBox::toggled, this, &FrmSerial::chkEnable_Click);
     connect(m_port, &QSerialPort::readyRead, this, &FrmSerial::onReadyRead);
@@ -167,7 +167,7 @@ void FrmSerial::onReadyRead()
     m_pending += m_port->readAll();
     // Shown in batches: a device that streams costs one update per batch, not one per byte.
     if (!m_flush.isActive())
-        m_flush.start();
+        m_flush.start(kFlushMs);
 }
 
 void FrmSerial::flush()
@@ -175,10 +175,19 @@ void FrmSerial::flush()
     m_flush.stop();
     if (m_pending.isEmpty())
         return;
+    // A backlog longer than the console keeps: only its newest part can stay on screen.
+    if (m_pending.size() > kMaxConsoleChars)
+        m_pending.remove(0, m_pending.size() - kMaxConsoleChars);
+    // A slice at a time, so that a device faster than the screen never holds up a click; the
+    // rest follows as soon as the window is idle.
+    const QByteArray slice = m_pending.left(kMaxFlushBytes);
+    m_pending.remove(0, slice.size());
+    if (!m_pending.isEmpty())
+        m_flush.start(0);
     // One character per byte; CR LF and lone CR end a line.
     QString text;
-    text.reserve(m_pending.size());
-    for (const char c : std::as_const(m_pending)) {
+    text.reserve(slice.size());
+    for (const char c : slice) {
         if (c == '\n' && m_pendingCr) {
             m_pendingCr = false;
             continue;
@@ -186,20 +195,15 @@ void FrmSerial::flush()
         m_pendingCr = c == '\r';
         text += c == '\r' ? QChar(u'\n') : QChar(uchar(c));
     }
-    m_pending.clear();
     QScrollBar* bar = txtConsole->verticalScrollBar();
     const bool following = bar->value() == bar->maximum();
     QTextCursor end(txtConsole->document());
     end.movePosition(QTextCursor::End);
     end.insertText(text);
-    // The newest part of a long console stays: what was received first goes.
-    const int excess = txtConsole->document()->characterCount() - kMaxConsoleChars;
-    if (excess > 0) {
-        QTextCursor head(txtConsole->document());
-        head.movePosition(QTextCursor::NextCharacter, QTextCursor::KeepAnchor,
-                          excess + kMaxConsoleChars / 4);
-        head.removeSelectedText();
-    }
+    // A device that sends no line ends still gets lines: a terminal wraps them anyway, and the
+    // console keeps its newest lines (maximumBlockCount), which then stay bounded too.
+    if (txtConsole->document()->lastBlock().length() > kMaxLineChars)
+        end.insertText(QStringLiteral("\n"));
     if (following)
         bar->setValue(bar->maximum());
 }

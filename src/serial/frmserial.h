@@ -24,8 +24,11 @@ class FrmSerial : public QWidget
 {
     Q_OBJECT
 public:
-    static constexpr int kMaxConsoleChars = 1 << 20;
+    static constexpr int kMaxConsoleLines = 10000;
+    static constexpr int kMaxLineChars = 4096;
+    static constexpr int kMaxConsoleChars = kMaxConsoleLines * 100;
     static constexpr int kFlushMs = 30;
+    static constexpr int kMaxFlushBytes = 16 * 1024;
 
     FrmSerial(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent = nullptr);
     ~FrmSerial() override;

@@ -32,6 +32,7 @@ public:
 
     bool ok() const { return m_master >= 0 && !m_device.isEmpty(); }
     QString device() const { return m_device; }
+    int masterFd() const { return m_master; }
     // What the device sends. While the line is full, the program's events run, so that the
     // console can read what is waiting.
     bool send(const QByteArray& bytes, int timeoutMs = 10000)
