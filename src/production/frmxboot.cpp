@@ -12,6 +12,7 @@
 #include <QCheckBox>
 #include <QFileDialog>
 #include <QGridLayout>
+#include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
@@ -87,9 +88,10 @@ FrmXBoot::FrmXBoot(CanLink* link, const WindowPlacement* placement, QWidget* mai
     grid->addWidget(chkFR, 2, 1);
     grid->addWidget(new QLabel(QStringLiteral("Serial:"), this), 3, 0);
     grid->addWidget(txtIDSK, 3, 1);
-    grid->addWidget(cmdJtagPrg, 4, 1);
-    grid->addWidget(cmdSerialPrg, 4, 2);
-    grid->addWidget(cmdSerialLoc, 4, 3);
+    auto* runs = new QHBoxLayout;
+    for (QPushButton* b : {cmdJtagPrg, cmdSerialPrg, cmdSerialLoc})
+        runs->addWidget(b);
+    grid->addLayout(runs, 4, 1, 1, 3);
     grid->setColumnStretch(1, 1);
     resize(520, 190);
     hooks = realHooks();
