@@ -14,6 +14,7 @@ if [ -z "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && [ -z "${QT_QPA_PLATFORM:-}" ]; t
   echo "Without one, run the CAN server alone: ./build/bin/qorcalib-server" >&2
   exit 1
 fi
-# A stand-in post-processor for the sample raw image, found after any real one.
+# Stand-ins for the post-processor, the JTAG flasher and the production interface, found after
+# any real ones.
 export PATH="$PATH:$PWD/data/bin"
 exec ./build/bin/tessel "$@"
