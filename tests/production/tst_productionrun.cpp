@@ -68,6 +68,7 @@ private slots:
     void refusedBeforeASerialIsTaken();
     void serialProgramming_data();
     void serialProgramming();
+    void missingProgram();
     void identityFilesByTheStandIns_data();
     void identityFilesByTheStandIns();
 
@@ -283,6 +284,20 @@ void TstProductionRun::serialProgramming()
     QCOMPARE(missing.kind, ProductionRun::Outcome::Error);
     QVERIFY2(missing.message.startsWith("Err: 53 " + folder + "/kickstart.sl"),
              qPrintable(missing.message));
+}
+
+void TstProductionRun::missingProgram()
+{
+    Recorder r;
+    ProductionRun::Hooks hooks = r.hooks();
+    hooks.run = [](const QString& line, bool show) { return runAndWait(line, show); };
+    hooks.program = [](const QString& name) { return "/nonexistent/" + name; };
+    ProductionRun run(hooks);
+    QString tag;
+    const auto o = run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag);
+    QCOMPARE(o.kind, ProductionRun::Outcome::ToolFailed);
+    QCOMPARE(o.message, QString("Postprocess retval=-1"));
+    QCOMPARE(tag, QString("42"));
 }
 
 void TstProductionRun::identityFilesByTheStandIns_data()

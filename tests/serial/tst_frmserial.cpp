@@ -28,6 +28,7 @@ private slots:
     void closedPortTakesNoTyping();
     void badSettingsAndPorts_data();
     void badSettingsAndPorts();
+    void portInUse();
     void deviceGoesAway();
     void longStreamKeepsTheNewest();
 
@@ -188,6 +189,26 @@ void TstFrmSerial::badSettingsAndPorts()
     QVERIFY2(c.messages.first().contains(says), qPrintable(c.messages.first()));
 }
 
+void TstFrmSerial::portInUse()
+{
+    Pty device;
+    QVERIFY(device.ok());
+    Console first;
+    first.open(device.device());
+    QVERIFY(first.window.isOpen());
+    Console second;
+    second.open(device.device());
+    if (second.window.isOpen())
+        QSKIP("this system lets a second console open the same terminal");
+    QVERIFY(!second.window.chkEnable->isChecked());
+    QCOMPARE(second.messages.size(), 1);
+    QVERIFY2(second.messages.first().contains("cannot be opened"),
+             qPrintable(second.messages.first()));
+    // The first keeps working.
+    QVERIFY(device.send("still here\n"));
+    QTRY_VERIFY(first.window.txtConsole->toPlainText().contains("still here"));
+}
+
 void TstFrmSerial::deviceGoesAway()
 {
     auto device = std::make_unique<Pty>();
@@ -221,10 +242,10 @@ void TstFrmSerial::longStreamKeepsTheNewest()
     for (int i = 0; i < 1000; ++i)
         chunk += line;
     for (int i = 0; i < 30; ++i) // 3 MB
-        QVERIFY2(device.send(chunk), qPrintable(QStringLiteral("chunk %1, console %2 characters")
-                                                    .arg(i)
-                                                    .arg(c.window.txtConsole->document()
-                                                             ->characterCount())));
+        QVERIFY2(device.send(chunk),
+                 qPrintable(QStringLiteral("chunk %1, console %2 characters")
+                                .arg(i)
+                                .arg(c.window.txtConsole->document()->characterCount())));
     QVERIFY(device.send("THE END\n"));
     QTRY_VERIFY_WITH_TIMEOUT(c.window.txtConsole->toPlainText().endsWith("THE END\n"), 20000);
     QVERIFY(c.window.txtConsole->document()->characterCount() <= FrmSerial::kMaxConsoleChars);
