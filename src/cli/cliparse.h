@@ -1,0 +1,50 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+
+namespace tessel::cli {
+
+// Exit codes of tessel-cli, for line scripts.
+enum Exit
+{
+    kOk = 0,
+    kSdoAbort = 1,     // the node aborted the transfer (code printed, 8 hex digits)
+    kBadArguments = 2, // unknown command, malformed address, frame or value
+    kUnreachable = 3,  // the CAN server cannot be reached (or started)
+    kFailed = 4,       // the service ran and failed: no node answered, bus error, file error
+    kNotSupported = 5, // the server does not offer the service
+};
+
+// "NODE,INDEX[,SUB]" in hexadecimal, as the SDO panel writes it; with two fields the sub-index
+// is the index's low byte, as there. Strict: anything but hexadecimal digits is refused.
+struct Address
+{
+    int node = 0;
+    int index = 0;
+    int subIndex = 0;
+};
+std::optional<Address> parseAddress(const QString& text, QString* error);
+
+// A frame in candump's syntax: "123#11223344", "123#11.22.33", "123#R" (remote, length 0),
+// "123#R4" (remote, length 4). 11-bit identifiers only (at most three hexadecimal digits).
+struct Frame
+{
+    quint16 id = 0;
+    QByteArray data;
+    bool remote = false;
+    int length = 0;
+};
+std::optional<Frame> parseFrame(const QString& text, QString* error);
+// "ID#DATA" back, as candump writes it.
+QString frameText(quint16 id, const QByteArray& data, bool remote, int length);
+
+// Typed values: u8 u16 u32 i8 i16 i32 (little-endian), str (the bytes as text), hex (the bytes
+// as hexadecimal pairs, the default).
+bool knownType(const QString& type);
+std::optional<QByteArray> encodeValue(const QString& type, const QString& text, QString* error);
+QString decodeValue(const QString& type, const QByteArray& data);
+
+} // namespace tessel::cli

@@ -1,0 +1,507 @@
+#include "tesselcli.h"
+
+#include "canmsg.h"
+#include "cliparse.h"
+#include "machinesettings.h"
+#include "numbers.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonDocument>
+#include <QThread>
+#include <QTimer>
+
+#include <atomic>
+#include <csignal>
+#include <unistd.h>
+
+namespace tessel::cli {
+
+using qorcalib::bitRateOfIndex;
+using qorcalib::bitRateText;
+using qorcalib::CanFrame;
+using qorcalib::kBitRateCount;
+using qorcalib::recordAt;
+
+namespace {
+std::atomic<bool> interrupted{false};
+
+const QString kUsage = QStringLiteral(
+    "usage: tessel-cli [--server NAME] [--socket PATH] [--controller N] [--timeout MS] [--json]\n"
+    "                  COMMAND ...\n"
+    "commands:\n"
+    "  sdo read NODE,INDEX[,SUB] [--type T]          read an object-dictionary entry\n"
+    "  sdo write NODE,INDEX[,SUB] VALUE [--type T]   write one (T: hex, u8, u16, u32, i8, i16,\n"
+    "                                                i32, str; hex by default)\n"
+    "  nmt start|stop|preop|reset|resetcomm [NODE]   NMT command (NODE hexadecimal; 0: all)\n"
+    "  send ID#DATA                                  send a frame (candump syntax; ID#R remote)\n"
+    "  dump [--count N] [--seconds S]                received frames as a candump log\n"
+    "  lss get | lss set NODE RATE                   find the node / give it node-ID and rate\n"
+    "  upgrade FILE [--node N]                       load firmware through the boot loader\n"
+    "NAME: \"localhost\" (the local server, started when none runs), HOST or HOST:PORT on TCP;\n"
+    "\"#SELECTOR\" after it chooses the service. COMMAND --help tells more.\n"
+    "exit status: 0 done, 1 SDO abort, 2 bad arguments, 3 server not reachable, 4 the service\n"
+    "failed (no answer, bus or file error), 5 not supported by this server.\n");
+
+const QString kNotSupportedText = QStringLiteral("not supported by this server");
+
+int rateIndex(const QString& text)
+{
+    for (int i = 0; i < kBitRateCount; ++i)
+        if (text.compare(bitRateText(i), Qt::CaseInsensitive) == 0 ||
+            text.compare(QString::number(bitRateOfIndex(i) / 1000), Qt::CaseInsensitive) == 0)
+            return i;
+    return -1;
+}
+} // namespace
+
+TesselCli::TesselCli(QTextStream& out, QTextStream& err) : m_out(out), m_err(err) {}
+
+int TesselCli::bad(const QString& message)
+{
+    m_err << "tessel-cli: " << message << "\n";
+    m_err.flush();
+    return kBadArguments;
+}
+
+int TesselCli::fail(int code, const QString& message)
+{
+    m_err << "tessel-cli: " << message << "\n";
+    m_err.flush();
+    return code;
+}
+
+int TesselCli::linkFailure(const QString& error)
+{
+    if (error.contains(kNotSupportedText))
+        return fail(kNotSupported, error);
+    if (error.startsWith(ServerConnection::kNotReachable))
+        return fail(kUnreachable, error);
+    return fail(kFailed, error);
+}
+
+bool TesselCli::wantsHelp(const QStringList& args, const QString& help)
+{
+    if (!args.contains(QStringLiteral("--help")) && !args.contains(QStringLiteral("-h")))
+        return false;
+    m_out << help;
+    m_out.flush();
+    return true;
+}
+
+QString TesselCli::takeOption(QStringList* args, const QString& name, const QString& fallback)
+{
+    const qsizetype at = args->indexOf(name);
+    if (at < 0 || at + 1 >= args->size())
+        return fallback;
+    const QString value = args->at(at + 1);
+    args->remove(at, 2);
+    return value;
+}
+
+void TesselCli::print(const QJsonObject& json, const QString& text)
+{
+    if (m_json)
+        m_out << QJsonDocument(json).toJson(QJsonDocument::Compact) << "\n";
+    else
+        m_out << text << "\n";
+    m_out.flush();
+}
+
+int TesselCli::run(QStringList args)
+{
+    m_json = args.removeAll(QStringLiteral("--json")) > 0;
+    m_server = takeOption(&args, QStringLiteral("--server"),
+                          readRemoteServer(QStringLiteral("localhost")));
+    const QString socket = takeOption(&args, QStringLiteral("--socket"));
+    if (!socket.isEmpty())
+        m_link.setLocalSocketPath(socket);
+    bool ok = true;
+    m_controller =
+        takeOption(&args, QStringLiteral("--controller"), QStringLiteral("0")).toInt(&ok);
+    if (!ok || m_controller < 0)
+        return bad(QStringLiteral("--controller takes a controller number (0, 1, ...)"));
+    m_timeoutMs = takeOption(&args, QStringLiteral("--timeout"), QStringLiteral("0")).toInt(&ok);
+    if (!ok || m_timeoutMs < 0)
+        return bad(QStringLiteral("--timeout takes milliseconds"));
+    if (args.isEmpty() || args.first() == QLatin1String("--help") ||
+        args.first() == QLatin1String("-h")) {
+        (args.isEmpty() ? m_err : m_out) << kUsage;
+        return args.isEmpty() ? kBadArguments : kOk;
+    }
+    const QString command = args.takeFirst();
+    if (command == QLatin1String("sdo"))
+        return sdo(args);
+    if (command == QLatin1String("nmt"))
+        return nmt(args);
+    if (command == QLatin1String("send"))
+        return send(args);
+    if (command == QLatin1String("dump"))
+        return dump(args);
+    if (command == QLatin1String("lss"))
+        return lss(args);
+    if (command == QLatin1String("upgrade"))
+        return upgrade(args);
+    return bad(QStringLiteral("unknown command '%1' (see --help)").arg(command));
+}
+
+int TesselCli::connectAndStart()
+{
+    m_link.setServerSecret(readServerSecret());
+    QString error;
+    if (!m_link.connectToServer(m_server, &error))
+        return fail(kUnreachable, error);
+    if (m_controller >= CanLink::kControllerRows)
+        return bad(QStringLiteral("controller %1 does not exist").arg(m_controller));
+    const auto count = m_link.controllerCount(&error);
+    if (!count)
+        return linkFailure(error);
+    if (m_controller >= *count)
+        return bad(QStringLiteral("controller %1 does not exist: the server has %2")
+                       .arg(m_controller)
+                       .arg(*count));
+    for (const QString& e : {m_link.startController(m_controller), m_link.startService()})
+        if (!e.isEmpty())
+            return linkFailure(e);
+    if (m_timeoutMs > 0)
+        if (const QString e = m_link.setSdoTimeout(m_timeoutMs); !e.isEmpty())
+            return linkFailure(e);
+    if (!m_link.sdoTimeout(&error))
+        return linkFailure(error);
+    return -1;
+}
+
+bool TesselCli::waitSent()
+{
+    // A sent frame waits in the session's queue until the bus takes it, and a session that
+    // ends drops what it has waiting: the program ends only once its frames are out.
+    QElapsedTimer clock;
+    clock.start();
+    QString error;
+    while (clock.elapsed() < kSendWaitMs) {
+        const auto status = m_link.status(m_controller, &error);
+        if (!status)
+            return false;
+        if (!(*status & qorcalib::StatusTransmitPending))
+            return true;
+        QThread::msleep(2);
+    }
+    return false;
+}
+
+int TesselCli::sdo(QStringList args)
+{
+    if (wantsHelp(args,
+                  QStringLiteral("usage: tessel-cli sdo read NODE,INDEX[,SUB] [--type T]\n"
+                                 "       tessel-cli sdo write NODE,INDEX[,SUB] VALUE [--type T]\n"
+                                 "NODE, INDEX, SUB hexadecimal; with NODE,INDEX the sub-index is "
+                                 "INDEX's low byte.\nT: hex (default: bytes as hexadecimal pairs), "
+                                 "u8, u16, u32, i8, i16, i32 (little-endian), str.\nA read prints "
+                                 "the value; an abort prints its code (8 hexadecimal digits) and "
+                                 "exits 1.\n")))
+        return kOk;
+    const QString type = takeOption(&args, QStringLiteral("--type"), QStringLiteral("hex"));
+    if (!knownType(type))
+        return bad(
+            QStringLiteral("type '%1' is not hex, u8, u16, u32, i8, i16, i32 or str").arg(type));
+    const bool write = args.value(0) == QLatin1String("write");
+    if ((args.value(0) != QLatin1String("read") && !write) || args.size() != (write ? 3 : 2))
+        return bad(
+            QStringLiteral("sdo takes 'read ADDRESS' or 'write ADDRESS VALUE' (see sdo --help)"));
+    QString error;
+    const auto address = parseAddress(args[1], &error);
+    if (!address)
+        return bad(error);
+    QByteArray data;
+    if (write) {
+        const auto value = encodeValue(type, args[2], &error);
+        if (!value)
+            return bad(error);
+        data = *value;
+    }
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    const CanLink::SdoResult r = m_link.sdoTransfer(m_controller, !write, address->node,
+                                                    address->index, address->subIndex, data);
+    QJsonObject json{{QStringLiteral("command"),
+                      write ? QStringLiteral("sdo write") : QStringLiteral("sdo read")},
+                     {QStringLiteral("node"), address->node},
+                     {QStringLiteral("index"), QString::number(address->index, 16).toUpper()},
+                     {QStringLiteral("sub"), address->subIndex}};
+    if (!r.error.isEmpty())
+        return linkFailure(r.error);
+    if (r.abortCode != 0) {
+        const QString code = hexField(r.abortCode, 8);
+        json.insert(QStringLiteral("abort"), code);
+        if (m_json)
+            print(json, {});
+        return fail(kSdoAbort, QStringLiteral("SDO abort %1").arg(code));
+    }
+    if (write) {
+        json.insert(QStringLiteral("written"), QString::fromLatin1(data.toHex().toUpper()));
+        print(json, QStringLiteral("ok"));
+        return kOk;
+    }
+    json.insert(QStringLiteral("data"), QString::fromLatin1(r.data.toHex().toUpper()));
+    json.insert(QStringLiteral("value"), decodeValue(type, r.data));
+    print(json, decodeValue(type, r.data));
+    return kOk;
+}
+
+int TesselCli::nmt(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("usage: tessel-cli nmt start|stop|preop|reset|resetcomm "
+                                       "[NODE]\nNODE hexadecimal, 0 (the default) for every "
+                                       "node.\n")))
+        return kOk;
+    static const QMap<QString, int> commands{{QStringLiteral("start"), 0x01},
+                                             {QStringLiteral("stop"), 0x02},
+                                             {QStringLiteral("preop"), 0x80},
+                                             {QStringLiteral("reset"), 0x81},
+                                             {QStringLiteral("resetcomm"), 0x82}};
+    if (args.isEmpty() || args.size() > 2 || !commands.contains(args[0]))
+        return bad(QStringLiteral("nmt takes start, stop, preop, reset or resetcomm and a node"));
+    bool ok = true;
+    const int node = args.size() == 2 ? args[1].toInt(&ok, 16) : 0;
+    if (!ok || node < 0 || node > 0x7F)
+        return bad(QStringLiteral("node '%1' is not 0 to 7F").arg(args.value(1)));
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    QByteArray data(2, '\0');
+    data[0] = char(commands[args[0]]);
+    data[1] = char(node);
+    if (const QString e = m_link.send(m_controller, 0x000, 2, data, false); !e.isEmpty())
+        return linkFailure(e);
+    if (!waitSent())
+        return fail(kFailed, QStringLiteral("the frame did not go out on controller %1 (no "
+                                            "other node on the bus?)")
+                                 .arg(m_controller));
+    print({{QStringLiteral("command"), QStringLiteral("nmt")},
+           {QStringLiteral("service"), args[0]},
+           {QStringLiteral("node"), node}},
+          QStringLiteral("ok"));
+    return kOk;
+}
+
+int TesselCli::send(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("usage: tessel-cli send ID#DATA\nID: 3 hexadecimal "
+                                       "digits (11-bit); DATA: up to 8 bytes as hexadecimal "
+                                       "pairs, '.' between them allowed; ID#R or ID#Rn sends a "
+                                       "remote frame of length n.\n")))
+        return kOk;
+    if (args.size() != 1)
+        return bad(QStringLiteral("send takes one frame, ID#DATA"));
+    QString error;
+    const auto frame = parseFrame(args[0], &error);
+    if (!frame)
+        return bad(error);
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    if (const QString e =
+            m_link.send(m_controller, frame->id, frame->length, frame->data, frame->remote);
+        !e.isEmpty())
+        return linkFailure(e);
+    print({{QStringLiteral("command"), QStringLiteral("send")},
+           {QStringLiteral("frame"),
+            frameText(frame->id, frame->data, frame->remote, frame->length)}},
+          QStringLiteral("ok"));
+    return kOk;
+}
+
+int TesselCli::dump(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("usage: tessel-cli dump [--count N] [--seconds S]\n"
+                                       "Writes the frames the controller receives, one line "
+                                       "each as a candump log:\n  (SECONDS.MICRO) canN "
+                                       "ID#DATA\nuntil N frames, S seconds, or an interrupt.\n")))
+        return kOk;
+    bool ok = true;
+    const qint64 count =
+        takeOption(&args, QStringLiteral("--count"), QStringLiteral("0")).toLongLong(&ok);
+    if (!ok || count < 0)
+        return bad(QStringLiteral("--count takes a number of frames"));
+    const double seconds =
+        takeOption(&args, QStringLiteral("--seconds"), QStringLiteral("0")).toDouble(&ok);
+    if (!ok || seconds < 0)
+        return bad(QStringLiteral("--seconds takes a number of seconds"));
+    if (!args.isEmpty())
+        return bad(QStringLiteral("dump does not take '%1'").arg(args.first()));
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    if (const QString e = m_link.advise(); !e.isEmpty())
+        return linkFailure(e);
+    qint64 written = 0;
+    // Times are the server's receive stamps, on the wall clock of the first frame.
+    qint64 epochUs = -1;
+    quint32 firstStamp = 0;
+    QEventLoop loop;
+    QObject::connect(&m_link, &CanLink::framesReceived, &loop,
+                     [&](int controller, const QByteArray& records, int n) {
+                         if (controller != m_controller)
+                             return;
+                         for (int i = 0; i < n && (count == 0 || written < count); ++i) {
+                             const CanFrame f = recordAt(records, i);
+                             if (epochUs < 0) {
+                                 epochUs = QDateTime::currentMSecsSinceEpoch() * 1000;
+                                 firstStamp = f.timeUs;
+                             }
+                             const qint64 us = epochUs + qint64(quint32(f.timeUs - firstStamp));
+                             const QByteArray data(reinterpret_cast<const char*>(f.data.data()),
+                                                   f.len);
+                             m_out << QStringLiteral("(%1.%2) can%3 ")
+                                          .arg(us / 1000000)
+                                          .arg(us % 1000000, 6, 10, QLatin1Char('0'))
+                                          .arg(m_controller)
+                                   << frameText(f.id, data, f.remote, f.len) << "\n";
+                             ++written;
+                         }
+                         m_out.flush();
+                         if (count > 0 && written >= count)
+                             loop.quit();
+                     });
+    QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] { loop.exit(1); });
+    std::signal(SIGINT, [](int) { interrupted = true; });
+    std::signal(SIGTERM, [](int) { interrupted = true; });
+    QTimer watch;
+    QObject::connect(&watch, &QTimer::timeout, &loop, [&] {
+        if (interrupted)
+            loop.quit();
+    });
+    watch.start(50);
+    if (seconds > 0)
+        QTimer::singleShot(int(seconds * 1000), &loop, &QEventLoop::quit);
+    if (loop.exec() != 0)
+        return fail(kUnreachable, ServerConnection::kNotReachable);
+    return kOk;
+}
+
+int TesselCli::lss(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("usage: tessel-cli lss get\n       tessel-cli lss set "
+                                       "NODE RATE\nget finds the one node in LSS waiting "
+                                       "state: its node-ID (FF: none yet) and bit rate.\nset "
+                                       "gives it NODE (hexadecimal) and RATE (1000K, 800K, "
+                                       "500K, 250K, 125K, 100K, 50K, 25K, 10K).\n")))
+        return kOk;
+    const bool set = args.value(0) == QLatin1String("set");
+    if ((args.value(0) != QLatin1String("get") && !set) || args.size() != (set ? 3 : 1))
+        return bad(QStringLiteral("lss takes 'get' or 'set NODE RATE'"));
+    int node = 0;
+    int rate = 0;
+    if (set) {
+        bool ok = false;
+        node = args[1].toInt(&ok, 16);
+        if (!ok || node < 1 || node > 0x7F)
+            return bad(QStringLiteral("node '%1' is not 1 to 7F").arg(args[1]));
+        rate = rateIndex(args[2]);
+        if (rate < 0)
+            return bad(QStringLiteral("bit rate '%1' is not one of 1000K ... 10K").arg(args[2]));
+    }
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    const CanLink::LssResult r =
+        set ? m_link.lssConfigure(m_controller, node, rate) : m_link.lssInquire(m_controller);
+    if (!r.error.isEmpty())
+        return linkFailure(r.error);
+    if (set) {
+        print({{QStringLiteral("command"), QStringLiteral("lss set")},
+               {QStringLiteral("node"), node},
+               {QStringLiteral("bitrate"), bitRateText(rate)}},
+              QStringLiteral("ok"));
+        return kOk;
+    }
+    print({{QStringLiteral("command"), QStringLiteral("lss get")},
+           {QStringLiteral("node"), r.nodeId},
+           {QStringLiteral("bitrate"), bitRateText(r.bitRateIndex)}},
+          QStringLiteral("node %1 at %2")
+              .arg(hexField(quint32(r.nodeId), 2), bitRateText(r.bitRateIndex)));
+    return kOk;
+}
+
+int TesselCli::upgrade(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("usage: tessel-cli upgrade FILE [--node N]\nCatches "
+                                       "node N (hexadecimal, 1 by default) in its boot loader, "
+                                       "loads FILE (an image the boot loader takes: hybrid .sx "
+                                       "or S-records with an identification) into 0x1F50 sub 1 "
+                                       "and starts the new application.\n")))
+        return kOk;
+    bool ok = true;
+    const int node =
+        takeOption(&args, QStringLiteral("--node"), QStringLiteral("1")).toInt(&ok, 16);
+    if (!ok || node < 1 || node > 0x7F)
+        return bad(QStringLiteral("--node takes a node-ID, 1 to 7F"));
+    if (args.size() != 1)
+        return bad(QStringLiteral("upgrade takes one firmware file"));
+    QFile file(args[0]);
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(kFailed, QStringLiteral("%1: %2").arg(args[0], file.errorString()));
+    const QByteArray image = file.readAll();
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    QString error;
+    const auto rate = m_link.bitRate(m_controller, &error);
+    if (!rate)
+        return linkFailure(error);
+    // The bench cycles the unit's supply so that it boots into the catch (a local server's
+    // bench only, as Tessel does).
+    const bool bench = !m_link.isRemote() && m_link.boardCommand(16, 0, &error).has_value();
+    const auto endTransfer = [&] {
+        if (bench)
+            m_link.boardCommand(17, 0, &error);
+    };
+    const CanLink::BootResult caught = m_link.stopOnBoot(m_controller, node, *rate);
+    if (!caught.error.isEmpty()) {
+        endTransfer();
+        return linkFailure(caught.error);
+    }
+    if (caught.version == 0) {
+        endTransfer();
+        return fail(
+            kFailed,
+            QStringLiteral("no boot loader of node %1 answered").arg(hexField(quint32(node), 2)));
+    }
+    const bool terminal = isatty(STDERR_FILENO);
+    QMetaObject::Connection progress;
+    if (terminal)
+        progress = QObject::connect(&m_link, &CanLink::progressChanged, [this](float percent) {
+            m_err << QStringLiteral("\r%1 %").arg(int(percent), 3);
+            m_err.flush();
+        });
+    const CanLink::SdoResult loaded =
+        m_link.sdoTransfer(m_controller, false, node, 0x1F50, 1, image);
+    QObject::disconnect(progress);
+    if (terminal)
+        m_err << "\n";
+    endTransfer();
+    if (!loaded.error.isEmpty())
+        return linkFailure(loaded.error);
+    if (loaded.abortCode != 0)
+        return fail(kSdoAbort, QStringLiteral("SDO abort %1 (the boot loader refused the image)")
+                                   .arg(hexField(loaded.abortCode, 8)));
+    const CanLink::SdoResult released =
+        m_link.sdoTransfer(m_controller, false, node, 0x5EF0, 0, QByteArrayLiteral("QorS"));
+    if (!released.error.isEmpty())
+        return linkFailure(released.error);
+    if (released.abortCode != 0)
+        return fail(kSdoAbort,
+                    QStringLiteral("SDO abort %1 (release)").arg(hexField(released.abortCode, 8)));
+    const quint32 v = caught.version;
+    print({{QStringLiteral("command"), QStringLiteral("upgrade")},
+           {QStringLiteral("node"), node},
+           {QStringLiteral("bytes"), image.size()},
+           {QStringLiteral("bootloader"),
+            QStringLiteral("%1.%2.%3").arg(v >> 16 & 0xFF).arg(v >> 8 & 0xFF).arg(v & 0xFF)}},
+          QStringLiteral("upgraded node %1: %2 bytes through boot loader V%3.%4.%5")
+              .arg(hexField(quint32(node), 2))
+              .arg(image.size())
+              .arg(v >> 16 & 0xFF)
+              .arg(v >> 8 & 0xFF)
+              .arg(v & 0xFF));
+    return kOk;
+}
+
+} // namespace tessel::cli

@@ -1,0 +1,47 @@
+#pragma once
+
+#include "canlink.h"
+
+#include <QJsonObject>
+#include <QStringList>
+#include <QTextStream>
+
+namespace tessel::cli {
+
+// tessel-cli: the CAN server's services for line scripts, one subcommand a run, with exit codes
+// a script can test (cliparse.h). It reaches the server exactly as Tessel does.
+class TesselCli
+{
+public:
+    TesselCli(QTextStream& out, QTextStream& err);
+    int run(QStringList args);
+
+private:
+    int sdo(QStringList args);
+    int nmt(QStringList args);
+    int send(QStringList args);
+    int dump(QStringList args);
+    int lss(QStringList args);
+    int upgrade(QStringList args);
+
+    int bad(const QString& message);
+    int fail(int code, const QString& message);
+    int linkFailure(const QString& error);
+    bool wantsHelp(const QStringList& args, const QString& help);
+    // Connects and readies the controller; an exit code on failure, else -1.
+    int connectAndStart();
+    bool waitSent();
+    static constexpr int kSendWaitMs = 2000;
+    void print(const QJsonObject& json, const QString& text);
+    QString takeOption(QStringList* args, const QString& name, const QString& fallback = {});
+
+    QTextStream& m_out;
+    QTextStream& m_err;
+    CanLink m_link;
+    QString m_server;
+    int m_controller = 0;
+    int m_timeoutMs = 0;
+    bool m_json = false;
+};
+
+} // namespace tessel::cli
