@@ -1,0 +1,235 @@
+// tessel-cli as a line script runs it: a process against the real server and its simulated
+// drive; what it prints, and its exit codes.
+#include "serverprocess.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTest>
+
+using qorcalib::test::ServerProcess;
+
+namespace {
+struct Run
+{
+    int exit = -1;
+    QString out;
+    QString err;
+};
+} // namespace
+
+class TstTesselCli : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void readsAndWrites_data();
+    void readsAndWrites();
+    void abortsAndBadArguments_data();
+    void abortsAndBadArguments();
+    void nmtStartSeenInTheDump();
+    void jsonLines();
+    void serverNotRunning();
+    void upgradeAndLss();
+    void help();
+
+private:
+    Run cli(const QStringList& args, int timeoutMs = 20000)
+    {
+        QProcess p;
+        p.start(QStringLiteral(TESSEL_CLI_PATH),
+                QStringList{"--socket", m_server.socketPath()} + args);
+        Run r;
+        if (!p.waitForFinished(timeoutMs)) {
+            p.kill();
+            p.waitForFinished();
+            r.err = "did not end";
+            return r;
+        }
+        r.exit = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+        r.out = QString::fromLocal8Bit(p.readAllStandardOutput());
+        r.err = QString::fromLocal8Bit(p.readAllStandardError());
+        return r;
+    }
+    ServerProcess m_server;
+};
+
+void TstTesselCli::initTestCase()
+{
+    QVERIFY(m_server.start({"--unpaced"}));
+    // The drive has booted once it answers.
+    QVERIFY(QTest::qWaitFor([&] { return cli({"sdo", "read", "1,1000,0"}).exit == 0; }, 10000));
+}
+
+void TstTesselCli::readsAndWrites_data()
+{
+    QTest::addColumn<QStringList>("write"); // empty: read only
+    QTest::addColumn<QStringList>("read");
+    QTest::addColumn<QString>("out");
+    QTest::newRow("identity u32") << QStringList{} << QStringList{"1,1018,1", "--type", "u32"}
+                                  << "929\n";
+    QTest::newRow("device name str")
+        << QStringList{} << QStringList{"1,1008,0", "--type", "str"} << "QD-300\n";
+    QTest::newRow("expedited u16") << QStringList{"1,1017,0", "750", "--type", "u16"}
+                                   << QStringList{"1,1017,0", "--type", "u16"} << "750\n";
+    QTest::newRow("u32 within its limits") << QStringList{"1,2000,0", "5000", "--type", "u32"}
+                                           << QStringList{"1,2000,0", "--type", "u32"} << "5000\n";
+    QTest::newRow("signed") << QStringList{} << QStringList{"1,2011,0", "--type", "i16"} << "31\n";
+    // More than four bytes: segmented, or block-sized data.
+    QTest::newRow("segmented text")
+        << QStringList{"1,2030,0", "line station 7", "--type", "str"}
+        << QStringList{"1,2030,0", "--type", "str"} << "line station 7\n";
+    QTest::newRow("block-sized hex")
+        << QStringList{"1,2040,0", QString(QByteArray(200, '\x5A').toHex())}
+        << QStringList{"1,2040,0"} << QString(QByteArray(200, '\x5A').toHex().toUpper()) + "\n";
+}
+
+void TstTesselCli::readsAndWrites()
+{
+    QFETCH(QStringList, write);
+    QFETCH(QStringList, read);
+    if (!write.isEmpty()) {
+        const Run w = cli(QStringList{"sdo", "write"} + write);
+        QVERIFY2(w.exit == 0, qPrintable(w.err));
+        QCOMPARE(w.out, QString("ok\n"));
+    }
+    const Run r = cli(QStringList{"sdo", "read"} + read);
+    QVERIFY2(r.exit == 0, qPrintable(r.err));
+    QTEST(r.out, "out");
+    QCOMPARE(r.err, QString());
+}
+
+void TstTesselCli::abortsAndBadArguments_data()
+{
+    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<int>("exit");
+    QTest::addColumn<QString>("err");
+    QTest::newRow("no such object")
+        << QStringList{"sdo", "read", "1,2222,0"} << 1 << "tessel-cli: SDO abort 06020000\n";
+    QTest::newRow("read-only") << QStringList{"sdo", "write", "1,1000,0", "00000000"} << 1
+                               << "tessel-cli: SDO abort 06010002\n";
+    QTest::newRow("node that does not answer")
+        << QStringList{"sdo", "read", "5,1000,0"} << 4 << "tessel-cli: SDO timeout\n";
+    QTest::newRow("unknown command")
+        << QStringList{"frob"} << 2 << "tessel-cli: unknown command 'frob' (see --help)\n";
+    QTest::newRow("malformed address")
+        << QStringList{"sdo", "read", "1;1018"} << 2
+        << "tessel-cli: address '1;1018' is not NODE,INDEX[,SUB] in hexadecimal (for example "
+           "1,1018,1)\n";
+    QTest::newRow("nine bytes") << QStringList{"send", "123#001122334455667788"} << 2
+                                << "tessel-cli: frame '123#001122334455667788': 9 data bytes, a "
+                                   "frame carries 8 at most\n";
+    QTest::newRow("malformed frame") << QStringList{"send", "xyz"} << 2
+                                     << "tessel-cli: frame 'xyz': not ID#DATA (for example "
+                                        "601#4018100100000000)\n";
+    QTest::newRow("bad type") << QStringList{"sdo", "read", "1,1000,0", "--type", "f64"} << 2
+                              << "tessel-cli: type 'f64' is not hex, u8, u16, u32, i8, i16, i32 "
+                                 "or str\n";
+    QTest::newRow("no command") << QStringList{} << 2 << "";
+}
+
+void TstTesselCli::abortsAndBadArguments()
+{
+    QFETCH(QStringList, args);
+    QFETCH(QString, err);
+    QElapsedTimer clock;
+    clock.start();
+    const Run r = cli(args);
+    QTEST(r.exit, "exit");
+    if (!err.isEmpty())
+        QCOMPARE(r.err, err);
+    QCOMPARE(r.out, QString());
+    // Never past the SDO time-out (1 s) by much.
+    QVERIFY2(clock.elapsed() < 4000, qPrintable(QString::number(clock.elapsed())));
+}
+
+void TstTesselCli::nmtStartSeenInTheDump()
+{
+    QProcess dump;
+    dump.start(QStringLiteral(TESSEL_CLI_PATH),
+               {"--socket", m_server.socketPath(), "dump", "--seconds", "3"});
+    QVERIFY(dump.waitForStarted());
+    QTest::qWait(700);
+    QCOMPARE(cli({"nmt", "start", "1"}).exit, 0);
+    QVERIFY(dump.waitForFinished(10000));
+    QCOMPARE(dump.exitCode(), 0);
+    const QStringList lines =
+        QString::fromLocal8Bit(dump.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
+    QRegularExpression line("^\\((\\d+)\\.(\\d{6})\\) can0 ([0-9A-F]{3})#([0-9A-F]*)$");
+    for (const QString& l : lines)
+        QVERIFY2(line.match(l).hasMatch(), qPrintable(l));
+    const qsizetype nmt = lines.indexOf(QRegularExpression(".* 000#0101$"));
+    QVERIFY2(nmt >= 0, qPrintable(lines.join('\n')));
+    // The heartbeat turns operational after the start.
+    QVERIFY(lines.mid(nmt).contains(QRegularExpression(".* 701#05$")));
+    QCOMPARE(cli({"nmt", "preop", "1"}).exit, 0);
+    // --count ends the dump.
+    const Run three = cli({"dump", "--count", "3"});
+    QCOMPARE(three.exit, 0);
+    QCOMPARE(three.out.count('\n'), 3);
+}
+
+void TstTesselCli::jsonLines()
+{
+    const Run r = cli({"--json", "sdo", "read", "1,1018,1", "--type", "u32"});
+    QCOMPARE(r.exit, 0);
+    QCOMPARE(r.out.count('\n'), 1);
+    const QJsonObject o = QJsonDocument::fromJson(r.out.toUtf8()).object();
+    QCOMPARE(o["command"].toString(), QString("sdo read"));
+    QCOMPARE(o["node"].toInt(), 1);
+    QCOMPARE(o["index"].toString(), QString("1018"));
+    QCOMPARE(o["sub"].toInt(), 1);
+    QCOMPARE(o["data"].toString(), QString("A1030000"));
+    QCOMPARE(o["value"].toString(), QString("929"));
+    const Run abort = cli({"--json", "sdo", "read", "1,2222,0"});
+    QCOMPARE(abort.exit, 1);
+    QCOMPARE(QJsonDocument::fromJson(abort.out.toUtf8()).object()["abort"].toString(),
+             QString("06020000"));
+}
+
+void TstTesselCli::serverNotRunning()
+{
+    QProcess p;
+    QElapsedTimer clock;
+    clock.start();
+    p.start(QStringLiteral(TESSEL_CLI_PATH),
+            {"--server", "127.0.0.1:1", "sdo", "read", "1,1000,0"});
+    QVERIFY(p.waitForFinished(20000));
+    QCOMPARE(p.exitCode(), 3);
+    const QString err = QString::fromLocal8Bit(p.readAllStandardError());
+    QVERIFY2(err.startsWith("tessel-cli: CAN server not reachable"), qPrintable(err));
+    QCOMPARE(err.count('\n'), 1);
+    QVERIFY(clock.elapsed() < 15000);
+}
+
+void TstTesselCli::upgradeAndLss()
+{
+    const Run up =
+        cli({"upgrade", QStringLiteral(QORCALIB_DATA_DIR "/firmware/drive-2.1.7.sx")}, 60000);
+    QVERIFY2(up.exit == 0, qPrintable(up.err));
+    QVERIFY2(up.out.startsWith("upgraded node 01: "), qPrintable(up.out));
+    QTest::qWait(500); // the new application boots
+    QCOMPARE(cli({"sdo", "read", "1,100A,0", "--type", "str"}).out, QString("FW 2.1.7\n"));
+    // The drive on controller 1 waits for LSS.
+    const Run get = cli({"--controller", "1", "lss", "get"}, 60000);
+    QVERIFY2(get.exit == 0, qPrintable(get.err));
+    QCOMPARE(get.out, QString("node FF at 250K\n"));
+    const Run bad = cli({"--controller", "1", "lss", "set", "0", "250K"});
+    QCOMPARE(bad.exit, 2);
+}
+
+void TstTesselCli::help()
+{
+    for (const char* command : {"sdo", "nmt", "send", "dump", "lss", "upgrade"}) {
+        const Run r = cli({command, "--help"});
+        QCOMPARE(r.exit, 0);
+        QVERIFY2(r.out.startsWith(QStringLiteral("usage: tessel-cli ") + command),
+                 qPrintable(r.out));
+    }
+    const Run all = cli({"--help"});
+    QCOMPARE(all.exit, 0);
+    QVERIFY(all.out.contains("exit status: 0 done, 1 SDO abort"));
+}
+
+QTEST_GUILESS_MAIN(TstTesselCli)
+#include "tst_tesselcli.moc"
