@@ -1,0 +1,275 @@
+#include "tracefile.h"
+
+#include <QDateTime>
+#include <QIODevice>
+#include <QLocale>
+#include <QRegularExpression>
+
+namespace tessel {
+
+namespace {
+// Longer lines are no trace lines: they are refused, not read into memory whole.
+constexpr qint64 kMaxLine = 4096;
+const QByteArray kOverlong = QByteArrayLiteral("\x01overlong");
+
+QByteArray hexBytes(const QByteArray& data, const char* separator)
+{
+    QByteArray out;
+    for (int i = 0; i < data.size(); ++i) {
+        if (i > 0)
+            out += separator;
+        out += QByteArray::number(quint8(data[i]), 16).rightJustified(2, '0').toUpper();
+    }
+    return out;
+}
+
+QString ascDate(const QDateTime& t)
+{
+    return QLocale::c().toString(t, QStringLiteral("ddd MMM dd hh:mm:ss.zzz ap yyyy"));
+}
+
+class CandumpReader : public TraceReader
+{
+public:
+    explicit CandumpReader(QIODevice* device) : TraceReader(device) {}
+    Result next(TraceRecord* r, QString* error) override
+    {
+        static const QRegularExpression frame(QStringLiteral(
+            R"(^\((\d+)\.(\d{1,9})\)\s+(\S+)\s+([0-9A-Fa-f]+)(#{1,2})(\S*)(\s+\S+)?$)"));
+        QByteArray raw;
+        while (readLine(&raw)) {
+            if (raw == kOverlong)
+                return fail(error, QStringLiteral("longer than %1 characters").arg(kMaxLine));
+            const QString line = QString::fromLatin1(raw).trimmed();
+            if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
+                continue;
+            const auto m = frame.match(line);
+            if (!m.hasMatch())
+                return fail(error,
+                            QStringLiteral("not a candump log line: '%1'").arg(line.left(60)));
+            if (m.captured(5) == QLatin1String("##"))
+                return fail(error, QStringLiteral("CAN FD frames are not carried by the server"));
+            const QString id = m.captured(4);
+            if (id.size() > 3)
+                return fail(error, QStringLiteral("identifier %1 is extended (29-bit): the "
+                                                  "server carries 11-bit identifiers")
+                                       .arg(id));
+            r->id = quint16(id.toUInt(nullptr, 16));
+            if (r->id > 0x7FF)
+                return fail(error, QStringLiteral("identifier %1 is not 000 to 7FF").arg(id));
+            const QString micros = m.captured(2).leftJustified(6, QLatin1Char('0')).left(6);
+            r->timeUs = m.captured(1).toLongLong() * 1000000 + micros.toLongLong();
+            static const QRegularExpression digits(QStringLiteral("(\\d+)$"));
+            const auto channel = digits.match(m.captured(3));
+            r->channel = channel.hasMatch() ? channel.captured(1).toInt() : 0;
+            r->transmitted = false;
+            const QString data = m.captured(6);
+            r->remote = data.startsWith(QLatin1Char('R'), Qt::CaseInsensitive);
+            if (r->remote) {
+                r->data.clear();
+                r->length = data.size() > 1 ? data.mid(1).toInt() : 0;
+                if (r->length < 0 || r->length > 8)
+                    return fail(error, QStringLiteral("remote length '%1'").arg(data));
+                return Frame;
+            }
+            if (data.size() % 2 != 0 || data.size() > 16)
+                return fail(error, QStringLiteral("data '%1' is not 0 to 8 whole bytes").arg(data));
+            r->data = QByteArray::fromHex(data.toLatin1());
+            if (r->data.size() * 2 != data.size())
+                return fail(error, QStringLiteral("data '%1' is not hexadecimal").arg(data));
+            r->length = int(r->data.size());
+            return Frame;
+        }
+        return End;
+    }
+
+private:
+    Result fail(QString* error, const QString& what)
+    {
+        *error = where() + what;
+        return Error;
+    }
+};
+
+class AscReader : public TraceReader
+{
+public:
+    explicit AscReader(QIODevice* device) : TraceReader(device) {}
+    Result next(TraceRecord* r, QString* error) override
+    {
+        QByteArray raw;
+        while (readLine(&raw)) {
+            if (raw == kOverlong)
+                return fail(error, QStringLiteral("longer than %1 characters").arg(kMaxLine));
+            const QString line = QString::fromLatin1(raw).trimmed();
+            const QStringList w =
+                line.split(QRegularExpression(QStringLiteral("\\s+")), Qt::SkipEmptyParts);
+            if (w.isEmpty() || line.startsWith(QLatin1String("//")))
+                continue;
+            const QString first = w[0].toLower();
+            if (first == QLatin1String("date") || first == QLatin1String("internal") ||
+                first == QLatin1String("no") || first == QLatin1String("begin") ||
+                first == QLatin1String("end"))
+                continue;
+            if (first == QLatin1String("base")) {
+                m_decimal = w.value(1).toLower() == QLatin1String("dec");
+                continue;
+            }
+            bool ok = false;
+            const double seconds = w[0].toDouble(&ok);
+            if (!ok)
+                return fail(error, QStringLiteral("not an ASC line: '%1'").arg(line.left(60)));
+            if (w.value(1).compare(QLatin1String("CANFD"), Qt::CaseInsensitive) == 0)
+                return fail(error, QStringLiteral("CAN FD frames are not carried by the server"));
+            int channel = w.value(1).toInt(&ok);
+            // Events without a frame (start of measurement, error frames, statistics).
+            if (!ok || w.size() < 5)
+                continue;
+            QString id = w[2];
+            if (id.endsWith(QLatin1Char('x'), Qt::CaseInsensitive))
+                return fail(error, QStringLiteral("identifier %1 is extended (29-bit): the "
+                                                  "server carries 11-bit identifiers")
+                                       .arg(id));
+            const uint value = id.toUInt(&ok, m_decimal ? 10 : 16);
+            if (!ok || value > 0x7FF)
+                return fail(error, QStringLiteral("identifier '%1' is not 000 to 7FF").arg(id));
+            const QString dir = w[3].toLower();
+            if (dir != QLatin1String("rx") && dir != QLatin1String("tx"))
+                continue;
+            r->timeUs = qint64(seconds * 1e6 + 0.5);
+            r->channel = std::max(0, channel - 1);
+            r->id = quint16(value);
+            r->transmitted = dir == QLatin1String("tx");
+            const QString kind = w[4].toLower();
+            if (kind == QLatin1String("r")) {
+                r->remote = true;
+                r->data.clear();
+                r->length = w.size() > 5 ? w[5].toInt() : 0;
+                return Frame;
+            }
+            if (kind != QLatin1String("d"))
+                return fail(error, QStringLiteral("frame kind '%1' is not d or r").arg(w[4]));
+            r->remote = false;
+            r->length = w.value(5).toInt(&ok);
+            if (!ok || r->length < 0 || r->length > 8)
+                return fail(error, QStringLiteral("length '%1' is not 0 to 8").arg(w.value(5)));
+            if (w.size() < 6 + r->length)
+                return fail(error, QStringLiteral("%1 data bytes announced, %2 there")
+                                       .arg(r->length)
+                                       .arg(w.size() - 6));
+            r->data.clear();
+            for (int i = 0; i < r->length; ++i) {
+                const uint b = w[6 + i].toUInt(&ok, m_decimal ? 10 : 16);
+                if (!ok || b > 0xFF)
+                    return fail(error, QStringLiteral("data byte '%1'").arg(w[6 + i]));
+                r->data.append(char(b));
+            }
+            return Frame;
+        }
+        return End;
+    }
+
+private:
+    Result fail(QString* error, const QString& what)
+    {
+        *error = where() + what;
+        return Error;
+    }
+    bool m_decimal = false;
+};
+} // namespace
+
+bool traceFormatOf(const QString& fileName, TraceFormat* format)
+{
+    if (fileName.endsWith(QLatin1String(".log"), Qt::CaseInsensitive))
+        *format = TraceFormat::CandumpLog;
+    else if (fileName.endsWith(QLatin1String(".asc"), Qt::CaseInsensitive))
+        *format = TraceFormat::Asc;
+    else
+        return false;
+    return true;
+}
+
+TraceWriter::TraceWriter(QIODevice* device, TraceFormat format) : m_device(device), m_format(format)
+{
+}
+
+void TraceWriter::begin(const QDateTime& start)
+{
+    if (m_format != TraceFormat::Asc)
+        return;
+    const QByteArray date = ascDate(start).toLatin1();
+    m_device->write("date " + date +
+                    "\nbase hex  timestamps absolute\nno internal events "
+                    "logged\n// version 7.0.0\nBegin Triggerblock " +
+                    date + "\n");
+}
+
+void TraceWriter::write(const TraceRecord& r)
+{
+    if (m_format == TraceFormat::CandumpLog) {
+        QByteArray line = QStringLiteral("(%1.%2) can%3 %4#")
+                              .arg(r.timeUs / 1000000, 10, 10, QLatin1Char('0'))
+                              .arg(r.timeUs % 1000000, 6, 10, QLatin1Char('0'))
+                              .arg(r.channel)
+                              .arg(r.id, 3, 16, QLatin1Char('0'))
+                              .toUpper()
+                              .toLatin1();
+        line.replace("CAN", "can");
+        if (r.remote)
+            line += r.length ? "R" + QByteArray::number(r.length) : QByteArray("R");
+        else
+            line += hexBytes(r.data.left(r.length), "");
+        m_device->write(line + "\n");
+        return;
+    }
+    if (m_firstUs < 0)
+        m_firstUs = r.timeUs;
+    const qint64 t = r.timeUs - m_firstUs;
+    QByteArray line = QStringLiteral("%1.%2 %3  %4             %5   ")
+                          .arg(t / 1000000, 4)
+                          .arg(t % 1000000, 6, 10, QLatin1Char('0'))
+                          .arg(r.channel + 1)
+                          .arg(QString::number(r.id, 16).toUpper(), -3)
+                          .arg(r.transmitted ? QLatin1String("Tx") : QLatin1String("Rx"))
+                          .toLatin1();
+    if (r.remote)
+        line += "r";
+    else
+        line += "d " + QByteArray::number(r.length) + (r.length ? " " : "") +
+                hexBytes(r.data.left(r.length), " ");
+    m_device->write(line + "\n");
+}
+
+void TraceWriter::end()
+{
+    if (m_format == TraceFormat::Asc)
+        m_device->write("End TriggerBlock\n");
+}
+
+std::unique_ptr<TraceReader> TraceReader::create(QIODevice* device, TraceFormat format)
+{
+    if (format == TraceFormat::Asc)
+        return std::make_unique<AscReader>(device);
+    return std::make_unique<CandumpReader>(device);
+}
+
+bool TraceReader::readLine(QByteArray* line)
+{
+    if (m_device->atEnd())
+        return false;
+    *line = m_device->readLine(kMaxLine + 1);
+    ++m_line;
+    if (line->size() > kMaxLine && !line->endsWith('\n')) {
+        // The rest of an overlong line is skipped, never held.
+        while (!m_device->atEnd() && !m_device->readLine(kMaxLine + 1).endsWith('\n')) {
+        }
+        *line = kOverlong;
+        return true;
+    }
+    while (line->endsWith('\n') || line->endsWith('\r'))
+        line->chop(1);
+    return true;
+}
+
+} // namespace tessel

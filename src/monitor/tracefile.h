@@ -1,0 +1,80 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <memory>
+
+class QDateTime;
+class QIODevice;
+
+namespace tessel {
+
+// A frame of a trace file: its time in microseconds (from the file's own start), channel,
+// identifier, data, and whether it was sent by this program.
+struct TraceRecord
+{
+    qint64 timeUs = 0;
+    int channel = 0;
+    quint16 id = 0;
+    bool remote = false;
+    bool transmitted = false;
+    int length = 0;
+    QByteArray data;
+};
+
+// The trace file formats other CAN tools read and write, chosen by the file's extension:
+//   .log  candump's log: "(SECONDS.MICROS) canN ID#DATA" (ID#R for a remote frame)
+//   .asc  the ASC text format: a header, then "TIME CHANNEL ID Rx|Tx d LEN BYTES" (r: remote)
+// The server carries 11-bit identifiers: extended and FD frames are refused with the line.
+enum class TraceFormat
+{
+    CandumpLog,
+    Asc,
+};
+// nullopt-like: false when the extension is neither.
+bool traceFormatOf(const QString& fileName, TraceFormat* format);
+
+// Writes a trace file, frame by frame.
+class TraceWriter
+{
+public:
+    TraceWriter(QIODevice* device, TraceFormat format);
+    // `start` names the measurement in the ASC header.
+    void begin(const QDateTime& start);
+    void write(const TraceRecord& record);
+    void end();
+
+private:
+    QIODevice* m_device;
+    TraceFormat m_format;
+    qint64 m_firstUs = -1;
+};
+
+// Reads a trace file one frame at a time, so that a file of any size takes the same memory.
+class TraceReader
+{
+public:
+    enum Result
+    {
+        Frame,
+        End,
+        Error,
+    };
+    static std::unique_ptr<TraceReader> create(QIODevice* device, TraceFormat format);
+    virtual ~TraceReader() = default;
+    // The next frame; Error with a message that names the line ("line 12: ...").
+    virtual Result next(TraceRecord* record, QString* error) = 0;
+    qint64 lineNumber() const { return m_line; }
+
+protected:
+    explicit TraceReader(QIODevice* device) : m_device(device) {}
+    // The next line without its end; false at the end of the file.
+    bool readLine(QByteArray* line);
+    QString where() const { return QStringLiteral("line %1: ").arg(m_line); }
+
+    QIODevice* m_device;
+    qint64 m_line = 0;
+};
+
+} // namespace tessel
