@@ -258,11 +258,11 @@ bool TraceReader::readLine(QByteArray* line)
 {
     if (m_device->atEnd())
         return false;
-    *line = m_device->readLine(kMaxLine + 1);
+    *line = m_device->readLine(kMaxLine + 2);
     ++m_line;
     if (line->size() > kMaxLine && !line->endsWith('\n')) {
         // The rest of an overlong line is skipped, never held.
-        while (!m_device->atEnd() && !m_device->readLine(kMaxLine + 1).endsWith('\n')) {
+        while (!m_device->atEnd() && !m_device->readLine(kMaxLine + 2).endsWith('\n')) {
         }
         *line = kOverlong;
         return true;

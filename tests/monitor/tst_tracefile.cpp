@@ -1,0 +1,238 @@
+// Trace files as other CAN tools write them, written out by hand from the formats; round trips;
+// the lines a reader refuses, with their numbers.
+#include "tracefile.h"
+
+#include <QBuffer>
+#include <QDateTime>
+#include <QTemporaryFile>
+#include <QTest>
+
+using namespace tessel;
+
+namespace {
+struct ReadAll
+{
+    QList<TraceRecord> frames;
+    QString error;
+};
+
+ReadAll readAll(const QByteArray& text, TraceFormat format)
+{
+    QBuffer buffer;
+    buffer.setData(text);
+    buffer.open(QIODevice::ReadOnly);
+    auto reader = TraceReader::create(&buffer, format);
+    ReadAll r;
+    TraceRecord record;
+    for (;;) {
+        const auto result = reader->next(&record, &r.error);
+        if (result != TraceReader::Frame)
+            break;
+        r.frames << record;
+    }
+    return r;
+}
+
+QString show(const TraceRecord& r)
+{
+    return QStringLiteral("%1 ch%2 %3 %4%5 %6")
+        .arg(r.timeUs)
+        .arg(r.channel)
+        .arg(r.id, 3, 16, QLatin1Char('0'))
+        .arg(r.remote ? QStringLiteral("R") : QString::fromLatin1(r.data.toHex()))
+        .arg(r.remote ? QString::number(r.length) : QString())
+        .arg(r.transmitted ? "tx" : "rx");
+}
+} // namespace
+
+class TstTraceFile : public QObject
+{
+    Q_OBJECT
+private slots:
+    void candumpByHand();
+    void ascByHand();
+    void refused_data();
+    void refused();
+    void roundTrip_data();
+    void roundTrip();
+    void overlongLineIsNotHeld();
+    void formatByExtension();
+};
+
+void TstTraceFile::candumpByHand()
+{
+    const QByteArray log = "(1436509052.249713) vcan0 044#\n"
+                           "(1436509052.449847) can1 701#7F\n"
+                           "\n"
+                           "# a comment\n"
+                           "(1436509052.650004) can0 123#DEADBEEF R\n"
+                           "(1436509052.650104) can0 7FF#R\n"
+                           "(1436509052.700000) can0 181#R4\n"
+                           "(1436509053.5) can0 000#0101\n";
+    const ReadAll r = readAll(log, TraceFormat::CandumpLog);
+    QCOMPARE(r.error, QString());
+    QStringList shown;
+    for (const auto& f : r.frames)
+        shown << show(f);
+    QCOMPARE(shown,
+             QStringList({"1436509052249713 ch0 044  rx", "1436509052449847 ch1 701 7f rx",
+                          "1436509052650004 ch0 123 deadbeef rx", "1436509052650104 ch0 7ff R0 rx",
+                          "1436509052700000 ch0 181 R4 rx", "1436509053500000 ch0 000 0101 rx"}));
+}
+
+void TstTraceFile::ascByHand()
+{
+    const QByteArray asc = "date Sun Nov 22 10:00:00.000 am 2026\n"
+                           "base hex  timestamps absolute\n"
+                           "internal events logged\n"
+                           "// version 9.0.0\n"
+                           "Begin Triggerblock Sun Nov 22 10:00:00.000 am 2026\n"
+                           "   0.000000 Start of measurement\n"
+                           "   0.001234 1  701             Rx   d 1 7F\n"
+                           "   0.500000 2  601             Tx   d 8 40 18 10 01 00 00 00 00\n"
+                           "   0.600000 1  123             Rx   r\n"
+                           "   0.700000 1  ErrorFrame\n"
+                           "   1.000000 1  0               Rx   d 2 01 00\n"
+                           "End TriggerBlock\n";
+    const ReadAll r = readAll(asc, TraceFormat::Asc);
+    QCOMPARE(r.error, QString());
+    QStringList shown;
+    for (const auto& f : r.frames)
+        shown << show(f);
+    QCOMPARE(shown, QStringList({"1234 ch0 701 7f rx", "500000 ch1 601 4018100100000000 tx",
+                                 "600000 ch0 123 R0 rx", "1000000 ch0 000 0100 rx"}));
+    // Identifiers in decimal when the header says so.
+    const ReadAll dec =
+        readAll("base dec  timestamps absolute\n 0.1 1 1793 Rx d 1 127\n", TraceFormat::Asc);
+    QCOMPARE(dec.frames.size(), 1);
+    QCOMPARE(dec.frames[0].id, quint16(0x701));
+    QCOMPARE(dec.frames[0].data, QByteArray("\x7F"));
+}
+
+void TstTraceFile::refused_data()
+{
+    QTest::addColumn<int>("format");
+    QTest::addColumn<QByteArray>("text");
+    QTest::addColumn<QString>("error");
+    const int log = int(TraceFormat::CandumpLog), asc = int(TraceFormat::Asc);
+    QTest::newRow("log extended") << log
+                                  << QByteArray("(1.000001) can0 701#7F\n(1.1) can0 "
+                                                "12345678#00\n")
+                                  << "line 2: identifier 12345678 is extended (29-bit): the "
+                                     "server carries 11-bit identifiers";
+    QTest::newRow("log fd") << log << QByteArray("(1.1) can0 123##1AABB\n")
+                            << "line 1: CAN FD frames are not carried by the server";
+    QTest::newRow("log truncated") << log << QByteArray("(1.1) can0 701#7F\n(1.2) can0\n")
+                                   << "line 2: not a candump log line: '(1.2) can0'";
+    QTest::newRow("log garbage") << log << QByteArray("\x00\xFF garbage\n", 11)
+                                 << "line 1: not a candump log line";
+    QTest::newRow("log odd data") << log << QByteArray("(1.1) can0 123#ABC\n")
+                                  << "line 1: data 'ABC' is not 0 to 8 whole bytes";
+    QTest::newRow("log nine bytes") << log << QByteArray("(1.1) can0 123#001122334455667788\n")
+                                    << "line 1: data '001122334455667788' is not 0 to 8 whole "
+                                       "bytes";
+    QTest::newRow("asc extended") << asc << QByteArray("  0.1 1 12345678x Rx d 1 00\n")
+                                  << "line 1: identifier 12345678x is extended (29-bit): the "
+                                     "server carries 11-bit identifiers";
+    QTest::newRow("asc fd") << asc << QByteArray("  0.1 CANFD 1 Rx 123 1 0 8 8 00 ...\n")
+                            << "line 1: CAN FD frames are not carried by the server";
+    QTest::newRow("asc truncated") << asc << QByteArray("  0.1 1 123 Rx d 4 01 02\n")
+                                   << "line 1: 4 data bytes announced, 2 there";
+    QTest::newRow("asc garbage") << asc << QByteArray("Begin\nhello world\n")
+                                 << "line 2: not an ASC line: 'hello world'";
+    QTest::newRow("asc length 9") << asc << QByteArray("  0.1 1 123 Rx d 9 01\n")
+                                  << "line 1: length '9' is not 0 to 8";
+}
+
+void TstTraceFile::refused()
+{
+    QFETCH(int, format);
+    QFETCH(QByteArray, text);
+    QFETCH(QString, error);
+    const ReadAll r = readAll(text, TraceFormat(format));
+    QVERIFY2(r.error.startsWith(error), qPrintable(r.error));
+}
+
+void TstTraceFile::roundTrip_data()
+{
+    QTest::addColumn<int>("format");
+    QTest::newRow("candump log") << int(TraceFormat::CandumpLog);
+    QTest::newRow("asc") << int(TraceFormat::Asc);
+}
+
+void TstTraceFile::roundTrip()
+{
+    QFETCH(int, format);
+    QList<TraceRecord> frames;
+    for (int i = 0; i < 500; ++i) {
+        TraceRecord r;
+        r.timeUs = 1000000 + qint64(i) * 1733 + (i % 7) * 11;
+        r.channel = i % 3;
+        r.id = quint16((i * 37) % 0x800);
+        r.remote = i % 50 == 0;
+        r.transmitted = i % 4 == 0;
+        r.length = i % 9;
+        if (!r.remote)
+            for (int b = 0; b < r.length; ++b)
+                r.data.append(char(i + b));
+        frames << r;
+    }
+    QByteArray text;
+    QBuffer out(&text);
+    out.open(QIODevice::WriteOnly);
+    TraceWriter writer(&out, TraceFormat(format));
+    writer.begin(QDateTime(QDate(2026, 11, 23), QTime(5, 20)));
+    for (const auto& f : frames)
+        writer.write(f);
+    writer.end();
+    out.close();
+    const ReadAll back = readAll(text, TraceFormat(format));
+    QCOMPARE(back.error, QString());
+    QCOMPARE(back.frames.size(), frames.size());
+    const bool asc = format == int(TraceFormat::Asc);
+    for (int i = 0; i < frames.size(); ++i) {
+        TraceRecord expected = frames[i];
+        if (asc)
+            expected.timeUs -= frames[0].timeUs; // ASC counts from its first frame
+        else
+            expected.transmitted = false; // a candump log does not say who sent
+        if (expected.remote && asc)
+            expected.length = 0; // ASC writes a remote frame without its length
+        QCOMPARE(show(back.frames[i]), show(expected));
+    }
+    if (asc)
+        QVERIFY(text.startsWith("date Mon Nov 23 05:20:00.000 am 2026\nbase hex"));
+    else
+        QVERIFY(text.startsWith("(0000000001.000000) can0 000#R\n"));
+}
+
+void TstTraceFile::overlongLineIsNotHeld()
+{
+    QTemporaryFile file;
+    QVERIFY(file.open());
+    const QByteArray chunk(1 << 20, 'A');
+    for (int i = 0; i < 32; ++i) // 32 MiB without a line end
+        file.write(chunk);
+    file.write("\n(1.1) can0 701#7F\n");
+    file.seek(0);
+    auto reader = TraceReader::create(&file, TraceFormat::CandumpLog);
+    TraceRecord r;
+    QString error;
+    QCOMPARE(reader->next(&r, &error), TraceReader::Error);
+    QCOMPARE(error, QString("line 1: longer than 4096 characters"));
+    // An empty file is just the end.
+    QBuffer empty;
+    empty.open(QIODevice::ReadOnly);
+    QCOMPARE(TraceReader::create(&empty, TraceFormat::Asc)->next(&r, &error), TraceReader::End);
+}
+
+void TstTraceFile::formatByExtension()
+{
+    TraceFormat f;
+    QVERIFY(traceFormatOf("a/b/trace.LOG", &f) && f == TraceFormat::CandumpLog);
+    QVERIFY(traceFormatOf("x.asc", &f) && f == TraceFormat::Asc);
+    QVERIFY(!traceFormatOf("x.txt", &f));
+}
+
+QTEST_APPLESS_MAIN(TstTraceFile)
+#include "tst_tracefile.moc"
