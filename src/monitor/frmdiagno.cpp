@@ -105,6 +105,22 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     layout->addLayout(middle, 1);
     layout->addLayout(bottom);
     layout->addWidget(acquisition);
+    traceFiles = new TraceFilesBar(this);
+    traceFiles->setObjectName(QStringLiteral("traceFiles"));
+    traceFiles->frames = [this]() -> const std::deque<TraceRecord>& { return m_traceFrames; };
+    traceFiles->send = [this](const TraceRecord& r) {
+        if (r.remote)
+            return sendRemote ? sendRemote(r.id, r.length) : true;
+        return sendData ? sendData(r.id, r.length, r.data) : true;
+    };
+    traceFiles->showMessage = [this](const QString& text) { message(text); };
+    traceFiles->chooseOpenFile = [this](const QString& t, const QString& f, const QString& s) {
+        return chooseOpenFile ? chooseOpenFile(t, f, s) : QString();
+    };
+    traceFiles->chooseSaveFile = [this](const QString& t, const QString& f, const QString& s) {
+        return chooseSaveFile ? chooseSaveFile(t, f, s) : QString();
+    };
+    layout->addWidget(traceFiles);
 
     connect(btnLoad, &QPushButton::clicked, this, &FrmDiagno::btnLoad_Click);
     connect(btnSave, &QPushButton::clicked, this, &FrmDiagno::btnSave_Click);
@@ -114,6 +130,7 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
 
     connect(btnRes, &QPushButton::clicked, this, [this] {
         m_trace.clear();
+        m_traceFrames.clear();
         refreshTrace();
     });
     connect(chTrace, &QCheckBox::toggled, this, &FrmDiagno::traceSwitchChanged);
@@ -186,7 +203,39 @@ void FrmDiagno::traceFrame(int channel, int kind, quint32 id, quint32 timeUs, in
 {
     if (channel < 0 || channel >= kChannels || !chkCV[channel]->isChecked() || length < 0)
         return;
-    m_trace.append(traceLine(channel, kind, id, timeUs, qMin(length, 8), data, m_decimalPoint));
+    const QString line =
+        traceLine(channel, kind, id, timeUs, qMin(length, 8), data, m_decimalPoint);
+    const qsizetype before = m_trace.text().size();
+    m_trace.append(line);
+    keepTraceFrame(channel, kind, id, timeUs, qMin(length, 8), data,
+                   m_trace.text().size() < before + line.size());
+}
+
+void FrmDiagno::keepTraceFrame(int channel, int kind, quint32 id, quint32 timeUs, int length,
+                               const quint8* data, bool cut)
+{
+    // The frames beside the trace's lines, within the trace's bounds: when the text was cut,
+    // the frames of the lines that went (and of a line cut in two) go too. The text now ends
+    // with the new line, whose frame comes next.
+    if (cut) {
+        const qsizetype lines = std::max<qsizetype>(0, m_trace.text().count(QLatin1Char('\n')) - 2);
+        while (qsizetype(m_traceFrames.size()) > lines)
+            m_traceFrames.pop_front();
+    }
+    TraceRecord r;
+    // The server's 32-bit microseconds wrap after 71 minutes; the file's time goes on.
+    if (!m_traceFrames.empty() && timeUs < m_lastTraceUs)
+        m_wrapUs += qint64(1) << 32;
+    m_lastTraceUs = timeUs;
+    r.timeUs = m_wrapUs + timeUs;
+    r.channel = channel;
+    r.id = quint16(id & 0x7FF);
+    r.transmitted = kind == int(TraceKind::Transmitted);
+    r.remote = kind == int(TraceKind::RemoteRequest);
+    r.length = r.remote ? 0 : length;
+    if (!r.remote && data)
+        r.data = QByteArray(reinterpret_cast<const char*>(data), length);
+    m_traceFrames.push_back(std::move(r));
 }
 
 void FrmDiagno::receiveFrame(int channel, quint32 id, quint32 timeUs, const quint8* data,

@@ -4,6 +4,7 @@
 #include "monitorconfig.h"
 #include "receivefilter.h"
 #include "slotgrid.h"
+#include "tracefilesbar.h"
 #include "traceline.h"
 
 #include <QPointer>
@@ -96,6 +97,9 @@ public:
     QPlainTextEdit* edTrace = nullptr;
     SlotGrid* slotGrid = nullptr;
     AcquisitionBar* acquisition = nullptr;
+    TraceFilesBar* traceFiles = nullptr;
+    // The frames of the trace's lines, oldest first (what "Save trace..." writes).
+    const std::deque<TraceRecord>& traceFrames() const { return m_traceFrames; }
     QPushButton* btnLoad = nullptr;
     QPushButton* btnSave = nullptr;
     QPushButton* cmdInvia = nullptr;
@@ -116,6 +120,8 @@ protected:
 private:
     // The slot grid beside the buttons of the configuration file and the tool windows.
     QLayout* buildSendTools();
+    void keepTraceFrame(int channel, int kind, quint32 id, quint32 timeUs, int length,
+                        const quint8* data, bool cut);
     void useFileDialogs();
     void applySetup(const MonitorSetup& setup);
     void message(const QString& text);
@@ -123,6 +129,9 @@ private:
     const WindowPlacement* m_placement;
     QWidget* m_mainWindow;
     TraceBuffer m_trace;
+    std::deque<TraceRecord> m_traceFrames;
+    quint32 m_lastTraceUs = 0;
+    qint64 m_wrapUs = 0;
     ReceiveFilter m_filter;
     QTimer m_refresh;
     QSize m_loadSize;

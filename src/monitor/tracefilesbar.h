@@ -1,0 +1,48 @@
+#pragma once
+
+#include "tracereplay.h"
+
+#include <QWidget>
+
+#include <deque>
+#include <functional>
+
+class QDoubleSpinBox;
+class QPushButton;
+
+namespace tessel {
+
+// "Save trace..." and "Replay..." of the CAN monitor: the frames the trace shows go to a candump
+// log or an ASC file; a recorded file goes out on the selected controller with its timing.
+class TraceFilesBar : public QWidget
+{
+    Q_OBJECT
+public:
+    explicit TraceFilesBar(QWidget* parent = nullptr);
+
+    // The frames the trace shows, oldest first.
+    std::function<const std::deque<TraceRecord>&()> frames;
+    // Sends a frame on the selected controller; true when it failed.
+    std::function<bool(const TraceRecord&)> send;
+    std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
+    std::function<QString(const QString&, const QString&, const QString&)> chooseSaveFile;
+    std::function<void(const QString&)> showMessage;
+
+    QPushButton* cmdSaveTrace = nullptr;
+    QPushButton* cmdReplay = nullptr;
+    QDoubleSpinBox* spnSpeed = nullptr;
+    TraceReplay replay;
+
+    // Writes the trace's frames; false when it failed (the user has been told).
+    bool saveTrace(const QString& fileName);
+    void cmdSaveTrace_Click();
+    void cmdReplay_Click();
+
+    static inline const QString kFilter =
+        QStringLiteral("candump log (*.log)|*.log|ASC files (*.asc)|*.asc|All Files (*.*)|*.*");
+
+private:
+    void say(const QString& text);
+};
+
+} // namespace tessel
