@@ -30,6 +30,7 @@ bool TraceReplay::start(const QString& fileName, double speed, QString* error)
     }
     m_haveNext = true;
     m_firstUs = m_next.timeUs;
+    m_shiftUs = 0;
     m_clock.start();
     m_timer.setSingleShot(true);
     m_timer.setTimerType(Qt::PreciseTimer);
@@ -48,8 +49,14 @@ void TraceReplay::sendDue()
             m_timer.start(0);
             return;
         }
-        const qint64 dueUs = qint64(double(m_next.timeUs - m_firstUs) / m_speed);
+        qint64 dueUs = qint64(double(m_next.timeUs - m_firstUs) / m_speed) + m_shiftUs;
         const qint64 nowUs = m_clock.nsecsElapsed() / 1000;
+        // Held up (the machine was busy): the rest of the file keeps its spacing from here,
+        // rather than rushing out what is overdue back to back.
+        if (nowUs - dueUs > kLateUs) {
+            m_shiftUs += nowUs - dueUs;
+            dueUs = nowUs;
+        }
         if (dueUs > nowUs) {
             // Woken a little early rather than late: the last milliseconds are waited here.
             const qint64 waitUs = dueUs - nowUs;

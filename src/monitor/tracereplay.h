@@ -20,6 +20,7 @@ class TraceReplay : public QObject
     Q_OBJECT
 public:
     static constexpr int kBurst = 200;
+    static constexpr qint64 kLateUs = 500;
     // Sends a frame; true when it could not be sent (the replay stops).
     std::function<bool(const TraceRecord&)> send;
 
@@ -42,6 +43,7 @@ private:
     TraceRecord m_next;
     bool m_haveNext = false;
     qint64 m_firstUs = 0;
+    qint64 m_shiftUs = 0; // how far the schedule moved for hold-ups
     double m_speed = 1.0;
     QElapsedTimer m_clock;
     QTimer m_timer;
