@@ -223,8 +223,11 @@ void FrmDiagno::keepTraceFrame(int channel, int kind, quint32 id, quint32 timeUs
             m_traceFrames.pop_front();
     }
     TraceRecord r;
+    // A frame this program echoes has no time of the server's: it gets the last one seen.
+    if (kind != int(TraceKind::Received) && timeUs == 0)
+        timeUs = m_lastTraceUs;
     // The server's 32-bit microseconds wrap after 71 minutes; the file's time goes on.
-    if (!m_traceFrames.empty() && timeUs < m_lastTraceUs)
+    if (!m_traceFrames.empty() && timeUs < m_lastTraceUs && m_lastTraceUs - timeUs > 0x80000000u)
         m_wrapUs += qint64(1) << 32;
     m_lastTraceUs = timeUs;
     r.timeUs = m_wrapUs + timeUs;

@@ -225,7 +225,8 @@ void TraceWriter::write(const TraceRecord& r)
     }
     if (m_firstUs < 0)
         m_firstUs = r.timeUs;
-    const qint64 t = r.timeUs - m_firstUs;
+    // ASC counts from its first frame; a frame stamped before it is put at the start.
+    const qint64 t = std::max<qint64>(0, r.timeUs - m_firstUs);
     QByteArray line = QStringLiteral("%1.%2 %3  %4             %5   ")
                           .arg(t / 1000000, 4)
                           .arg(t % 1000000, 6, 10, QLatin1Char('0'))

@@ -119,6 +119,17 @@ void TstTraceFiles::framesFollowTheTraceBounds()
     }
     // Bounded as the trace is: 65,000 characters of 33-character lines.
     QVERIFY(m->traceFrames().size() < 2000);
+    // Times go on across the server's 32-bit wrap, and an echoed frame (no server time) takes
+    // the last time seen instead of going back to 0.
+    const qint64 last = m->traceFrames().back().timeUs;
+    m->traceFrame(0, 1, 0x181, 0xFFFFFF00u, 8, data);
+    m->traceFrame(0, 2, 0x000, 0, 2, data);
+    m->traceFrame(0, 1, 0x181, 0x00000100u, 8, data);
+    const auto& f = m->traceFrames();
+    QCOMPARE(f[f.size() - 3].timeUs, qint64(0xFFFFFF00u));
+    QCOMPARE(f[f.size() - 2].timeUs, qint64(0xFFFFFF00u));
+    QCOMPARE(f.back().timeUs, (qint64(1) << 32) + 0x100);
+    QVERIFY(last < f.back().timeUs);
     QTest::mouseClick(m->btnRes, Qt::LeftButton);
     QVERIFY(m->traceFrames().empty());
 }
