@@ -18,8 +18,10 @@ class WindowPlacement;
 
 // "Serial Test": a terminal on a serial port. What the device sends is appended to the console
 // as it comes; typed characters go to the device one by one and never show by themselves (the
-// console shows only what the device sends back). The console keeps the newest kMaxConsoleChars
-// characters, so a device that streams for hours costs no more than one that just started.
+// console shows only what the device sends back). The console keeps its newest kMaxConsoleLines
+// lines, a line breaking after kMaxLineChars characters, and a backlog longer than
+// kMaxConsoleChars keeps only its newest part: a device that streams for hours costs no more
+// than one that just started.
 class FrmSerial : public QWidget
 {
     Q_OBJECT
