@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QDoubleSpinBox>
 #include <QHBoxLayout>
+#include <QLabel>
 #include <QPushButton>
 #include <QSaveFile>
 
@@ -28,7 +29,11 @@ TraceFilesBar::TraceFilesBar(QWidget* parent) : QWidget(parent)
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(cmdSaveTrace);
     layout->addWidget(cmdReplay);
+    auto* speed = new QLabel(QStringLiteral("Spee&d:"), this);
+    speed->setBuddy(spnSpeed);
+    layout->addWidget(speed);
     layout->addWidget(spnSpeed);
+    layout->addStretch();
     connect(cmdSaveTrace, &QPushButton::clicked, this, &TraceFilesBar::cmdSaveTrace_Click);
     connect(cmdReplay, &QPushButton::clicked, this, &TraceFilesBar::cmdReplay_Click);
     replay.send = [this](const TraceRecord& r) { return send ? send(r) : true; };
