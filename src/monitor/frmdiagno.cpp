@@ -107,7 +107,7 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     layout->addWidget(acquisition);
     traceFiles = new TraceFilesBar(this);
     traceFiles->setObjectName(QStringLiteral("traceFiles"));
-    traceFiles->frames = [this]() -> const std::deque<TraceRecord>& { return m_traceFrames; };
+    traceFiles->frames = [this] { return traceFrames(); };
     traceFiles->send = [this](const TraceRecord& r) {
         if (r.remote)
             return sendRemote ? sendRemote(r.id, r.length) : true;
@@ -222,7 +222,6 @@ void FrmDiagno::keepTraceFrame(int channel, int kind, quint32 id, quint32 timeUs
         while (qsizetype(m_traceFrames.size()) > lines)
             m_traceFrames.pop_front();
     }
-    TraceRecord r;
     // A frame this program echoes has no time of the server's: it gets the last one seen.
     if (kind != int(TraceKind::Received) && timeUs == 0)
         timeUs = m_lastTraceUs;
@@ -230,15 +229,30 @@ void FrmDiagno::keepTraceFrame(int channel, int kind, quint32 id, quint32 timeUs
     if (!m_traceFrames.empty() && timeUs < m_lastTraceUs && m_lastTraceUs - timeUs > 0x80000000u)
         m_wrapUs += qint64(1) << 32;
     m_lastTraceUs = timeUs;
-    r.timeUs = m_wrapUs + timeUs;
-    r.channel = channel;
-    r.id = quint16(id & 0x7FF);
-    r.transmitted = kind == int(TraceKind::Transmitted);
-    r.remote = kind == int(TraceKind::RemoteRequest);
-    r.length = r.remote ? 0 : length;
-    if (!r.remote && data)
-        r.data = QByteArray(reinterpret_cast<const char*>(data), length);
-    m_traceFrames.push_back(std::move(r));
+    KeptFrame f{m_wrapUs + timeUs, quint16(id & 0x7FF), quint8(channel),
+                quint8(kind),      quint8(length),      {}};
+    if (data)
+        std::copy(data, data + length, f.data.begin());
+    m_traceFrames.push_back(f);
+}
+
+QList<TraceRecord> FrmDiagno::traceFrames() const
+{
+    QList<TraceRecord> records;
+    records.reserve(qsizetype(m_traceFrames.size()));
+    for (const KeptFrame& f : m_traceFrames) {
+        TraceRecord r;
+        r.timeUs = f.timeUs;
+        r.channel = f.channel;
+        r.id = f.id;
+        r.transmitted = f.kind == int(TraceKind::Transmitted);
+        r.remote = f.kind == int(TraceKind::RemoteRequest);
+        r.length = r.remote ? 0 : f.length;
+        if (!r.remote)
+            r.data = QByteArray(reinterpret_cast<const char*>(f.data.data()), f.length);
+        records << r;
+    }
+    return records;
 }
 
 void FrmDiagno::receiveFrame(int channel, quint32 id, quint32 timeUs, const quint8* data,

@@ -12,6 +12,7 @@
 #include <QWidget>
 
 #include <array>
+#include <deque>
 #include <functional>
 
 class QCheckBox;
@@ -99,7 +100,7 @@ public:
     AcquisitionBar* acquisition = nullptr;
     TraceFilesBar* traceFiles = nullptr;
     // The frames of the trace's lines, oldest first (what "Save trace..." writes).
-    const std::deque<TraceRecord>& traceFrames() const { return m_traceFrames; }
+    QList<TraceRecord> traceFrames() const;
     QPushButton* btnLoad = nullptr;
     QPushButton* btnSave = nullptr;
     QPushButton* cmdInvia = nullptr;
@@ -129,7 +130,17 @@ private:
     const WindowPlacement* m_placement;
     QWidget* m_mainWindow;
     TraceBuffer m_trace;
-    std::deque<TraceRecord> m_traceFrames;
+    // Kept compact, without an allocation per frame: the trace is the receive path.
+    struct KeptFrame
+    {
+        qint64 timeUs;
+        quint16 id;
+        quint8 channel;
+        quint8 kind;
+        quint8 length;
+        std::array<quint8, 8> data;
+    };
+    std::deque<KeptFrame> m_traceFrames;
     quint32 m_lastTraceUs = 0;
     qint64 m_wrapUs = 0;
     ReceiveFilter m_filter;

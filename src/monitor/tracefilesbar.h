@@ -4,7 +4,6 @@
 
 #include <QWidget>
 
-#include <deque>
 #include <functional>
 
 class QDoubleSpinBox;
@@ -21,7 +20,7 @@ public:
     explicit TraceFilesBar(QWidget* parent = nullptr);
 
     // The frames the trace shows, oldest first.
-    std::function<const std::deque<TraceRecord>&()> frames;
+    std::function<QList<TraceRecord>()> frames;
     // Sends a frame on the selected controller; true when it failed.
     std::function<bool(const TraceRecord&)> send;
     std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
