@@ -173,22 +173,26 @@ int TesselCli::connectAndStart()
     return -1;
 }
 
-bool TesselCli::waitSent()
+int TesselCli::sendFrame(quint16 id, const QByteArray& data, bool remote, int length)
 {
+    if (const QString e = m_link.send(m_controller, id, length, data, remote); !e.isEmpty())
+        return linkFailure(e);
     // A sent frame waits in the session's queue until the bus takes it, and a session that
-    // ends drops what it has waiting: the program ends only once its frames are out.
+    // ends drops what it has waiting: the program ends only once its frame is out.
     QElapsedTimer clock;
     clock.start();
     QString error;
     while (clock.elapsed() < kSendWaitMs) {
         const auto status = m_link.status(m_controller, &error);
         if (!status)
-            return false;
+            return linkFailure(error);
         if (!(*status & qorcalib::StatusTransmitPending))
-            return true;
+            return -1;
         QThread::msleep(2);
     }
-    return false;
+    return fail(kFailed, QStringLiteral("the frame did not go out on controller %1 (no other "
+                                        "node on the bus?)")
+                             .arg(m_controller));
 }
 
 int TesselCli::sdo(QStringList args)
@@ -272,12 +276,8 @@ int TesselCli::nmt(QStringList args)
     QByteArray data(2, '\0');
     data[0] = char(commands[args[0]]);
     data[1] = char(node);
-    if (const QString e = m_link.send(m_controller, 0x000, 2, data, false); !e.isEmpty())
-        return linkFailure(e);
-    if (!waitSent())
-        return fail(kFailed, QStringLiteral("the frame did not go out on controller %1 (no "
-                                            "other node on the bus?)")
-                                 .arg(m_controller));
+    if (const int code = sendFrame(0x000, data, false, 2); code >= 0)
+        return code;
     print({{QStringLiteral("command"), QStringLiteral("nmt")},
            {QStringLiteral("service"), args[0]},
            {QStringLiteral("node"), node}},
@@ -300,10 +300,8 @@ int TesselCli::send(QStringList args)
         return bad(error);
     if (const int code = connectAndStart(); code >= 0)
         return code;
-    if (const QString e =
-            m_link.send(m_controller, frame->id, frame->length, frame->data, frame->remote);
-        !e.isEmpty())
-        return linkFailure(e);
+    if (const int code = sendFrame(frame->id, frame->data, frame->remote, frame->length); code >= 0)
+        return code;
     print({{QStringLiteral("command"), QStringLiteral("send")},
            {QStringLiteral("frame"),
             frameText(frame->id, frame->data, frame->remote, frame->length)}},

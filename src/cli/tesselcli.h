@@ -30,7 +30,8 @@ private:
     bool wantsHelp(const QStringList& args, const QString& help);
     // Connects and readies the controller; an exit code on failure, else -1.
     int connectAndStart();
-    bool waitSent();
+    // Sends a frame and waits until the bus took it; an exit code on failure, else -1.
+    int sendFrame(quint16 id, const QByteArray& data, bool remote, int length);
     static constexpr int kSendWaitMs = 2000;
     void print(const QJsonObject& json, const QString& text);
     QString takeOption(QStringList* args, const QString& name, const QString& fallback = {});

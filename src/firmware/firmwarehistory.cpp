@@ -29,8 +29,7 @@ void FirmwareHistory::clear()
 
 void FirmwareHistory::load()
 {
-    QSettings settings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
-                       userSettingsApplication());
+    QSettings settings = userSettings();
     settings.beginGroup(QStringLiteral("filename"));
     const int count = qMax(0, settings.value(QStringLiteral("fwupdcnt"), 0).toInt());
     names.clear();
@@ -43,8 +42,7 @@ void FirmwareHistory::load()
 
 void FirmwareHistory::save() const
 {
-    QSettings settings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
-                       userSettingsApplication());
+    QSettings settings = userSettings();
     settings.beginGroup(QStringLiteral("filename"));
     for (int i = 0; i < names.size(); ++i) {
         settings.setValue(QStringLiteral("fwname%1").arg(i), names[i]);

@@ -64,6 +64,7 @@ UpgradePanel::UpgradePanel(CanLink* link, FirmwareHistory* history, QLineEdit* t
     cmbFileName = new QComboBox(this);
     cmbFileName->setObjectName(QStringLiteral("cmbFileName"));
     cmbFileName->setEditable(true);
+    cmbFileName->setCompleter(nullptr); // a typed path is taken as typed, never completed
     cmbFileName->setInsertPolicy(QComboBox::NoInsert);
     cmbFileName->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
     cmbFileName->setMinimumContentsLength(30);

@@ -25,12 +25,6 @@ namespace {
 const QString kFirmwareFilter = QStringLiteral("Motorola HEX files (*.S)|*.S|All Files (*.*)|*.*");
 const QString kConfigurationFilter =
     QStringLiteral("Motorola CFG files (*.cfg)|*.cfg|All Files (*.*)|*.*");
-
-QSettings userSettings()
-{
-    return QSettings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
-                     userSettingsApplication());
-}
 } // namespace
 
 FrmXBoot::FrmXBoot(CanLink* link, const WindowPlacement* placement, QWidget* mainWindow,
@@ -128,30 +122,25 @@ void FrmXBoot::saveSettings() const
     s.setValue(QStringLiteral("filename/xcfg"), txtCfgFile->text());
 }
 
+QString FrmXBoot::chooseFile(const QString& title, const QString& filter, const QString& start)
+{
+    if (chooseOpenFile)
+        return chooseOpenFile(title, filter, start);
+    return QFileDialog::getOpenFileName(this, title, start, qtFileDialogFilter(filter));
+}
+
 void FrmXBoot::cmdFNApp_Click()
 {
-    const auto choose =
-        chooseOpenFile
-            ? chooseOpenFile
-            : [this](const QString& t, const QString& f, const QString& start) {
-                  return QFileDialog::getOpenFileName(this, t, start, qtFileDialogFilter(f));
-              };
     const QString file =
-        choose(QStringLiteral("Apri bootx hex file"), kFirmwareFilter, txtFileName->text());
+        chooseFile(QStringLiteral("Apri bootx hex file"), kFirmwareFilter, txtFileName->text());
     if (!file.isEmpty())
         txtFileName->setText(file);
 }
 
 void FrmXBoot::cmdFNCfg_Click()
 {
-    const auto choose =
-        chooseOpenFile
-            ? chooseOpenFile
-            : [this](const QString& t, const QString& f, const QString& start) {
-                  return QFileDialog::getOpenFileName(this, t, start, qtFileDialogFilter(f));
-              };
-    const QString file = choose(QStringLiteral("Open flash configuration"), kConfigurationFilter,
-                                txtCfgFile->text());
+    const QString file = chooseFile(QStringLiteral("Open flash configuration"),
+                                    kConfigurationFilter, txtCfgFile->text());
     if (!file.isEmpty())
         txtCfgFile->setText(file);
 }

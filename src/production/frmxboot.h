@@ -65,6 +65,7 @@ protected:
 
 private:
     ProductionRun::Hooks realHooks();
+    QString chooseFile(const QString& title, const QString& filter, const QString& start);
     std::optional<int> waitForLoad(QString* error);
     void report(const ProductionRun::Outcome& outcome);
 

@@ -69,10 +69,9 @@ std::optional<qint32> ProductionRun::takeSerial(QString* tag, Outcome* failure)
     return serial;
 }
 
-bool ProductionRun::runTool(const QString& name, const QString& label, const QString& commandLine,
-                            bool show, Outcome* failure)
+bool ProductionRun::runTool(const QString& label, const QString& commandLine, bool show,
+                            Outcome* failure)
 {
-    Q_UNUSED(name);
     const int code = m_hooks.run(commandLine, show);
     if (code == 0)
         return true;
@@ -81,24 +80,33 @@ bool ProductionRun::runTool(const QString& name, const QString& label, const QSt
     return false;
 }
 
+std::optional<QString> ProductionRun::stampedFirmware(const QString& firmware,
+                                                      const QString& configuration, QString* tag,
+                                                      Outcome* o)
+{
+    const auto base = usableBase(firmware, configuration, o);
+    if (!base)
+        return std::nullopt;
+    const auto serial = takeSerial(tag, o);
+    if (!serial)
+        return std::nullopt;
+    o->serial = *serial;
+    const QString post = program(production::kPostProcess);
+    if (!runTool(QStringLiteral("Postprocess"), production::stampCommand(*base, *serial, post),
+                 false, o))
+        return std::nullopt;
+    return base;
+}
+
 ProductionRun::Outcome ProductionRun::jtag(const QString& firmware, const QString& configuration,
                                            bool recover, QString* tag)
 {
     Outcome o;
-    const auto base = usableBase(firmware, configuration, &o);
-    if (!base)
-        return o;
-    const auto serial = takeSerial(tag, &o);
-    if (!serial)
-        return o;
-    o.serial = *serial;
-    const QString post = program(production::kPostProcess);
-    if (!runTool(post, QStringLiteral("Postprocess"),
-                 production::stampCommand(*base, *serial, post), false, &o) ||
-        !runTool(
-            production::kFlasher, QStringLiteral("FFlash"),
-            production::flashCommand(configuration, recover, *base, program(production::kFlasher)),
-            true, &o))
+    const auto base = stampedFirmware(firmware, configuration, tag, &o);
+    if (!base || !runTool(QStringLiteral("FFlash"),
+                          production::flashCommand(configuration, recover, *base,
+                                                   program(production::kFlasher)),
+                          true, &o))
         return o;
     tag->clear();
     return o;
@@ -107,30 +115,23 @@ ProductionRun::Outcome ProductionRun::jtag(const QString& firmware, const QStrin
 ProductionRun::Outcome ProductionRun::serialProgramming(const QString& firmware, QString* tag)
 {
     Outcome o;
-    const auto base = usableBase(firmware, {}, &o);
+    const auto base = stampedFirmware(firmware, {}, tag, &o);
     if (!base)
         return o;
-    const auto serial = takeSerial(tag, &o);
-    if (!serial)
-        return o;
-    o.serial = *serial;
     const QString post = program(production::kPostProcess);
-    if (!runTool(post, QStringLiteral("Postprocess"),
-                 production::stampCommand(*base, *serial, post), false, &o))
-        return o;
     const auto kickstart = production::kickstartBase(*base);
     if (!kickstart)
         return error(kBadFileName, QStringLiteral("firmware file '%1' names no folder: no "
                                                   "kickstart loader beside it")
                                        .arg(firmware));
-    if (!runTool(post, QStringLiteral("Postprocess"),
+    if (!runTool(QStringLiteral("Postprocess"),
                  production::kickstartCommand(*kickstart, *base, post), false, &o))
         return o;
     QFile file(*kickstart + QStringLiteral(".sl"));
     if (!file.open(QIODevice::ReadOnly))
         return error(kFileNotFound,
                      QStringLiteral("%1: %2").arg(file.fileName(), file.errorString()));
-    return load(file.readAll(), *serial, tag);
+    return load(file.readAll(), o.serial, tag);
 }
 
 ProductionRun::Outcome ProductionRun::identityLoading(QString* tag)
@@ -184,12 +185,12 @@ std::optional<QByteArray> ProductionRun::makeIdentityFiles(qint32 serial, Outcom
     const QString &sbf = files[0], &dbf = files[1], &skf = files[2], &dsf = files[3];
     const QString post = program(production::kPostProcess);
     if (!runTool(
-            production::kProdInterface, QStringLiteral("ZDProdInterface"),
+            QStringLiteral("ZDProdInterface"),
             production::createSbbCommand(sbf, skf, serial, program(production::kProdInterface)),
             false, failure) ||
-        !runTool(post, QStringLiteral("Postprocess"),
+        !runTool(QStringLiteral("Postprocess"),
                  production::identityBlockCommand(sbf, dbf, serial, post), false, failure) ||
-        !runTool(post, QStringLiteral("Postprocess"),
+        !runTool(QStringLiteral("Postprocess"),
                  production::identityDataCommand(skf, dsf, dbf, post), false, failure)) {
         failure->serial = serial;
         m_kept = files; // what went wrong can be looked at

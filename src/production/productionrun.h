@@ -63,8 +63,11 @@ public:
 
 private:
     std::optional<qint32> takeSerial(QString* tag, Outcome* failure);
-    bool runTool(const QString& name, const QString& label, const QString& commandLine, bool show,
-                 Outcome* failure);
+    // The common start of JTAG and serial programming: the firmware's base (refused before a
+    // serial is taken when unusable), the unit's serial, and the firmware stamped with it.
+    std::optional<QString> stampedFirmware(const QString& firmware, const QString& configuration,
+                                           QString* tag, Outcome* o);
+    bool runTool(const QString& label, const QString& commandLine, bool show, Outcome* failure);
     Outcome load(const QByteArray& image, qint32 serial, QString* tag);
     QString program(const QString& name) const;
 

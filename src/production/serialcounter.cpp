@@ -27,8 +27,7 @@ bool fail(int* number, QString* error, int code, const QString& text)
 
 SerialDatabase SerialDatabase::fromSettings()
 {
-    QSettings s(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
-                userSettingsApplication());
+    QSettings s = userSettings();
     s.beginGroup(QStringLiteral("production"));
     SerialDatabase d;
     const QString kind = s.value(QStringLiteral("database")).toString().trimmed().toLower();

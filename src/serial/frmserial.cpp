@@ -22,14 +22,6 @@
 
 namespace tessel {
 
-namespace {
-QSettings userSettings()
-{
-    return QSettings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
-                     userSettingsApplication());
-}
-} // namespace
-
 FrmSerial::FrmSerial(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent)
     : QWidget(parent, Qt::Window), m_placement(placement), m_mainWindow(mainWindow),
       m_port(new QSerialPort(this))
@@ -43,6 +35,7 @@ FrmSerial::FrmSerial(const WindowPlacement* placement, QWidget* mainWindow, QWid
     txtPort = new QComboBox(this);
     txtPort->setObjectName(QStringLiteral("txtPort"));
     txtPort->setEditable(true);
+    txtPort->setCompleter(nullptr); // a typed name is taken as typed, never completed
     txtPort->setMinimumWidth(160);
     txtPort->setToolTip(QStringLiteral("The serial device: ttyUSB0, /dev/ttyS0, ... (a number n "
                                        "is /dev/ttyS(n-1))"));

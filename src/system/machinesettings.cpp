@@ -28,18 +28,15 @@ void writeRemoteServer(const QString& name)
 
 QByteArray readServerSecret()
 {
-    QSettings settings(QSettings::IniFormat, QSettings::UserScope, kCompany,
-                       userSettingsApplication());
+    QSettings settings = userSettings();
     return QByteArray::fromHex(
         settings.value(QStringLiteral("server/secret")).toByteArray().trimmed());
 }
 
 QString externalProgram(const QString& name)
 {
-    QSettings settings(QSettings::IniFormat, QSettings::UserScope, kCompany,
-                       userSettingsApplication());
-    const QString command =
-        settings.value(QStringLiteral("programs/") + name).toString().trimmed();
+    QSettings settings = userSettings();
+    const QString command = settings.value(QStringLiteral("programs/") + name).toString().trimmed();
     return command.isEmpty() ? name : command;
 }
 
@@ -51,6 +48,12 @@ QString userSettingsOrganisation()
 QString userSettingsApplication()
 {
     return QStringLiteral("Qor.Tessel");
+}
+
+QSettings userSettings()
+{
+    return QSettings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
+                     userSettingsApplication());
 }
 
 } // namespace tessel

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QSettings>
 #include <QString>
 
 namespace tessel {
@@ -23,5 +24,7 @@ QString externalProgram(const QString& name);
 // Per-user settings "Qor.Tessel" (INI), group "filename".
 QString userSettingsOrganisation();
 QString userSettingsApplication();
+// Those settings, opened.
+QSettings userSettings();
 
 } // namespace tessel

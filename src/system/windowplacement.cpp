@@ -52,8 +52,7 @@ void WindowPlacement::placeNearMain(QWidget* window, const QWidget* mainWindow) 
 
 void WindowPlacement::restoreGeometry(QWidget* window, const QString& key)
 {
-    QSettings settings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
-                       userSettingsApplication());
+    QSettings settings = userSettings();
     // The place of the frame and the size of the inside, as saved: a restored window stands
     // exactly where it stood, where restoring Qt's saved geometry before the window manager
     // has framed the window shifts it by its title bar at every start.
@@ -66,8 +65,7 @@ void WindowPlacement::restoreGeometry(QWidget* window, const QString& key)
 
 void WindowPlacement::saveGeometry(const QWidget* window, const QString& key)
 {
-    QSettings settings(QSettings::IniFormat, QSettings::UserScope, userSettingsOrganisation(),
-                       userSettingsApplication());
+    QSettings settings = userSettings();
     settings.setValue(QStringLiteral("windows/") + key, QRect(window->pos(), window->size()));
 }
 
