@@ -82,13 +82,6 @@ public:
         }
         return End;
     }
-
-private:
-    Result fail(QString* error, const QString& what)
-    {
-        *error = where() + what;
-        return Error;
-    }
 };
 
 class AscReader : public TraceReader
@@ -170,11 +163,6 @@ public:
     }
 
 private:
-    Result fail(QString* error, const QString& what)
-    {
-        *error = where() + what;
-        return Error;
-    }
     bool m_decimal = false;
 };
 } // namespace

@@ -71,7 +71,12 @@ protected:
     explicit TraceReader(QIODevice* device) : m_device(device) {}
     // The next line without its end; false at the end of the file.
     bool readLine(QByteArray* line);
-    QString where() const { return QStringLiteral("line %1: ").arg(m_line); }
+    // The error of the line just read.
+    Result fail(QString* error, const QString& what) const
+    {
+        *error = QStringLiteral("line %1: ").arg(m_line) + what;
+        return Error;
+    }
 
     QIODevice* m_device;
     qint64 m_line = 0;
