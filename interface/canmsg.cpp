@@ -77,6 +77,15 @@ QString bitRateText(int index)
     return rate < 0 ? QString() : QString::number(rate / 1000) + QLatin1Char('K');
 }
 
+int bitRateIndexOfText(const QString& text)
+{
+    for (int i = 0; i < kBitRateCount; ++i)
+        if (text.compare(bitRateText(i), Qt::CaseInsensitive) == 0 ||
+            text == QString::number(bitRateOfIndex(i) / 1000))
+            return i;
+    return -1;
+}
+
 QString defaultLocalSocketPath(QString* error)
 {
     const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");

@@ -51,6 +51,8 @@ enum ControllerStatus : quint32
 constexpr int kBitRateCount = 9;
 int bitRateOfIndex(int index);
 QString bitRateText(int index);
+// The index of a bit rate written as the list shows it ("500K") or in kbit/s ("500"); -1 if none.
+int bitRateIndexOfText(const QString& text);
 
 // Connection greeting (handshake.h): on a new connection the server writes
 // "<kGreeting> <session>\n"; the client answers "<kAttach>\n" and from then on the connection

@@ -1,4 +1,5 @@
 #include "canmsg.h"
+#include "datadir.h"
 #include "handshake.h"
 #include "servercore.h"
 #include "serverhost.h"
@@ -7,7 +8,6 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QFileInfo>
 #include <QSocketNotifier>
 #include <QTimer>
 
@@ -40,15 +40,6 @@ void quitOnSignals()
     QObject::connect(notifier, &QSocketNotifier::activated, app, [] { QCoreApplication::quit(); });
     std::signal(SIGTERM, onTerminate);
     std::signal(SIGINT, onTerminate);
-}
-
-QString defaultEdsPath()
-{
-    const QString beside =
-        QCoreApplication::applicationDirPath() + QStringLiteral("/data/drive.eds");
-    if (QFileInfo::exists(beside))
-        return beside;
-    return QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
 }
 
 bool hasDisplay()
@@ -129,8 +120,8 @@ int main(int argc, char** argv)
         QStringLiteral("eds"),
         QStringLiteral("EDS from which the simulated drives take their object dictionary "
                        "(default: %1).")
-            .arg(defaultEdsPath()),
-        QStringLiteral("file"), defaultEdsPath());
+            .arg(dataFile(QStringLiteral("drive.eds"))),
+        QStringLiteral("file"), dataFile(QStringLiteral("drive.eds")));
     const QCommandLineOption showOption(
         QStringLiteral("show"),
         QStringLiteral("Show the status window (controllers and client sessions) at start; "

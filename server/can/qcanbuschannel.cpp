@@ -4,6 +4,7 @@
 #include "serverclock.h"
 
 #include <QCanBus>
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTimer>
@@ -36,7 +37,10 @@ std::unique_ptr<QCanBusChannel> QCanBusChannel::open(const QString& channelName,
     QString createError;
     std::unique_ptr<QCanBusDevice> device(
         QCanBus::instance()->createDevice(plugin, interface, &createError));
-    if (!device) {
+    // Some plugins make a device for a name they do not know and only note the error in it.
+    if (device && device->error() != QCanBusDevice::NoError)
+        createError = device->errorString();
+    if (!device || !createError.isEmpty()) {
         *error = QStringLiteral("CAN interface '%1' of plugin '%2' cannot be created: %3")
                      .arg(interface, plugin, createError);
         return nullptr;
@@ -74,7 +78,10 @@ QCanBusChannel::QCanBusChannel(QString plugin, QString interface,
     });
     connect(m_device.get(), &QCanBusDevice::stateChanged, this, &QCanBusChannel::onDeviceState);
     connect(m_device.get(), &QCanBusDevice::framesReceived, this, &QCanBusChannel::readFrames);
-    connect(m_device.get(), &QCanBusDevice::framesWritten, this, &QCanBusChannel::framesWritten);
+    // Plugins report a frame written from within writeFrame: taken later, so that the frame is
+    // in m_written by then and no one hears of it while still sending it.
+    connect(m_device.get(), &QCanBusDevice::framesWritten, this, &QCanBusChannel::framesWritten,
+            Qt::QueuedConnection);
     connect(m_device.get(), &QCanBusDevice::errorOccurred, this,
             [this](QCanBusDevice::CanBusError e) {
                 if (e == QCanBusDevice::ReadError)
@@ -94,23 +101,31 @@ QCanBusChannel::~QCanBusChannel()
         m_device->disconnectDevice();
 }
 
+void QCanBusChannel::waitWhile(QCanBusDevice::CanBusDeviceState passing)
+{
+    if (m_device->state() != passing)
+        return;
+    QEventLoop loop;
+    QTimer::singleShot(kConnectTimeoutMs, &loop, &QEventLoop::quit);
+    connect(m_device.get(), &QCanBusDevice::stateChanged, &loop, [&loop, passing](auto state) {
+        if (state != passing)
+            loop.quit();
+    });
+    loop.exec();
+}
+
 bool QCanBusChannel::connectAndWait(QString* error)
 {
     if (m_device->state() == QCanBusDevice::ConnectedState)
         return true;
+    // A device stopped a moment ago may still be closing (a network plugin waits for its peer);
+    // it cannot be opened again before it has closed.
+    waitWhile(QCanBusDevice::ClosingState);
     if (!m_device->connectDevice()) {
         *error = m_device->errorString();
         return false;
     }
-    if (m_device->state() == QCanBusDevice::ConnectingState) {
-        QEventLoop loop;
-        QTimer::singleShot(kConnectTimeoutMs, &loop, &QEventLoop::quit);
-        connect(m_device.get(), &QCanBusDevice::stateChanged, &loop, [&loop](auto state) {
-            if (state != QCanBusDevice::ConnectingState)
-                loop.quit();
-        });
-        loop.exec();
-    }
+    waitWhile(QCanBusDevice::ConnectingState);
     if (m_device->state() != QCanBusDevice::ConnectedState) {
         *error = m_device->errorString().isEmpty() ? QStringLiteral("no answer from the interface")
                                                    : m_device->errorString();
@@ -170,7 +185,8 @@ void QCanBusChannel::setLost(bool lost)
         return;
     m_lost = lost;
     if (m_started)
-        qWarning("qorcalib-server: controller %s %s", qPrintable(name()),
+        qWarning("%s: controller %s %s", qPrintable(QCoreApplication::applicationName()),
+                 qPrintable(name()),
                  lost ? "lost its device; trying to open it again every second"
                       : "has its device again");
     emit availabilityChanged();

@@ -42,6 +42,8 @@ public:
 private:
     QCanBusChannel(QString plugin, QString interface, std::unique_ptr<QCanBusDevice> device);
     bool connectAndWait(QString* error);
+    // Runs events until the device leaves the state (or the connect time-out passes).
+    void waitWhile(QCanBusDevice::CanBusDeviceState passing);
     bool deviceConnected() const;
     void onDeviceState(QCanBusDevice::CanBusDeviceState state);
     void setLost(bool lost);

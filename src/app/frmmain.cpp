@@ -2,6 +2,7 @@
 
 #include "benchpanel.h"
 #include "canmsg.h"
+#include "datadir.h"
 #include "frmabort.h"
 #include "frmdiagno.h"
 #include "frmeds.h"
@@ -700,7 +701,7 @@ void FrmMain::cmdEDS_Click()
         m_eds = new FrmEDS(&m_placement, this);
         m_eds->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 40));
         WindowPlacement::restoreGeometry(m_eds, m_eds->objectName());
-        m_eds->txtFileName->setText(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
+        m_eds->txtFileName->setText(qorcalib::dataFile(QStringLiteral("drive.eds")));
         m_eds->setAddress = [this](const QString& address) {
             sdoPanel->cmbIndex->setCurrentText(address);
         };

@@ -19,10 +19,9 @@
 
 namespace tessel::cli {
 
-using qorcalib::bitRateOfIndex;
+using qorcalib::bitRateIndexOfText;
 using qorcalib::bitRateText;
 using qorcalib::CanFrame;
-using qorcalib::kBitRateCount;
 using qorcalib::recordAt;
 
 namespace {
@@ -46,15 +45,6 @@ const QString kUsage = QStringLiteral(
     "failed (no answer, bus or file error), 5 not supported by this server.\n");
 
 const QString kNotSupportedText = QStringLiteral("not supported by this server");
-
-int rateIndex(const QString& text)
-{
-    for (int i = 0; i < kBitRateCount; ++i)
-        if (text.compare(bitRateText(i), Qt::CaseInsensitive) == 0 ||
-            text.compare(QString::number(bitRateOfIndex(i) / 1000), Qt::CaseInsensitive) == 0)
-            return i;
-    return -1;
-}
 } // namespace
 
 TesselCli::TesselCli(QTextStream& out, QTextStream& err) : m_out(out), m_err(err) {}
@@ -126,6 +116,10 @@ int TesselCli::run(QStringList args)
     m_timeoutMs = takeOption(&args, QStringLiteral("--timeout"), QStringLiteral("0")).toInt(&ok);
     if (!ok || m_timeoutMs < 0)
         return bad(QStringLiteral("--timeout takes milliseconds"));
+    if (!args.isEmpty() && args.first() == QLatin1String("--version")) {
+        m_out << "tessel-cli " << PROJECT_VERSION << "\n";
+        return kOk;
+    }
     if (args.isEmpty() || args.first() == QLatin1String("--help") ||
         args.first() == QLatin1String("-h")) {
         (args.isEmpty() ? m_err : m_out) << kUsage;
@@ -394,7 +388,7 @@ int TesselCli::lss(QStringList args)
         node = args[1].toInt(&ok, 16);
         if (!ok || node < 1 || node > 0x7F)
             return bad(QStringLiteral("node '%1' is not 1 to 7F").arg(args[1]));
-        rate = rateIndex(args[2]);
+        rate = bitRateIndexOfText(args[2]);
         if (rate < 0)
             return bad(QStringLiteral("bit rate '%1' is not one of 1000K ... 10K").arg(args[2]));
     }

@@ -4,6 +4,7 @@
 #include <QCanBusDevice>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
 
 using namespace qorcalib;
 
@@ -15,6 +16,10 @@ class UnpluggableDevice : public QCanBusDevice
 public:
     bool plugged = true;
     int written = 0;
+    // Reports a frame written from within writeFrame, as the socketcan and virtual plugins do.
+    bool reportsWhileWriting = false;
+    // Closes some time after being asked to, as a plugin does that tells a peer first.
+    bool closesLater = false;
 
     void unplug()
     {
@@ -26,8 +31,11 @@ public:
         if (state() != ConnectedState)
             return false;
         ++written;
-        QMetaObject::invokeMethod(
-            this, [this] { emit framesWritten(1); }, Qt::QueuedConnection);
+        if (reportsWhileWriting)
+            emit framesWritten(1);
+        else
+            QMetaObject::invokeMethod(
+                this, [this] { emit framesWritten(1); }, Qt::QueuedConnection);
         return true;
     }
     QString interpretErrorFrame(const QCanBusFrame&) override { return {}; }
@@ -42,7 +50,13 @@ protected:
         setState(ConnectedState);
         return true;
     }
-    void close() override { setState(UnconnectedState); }
+    void close() override
+    {
+        if (closesLater)
+            QTimer::singleShot(50, this, [this] { setState(UnconnectedState); });
+        else
+            setState(UnconnectedState);
+    }
 };
 
 } // namespace
@@ -52,7 +66,53 @@ class TstQCanBusChannel : public QObject
     Q_OBJECT
 private slots:
     void deviceThatGoesAwayIsReportedAndReopened();
+    void ownFramesComeBackInOrderWithTheirOrigin_data();
+    void ownFramesComeBackInOrderWithTheirOrigin();
+    void restartsWhileTheDeviceIsStillClosing();
 };
+
+void TstQCanBusChannel::ownFramesComeBackInOrderWithTheirOrigin_data()
+{
+    QTest::addColumn<bool>("whileWriting");
+    QTest::newRow("reported later") << false;
+    QTest::newRow("reported while writing") << true;
+}
+
+void TstQCanBusChannel::ownFramesComeBackInOrderWithTheirOrigin()
+{
+    QFETCH(bool, whileWriting);
+    auto owned = std::make_unique<UnpluggableDevice>();
+    owned->reportsWhileWriting = whileWriting;
+    auto channel = QCanBusChannel::fromDevice("fake", "can0", std::move(owned));
+    QList<BusFrame> back;
+    connect(channel.get(), &CanChannel::framesReceived, this,
+            [&](const QVector<BusFrame>& frames) { back += frames; });
+    QString error;
+    QVERIFY(channel->start(&error));
+    QVERIFY(channel->transmit(CanFrame::make(0x181, {1}), 7, &error));
+    // Nobody hears of a frame while it is being sent.
+    QVERIFY(back.isEmpty());
+    QVERIFY(channel->transmit(CanFrame::make(0x182, {2}), kServiceOrigin | 8, &error));
+    QTRY_COMPARE(back.size(), 2);
+    QCOMPARE(back[0].frame.id, quint16(0x181));
+    QCOMPARE(back[0].origin, FrameOrigin(7));
+    QCOMPARE(back[1].frame.id, quint16(0x182));
+    QCOMPARE(back[1].origin, kServiceOrigin | 8);
+}
+
+void TstQCanBusChannel::restartsWhileTheDeviceIsStillClosing()
+{
+    auto owned = std::make_unique<UnpluggableDevice>();
+    owned->closesLater = true;
+    UnpluggableDevice* device = owned.get();
+    auto channel = QCanBusChannel::fromDevice("fake", "can0", std::move(owned));
+    QString error;
+    QVERIFY(channel->start(&error));
+    channel->stop();
+    QCOMPARE(device->state(), QCanBusDevice::ClosingState);
+    QVERIFY2(channel->start(&error), qPrintable(error));
+    QCOMPARE(device->state(), QCanBusDevice::ConnectedState);
+}
 
 void TstQCanBusChannel::deviceThatGoesAwayIsReportedAndReopened()
 {

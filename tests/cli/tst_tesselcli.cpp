@@ -8,15 +8,7 @@
 #include <QTest>
 
 using qorcalib::test::ServerProcess;
-
-namespace {
-struct Run
-{
-    int exit = -1;
-    QString out;
-    QString err;
-};
-} // namespace
+using Run = qorcalib::test::ProgramRun;
 
 class TstTesselCli : public QObject
 {
@@ -36,20 +28,9 @@ private slots:
 private:
     Run cli(const QStringList& args, int timeoutMs = 20000)
     {
-        QProcess p;
-        p.start(QStringLiteral(TESSEL_CLI_PATH),
-                QStringList{"--socket", m_server.socketPath()} + args);
-        Run r;
-        if (!p.waitForFinished(timeoutMs)) {
-            p.kill();
-            p.waitForFinished();
-            r.err = "did not end";
-            return r;
-        }
-        r.exit = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-        r.out = QString::fromLocal8Bit(p.readAllStandardOutput());
-        r.err = QString::fromLocal8Bit(p.readAllStandardError());
-        return r;
+        return qorcalib::test::runProgram(QStringLiteral(TESSEL_CLI_PATH),
+                                          QStringList{"--socket", m_server.socketPath()} + args,
+                                          timeoutMs);
     }
     ServerProcess m_server;
 };

@@ -66,6 +66,16 @@ int sessionCount(ServerConnection* connection);
 // Resident memory of a process in KiB, from /proc; -1 when unknown.
 qint64 residentKib(qint64 pid);
 
+// What a program run to its end printed, and its exit code (-1: crashed or did not end).
+struct ProgramRun
+{
+    int exit = -1;
+    QString out;
+    QString err;
+};
+// Runs `program` with the arguments; one that has not ended within the time is killed.
+ProgramRun runProgram(const QString& program, const QStringList& arguments, int timeoutMs = 20000);
+
 // Waits for and checks a reply that must succeed.
 #define CALL_OK(connection, call)                                                                  \
     do {                                                                                           \
