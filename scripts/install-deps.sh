@@ -14,6 +14,7 @@ packages=(
   qt6-qpa-plugins
   libgl-dev
   xvfb xauth
+  help2man lintian fakeroot dpkg-dev gzip
 )
 
 missing=()

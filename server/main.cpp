@@ -80,9 +80,9 @@ int main(int argc, char** argv)
     const QString defaultSocket = defaultLocalSocketPath(&socketFolderError);
     const QCommandLineOption socketOption(
         QStringLiteral("socket"),
-        QStringLiteral("Local socket to listen on, readable by this user only (default: %1).")
-            .arg(defaultSocket.isEmpty() ? QStringLiteral("qorcalib in a private folder")
-                                         : defaultSocket),
+        QStringLiteral("Local socket to listen on, readable by this user only (default: "
+                       "qorcalib in $XDG_RUNTIME_DIR, else in a private folder under the "
+                       "temporary folder; the server tells which when it starts)."),
         QStringLiteral("path"));
     const QCommandLineOption listenOption(
         QStringLiteral("listen"),

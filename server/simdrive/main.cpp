@@ -76,14 +76,17 @@ int main(int argc, char** argv)
         "\n"
         "Examples:\n"
         "  tessel-simdrive --channel socketcan:vcan0 --node 1,2\n"
+        "        Two drives on the virtual SocketCAN interface vcan0.\n"
         "  tessel-simdrive --channel virtualcan:can0 --bit-rate 250K\n"
-        "  qorcalib-server --channel virtualcan:can0   (its controller 0 then reaches them)"));
+        "        A drive at 250K on Qt's virtual CAN bus. \"qorcalib-server --channel\n"
+        "        virtualcan:can0\" puts a CAN server's controller 0 on the same bus."));
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption channelOption(
         QStringLiteral("channel"),
         QStringLiteral("The QCanBus plugin and interface, e.g. socketcan:vcan0, socketcan:can0, "
-                       "virtualcan:can0 or virtualcan:tcp://localhost:35468/can0."),
+                       "virtualcan:can0 or virtualcan:tcp://127.0.0.1:PORT/can0 (a virtual bus of "
+                       "its own on PORT)."),
         QStringLiteral("plugin:interface"));
     const QCommandLineOption nodeOption(
         QStringLiteral("node"),

@@ -188,9 +188,17 @@ bool CanLink::startLocalServer(QString* error)
                      .arg(ServerConnection::kNotReachable);
         return false;
     }
-    if (!QProcess::startDetached(program, {QStringLiteral("--socket"), m_localSocketPath,
-                                           QStringLiteral("--idle-exit"),
-                                           QString::number(kStartedServerIdleSeconds)})) {
+    QProcess server;
+    server.setProgram(program);
+    server.setArguments({QStringLiteral("--socket"), m_localSocketPath,
+                         QStringLiteral("--idle-exit"),
+                         QString::number(kStartedServerIdleSeconds)});
+    // The server outlives its starter: on the starter's output it would keep a script's pipe
+    // open (x=$(tessel-cli ...) would wait for the server's end), so it writes beside its socket.
+    server.setStandardInputFile(QProcess::nullDevice());
+    server.setStandardOutputFile(QProcess::nullDevice());
+    server.setStandardErrorFile(m_localSocketPath + QStringLiteral(".log"));
+    if (!server.startDetached()) {
         *error = QStringLiteral("%1: %2 cannot be started")
                      .arg(ServerConnection::kNotReachable, program);
         return false;

@@ -28,9 +28,11 @@ namespace {
 std::atomic<bool> interrupted{false};
 
 const QString kUsage = QStringLiteral(
-    "usage: tessel-cli [--server NAME] [--socket PATH] [--controller N] [--timeout MS] [--json]\n"
-    "                  COMMAND ...\n"
-    "commands:\n"
+    "Usage: tessel-cli [OPTIONS] COMMAND ...\n"
+    "The CAN server's services for line scripts: object-dictionary entries, NMT, frames, LSS\n"
+    "and firmware, through the same server as Tessel.\n"
+    "\n"
+    "Commands:\n"
     "  sdo read NODE,INDEX[,SUB] [--type T]          read an object-dictionary entry\n"
     "  sdo write NODE,INDEX[,SUB] VALUE [--type T]   write one (T: hex, u8, u16, u32, i8, i16,\n"
     "                                                i32, str; hex by default)\n"
@@ -39,10 +41,24 @@ const QString kUsage = QStringLiteral(
     "  dump [--count N] [--seconds S]                received frames as a candump log\n"
     "  lss get | lss set NODE RATE                   find the node / give it node-ID and rate\n"
     "  upgrade FILE [--node N]                       load firmware through the boot loader\n"
-    "NAME: \"localhost\" (the local server, started when none runs), HOST or HOST:PORT on TCP;\n"
-    "\"#SELECTOR\" after it chooses the service. COMMAND --help tells more.\n"
-    "exit status: 0 done, 1 SDO abort, 2 bad arguments, 3 server not reachable, 4 the service\n"
-    "failed (no answer, bus or file error), 5 not supported by this server.\n");
+    "COMMAND --help tells more.\n"
+    "\n"
+    "Options:\n"
+    "  --server NAME     \"localhost\" (the local server, started when none runs; the default),\n"
+    "                    HOST or HOST:PORT on TCP; \"#SELECTOR\" after it chooses the service\n"
+    "  --socket PATH     the local server's socket, when not the default one\n"
+    "  --controller N    the server's controller (default: 0)\n"
+    "  --timeout MS      the SDO time-out (default: the server's)\n"
+    "  --json            results as one JSON object per line\n"
+    "  --version         the version\n"
+    "\n"
+    "Exit status:\n"
+    "  0  done\n"
+    "  1  SDO abort (the abort code on standard error)\n"
+    "  2  bad arguments\n"
+    "  3  server not reachable\n"
+    "  4  the service failed (no answer, bus or file error)\n"
+    "  5  not supported by this server\n");
 
 const QString kNotSupportedText = QStringLiteral("not supported by this server");
 } // namespace
@@ -192,7 +208,7 @@ int TesselCli::sendFrame(quint16 id, const QByteArray& data, bool remote, int le
 int TesselCli::sdo(QStringList args)
 {
     if (wantsHelp(args,
-                  QStringLiteral("usage: tessel-cli sdo read NODE,INDEX[,SUB] [--type T]\n"
+                  QStringLiteral("Usage: tessel-cli sdo read NODE,INDEX[,SUB] [--type T]\n"
                                  "       tessel-cli sdo write NODE,INDEX[,SUB] VALUE [--type T]\n"
                                  "NODE, INDEX, SUB hexadecimal; with NODE,INDEX the sub-index is "
                                  "INDEX's low byte.\nT: hex (default: bytes as hexadecimal pairs), "
@@ -250,7 +266,7 @@ int TesselCli::sdo(QStringList args)
 
 int TesselCli::nmt(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("usage: tessel-cli nmt start|stop|preop|reset|resetcomm "
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli nmt start|stop|preop|reset|resetcomm "
                                        "[NODE]\nNODE hexadecimal, 0 (the default) for every "
                                        "node.\n")))
         return kOk;
@@ -281,7 +297,7 @@ int TesselCli::nmt(QStringList args)
 
 int TesselCli::send(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("usage: tessel-cli send ID#DATA\nID: 3 hexadecimal "
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli send ID#DATA\nID: 3 hexadecimal "
                                        "digits (11-bit); DATA: up to 8 bytes as hexadecimal "
                                        "pairs, '.' between them allowed; ID#R or ID#Rn sends a "
                                        "remote frame of length n.\n")))
@@ -305,7 +321,7 @@ int TesselCli::send(QStringList args)
 
 int TesselCli::dump(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("usage: tessel-cli dump [--count N] [--seconds S]\n"
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli dump [--count N] [--seconds S]\n"
                                        "Writes the frames the controller receives, one line "
                                        "each as a candump log:\n  (SECONDS.MICRO) canN "
                                        "ID#DATA\nuntil N frames, S seconds, or an interrupt.\n")))
@@ -372,7 +388,7 @@ int TesselCli::dump(QStringList args)
 
 int TesselCli::lss(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("usage: tessel-cli lss get\n       tessel-cli lss set "
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli lss get\n       tessel-cli lss set "
                                        "NODE RATE\nget finds the one node in LSS waiting "
                                        "state: its node-ID (FF: none yet) and bit rate.\nset "
                                        "gives it NODE (hexadecimal) and RATE (1000K, 800K, "
@@ -415,7 +431,7 @@ int TesselCli::lss(QStringList args)
 
 int TesselCli::upgrade(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("usage: tessel-cli upgrade FILE [--node N]\nCatches "
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli upgrade FILE [--node N]\nCatches "
                                        "node N (hexadecimal, 1 by default) in its boot loader, "
                                        "loads FILE (an image the boot loader takes: hybrid .sx "
                                        "or S-records with an identification) into 0x1F50 sub 1 "

@@ -2,6 +2,8 @@
 // drive; what it prints, and its exit codes.
 #include "serverprocess.h"
 
+#include <QElapsedTimer>
+#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -24,6 +26,7 @@ private slots:
     void serverNotRunning();
     void upgradeAndLss();
     void help();
+    void startedServerDoesNotHoldTheScriptsOutput();
 
 private:
     Run cli(const QStringList& args, int timeoutMs = 20000)
@@ -204,12 +207,31 @@ void TstTesselCli::help()
     for (const char* command : {"sdo", "nmt", "send", "dump", "lss", "upgrade"}) {
         const Run r = cli({command, "--help"});
         QCOMPARE(r.exit, 0);
-        QVERIFY2(r.out.startsWith(QStringLiteral("usage: tessel-cli ") + command),
+        QVERIFY2(r.out.startsWith(QStringLiteral("Usage: tessel-cli ") + command),
                  qPrintable(r.out));
     }
     const Run all = cli({"--help"});
     QCOMPARE(all.exit, 0);
-    QVERIFY(all.out.contains("exit status: 0 done, 1 SDO abort"));
+    QVERIFY(all.out.contains("Exit status:\n  0  done\n  1  SDO abort"));
+}
+
+void TstTesselCli::startedServerDoesNotHoldTheScriptsOutput()
+{
+    // No server on this socket: tessel-cli starts one, which stays for seconds after it.
+    QTemporaryDir dir;
+    const QString socket = dir.filePath("qorcalib");
+    QProcess script;
+    script.start("sh", {"-c", QStringLiteral("name=$(\"%1\" --socket \"%2\" sdo read 1,1008,0 "
+                                             "--type str); echo \"[$name]\"")
+                                  .arg(TESSEL_CLI_PATH, socket)});
+    QElapsedTimer took;
+    took.start();
+    QVERIFY(script.waitForFinished(30000));
+    // The script's pipe closes when tessel-cli ends, not when the server it started does.
+    QVERIFY2(took.elapsed() < 5000, qPrintable(QString::number(took.elapsed())));
+    QVERIFY(script.readAllStandardOutput().startsWith("["));
+    QTRY_VERIFY(QFile::exists(socket + ".log"));
+    QTRY_VERIFY_WITH_TIMEOUT(QFile(socket + ".log").size() > 0, 5000);
 }
 
 QTEST_GUILESS_MAIN(TstTesselCli)
