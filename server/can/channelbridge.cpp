@@ -22,9 +22,10 @@ ChannelBridge::~ChannelBridge()
 
 void ChannelBridge::receive(const BusFrame& frame)
 {
+    // A frame the channel refuses (its device gone) is lost, as a node's frames are on a bus
+    // that is down; the channel itself tells when it is gone and back.
     QString error;
-    if (!m_channel->transmit(frame.frame, kBridgeOrigin, &error))
-        ++m_refused;
+    m_channel->transmit(frame.frame, kBridgeOrigin, &error);
 }
 
 void ChannelBridge::fromChannel(const QVector<BusFrame>& frames)

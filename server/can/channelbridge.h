@@ -21,9 +21,6 @@ public:
     ChannelBridge(SimulatedSegment* segment, CanChannel* channel, QObject* parent = nullptr);
     ~ChannelBridge() override;
 
-    // Frames of the segment the channel refused (not started, device gone, queue full).
-    qint64 refusedFrames() const { return m_refused; }
-
     int bitRateIndex() const override { return m_channel->bitRateIndex(); }
     bool isActive() const override { return m_channel->isRunning(); }
     void receive(const BusFrame& frame) override;
@@ -34,7 +31,6 @@ private:
 
     SimulatedSegment* m_segment;
     CanChannel* m_channel;
-    qint64 m_refused = 0;
 };
 
 } // namespace qorcalib

@@ -88,6 +88,7 @@ private slots:
     void badStart_data();
     void badStart();
     void carriesOnWhenTheChannelComesBack();
+    void lssGivesTheWaitingDriveItsNodeId();
     void socketCanWhereTheKernelOffersIt();
 
 private:
@@ -265,6 +266,30 @@ void TstSimDrive::carriesOnWhenTheChannelComesBack()
     QVERIFY(again.start({"--channel", channel}));
     QVERIFY(answers(again, "9,1000,0"));
     QCOMPARE(cli(again, {"sdo", "read", "9,1008,0", "--type", "str"}).out, QString("QD-300\n"));
+}
+
+void TstSimDrive::lssGivesTheWaitingDriveItsNodeId()
+{
+    // A bus of its own: LSS speaks to every waiting node at once.
+    const QString channel = virtualChannel(freePort());
+    SimDriveProcess drive;
+    QVERIFY2(drive.start({"--channel", channel, "--node", "unconfigured"}),
+             qPrintable(drive.output()));
+    ServerProcess server;
+    QVERIFY(server.start({"--channel", channel}));
+    const auto lss = [&](const QStringList& args) {
+        return qorcalib::test::runProgram(
+            QStringLiteral(TESSEL_CLI_PATH),
+            QStringList{"--socket", server.socketPath(), "lss"} + args, 60000);
+    };
+    ProgramRun get;
+    QVERIFY(QTest::qWaitFor([&] { return (get = lss({"get"})).exit == 0; }, 20000));
+    // Qt's virtual bus carries every bit rate: the search finds the drive at the first it tries.
+    QVERIFY2(get.out.startsWith("node FF at "), qPrintable(get.out));
+    const ProgramRun set = lss({"set", "20", "1000K"});
+    QVERIFY2(set.exit == 0, qPrintable(set.err));
+    QCOMPARE(cli(server, {"nmt", "resetcomm", "0"}).exit, 0);
+    QVERIFY(answers(server, "20,1000,0"));
 }
 
 void TstSimDrive::socketCanWhereTheKernelOffersIt()
