@@ -89,6 +89,7 @@ private slots:
     void badStart();
     void carriesOnWhenTheChannelComesBack();
     void lssGivesTheWaitingDriveItsNodeId();
+    void bootLoaderTakesFirmwareAfterAReset();
     void socketCanWhereTheKernelOffersIt();
 
 private:
@@ -290,6 +291,33 @@ void TstSimDrive::lssGivesTheWaitingDriveItsNodeId()
     QVERIFY2(set.exit == 0, qPrintable(set.err));
     QCOMPARE(cli(server, {"nmt", "resetcomm", "0"}).exit, 0);
     QVERIFY(answers(server, "20,1000,0"));
+}
+
+void TstSimDrive::bootLoaderTakesFirmwareAfterAReset()
+{
+    // No bench powers this drive: while the server tries to catch its boot loader, an NMT reset
+    // restarts it, as one would restart a drive on a master's own bus.
+    const QString channel = virtualChannel(freePort());
+    SimDriveProcess drive;
+    QVERIFY2(drive.start({"--channel", channel, "--node", "1"}), qPrintable(drive.output()));
+    ServerProcess server;
+    QVERIFY(server.start({"--channel", channel}));
+    QVERIFY(answers(server, "1,1000,0"));
+    QProcess upgrade;
+    upgrade.start(QStringLiteral(TESSEL_CLI_PATH),
+                  {"--socket", server.socketPath(), "upgrade",
+                   QStringLiteral(QORCALIB_DATA_DIR "/firmware/drive-2.1.7.sx")});
+    QVERIFY(upgrade.waitForStarted());
+    QTest::qWait(500);
+    QCOMPARE(cli(server, {"nmt", "reset", "1"}).exit, 0);
+    QVERIFY(upgrade.waitForFinished(60000));
+    QVERIFY2(upgrade.exitCode() == 0, upgrade.readAllStandardError().constData());
+    QVERIFY(upgrade.readAllStandardOutput().startsWith("upgraded node 01: "));
+    QVERIFY(QTest::qWaitFor(
+        [&] {
+            return cli(server, {"sdo", "read", "1,100A,0", "--type", "str"}).out == "FW 2.1.7\n";
+        },
+        15000));
 }
 
 void TstSimDrive::socketCanWhereTheKernelOffersIt()
