@@ -27,6 +27,8 @@ struct CanFrame
 //   bytes 4-11 Data 8 bytes (bytes past Len are zero)
 //   bytes 12-15 Time uint32
 constexpr int kRecordSize = 16;
+// Added to Id in the records of SendTimed: the frame is a remote request of Len bytes.
+constexpr int kRemoteRecordFlag = 0x4000;
 void appendRecord(QByteArray& records, const CanFrame& frame);
 // The frame of record `index`; its length clamped to 0..8.
 CanFrame recordAt(const QByteArray& records, int index);

@@ -22,6 +22,19 @@ inline bool isClientFrame(FrameOrigin origin)
     return origin != 0 && !(origin & kServiceOrigin);
 }
 
+// How far ahead of the server's time a client may queue a timed frame: enough for a client
+// that is held up now and then, little enough that what it queued is soon gone.
+constexpr qint64 kMaxLeadUs = 2000 * 1000;
+// Empty when a frame due at `dueUs` may be queued at `nowUs`, otherwise why not.
+inline QString leadError(qint64 dueUs, qint64 nowUs)
+{
+    if (dueUs - nowUs <= kMaxLeadUs)
+        return {};
+    return QStringLiteral("frame due %1 ms ahead (at most %2 ms)")
+        .arg((dueUs - nowUs) / 1000)
+        .arg(kMaxLeadUs / 1000);
+}
+
 struct BusFrame
 {
     CanFrame frame;
@@ -45,7 +58,12 @@ public:
     // A client's frames are refused with "transmit queue full" once its session has a second of
     // bus time waiting (TransmitBudget).
     virtual bool transmit(const CanFrame& frame, FrameOrigin origin, QString* error) = 0;
-    // The session ended: its frames that still wait are not sent.
+    // A client's frame that takes part in arbitration at `dueUs` (server time) at the
+    // earliest, at most kMaxLeadUs ahead; charged to its session as transmit() is.
+    virtual bool transmitAt(const CanFrame& frame, FrameOrigin origin, qint64 dueUs,
+                            QString* error) = 0;
+    // The session ended, or stopped what it had queued: its frames that still wait are not
+    // sent.
     virtual void dropSession(quint64 session) = 0;
     virtual quint32 status() const = 0;
 

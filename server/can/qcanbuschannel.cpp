@@ -10,7 +10,9 @@
 #include <QTimer>
 #include <QVariant>
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 
 namespace qorcalib {
 
@@ -71,6 +73,9 @@ QCanBusChannel::QCanBusChannel(QString plugin, QString interface,
                                std::unique_ptr<QCanBusDevice> device)
     : m_plugin(std::move(plugin)), m_interface(std::move(interface)), m_device(std::move(device))
 {
+    m_dueTimer.setSingleShot(true);
+    m_dueTimer.setTimerType(Qt::PreciseTimer);
+    connect(&m_dueTimer, &QTimer::timeout, this, &QCanBusChannel::writeDue);
     m_reconnect.setInterval(kReconnectMs);
     connect(&m_reconnect, &QTimer::timeout, this, [this] {
         if (m_started && !deviceConnected() && m_device->state() == QCanBusDevice::UnconnectedState)
@@ -139,8 +144,7 @@ bool QCanBusChannel::connectAndWait(QString* error)
 bool QCanBusChannel::start(QString* error)
 {
     m_overrun = false;
-    m_written.clear();
-    m_budget.clear();
+    clearQueues();
     m_started = connectAndWait(error);
     setLost(false);
     return m_started;
@@ -152,7 +156,14 @@ void QCanBusChannel::stop()
     setLost(false);
     if (m_device->state() != QCanBusDevice::UnconnectedState)
         m_device->disconnectDevice();
+    clearQueues();
+}
+
+void QCanBusChannel::clearQueues()
+{
     m_written.clear();
+    m_timed.clear();
+    m_dueTimer.stop();
     m_budget.clear();
 }
 
@@ -167,8 +178,7 @@ void QCanBusChannel::onDeviceState(QCanBusDevice::CanBusDeviceState state)
         return;
     if (state == QCanBusDevice::UnconnectedState) {
         // Frames handed to a device that is gone will not be reported sent.
-        m_written.clear();
-        m_budget.clear();
+        clearQueues();
         setLost(true);
     } else if (state == QCanBusDevice::ConnectedState) {
         setLost(false);
@@ -228,6 +238,69 @@ bool QCanBusChannel::transmit(const CanFrame& frame, FrameOrigin origin, QString
                      .arg(QLatin1String(TransmitBudget::kFullText), name());
         return false;
     }
+    return write(frame, origin, error);
+}
+
+bool QCanBusChannel::transmitAt(const CanFrame& frame, FrameOrigin origin, qint64 dueUs,
+                                QString* error)
+{
+    if (!m_started) {
+        *error = QStringLiteral("controller %1 is not started").arg(name());
+        return false;
+    }
+    if (!deviceConnected()) {
+        *error = QStringLiteral("controller %1 has lost its device (bus off)").arg(name());
+        return false;
+    }
+    *error = leadError(dueUs, serverTimeUs());
+    if (!error->isEmpty())
+        return false;
+    if (!m_budget.admit(sessionOfOrigin(origin), frameUs(frame))) {
+        *error = QStringLiteral("%1 on controller %2")
+                     .arg(QLatin1String(TransmitBudget::kFullText), name());
+        return false;
+    }
+    auto at = m_timed.end();
+    while (at != m_timed.begin() && std::prev(at)->dueUs > dueUs)
+        --at;
+    m_timed.insert(at, Timed{dueUs, BusFrame{frame, origin}});
+    writeDue();
+    return true;
+}
+
+void QCanBusChannel::writeDue()
+{
+    // The timer's tick is a millisecond: what is due within half of one goes now.
+    constexpr qint64 kEarlyUs = 500;
+    const qint64 now = serverTimeUs();
+    while (!m_timed.empty() && m_timed.front().dueUs <= now + kEarlyUs) {
+        const Timed t = m_timed.front();
+        m_timed.pop_front();
+        QString error;
+        if (!write(t.frame.frame, t.frame.origin, &error))
+            qWarning("%s: controller %s: a timed frame was not sent: %s",
+                     qPrintable(QCoreApplication::applicationName()), qPrintable(name()),
+                     qPrintable(error));
+    }
+    if (m_timed.empty())
+        m_dueTimer.stop();
+    else
+        m_dueTimer.start(int(std::max<qint64>(0, (m_timed.front().dueUs - now) / 1000)));
+}
+
+void QCanBusChannel::dropSession(quint64 session)
+{
+    m_timed.erase(std::remove_if(m_timed.begin(), m_timed.end(),
+                                 [session](const Timed& t) {
+                                     return isClientFrame(t.frame.origin) &&
+                                            sessionOfOrigin(t.frame.origin) == session;
+                                 }),
+                  m_timed.end());
+    m_budget.forget(session);
+}
+
+bool QCanBusChannel::write(const CanFrame& frame, FrameOrigin origin, QString* error)
+{
     QCanBusFrame out(frame.id, QByteArray(reinterpret_cast<const char*>(frame.data.data()),
                                           frame.remote ? 0 : frame.len));
     if (frame.remote) {

@@ -7,6 +7,7 @@
 #include <QQueue>
 #include <QTimer>
 
+#include <deque>
 #include <memory>
 
 namespace qorcalib {
@@ -36,7 +37,9 @@ public:
     bool setBitRateIndex(int index, QString* error) override;
     int bitRateIndex() const override { return m_bitRateIndex; }
     bool transmit(const CanFrame& frame, FrameOrigin origin, QString* error) override;
-    void dropSession(quint64 session) override { m_budget.forget(session); }
+    bool transmitAt(const CanFrame& frame, FrameOrigin origin, qint64 dueUs,
+                    QString* error) override;
+    void dropSession(quint64 session) override;
     quint32 status() const override;
 
 private:
@@ -50,6 +53,10 @@ private:
     void readFrames();
     void framesWritten(qint64 count);
     qint64 frameUs(const CanFrame& frame) const;
+    // Hands a frame to the device; its session has been charged for it.
+    bool write(const CanFrame& frame, FrameOrigin origin, QString* error);
+    void writeDue();
+    void clearQueues();
 
     QString m_plugin;
     QString m_interface;
@@ -64,6 +71,14 @@ private:
     // Frames the device has not sent yet cannot be taken back: a session that ends only stops
     // being charged for them.
     TransmitBudget m_budget;
+    // Timed frames wait here, in time order, until they are due: the device has no clock.
+    struct Timed
+    {
+        qint64 dueUs;
+        BusFrame frame;
+    };
+    std::deque<Timed> m_timed;
+    QTimer m_dueTimer;
 };
 
 } // namespace qorcalib

@@ -41,6 +41,7 @@ void SimulatedChannel::resetQueue()
     m_segment->resetPort(this);
     m_budget.clear();
     m_clientReadyUs = 0.0;
+    m_timedReadyUs = 0.0;
 }
 
 qint64 SimulatedChannel::clientFrameUs(const CanFrame& frame) const
@@ -90,6 +91,31 @@ bool SimulatedChannel::transmit(const CanFrame& frame, FrameOrigin origin, QStri
         notBefore = qint64(std::ceil(ready));
     }
     m_segment->transmit(this, frame, origin, notBefore);
+    return true;
+}
+
+bool SimulatedChannel::transmitAt(const CanFrame& frame, FrameOrigin origin, qint64 dueUs,
+                                  QString* error)
+{
+    if (!m_running) {
+        *error = QStringLiteral("controller %1 is not started").arg(m_index);
+        return false;
+    }
+    *error = leadError(dueUs, m_segment->nowUs());
+    if (!error->isEmpty())
+        return false;
+    const qint64 us = clientFrameUs(frame);
+    if (!m_budget.admit(sessionOfOrigin(origin), us)) {
+        *error = QStringLiteral("%1 on controller %2")
+                     .arg(QLatin1String(TransmitBudget::kFullText))
+                     .arg(m_index);
+        return false;
+    }
+    // Timed frames too leave the nodes their share of the bus; they are paced among
+    // themselves, so that a session's untimed frames are not held up behind them.
+    const double ready = std::max(double(dueUs), m_timedReadyUs);
+    m_timedReadyUs = ready + double(us) / kClientShare;
+    m_segment->transmit(this, frame, origin, qint64(std::ceil(ready)));
     return true;
 }
 

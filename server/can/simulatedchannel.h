@@ -22,6 +22,8 @@ public:
     bool setBitRateIndex(int index, QString* error) override;
     int bitRateIndex() const override { return m_bitRateIndex; }
     bool transmit(const CanFrame& frame, FrameOrigin origin, QString* error) override;
+    bool transmitAt(const CanFrame& frame, FrameOrigin origin, qint64 dueUs,
+                    QString* error) override;
     void dropSession(quint64 session) override;
     quint32 status() const override;
 
@@ -47,6 +49,7 @@ private:
     QVector<BusFrame> m_batch;
     TransmitBudget m_budget;
     double m_clientReadyUs = 0.0; // when the next client frame may take part in arbitration
+    double m_timedReadyUs = 0.0;  // the same for timed frames, which keep their own schedule
 };
 
 } // namespace qorcalib

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 namespace qorcalib {
 
@@ -63,7 +64,12 @@ void SimulatedSegment::transmit(SimPort* from, const CanFrame& frame, FrameOrigi
     if (!state)
         return;
     const qint64 ready = std::max(m_pumping && m_paced ? m_deliveryUs : nowUs(), notBeforeUs);
-    state->queue.push_back(Queued{BusFrame{frame, origin}, ready});
+    // A port's frames go out in the order they become ready: a frame for now does not wait
+    // behind one that is due later.
+    auto at = state->queue.end();
+    while (at != state->queue.begin() && std::prev(at)->readyUs > ready)
+        --at;
+    state->queue.insert(at, Queued{BusFrame{frame, origin}, ready});
     schedule();
 }
 

@@ -35,7 +35,8 @@ public:
 //
 // Paced, the segment delivers each frame when its last bit would have passed at the sender's
 // bit rate; frames waiting at the same time win arbitration by lower COB-ID, each port's own
-// frames staying in order. Unpaced, it delivers as fast as it can, in batches.
+// frames going out in the order they became ready. Unpaced, it delivers as fast as it can, in
+// batches.
 class SimulatedSegment : public QObject
 {
     Q_OBJECT

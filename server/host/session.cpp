@@ -4,6 +4,7 @@
 #include "lssrunner.h"
 #include "rep_qorcalib_source.h"
 #include "sdorunner.h"
+#include "serverclock.h"
 #include "servercore.h"
 #include "serverhost.h"
 
@@ -45,6 +46,20 @@ QString frameFromMsg(const CanMsg& msg, bool remote, CanFrame* frame)
         for (int i = 0; i < frame->len && i < msg.Data().size(); ++i)
             frame->data[i] = quint8(msg.Data()[i]);
     return {};
+}
+
+// A timed frame record: kRemoteRecordFlag added to Id marks a remote request.
+QString frameFromRecord(const QByteArray& records, int index, CanFrame* frame)
+{
+    const CanFrame record = recordAt(records, index);
+    const int rawId = qint16(record.id);
+    const bool remote = rawId >= 0 && (rawId & kRemoteRecordFlag);
+    const CanMsg msg(remote ? rawId & ~kRemoteRecordFlag : rawId, recordLength(records, index),
+                     remote ? QByteArray()
+                            : QByteArray(reinterpret_cast<const char*>(record.data.data()), 8));
+    const QString error = frameFromMsg(msg, remote, frame);
+    frame->timeUs = record.timeUs;
+    return error;
 }
 
 class CanConnector : public QCSCanConnectorSource
@@ -110,6 +125,38 @@ public:
     }
     Reply Send(int controller, CanMsg msg, int) override { return send(controller, msg, false); }
     Reply SendRemote(int controller, CanMsg msg) override { return send(controller, msg, true); }
+    IntReply GetTime() override { return IntReply(int(quint32(quint64(serverTimeUs()))), {}); }
+    IntReply SendTimed(int controller, QByteArray frames, int count) override
+    {
+        QString error = m_s->core()->checkController(controller);
+        if (!error.isEmpty())
+            return IntReply(0, error);
+        if (count < 0 || count > recordCount(frames))
+            return IntReply(0, QStringLiteral("%1 frame records announced, %2 bytes sent")
+                                   .arg(count)
+                                   .arg(frames.size()));
+        CanChannel* channel = m_s->core()->channel(controller);
+        const qint64 now = serverTimeUs();
+        for (int i = 0; i < count; ++i) {
+            CanFrame frame;
+            error = frameFromRecord(frames, i, &frame);
+            // Record times are the server's wrapping microseconds: the one meant is the one
+            // nearest to now.
+            const qint64 due = now + qint32(frame.timeUs - quint32(quint64(now)));
+            if (error.isEmpty())
+                channel->transmitAt(frame, m_s->id(), due, &error);
+            if (!error.isEmpty())
+                return IntReply(i, error);
+        }
+        return IntReply(count, {});
+    }
+    Reply DropQueued(int controller) override
+    {
+        const QString error = m_s->core()->checkController(controller);
+        if (error.isEmpty())
+            m_s->core()->channel(controller)->dropSession(m_s->id());
+        return Reply(error);
+    }
     IntReply GetStatus(int controller) override
     {
         const QString error = m_s->core()->checkController(controller);

@@ -15,6 +15,7 @@
 #include "inputblocker.h"
 #include "machinesettings.h"
 #include "sdopanel.h"
+#include "tracefilesbar.h"
 #include "traceline.h"
 #include "upgradepanel.h"
 #include "waitcursor.h"
@@ -438,6 +439,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
         return SendCanMsg(id, length, data);
     };
     m_monitor->sendRemote = [this](quint32 id, int length) { return SendCanRemote(id, length); };
+    connectReplay(&m_monitor->traceFiles->replay);
     m_monitor->showMessage = [this](const QString& text) { showMessage(text); };
     m_link.setTxNotify(m_monitor->showTransmit());
     tmrStato.start();
@@ -512,6 +514,34 @@ bool FrmMain::SendCanRemote(quint32 id, int length)
     if (!m_link.monitorEchoOff && m_monitor)
         m_monitor->traceFrame(m_selected, int(TraceKind::RemoteRequest), id, 0, 0, nullptr);
     return false;
+}
+
+void FrmMain::connectReplay(TraceReplay* replay)
+{
+    // A replay stays on the controller selected when it started.
+    replay->serverTime = [this](quint32* us) {
+        m_monitor->replayController = m_selected;
+        QString error;
+        const auto time = m_link.serverTime(&error);
+        *us = time.value_or(0);
+        return error;
+    };
+    replay->sendTimed = [this](const QList<ScheduledFrame>& frames, QString* error) {
+        QVector<qorcalib::CanFrame> out;
+        out.reserve(frames.size());
+        for (const ScheduledFrame& f : frames) {
+            qorcalib::CanFrame frame;
+            frame.id = f.record.id;
+            frame.len = quint8(qBound(0, f.record.length, 8));
+            frame.remote = f.record.remote;
+            std::copy_n(f.record.data.constData(),
+                        std::min<qsizetype>(frame.len, f.record.data.size()), frame.data.begin());
+            frame.timeUs = f.serverUs;
+            out.append(frame);
+        }
+        return m_link.sendTimed(m_monitor->replayController, out, error);
+    };
+    replay->dropQueued = [this] { m_link.dropQueued(m_monitor->replayController); };
 }
 
 void FrmMain::SetRxAll(bool enable)

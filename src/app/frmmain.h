@@ -22,6 +22,7 @@ namespace tessel {
 
 class BenchPanel;
 class FrmDiagno;
+class TraceReplay;
 class FrmAbort;
 class FrmEDS;
 class FrmSerial;
@@ -55,6 +56,7 @@ public:
 
     // The send routines every window uses: true when the send failed.
     bool SendCanMsg(quint16 id, int length, const QByteArray& data);
+    void connectReplay(TraceReplay* replay);
     bool SendCanRemote(quint32 id, int length);
     void SetRxAll(bool enable);
     void EnableBusButtons(bool enable);

@@ -280,6 +280,11 @@ QString CanLink::startService()
     LINK_CALL(service()->Start(0));
 }
 
+QString CanLink::dropQueued(int controller)
+{
+    LINK_CALL(bus()->DropQueued(controller));
+}
+
 QString CanLink::showServerWindow()
 {
     LINK_CALL(serverWindow()->Show());
@@ -625,6 +630,45 @@ QString CanLink::send(int controller, quint16 id, int length, const QByteArray& 
             m_echoed.dequeue();
     }
     return reply->error();
+}
+
+std::optional<quint32> CanLink::serverTime(QString* error)
+{
+    if (!live(error))
+        return std::nullopt;
+    const auto value =
+        valueOf(m_connection->wait(m_connection->bus()->GetTime(), error), error, &IntReply::value);
+    return value ? std::optional<quint32>(quint32(*value)) : std::nullopt;
+}
+
+int CanLink::sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames, QString* error)
+{
+    if (!live(error))
+        return 0;
+    QByteArray records;
+    records.reserve(frames.size() * qorcalib::kRecordSize);
+    for (qorcalib::CanFrame frame : frames) {
+        if (frame.remote) {
+            frame.id |= qorcalib::kRemoteRecordFlag;
+            frame.data = {};
+        }
+        qorcalib::appendRecord(records, frame);
+    }
+    const auto reply = m_connection->wait(
+        m_connection->bus()->SendTimed(controller, records, int(frames.size())), error);
+    if (!reply)
+        return 0;
+    const int taken = qBound(0, reply->value(), int(frames.size()));
+    for (int i = 0; i < taken; ++i) {
+        const qorcalib::CanFrame& f = frames[i];
+        const int length = f.remote ? 0 : f.len;
+        m_echoed.enqueue(
+            {controller, f.id, QByteArray(reinterpret_cast<const char*>(f.data.data()), length)});
+    }
+    while (m_echoed.size() > kEchoMemory)
+        m_echoed.dequeue();
+    *error = reply->error();
+    return taken;
 }
 
 void CanLink::onFilteredRxCan(int controller, const QByteArray& records, int count)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "canmsg.h"
 #include "serverconnection.h"
 
 #include <QByteArray>
@@ -76,6 +77,14 @@ public:
     // Sends a frame on a controller. The frame is remembered so that the server's report of it
     // (TxCan) is not traced a second time: the sender echoes its own frames.
     QString send(int controller, quint16 id, int length, const QByteArray& data, bool remote);
+    // The server's time (its frames' time stamps: microseconds, wrapping).
+    std::optional<quint32> serverTime(QString* error);
+    // Queues frames on a controller, each to go out at its timeUs (server time) at the
+    // earliest, remembered as send() remembers its frame. Returns how many the server took;
+    // the error says why it did not take the next one.
+    int sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames, QString* error);
+    // This session's frames still waiting on the controller are not sent.
+    QString dropQueued(int controller);
 
     // One SDO transfer on a controller: the uploaded bytes, the abort code (0 when none) and
     // the error description (empty when the call itself worked). The wait lets events run and

@@ -36,7 +36,6 @@ TraceFilesBar::TraceFilesBar(QWidget* parent) : QWidget(parent)
     layout->addStretch();
     connect(cmdSaveTrace, &QPushButton::clicked, this, &TraceFilesBar::cmdSaveTrace_Click);
     connect(cmdReplay, &QPushButton::clicked, this, &TraceFilesBar::cmdReplay_Click);
-    replay.send = [this](const TraceRecord& r) { return send ? send(r) : true; };
     connect(&replay, &TraceReplay::finished, this, [this](const QString& error, qint64 frames) {
         cmdReplay->setText(QStringLiteral("Replay..."));
         spnSpeed->setEnabled(true);

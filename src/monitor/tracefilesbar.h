@@ -21,8 +21,6 @@ public:
 
     // The frames the trace shows, oldest first.
     std::function<QList<TraceRecord>()> frames;
-    // Sends a frame on the selected controller; true when it failed.
-    std::function<bool(const TraceRecord&)> send;
     std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
     std::function<QString(const QString&, const QString&, const QString&)> chooseSaveFile;
     std::function<void(const QString&)> showMessage;

@@ -1,5 +1,8 @@
 #include "tracereplay.h"
 
+#include <utility>
+#include <vector>
+
 namespace tessel {
 
 bool TraceReplay::start(const QString& fileName, double speed, QString* error)
@@ -21,75 +24,101 @@ bool TraceReplay::start(const QString& fileName, double speed, QString* error)
     m_sent = 0;
     QString readError;
     const auto first = m_reader->next(&m_next, &readError);
-    if (first != TraceReader::Frame) {
+    if (first == TraceReader::Frame && serverTime)
+        readError = serverTime(&m_serverStartUs);
+    if (first != TraceReader::Frame || !readError.isEmpty()) {
         *error = first == TraceReader::End ? QStringLiteral("%1: no frames in it").arg(fileName)
                                            : QStringLiteral("%1: %2").arg(fileName, readError);
         m_reader.reset();
         m_file.close();
         return false;
     }
-    m_haveNext = true;
+    m_error.clear();
     m_firstUs = m_next.timeUs;
     m_shiftUs = 0;
     m_clock.start();
-    m_timer.setSingleShot(true);
     m_timer.setTimerType(Qt::PreciseTimer);
-    connect(&m_timer, &QTimer::timeout, this, &TraceReplay::sendDue, Qt::UniqueConnection);
-    m_timer.start(0);
+    connect(&m_timer, &QTimer::timeout, this, &TraceReplay::tick, Qt::UniqueConnection);
+    m_timer.start(kTickMs);
+    // The first frames go from the event loop: the caller learns of the start before any end.
+    QMetaObject::invokeMethod(this, &TraceReplay::tick, Qt::QueuedConnection);
     return true;
 }
 
-void TraceReplay::sendDue()
+qint64 TraceReplay::localDueUs(const TraceRecord& record) const
 {
-    QString error;
-    int inARow = 0;
-    while (m_haveNext) {
-        // A burst gives the event loop its turn now and then: "Stop" must be clickable.
-        if (++inARow > kBurst) {
-            m_timer.start(0);
-            return;
+    return kLeadUs + qint64(double(record.timeUs - m_firstUs) / m_speed) + m_shiftUs;
+}
+
+void TraceReplay::tick()
+{
+    if (!isRunning())
+        return;
+    const qint64 nowUs = m_clock.nsecsElapsed() / 1000;
+    announceDue(nowUs);
+    QList<ScheduledFrame> batch;
+    std::vector<qint64> localUs;
+    while (m_reader && m_ahead.size() + size_t(batch.size()) < size_t(kMaxAhead)) {
+        qint64 dueUs = localDueUs(m_next);
+        if (dueUs > nowUs + kAheadUs)
+            break;
+        if (dueUs < nowUs + kMarginUs) {
+            m_shiftUs += nowUs + kMarginUs - dueUs;
+            dueUs = nowUs + kMarginUs;
         }
-        qint64 dueUs = qint64(double(m_next.timeUs - m_firstUs) / m_speed) + m_shiftUs;
-        const qint64 nowUs = m_clock.nsecsElapsed() / 1000;
-        // Held up (the machine was busy): the rest of the file keeps its spacing from here,
-        // rather than rushing out what is overdue back to back.
-        if (nowUs - dueUs > kLateUs) {
-            m_shiftUs += nowUs - dueUs;
-            dueUs = nowUs;
-        }
-        if (dueUs > nowUs) {
-            // Woken a little early rather than late: the last milliseconds are waited here.
-            const qint64 waitUs = dueUs - nowUs;
-            if (waitUs > 1500) {
-                m_timer.start(int((waitUs - 1000) / 1000));
-                return;
-            }
-            while (m_clock.nsecsElapsed() / 1000 < dueUs) {
-            }
-        }
-        if (send && send(m_next))
-            return finish(QStringLiteral("frame %1 could not be sent").arg(m_sent + 1));
-        ++m_sent;
-        const auto result = m_reader->next(&m_next, &error);
-        if (result == TraceReader::Error)
-            return finish(error);
-        m_haveNext = result == TraceReader::Frame;
+        batch.append(ScheduledFrame{m_next, m_serverStartUs + quint32(quint64(dueUs))});
+        localUs.push_back(dueUs);
+        if (m_reader->next(&m_next, &m_error) != TraceReader::Frame)
+            closeFile();
     }
-    finish({});
+    if (!batch.isEmpty()) {
+        QString sendError;
+        const int taken = sendTimed ? sendTimed(batch, &sendError) : int(batch.size());
+        for (int i = 0; i < taken && i < batch.size(); ++i)
+            m_ahead.push_back(Ahead{batch[i], localUs[size_t(i)]});
+        m_sent += taken;
+        if (!sendError.isEmpty()) {
+            // What the server took still goes out; the rest of the file does not.
+            m_error =
+                QStringLiteral("frame %1 could not be sent: %2").arg(m_sent + 1).arg(sendError);
+            closeFile();
+        }
+    }
+    // The end comes when the last frame handed over is due.
+    if (!isRunning())
+        finish(std::exchange(m_error, {}));
+}
+
+void TraceReplay::closeFile()
+{
+    m_reader.reset();
+    m_file.close();
+}
+
+void TraceReplay::announceDue(qint64 nowUs)
+{
+    while (!m_ahead.empty() && m_ahead.front().localUs <= nowUs) {
+        const ScheduledFrame frame = m_ahead.front().frame;
+        m_ahead.pop_front();
+        if (frameDue)
+            frameDue(frame);
+    }
 }
 
 void TraceReplay::stop()
 {
-    if (m_reader)
-        finish({});
+    if (!isRunning())
+        return;
+    if (dropQueued && !m_ahead.empty())
+        dropQueued();
+    finish({});
 }
 
 void TraceReplay::finish(const QString& error)
 {
     m_timer.stop();
-    m_reader.reset();
-    m_file.close();
-    m_haveNext = false;
+    closeFile();
+    m_ahead.clear();
     emit finished(error, m_sent);
 }
 

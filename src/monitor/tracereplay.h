@@ -7,46 +7,86 @@
 #include <QObject>
 #include <QTimer>
 
+#include <deque>
 #include <functional>
 #include <memory>
 
 namespace tessel {
 
-// Replays a trace file: its frames go out one by one with the spacing they were recorded with
-// (divided by the speed factor), read from the file as they are due, so a file of any size
-// takes the same memory.
+// A frame of the replay with the server time at which it is to go out.
+struct ScheduledFrame
+{
+    TraceRecord record;
+    quint32 serverUs = 0;
+};
+
+// Replays a trace file: its frames go out with the spacing they were recorded with (divided by
+// the speed factor). They are handed to the server a little ahead, each with its time on the
+// server's clock, so that neither this program nor the server being held up for a moment moves
+// a frame; the file is read as the frames come due, so a file of any size takes the same memory.
 class TraceReplay : public QObject
 {
     Q_OBJECT
 public:
-    static constexpr int kBurst = 200;
-    static constexpr qint64 kLateUs = 500;
-    // Sends a frame; true when it could not be sent (the replay stops).
-    std::function<bool(const TraceRecord&)> send;
+    // The first frame goes out this long after the start.
+    static constexpr qint64 kLeadUs = 20000;
+    // Frames are handed over once they are due within this time...
+    static constexpr qint64 kAheadUs = 100000;
+    // ...but no more than this many at a time wait on the server.
+    static constexpr int kMaxAhead = 200;
+    // A frame handed over less than this before its time is late: the rest of the file moves
+    // with it, keeping its spacing, rather than rushing out what is overdue back to back.
+    static constexpr qint64 kMarginUs = 5000;
+    static constexpr int kTickMs = 10;
 
-    // False, with the reason, when the file cannot be opened or its format is not known.
+    // The server's time now; empty on success.
+    std::function<QString(quint32* serverUs)> serverTime;
+    // Queues frames on the server, each to go out at its serverUs at the earliest; returns how
+    // many the server took. When it did not take them all, the replay ends with the error
+    // once those it took are out.
+    std::function<int(const QList<ScheduledFrame>&, QString* error)> sendTimed;
+    // Takes back the frames still waiting on the server: the replay was stopped.
+    std::function<void()> dropQueued;
+    // A frame's time has come (shortly after it went out, within a tick).
+    std::function<void(const ScheduledFrame&)> frameDue;
+
+    // False, with the reason, when the file cannot be opened, its format is not known or the
+    // server's time cannot be read.
     bool start(const QString& fileName, double speed, QString* error);
+    // Stops at once: the frames already handed over are taken back.
     void stop();
-    bool isRunning() const { return m_timer.isActive() || m_reader != nullptr; }
+    bool isRunning() const { return m_reader != nullptr || !m_ahead.empty(); }
+    // Frames handed to the server.
     qint64 sent() const { return m_sent; }
 
 signals:
-    // The end: error empty when the whole file went out (or it was stopped).
+    // The end, when the last frame handed over is due: error empty when the whole file went
+    // out (or it was stopped); otherwise the bad line or the refused frame.
     void finished(const QString& error, qint64 frames);
 
 private:
-    void sendDue();
+    struct Ahead
+    {
+        ScheduledFrame frame;
+        qint64 localUs;
+    };
+    void tick();
+    qint64 localDueUs(const TraceRecord& record) const;
+    void closeFile();
     void finish(const QString& error);
+    void announceDue(qint64 nowUs);
 
     QFile m_file;
     std::unique_ptr<TraceReader> m_reader;
-    TraceRecord m_next;
-    bool m_haveNext = false;
+    TraceRecord m_next; // read, not yet handed over, while the file is open
+    QString m_error;    // the bad line, or the frame the server refused
     qint64 m_firstUs = 0;
     qint64 m_shiftUs = 0; // how far the schedule moved for hold-ups
     double m_speed = 1.0;
+    quint32 m_serverStartUs = 0;
     QElapsedTimer m_clock;
     QTimer m_timer;
+    std::deque<Ahead> m_ahead; // handed over, not yet due
     qint64 m_sent = 0;
 };
 
