@@ -102,6 +102,8 @@ QCanBusChannel::QCanBusChannel(QString plugin, QString interface,
 
 QCanBusChannel::~QCanBusChannel()
 {
+    // Closed on purpose: not a device that went away.
+    m_started = false;
     if (m_device && m_device->state() != QCanBusDevice::UnconnectedState)
         m_device->disconnectDevice();
 }

@@ -54,8 +54,9 @@ void TraceReplay::tick()
 {
     if (!isRunning())
         return;
+    announceDue(m_clock.nsecsElapsed() / 1000);
+    // Read again: announcing takes its time too (the trace).
     const qint64 nowUs = m_clock.nsecsElapsed() / 1000;
-    announceDue(nowUs);
     QList<ScheduledFrame> batch;
     std::vector<qint64> localUs;
     while (m_reader && m_ahead.size() + size_t(batch.size()) < size_t(kMaxAhead)) {

@@ -190,16 +190,9 @@ void TstTraceFiles::replayKeepsTheSpacing()
         over += off > 1000 ? 1 : 0;
     }
     qInfo("replay: worst spacing error %lld us, %d of 9999 over 1 ms", worst, over);
-    // A hold-up of the machine (this process also records the bus) delays one frame; the
-    // schedule then moves with it instead of rushing the rest, so it costs one spacing, not
-    // dozens. At least 99 % of the spacings are kept within the millisecond (95 % in a sanitizer
-    // build, whose every call is several times slower).
-#ifdef TESSEL_SANITIZED
-    const int allowed = 499;
-#else
-    const int allowed = 99;
-#endif
-    QVERIFY2(over <= allowed, qPrintable(QStringLiteral("%1 spacings over 1 ms").arg(over)));
+    // The frames reach the server ahead of their time, each with its time: neither this
+    // process (which also records the bus) nor the server being held up moves one.
+    QCOMPARE(over, 0);
 }
 
 void TstTraceFiles::replayFailures_data()

@@ -1,5 +1,6 @@
 #include "canmsg.h"
 #include "qcanbuschannel.h"
+#include "serverclock.h"
 
 #include <QCanBusDevice>
 #include <QSignalSpy>
@@ -26,11 +27,15 @@ public:
         plugged = false;
         setError(QStringLiteral("device removed"), QCanBusDevice::ConnectionError);
     }
-    bool writeFrame(const QCanBusFrame&) override
+    // Each frame written: its identifier and the server time it was written at.
+    QList<QPair<quint32, qint64>> writes;
+
+    bool writeFrame(const QCanBusFrame& frame) override
     {
         if (state() != ConnectedState)
             return false;
         ++written;
+        writes.append({frame.frameId(), serverTimeUs()});
         if (reportsWhileWriting)
             emit framesWritten(1);
         else
@@ -69,6 +74,7 @@ private slots:
     void ownFramesComeBackInOrderWithTheirOrigin_data();
     void ownFramesComeBackInOrderWithTheirOrigin();
     void restartsWhileTheDeviceIsStillClosing();
+    void timedFramesAreWrittenWhenDue();
 };
 
 void TstQCanBusChannel::ownFramesComeBackInOrderWithTheirOrigin_data()
@@ -153,3 +159,37 @@ void TstQCanBusChannel::deviceThatGoesAwayIsReportedAndReopened()
 
 QTEST_GUILESS_MAIN(TstQCanBusChannel)
 #include "tst_qcanbuschannel.moc"
+
+void TstQCanBusChannel::timedFramesAreWrittenWhenDue()
+{
+    auto owned = std::make_unique<UnpluggableDevice>();
+    UnpluggableDevice* device = owned.get();
+    auto channel = QCanBusChannel::fromDevice("fake", "can0", std::move(owned));
+    QString error;
+    QVERIFY(channel->start(&error));
+    const qint64 now = serverTimeUs();
+    // Handed over out of order, by two sessions; one of them ends before its frame is due.
+    QVERIFY(channel->transmitAt(CanFrame::make(0x301, {1}), 7, now + 60000, &error));
+    QVERIFY(channel->transmitAt(CanFrame::make(0x302, {2}), 7, now + 20000, &error));
+    QVERIFY(channel->transmitAt(CanFrame::make(0x303, {3}), 9, now + 40000, &error));
+    QVERIFY(channel->transmitAt(CanFrame::make(0x304, {4}), 7, now - 5000, &error));
+    QVERIFY(!channel->transmitAt(CanFrame::make(0x305, {5}), 7, now + 2500000, &error));
+    QVERIFY2(error.contains("at most 2000 ms"), qPrintable(error));
+    channel->dropSession(9);
+    // A frame already due goes at once, the others when due (the timer's tick is 1 ms).
+    QCOMPARE(device->writes.size(), 1);
+    QCOMPARE(device->writes[0].first, quint32(0x304));
+    QTRY_COMPARE(device->writes.size(), 3);
+    QTest::qWait(100);
+    QCOMPARE(device->writes.size(), 3);
+    QCOMPARE(device->writes[1].first, quint32(0x302));
+    QCOMPARE(device->writes[2].first, quint32(0x301));
+    QVERIFY2(device->writes[1].second >= now + 20000 - 500, "written early");
+    QVERIFY2(device->writes[2].second >= now + 60000 - 500, "written early");
+    // Stopped, the controller forgets what waited.
+    QVERIFY(channel->transmitAt(CanFrame::make(0x306, {6}), 7, serverTimeUs() + 20000, &error));
+    channel->stop();
+    QVERIFY(channel->start(&error));
+    QTest::qWait(60);
+    QCOMPARE(device->writes.size(), 3);
+}

@@ -54,6 +54,7 @@ private slots:
     void pacedDeliveryWaitsForBusTime();
     void answersFollowAtBusTime();
     void arbitrationPrefersLowerIdKeepingPortOrder();
+    void frameDueLaterLetsOthersPass();
     void unpacedDeliversInBatches();
     void resetPortForgetsQueueAndErrors();
     void identicalFramesAreOneOnTheBus_data();
@@ -219,6 +220,27 @@ void TstSimulatedSegment::arbitrationPrefersLowerIdKeepingPortOrder()
     for (const auto& frame : listener.received)
         order << frame.frame.id;
     QCOMPARE(order, (QList<int>{0x300, 0x600, 0x100}));
+}
+
+void TstSimulatedSegment::frameDueLaterLetsOthersPass()
+{
+    Fixture f(true);
+    RecordingPort a(0), listener(0);
+    f.segment.attach(&a);
+    f.segment.attach(&listener);
+    const CanFrame timed = CanFrame::make(0x050, {1});
+    f.segment.transmit(&a, timed, 0, f.now + 5000);
+    f.segment.transmit(&a, CanFrame::make(0x700, {2}), 0);
+    f.now += 1000;
+    QCOMPARE(f.segment.pump(), 1);
+    QCOMPARE(listener.received[0].frame.id, quint16(0x700));
+    f.now += 3000;
+    QCOMPARE(f.segment.pump(), 0);
+    f.now += 3000;
+    QCOMPARE(f.segment.pump(), 1);
+    // Stamped with the bus time it was due at, not with when the segment got round to it.
+    QCOMPARE(qint64(listener.received[1].frame.timeUs),
+             qint64(6000 + frameDurationUs(timed, bitRateOfIndex(0))));
 }
 
 void TstSimulatedSegment::unpacedDeliversInBatches()

@@ -93,7 +93,7 @@ void TstPacketRules::incoming_data()
         << QByteArrayList{acquireBus} << wire::packet(6, canMsgWithHugeList())
         << "where QByteArray is expected";
     QTest::newRow("method index past the last")
-        << QByteArrayList{acquireBus} << wire::invoke(kBus, 14, {}) << "does not exist";
+        << QByteArrayList{acquireBus} << wire::invoke(kBus, wire::BusMethodCount, {}) << "does not exist";
     QTest::newRow("negative method index")
         << QByteArrayList{acquireBus} << wire::invoke(kBus, -1, {}) << "does not exist";
     QTest::newRow("property write")

@@ -37,6 +37,7 @@ private slots:
     void benchSupplyRebootsTheDrive();
     void badInputIsRefused_data();
     void badInputIsRefused();
+    void timedFramesKeepTheirTimes();
     void sessionObjectsAreTheSessionsOwn();
     void sdoWithTheDrive();
     void sdoAborts_data();
@@ -273,6 +274,59 @@ void TstServer::benchSupplyRebootsTheDrive()
     QVERIFY(ra.waitFor(0x701, hex("7f"), 3000, ra.find(0x701, hex("00"), before)));
 }
 
+void TstServer::timedFramesKeepTheirTimes()
+{
+    // The paced bus, which stamps each frame with the bus time it went out at.
+    QVERIFY(m_server->start({}));
+    auto a = attach(), b = attach();
+    QVERIFY(a && b);
+    FrameRecorder rb(b.get());
+    CALL_OK(a, bus()->StartController(0));
+    QString error;
+    const auto now = a->wait(a->bus()->GetTime(), &error);
+    QVERIFY2(now, qPrintable(error));
+    const quint32 t0 = quint32(now->value()) + 200000;
+    // Spacings of 150 us to 25 ms; the third frame is a remote request.
+    const QList<quint32> offsets{0, 150, 2650, 27650, 28000};
+    QByteArray records;
+    for (int i = 0; i < offsets.size(); ++i) {
+        CanFrame f = CanFrame::make(quint16(0x250 + i), {quint8(i), 0xAA});
+        f.timeUs = t0 + offsets[i];
+        if (i == 2)
+            f.id |= kRemoteRecordFlag;
+        appendRecord(records, f);
+    }
+    const auto taken = a->wait(a->bus()->SendTimed(0, records, int(offsets.size())), &error);
+    QVERIFY2(taken, qPrintable(error));
+    QCOMPARE(taken->error(), QString());
+    QCOMPARE(taken->value(), int(offsets.size()));
+    // An untimed frame sent after them goes first: they are not due yet.
+    CALL_OK(a, bus()->Send(0, CanMsg(0x7E5, 1, hex("42")), 0));
+    QVERIFY(rb.waitFor(0x254, hex("04aa"), 3000));
+    const int untimed = rb.find(0x7E5, hex("42"));
+    QVERIFY(untimed >= 0 && untimed < rb.find(0x250, hex("00aa")));
+    QCOMPARE(rb.find(0x252, hex("0000")) >= 0, true); // a remote request carries no data
+    for (int i = 0; i < offsets.size(); ++i) {
+        const auto& frame = rb.received[rb.find(
+            quint16(0x250 + i), i == 2 ? hex("0000") : QByteArray(1, char(i)) + hex("aa"))];
+        // Each frame's stamp is the end of its bus time: a little after its start.
+        const qint64 late = qint64(quint32(frame.frame.timeUs - t0)) - offsets[i];
+        QVERIFY2(late >= 0 && late < 300,
+                 qPrintable(QStringLiteral("frame %1 %2 us late").arg(i).arg(late)));
+    }
+    // Frames taken back never go out.
+    const auto later = a->wait(a->bus()->GetTime(), &error);
+    QVERIFY2(later, qPrintable(error));
+    CanFrame dropped = CanFrame::make(0x260, {6});
+    dropped.timeUs = quint32(later->value()) + 100000;
+    records.clear();
+    appendRecord(records, dropped);
+    QCOMPARE(a->wait(a->bus()->SendTimed(0, records, 1), &error)->value(), 1);
+    CALL_OK(a, bus()->DropQueued(0));
+    QTest::qWait(250);
+    QCOMPARE(rb.find(0x260, hex("06")), -1);
+}
+
 void TstServer::badInputIsRefused_data()
 {
     QTest::addColumn<QString>("operation");
@@ -293,6 +347,17 @@ void TstServer::badInputIsRefused_data()
                                    << "-1";
     QTest::newRow("remote length 9") << "remote 0 0x100 9"
                                      << "9";
+    // Timed frames: controller, COB-ID, length, milliseconds ahead, records announced.
+    QTest::newRow("timed COB-ID 0x800") << "timed 0 0x800 1 10 1"
+                                        << "0x800";
+    QTest::newRow("timed length 9") << "timed 0 0x100 9 10 1"
+                                    << "9";
+    QTest::newRow("timed 3 s ahead") << "timed 0 0x100 1 3000 1"
+                                     << "at most 2000 ms";
+    QTest::newRow("timed, more records announced") << "timed 0 0x100 1 10 2"
+                                                   << "2 frame records announced, 16 bytes";
+    QTest::newRow("timed on controller 2") << "timed 2 0x100 1 10 1"
+                                           << "2";
     QTest::newRow("bit rate 9") << "rate 0 9"
                                 << "9";
     QTest::newRow("bit rate -1") << "rate 0 -1"
@@ -345,7 +410,18 @@ void TstServer::badInputIsRefused()
             a->wait(a->bus()->Send(n(1), CanMsg(n(2), n(3), QByteArray(n(4), '\x55')), 0), &error));
     else if (w[0] == "remote")
         take(a->wait(a->bus()->SendRemote(n(1), CanMsg(n(2), n(3), {})), &error));
-    else if (w[0] == "rate")
+    else if (w[0] == "timed") {
+        const auto now = a->wait(a->bus()->GetTime(), &error);
+        QVERIFY2(now, qPrintable(error));
+        CanFrame frame = CanFrame::make(quint16(n(2)), {0x55});
+        frame.len = quint8(n(3));
+        frame.timeUs = quint32(now->value()) + quint32(n(4) * 1000);
+        QByteArray records;
+        appendRecord(records, frame);
+        const auto reply = a->wait(a->bus()->SendTimed(n(1), records, n(5)), &error);
+        take(reply);
+        QCOMPARE(reply->value(), 0);
+    } else if (w[0] == "rate")
         take(a->wait(a->bus()->SetBitRate(n(1), n(2)), &error));
     else if (w[0] == "start")
         take(a->wait(a->bus()->StartController(n(1)), &error));

@@ -40,7 +40,8 @@ enum BusMethod
     StartController = 0,
     Advise = 3,
     Send = 6,
-    GetControllerCount = 11
+    GetControllerCount = 11,
+    BusMethodCount = 17
 };
 enum ServiceMethod
 {
