@@ -80,6 +80,7 @@ private slots:
     void stopTakesBackWhatWaits();
     void refusedFrameEndsTheReplay();
     void denseFileWaitsInBoundedSteps();
+    void gigabyteFileIsStreamed();
 
 private:
     // A candump log of `count` frames; frame i comes `spacingUs(i)` after the one before.
@@ -245,6 +246,42 @@ void TstTraceReplay::denseFileWaitsInBoundedSteps()
     QVERIFY2(server.mostWaiting <= TraceReplay::kMaxAhead,
              qPrintable(QString::number(server.mostWaiting)));
     QVERIFY(server.mostWaiting > TraceReplay::kMaxAhead / 2);
+}
+
+// The resident memory of this process, in KiB.
+static qint64 residentKiB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').first().toLongLong();
+    return -1;
+}
+
+void TstTraceReplay::gigabyteFileIsStreamed()
+{
+    // 1 GiB: frames for the first seconds, the rest a hole that reads as zeros.
+    const QString path = writeLog("huge.log", 20000, [](int) { return 1000; });
+    QFile f(path);
+    QVERIFY(f.resize(qint64(1) << 30));
+    TraceReplay replay;
+    FakeServer server;
+    server.connect(replay);
+    const qint64 before = residentKiB();
+    QVERIFY(before > 0);
+    QElapsedTimer started;
+    started.start();
+    QString error;
+    QVERIFY2(replay.start(path, 1.0, &error), qPrintable(error));
+    QVERIFY(started.elapsed() < 100);
+    QTest::qWait(300);
+    QVERIFY(server.handed.size() > 100);
+    const qint64 grown = residentKiB() - before;
+    QVERIFY2(grown < 16 * 1024,
+             qPrintable(QStringLiteral("%1 KiB more while replaying").arg(grown)));
+    replay.stop();
 }
 
 QTEST_MAIN(TstTraceReplay)
