@@ -10,6 +10,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
+#include <QSaveFile>
 #include <QThread>
 #include <QTimer>
 
@@ -36,6 +37,7 @@ const QString kUsage = QStringLiteral(
     "  sdo read NODE,INDEX[,SUB] [--type T]          read an object-dictionary entry\n"
     "  sdo write NODE,INDEX[,SUB] VALUE [--type T]   write one (T: hex, u8, u16, u32, i8, i16,\n"
     "                                                i32, str; hex by default)\n"
+    "  sdo read|write NODE,INDEX[,SUB] --file FILE   the entry's bytes to or from a file\n"
     "  nmt start|stop|preop|reset|resetcomm [NODE]   NMT command (NODE hexadecimal; 0: all)\n"
     "  send ID#DATA                                  send a frame (candump syntax; ID#R remote)\n"
     "  dump [--count N] [--seconds S]                received frames as a candump log\n"
@@ -61,6 +63,73 @@ const QString kUsage = QStringLiteral(
     "  5  not supported by this server\n");
 
 const QString kNotSupportedText = QStringLiteral("not supported by this server");
+
+// An entry's bytes from a file; an SDO transfer carries at most what a 32-bit size says, and
+// a drive takes far less, so a file past kMaxDataFile is refused before it is read.
+constexpr qint64 kMaxDataFile = 64 * 1024 * 1024;
+
+std::optional<QByteArray> readDataFile(const QString& name, QString* error)
+{
+    QFile file(name);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("%1: %2").arg(name, file.errorString());
+        return std::nullopt;
+    }
+    if (file.size() > kMaxDataFile) {
+        *error = QStringLiteral("%1: %2 bytes, more than an entry takes (at most %3)")
+                     .arg(name)
+                     .arg(file.size())
+                     .arg(kMaxDataFile);
+        return std::nullopt;
+    }
+    return file.readAll();
+}
+
+bool writeDataFile(const QString& name, const QByteArray& data, QString* error)
+{
+    QSaveFile file(name);
+    if (file.open(QIODevice::WriteOnly) && file.write(data) == data.size() && file.commit())
+        return true;
+    *error = QStringLiteral("%1: %2").arg(name, file.errorString());
+    return false;
+}
+
+// A long transfer's progress on standard error while it lasts, when that is a terminal: a
+// script's log gets none, and a transfer over within half a second shows none.
+class TerminalProgress
+{
+public:
+    static constexpr int kQuietMs = 500;
+
+    TerminalProgress(CanLink& link, QTextStream& err) : m_err(err)
+    {
+        if (!isatty(STDERR_FILENO))
+            return;
+        m_clock.start();
+        m_connection = QObject::connect(&link, &CanLink::progressChanged, [this](float percent) {
+            // Written when the whole percent changes: a terminal need not take thousands.
+            if (m_clock.elapsed() < kQuietMs || percent <= 0.0f || int(percent) == m_shown)
+                return;
+            m_shown = int(percent);
+            m_err << QStringLiteral("\r%1 %").arg(m_shown, 3);
+            m_err.flush();
+        });
+    }
+    ~TerminalProgress()
+    {
+        QObject::disconnect(m_connection);
+        if (m_shown >= 0) {
+            m_err << "\n";
+            m_err.flush();
+        }
+    }
+
+private:
+    QTextStream& m_err;
+    QElapsedTimer m_clock;
+    QMetaObject::Connection m_connection;
+    int m_shown = -1; // the percent shown last
+};
 } // namespace
 
 TesselCli::TesselCli(QTextStream& out, QTextStream& err) : m_out(out), m_err(err) {}
@@ -207,29 +276,43 @@ int TesselCli::sendFrame(quint16 id, const QByteArray& data, bool remote, int le
 
 int TesselCli::sdo(QStringList args)
 {
-    if (wantsHelp(args,
-                  QStringLiteral("Usage: tessel-cli sdo read NODE,INDEX[,SUB] [--type T]\n"
-                                 "       tessel-cli sdo write NODE,INDEX[,SUB] VALUE [--type T]\n"
-                                 "NODE, INDEX, SUB hexadecimal; with NODE,INDEX the sub-index is "
-                                 "INDEX's low byte.\nT: hex (default: bytes as hexadecimal pairs), "
-                                 "u8, u16, u32, i8, i16, i32 (little-endian), str.\nA read prints "
-                                 "the value; an abort prints its code (8 hexadecimal digits) and "
-                                 "exits 1.\n")))
+    if (wantsHelp(args, QStringLiteral(
+                            "Usage: tessel-cli sdo read NODE,INDEX[,SUB] [--type T | --file FILE]\n"
+                            "       tessel-cli sdo write NODE,INDEX[,SUB] VALUE [--type T]\n"
+                            "       tessel-cli sdo write NODE,INDEX[,SUB] --file FILE\n"
+                            "NODE, INDEX, SUB hexadecimal; with NODE,INDEX the sub-index is "
+                            "INDEX's low byte.\nT: hex (default: bytes as hexadecimal pairs), "
+                            "u8, u16, u32, i8, i16, i32 (little-endian), str.\nWith --file "
+                            "the entry's bytes come from FILE, or go to it, as they are.\n"
+                            "A read prints the value; an abort prints its code (8 hexadecimal "
+                            "digits) and exits 1.\nA transfer that takes longer than half a "
+                            "second shows its progress when standard error is a terminal.\n")))
         return kOk;
+    const bool typed = args.contains(QLatin1String("--type"));
     const QString type = takeOption(&args, QStringLiteral("--type"), QStringLiteral("hex"));
     if (!knownType(type))
         return bad(
             QStringLiteral("type '%1' is not hex, u8, u16, u32, i8, i16, i32 or str").arg(type));
-    const bool write = args.value(0) == QLatin1String("write");
-    if ((args.value(0) != QLatin1String("read") && !write) || args.size() != (write ? 3 : 2))
+    const QString fileName = takeOption(&args, QStringLiteral("--file"));
+    if (typed && !fileName.isEmpty())
         return bad(
-            QStringLiteral("sdo takes 'read ADDRESS' or 'write ADDRESS VALUE' (see sdo --help)"));
+            QStringLiteral("--file takes the bytes as they are: --type does not go with it"));
+    const bool write = args.value(0) == QLatin1String("write");
+    const int wanted = write && fileName.isEmpty() ? 3 : 2;
+    if ((args.value(0) != QLatin1String("read") && !write) || args.size() != wanted)
+        return bad(QStringLiteral("sdo takes 'read ADDRESS', 'write ADDRESS VALUE' or 'write "
+                                  "ADDRESS --file FILE' (see sdo --help)"));
     QString error;
     const auto address = parseAddress(args[1], &error);
     if (!address)
         return bad(error);
     QByteArray data;
-    if (write) {
+    if (write && !fileName.isEmpty()) {
+        const auto bytes = readDataFile(fileName, &error);
+        if (!bytes)
+            return fail(kFailed, error);
+        data = *bytes;
+    } else if (write) {
         const auto value = encodeValue(type, args[2], &error);
         if (!value)
             return bad(error);
@@ -237,8 +320,11 @@ int TesselCli::sdo(QStringList args)
     }
     if (const int code = connectAndStart(); code >= 0)
         return code;
-    const CanLink::SdoResult r = m_link.sdoTransfer(m_controller, !write, address->node,
-                                                    address->index, address->subIndex, data);
+    const CanLink::SdoResult r = [&] {
+        TerminalProgress progress(m_link, m_err);
+        return m_link.sdoTransfer(m_controller, !write, address->node, address->index,
+                                  address->subIndex, data);
+    }();
     QJsonObject json{{QStringLiteral("command"),
                       write ? QStringLiteral("sdo write") : QStringLiteral("sdo read")},
                      {QStringLiteral("node"), address->node},
@@ -252,6 +338,16 @@ int TesselCli::sdo(QStringList args)
         if (m_json)
             print(json, {});
         return fail(kSdoAbort, QStringLiteral("SDO abort %1").arg(code));
+    }
+    if (!fileName.isEmpty()) {
+        if (!write && !writeDataFile(fileName, r.data, &error))
+            return fail(kFailed, error);
+        json.insert(QStringLiteral("file"), fileName);
+        json.insert(QStringLiteral("bytes"), write ? data.size() : r.data.size());
+        print(json, QStringLiteral("%1 bytes %2 %3")
+                        .arg(write ? data.size() : r.data.size())
+                        .arg(write ? QStringLiteral("from") : QStringLiteral("to"), fileName));
+        return kOk;
     }
     if (write) {
         json.insert(QStringLiteral("written"), QString::fromLatin1(data.toHex().toUpper()));
@@ -472,18 +568,10 @@ int TesselCli::upgrade(QStringList args)
             kFailed,
             QStringLiteral("no boot loader of node %1 answered").arg(hexField(quint32(node), 2)));
     }
-    const bool terminal = isatty(STDERR_FILENO);
-    QMetaObject::Connection progress;
-    if (terminal)
-        progress = QObject::connect(&m_link, &CanLink::progressChanged, [this](float percent) {
-            m_err << QStringLiteral("\r%1 %").arg(int(percent), 3);
-            m_err.flush();
-        });
-    const CanLink::SdoResult loaded =
-        m_link.sdoTransfer(m_controller, false, node, 0x1F50, 1, image);
-    QObject::disconnect(progress);
-    if (terminal)
-        m_err << "\n";
+    const CanLink::SdoResult loaded = [&] {
+        TerminalProgress progress(m_link, m_err);
+        return m_link.sdoTransfer(m_controller, false, node, 0x1F50, 1, image);
+    }();
     endTransfer();
     if (!loaded.error.isEmpty())
         return linkFailure(loaded.error);

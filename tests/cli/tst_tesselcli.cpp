@@ -1,5 +1,6 @@
 // tessel-cli as a line script runs it: a process against the real server and its simulated
 // drive; what it prints, and its exit codes.
+#include "pty.h"
 #include "serverprocess.h"
 
 #include <QElapsedTimer>
@@ -7,6 +8,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <QTest>
 
 using qorcalib::test::ServerProcess;
@@ -27,6 +29,7 @@ private slots:
     void upgradeAndLss();
     void help();
     void startedServerDoesNotHoldTheScriptsOutput();
+    void longTransferShowsProgressOnATerminal();
 
 private:
     Run cli(const QStringList& args, int timeoutMs = 20000)
@@ -109,6 +112,15 @@ void TstTesselCli::abortsAndBadArguments_data()
     QTest::newRow("bad type") << QStringList{"sdo", "read", "1,1000,0", "--type", "f64"} << 2
                               << "tessel-cli: type 'f64' is not hex, u8, u16, u32, i8, i16, i32 "
                                  "or str\n";
+    QTest::newRow("file that is not there")
+        << QStringList{"sdo", "write", "1,2040,0", "--file", "/nonexistent/block.bin"} << 4
+        << "tessel-cli: /nonexistent/block.bin: No such file or directory\n";
+    QTest::newRow("file and type")
+        << QStringList{"sdo", "read", "1,2040,0", "--file", "x.bin", "--type", "u8"} << 2
+        << "tessel-cli: --file takes the bytes as they are: --type "
+           "does not go with it\n";
+    QTest::newRow("file and value")
+        << QStringList{"sdo", "write", "1,2040,0", "00", "--file", "x.bin"} << 2 << "";
     QTest::newRow("no command") << QStringList{} << 2 << "";
 }
 
@@ -232,6 +244,50 @@ void TstTesselCli::startedServerDoesNotHoldTheScriptsOutput()
     QVERIFY(script.readAllStandardOutput().startsWith("["));
     QTRY_VERIFY(QFile::exists(socket + ".log"));
     QTRY_VERIFY_WITH_TIMEOUT(QFile(socket + ".log").size() > 0, 5000);
+}
+
+void TstTesselCli::longTransferShowsProgressOnATerminal()
+{
+    // On the paced bus, 64 KiB take about a second.
+    ServerProcess paced;
+    QVERIFY(paced.start({}));
+    const QStringList socket{"--socket", paced.socketPath()};
+    const auto run = [&](const QStringList& args) {
+        return qorcalib::test::runProgram(TESSEL_CLI_PATH, socket + args, 30000);
+    };
+    QVERIFY(QTest::qWaitFor([&] { return run({"sdo", "read", "1,1000,0"}).exit == 0; }, 10000));
+    QTemporaryDir dir;
+    QByteArray block(65536, '\0');
+    for (int i = 0; i < block.size(); ++i)
+        block[i] = char(i * 7 + i / 256);
+    const QString in = dir.filePath("block.bin"), out = dir.filePath("back.bin");
+    QFile file(in);
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(block) == block.size());
+    file.close();
+    tessel::test::Pty terminal;
+    QVERIFY(terminal.ok());
+    const auto onTerminal = [&](const QStringList& args) {
+        QProcess p;
+        p.setStandardErrorFile(terminal.device());
+        p.start(TESSEL_CLI_PATH, socket + args);
+        QByteArray shown;
+        QElapsedTimer clock;
+        clock.start();
+        while (!p.waitForFinished(20) && clock.elapsed() < 30000)
+            shown += terminal.received();
+        return QByteArray::number(p.exitCode()) + ":" + shown + terminal.received(100);
+    };
+    const QByteArray write = onTerminal({"sdo", "write", "1,2040,0", "--file", in});
+    QVERIFY2(write.startsWith("0:\r") && write.endsWith("100 %\r\n"), write.constData());
+    // A short transfer shows nothing; neither does a long one whose standard error is a file.
+    QCOMPARE(onTerminal({"sdo", "read", "1,1008,0", "--type", "str"}), QByteArray("0:"));
+    const Run logged = run({"sdo", "read", "1,2040,0", "--file", out});
+    QCOMPARE(logged.exit, 0);
+    QCOMPARE(logged.err, QString());
+    QCOMPARE(logged.out, QStringLiteral("65536 bytes to %1\n").arg(out));
+    QFile back(out);
+    QVERIFY(back.open(QIODevice::ReadOnly));
+    QVERIFY(back.readAll() == block);
 }
 
 QTEST_GUILESS_MAIN(TstTesselCli)
