@@ -528,17 +528,8 @@ void FrmMain::connectReplay(TraceReplay* replay)
     };
     replay->sendTimed = [this](const QList<ScheduledFrame>& frames, QString* error) {
         QVector<qorcalib::CanFrame> out;
-        out.reserve(frames.size());
-        for (const ScheduledFrame& f : frames) {
-            qorcalib::CanFrame frame;
-            frame.id = f.record.id;
-            frame.len = quint8(qBound(0, f.record.length, 8));
-            frame.remote = f.record.remote;
-            std::copy_n(f.record.data.constData(),
-                        std::min<qsizetype>(frame.len, f.record.data.size()), frame.data.begin());
-            frame.timeUs = f.serverUs;
-            out.append(frame);
-        }
+        for (const ScheduledFrame& f : frames)
+            out.append(f.busFrame());
         return m_link.sendTimed(m_monitor->replayController, out, error);
     };
     replay->dropQueued = [this] { m_link.dropQueued(m_monitor->replayController); };

@@ -4,6 +4,7 @@
 #include "cliparse.h"
 #include "machinesettings.h"
 #include "numbers.h"
+#include "tracereplay.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -43,6 +44,8 @@ const QString kUsage = QStringLiteral(
     "  dump [--count N] [--seconds S]                received frames as a candump log\n"
     "  lss get | lss set NODE RATE                   find the node / give it node-ID and rate\n"
     "  upgrade FILE [--node N]                       load firmware through the boot loader\n"
+    "  replay FILE [--speed X]                       send a candump log or ASC file's frames\n"
+    "                                                with their recorded spacing\n"
     "COMMAND --help tells more.\n"
     "\n"
     "Options:\n"
@@ -115,13 +118,18 @@ public:
             m_err.flush();
         });
     }
-    ~TerminalProgress()
+    ~TerminalProgress() { end(false); }
+    // The transfer is over; a complete one shows 100 % even when its last report was less.
+    void end(bool complete)
     {
         QObject::disconnect(m_connection);
-        if (m_shown >= 0) {
-            m_err << "\n";
-            m_err.flush();
-        }
+        if (m_shown < 0)
+            return;
+        if (complete && m_shown < 100)
+            m_err << "\r100 %";
+        m_err << "\n";
+        m_err.flush();
+        m_shown = -1;
     }
 
 private:
@@ -223,6 +231,8 @@ int TesselCli::run(QStringList args)
         return lss(args);
     if (command == QLatin1String("upgrade"))
         return upgrade(args);
+    if (command == QLatin1String("replay"))
+        return replay(args);
     return bad(QStringLiteral("unknown command '%1' (see --help)").arg(command));
 }
 
@@ -320,11 +330,10 @@ int TesselCli::sdo(QStringList args)
     }
     if (const int code = connectAndStart(); code >= 0)
         return code;
-    const CanLink::SdoResult r = [&] {
-        TerminalProgress progress(m_link, m_err);
-        return m_link.sdoTransfer(m_controller, !write, address->node, address->index,
-                                  address->subIndex, data);
-    }();
+    TerminalProgress progress(m_link, m_err);
+    const CanLink::SdoResult r = m_link.sdoTransfer(m_controller, !write, address->node,
+                                                    address->index, address->subIndex, data);
+    progress.end(r.error.isEmpty() && r.abortCode == 0);
     QJsonObject json{{QStringLiteral("command"),
                       write ? QStringLiteral("sdo write") : QStringLiteral("sdo read")},
                      {QStringLiteral("node"), address->node},
@@ -482,6 +491,68 @@ int TesselCli::dump(QStringList args)
     return kOk;
 }
 
+int TesselCli::replay(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli replay FILE [--speed X]\n"
+                                       "Sends the frames of a candump log (.log) or an ASC file "
+                                       "(.asc) on the controller\nwith their recorded spacing, "
+                                       "divided by X (default 1); then prints how many went\n"
+                                       "out. An interrupt stops it: the frames not yet on the "
+                                       "bus are taken back.\n")))
+        return kOk;
+    bool ok = true;
+    const double speed =
+        takeOption(&args, QStringLiteral("--speed"), QStringLiteral("1")).toDouble(&ok);
+    if (!ok || speed < 0.01 || speed > 100.0)
+        return bad(QStringLiteral("--speed takes a factor from 0.01 to 100"));
+    if (args.size() != 1)
+        return bad(QStringLiteral("replay takes one trace file"));
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    TraceReplay replay;
+    replay.serverTime = [this](quint32* us) {
+        QString error;
+        *us = m_link.serverTime(&error).value_or(0);
+        return error;
+    };
+    replay.sendTimed = [this](const QList<ScheduledFrame>& frames, QString* error) {
+        QVector<CanFrame> out;
+        for (const ScheduledFrame& f : frames)
+            out.append(f.busFrame());
+        return m_link.sendTimed(m_controller, out, error);
+    };
+    replay.dropQueued = [this] { m_link.dropQueued(m_controller); };
+    QString error;
+    if (!replay.start(args[0], speed, &error))
+        return fail(kFailed, error);
+    QEventLoop loop;
+    QObject::connect(&replay, &TraceReplay::finished, &loop,
+                     [&](const QString& e) { error = e, loop.quit(); });
+    QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] {
+        replay.stop();
+        loop.exit(1);
+    });
+    std::signal(SIGINT, [](int) { interrupted = true; });
+    std::signal(SIGTERM, [](int) { interrupted = true; });
+    QTimer watch;
+    QObject::connect(&watch, &QTimer::timeout, &loop, [&] {
+        if (interrupted)
+            replay.stop();
+    });
+    watch.start(50);
+    if (loop.exec() != 0)
+        return fail(kUnreachable, ServerConnection::kNotReachable);
+    if (!error.isEmpty())
+        return fail(
+            kFailed,
+            QStringLiteral("%1: %2 (after %3 frames)").arg(args[0], error).arg(replay.sent()));
+    print({{QStringLiteral("command"), QStringLiteral("replay")},
+           {QStringLiteral("file"), args[0]},
+           {QStringLiteral("frames"), replay.sent()}},
+          QStringLiteral("%1 frames").arg(replay.sent()));
+    return kOk;
+}
+
 int TesselCli::lss(QStringList args)
 {
     if (wantsHelp(args, QStringLiteral("Usage: tessel-cli lss get\n       tessel-cli lss set "
@@ -568,10 +639,10 @@ int TesselCli::upgrade(QStringList args)
             kFailed,
             QStringLiteral("no boot loader of node %1 answered").arg(hexField(quint32(node), 2)));
     }
-    const CanLink::SdoResult loaded = [&] {
-        TerminalProgress progress(m_link, m_err);
-        return m_link.sdoTransfer(m_controller, false, node, 0x1F50, 1, image);
-    }();
+    TerminalProgress progress(m_link, m_err);
+    const CanLink::SdoResult loaded =
+        m_link.sdoTransfer(m_controller, false, node, 0x1F50, 1, image);
+    progress.end(loaded.error.isEmpty() && loaded.abortCode == 0);
     endTransfer();
     if (!loaded.error.isEmpty())
         return linkFailure(loaded.error);

@@ -23,6 +23,7 @@ private:
     int dump(QStringList args);
     int lss(QStringList args);
     int upgrade(QStringList args);
+    int replay(QStringList args);
 
     int bad(const QString& message);
     int fail(int code, const QString& message);

@@ -30,6 +30,7 @@ private slots:
     void help();
     void startedServerDoesNotHoldTheScriptsOutput();
     void longTransferShowsProgressOnATerminal();
+    void replayKeepsTheSpacingAtItsSpeed();
 
 private:
     Run cli(const QStringList& args, int timeoutMs = 20000)
@@ -39,10 +40,15 @@ private:
                                           timeoutMs);
     }
     ServerProcess m_server;
+    QTemporaryDir m_files;
 };
 
 void TstTesselCli::initTestCase()
 {
+    QFile extended(m_files.filePath("extended.log"));
+    QVERIFY(extended.open(QIODevice::WriteOnly));
+    extended.write("(1.000000) can0 123#01\n(1.001000) can0 12345678#02\n");
+    extended.close();
     QVERIFY(m_server.start({"--unpaced"}));
     // The drive has booted once it answers.
     QVERIFY(QTest::qWaitFor([&] { return cli({"sdo", "read", "1,1000,0"}).exit == 0; }, 10000));
@@ -121,6 +127,17 @@ void TstTesselCli::abortsAndBadArguments_data()
            "does not go with it\n";
     QTest::newRow("file and value")
         << QStringList{"sdo", "write", "1,2040,0", "00", "--file", "x.bin"} << 2 << "";
+    QTest::newRow("replay of a file that is not there")
+        << QStringList{"replay", "/nonexistent/trace.log"} << 4
+        << "tessel-cli: /nonexistent/trace.log: No such file or directory\n";
+    QTest::newRow("replay of an extended frame")
+        << QStringList{"replay", m_files.filePath("extended.log")} << 4
+        << QStringLiteral("tessel-cli: %1: line 2: identifier 12345678 is extended (29-bit): the "
+                          "server "
+                          "carries 11-bit identifiers (after 1 frames)\n")
+               .arg(m_files.filePath("extended.log"));
+    QTest::newRow("replay speed 0") << QStringList{"replay", "x.log", "--speed", "0"} << 2
+                                    << "tessel-cli: --speed takes a factor from 0.01 to 100\n";
     QTest::newRow("no command") << QStringList{} << 2 << "";
 }
 
@@ -288,6 +305,51 @@ void TstTesselCli::longTransferShowsProgressOnATerminal()
     QFile back(out);
     QVERIFY(back.open(QIODevice::ReadOnly));
     QVERIFY(back.readAll() == block);
+}
+
+void TstTesselCli::replayKeepsTheSpacingAtItsSpeed()
+{
+    // The paced bus stamps each frame with the time it went out at.
+    ServerProcess paced;
+    QVERIFY(paced.start({}));
+    const QStringList socket{"--socket", paced.socketPath()};
+    const QString log = m_files.filePath("recorded.log");
+    QFile f(log);
+    QVERIFY(f.open(QIODevice::WriteOnly));
+    qint64 us = 1795400000000000;
+    QList<qint64> recorded;
+    for (int i = 0; i < 300; ++i) {
+        us += 1000 + (i * 523) % 3000;
+        recorded << us;
+        f.write(QStringLiteral("(%1.%2) can1 3%3#%4\n")
+                    .arg(us / 1000000)
+                    .arg(us % 1000000, 6, 10, QLatin1Char('0'))
+                    .arg(i % 100, 2, 10, QLatin1Char('0'))
+                    .arg(i % 256, 2, 16, QLatin1Char('0'))
+                    .toLatin1());
+    }
+    f.close();
+    QProcess dump;
+    dump.start(TESSEL_CLI_PATH, socket + QStringList{"dump", "--seconds", "5"});
+    QVERIFY(dump.waitForStarted());
+    QTest::qWait(700);
+    const Run r = qorcalib::test::runProgram(TESSEL_CLI_PATH,
+                                             socket + QStringList{"replay", log, "--speed", "2"});
+    QCOMPARE(r.err, QString());
+    QCOMPARE(r.out, QString("300 frames\n"));
+    QCOMPARE(r.exit, 0);
+    QVERIFY(dump.waitForFinished(10000));
+    QList<qint64> stamps;
+    const QRegularExpression line("^\\((\\d+)\\.(\\d{6})\\) can0 3[0-9]{2}#");
+    for (const QString& l : QString::fromLatin1(dump.readAllStandardOutput()).split('\n'))
+        if (const auto m = line.match(l); m.hasMatch())
+            stamps << m.captured(1).toLongLong() * 1000000 + m.captured(2).toLongLong();
+    QCOMPARE(stamps.size(), 300);
+    for (int i = 1; i < 300; ++i) {
+        const qint64 off = (stamps[i] - stamps[i - 1]) - (recorded[i] - recorded[i - 1]) / 2;
+        QVERIFY2(qAbs(off) < 1000,
+                 qPrintable(QStringLiteral("frame %1: %2 us off").arg(i).arg(off)));
+    }
 }
 
 QTEST_GUILESS_MAIN(TstTesselCli)

@@ -1,9 +1,23 @@
 #include "tracereplay.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
 namespace tessel {
+
+qorcalib::CanFrame ScheduledFrame::busFrame() const
+{
+    qorcalib::CanFrame frame;
+    frame.id = record.id;
+    frame.len = quint8(qBound(0, record.length, 8));
+    frame.remote = record.remote;
+    if (!record.remote)
+        std::copy_n(record.data.constData(), std::min<qsizetype>(frame.len, record.data.size()),
+                    frame.data.begin());
+    frame.timeUs = serverUs;
+    return frame;
+}
 
 bool TraceReplay::start(const QString& fileName, double speed, QString* error)
 {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "canmsg.h"
 #include "tracefile.h"
 
 #include <QElapsedTimer>
@@ -18,6 +19,8 @@ struct ScheduledFrame
 {
     TraceRecord record;
     quint32 serverUs = 0;
+    // As the server takes it: timeUs is the time it is due at.
+    qorcalib::CanFrame busFrame() const;
 };
 
 // Replays a trace file: its frames go out with the spacing they were recorded with (divided by
