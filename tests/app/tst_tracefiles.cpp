@@ -1,6 +1,7 @@
 // The CAN monitor's trace files end to end: the trace saved as a candump log and as an ASC file
 // and read back; the frames kept in step with the trace's bounds; a recorded log replayed on
 // the paced bus with its spacing, checked from the server's time stamps; the replay's failures.
+#include "candumplog.h"
 #include "frmdiagno.h"
 #include "tesselharness.h"
 #include "tracefile.h"
@@ -149,21 +150,8 @@ void TstTraceFiles::replayKeepsTheSpacing()
     // 10,000 frames, spaced 0.6 to 1.6 ms apart, as a device might send them.
     const QString log = m_dir.filePath("recorded.log");
     QList<qint64> times;
-    {
-        QFile f(log);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        qint64 us = 1795400000000000;
-        for (int i = 0; i < 10000; ++i) {
-            us += 600 + (i * 7919) % 1000;
-            times << us;
-            f.write(QStringLiteral("(%1.%2) can0 5%3#%4\n")
-                        .arg(us / 1000000)
-                        .arg(us % 1000000, 6, 10, QLatin1Char('0'))
-                        .arg(i % 100, 2, 10, QLatin1Char('0'))
-                        .arg(i % 65536, 4, 16, QLatin1Char('0'))
-                        .toLatin1());
-        }
-    }
+    QVERIFY(tessel::test::writeCandumpLog(
+        log, 10000, '5', [](int i) { return 600 + (i * 7919) % 1000; }, &times));
     m->chooseOpenFile = [&](const QString&, const QString&, const QString&) { return log; };
     QTest::mouseClick(m->traceFiles->cmdReplay, Qt::LeftButton);
     QCOMPARE(m->traceFiles->cmdReplay->text(), QString("Stop"));

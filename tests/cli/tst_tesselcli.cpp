@@ -1,5 +1,6 @@
 // tessel-cli as a line script runs it: a process against the real server and its simulated
 // drive; what it prints, and its exit codes.
+#include "candumplog.h"
 #include "pty.h"
 #include "serverprocess.h"
 
@@ -314,21 +315,10 @@ void TstTesselCli::replayKeepsTheSpacingAtItsSpeed()
     QVERIFY(paced.start({}));
     const QStringList socket{"--socket", paced.socketPath()};
     const QString log = m_files.filePath("recorded.log");
-    QFile f(log);
-    QVERIFY(f.open(QIODevice::WriteOnly));
-    qint64 us = 1795400000000000;
     QList<qint64> recorded;
-    for (int i = 0; i < 300; ++i) {
-        us += 1000 + (i * 523) % 3000;
-        recorded << us;
-        f.write(QStringLiteral("(%1.%2) can1 3%3#%4\n")
-                    .arg(us / 1000000)
-                    .arg(us % 1000000, 6, 10, QLatin1Char('0'))
-                    .arg(i % 100, 2, 10, QLatin1Char('0'))
-                    .arg(i % 256, 2, 16, QLatin1Char('0'))
-                    .toLatin1());
-    }
-    f.close();
+    // The file's channel is not the controller's: a replay goes out on the one chosen.
+    QVERIFY(tessel::test::writeCandumpLog(
+        log, 300, '3', [](int i) { return 1000 + (i * 523) % 3000; }, &recorded, 1));
     QProcess dump;
     dump.start(TESSEL_CLI_PATH, socket + QStringList{"dump", "--seconds", "5"});
     QVERIFY(dump.waitForStarted());

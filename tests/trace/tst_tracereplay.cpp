@@ -3,8 +3,11 @@
 // rest of the file with its spacing kept, a stop taking back what waits, a refused frame ending
 // the replay.
 
+#include "candumplog.h"
+#include "serverprocess.h"
 #include "tracereplay.h"
 
+#include <QBuffer>
 #include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -81,35 +84,19 @@ private slots:
     void refusedFrameEndsTheReplay();
     void denseFileWaitsInBoundedSteps();
     void gigabyteFileIsStreamed();
+    void busFrameOfARecord_data();
+    void busFrameOfARecord();
 
 private:
     // A candump log of `count` frames; frame i comes `spacingUs(i)` after the one before.
     QString writeLog(const QString& name, int count, const std::function<qint64(int)>& spacingUs,
-                     QList<qint64>* times = nullptr);
+                     QList<qint64>* times = nullptr)
+    {
+        const QString path = m_dir.filePath(name);
+        return tessel::test::writeCandumpLog(path, count, '1', spacingUs, times) ? path : QString();
+    }
     QTemporaryDir m_dir;
 };
-
-QString TstTraceReplay::writeLog(const QString& name, int count,
-                                 const std::function<qint64(int)>& spacingUs, QList<qint64>* times)
-{
-    const QString path = m_dir.filePath(name);
-    QFile f(path);
-    if (!f.open(QIODevice::WriteOnly))
-        return {};
-    qint64 us = 1700000000000000;
-    for (int i = 0; i < count; ++i) {
-        us += i == 0 ? 0 : spacingUs(i);
-        if (times)
-            times->append(us);
-        f.write(QStringLiteral("(%1.%2) can0 1%3#%4\n")
-                    .arg(us / 1000000)
-                    .arg(us % 1000000, 6, 10, QLatin1Char('0'))
-                    .arg(i % 100, 2, 10, QLatin1Char('0'))
-                    .arg(i % 256, 2, 16, QLatin1Char('0'))
-                    .toLatin1());
-    }
-    return path;
-}
 
 void TstTraceReplay::framesGetTheirServerTimes_data()
 {
@@ -248,18 +235,6 @@ void TstTraceReplay::denseFileWaitsInBoundedSteps()
     QVERIFY(server.mostWaiting > TraceReplay::kMaxAhead / 2);
 }
 
-// The resident memory of this process, in KiB.
-static qint64 residentKiB()
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').first().toLongLong();
-    return -1;
-}
-
 void TstTraceReplay::gigabyteFileIsStreamed()
 {
     // 1 GiB: frames for the first seconds, the rest a hole that reads as zeros.
@@ -269,7 +244,7 @@ void TstTraceReplay::gigabyteFileIsStreamed()
     TraceReplay replay;
     FakeServer server;
     server.connect(replay);
-    const qint64 before = residentKiB();
+    const qint64 before = qorcalib::test::residentKib(QCoreApplication::applicationPid());
     QVERIFY(before > 0);
     QElapsedTimer started;
     started.start();
@@ -278,10 +253,43 @@ void TstTraceReplay::gigabyteFileIsStreamed()
     QVERIFY(started.elapsed() < 100);
     QTest::qWait(300);
     QVERIFY(server.handed.size() > 100);
-    const qint64 grown = residentKiB() - before;
+    const qint64 grown = qorcalib::test::residentKib(QCoreApplication::applicationPid()) - before;
     QVERIFY2(grown < 16 * 1024,
              qPrintable(QStringLiteral("%1 KiB more while replaying").arg(grown)));
     replay.stop();
+}
+
+void TstTraceReplay::busFrameOfARecord_data()
+{
+    QTest::addColumn<QByteArray>("line");
+    QTest::addColumn<QByteArray>("data"); // the frame's 8 data bytes
+    QTest::addColumn<int>("length");
+    QTest::addColumn<bool>("remote");
+    QTest::newRow("data") << QByteArray("(1.0) can0 123#0A0B0C")
+                          << QByteArray::fromHex("0a0b0c0000000000") << 3 << false;
+    QTest::newRow("eight bytes") << QByteArray("(1.0) can0 7FF#0102030405060708")
+                                 << QByteArray::fromHex("0102030405060708") << 8 << false;
+    QTest::newRow("remote, a length")
+        << QByteArray("(1.0) can0 123#R3") << QByteArray(8, '\0') << 3 << true;
+    QTest::newRow("none") << QByteArray("(1.0) can0 000#") << QByteArray(8, '\0') << 0 << false;
+}
+
+void TstTraceReplay::busFrameOfARecord()
+{
+    QFETCH(QByteArray, line);
+    QBuffer file(&line);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    ScheduledFrame f;
+    QString error;
+    QCOMPARE(TraceReader::create(&file, TraceFormat::CandumpLog)->next(&f.record, &error),
+             TraceReader::Frame);
+    f.serverUs = 0xFFFFFFFEu;
+    const qorcalib::CanFrame bus = f.busFrame();
+    QCOMPARE(bus.id, f.record.id);
+    QTEST(int(bus.len), "length");
+    QTEST(bus.remote, "remote");
+    QTEST(QByteArray(reinterpret_cast<const char*>(bus.data.data()), 8), "data");
+    QCOMPARE(bus.timeUs, 0xFFFFFFFEu);
 }
 
 QTEST_MAIN(TstTraceReplay)
