@@ -125,6 +125,9 @@ void SimulatedChannel::dropSession(quint64 session)
         return isClientFrame(origin) && sessionOfOrigin(origin) == session;
     });
     m_budget.forget(session);
+    // The schedule of what was dropped holds up no one: a replay started again at once keeps
+    // its first spacings.
+    m_timedReadyUs = 0.0;
 }
 
 quint32 SimulatedChannel::status() const

@@ -662,11 +662,11 @@ int CanLink::sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames
     for (int i = 0; i < taken; ++i) {
         const qorcalib::CanFrame& f = frames[i];
         const int length = f.remote ? 0 : f.len;
-        m_echoed.enqueue(
+        m_timedEchoed.enqueue(
             {controller, f.id, QByteArray(reinterpret_cast<const char*>(f.data.data()), length)});
     }
-    while (m_echoed.size() > kEchoMemory)
-        m_echoed.dequeue();
+    while (m_timedEchoed.size() > kEchoMemory)
+        m_timedEchoed.dequeue();
     *error = reply->error();
     return taken;
 }
@@ -690,17 +690,23 @@ void CanLink::releaseHeldFrames()
         emit framesReceived(batch.controller, batch.records, batch.count);
 }
 
-void CanLink::onTxCan(int controller, const CanMsg& msg)
+bool CanLink::takeEcho(QQueue<Echoed>& echoed, int controller, const CanMsg& msg)
 {
-    for (qsizetype i = 0; i < m_echoed.size(); ++i) {
-        const Echoed& e = m_echoed[i];
+    for (qsizetype i = 0; i < echoed.size(); ++i) {
+        const Echoed& e = echoed[i];
         if (e.controller == controller && e.id == msg.Id() && e.data == msg.Data()) {
             // Reports come in send order: what is before this one was never on the bus.
-            m_echoed.erase(m_echoed.begin(), m_echoed.begin() + i + 1);
-            return;
+            echoed.erase(echoed.begin(), echoed.begin() + i + 1);
+            return true;
         }
     }
-    emit frameTransmitted(controller, quint16(msg.Id()), msg.Len(), msg.Data());
+    return false;
+}
+
+void CanLink::onTxCan(int controller, const CanMsg& msg)
+{
+    if (!takeEcho(m_echoed, controller, msg) && !takeEcho(m_timedEchoed, controller, msg))
+        emit frameTransmitted(controller, quint16(msg.Id()), msg.Len(), msg.Data());
 }
 
 float CanLink::progressPercent(double fraction)

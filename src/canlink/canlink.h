@@ -208,6 +208,9 @@ private:
         QByteArray data;
     };
     QQueue<Echoed> m_echoed;
+    // Timed frames go out after frames sent later: their reports are matched apart.
+    QQueue<Echoed> m_timedEchoed;
+    static bool takeEcho(QQueue<Echoed>& echoed, int controller, const CanMsg& msg);
     // Frames that arrive while a send waits for its answer come after it on the bus; they are
     // held until the sender has echoed its frame, so the trace keeps the bus order.
     int m_holdFrames = 0;

@@ -42,6 +42,7 @@ private slots:
     void savedTraceReadsBack();
     void framesFollowTheTraceBounds();
     void replayKeepsTheSpacing();
+    void replayedFramesAreTracedOnceAtTheirTimes();
     void replayFailures_data();
     void replayFailures();
 
@@ -181,6 +182,42 @@ void TstTraceFiles::replayKeepsTheSpacing()
     // The frames reach the server ahead of their time, each with its time: neither this
     // process (which also records the bus) nor the server being held up moves one.
     QCOMPARE(over, 0);
+}
+
+void TstTraceFiles::replayedFramesAreTracedOnceAtTheirTimes()
+{
+    m_bench.server = std::make_unique<qorcalib::test::ServerProcess>();
+    QVERIFY(m_bench.server->start());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    FrmDiagno* m = t.window.monitor();
+    // The server's transmit reports on: the replayed frames come back as reports too.
+    m->chkEnShowTx->setChecked(true);
+    const QString log = m_dir.filePath("short.log");
+    QList<qint64> times;
+    QVERIFY(tessel::test::writeCandumpLog(
+        log, 40, '4', [](int i) { return 3000 + 500 * (i % 3); }, &times));
+    m->chooseOpenFile = [&](const QString&, const QString&, const QString&) { return log; };
+    m->traceFiles->cmdReplay_Click();
+    // A frame sent by hand meanwhile goes out before the replayed frames waiting on the server.
+    QTest::qWait(30);
+    QVERIFY(!m->sendData(0x7E5, 1, QByteArray("\x42")));
+    QTRY_VERIFY_WITH_TIMEOUT(!m->traceFiles->replay.isRunning(), 5000);
+    QTest::qWait(200); // the last reports
+    QCOMPARE(t.messages, QStringList());
+    QList<qint64> traced;
+    int manual = 0;
+    for (const TraceRecord& r : m->traceFrames()) {
+        if (r.id >= 0x400 && r.id < 0x500)
+            traced << r.timeUs;
+        manual += r.id == 0x7E5 ? 1 : 0;
+    }
+    QCOMPARE(manual, 1);
+    QCOMPARE(traced.size(), 40);
+    // Traced with the time each went out at, not when Tessel handed it over.
+    for (int i = 1; i < 40; ++i)
+        QVERIFY2(qAbs((traced[i] - traced[i - 1]) - (times[i] - times[i - 1])) < 300,
+                 qPrintable(QString::number(i)));
 }
 
 void TstTraceFiles::replayFailures_data()
