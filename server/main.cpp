@@ -1,5 +1,6 @@
 #include "canmsg.h"
 #include "datadir.h"
+#include "display.h"
 #include "handshake.h"
 #include "servercore.h"
 #include "serverhost.h"
@@ -40,13 +41,6 @@ void quitOnSignals()
     QObject::connect(notifier, &QSocketNotifier::activated, app, [] { QCoreApplication::quit(); });
     std::signal(SIGTERM, onTerminate);
     std::signal(SIGINT, onTerminate);
-}
-
-bool hasDisplay()
-{
-    return !qEnvironmentVariableIsEmpty("DISPLAY") ||
-           !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ||
-           !qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
 }
 
 int fail(const QString& message)

@@ -1,3 +1,4 @@
+#include "display.h"
 #include "frmmain.h"
 #include "machinesettings.h"
 #include "startup.h"
@@ -36,13 +37,6 @@ const char kHelp[] =
     "Tessel needs a display (X11 or Wayland). For scripts and machines without one, use\n"
     "tessel-cli.\n";
 
-bool hasDisplay()
-{
-    return !qEnvironmentVariableIsEmpty("DISPLAY") ||
-           !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ||
-           !qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
-}
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -59,7 +53,7 @@ int main(int argc, char** argv)
         }
     }
     // Without one, the window system would abort the program with a message about plugins.
-    if (!hasDisplay()) {
+    if (!qorcalib::hasDisplay()) {
         std::fputs("tessel: no display: Tessel is a desktop program and needs X11 or Wayland "
                    "(DISPLAY or WAYLAND_DISPLAY is not set). Start it from a desktop session, or "
                    "use tessel-cli on a console.\n",
