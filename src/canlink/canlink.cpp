@@ -282,6 +282,8 @@ QString CanLink::startService()
 
 QString CanLink::dropQueued(int controller)
 {
+    // Frames taken back are never reported sent.
+    m_timedEchoed.removeIf([controller](const Echoed& e) { return e.controller == controller; });
     LINK_CALL(bus()->DropQueued(controller));
 }
 
