@@ -63,8 +63,8 @@ public:
     virtual bool transmitAt(const CanFrame& frame, FrameOrigin origin, qint64 dueUs,
                             QString* error) = 0;
     // The session ended, or stopped what it had queued: its frames that still wait are not
-    // sent.
-    virtual void dropSession(quint64 session) = 0;
+    // sent. Returns how many there were (frames a device holds already are not counted).
+    virtual int dropSession(quint64 session) = 0;
     virtual quint32 status() const = 0;
 
 signals:

@@ -290,8 +290,9 @@ void QCanBusChannel::writeDue()
         m_dueTimer.start(int(std::max<qint64>(0, (m_timed.front().dueUs - now) / 1000)));
 }
 
-void QCanBusChannel::dropSession(quint64 session)
+int QCanBusChannel::dropSession(quint64 session)
 {
+    const auto before = m_timed.size();
     m_timed.erase(std::remove_if(m_timed.begin(), m_timed.end(),
                                  [session](const Timed& t) {
                                      return isClientFrame(t.frame.origin) &&
@@ -299,6 +300,7 @@ void QCanBusChannel::dropSession(quint64 session)
                                  }),
                   m_timed.end());
     m_budget.forget(session);
+    return int(before - m_timed.size());
 }
 
 bool QCanBusChannel::write(const CanFrame& frame, FrameOrigin origin, QString* error)

@@ -39,7 +39,7 @@ public:
     bool transmit(const CanFrame& frame, FrameOrigin origin, QString* error) override;
     bool transmitAt(const CanFrame& frame, FrameOrigin origin, qint64 dueUs,
                     QString* error) override;
-    void dropSession(quint64 session) override;
+    int dropSession(quint64 session) override;
     quint32 status() const override;
 
 private:

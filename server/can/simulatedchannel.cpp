@@ -119,15 +119,16 @@ bool SimulatedChannel::transmitAt(const CanFrame& frame, FrameOrigin origin, qin
     return true;
 }
 
-void SimulatedChannel::dropSession(quint64 session)
+int SimulatedChannel::dropSession(quint64 session)
 {
-    m_segment->dropFrames(this, [session](FrameOrigin origin) {
+    const int dropped = m_segment->dropFrames(this, [session](FrameOrigin origin) {
         return isClientFrame(origin) && sessionOfOrigin(origin) == session;
     });
     m_budget.forget(session);
     // The schedule of what was dropped holds up no one: a replay started again at once keeps
     // its first spacings.
     m_timedReadyUs = 0.0;
+    return dropped;
 }
 
 quint32 SimulatedChannel::status() const

@@ -150,12 +150,12 @@ public:
         }
         return IntReply(count, {});
     }
-    Reply DropQueued(int controller) override
+    IntReply DropQueued(int controller) override
     {
         const QString error = m_s->core()->checkController(controller);
-        if (error.isEmpty())
-            m_s->core()->channel(controller)->dropSession(m_s->id());
-        return Reply(error);
+        if (!error.isEmpty())
+            return IntReply(0, error);
+        return IntReply(m_s->core()->channel(controller)->dropSession(m_s->id()), {});
     }
     IntReply GetStatus(int controller) override
     {

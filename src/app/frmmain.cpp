@@ -532,7 +532,10 @@ void FrmMain::connectReplay(TraceReplay* replay)
             out.append(f.busFrame());
         return m_link.sendTimed(m_monitor->replayController, out, error);
     };
-    replay->dropQueued = [this] { m_link.dropQueued(m_monitor->replayController); };
+    replay->dropQueued = [this] {
+        QString error;
+        return m_link.dropQueued(m_monitor->replayController, &error).value_or(-1);
+    };
 }
 
 void FrmMain::SetRxAll(bool enable)

@@ -280,13 +280,6 @@ QString CanLink::startService()
     LINK_CALL(service()->Start(0));
 }
 
-QString CanLink::dropQueued(int controller)
-{
-    // Frames taken back are never reported sent.
-    m_timedEchoed.removeIf([controller](const Echoed& e) { return e.controller == controller; });
-    LINK_CALL(bus()->DropQueued(controller));
-}
-
 QString CanLink::showServerWindow()
 {
     LINK_CALL(serverWindow()->Show());
@@ -641,6 +634,16 @@ std::optional<quint32> CanLink::serverTime(QString* error)
     const auto value =
         valueOf(m_connection->wait(m_connection->bus()->GetTime(), error), error, &IntReply::value);
     return value ? std::optional<quint32>(quint32(*value)) : std::nullopt;
+}
+
+std::optional<int> CanLink::dropQueued(int controller, QString* error)
+{
+    // Frames taken back are never reported sent.
+    m_timedEchoed.removeIf([controller](const Echoed& e) { return e.controller == controller; });
+    if (!live(error))
+        return std::nullopt;
+    return valueOf(m_connection->wait(m_connection->bus()->DropQueued(controller), error), error,
+                   &IntReply::value);
 }
 
 int CanLink::sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames, QString* error)

@@ -83,8 +83,8 @@ public:
     // earliest, remembered as send() remembers its frame. Returns how many the server took;
     // the error says why it did not take the next one.
     int sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames, QString* error);
-    // This session's frames still waiting on the controller are not sent.
-    QString dropQueued(int controller);
+    // This session's frames still waiting on the controller are not sent; how many there were.
+    std::optional<int> dropQueued(int controller, QString* error);
 
     // One SDO transfer on a controller: the uploaded bytes, the abort code (0 when none) and
     // the error description (empty when the call itself worked). The wait lets events run and

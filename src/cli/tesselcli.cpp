@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <functional>
 #include <unistd.h>
 
 namespace tessel::cli {
@@ -66,6 +67,26 @@ const QString kUsage = QStringLiteral(
     "  5  not supported by this server\n");
 
 const QString kNotSupportedText = QStringLiteral("not supported by this server");
+
+// Runs `onInterrupt` from the event loop once the user interrupts (SIGINT) or the system asks
+// the program to end (SIGTERM): the handler itself only sets a flag.
+class InterruptWatch
+{
+public:
+    InterruptWatch(QObject* context, std::function<void()> onInterrupt)
+    {
+        std::signal(SIGINT, [](int) { interrupted = true; });
+        std::signal(SIGTERM, [](int) { interrupted = true; });
+        QObject::connect(&m_timer, &QTimer::timeout, context, [onInterrupt] {
+            if (interrupted)
+                onInterrupt();
+        });
+        m_timer.start(50);
+    }
+
+private:
+    QTimer m_timer;
+};
 
 // An entry's bytes from a file; an SDO transfer carries at most what a 32-bit size says, and
 // a drive takes far less, so a file past kMaxDataFile is refused before it is read.
@@ -476,14 +497,7 @@ int TesselCli::dump(QStringList args)
                              loop.quit();
                      });
     QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] { loop.exit(1); });
-    std::signal(SIGINT, [](int) { interrupted = true; });
-    std::signal(SIGTERM, [](int) { interrupted = true; });
-    QTimer watch;
-    QObject::connect(&watch, &QTimer::timeout, &loop, [&] {
-        if (interrupted)
-            loop.quit();
-    });
-    watch.start(50);
+    InterruptWatch watch(&loop, [&] { loop.quit(); });
     if (seconds > 0)
         QTimer::singleShot(int(seconds * 1000), &loop, &QEventLoop::quit);
     if (loop.exec() != 0)
@@ -521,7 +535,10 @@ int TesselCli::replay(QStringList args)
             out.append(f.busFrame());
         return m_link.sendTimed(m_controller, out, error);
     };
-    replay.dropQueued = [this] { m_link.dropQueued(m_controller); };
+    replay.dropQueued = [this] {
+        QString error;
+        return m_link.dropQueued(m_controller, &error).value_or(-1);
+    };
     QString error;
     if (!replay.start(args[0], speed, &error))
         return fail(kFailed, error);
@@ -532,14 +549,7 @@ int TesselCli::replay(QStringList args)
         replay.stop();
         loop.exit(1);
     });
-    std::signal(SIGINT, [](int) { interrupted = true; });
-    std::signal(SIGTERM, [](int) { interrupted = true; });
-    QTimer watch;
-    QObject::connect(&watch, &QTimer::timeout, &loop, [&] {
-        if (interrupted)
-            replay.stop();
-    });
-    watch.start(50);
+    InterruptWatch watch(&loop, [&] { replay.stop(); });
     if (loop.exec() != 0)
         return fail(kUnreachable, ServerConnection::kNotReachable);
     if (!error.isEmpty())

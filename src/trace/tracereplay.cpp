@@ -124,8 +124,13 @@ void TraceReplay::stop()
 {
     if (!isRunning())
         return;
-    if (dropQueued && !m_ahead.empty())
-        dropQueued();
+    // What is due by now has gone out, as far as the trace knows; the server says how much it
+    // took back.
+    announceDue(m_clock.nsecsElapsed() / 1000);
+    if (dropQueued) {
+        const int dropped = dropQueued();
+        m_sent -= dropped >= 0 ? dropped : qint64(m_ahead.size());
+    }
     finish({});
 }
 

@@ -48,8 +48,9 @@ public:
     // many the server took. When it did not take them all, the replay ends with the error
     // once those it took are out.
     std::function<int(const QList<ScheduledFrame>&, QString* error)> sendTimed;
-    // Takes back the frames still waiting on the server: the replay was stopped.
-    std::function<void()> dropQueued;
+    // Takes back the frames still waiting on the server (the replay was stopped); how many
+    // there were, -1 when the server could not say.
+    std::function<int()> dropQueued;
     // A frame's time has come (shortly after it went out, within a tick).
     std::function<void(const ScheduledFrame&)> frameDue;
 
@@ -59,7 +60,7 @@ public:
     // Stops at once: the frames already handed over are taken back.
     void stop();
     bool isRunning() const { return m_reader != nullptr || !m_ahead.empty(); }
-    // Frames handed to the server.
+    // Frames handed to the server and not taken back.
     qint64 sent() const { return m_sent; }
 
 signals:

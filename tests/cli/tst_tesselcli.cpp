@@ -12,6 +12,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
+
 using qorcalib::test::ServerProcess;
 using Run = qorcalib::test::ProgramRun;
 
@@ -340,6 +342,26 @@ void TstTesselCli::replayKeepsTheSpacingAtItsSpeed()
         QVERIFY2(qAbs(off) < 1000,
                  qPrintable(QStringLiteral("frame %1: %2 us off").arg(i).arg(off)));
     }
+
+    // Interrupted, the replay takes back what waits: it says how many went out, and no more do.
+    QProcess second;
+    second.start(TESSEL_CLI_PATH, socket + QStringList{"dump", "--seconds", "2"});
+    QVERIFY(second.waitForStarted());
+    QTest::qWait(500);
+    QProcess replay;
+    replay.start(TESSEL_CLI_PATH, socket + QStringList{"replay", log});
+    QVERIFY(replay.waitForStarted());
+    QTest::qWait(400);
+    ::kill(pid_t(replay.processId()), SIGINT);
+    QVERIFY(replay.waitForFinished(5000));
+    QCOMPARE(replay.exitCode(), 0);
+    const QString said = QString::fromLatin1(replay.readAllStandardOutput());
+    QVERIFY(second.waitForFinished(10000));
+    qsizetype seen = 0;
+    for (const QString& l : QString::fromLatin1(second.readAllStandardOutput()).split('\n'))
+        seen += line.match(l).hasMatch() ? 1 : 0;
+    QVERIFY2(seen > 0 && seen < 300, qPrintable(said));
+    QCOMPARE(said, QStringLiteral("%1 frames\n").arg(seen));
 }
 
 QTEST_GUILESS_MAIN(TstTesselCli)

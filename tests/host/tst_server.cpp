@@ -322,7 +322,9 @@ void TstServer::timedFramesKeepTheirTimes()
     records.clear();
     appendRecord(records, dropped);
     QCOMPARE(a->wait(a->bus()->SendTimed(0, records, 1), &error)->value(), 1);
-    CALL_OK(a, bus()->DropQueued(0));
+    const auto takenBack = a->wait(a->bus()->DropQueued(0), &error);
+    QVERIFY2(takenBack, qPrintable(error));
+    QCOMPARE(takenBack->value(), 1);
     QTest::qWait(250);
     QCOMPARE(rb.find(0x260, hex("06")), -1);
 }
