@@ -24,6 +24,8 @@ constexpr int kServerStartTimeoutMs = 10000;
 constexpr int kStartedServerIdleSeconds = 10;
 // Frames sent but not yet reported back; older ones were never acknowledged on the bus.
 constexpr int kEchoMemory = 256;
+// A replay has up to 200 frames waiting on the server at once.
+constexpr int kTimedEchoMemory = 1024;
 } // namespace
 
 CanLink::CanLink(QObject* parent)
@@ -608,23 +610,27 @@ QString CanLink::send(int controller, quint16 id, int length, const QByteArray& 
     if (!live(&error))
         return error;
     const CanMsg msg(id, length, remote ? QByteArray() : data.left(8));
+    // Remembered before the call: a busy client may read the server's report of the frame in
+    // the same go as the answer, before the call returns.
+    QByteArray padded = remote ? QByteArray() : data.left(qBound(0, length, 8));
+    if (!remote)
+        padded.append(qBound(0, length, 8) - padded.size(), '\0');
+    m_echoed.enqueue({controller, id, padded});
     ++m_holdFrames;
     const auto reply =
         remote ? m_connection->wait(m_connection->bus()->SendRemote(controller, msg), &error)
                : m_connection->wait(m_connection->bus()->Send(controller, msg, 0), &error);
     if (--m_holdFrames == 0 && !m_held.isEmpty())
         QMetaObject::invokeMethod(this, &CanLink::releaseHeldFrames, Qt::QueuedConnection);
-    if (!reply)
-        return error;
-    if (reply->error().isEmpty()) {
-        QByteArray padded = remote ? QByteArray() : data.left(qBound(0, length, 8));
-        if (!remote)
-            padded.append(qBound(0, length, 8) - padded.size(), '\0');
-        m_echoed.enqueue({controller, id, padded});
-        if (m_echoed.size() > kEchoMemory)
+    if (reply && reply->error().isEmpty()) {
+        while (m_echoed.size() > kEchoMemory)
             m_echoed.dequeue();
+        return {};
     }
-    return reply->error();
+    // A frame refused is never reported: it was the last one remembered.
+    if (!m_echoed.isEmpty())
+        m_echoed.removeLast();
+    return reply ? reply->error() : error;
 }
 
 std::optional<quint32> CanLink::serverTime(QString* error)
@@ -659,20 +665,21 @@ int CanLink::sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames
         }
         qorcalib::appendRecord(records, frame);
     }
+    // Remembered before the call, as send() does.
+    for (const qorcalib::CanFrame& f : frames)
+        m_timedEchoed.enqueue(
+            {controller, f.id,
+             QByteArray(reinterpret_cast<const char*>(f.data.data()), f.remote ? 0 : f.len)});
     const auto reply = m_connection->wait(
         m_connection->bus()->SendTimed(controller, records, int(frames.size())), error);
-    if (!reply)
-        return 0;
-    const int taken = qBound(0, reply->value(), int(frames.size()));
-    for (int i = 0; i < taken; ++i) {
-        const qorcalib::CanFrame& f = frames[i];
-        const int length = f.remote ? 0 : f.len;
-        m_timedEchoed.enqueue(
-            {controller, f.id, QByteArray(reinterpret_cast<const char*>(f.data.data()), length)});
-    }
-    while (m_timedEchoed.size() > kEchoMemory)
+    const int taken = reply ? qBound(0, reply->value(), int(frames.size())) : 0;
+    // The frames refused are the last ones remembered.
+    for (int i = taken; i < frames.size() && !m_timedEchoed.isEmpty(); ++i)
+        m_timedEchoed.removeLast();
+    while (m_timedEchoed.size() > kTimedEchoMemory)
         m_timedEchoed.dequeue();
-    *error = reply->error();
+    if (reply)
+        *error = reply->error();
     return taken;
 }
 
