@@ -518,9 +518,10 @@ bool FrmMain::SendCanRemote(quint32 id, int length)
 
 void FrmMain::connectReplay(TraceReplay* replay)
 {
-    // A replay stays on the controller selected when it started.
+    // The server's time is read once, as a replay starts: it stays on the controller selected
+    // then.
     replay->serverTime = [this](quint32* us) {
-        m_monitor->replayController = m_selected;
+        m_replayController = m_selected;
         QString error;
         const auto time = m_link.serverTime(&error);
         *us = time.value_or(0);
@@ -530,11 +531,22 @@ void FrmMain::connectReplay(TraceReplay* replay)
         QVector<qorcalib::CanFrame> out;
         for (const ScheduledFrame& f : frames)
             out.append(f.busFrame());
-        return m_link.sendTimed(m_monitor->replayController, out, error);
+        return m_link.sendTimed(m_replayController, out, error);
     };
     replay->dropQueued = [this] {
         QString error;
-        return m_link.dropQueued(m_monitor->replayController, &error).value_or(-1);
+        return m_link.dropQueued(m_replayController, &error).value_or(-1);
+    };
+    // Traced as the frames sent by hand are (SendCanMsg), when their time has come, with the
+    // time they went out at.
+    replay->frameDue = [this](const ScheduledFrame& f) {
+        if (m_link.monitorEchoOff)
+            return;
+        const TraceRecord& r = f.record;
+        m_monitor->traceFrame(m_replayController,
+                              int(r.remote ? TraceKind::RemoteRequest : TraceKind::Transmitted),
+                              r.id, f.serverUs, r.remote ? 0 : r.length,
+                              reinterpret_cast<const quint8*>(r.data.constData()));
     };
 }
 

@@ -148,6 +148,7 @@ private:
     FrmAbort* m_abort = nullptr;
     std::function<void(const QString&)> m_message;
     int m_selected = 0;
+    int m_replayController = 0; // the controller a running replay sends on
     int m_controllerCount = 0;
     std::array<int, kRows> m_bitRate{};
     std::array<int, kRows> m_previousBitRate{};

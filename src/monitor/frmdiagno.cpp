@@ -108,17 +108,6 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     traceFiles = new TraceFilesBar(this);
     traceFiles->setObjectName(QStringLiteral("traceFiles"));
     traceFiles->frames = [this] { return traceFrames(); };
-    // The replay's frames are traced as the main window traces what it sends, when their time
-    // has come, with the time they went out at.
-    traceFiles->replay.frameDue = [this](const ScheduledFrame& f) {
-        if (!chTrace->isChecked())
-            return;
-        const TraceRecord& r = f.record;
-        traceFrame(replayController,
-                   int(r.remote ? TraceKind::RemoteRequest : TraceKind::Transmitted), r.id,
-                   f.serverUs, r.remote ? 0 : r.length,
-                   reinterpret_cast<const quint8*>(r.data.constData()));
-    };
     traceFiles->showMessage = [this](const QString& text) { message(text); };
     traceFiles->chooseOpenFile = [this](const QString& t, const QString& f, const QString& s) {
         return chooseOpenFile ? chooseOpenFile(t, f, s) : QString();

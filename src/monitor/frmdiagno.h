@@ -82,8 +82,6 @@ public:
     // The main window's send routines: true when the send failed.
     std::function<bool(quint16 id, int length, const QByteArray& data)> sendData;
     std::function<bool(quint32 id, int length)> sendRemote;
-    // The controller a running replay sends on.
-    int replayController = 0;
     std::function<void(const QString&)> showMessage;
     // File dialogs: (title, filter in the program's form, start) to a name, empty when
     // cancelled. Tests replace them.
