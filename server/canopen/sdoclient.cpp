@@ -105,13 +105,55 @@ void SdoClient::startSegmentedUpload()
     send(0x40);
 }
 
+bool SdoClient::namesRequest(const CanFrame& f) const
+{
+    return sdo::indexOf(f) == m_index && sdo::subIndexOf(f) == m_subIndex;
+}
+
+bool SdoClient::isInitiateAnswer(quint8 cs) const
+{
+    switch (m_state) {
+    case State::DownloadInitiate:
+        return cs == 0x60;
+    case State::BlockDownloadInitiate:
+        return (cs & 0xE3) == 0xA0;
+    case State::UploadInitiate:
+        return (cs & 0xE0) == 0x40;
+    case State::BlockUploadInitiate:
+        // Below the switch threshold the node answers as to a plain upload.
+        return (cs & 0xE0) == 0x40 || (cs & 0xE1) == 0xC0;
+    default:
+        return false;
+    }
+}
+
 bool SdoClient::onFrame(const CanFrame& f, qint64 nowUs)
 {
     if (m_state == State::Idle || f.id != sdo::kResponseBase + m_node || f.remote || f.len != 8)
         return false;
-    m_deadlineUs = nowUs + m_timeoutUs;
     const quint8 cs = f.data[0];
-    // During a block upload's sub-block every frame is a segment.
+    // Which frames are ours. The node's SDO channel is shared: a frame sent by hand from the
+    // monitor or a slot gets an answer too, and an answer that comes after our time-out arrives
+    // while the next transfer waits. Only initiate answers and aborts carry the multiplexer, so
+    // only they can be told apart:
+    // - an abort naming another object ends another transfer: ignored, not ours to report;
+    // - while we wait for an initiate answer, anything but an initiate answer naming our object
+    //   is a leftover of another exchange: ignored, the time-out still ends a node that never
+    //   answers properly;
+    // - once the transfer runs, every frame of the channel is taken as part of it and checked
+    //   (command specifier, toggle, sequence numbers, sizes); one that does not fit aborts the
+    //   transfer with the standard's code, since the node's state is no longer known.
+    // An ignored frame does not move the deadline.
+    const bool initiating =
+        m_state == State::DownloadInitiate || m_state == State::BlockDownloadInitiate ||
+        m_state == State::UploadInitiate || m_state == State::BlockUploadInitiate;
+    if (cs == 0x80 && !namesRequest(f))
+        return false;
+    if (initiating && cs != 0x80 && !(isInitiateAnswer(cs) && namesRequest(f)))
+        return false;
+    m_deadlineUs = nowUs + m_timeoutUs;
+    // During a block upload's sub-block every frame is a segment; sequence number 0 does not
+    // exist, so 80 with our multiplexer is the node's abort.
     if (m_state == State::BlockUploadSegments) {
         if (cs == 0x80)
             finish(sdo::u32At(f, 4));
@@ -147,7 +189,7 @@ bool SdoClient::onFrame(const CanFrame& f, qint64 nowUs)
         onBlockDownloadAck(f);
         break;
     case State::BlockDownloadEnd:
-        if (cs == 0xA1)
+        if ((cs & 0xE3) == 0xA1)
             finish(0);
         else
             abort(quint32(SdoAbort::InvalidCommand));
@@ -236,7 +278,7 @@ void SdoClient::onBlockDownloadInitiate(const CanFrame& f)
 
 void SdoClient::onBlockDownloadAck(const CanFrame& f)
 {
-    if (f.data[0] != 0xA2)
+    if ((f.data[0] & 0xE3) != 0xA2)
         return abort(quint32(SdoAbort::InvalidCommand));
     if (const quint32 code = m_sender.acknowledge(f.data[1], f.data[2]))
         return abort(code);
@@ -261,6 +303,8 @@ void SdoClient::onUploadInitiate(const CanFrame& f)
         return finish(0);
     }
     m_size = (cs & 0x01) ? qint64(sdo::u32At(f, 4)) : -1;
+    if (m_size > kMaxUploadBytes)
+        return abort(quint32(SdoAbort::OutOfMemory));
     m_data.clear();
     m_toggle = false;
     m_state = State::UploadSegment;
@@ -278,6 +322,8 @@ void SdoClient::onUploadSegment(const CanFrame& f)
     m_data.append(reinterpret_cast<const char*>(f.data.data()) + 1, 7 - n);
     if (m_size >= 0 && m_data.size() > m_size)
         return abort(quint32(SdoAbort::TooLong));
+    if (m_data.size() > kMaxUploadBytes)
+        return abort(quint32(SdoAbort::OutOfMemory));
     reportProgress(m_data.size(), m_size);
     if (cs & 0x01) {
         if (m_size >= 0 && m_data.size() != m_size)
@@ -301,6 +347,8 @@ void SdoClient::onBlockUploadInitiate(const CanFrame& f)
         return abort(quint32(SdoAbort::InvalidCommand));
     m_crc = cs & 0x04;
     m_size = (cs & 0x02) ? qint64(sdo::u32At(f, 4)) : -1;
+    if (m_size > kMaxUploadBytes)
+        return abort(quint32(SdoAbort::OutOfMemory));
     m_receiver.start(sdo::kBlockSize);
     m_state = State::BlockUploadSegments;
     sendRaw(sdo::commandFrame(quint16(sdo::kRequestBase + m_node), 0xA3));
@@ -309,6 +357,8 @@ void SdoClient::onBlockUploadInitiate(const CanFrame& f)
 void SdoClient::onBlockUploadSegment(const CanFrame& f)
 {
     const auto ack = m_receiver.onSegment(f, quint16(sdo::kRequestBase + m_node));
+    if (m_receiver.bytesReceived() > kMaxUploadBytes)
+        return abort(quint32(SdoAbort::OutOfMemory));
     if (!ack)
         return;
     if (m_receiver.complete())

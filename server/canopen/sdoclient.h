@@ -37,6 +37,9 @@ public:
         QString error; // "SDO timeout", or empty
     };
     static inline const QString kTimeoutText = QStringLiteral("SDO timeout");
+    // The most an upload may bring: more would not fit in one answer to the client. A node that
+    // announces or sends more gets abort 05040005.
+    static constexpr qint64 kMaxUploadBytes = 15 * 1024 * 1024;
 
     explicit SdoClient(std::function<void(const CanFrame&)> send);
 
@@ -64,6 +67,8 @@ private:
     void send(quint8 command, const QByteArray& payload = {});
     void sendRaw(const CanFrame& frame);
     void finish(quint32 abortCode, const QString& error = {});
+    bool namesRequest(const CanFrame& f) const;
+    bool isInitiateAnswer(quint8 cs) const;
     void startSegmentedDownload();
     void startSegmentedUpload();
     void sendDownloadSegment();

@@ -106,6 +106,10 @@ bool SdoServer::onFrame(const CanFrame& f, qint64 nowUs)
         }
         break;
     default:
+        // An unknown command: the abort names the object the request names, not the one of an
+        // earlier transfer, so that its sender can tell that the abort is the answer to it.
+        m_index = sdo::indexOf(f);
+        m_subIndex = sdo::subIndexOf(f);
         abort(quint32(SdoAbort::InvalidCommand));
         break;
     }

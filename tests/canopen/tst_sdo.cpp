@@ -159,7 +159,108 @@ private slots:
     void highestNodeId();
     void deadlineFollowsEveryFrame_data();
     void deadlineFollowsEveryFrame();
+    void answersThatAreNotOurs_data();
+    void answersThatAreNotOurs();
+    void unknownCommandNamesTheRequest();
 };
+
+// Each client frame is followed by the frames of one script step ("ID:HEX", several joined by
+// "|", "" for none) as they appear on the bus: answers of this transfer, late answers of an
+// earlier one, answers to a frame sent by hand, another node's answers. What the transfer then
+// reports is its result; a transfer still waiting when the script ends meets its time-out.
+void TstSdo::answersThatAreNotOurs_data()
+{
+    QTest::addColumn<bool>("upload");
+    QTest::addColumn<bool>("block");
+    QTest::addColumn<int>("size");
+    QTest::addColumn<QStringList>("script");
+    QTest::addColumn<QString>("outcome"); // data as hex, "abort CODE" or "timeout"
+
+    QTest::newRow("upload answered first with another object's value")
+        << true << false << 0
+        << QStringList{"585:43 41 20 00 11 22 33 44|585:43 40 20 00 aa bb cc dd"} << "aabbccdd";
+    QTest::newRow("download confirmed only for another object")
+        << false << false << 4 << QStringList{"585:60 00 10 00 00 00 00 00"} << "timeout";
+    QTest::newRow("abort naming another object, then the answer")
+        << true << false << 0
+        << QStringList{"585:80 41 20 00 00 00 02 06|585:4f 40 20 00 07 00 00 00"} << "07";
+    QTest::newRow("abort naming the object ends the transfer")
+        << true << false << 0 << QStringList{"585:80 40 20 00 00 00 02 06"} << "abort 06020000";
+    QTest::newRow("another node's answer")
+        << true << false << 0
+        << QStringList{"586:43 40 20 00 11 22 33 44|585:4b 40 20 00 34 12 00 00"} << "3412";
+    QTest::newRow("late segment of a transfer that timed out")
+        << true << false << 0
+        << QStringList{"585:00 61 62 63 64 65 66 67|585:4b 40 20 00 34 12 00 00"} << "3412";
+    QTest::newRow("block upload offered for another object")
+        << true << true << 0 << QStringList{"585:c6 41 20 00 1e 00 00 00"} << "timeout";
+    QTest::newRow("block download accepted for another object")
+        << false << true << 30 << QStringList{"585:a4 41 20 00 7f 00 00 00"} << "timeout";
+    QTest::newRow("segmented upload announcing 16 MiB")
+        << true << false << 0 << QStringList{"585:41 40 20 00 00 00 00 01"} << "abort 05040005";
+    QTest::newRow("segment answer during the segments with the wrong command")
+        << false << false << 20
+        << QStringList{"585:60 40 20 00 00 00 00 00", "585:60 40 20 00 00 00 00 00"}
+        << "abort 05040001";
+}
+
+void TstSdo::answersThatAreNotOurs()
+{
+    QFETCH(bool, upload);
+    QFETCH(bool, block);
+    QFETCH(int, size);
+    QFETCH(QStringList, script);
+    QFETCH(QString, outcome);
+    QList<CanFrame> sent;
+    SdoClient client([&sent](const CanFrame& f) { sent << f; });
+    client.setBlockTransfer(block);
+    client.setTimeoutMs(500);
+    std::optional<SdoClient::Result> result;
+    client.done = [&result](const SdoClient::Result& r) { result = r; };
+    qint64 now = 0;
+    if (upload)
+        client.startUpload(5, 0x2040, 0, now);
+    else
+        client.startDownload(5, 0x2040, 0, pattern(size), now);
+    while (!sent.isEmpty() && !script.isEmpty() && !result) {
+        sent.removeFirst();
+        for (const QString& text : script.takeFirst().split('|', Qt::SkipEmptyParts)) {
+            QStringList parts = text.split(QLatin1Char(':'));
+            now += 1000;
+            client.onFrame(fromHex(quint16(parts[0].toUInt(nullptr, 16)),
+                                   parts[1].remove(' ').toLatin1().constData()),
+                           now);
+            if (result)
+                break;
+        }
+    }
+    if (!result) {
+        QVERIFY(client.isBusy());
+        client.onTimer(client.nextDeadlineUs());
+    }
+    QVERIFY(result);
+    if (outcome == QLatin1String("timeout"))
+        QCOMPARE(result->error, SdoClient::kTimeoutText);
+    else if (outcome.startsWith(QLatin1String("abort ")))
+        QCOMPARE(QString::number(result->abortCode, 16).rightJustified(8, '0'), outcome.mid(6));
+    else
+        QCOMPARE(result->data.toHex(), outcome.toLatin1());
+    QVERIFY(!client.isBusy());
+}
+
+void TstSdo::unknownCommandNamesTheRequest()
+{
+    Store store;
+    store.values[{0x2040, 0}] = pattern(20);
+    QStringList answers;
+    SdoServer server(&store, [&answers](const CanFrame& f) { answers << hexOf(f); });
+    server.setNodeId(5);
+    server.onFrame(fromHex(0x605, "4040200000000000"), 0); // an earlier transfer of 2040
+    server.onFrame(fromHex(0x605, "8040200000000000"), 0);
+    answers.clear();
+    server.onFrame(fromHex(0x605, "e000100000000000"), 0); // no such command, naming 1000
+    QCOMPARE(answers, QStringList{"585:80 00 10 00 01 00 04 05"});
+}
 
 void TstSdo::clientFacingAForeignNode_data()
 {
