@@ -3,6 +3,7 @@
 #include "numbers.h"
 
 #include <QFile>
+#include <QSet>
 
 #include <algorithm>
 
@@ -13,6 +14,13 @@ IniFile::IniFile(const QString& path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return;
+    if (file.size() > kMaxFileBytes) {
+        m_error = QStringLiteral("%1 holds %2 MiB; an electronic data sheet is read up to %3 MiB")
+                      .arg(path)
+                      .arg(file.size() / (1024 * 1024))
+                      .arg(kMaxFileBytes / (1024 * 1024));
+        return;
+    }
     QHash<QString, QString>* section = nullptr;
     while (!file.atEnd()) {
         const QString line = QString::fromLatin1(file.readLine()).trimmed();
@@ -58,10 +66,22 @@ qint32 edsNumber(const QString& text)
     return roundToInt32(lenientValue(t));
 }
 
-QList<EdsEntry> readEds(const QString& path)
+QList<EdsEntry> readEds(const QString& path, QString* note)
 {
     const IniFile ini(path);
     QList<EdsEntry> entries;
+    if (note)
+        *note = ini.error();
+    QSet<qint32> objectsRead;
+    const auto full = [&] {
+        if (entries.size() < kMaxEdsEntries)
+            return false;
+        if (note)
+            *note = QStringLiteral("%1 lists more than %2 entries; the first %2 are shown")
+                        .arg(path)
+                        .arg(kMaxEdsEntries);
+        return true;
+    };
     for (const char* list : {"MandatoryObjects", "OptionalObjects", "ManufacturerObjects"}) {
         const QString listName = QLatin1String(list);
         constexpr int kMaxObjects = 0xFFFF;
@@ -83,6 +103,9 @@ QList<EdsEntry> readEds(const QString& path)
                 continue;
             ++found;
             const qint32 index = edsNumber(value);
+            if (objectsRead.contains(index))
+                continue;
+            objectsRead.insert(index);
             const QString section = QString::number(quint32(index) & 0xFFFF, 16)
                                         .toUpper()
                                         .rightJustified(4, QLatin1Char('0'));
@@ -93,6 +116,8 @@ QList<EdsEntry> readEds(const QString& path)
                 // Up to SubNumber itself, also past 0xFF; a count beyond what a list can show is
                 // a damaged file, and stops at 0xFFFF.
                 for (int s = 1; s <= std::min(subNumber, kMaxObjects); ++s) {
+                    if (full())
+                        return entries;
                     QString subName = ini.value(
                         section + QStringLiteral("sub") +
                             QString::number(s, 16).toUpper().rightJustified(2, QLatin1Char('0')),
@@ -105,6 +130,8 @@ QList<EdsEntry> readEds(const QString& path)
                                     qint32(lenientHexValue(section)), s});
                 }
             } else if (subNumber == 0) {
+                if (full())
+                    return entries;
                 entries.append({name, index, 0});
             }
         }

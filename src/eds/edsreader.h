@@ -13,14 +13,19 @@ class IniFile
 {
 public:
     static constexpr int kMaxValue = 127;
+    // Data sheets are a few hundred KiB; a larger file is not read at all (error() says so).
+    static constexpr qint64 kMaxFileBytes = 16 * 1024 * 1024;
 
     // A file that cannot be read gives an empty file: every lookup returns its default.
     explicit IniFile(const QString& path);
+    // Why a file that exists was not read; empty when it was read, or is missing.
+    QString error() const { return m_error; }
     QString value(const QString& section, const QString& key, const QString& fallback = {}) const;
     int keyCount(const QString& section) const;
 
 private:
     QHash<QString, QHash<QString, QString>> m_sections; // lower-case names
+    QString m_error;
 };
 
 // A number as the data sheet writes it: "0x" (lower-case x) hexadecimal, a leading "0" octal,
@@ -39,6 +44,10 @@ struct EdsEntry
 // many as an index can address, and the scan ends once every key of the list is found); an object
 // with sub-entries gives one entry for each of its sub-indexes 1..SubNumber (sub-index 0 is not
 // listed), else one entry with sub-index 0.
-QList<EdsEntry> readEds(const QString& path);
+// What a damaged file could make cost more than it holds is bounded: an object listed again (in
+// the same list or another) is read once, and the list ends at kMaxEdsEntries entries; note
+// then says so, as it says why a file was not read.
+constexpr int kMaxEdsEntries = 0x10000;
+QList<EdsEntry> readEds(const QString& path, QString* note = nullptr);
 
 } // namespace tessel

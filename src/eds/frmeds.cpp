@@ -36,14 +36,21 @@ FrmEDS::FrmEDS(const WindowPlacement* placement, QWidget* mainWindow, QWidget* p
     cmdMove = new QPushButton(QStringLiteral("&Move"), this);
     cmdMove->setObjectName(QStringLiteral("cmdMove"));
     cmdMove->setToolTip(QStringLiteral("Put the chosen entry's address into the SDO panel"));
+    // Says why a file was not read, or read only in part; hidden otherwise.
+    lblNote = new QLabel(this);
+    lblNote->setObjectName(QStringLiteral("lblNote"));
+    lblNote->setWordWrap(true);
+    lblNote->setStyleSheet(QStringLiteral("color: #b00000"));
+    lblNote->hide();
 
     auto* grid = new QGridLayout(this);
     grid->addWidget(txtFileName, 0, 0, 1, 3);
     grid->addWidget(cmdFNApp, 0, 3);
     grid->addWidget(lstKey, 1, 0, 1, 4);
-    grid->addWidget(new QLabel(QStringLiteral("Node:"), this), 2, 0);
-    grid->addWidget(txtNode, 2, 1);
-    grid->addWidget(cmdMove, 2, 3);
+    grid->addWidget(lblNote, 2, 0, 1, 4);
+    grid->addWidget(new QLabel(QStringLiteral("Node:"), this), 3, 0);
+    grid->addWidget(txtNode, 3, 1);
+    grid->addWidget(cmdMove, 3, 3);
     resize(420, 480);
 
     connect(cmdFNApp, &QPushButton::clicked, this, &FrmEDS::cmdFNApp_Click);
@@ -55,7 +62,10 @@ FrmEDS::FrmEDS(const WindowPlacement* placement, QWidget* mainWindow, QWidget* p
 void FrmEDS::loadList()
 {
     WaitCursor wait;
-    m_entries = readEds(txtFileName->text());
+    QString note;
+    m_entries = readEds(txtFileName->text(), &note);
+    lblNote->setText(note);
+    lblNote->setVisible(!note.isEmpty());
     lstKey->clear();
     for (int k = 0; k < m_entries.size(); ++k) {
         auto* item = new QListWidgetItem(m_entries[k].name, lstKey);

@@ -6,6 +6,7 @@
 
 #include <functional>
 
+class QLabel;
 class QLineEdit;
 class QListWidget;
 class QListWidgetItem;
@@ -29,6 +30,7 @@ public:
     QLineEdit* txtFileName = nullptr;
     QPushButton* cmdFNApp = nullptr;
     QListWidget* lstKey = nullptr;
+    QLabel* lblNote = nullptr;
     QLineEdit* txtNode = nullptr;
     QPushButton* cmdMove = nullptr;
 

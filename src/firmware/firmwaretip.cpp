@@ -28,6 +28,11 @@ UpgradeTip errorTip(int error, int step, const QString& fileName)
     case FileNotReadable:
         what = QStringLiteral("%1 cannot be read").arg(fileName);
         break;
+    case FileTooLarge:
+        what = QStringLiteral("%1 is larger than any firmware image (%2 MiB at most)")
+                   .arg(fileName)
+                   .arg(kMaxImageFileBytes / (1024 * 1024));
+        break;
     case PostProcessorFailed:
         what = QStringLiteral("the post-processor failed on %1").arg(fileName);
         break;

@@ -103,6 +103,10 @@ std::optional<ImageIdentity> classifyImage(const QString& fileName, int* errorNu
         *errorNumber = FileNotReadable;
         return std::nullopt;
     }
+    if (file.size() > kMaxImageFileBytes) {
+        *errorNumber = FileTooLarge;
+        return std::nullopt;
+    }
     return classifyImageText(file.readAll());
 }
 

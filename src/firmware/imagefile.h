@@ -44,9 +44,12 @@ ImageIdentity classifyImageText(const QByteArray& image);
 // Errors of reading an image file, by the numbers the tool tip shows.
 enum ImageFileError
 {
+    FileTooLarge = 7,
     FileNotFound = 53,
     FileNotReadable = 75,
 };
+// No image a drive's boot loader takes comes near this; a larger file is not read at all.
+constexpr qint64 kMaxImageFileBytes = 16 * 1024 * 1024;
 // The file's kind and identification; nullopt when it cannot be read, with the error number.
 std::optional<ImageIdentity> classifyImage(const QString& fileName, int* errorNumber);
 

@@ -217,7 +217,8 @@ bool UpgradePanel::readImageToSend(QByteArray* image)
         fileName = output;
     }
     QFile file(fileName);
-    if (QFileInfo(fileName).isDir() || !file.open(QIODevice::ReadOnly)) {
+    if (QFileInfo(fileName).isDir() || !file.open(QIODevice::ReadOnly) ||
+        file.size() > kMaxImageFileBytes) {
         txtAbort->setText(QLatin1String(kFileError));
         return false;
     }
