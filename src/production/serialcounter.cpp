@@ -12,6 +12,8 @@
 #include <QStandardPaths>
 #include <QThread>
 
+#include <limits>
+
 namespace tessel {
 
 namespace {
@@ -145,17 +147,28 @@ std::optional<qint32> SerialCounter::next(int* number, QString* error)
                  QStringLiteral("%1: table zdx_id holds no serial").arg(what));
             return std::nullopt;
         }
-        const qint32 current = q.value(0).toInt();
+        bool numeric = false;
+        const QString text = q.value(0).toString();
+        const qint64 current = text.toLongLong(&numeric);
         q.finish();
+        // Serials are 32-bit signed on the drive: past 2147483647 the next would be negative.
+        if (!numeric || current < 0 || current >= std::numeric_limits<qint32>::max()) {
+            fail(number, error, serialerror::kExhausted,
+                 QStringLiteral("%1: the counter holds %2; the highest serial is %3, no serial "
+                                "taken")
+                     .arg(what, text)
+                     .arg(std::numeric_limits<qint32>::max()));
+            return std::nullopt;
+        }
         const QString update = QStringLiteral("update zdx_id set id_sk=%1 where id_sk=%2")
-                                   .arg(qint64(current) + 1)
+                                   .arg(current + 1)
                                    .arg(current);
         QSqlQuery u(db);
         if (!u.exec(update))
             return failed(u, QStringLiteral("advancing the counter"));
         if (u.numRowsAffected() >= 1) {
             m_lastUpdate = update;
-            return current + 1;
+            return qint32(current + 1);
         }
         // Another station took current + 1 between the two statements: read again.
         QThread::usleep(100 + attempt % 7 * 100);

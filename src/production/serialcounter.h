@@ -46,6 +46,7 @@ constexpr int kCannotOpen = 3051;  // cannot open or write (read-only file, no p
 constexpr int kNoTable = 3078;     // no table zdx_id (or no row in it)
 constexpr int kUnreachable = 3151; // database server not reachable
 constexpr int kBusy = 3260;        // the counter kept moving under this station
+constexpr int kExhausted = 3349;   // the counter holds the highest serial, or no serial at all
 } // namespace serialerror
 
 // The serial counter: each call to next() gives the next serial and advances the counter with

@@ -153,6 +153,8 @@ void TstSerialCounter::faults_data()
     QTest::newRow("no row") << "empty table" << 3078 << "holds no serial";
     QTest::newRow("read-only file") << "read-only" << 3051 << "readonly";
     QTest::newRow("not a database") << "garbage" << 3051 << "";
+    QTest::newRow("counter at the highest serial") << "2147483647" << 3349 << "highest serial";
+    QTest::newRow("counter below zero") << "-5" << 3349 << "holds -5";
 }
 
 void TstSerialCounter::faults()
@@ -172,6 +174,9 @@ void TstSerialCounter::faults()
                                       "insert into zdx_id (id_sk) values (7)"}));
         QFile::setPermissions(folder + "/tessel.db", QFile::ReadOwner | QFile::ReadGroup);
     }
+    if (setup.toLongLong() != 0)
+        QVERIFY(makeDatabase(folder, {"create table zdx_id (id_sk integer)",
+                                      "insert into zdx_id (id_sk) values (" + setup + ")"}));
     if (setup == "garbage") {
         QFile f(folder + "/tessel.db");
         QVERIFY(f.open(QIODevice::WriteOnly));
