@@ -135,13 +135,18 @@ int main(int argc, char** argv)
         QStringLiteral("How long a boot catch (Stop on Boot) waits for a boot loader to answer, "
                        "in milliseconds (default: 5000)."),
         QStringLiteral("ms"));
+    const QCommandLineOption lssTimeoutOption(
+        QStringLiteral("lss-timeout"),
+        QStringLiteral("How long LSS services wait for a drive's answers, in milliseconds, 1 to "
+                       "5000 (default: 25); a client may set its own."),
+        QStringLiteral("ms"));
     const QCommandLineOption doorsOption(
         QStringLiteral("doors-open"),
         QStringLiteral("Start the simulated fixture with its door switches (inputs 0 and 10) "
                        "open; the status window opens and closes them."));
     parser.addOptions({socketOption, listenOption, channelOption, benchOption, unpacedOption,
                        edsOption, showOption, idleExitOption, segmentedOption, backlogOption,
-                       bootCatchOption, doorsOption});
+                       bootCatchOption, doorsOption, lssTimeoutOption});
     parser.process(*app);
     if (!parser.positionalArguments().isEmpty())
         return fail(QStringLiteral("unexpected argument '%1' (see --help)")
@@ -168,6 +173,14 @@ int main(int argc, char** argv)
         if (!ok || config.bootCatchMs < 10 || config.bootCatchMs > 600000)
             return fail(QStringLiteral("--boot-catch-ms takes a number of milliseconds from 10 "
                                        "to 600000"));
+    }
+
+    if (parser.isSet(lssTimeoutOption)) {
+        bool ok = false;
+        config.lssTimeoutMs = parser.value(lssTimeoutOption).toInt(&ok);
+        if (!ok || config.lssTimeoutMs < 1 || config.lssTimeoutMs > 5000)
+            return fail(QStringLiteral("--lss-timeout takes a number of milliseconds from 1 to "
+                                       "5000"));
     }
 
     QString error;

@@ -92,7 +92,13 @@ void SimBench::checkOvervoltage()
         emit overvoltage(m_mainVoltage);
 }
 
-bool SimBench::command(int command, int argument, int* status, QString* error)
+void SimBench::dropSession(quint64 session)
+{
+    if (m_transfer && m_transferOwner == session)
+        m_transfer = false;
+}
+
+bool SimBench::command(int command, int argument, int* status, QString* error, quint64 session)
 {
     Q_UNUSED(argument);
     switch (command) {
@@ -111,6 +117,7 @@ bool SimBench::command(int command, int argument, int* status, QString* error)
     case kCmdTransferStart:
         *status = m_transfer ? 1 : 0;
         m_transfer = true;
+        m_transferOwner = session;
         if (drivesPowered()) {
             m_cycling = true;
             QTimer::singleShot(kPowerCycleMs, this, [this] {

@@ -20,6 +20,7 @@ namespace qorcalib {
 // Firmware transfers: command 16 begins one. The bench cycles the drives' supply (off for
 // kPowerCycleMs, when they have power), so that they boot into their boot loader while a boot
 // catch waits; command 17 ends it. Both answer 1 when a transfer was under way before, else 0.
+// A transfer belongs to the session that began it and ends with that session.
 //
 // The fixture's inputs all read True, its door switches (inputs 0 and 10) closed, until set
 // otherwise (setInput: the server's status window and its --doors-open option). Arm arms the
@@ -53,7 +54,10 @@ public:
     int analogChannelCount() const;
     bool drivesPowered() const;
 
-    bool command(int command, int argument, int* status, QString* error);
+    // session: who sends it (0: nobody in particular).
+    bool command(int command, int argument, int* status, QString* error, quint64 session = 0);
+    // The session is gone: a firmware transfer it began is no longer under way.
+    void dropSession(quint64 session);
     bool setParameter(int parameter, double value, QString* error);
     // The serial link to the unit (GetTestState is its state); it loads while the unit has power.
     SerialLoader* serialLoader() { return &m_serial; }
@@ -97,6 +101,7 @@ private:
     bool m_armed = false;
     bool m_powered = false;
     bool m_transfer = false;
+    quint64 m_transferOwner = 0;
     bool m_cycling = false; // the supply is off for a power cycle
     SerialLoader m_serial{[this] { return drivesPowered(); }};
     QRandomGenerator m_noise{0x5eed};

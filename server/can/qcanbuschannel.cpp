@@ -3,6 +3,7 @@
 #include "bittiming.h"
 #include "serverclock.h"
 
+#include <QAbstractSocket>
 #include <QCanBus>
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -140,6 +141,12 @@ bool QCanBusChannel::connectAndWait(QString* error)
             m_device->disconnectDevice();
         return false;
     }
+    // A plugin that carries the bus over TCP (Qt's virtual CAN) writes each frame as a few bytes
+    // on its socket. With Nagle's algorithm a frame written while the last one is unacknowledged
+    // waits for the peer's delayed acknowledgement, up to 40 ms: an LSS request sent right after
+    // another reached the drives after the answer window had closed. Frames go out at once.
+    for (QAbstractSocket* socket : m_device->findChildren<QAbstractSocket*>())
+        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     return true;
 }
 

@@ -15,7 +15,6 @@ LssRunner::LssRunner(ServerCore* core, int controller, QObject* parent)
           m_channel->transmit(frame, session | kServiceOrigin, &error);
       })
 {
-    m_master.setTimeoutMs(kTimeoutMs);
     m_timer.setSingleShot(true);
     m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this, [this] {
@@ -68,6 +67,7 @@ void LssRunner::startNext()
     if (m_current || m_queue.empty())
         return;
     m_current = m_queue.takeFront();
+    m_master.setTimeoutMs(std::clamp(m_current->timeoutMs, kMinTimeoutMs, kMaxTimeoutMs));
     m_ownRate = m_channel->bitRateIndex();
     m_wasRunning = m_channel->isRunning();
     if (!m_wasRunning) {
@@ -76,23 +76,42 @@ void LssRunner::startNext()
             finish({error});
             return;
         }
+        // A device that has just joined its bus may not hear the first answers yet (a virtual
+        // bus accepts its clients asynchronously).
+        afterQuiet([this] { begin(); });
+        return;
     }
+    begin();
+}
+
+void LssRunner::afterQuiet(std::function<void()> next)
+{
+    const quint64 generation = m_generation;
+    QTimer::singleShot(m_current->timeoutMs, this, [this, next = std::move(next), generation] {
+        if (generation == m_generation)
+            next();
+    });
+}
+
+void LssRunner::begin()
+{
     if (m_current->configure) {
-        // The node to configure: an unconfigured one isolated by Fastscan, else the configured
-        // ones all at once (there should be one).
+        // Only a node that waits for a node-ID is configured, isolated by Fastscan (which
+        // configured nodes do not answer). Configured nodes are never switched to configuration
+        // all at once: every one of them would take the same node-ID.
         run([this] { m_master.identifyNonConfigured(serverTimeUs()); },
             [this](const LssMaster::Result& r) {
-                if (r.answered)
-                    run([this] { m_master.fastscan(serverTimeUs()); },
-                        [this](const LssMaster::Result& f) {
-                            if (!f.error.isEmpty() || !f.answered)
-                                finish({f.error.isEmpty() ? LssMaster::kNoAnswer : f.error});
-                            else
-                                configureSelected();
-                        });
-                else
-                    run([this] { m_master.switchGlobal(true, serverTimeUs()); },
-                        [this](const LssMaster::Result&) { configureSelected(); });
+                if (!r.answered) {
+                    finish({kNoneWaiting});
+                    return;
+                }
+                run([this] { m_master.fastscan(serverTimeUs()); },
+                    [this](const LssMaster::Result& f) {
+                        if (!f.error.isEmpty() || !f.answered)
+                            finish({f.error.isEmpty() ? LssMaster::kNoAnswer : f.error});
+                        else
+                            configureSelected();
+                    });
             });
         return;
     }
@@ -130,7 +149,18 @@ void LssRunner::inquireAt(size_t i)
         finish({LssMaster::kNoAnswer});
         return;
     }
-    setRate(m_rates[i]);
+    if (m_channel->bitRateIndex() != m_rates[i]) {
+        setRate(m_rates[i]);
+        // One answer window with the master idle: whatever answers in it answered at the rate
+        // before and is dropped (onFrames passes frames to a busy master only).
+        afterQuiet([this, i] { askAt(i); });
+        return;
+    }
+    askAt(i);
+}
+
+void LssRunner::askAt(size_t i)
+{
     run([this] { m_master.identifyNonConfigured(serverTimeUs()); },
         [this, i](const LssMaster::Result& r) {
             if (!r.answered) {
@@ -200,17 +230,27 @@ void LssRunner::configureSelected()
                                 },
                                 [=, this](const LssMaster::Result&) {
                                     // The node listens at its new rate now.
+                                    const bool switched = m_channel->bitRateIndex() != rate;
                                     setRate(rate);
-                                    run([this] { m_master.switchGlobal(false, serverTimeUs()); },
-                                        [=, this](const LssMaster::Result&) {
-                                            // Its boot-up goes out at the new rate before
-                                            // the controller goes back to its own.
-                                            const quint64 generation = m_generation;
-                                            QTimer::singleShot(kSwitchDelayMs, this, [=, this] {
-                                                if (generation == m_generation)
-                                                    finish({{}, node, rate});
+                                    const auto release = [=, this] {
+                                        run(
+                                            [this] {
+                                                m_master.switchGlobal(false, serverTimeUs());
+                                            },
+                                            [=, this](const LssMaster::Result&) {
+                                                // Its boot-up goes out at the new rate before
+                                                // the controller goes back to its own.
+                                                const quint64 generation = m_generation;
+                                                QTimer::singleShot(kSwitchDelayMs, this, [=, this] {
+                                                    if (generation == m_generation)
+                                                        finish({{}, node, rate});
+                                                });
                                             });
-                                        });
+                                    };
+                                    if (switched)
+                                        afterQuiet(release);
+                                    else
+                                        release();
                                 });
                         });
                 });

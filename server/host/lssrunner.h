@@ -18,19 +18,27 @@ class ServerCore;
 // Runs the LSS services sessions ask for on one controller, one after another.
 //
 // Inquire finds the node on the controller: at the controller's own bit rate first, then at the
-// other rates of the list. At each rate it asks for unconfigured nodes and, when any answer,
+// other rates of the list. After each switch of rate it lets one answer window pass before it
+// asks: an answer that comes that late belongs to the rate before and is not counted for the
+// new one. At each rate it asks for unconfigured nodes and, when any answer,
 // isolates one with Fastscan (several would answer every question at once); otherwise it asks
 // the configured nodes for their node-ID. It reports the node-ID (FF: none configured yet) and
 // the rate at which the node answered, and puts the controller back to its own rate.
 //
-// Configure gives the node (the one Fastscan isolates, or the only configured one) a node-ID
-// and a bit rate, stores both and activates the new bit timing; then, at the new rate, it
+// Configure gives a node that waits for a node-ID (the one Fastscan isolates) a node-ID and a
+// bit rate, stores both and activates the new bit timing; then, at the new rate, it
 // switches the node back to waiting, so that a node that had no node-ID starts up with the new
 // one, and puts the controller back to its own rate.
 class LssRunner : public QObject
 {
     Q_OBJECT
 public:
+    static inline const QString kNoneWaiting =
+        QStringLiteral("no drive on this controller waits for a node-ID; configured drives are "
+                       "left as they are");
+    static constexpr int kTimeoutMs = 25;
+    static constexpr int kMinTimeoutMs = 1;
+    static constexpr int kMaxTimeoutMs = 5000;
     struct Outcome
     {
         QString error; // empty on success
@@ -44,9 +52,9 @@ public:
         bool configure = false;
         quint8 nodeId = 0;
         int bitRateIndex = 0;
+        int timeoutMs = kTimeoutMs; // how long each service waits for answers
         std::function<void(const Outcome&)> done;
     };
-    static constexpr int kTimeoutMs = 25;
     static constexpr int kMaxWaitingPerSession = 4;
     static constexpr quint16 kSwitchDelayMs = 50;
 
@@ -63,10 +71,15 @@ public:
 private:
     using Next = std::function<void(const LssMaster::Result&)>;
     void startNext();
+    void begin();
+    // Runs next after one answer window in which the master listens to nothing; dropped when
+    // the request has ended meanwhile.
+    void afterQuiet(std::function<void()> next);
     void run(const std::function<void()>& service, Next next);
     void setRate(int bitRateIndex);
     void finish(Outcome outcome);
     void inquireAt(size_t i);
+    void askAt(size_t i);
     void inquireConfigured(size_t i);
     void configureSelected();
     void onFrames(const QVector<BusFrame>& frames);

@@ -27,6 +27,7 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
 {
     std::unique_ptr<ServerCore> core(new ServerCore);
     core->m_bench = std::make_unique<SimBench>(config.bench);
+    core->m_lssTimeoutMs = config.lssTimeoutMs;
     int simulated = 0;
     for (const QString& channelName : config.channels) {
         const int index = int(core->m_channels.size());
@@ -43,6 +44,7 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
                     config.edsPath, nodeId == NmtSlave::kUnconfigured ? 0 : nodeId, error);
                 if (!dictionary)
                     return nullptr;
+                giveOwnSerial(&*dictionary, int(core->m_drives.size()));
                 core->m_drives.push_back(
                     std::make_unique<SimDrive>(segment, std::move(*dictionary), nodeId, rate));
             }

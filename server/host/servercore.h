@@ -34,6 +34,7 @@ public:
         bool sdoBlockTransfer = true; // false: segmented only, even where a node offers block
         int bootCatchMs = 5000;       // how long a boot catch waits for a boot loader
         bool doorsOpen = false;       // the fixture's door switches start open
+        int lssTimeoutMs = 25;        // a session's LSS answer window until it sets its own
     };
 
     static std::unique_ptr<ServerCore> create(const Config& config, QString* error);
@@ -62,6 +63,7 @@ public:
     int raiseAlarm(quint32 alarmNumber);
     static constexpr quint32 kOvervoltageAlarm = 2;
 
+    int lssTimeoutMs() const { return m_lssTimeoutMs; }
     bool shutdownRequested() const { return m_shutdownRequested; }
     void requestShutdown() { m_shutdownRequested = true; }
 
@@ -83,6 +85,7 @@ private:
     std::vector<std::unique_ptr<LssRunner>> m_lssRunners;
     std::vector<std::unique_ptr<BootRunner>> m_bootRunners;
     bool m_shutdownRequested = false;
+    int m_lssTimeoutMs = 25;
 };
 
 } // namespace qorcalib

@@ -254,6 +254,16 @@ public:
         return m_s->startLss(channel, true, nodeId, bitRateIndex);
     }
     Reply CancelRequest(int requestId) override { return Reply(m_s->cancelRequest(requestId)); }
+    Reply SetLssTimeout(int milliseconds) override
+    {
+        if (milliseconds < LssRunner::kMinTimeoutMs || milliseconds > LssRunner::kMaxTimeoutMs)
+            return Reply(QStringLiteral("LSS time-out %1 ms out of range (%2..%3)")
+                             .arg(milliseconds)
+                             .arg(LssRunner::kMinTimeoutMs)
+                             .arg(LssRunner::kMaxTimeoutMs));
+        m_s->lssTimeoutMs = milliseconds;
+        return Reply();
+    }
 
 private:
     Session* m_s;
@@ -289,7 +299,7 @@ public:
     {
         int status = 0;
         QString error;
-        m_s->core()->bench()->command(command, argument, &status, &error);
+        m_s->core()->bench()->command(command, argument, &status, &error, m_s->id());
         return IntReply(status, error);
     }
     Reply SetBoardParam(int parameter, double value) override
@@ -408,6 +418,7 @@ Session::Session(ServerCore* core, ServerHost* host, quint64 id, QString peer,
     : m_core(core), m_host(host), m_id(id), m_peer(std::move(peer)), m_connection(connection),
       m_overrun(core->controllerCount(), false), m_objects(std::make_unique<Objects>(this))
 {
+    lssTimeoutMs = core->lssTimeoutMs();
     for (int c = 0; c < core->controllerCount(); ++c)
         connect(core->channel(c), &CanChannel::framesReceived, this,
                 [this, c](const QVector<BusFrame>& frames) { onFrames(c, frames); });
@@ -427,6 +438,7 @@ Session::~Session()
         m_core->channel(c)->dropSession(m_id);
     }
     m_core->bench()->serialLoader()->dropOwner(m_id);
+    m_core->bench()->dropSession(m_id);
     if (m_node)
         for (const auto& [object, name] : m_objects->all())
             m_node->disableRemoting(object);
@@ -515,6 +527,7 @@ RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitR
     request.configure = configure;
     request.nodeId = quint8(nodeId);
     request.bitRateIndex = bitRateIndex;
+    request.timeoutMs = lssTimeoutMs;
     auto* notify = &m_objects->notify;
     request.done = [notify, requestId, configure](const LssRunner::Outcome& o) {
         const QByteArray rate =

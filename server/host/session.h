@@ -46,6 +46,7 @@ public:
     bool txNotify = true;
     bool serviceStarted = false;
     int sdoTimeoutMs = kDefaultSdoTimeoutMs;
+    int lssTimeoutMs = 0; // set from the server's configuration
     quint32 takeOverrun(int controller);
     // Queues an SDO transfer; its result comes as OperationDone with the returned number.
     RequestReply startSdo(bool upload, int channel, int node, int index, int subIndex,

@@ -228,6 +228,8 @@ std::optional<ObjectDictionary> ObjectDictionary::fromEds(const QString& path, q
             return refuse(sectionName, QStringLiteral("DefaultValue"), defaultText);
         e.defaultValue = *value;
         e.value = *value;
+        if (defaultText.contains(QLatin1String("$NODEID"), Qt::CaseInsensitive))
+            e.nodeIdDefault = defaultText;
         for (const auto& [key, limit] : {std::pair{QStringLiteral("LowLimit"), &e.lowLimit},
                                          std::pair{QStringLiteral("HighLimit"), &e.highLimit}}) {
             if (!s.contains(key.toLower()))
@@ -297,6 +299,34 @@ quint64 ObjectDictionary::unsignedValue(quint16 index, quint8 subIndex, quint64 
     QByteArray padded = e->value;
     padded.append(8 - padded.size(), '\0');
     return qFromLittleEndian<quint64>(padded.constData());
+}
+
+bool ObjectDictionary::setUnsigned(quint16 index, quint8 subIndex, quint64 value)
+{
+    OdEntry* e = find(index, subIndex);
+    const int size = e ? odTypeSize(e->dataType) : 0;
+    if (size == 0 || (size < 8 && value >> (8 * size)))
+        return false;
+    QByteArray bytes(size, '\0');
+    for (int i = 0; i < size; ++i)
+        bytes[i] = char(value >> (8 * i));
+    e->defaultValue = bytes;
+    e->value = bytes;
+    return true;
+}
+
+void ObjectDictionary::setNodeId(quint8 nodeId)
+{
+    for (OdEntry& e : m_entries) {
+        if (e.nodeIdDefault.isEmpty())
+            continue;
+        // It was read with node-ID 0 at least, so it encodes; a node-ID that makes it overflow
+        // its entry keeps the entry as it was.
+        if (const auto value = encodeValue(e.nodeIdDefault, e.dataType, nodeId)) {
+            e.defaultValue = *value;
+            e.value = *value;
+        }
+    }
 }
 
 void ObjectDictionary::restoreDefaults(quint16 first, quint16 last)

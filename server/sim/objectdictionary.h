@@ -47,6 +47,9 @@ struct OdEntry
     OdAccess access = OdAccess::ReadWrite;
     QByteArray defaultValue; // little-endian, as on the bus
     QByteArray value;
+    // The EDS's default when it names $NODEID (COB-IDs, 1014, ...): evaluated again with the
+    // node-ID in force whenever the node takes one.
+    QString nodeIdDefault;
     std::optional<qint64> lowLimit;
     std::optional<qint64> highLimit;
 
@@ -72,6 +75,12 @@ public:
     void insert(OdEntry entry);
     // Unsigned reading of a fixed-size entry; fallback when it is missing or not numeric.
     quint64 unsignedValue(quint16 index, quint8 subIndex, quint64 fallback = 0) const;
+    // A fixed-size entry's default and value (a drive's own serial number, ...); false when
+    // there is no such entry or the value does not fit it.
+    bool setUnsigned(quint16 index, quint8 subIndex, quint64 value);
+    // The node-ID in force (0 while the node has none): entries whose default names $NODEID
+    // take their default again, evaluated with it.
+    void setNodeId(quint8 nodeId);
     // Back to the default values for indices first..last: what resets and power loss do.
     void restoreDefaults(quint16 first, quint16 last);
 

@@ -6,6 +6,12 @@
 
 namespace qorcalib {
 
+void giveOwnSerial(ObjectDictionary* dictionary, int i)
+{
+    const quint64 serial = dictionary->unsignedValue(0x1018, 4, 0);
+    dictionary->setUnsigned(0x1018, 4, quint32(serial + quint64(i)));
+}
+
 SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint8 nodeId,
                    int bitRateIndex, QObject* parent)
     : QObject(parent), m_segment(segment), m_dictionary(std::move(dictionary)),
@@ -157,6 +163,7 @@ void SimDrive::takeFirmware(const FirmwareIdentity& identity)
 
 void SimDrive::takeNodeId(quint8 nodeId)
 {
+    m_dictionary.setNodeId(nodeId == NmtSlave::kUnconfigured ? 0 : nodeId);
     m_nmt.setNodeId(nodeId);
     m_sdo.setNodeId(nodeId == NmtSlave::kUnconfigured ? 0 : nodeId);
     m_bootSdo.setNodeId(nodeId == NmtSlave::kUnconfigured ? 0 : nodeId);

@@ -27,6 +27,10 @@ namespace qorcalib {
 // application then reports the flashed firmware: "FW major.minor.build" in 0x100A and the
 // version in 0x1018 sub 3. The application itself refuses both objects with 08000022. The
 // application also offers the drive's alarm log (alarmlog.h).
+// The i-th simulated drive of a world gets the data sheet's serial number plus i, so that no two
+// drives share an LSS address (LSS tells waiting drives apart by it).
+void giveOwnSerial(ObjectDictionary* dictionary, int i);
+
 class SimDrive : public QObject, public SimPort
 {
     Q_OBJECT

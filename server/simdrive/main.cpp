@@ -131,6 +131,7 @@ int main(int argc, char** argv)
                                                     &error, &warnings);
         if (!dictionary)
             return fail(error);
+        giveOwnSerial(&*dictionary, int(dictionaries.size()));
         if (dictionaries.empty())
             for (const QString& warning : warnings)
                 std::fprintf(stderr, "tessel-simdrive: %s\n", qPrintable(warning));

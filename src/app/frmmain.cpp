@@ -685,9 +685,19 @@ void FrmMain::cmdLSSSet_Click()
     const int newRate = cmbBaud[m_selected]->currentIndex();
     // Back to the rate at which the node still listens; the list keeps showing the new one.
     cmbBaud[m_selected]->setProperty("tag", QStringLiteral("1"));
-    m_link.setBitRate(m_selected, m_previousBitRate[m_selected]);
-    m_link.restartController(m_selected);
+    QString switchError = m_link.setBitRate(m_selected, m_previousBitRate[m_selected]);
+    if (switchError.isEmpty())
+        switchError = m_link.restartController(m_selected);
     cmbBaud[m_selected]->setProperty("tag", QString());
+    // The node would not hear a configuration sent at another rate: stop and say why.
+    if (!switchError.isEmpty()) {
+        txtAbort->setText(
+            QStringLiteral("CAN %1 back to %2: %3")
+                .arg(m_selected)
+                .arg(qorcalib::bitRateText(m_previousBitRate[m_selected]), switchError));
+        setMonitorSwitch(true);
+        return;
+    }
     const int node = hexToNumber(txtFWNode->text());
     const CanLink::LssResult set = m_link.lssConfigure(m_selected, node, newRate);
     if (!set.error.isEmpty())

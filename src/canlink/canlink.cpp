@@ -170,6 +170,8 @@ bool CanLink::reconnect(QString* error)
     restore(m_connection->bus()->SetTxNotify(m_txNotify));
     restore(m_connection->service()->SetSdoTimeout(m_sdoTimeoutMs));
     restore(m_connection->bus()->SetSdoTimeout(m_sdoTimeoutMs));
+    if (m_lssTimeoutMs > 0)
+        restore(m_connection->service()->SetLssTimeout(m_lssTimeoutMs));
     if (ok && restoreSession)
         restoreSession();
     m_reconnecting = false;
@@ -394,6 +396,20 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
     result.abortCode = finished->abortCode();
     result.error = finished->error();
     return result;
+}
+
+QString CanLink::setLssTimeout(int milliseconds)
+{
+    QString error;
+    if (!live(&error))
+        return error;
+    const auto reply =
+        m_connection->wait(m_connection->service()->SetLssTimeout(milliseconds), &error);
+    if (!reply)
+        return error;
+    if (reply->error().isEmpty())
+        m_lssTimeoutMs = milliseconds;
+    return reply->error();
 }
 
 CanLink::LssResult CanLink::lssInquire(int controller)

@@ -114,6 +114,9 @@ public:
         int bitRateIndex = -1;
     };
     static constexpr int kLssWatchdogMs = 30000;
+    // How long the server's LSS services wait for answers (1..5000 ms; 0: the server's own);
+    // kept across a reconnection. Empty, or the error.
+    QString setLssTimeout(int milliseconds);
     LssResult lssInquire(int controller);
     LssResult lssConfigure(int controller, int nodeId, int bitRateIndex);
 
@@ -222,6 +225,7 @@ private:
     };
     QList<HeldBatch> m_held;
     int m_sdoTimeoutMs = 1000;
+    int m_lssTimeoutMs = 0;
     QEventLoop* m_waitLoop = nullptr; // the running transfer's wait
     // What the session had set, to be set again on a new connection.
     static constexpr int kRetryMs = 2000;

@@ -565,12 +565,23 @@ int TesselCli::replay(QStringList args)
 
 int TesselCli::lss(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli lss get\n       tessel-cli lss set "
-                                       "NODE RATE\nget finds the one node in LSS waiting "
-                                       "state: its node-ID (FF: none yet) and bit rate.\nset "
-                                       "gives it NODE (hexadecimal) and RATE (1000K, 800K, "
-                                       "500K, 250K, 125K, 100K, 50K, 25K, 10K).\n")))
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli lss get [--lss-timeout MS]\n       "
+                                       "tessel-cli lss set NODE RATE [--lss-timeout MS]\nget "
+                                       "finds the node: one waiting for a node-ID (FF) first, "
+                                       "else the configured one, and the bit rate it answered "
+                                       "at.\nset gives a node that waits for a node-ID NODE "
+                                       "(hexadecimal) and RATE (1000K, 800K, 500K, 250K, 125K, "
+                                       "100K, 50K, 25K, 10K); several waiting nodes are "
+                                       "configured one per call. Configured nodes are never "
+                                       "changed.\n--lss-timeout: how long each LSS service "
+                                       "waits for answers, 1 to 5000 ms (default: the "
+                                       "server's, 25 ms unless it was started with another).\n")))
         return kOk;
+    bool timeoutOk = true;
+    const int lssTimeout =
+        takeOption(&args, QStringLiteral("--lss-timeout"), QStringLiteral("0")).toInt(&timeoutOk);
+    if (!timeoutOk || lssTimeout < 0 || lssTimeout > 5000)
+        return bad(QStringLiteral("--lss-timeout takes milliseconds, 1 to 5000"));
     const bool set = args.value(0) == QLatin1String("set");
     if ((args.value(0) != QLatin1String("get") && !set) || args.size() != (set ? 3 : 1))
         return bad(QStringLiteral("lss takes 'get' or 'set NODE RATE'"));
@@ -587,6 +598,9 @@ int TesselCli::lss(QStringList args)
     }
     if (const int code = connectAndStart(); code >= 0)
         return code;
+    if (lssTimeout > 0)
+        if (const QString e = m_link.setLssTimeout(lssTimeout); !e.isEmpty())
+            return linkFailure(e);
     const CanLink::LssResult r =
         set ? m_link.lssConfigure(m_controller, node, rate) : m_link.lssInquire(m_controller);
     if (!r.error.isEmpty())

@@ -66,6 +66,7 @@ private slots:
     void badArgumentsAreRefused_data();
     void badArgumentsAreRefused();
     void noSlaveOnTheBus();
+    void configuredDriveKeepsItsNodeId();
 
 private:
     QTemporaryDir m_dir;
@@ -205,7 +206,8 @@ void TstLssService::noSlaveOnTheBus()
     QCOMPARE(a->wait(a->bus()->GetStatus(2), &error)->value() & 8, 0); // not left running
     const Lss set = lss(a.get(), true, 2, 0x22, 2);
     QVERIFY(set.result);
-    QCOMPARE(set.result->error(), QString("no LSS slave answered"));
+    QVERIFY2(set.result->error().startsWith("no drive on this controller waits for a node-ID"),
+             qPrintable(set.result->error()));
     // An inquiry cancelled half-way ends at once, with the controller at its own rate.
     QSignalSpy done(a->notify(), &QCSNotifyReplica::OperationDone);
     const auto request = a->wait(a->service()->LssInquire(2), &error);
@@ -216,6 +218,26 @@ void TstLssService::noSlaveOnTheBus()
     QCOMPARE(done.first().at(0).value<OperationResult>().error(), QString("LSS service cancelled"));
     QCOMPARE(bitRate(a.get(), 2), 4);
     QVERIFY(!a->wait(a->service()->CancelRequest(request->requestId()), &error)->error().isEmpty());
+}
+
+void TstLssService::configuredDriveKeepsItsNodeId()
+{
+    // Controller 0 carries node 1 and no drive that waits for a node-ID: a configuration has
+    // nobody to go to, and node 1 must not become node 5 at its next reset.
+    QVERIFY(m_server->start({"--eds", fastHeartbeatEds(m_dir)}));
+    auto a = m_server->attach();
+    QVERIFY(a);
+    FrameRecorder frames(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000));
+    const Lss set = lss(a.get(), true, 0, 5, 0);
+    QVERIFY(set.result);
+    QVERIFY2(set.result->error().startsWith("no drive on this controller waits for a node-ID"),
+             qPrintable(set.result->error()));
+    const int from = int(frames.received.size());
+    CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, QByteArray::fromHex("8200")), 0));
+    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("00"), 3000, from));
+    QCOMPARE(frames.find(0x705, QByteArray::fromHex("00"), from), -1);
 }
 
 QTEST_GUILESS_MAIN(TstLssService)

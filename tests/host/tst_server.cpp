@@ -48,6 +48,7 @@ private slots:
     void sdoLongerThanItsTimeOut();
     void sdoFramesAreTheirSessionsOwn();
     void killedClientIsReaped();
+    void transferEndsWithItsSession();
     void sessionRightAfterAnotherEnds();
     void garbageOnTheSocketIsDropped_data();
     void garbageOnTheSocketIsDropped();
@@ -707,6 +708,24 @@ void TstServer::killedClientIsReaped()
     // The server goes on serving the session that is left.
     CALL_OK(a, bus()->StartController(0));
     QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+}
+
+void TstServer::transferEndsWithItsSession()
+{
+    // A session that began a firmware transfer (bench command 16) and went away leaves no
+    // transfer under way: the next one to begin answers 0, not "already under way".
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    auto b = m_server->connect();
+    QVERIFY(b);
+    QString error;
+    QCOMPARE(b->wait(b->benchBoard()->BoardCommand(16, 0), &error)->value(), 0);
+    QCOMPARE(sessionCount(a.get()), 2);
+    b.reset();
+    QTRY_COMPARE(sessionCount(a.get()), 1);
+    QCOMPARE(a->wait(a->benchBoard()->BoardCommand(16, 0), &error)->value(), 0);
+    QCOMPARE(a->wait(a->benchBoard()->BoardCommand(17, 0), &error)->value(), 1);
 }
 
 void TstServer::sessionRightAfterAnotherEnds()

@@ -5,6 +5,7 @@
 
 #include <QFile>
 #include <QProcess>
+#include <QSet>
 #include <QTcpServer>
 #include <QTest>
 
@@ -271,26 +272,46 @@ void TstSimDrive::carriesOnWhenTheChannelComesBack()
 
 void TstSimDrive::lssGivesTheWaitingDriveItsNodeId()
 {
-    // A bus of its own: LSS speaks to every waiting node at once.
+    // A bus of its own: LSS speaks to every waiting node at once. Qt's virtual bus runs over
+    // TCP, whose answers can take tens of milliseconds: a longer answer window than a cable's.
     const QString channel = virtualChannel(freePort());
     SimDriveProcess drive;
-    QVERIFY2(drive.start({"--channel", channel, "--node", "unconfigured"}),
+    // Two configured drives and two that wait, each with its own LSS address.
+    QVERIFY2(drive.start({"--channel", channel, "--node", "1,2,unconfigured,unconfigured"}),
              qPrintable(drive.output()));
     ServerProcess server;
     QVERIFY(server.start({"--channel", channel}));
     const auto lss = [&](const QStringList& args) {
-        return qorcalib::test::runProgram(
-            QStringLiteral(TESSEL_CLI_PATH),
-            QStringList{"--socket", server.socketPath(), "lss"} + args, 60000);
+        return qorcalib::test::runProgram(QStringLiteral(TESSEL_CLI_PATH),
+                                          QStringList{"--socket", server.socketPath(), "lss"} +
+                                              args + QStringList{"--lss-timeout", "100"},
+                                          60000);
     };
-    ProgramRun get;
-    QVERIFY(QTest::qWaitFor([&] { return (get = lss({"get"})).exit == 0; }, 20000));
+    // Once the drives have booted, the search finds a waiting drive before configured ones.
+    QVERIFY(answers(server, "1,1000,0"));
+    QVERIFY(answers(server, "2,1000,0"));
+    const ProgramRun get = lss({"get"});
     // Qt's virtual bus carries every bit rate: the search finds the drive at the first it tries.
     QVERIFY2(get.out.startsWith("node FF at "), qPrintable(get.out));
-    const ProgramRun set = lss({"set", "20", "1000K"});
-    QVERIFY2(set.exit == 0, qPrintable(set.err));
+    // One waiting drive a call, isolated by Fastscan; then none is left and nothing changes.
+    for (const QString node : {"20", "21"}) {
+        const ProgramRun set = lss({"set", node, "1000K"});
+        QVERIFY2(set.exit == 0, qPrintable(set.err));
+    }
+    const ProgramRun none = lss({"set", "22", "1000K"});
+    QCOMPARE(none.exit, 4);
+    QVERIFY2(none.err.contains("waits for a node-ID"), qPrintable(none.err));
     QCOMPARE(cli(server, {"nmt", "resetcomm", "0"}).exit, 0);
-    QVERIFY(answers(server, "20,1000,0"));
+    QStringList serials;
+    for (const QString node : {"1", "2", "20", "21"}) {
+        QVERIFY2(answers(server, node + ",1000,0"), qPrintable(node));
+        serials << cli(server, {"sdo", "read", node + ",1018,4"}).out;
+    }
+    QCOMPARE(QSet<QString>(serials.begin(), serials.end()).size(), 4);
+    QCOMPARE(cli(server, {"--timeout", "300", "sdo", "read", "22,1000,0"}).exit, 4);
+    // The node-ID dependent entries follow the node-ID the drive took: EMCY at 0x80 + 0x20.
+    QCOMPARE(cli(server, {"sdo", "read", "20,1014,0", "--type", "u32"}).out.trimmed(),
+             QString::number(0x80 + 0x20));
 }
 
 void TstSimDrive::bootLoaderTakesFirmwareAfterAReset()
