@@ -55,15 +55,25 @@ public:
     // wrapping round to the lowest number.
     Request takeInTurn(quint64 lastServed)
     {
+        return *takeInTurn(lastServed, [](const Request&) { return true; });
+    }
+    // The same among the requests that can run now; nullopt when none can.
+    template <typename CanRun>
+    std::optional<Request> takeInTurn(quint64 lastServed, const CanRun& canRun)
+    {
         auto after = m_requests.end();
         auto lowest = m_requests.end();
         for (auto it = m_requests.begin(); it != m_requests.end(); ++it) {
+            if (!canRun(*it))
+                continue;
             if (it->session > lastServed &&
                 (after == m_requests.end() || it->session < after->session))
                 after = it;
             if (lowest == m_requests.end() || it->session < lowest->session)
                 lowest = it;
         }
+        if (lowest == m_requests.end())
+            return std::nullopt;
         return take(after != m_requests.end() ? after : lowest);
     }
 

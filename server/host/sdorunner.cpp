@@ -6,38 +6,60 @@
 
 namespace qorcalib {
 
-SdoRunner::SdoRunner(CanChannel* channel, QObject* parent)
-    : QObject(parent), m_channel(channel), m_client([this](const CanFrame& frame) {
-          QString error;
-          const quint64 session = m_current ? m_current->session : 0;
-          if (!m_channel->transmit(frame, session | kServiceOrigin, &error) && m_current) {
-              // The controller cannot send: the transfer ends here with the reason.
-              SdoClient::Result result;
-              result.error = error;
-              QMetaObject::invokeMethod(
-                  this,
-                  [this, result] {
-                      if (m_current && m_client.isBusy()) {
-                          m_client.cancel();
-                          complete(result);
-                      }
-                  },
-                  Qt::QueuedConnection);
-          }
-      })
+SdoRunner::SdoRunner(CanChannel* channel, QObject* parent) : QObject(parent), m_channel(channel)
 {
-    m_timer.setSingleShot(true);
-    m_timer.setTimerType(Qt::PreciseTimer);
-    connect(&m_timer, &QTimer::timeout, this, [this] {
-        m_client.onTimer(serverTimeUs());
-        rearm();
-    });
     connect(m_channel, &CanChannel::framesReceived, this, &SdoRunner::onFrames);
-    m_client.done = [this](const SdoClient::Result& result) { complete(result); };
-    m_client.progress = [this](double fraction) {
-        if (m_current && m_current->progress)
-            m_current->progress(fraction);
+}
+
+SdoRunner::~SdoRunner() = default;
+
+SdoRunner::NodeChannel& SdoRunner::channelOf(quint8 node)
+{
+    auto& slot = m_nodes[node];
+    if (slot)
+        return *slot;
+    slot = std::make_unique<NodeChannel>(
+        [this, node](const CanFrame& frame) { send(*m_nodes.at(node), frame); });
+    NodeChannel* c = slot.get();
+    c->client.done = [this, c](const SdoClient::Result& result) { complete(*c, result); };
+    c->client.progress = [c](double fraction) {
+        if (c->current && c->current->progress)
+            c->current->progress(fraction);
     };
+    c->timer.setSingleShot(true);
+    c->timer.setTimerType(Qt::PreciseTimer);
+    connect(&c->timer, &QTimer::timeout, this, [this, c] {
+        c->client.onTimer(serverTimeUs());
+        rearm(*c);
+    });
+    return *c;
+}
+
+void SdoRunner::send(NodeChannel& c, const CanFrame& frame)
+{
+    QString error;
+    const quint64 session = c.current ? c.current->session : 0;
+    if (m_channel->transmit(frame, session | kServiceOrigin, &error) || !c.current)
+        return;
+    // The controller cannot send: the transfer ends here with the reason.
+    SdoClient::Result result;
+    result.error = error;
+    NodeChannel* channel = &c;
+    QMetaObject::invokeMethod(
+        this,
+        [this, channel, result] {
+            if (channel->current && channel->client.isBusy()) {
+                channel->client.cancel();
+                complete(*channel, result);
+            }
+        },
+        Qt::QueuedConnection);
+}
+
+bool SdoRunner::isFree(quint8 node) const
+{
+    const auto it = m_nodes.find(node);
+    return it == m_nodes.end() || !it->second->current;
 }
 
 QString SdoRunner::submit(Request request)
@@ -46,28 +68,31 @@ QString SdoRunner::submit(Request request)
         return QStringLiteral("too many SDO requests waiting on this controller (at most %1)")
             .arg(kMaxWaitingPerSession);
     m_queue.push(std::move(request));
-    if (!m_current)
-        QMetaObject::invokeMethod(this, &SdoRunner::startNext, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, &SdoRunner::startNext, Qt::QueuedConnection);
     return {};
 }
 
 void SdoRunner::dropSession(quint64 session)
 {
     m_queue.drop(session);
-    if (m_current && m_current->session == session) {
-        m_current->done = nullptr;
-        m_current->progress = nullptr;
-        if (m_client.isBusy())
-            m_client.abort(quint32(SdoAbort::General));
+    for (auto& [node, c] : m_nodes) {
+        if (!c->current || c->current->session != session)
+            continue;
+        c->current->done = nullptr;
+        c->current->progress = nullptr;
+        if (c->client.isBusy())
+            c->client.abort(quint32(SdoAbort::General));
     }
 }
 
 bool SdoRunner::cancel(quint64 session, int requestId)
 {
-    if (m_current && m_current->session == session && m_current->requestId == requestId) {
-        if (m_client.isBusy())
-            m_client.abort(quint32(SdoAbort::General));
-        return true;
+    for (auto& [node, c] : m_nodes) {
+        if (c->current && c->current->session == session && c->current->requestId == requestId) {
+            if (c->client.isBusy())
+                c->client.abort(quint32(SdoAbort::General));
+            return true;
+        }
     }
     SdoClient::Result result;
     result.error = QStringLiteral("SDO transfer cancelled");
@@ -76,72 +101,88 @@ bool SdoRunner::cancel(quint64 session, int requestId)
 
 quint64 SdoRunner::ownerOf(const CanFrame& frame) const
 {
-    return m_owner != 0 && frame.id == m_responseId ? m_owner : 0;
+    if (frame.id <= sdo::kResponseBase || frame.id > sdo::kResponseBase + 127)
+        return 0;
+    const auto it = m_nodes.find(quint8(frame.id - sdo::kResponseBase));
+    return it == m_nodes.end() ? 0 : it->second->owner;
 }
 
 void SdoRunner::startNext()
 {
-    if (m_current || m_queue.empty())
-        return;
-    m_current = m_queue.takeInTurn(m_lastServed);
-    m_lastServed = m_current->session;
-    m_owner = m_current->session;
-    m_responseId = quint16(sdo::kResponseBase + m_current->node);
+    while (!m_queue.empty()) {
+        std::optional<Request> next =
+            m_queue.takeInTurn(m_lastServed, [this](const Request& r) { return isFree(r.node); });
+        if (!next)
+            return;
+        m_lastServed = next->session;
+        start(channelOf(next->node), std::move(*next));
+    }
+}
+
+void SdoRunner::start(NodeChannel& c, Request request)
+{
+    c.current = std::move(request);
+    c.owner = c.current->session;
     if (!m_channel->isRunning()) {
         SdoClient::Result result;
         result.error = QStringLiteral("controller %1 is not started").arg(m_channel->name());
-        complete(result);
+        complete(c, result);
         return;
     }
-    m_client.setTimeoutMs(m_current->timeoutMs);
+    c.client.setBlockTransfer(m_blockTransfer);
+    c.client.setTimeoutMs(c.current->timeoutMs);
     const qint64 now = serverTimeUs();
-    if (m_current->upload)
-        m_client.startUpload(m_current->node, m_current->index, m_current->subIndex, now);
+    if (c.current->upload)
+        c.client.startUpload(c.current->node, c.current->index, c.current->subIndex, now);
     else
-        m_client.startDownload(m_current->node, m_current->index, m_current->subIndex,
-                               m_current->data, now);
-    rearm();
+        c.client.startDownload(c.current->node, c.current->index, c.current->subIndex,
+                               c.current->data, now);
+    rearm(c);
 }
 
 void SdoRunner::onFrames(const QVector<BusFrame>& frames)
 {
-    if (!m_client.isBusy())
-        return;
     const qint64 now = serverTimeUs();
     for (const BusFrame& f : frames) {
-        // Only what the node sent; our own requests come back here too.
-        if (f.origin == 0 && m_client.onFrame(f.frame, now) && !m_client.isBusy())
-            break;
+        // Only what the nodes sent; our own requests come back here too.
+        if (f.origin != 0 || f.frame.id <= sdo::kResponseBase ||
+            f.frame.id > sdo::kResponseBase + 127)
+            continue;
+        const auto it = m_nodes.find(quint8(f.frame.id - sdo::kResponseBase));
+        if (it == m_nodes.end() || !it->second->client.isBusy())
+            continue;
+        it->second->client.onFrame(f.frame, now);
+        rearm(*it->second);
     }
-    rearm();
 }
 
-void SdoRunner::complete(const SdoClient::Result& result)
+void SdoRunner::complete(NodeChannel& c, const SdoClient::Result& result)
 {
-    m_timer.stop();
-    std::optional<Request> finished = std::move(m_current);
-    m_current.reset();
+    c.timer.stop();
+    std::optional<Request> finished = std::move(c.current);
+    c.current.reset();
     if (finished && finished->done)
         finished->done(result);
     // The owner tag outlives the transfer until the batch that ended it has been handed on.
+    NodeChannel* channel = &c;
     QMetaObject::invokeMethod(
         this,
-        [this] {
-            if (!m_current)
-                m_owner = 0;
+        [this, channel] {
+            if (!channel->current)
+                channel->owner = 0;
             startNext();
         },
         Qt::QueuedConnection);
 }
 
-void SdoRunner::rearm()
+void SdoRunner::rearm(NodeChannel& c)
 {
-    const qint64 deadline = m_client.nextDeadlineUs();
+    const qint64 deadline = c.client.nextDeadlineUs();
     if (deadline < 0) {
-        m_timer.stop();
+        c.timer.stop();
         return;
     }
-    m_timer.start(int(std::max<qint64>(0, (deadline - serverTimeUs() + 999) / 1000)));
+    c.timer.start(int(std::max<qint64>(0, (deadline - serverTimeUs() + 999) / 1000)));
 }
 
 } // namespace qorcalib

@@ -47,6 +47,7 @@ private slots:
     void sdoBounds();
     void sdoLongerThanItsTimeOut();
     void sdoFramesAreTheirSessionsOwn();
+    void absentNodeHoldsUpOnlyItself();
     void killedClientIsReaped();
     void transferEndsWithItsSession();
     void sessionRightAfterAnotherEnds();
@@ -667,6 +668,34 @@ void TstServer::sdoSilentNodeTimesOut()
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
     // A controller that is not started says so.
     QVERIFY(sdoTransfer(a.get(), true, 1, 0x1018, 1, {}, 1)->error().contains("not started"));
+}
+
+void TstServer::absentNodeHoldsUpOnlyItself()
+{
+    // Session b waits for node 0x55, which is not there, for up to 65 s; session a's transfers
+    // to node 1, and a new session's, go through meanwhile.
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    auto b = m_server->connect();
+    QVERIFY(b);
+    CALL_OK(a, bus()->StartController(0));
+    FrameRecorder ra(a.get());
+    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
+    CALL_OK(b, service()->SetSdoTimeout(65535));
+    QSignalSpy bDone(b->notify(), &QCSNotifyReplica::OperationDone);
+    QString error;
+    const auto waiting = b->wait(b->service()->SdoUpload(0, 0x55, 0x1000, 0), &error);
+    QVERIFY(waiting && waiting->error().isEmpty());
+    for (int round = 0; round < 3; ++round)
+        QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
+    auto c = m_server->connect();
+    QVERIFY(c);
+    CALL_OK(c, service()->SetSdoTimeout(1000));
+    QCOMPARE(sdoTransfer(c.get(), true, 1, 0x1000, 0)->abortCode(), 0u);
+    QCOMPARE(bDone.size(), 0);
+    CALL_OK(b, service()->CancelRequest(waiting->requestId()));
+    QTRY_COMPARE(bDone.size(), 1);
 }
 
 void TstServer::sdoFramesAreTheirSessionsOwn()
