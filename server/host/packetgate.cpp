@@ -5,9 +5,6 @@
 namespace qorcalib {
 
 namespace {
-// Read from the connection in pieces of this size at most, so that what waits for a whole
-// packet stays within the packet limit plus one piece.
-constexpr qint64 kReadPiece = 256 * 1024;
 // Packets handed to the node in one turn of the event loop.
 constexpr int kPacketsPerTurn = 32;
 
@@ -21,9 +18,18 @@ qint64 declaredSize(const QByteArray& buffer)
 }
 } // namespace
 
-PacketGate::PacketGate(QIODevice* connection, PacketRules rules, Limits limits, QObject* parent)
-    : QIODevice(parent), m_connection(connection), m_rules(std::move(rules)), m_limits(limits)
+PacketGate::PacketGate(QIODevice* connection, PacketRules rules, Limits limits,
+                       std::shared_ptr<UnfinishedBudget> budget, QObject* parent)
+    : QIODevice(parent), m_connection(connection), m_rules(std::move(rules)), m_limits(limits),
+      m_budget(std::move(budget))
 {
+    m_progress.setSingleShot(true);
+    m_progress.setInterval(m_limits.packetProgressMs);
+    connect(&m_progress, &QTimer::timeout, this, [this] {
+        refuse(QStringLiteral("its packet got no further for %1 s (%2 bytes of it arrived)")
+                   .arg(m_limits.packetProgressMs / 1000)
+                   .arg(m_in.size() - m_inStart));
+    });
     open(QIODevice::ReadWrite | QIODevice::Unbuffered);
     connect(connection, &QIODevice::readyRead, this, &PacketGate::pull);
     connect(connection, &QIODevice::bytesWritten, this, &PacketGate::checkBacklog);
@@ -38,6 +44,24 @@ PacketGate::PacketGate(QIODevice* connection, PacketRules rules, Limits limits, 
     // What arrived right after the greeting is already waiting.
     if (connection->bytesAvailable() > 0)
         QMetaObject::invokeMethod(this, &PacketGate::pull, Qt::QueuedConnection);
+}
+
+PacketGate::~PacketGate()
+{
+    if (m_budget)
+        m_budget->held -= m_held;
+}
+
+void PacketGate::accountUnfinished(bool progressed)
+{
+    const qint64 now = m_refused ? 0 : m_in.size() - m_inStart;
+    if (m_budget)
+        m_budget->held += now - m_held;
+    m_held = now;
+    if (now == 0)
+        m_progress.stop();
+    else if (progressed || !m_progress.isActive())
+        m_progress.start();
 }
 
 qint64 PacketGate::bytesAvailable() const
@@ -64,6 +88,7 @@ void PacketGate::pull()
     if (m_refused || !m_connection)
         return;
     int packets = 0;
+    bool progressed = false;
     while (packets < kPacketsPerTurn) {
         const qsizetype taken = takePacket();
         if (taken < 0)
@@ -76,10 +101,21 @@ void PacketGate::pull()
         // in the kernel, which slows the client down instead of filling the server.
         if (m_connection->bytesAvailable() <= 0)
             break;
+        // A connection that already holds part of a packet waits while the server holds its
+        // budget's worth of unfinished packets; it is looked at again shortly.
+        if (m_budget && m_held > 0 && m_budget->held + kReadPiece > m_budget->limit) {
+            if (!m_pullQueued) {
+                m_pullQueued = true;
+                QTimer::singleShot(20, this, &PacketGate::pull);
+            }
+            break;
+        }
         m_in.remove(0, m_inStart);
         m_inStart = 0;
         m_in.append(m_connection->read(kReadPiece));
+        progressed = true;
     }
+    accountUnfinished(progressed);
     if (!m_accepted.isEmpty())
         emit readyRead();
     // A client that sends a burst is served in turns, so that the others and the bus's own
@@ -160,6 +196,7 @@ void PacketGate::refuse(const QString& reason)
     m_in.clear();
     m_inStart = 0;
     m_out.clear();
+    accountUnfinished(false);
     // Told from the event loop: the node may be in the middle of writing to us.
     QMetaObject::invokeMethod(
         this, [this, reason] { emit refused(reason); }, Qt::QueuedConnection);

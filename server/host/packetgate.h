@@ -6,6 +6,8 @@
 #include <QPointer>
 #include <QTimer>
 
+#include <memory>
+
 namespace qorcalib {
 
 // Stands between one client's connection and the remote objects node, which trusts every
@@ -28,9 +30,27 @@ public:
         // one that leaves twice as much is gone at once.
         qint64 backlog = 16 * 1024 * 1024;
         int stallMs = 5000;
+        // A packet that has begun must make progress: one that gets no byte further for this
+        // long ends its connection (a client that sends most of a large packet and stops would
+        // otherwise hold that memory for good).
+        int packetProgressMs = 5000;
     };
+    // The bytes of packets that have begun but are not yet whole, over all connections of a
+    // server: past `limit`, a connection that already holds some waits (its data stays in the
+    // kernel) until others have completed or been ended, so that many clients each sending most
+    // of a large packet cannot take the server's memory.
+    struct UnfinishedBudget
+    {
+        qint64 limit = 64 * 1024 * 1024;
+        qint64 held = 0;
+    };
+    // What a gate reads from its connection at a time; the connection's own read buffer need
+    // hold no more.
+    static constexpr qint64 kReadPiece = 256 * 1024;
 
-    PacketGate(QIODevice* connection, PacketRules rules, Limits limits, QObject* parent = nullptr);
+    PacketGate(QIODevice* connection, PacketRules rules, Limits limits,
+               std::shared_ptr<UnfinishedBudget> budget = nullptr, QObject* parent = nullptr);
+    ~PacketGate() override;
 
     QIODevice* connection() const { return m_connection; }
     bool isSequential() const override { return true; }
@@ -51,6 +71,8 @@ private:
     qsizetype takePacket();
     void checkBacklog();
     void refuse(const QString& reason);
+    // Brings the budget's count and the progress timer up to what m_in holds now.
+    void accountUnfinished(bool progressed);
 
     QPointer<QIODevice> m_connection;
     PacketRules m_rules;
@@ -60,6 +82,9 @@ private:
     QByteArray m_accepted; // whole packets for the node
     QByteArray m_out;      // from the node, not yet a whole packet
     QTimer m_stall;
+    QTimer m_progress;
+    std::shared_ptr<UnfinishedBudget> m_budget; // shared by the gates of one server
+    qint64 m_held = 0;                          // what this gate counts in m_budget
     bool m_refused = false;
     bool m_pullQueued = false;
 };

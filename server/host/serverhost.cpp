@@ -21,7 +21,12 @@ constexpr qint64 kMaxGreetingLine = 160;
 constexpr qint64 kGreetingBuffer = 4096;
 } // namespace
 
-ServerHost::ServerHost(ServerCore* core, QObject* parent) : QObject(parent), m_core(core) {}
+ServerHost::ServerHost(ServerCore* core, QObject* parent) : QObject(parent), m_core(core)
+{
+    m_failurePeriod = new QTimer(this);
+    m_failurePeriod->setInterval(kFailurePeriodMs);
+    connect(m_failurePeriod, &QTimer::timeout, this, &ServerHost::logFailures);
+}
 
 ServerHost::~ServerHost()
 {
@@ -59,7 +64,8 @@ bool ServerHost::listenLocal(const QString& path, QString* error)
             socket->setReadBufferSize(kGreetingBuffer);
             connect(socket, &QLocalSocket::disconnected, this,
                     [this, socket] { dropConnection(socket); });
-            greet(socket, QStringLiteral("local"), false);
+            makeRoom({});
+            greet(socket, QStringLiteral("local"), {});
         }
     });
     return true;
@@ -95,17 +101,23 @@ bool ServerHost::listenTcp(const QUrl& url, const QByteArray& secret, QString* e
         m_tcp = server;
     connect(server, &QTcpServer::newConnection, this, [this, server] {
         while (QTcpSocket* socket = server->nextPendingConnection()) {
+            const QString address = socket->peerAddress().toString();
+            const auto failures = m_failures.find(address);
+            if (failures != m_failures.end() && failures->second.count >= kMaxFailuresPerPeriod) {
+                ++failures->second.turnedAway;
+                socket->abort();
+                socket->deleteLater();
+                continue;
+            }
             socket->setReadBufferSize(kGreetingBuffer);
             // A client whose machine vanished is noticed by keep-alive instead of never.
             socket->setSocketOption(QAbstractSocket::KeepAliveOption, 1);
             socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
             connect(socket, &QTcpSocket::disconnected, this,
                     [this, socket] { dropConnection(socket); });
-            greet(socket,
-                  QStringLiteral("tcp %1:%2")
-                      .arg(socket->peerAddress().toString())
-                      .arg(socket->peerPort()),
-                  true);
+            makeRoom(address);
+            greet(socket, QStringLiteral("tcp %1:%2").arg(address).arg(socket->peerPort()),
+                  address);
         }
     });
     return true;
@@ -130,18 +142,75 @@ QStringList ServerHost::sessionDescriptions() const
     return list;
 }
 
-void ServerHost::greet(QIODevice* connection, const QString& peer, bool challenge)
+void ServerHost::makeRoom(const QString& address)
+{
+    const bool tcp = !address.isEmpty();
+    const auto count = [&](bool sameAddress) {
+        int n = 0;
+        QIODevice* oldest = nullptr;
+        quint64 oldestId = 0;
+        for (const auto& [connection, p] : m_pending) {
+            if (p.address.isEmpty() == tcp || (sameAddress && p.address != address))
+                continue;
+            ++n;
+            if (!oldest || p.id < oldestId) {
+                oldest = connection;
+                oldestId = p.id;
+            }
+        }
+        return std::pair{n, oldest};
+    };
+    if (tcp)
+        for (auto [n, oldest] = count(true); n >= kMaxPendingPerAddress; --n) {
+            dropConnection(oldest);
+            oldest = count(true).second;
+        }
+    const int limit = tcp ? kMaxPendingTcp : kMaxPendingLocal;
+    for (auto [n, oldest] = count(false); n >= limit; --n) {
+        dropConnection(oldest);
+        oldest = count(false).second;
+    }
+}
+
+void ServerHost::greet(QIODevice* connection, const QString& peer, const QString& address)
 {
     const quint64 id = m_nextSession++;
-    Pending pending{id, peer, challenge ? handshake::newNonce() : QByteArray()};
+    const bool challenge = !address.isEmpty();
+    Pending pending{id, peer, challenge ? handshake::newNonce() : QByteArray(), address};
     m_pending[connection] = pending;
     connection->write(handshake::greetingLine("session-" + QByteArray::number(id), pending.nonce));
     connect(connection, &QIODevice::readyRead, this,
             [this, connection] { readAttach(connection); });
-    QTimer::singleShot(kGreetingTimeoutMs, connection, [this, connection] {
-        if (m_pending.count(connection))
-            dropConnection(connection);
-    });
+    QTimer::singleShot(challenge ? kTcpGreetingTimeoutMs : kGreetingTimeoutMs, connection,
+                       [this, connection] {
+                           if (m_pending.count(connection))
+                               dropConnection(connection);
+                       });
+}
+
+void ServerHost::noteFailure(const QString& address, const QString& peer)
+{
+    Failures& f = m_failures[address];
+    // The first failure of an address in a period is told at once, the rest with their count
+    // when the period ends: a client trying thousands of answers cannot flood the log.
+    if (f.count++ == 0)
+        qWarning("qorcalib-server: %s refused: it does not hold the secret for TCP clients",
+                 qPrintable(peer));
+    else
+        ++f.unlogged;
+    if (!m_failurePeriod->isActive())
+        m_failurePeriod->start();
+}
+
+void ServerHost::logFailures()
+{
+    for (const auto& [address, f] : m_failures)
+        if (f.unlogged > 0 || f.turnedAway > 0)
+            qWarning("qorcalib-server: %s: %d more refused for not holding the secret, %d turned "
+                     "away unheard, in the last %d s",
+                     qPrintable(address), f.unlogged, f.turnedAway, kFailurePeriodMs / 1000);
+    m_failures.clear();
+    m_failurePeriod->stop();
 }
 
 void ServerHost::readAttach(QIODevice* connection)
@@ -165,8 +234,7 @@ void ServerHost::readAttach(QIODevice* connection)
         const QByteArray want =
             handshake::proof(m_secret, p.nonce, "session-" + QByteArray::number(p.id));
         if (!handshake::sameProof(proof, want)) {
-            qWarning("qorcalib-server: %s refused: it does not hold the secret for TCP clients",
-                     qPrintable(p.peer));
+            noteFailure(p.address, p.peer);
             dropConnection(connection);
             return;
         }
@@ -178,17 +246,17 @@ void ServerHost::readAttach(QIODevice* connection)
 
 void ServerHost::attach(QIODevice* connection, const Pending& pending)
 {
-    // The gate reads at most a packet at a time; what the client sends beyond that waits in
-    // the kernel, not in the server.
+    // The gate reads a piece at a time; what the client sends beyond that waits in the
+    // kernel, not in the server.
     if (auto* socket = qobject_cast<QAbstractSocket*>(connection))
-        socket->setReadBufferSize(m_limits.maxPacket);
+        socket->setReadBufferSize(PacketGate::kReadPiece);
     else if (auto* local = qobject_cast<QLocalSocket*>(connection))
-        local->setReadBufferSize(m_limits.maxPacket);
+        local->setReadBufferSize(PacketGate::kReadPiece);
 
     const QString sessionName = QStringLiteral("session-%1").arg(pending.id);
     Client& client = m_clients[connection];
     client.gate = new PacketGate(connection, PacketRules(RemoteContract::server(), sessionName),
-                                 m_limits, connection);
+                                 m_limits, m_budget, connection);
     connect(client.gate, &PacketGate::refused, this,
             [this, connection](const QString& reason) { dropConnection(connection, reason); });
     client.node = new QRemoteObjectHost;

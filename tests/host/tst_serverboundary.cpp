@@ -44,6 +44,9 @@ private slots:
     void killedClientsTransferIsAbortedOnTheBus();
     void sdoRequestsWaitTheirTurn();
     void tcpNeedsTheSecret();
+    void unansweredConnectionsLeaveRoom();
+    void failedProofsAreThrottled();
+    void unfinishedPacketsAreBounded();
     void socketFolderMustBePrivate_data();
     void socketFolderMustBePrivate();
     void headlessServerServes();
@@ -430,6 +433,109 @@ void TstServerBoundary::tcpNeedsTheSecret()
     CALL_OK((&right), bus()->GetControllerCount());
     QString log;
     QTRY_VERIFY2((log += m_server->output()).contains("does not hold the secret"), qPrintable(log));
+}
+
+void TstServerBoundary::unansweredConnectionsLeaveRoom()
+{
+    // 2,000 connections from one stranger that never answer the challenge, against a server
+    // that may open 1,024 files: the user's local clients and a TCP client with the secret are
+    // still served.
+    m_server->setFileLimit(1024);
+    QVERIFY(startServer({QStringLiteral("--listen"), QStringLiteral("tcp://127.0.0.1:0")}));
+    const quint16 port = m_server->waitForTcpPort();
+    QVERIFY(port != 0);
+    std::vector<std::unique_ptr<QTcpSocket>> strangers;
+    for (int i = 0; i < 2000; ++i) {
+        auto& s = strangers.emplace_back(std::make_unique<QTcpSocket>());
+        s->setReadBufferSize(64); // it reads nothing it is sent
+        QVERIFY(s->bind(QHostAddress(QStringLiteral("127.0.0.2"))));
+        s->connectToHost(QHostAddress::LocalHost, port);
+    }
+    // Most of them are through (as many as the server's files would hold) before we ask.
+    QTRY_VERIFY_WITH_TIMEOUT(std::count_if(strangers.begin(), strangers.end(),
+                                           [](const auto& s) {
+                                               return s->state() !=
+                                                      QAbstractSocket::ConnectingState;
+                                           }) >= 1000,
+                             30000);
+    // Well within the 5 s after which the server would drop the strangers anyway.
+    auto local = m_server->connect(1500);
+    QVERIFY(local);
+    CALL_OK(local, bus()->GetControllerCount());
+    ServerConnection right;
+    right.setSecret(handshake::loadSecret(m_server->secretPath()));
+    QString error;
+    QVERIFY2(
+        right.open(ServerAddress::fromMachineName(QStringLiteral("127.0.0.1:%1").arg(port), {}),
+                   1500, &error),
+        qPrintable(error));
+    CALL_OK((&right), bus()->GetControllerCount());
+}
+
+void TstServerBoundary::failedProofsAreThrottled()
+{
+    // Wrong answers from one address are logged once with a count, and past a bound its next
+    // connections are turned away before any greeting.
+    QVERIFY(startServer({QStringLiteral("--listen"), QStringLiteral("tcp://127.0.0.1:0")}));
+    const quint16 port = m_server->waitForTcpPort();
+    QVERIFY(port != 0);
+    int greeted = 0;
+    for (int i = 0; i < 60; ++i) {
+        QTcpSocket raw;
+        QVERIFY(raw.bind(QHostAddress(QStringLiteral("127.0.0.3"))));
+        raw.connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(raw.waitForConnected(3000));
+        QTRY_VERIFY(raw.canReadLine() || raw.state() == QAbstractSocket::UnconnectedState);
+        if (!raw.canReadLine())
+            continue;
+        ++greeted;
+        raw.readLine();
+        raw.write("ATTACH " + QByteArray(64, '0') + "\n");
+        QTRY_COMPARE(raw.state(), QAbstractSocket::UnconnectedState);
+    }
+    QCOMPARE(greeted, 20); // the server's bound of failures per address and period
+    const QString log = m_server->output();
+    QCOMPARE(log.count(QStringLiteral("does not hold the secret")), 1);
+    // Another address is not held to the stranger's count.
+    QTcpSocket other;
+    other.connectToHost(QHostAddress::LocalHost, port);
+    QVERIFY(other.waitForConnected(3000));
+    QTRY_VERIFY(other.canReadLine());
+}
+
+void TstServerBoundary::unfinishedPacketsAreBounded()
+{
+    // 16 local clients each send 15 MiB of a packet that declares 16 MiB and stop there. The
+    // server holds at most its budget of unfinished packets, and ends each of them once its
+    // packet gets no further.
+    QVERIFY(startServer());
+    auto a = attach();
+    QVERIFY(a);
+    const qint64 before = residentKib(m_server->process().processId());
+    std::vector<std::unique_ptr<RogueClient>> rogues;
+    QByteArray header(6, '\0');
+    const quint32 size = 16 * 1024 * 1024 - 16;
+    std::memcpy(header.data(), &size, 4);
+    header[4] = 6;
+    const QByteArray part(15 * 1024 * 1024, '\x42');
+    for (int i = 0; i < 16; ++i) {
+        auto& rogue = rogues.emplace_back(std::make_unique<RogueClient>());
+        QVERIFY(rogue->open(m_server->socketPath()));
+        rogue->send(header);
+        rogue->device()->write(part);
+    }
+    qint64 most = 0;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        [&] {
+            most = std::max(most, residentKib(m_server->process().processId()));
+            return std::none_of(rogues.begin(), rogues.end(),
+                                [](const auto& r) { return r->isConnected(); });
+        }(),
+        20000);
+    QVERIFY2(most - before < 100 * 1024,
+             qPrintable(QStringLiteral("%1 KiB -> %2 KiB").arg(before).arg(most)));
+    // The server goes on serving.
+    CALL_OK(a, bus()->GetControllerCount());
 }
 
 void TstServerBoundary::socketFolderMustBePrivate_data()

@@ -6,6 +6,8 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <sys/resource.h>
+
 namespace qorcalib::test {
 
 QString fastHeartbeatEds(const QTemporaryDir& dir)
@@ -96,6 +98,11 @@ bool ServerProcess::start(const QStringList& arguments)
 {
     m_process.setProcessChannelMode(QProcess::MergedChannels);
     m_process.setProcessEnvironment(m_environment);
+    if (m_fileLimit > 0)
+        m_process.setChildProcessModifier([limit = rlim_t(m_fileLimit)] {
+            const rlimit files{limit, limit};
+            ::setrlimit(RLIMIT_NOFILE, &files);
+        });
     if (qEnvironmentVariableIsSet("TESSEL_SERVER_LOG"))
         m_process.setStandardOutputFile(qEnvironmentVariable("TESSEL_SERVER_LOG"));
     m_process.start(QStringLiteral(QORCALIB_SERVER_PATH),

@@ -33,6 +33,8 @@ public:
     QProcessEnvironment& environment() { return m_environment; }
     // As a service without a display: no DISPLAY, WAYLAND_DISPLAY or QT_QPA_PLATFORM.
     void setHeadless();
+    // The server may open this many files at most, as on a machine with the usual limit.
+    void setFileLimit(int files) { m_fileLimit = files; }
     QString secretPath() const
     {
         return m_dir.path() + QStringLiteral("/config/Qor/qorcalib-server.secret");
@@ -56,6 +58,7 @@ private:
     QProcess m_process;
     QProcessEnvironment m_environment;
     QString m_output;
+    int m_fileLimit = 0;
 };
 
 // The simulated drive's EDS with a 100 ms heartbeat, so that NMT states show quickly; written
