@@ -59,7 +59,7 @@ int bitRateIndexOfText(const QString& text);
 // Connection greeting (handshake.h): on a new connection the server writes
 // "<kGreeting> <session>\n"; the client answers "<kAttach>\n" and from then on the connection
 // carries Qt Remote Objects. TCP adds a challenge and its answer.
-inline constexpr char kGreeting[] = "QORCALIB/1";
+inline constexpr char kGreeting[] = "QORCALIB/2";
 inline constexpr char kAttach[] = "ATTACH";
 constexpr quint16 kDefaultTcpPort = 17420;
 

@@ -5,6 +5,7 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QMessageAuthenticationCode>
 #include <QRandomGenerator>
 #include <QSaveFile>
@@ -49,9 +50,11 @@ Greeting parseGreeting(const QByteArray& line)
     return g;
 }
 
-QByteArray proof(const QByteArray& secret, const QByteArray& nonce, const QByteArray& session)
+QByteArray proof(const QByteArray& secret, const QByteArray& nonce, const QByteArray& session,
+                 const QByteArray& certificateDigest)
 {
-    return QMessageAuthenticationCode::hash(nonce + session, secret, QCryptographicHash::Sha256)
+    return QMessageAuthenticationCode::hash(nonce + session + certificateDigest, secret,
+                                            QCryptographicHash::Sha256)
         .toHex();
 }
 
@@ -94,13 +97,51 @@ QString secretPath()
            QStringLiteral("/Qor/qorcalib-server.secret");
 }
 
-QByteArray loadSecret(const QString& path)
+bool isPrivateFile(const QString& path)
 {
     struct stat st;
     const QByteArray native = QFile::encodeName(path);
+    return ::lstat(native.constData(), &st) == 0 && S_ISREG(st.st_mode) &&
+           st.st_uid == ::getuid() && (st.st_mode & 077) == 0;
+}
+
+QString pinPath()
+{
+    return QFileInfo(secretPath()).absolutePath() + QStringLiteral("/qorcalib-servers.pinned");
+}
+
+QByteArray pinnedDigest(const QString& path, const QString& server)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray key = server.toUtf8();
+    while (!file.atEnd()) {
+        const QList<QByteArray> words = file.readLine(1024).trimmed().split(' ');
+        if (words.size() == 2 && words[0] == key)
+            return QByteArray::fromHex(words[1]);
+    }
+    return {};
+}
+
+bool pin(const QString& path, const QString& server, const QByteArray& digest, QString* error)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::Append) ||
+        !file.setPermissions(QFile::ReadOwner | QFile::WriteOwner) ||
+        file.write(server.toUtf8() + ' ' + digest.toHex() + '\n') < 0) {
+        *error = QStringLiteral("cannot pin the server's certificate in %1: %2")
+                     .arg(path, file.errorString());
+        return false;
+    }
+    return true;
+}
+
+QByteArray loadSecret(const QString& path)
+{
     // A secret others can read, or someone else's file, is no secret.
-    if (::lstat(native.constData(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != ::getuid() ||
-        (st.st_mode & 077) != 0)
+    if (!isPrivateFile(path))
         return {};
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))

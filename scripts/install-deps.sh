@@ -12,6 +12,7 @@ packages=(
   libqt6sql6-sqlite libqt6sql6-psql
   postgresql postgresql-common
   qt6-qpa-plugins
+  libssl-dev
   libgl-dev
   xvfb xauth
   help2man lintian fakeroot dpkg-dev gzip

@@ -5,10 +5,12 @@
 #include "servercore.h"
 #include "serverhost.h"
 #include "statuswindow.h"
+#include "tlsidentity.h"
 
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QSocketNotifier>
 #include <QTimer>
 
@@ -81,9 +83,11 @@ int main(int argc, char** argv)
     const QCommandLineOption listenOption(
         QStringLiteral("listen"),
         QStringLiteral("Also listen on TCP, for clients on other machines, e.g. "
-                       "tcp://127.0.0.1:%1. May be given more than once. Clients must prove that "
-                       "they hold the secret in %2, which the server creates on first use: copy "
-                       "it into the settings of Tessel on the other machines.")
+                       "tcp://127.0.0.1:%1. May be given more than once. The connection is TLS "
+                       "with a certificate the server makes on first use (beside the secret); "
+                       "clients must prove that they hold the secret in %2, which the server "
+                       "creates on first use: copy that file, readable by its user only, to the "
+                       "same place on the other machines.")
             .arg(kDefaultTcpPort)
             .arg(handshake::secretPath()),
         QStringLiteral("tcp://addr:port"));
@@ -208,8 +212,12 @@ int main(int argc, char** argv)
         const QByteArray secret = handshake::loadOrCreateSecret(&error);
         if (secret.isEmpty())
             return fail(error);
+        const auto identity =
+            loadOrCreateTlsIdentity(QFileInfo(handshake::secretPath()).absolutePath(), &error);
+        if (!identity)
+            return fail(error);
         for (const QString& url : parser.values(listenOption))
-            if (!host.listenTcp(QUrl(url), secret, &error))
+            if (!host.listenTcp(QUrl(url), secret, *identity, &error))
                 return fail(error);
     }
 

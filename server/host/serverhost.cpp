@@ -9,6 +9,8 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QRemoteObjectHost>
+#include <QSslConfiguration>
+#include <QSslSocket>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
@@ -16,6 +18,24 @@
 namespace qorcalib {
 
 namespace {
+// Hands out its connections as TLS sockets, not yet encrypted: the host bounds and greets them
+// like any other, and starts the encryption itself.
+class TlsListener : public QTcpServer
+{
+public:
+    using QTcpServer::QTcpServer;
+
+protected:
+    void incomingConnection(qintptr descriptor) override
+    {
+        auto* socket = new QSslSocket(this);
+        if (socket->setSocketDescriptor(descriptor))
+            addPendingConnection(socket);
+        else
+            delete socket;
+    }
+};
+
 constexpr qint64 kMaxGreetingLine = 160;
 // The greeting is all a connection may send before it is attached; its socket keeps no more.
 constexpr qint64 kGreetingBuffer = 4096;
@@ -71,7 +91,8 @@ bool ServerHost::listenLocal(const QString& path, QString* error)
     return true;
 }
 
-bool ServerHost::listenTcp(const QUrl& url, const QByteArray& secret, QString* error)
+bool ServerHost::listenTcp(const QUrl& url, const QByteArray& secret, const TlsIdentity& identity,
+                           QString* error)
 {
     if (url.scheme() != QLatin1String("tcp") || url.host().isEmpty() || url.port() < 0) {
         *error = QStringLiteral("listen address '%1' is not of the form tcp://ADDR:PORT")
@@ -89,7 +110,7 @@ bool ServerHost::listenTcp(const QUrl& url, const QByteArray& secret, QString* e
         *error = QStringLiteral("listen address '%1' is not an IP address").arg(url.host());
         return false;
     }
-    auto* server = new QTcpServer(this);
+    auto* server = new TlsListener(this);
     if (!server->listen(address, quint16(url.port()))) {
         *error =
             QStringLiteral("cannot listen on %1: %2").arg(url.toString(), server->errorString());
@@ -97,6 +118,8 @@ bool ServerHost::listenTcp(const QUrl& url, const QByteArray& secret, QString* e
         return false;
     }
     m_secret = secret;
+    m_identity = identity;
+    m_certificateDigest = identity.certificate.digest(QCryptographicHash::Sha256);
     if (!m_tcp)
         m_tcp = server;
     connect(server, &QTcpServer::newConnection, this, [this, server] {
@@ -118,6 +141,19 @@ bool ServerHost::listenTcp(const QUrl& url, const QByteArray& secret, QString* e
             makeRoom(address);
             greet(socket, QStringLiteral("tcp %1:%2").arg(address).arg(socket->peerPort()),
                   address);
+            // The greeting goes out once the connection is encrypted; a peer that fails the
+            // handshake is dropped, and one that never finishes it meets the greeting's
+            // time-out.
+            auto* tls = static_cast<QSslSocket*>(socket);
+            QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+            config.setLocalCertificate(m_identity.certificate);
+            config.setPrivateKey(m_identity.key);
+            config.setProtocol(QSsl::TlsV1_2OrLater);
+            config.setPeerVerifyMode(QSslSocket::VerifyNone);
+            tls->setSslConfiguration(config);
+            connect(tls, &QSslSocket::encrypted, this, [this, tls] { sendGreeting(tls); });
+            connect(tls, &QSslSocket::sslErrors, this, [this, tls] { dropConnection(tls); });
+            tls->startServerEncryption();
         }
     });
     return true;
@@ -178,14 +214,24 @@ void ServerHost::greet(QIODevice* connection, const QString& peer, const QString
     const bool challenge = !address.isEmpty();
     Pending pending{id, peer, challenge ? handshake::newNonce() : QByteArray(), address};
     m_pending[connection] = pending;
-    connection->write(handshake::greetingLine("session-" + QByteArray::number(id), pending.nonce));
     connect(connection, &QIODevice::readyRead, this,
             [this, connection] { readAttach(connection); });
+    if (!challenge)
+        sendGreeting(connection);
     QTimer::singleShot(challenge ? kTcpGreetingTimeoutMs : kGreetingTimeoutMs, connection,
                        [this, connection] {
                            if (m_pending.count(connection))
                                dropConnection(connection);
                        });
+}
+
+void ServerHost::sendGreeting(QIODevice* connection)
+{
+    const auto pending = m_pending.find(connection);
+    if (pending == m_pending.end())
+        return;
+    connection->write(handshake::greetingLine("session-" + QByteArray::number(pending->second.id),
+                                              pending->second.nonce));
 }
 
 void ServerHost::noteFailure(const QString& address, const QString& peer)
@@ -231,8 +277,8 @@ void ServerHost::readAttach(QIODevice* connection)
     }
     const Pending p = pending->second;
     if (!p.nonce.isEmpty()) {
-        const QByteArray want =
-            handshake::proof(m_secret, p.nonce, "session-" + QByteArray::number(p.id));
+        const QByteArray want = handshake::proof(
+            m_secret, p.nonce, "session-" + QByteArray::number(p.id), m_certificateDigest);
         if (!handshake::sameProof(proof, want)) {
             noteFailure(p.address, p.peer);
             dropConnection(connection);

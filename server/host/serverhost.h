@@ -1,6 +1,7 @@
 #pragma once
 
 #include "packetgate.h"
+#include "tlsidentity.h"
 
 #include <QObject>
 #include <QPointer>
@@ -52,8 +53,10 @@ public:
     // The socket is made reachable by this user only. A stale socket file of a dead server is
     // replaced; a live server on the same path is an error.
     bool listenLocal(const QString& path, QString* error);
-    // "tcp://ADDR:PORT". Clients must prove that they hold `secret` (handshake.h).
-    bool listenTcp(const QUrl& url, const QByteArray& secret, QString* error);
+    // "tcp://ADDR:PORT", in TLS with the server's identity. Clients must prove that they hold
+    // `secret`, bound to the identity's certificate (handshake.h).
+    bool listenTcp(const QUrl& url, const QByteArray& secret, const TlsIdentity& identity,
+                   QString* error);
     QString localPath() const;
     quint16 tcpPort() const;
 
@@ -90,6 +93,8 @@ private:
     };
 
     void greet(QIODevice* connection, const QString& peer, const QString& address);
+    // Writes the greeting of a pending connection.
+    void sendGreeting(QIODevice* connection);
     // Drops the oldest waiting connection of the same kind (and address) while there are as
     // many as the bounds allow.
     void makeRoom(const QString& address);
@@ -103,6 +108,8 @@ private:
     QLocalServer* m_local = nullptr;
     QTcpServer* m_tcp = nullptr;
     QByteArray m_secret;
+    TlsIdentity m_identity;
+    QByteArray m_certificateDigest; // SHA-256 of the certificate, as clients bind proofs to it
     PacketGate::Limits m_limits;
     std::shared_ptr<PacketGate::UnfinishedBudget> m_budget =
         std::make_shared<PacketGate::UnfinishedBudget>();

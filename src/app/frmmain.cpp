@@ -378,7 +378,9 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
 
     m_history.load();
     upgradePanel->showHistory();
-    m_link.setServerSecret(tessel::readServerSecret());
+    QString secretProblem;
+    const QByteArray secret = tessel::readServerSecret(&secretProblem);
+    m_link.setServerSecret(secret, secretProblem);
     if (!m_link.connectToServer(answer, error))
         return false;
     if (m_link.isRemote())

@@ -71,6 +71,8 @@ bool CanLink::openSession(QString* error)
     m_connection = std::make_unique<ServerConnection>();
     m_connection->setSecret(m_secret);
     if (!m_connection->open(address, kConnectTimeoutMs, error)) {
+        if (m_remote && !m_secretProblem.isEmpty() && error->contains(QLatin1String("secret")))
+            *error += QStringLiteral("; ") + m_secretProblem;
         if (m_remote || !startLocalServer(error))
             return false;
         m_connection = std::make_unique<ServerConnection>();

@@ -34,7 +34,12 @@ public:
     bool connectToServer(const QString& answer, QString* error);
     void setLocalSocketPath(const QString& path) { m_localSocketPath = path; }
     // What a server on TCP asks for (see ServerConnection::setSecret).
-    void setServerSecret(const QByteArray& secret) { m_secret = secret; }
+    // problem: why a secret of the settings was not used, told when a server asks for one.
+    void setServerSecret(const QByteArray& secret, const QString& problem = {})
+    {
+        m_secret = secret;
+        m_secretProblem = problem;
+    }
     // The server program to start for "localhost": beside this program, else on PATH.
     static QString serverProgram();
     bool isRemote() const { return m_remote; }
@@ -201,6 +206,7 @@ private:
     QString m_localSocketPath;
     QString m_localSocketError; // why there is no local socket path
     QByteArray m_secret;
+    QString m_secretProblem;
     QString m_machine;
     QString m_selector;
     bool m_remote = false;

@@ -8,6 +8,8 @@
 #include <QEventLoop>
 #include <QLocalSocket>
 #include <QRemoteObjectPendingCallWatcher>
+#include <QSslConfiguration>
+#include <QSslSocket>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -89,13 +91,36 @@ bool ServerConnection::open(const ServerAddress& address, int timeoutMs, QString
             return fail(socket->errorString());
         connect(socket, &QLocalSocket::disconnected, this, &ServerConnection::lose);
     } else {
-        auto* socket = new QTcpSocket(this);
+        auto* socket = new QSslSocket(this);
         m_socket = socket;
-        socket->connectToHost(address.host, address.port);
+        // The server's certificate is its own, signed by nobody: it is pinned, not verified.
+        QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+        config.setPeerVerifyMode(QSslSocket::QueryPeer);
+        config.setProtocol(QSsl::TlsV1_2OrLater);
+        socket->setSslConfiguration(config);
+        socket->connectToHostEncrypted(address.host, address.port);
         if (!socket->waitForConnected(int(deadline.remainingTime())))
             return fail(socket->errorString());
         socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
         socket->setSocketOption(QAbstractSocket::KeepAliveOption, 1);
+        if (!socket->waitForEncrypted(int(deadline.remainingTime())))
+            return fail(QStringLiteral("no TLS with the server: %1").arg(socket->errorString()));
+        m_certificateDigest = socket->peerCertificate().digest(QCryptographicHash::Sha256);
+        const QString pins = m_pinFile.isEmpty() ? handshake::pinPath() : m_pinFile;
+        const QString server = address.display();
+        const QByteArray pinned = handshake::pinnedDigest(pins, server);
+        if (pinned.isEmpty()) {
+            QString pinError;
+            if (!handshake::pin(pins, server, m_certificateDigest, &pinError))
+                return fail(pinError);
+        } else if (pinned != m_certificateDigest) {
+            return fail(QStringLiteral("the server presents another certificate (SHA-256 %1) "
+                                       "than the one pinned for it in %2 (%3): someone may stand "
+                                       "between this machine and the server; if the server was "
+                                       "set up anew, remove its line from that file")
+                            .arg(QString::fromLatin1(m_certificateDigest.toHex()), pins,
+                                 QString::fromLatin1(pinned.toHex())));
+        }
         connect(socket, &QTcpSocket::disconnected, this, &ServerConnection::lose);
     }
 
@@ -113,9 +138,10 @@ bool ServerConnection::open(const ServerAddress& address, int timeoutMs, QString
         const QByteArray secret = m_secret.isEmpty() ? handshake::loadSecret() : m_secret;
         if (secret.isEmpty())
             return fail(QStringLiteral("the server admits only clients that hold its secret "
-                                       "(%1 on the server's machine); put it in the settings")
+                                       "(%1 on the server's machine): copy that file to the "
+                                       "same place here, readable by this user only")
                             .arg(handshake::secretPath()));
-        proof = handshake::proof(secret, greeting.nonce, greeting.session);
+        proof = handshake::proof(secret, greeting.nonce, greeting.session, m_certificateDigest);
     }
     m_socket->write(handshake::attachLine(proof));
     m_node.addClientSideConnection(m_socket);

@@ -41,6 +41,9 @@ public:
     // The secret a server on TCP asks for (handshake.h); without one, this user's own server's
     // secret file is tried.
     void setSecret(const QByteArray& secret) { m_secret = secret; }
+    // Where the certificates of servers met before are pinned (handshake::pinPath() unless
+    // set).
+    void setPinFile(const QString& path) { m_pinFile = path; }
     bool open(const ServerAddress& address, int timeoutMs, QString* error);
     bool isConnected() const;
     QString sessionName() const { return m_session; }
@@ -81,6 +84,8 @@ private:
     QPointer<QIODevice> m_socket;
     QString m_session;
     QByteArray m_secret;
+    QString m_pinFile;
+    QByteArray m_certificateDigest; // of the TLS server's certificate
     bool m_lost = false;
     std::unique_ptr<QCSCanConnectorReplica> m_connector;
     std::unique_ptr<QCSBusReplica> m_bus;

@@ -259,7 +259,9 @@ int TesselCli::run(QStringList args)
 
 int TesselCli::connectAndStart()
 {
-    m_link.setServerSecret(readServerSecret());
+    QString secretProblem;
+    const QByteArray secret = readServerSecret(&secretProblem);
+    m_link.setServerSecret(secret, secretProblem);
     QString error;
     if (!m_link.connectToServer(m_server, &error))
         return fail(kUnreachable, error);

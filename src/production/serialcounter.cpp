@@ -3,6 +3,7 @@
 #include "machinesettings.h"
 
 #include <QAtomicInt>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFileInfo>
 #include <QSettings>
@@ -110,7 +111,7 @@ bool SerialCounter::open(int* number, QString* error)
     QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), m_connection);
     db.setDatabaseName(path);
     // Stations that draw at the same moment wait for each other's write.
-    db.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=10000"));
+    db.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1").arg(m_database.busyTimeoutMs));
     if (!db.open())
         return fail(number, error, serialerror::kCannotOpen,
                     QStringLiteral("%1 cannot be opened: %2").arg(what, db.lastError().text()));
@@ -138,10 +139,25 @@ std::optional<qint32> SerialCounter::next(int* number, QString* error)
              QStringLiteral("%1: %2: %3").arg(what, doing, text));
         return std::nullopt;
     };
+    const QDeadlineTimer lockedDeadline(SerialDatabase::kLockedRetryMs);
+    // Another station's write in the way: wait a little and begin the draw again.
+    const auto locked = [&](const QSqlQuery& q) {
+        const QString text = q.lastError().text();
+        if (!text.contains(QLatin1String("locked"), Qt::CaseInsensitive) ||
+            lockedDeadline.hasExpired())
+            return false;
+        QThread::msleep(20);
+        return true;
+    };
     for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
         QSqlQuery q(db);
-        if (!q.exec(QStringLiteral("select max(id_sk) from zdx_id")))
+        if (!q.exec(QStringLiteral("select max(id_sk) from zdx_id"))) {
+            if (locked(q)) {
+                --attempt;
+                continue;
+            }
             return failed(q, QStringLiteral("reading the counter"));
+        }
         if (!q.next() || q.value(0).isNull()) {
             fail(number, error, serialerror::kNoTable,
                  QStringLiteral("%1: table zdx_id holds no serial").arg(what));
@@ -164,8 +180,13 @@ std::optional<qint32> SerialCounter::next(int* number, QString* error)
                                    .arg(current + 1)
                                    .arg(current);
         QSqlQuery u(db);
-        if (!u.exec(update))
+        if (!u.exec(update)) {
+            if (locked(u)) {
+                --attempt;
+                continue;
+            }
             return failed(u, QStringLiteral("advancing the counter"));
+        }
         if (u.numRowsAffected() >= 1) {
             m_lastUpdate = update;
             return qint32(current + 1);

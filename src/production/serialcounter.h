@@ -31,6 +31,11 @@ struct SerialDatabase
     QString name = QStringLiteral("tessel");
     QString user;
     QString password;
+    // SQLite: how long one statement waits for another station's write to end. A statement
+    // still refused then ("database is locked": SQLite gives up at once where waiting could
+    // deadlock) is tried again, for kLockedRetryMs in all.
+    int busyTimeoutMs = 10000;
+    static constexpr int kLockedRetryMs = 30000;
 
     static SerialDatabase fromSettings();
     static QString defaultFolder();

@@ -1,6 +1,10 @@
 #include "machinesettings.h"
 
+#include <QFile>
 #include <QSettings>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace tessel {
 
@@ -8,6 +12,28 @@ namespace {
 const QString kCompany = QStringLiteral("Qor");
 
 } // namespace
+
+QByteArray readServerSecret(QString* problem)
+{
+    QSettings settings = userSettings();
+    const QByteArray hex = settings.value(QStringLiteral("server/secret")).toByteArray().trimmed();
+    if (hex.isEmpty())
+        return {};
+    // A secret in a file others can read is no secret: it is not used, and the user is told.
+    struct stat st;
+    const QString path = settings.fileName();
+    if (::lstat(QFile::encodeName(path).constData(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        st.st_uid != ::getuid() || (st.st_mode & 077) != 0) {
+        if (problem)
+            *problem = QStringLiteral("the server's secret in %1 is not used: others can read "
+                                      "that file; make it readable by this user only (chmod "
+                                      "600), or keep the secret in qorcalib-server.secret "
+                                      "beside it")
+                           .arg(path);
+        return {};
+    }
+    return QByteArray::fromHex(hex);
+}
 
 QString readRemoteServer(const QString& fallback)
 {
@@ -24,13 +50,6 @@ void writeRemoteServer(const QString& name)
                        QStringLiteral("Common"));
     settings.setValue(QStringLiteral("Common/RemoteServer"), name);
     settings.sync();
-}
-
-QByteArray readServerSecret()
-{
-    QSettings settings = userSettings();
-    return QByteArray::fromHex(
-        settings.value(QStringLiteral("server/secret")).toByteArray().trimmed());
 }
 
 QString externalProgram(const QString& name)

@@ -13,8 +13,8 @@ void writeRemoteServer(const QString& name);
 
 // The secret that a CAN server listening on TCP asks its clients for: per-user setting
 // "server/secret" of "Qor.Tessel", in hexadecimal as the server's secret file holds it. Empty
-// when none is set.
-QByteArray readServerSecret();
+// when none is set, or when the settings file is readable by others (*problem then says so).
+QByteArray readServerSecret(QString* problem = nullptr);
 
 // The command that stands for an external program (postprocess.exe, fflash.exe, ...): the
 // per-user setting "programs/<name>" of "Qor.Tessel" when it names one (a wrapper script, say),

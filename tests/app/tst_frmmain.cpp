@@ -2,6 +2,7 @@
 #include "canmsg.h"
 #include "frmdiagno.h"
 #include "frmmain.h"
+#include "handshake.h"
 #include "machinesettings.h"
 #include "sdopanel.h"
 #include "serverprocess.h"
@@ -512,8 +513,21 @@ void TstFrmMain::overTcpCaption()
     QVERIFY2(stranger.loadError.contains("secret"), qPrintable(stranger.loadError));
     QFile secretFile(tcpServer.secretPath());
     QVERIFY(secretFile.open(QIODevice::ReadOnly));
-    QSettings(QSettings::IniFormat, QSettings::UserScope, "Qor", "Qor.Tessel")
-        .setValue("server/secret", secretFile.readAll().trimmed());
+    // Servers met in earlier runs may have had this port.
+    QFile::remove(qorcalib::handshake::pinPath());
+    QString settingsFile;
+    {
+        QSettings settings(QSettings::IniFormat, QSettings::UserScope, "Qor", "Qor.Tessel");
+        settings.setValue("server/secret", secretFile.readAll().trimmed());
+        settings.sync();
+        settingsFile = settings.fileName();
+    }
+    // A secret in settings that others can read is not used, and Tessel says why.
+    QFile::setPermissions(settingsFile, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther);
+    Tessel exposed(QStringLiteral("/nonexistent/socket"));
+    QVERIFY(!exposed.load("127.0.0.1:" + port));
+    QVERIFY2(exposed.loadError.contains("others can read"), qPrintable(exposed.loadError));
+    QFile::setPermissions(settingsFile, QFile::ReadOwner | QFile::WriteOwner);
     Tessel t(QStringLiteral("/nonexistent/socket"));
     QVERIFY(t.load("127.0.0.1:" + port));
     QCOMPARE(t.window.windowTitle(), "Tessel - 127.0.0.1:" + port);

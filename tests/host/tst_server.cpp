@@ -832,6 +832,8 @@ void TstServer::clientOverTcp()
     const auto port = QRegularExpression("TCP port (\\d+)").match(output);
     QVERIFY(port.hasMatch());
     ServerConnection remote;
+    QTemporaryDir pins;
+    remote.setPinFile(pins.filePath("pinned"));
     remote.setSecret(handshake::loadSecret(m_server->secretPath()));
     QString error;
     QVERIFY2(remote.open(ServerAddress::fromMachineName("127.0.0.1:" + port.captured(1), {}), 5000,

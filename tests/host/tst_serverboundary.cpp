@@ -9,9 +9,17 @@
 #include <QFile>
 #include <QLocalSocket>
 #include <QRandomGenerator>
+#include <QScopeGuard>
+#include <QSslConfiguration>
+#include <QSslKey>
+#include <QSslSocket>
+#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
+
+#include <atomic>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,6 +33,66 @@ QByteArray utf16(const QString& text)
 {
     return QByteArray(reinterpret_cast<const char*>(text.utf16()), text.size() * 2);
 }
+
+// A TLS client of the server's TCP port that takes whatever certificate it is shown.
+void connectTls(QSslSocket* socket, quint16 port, const QString& from = {})
+{
+    if (!from.isEmpty())
+        socket->bind(QHostAddress(from));
+    QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+    config.setPeerVerifyMode(QSslSocket::QueryPeer);
+    socket->setSslConfiguration(config);
+    socket->connectToHostEncrypted(QStringLiteral("127.0.0.1"), port);
+}
+
+// A middle man on TCP: it presents a certificate of its own to whoever connects, opens a
+// connection of its own to the real server, and hands the greeting and the answer on from one
+// to the other, as a stranger who got a client to connect to it would.
+class MiddleMan : public QTcpServer
+{
+public:
+    MiddleMan(QSslCertificate certificate, QSslKey key, quint16 serverPort)
+        : m_certificate(std::move(certificate)), m_key(std::move(key)), m_serverPort(serverPort)
+    {
+    }
+    // Read by the test while the middle man runs in a thread of its own (the client it
+    // deceives waits without running events).
+    std::atomic<bool> serverClosedOnUs = false;
+    std::atomic<qsizetype> fromServerAfterAnswer = 0; // bytes the real server sent after it
+
+protected:
+    void incomingConnection(qintptr descriptor) override
+    {
+        auto* victim = new QSslSocket(this);
+        victim->setSocketDescriptor(descriptor);
+        QSslConfiguration config = QSslConfiguration::defaultConfiguration();
+        config.setLocalCertificate(m_certificate);
+        config.setPrivateKey(m_key);
+        config.setPeerVerifyMode(QSslSocket::VerifyNone);
+        victim->setSslConfiguration(config);
+        auto* server = new QSslSocket(this);
+        QObject::connect(server, &QSslSocket::readyRead, this, [this, victim, server] {
+            const QByteArray data = server->readAll();
+            if (m_answered)
+                fromServerAfterAnswer += data.size();
+            victim->write(data);
+        });
+        QObject::connect(server, &QSslSocket::disconnected, this,
+                         [this] { serverClosedOnUs = m_answered; });
+        QObject::connect(victim, &QSslSocket::readyRead, this, [this, victim, server] {
+            m_answered = true;
+            server->write(victim->readAll());
+        });
+        connectTls(server, m_serverPort);
+        victim->startServerEncryption();
+    }
+
+private:
+    QSslCertificate m_certificate;
+    QSslKey m_key;
+    quint16 m_serverPort;
+    bool m_answered = false;
+};
 
 } // namespace
 
@@ -44,6 +112,7 @@ private slots:
     void killedClientsTransferIsAbortedOnTheBus();
     void sdoRequestsWaitTheirTurn();
     void tcpNeedsTheSecret();
+    void relayedProofIsRefused();
     void unansweredConnectionsLeaveRoom();
     void failedProofsAreThrottled();
     void unfinishedPacketsAreBounded();
@@ -409,9 +478,9 @@ void TstServerBoundary::tcpNeedsTheSecret()
 
     const QList<QByteArray> answers{"ATTACH\n", "ATTACH " + QByteArray(64, '0') + "\n", "attach\n"};
     for (const QByteArray& answer : answers) {
-        QTcpSocket raw;
-        raw.connectToHost(QStringLiteral("127.0.0.1"), port);
-        QVERIFY(raw.waitForConnected(3000));
+        QSslSocket raw;
+        connectTls(&raw, port);
+        QVERIFY(raw.waitForEncrypted(3000));
         QTRY_VERIFY(raw.canReadLine());
         const auto greeting = handshake::parseGreeting(raw.readLine());
         QVERIFY(!greeting.nonce.isEmpty());
@@ -421,16 +490,92 @@ void TstServerBoundary::tcpNeedsTheSecret()
         QCOMPARE(raw.readAll(), QByteArray());
     }
 
+    // Nothing but TLS is spoken on the port.
+    QTcpSocket plain;
+    plain.connectToHost(QStringLiteral("127.0.0.1"), port);
+    QVERIFY(plain.waitForConnected(3000));
+    plain.write("ATTACH\n");
+    QTRY_COMPARE_WITH_TIMEOUT(plain.state(), QAbstractSocket::UnconnectedState, 5000);
+    QVERIFY(!plain.readAll().contains("session"));
+
     const ServerAddress address =
         ServerAddress::fromMachineName(QStringLiteral("127.0.0.1:%1").arg(port), {});
+    const QString pins = m_dir.filePath(QStringLiteral("pinned"));
     QString error;
     ServerConnection wrong;
+    wrong.setPinFile(pins);
     wrong.setSecret(QByteArray(32, 'w'));
     QVERIFY(!wrong.open(address, 3000, &error));
     ServerConnection right;
+    right.setPinFile(pins);
     right.setSecret(secret);
     QVERIFY2(right.open(address, 3000, &error), qPrintable(error));
     CALL_OK((&right), bus()->GetControllerCount());
+    QString log;
+    QTRY_VERIFY2((log += m_server->output()).contains("does not hold the secret"), qPrintable(log));
+
+    // The certificate met first is pinned; a server that presents another is refused.
+    QFile pinFile(pins);
+    QVERIFY(pinFile.open(QIODevice::ReadOnly));
+    QVERIFY(pinFile.readAll().startsWith(QStringLiteral("127.0.0.1:%1 ").arg(port).toUtf8()));
+    pinFile.close();
+    QVERIFY(pinFile.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    pinFile.write(QStringLiteral("127.0.0.1:%1 %2\n").arg(port).arg(QString(64, '0')).toUtf8());
+    pinFile.close();
+    ServerConnection changed;
+    changed.setPinFile(pins);
+    changed.setSecret(secret);
+    QVERIFY(!changed.open(address, 3000, &error));
+    QVERIFY2(error.contains("another certificate"), qPrintable(error));
+}
+
+void TstServerBoundary::relayedProofIsRefused()
+{
+    // A client with the secret is made to connect to a middle man, which relays the real
+    // server's challenge and the client's answer. The answer names the middle man's
+    // certificate, so the real server refuses it, and the middle man gets no session.
+    ServerProcess stranger; // only to give the middle man a TLS identity of its own
+    QVERIFY(stranger.start({QStringLiteral("--listen"), QStringLiteral("tcp://127.0.0.1:0")}));
+    QVERIFY(stranger.waitForTcpPort() != 0);
+    const QString folder = QFileInfo(stranger.secretPath()).absolutePath();
+    QFile certificate(folder + QStringLiteral("/qorcalib-server.crt"));
+    QFile key(folder + QStringLiteral("/qorcalib-server.key"));
+    QVERIFY(certificate.open(QIODevice::ReadOnly) && key.open(QIODevice::ReadOnly));
+    QVERIFY(startServer({QStringLiteral("--listen"), QStringLiteral("tcp://127.0.0.1:0")}));
+    const quint16 port = m_server->waitForTcpPort();
+    QVERIFY(port != 0);
+    QThread thread;
+    thread.start();
+    MiddleMan middle(QSslCertificate(certificate.readAll()), QSslKey(key.readAll(), QSsl::Ec),
+                     port);
+    middle.moveToThread(&thread);
+    bool listening = false;
+    QMetaObject::invokeMethod(
+        &middle, [&] { listening = middle.listen(QHostAddress::LocalHost); },
+        Qt::BlockingQueuedConnection);
+    QVERIFY(listening);
+    const auto stop = qScopeGuard([&] {
+        QMetaObject::invokeMethod(
+            &middle,
+            [&] {
+                middle.close();
+                middle.moveToThread(QCoreApplication::instance()->thread());
+            },
+            Qt::BlockingQueuedConnection);
+        thread.quit();
+        thread.wait();
+    });
+
+    ServerConnection victim;
+    victim.setPinFile(m_dir.filePath(QStringLiteral("victim-pins")));
+    victim.setSecret(handshake::loadSecret(m_server->secretPath()));
+    QString error;
+    QVERIFY(!victim.open(
+        ServerAddress::fromMachineName(QStringLiteral("127.0.0.1:%1").arg(middle.serverPort()), {}),
+        3000, &error));
+    QVERIFY2(!error.contains("no TLS"), qPrintable(error));
+    QTRY_VERIFY(middle.serverClosedOnUs);
+    QCOMPARE(qsizetype(middle.fromServerAfterAnswer), 0);
     QString log;
     QTRY_VERIFY2((log += m_server->output()).contains("does not hold the secret"), qPrintable(log));
 }
@@ -463,6 +608,7 @@ void TstServerBoundary::unansweredConnectionsLeaveRoom()
     QVERIFY(local);
     CALL_OK(local, bus()->GetControllerCount());
     ServerConnection right;
+    right.setPinFile(m_dir.filePath(QStringLiteral("pinned")));
     right.setSecret(handshake::loadSecret(m_server->secretPath()));
     QString error;
     QVERIFY2(
@@ -481,10 +627,8 @@ void TstServerBoundary::failedProofsAreThrottled()
     QVERIFY(port != 0);
     int greeted = 0;
     for (int i = 0; i < 60; ++i) {
-        QTcpSocket raw;
-        QVERIFY(raw.bind(QHostAddress(QStringLiteral("127.0.0.3"))));
-        raw.connectToHost(QHostAddress::LocalHost, port);
-        QVERIFY(raw.waitForConnected(3000));
+        QSslSocket raw;
+        connectTls(&raw, port, QStringLiteral("127.0.0.3"));
         QTRY_VERIFY(raw.canReadLine() || raw.state() == QAbstractSocket::UnconnectedState);
         if (!raw.canReadLine())
             continue;
@@ -497,9 +641,8 @@ void TstServerBoundary::failedProofsAreThrottled()
     const QString log = m_server->output();
     QCOMPARE(log.count(QStringLiteral("does not hold the secret")), 1);
     // Another address is not held to the stranger's count.
-    QTcpSocket other;
-    other.connectToHost(QHostAddress::LocalHost, port);
-    QVERIFY(other.waitForConnected(3000));
+    QSslSocket other;
+    connectTls(&other, port);
     QTRY_VERIFY(other.canReadLine());
 }
 

@@ -13,6 +13,10 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
+
+#include <future>
+#include <thread>
 
 using namespace tessel;
 
@@ -101,6 +105,7 @@ private slots:
     void faults_data();
     void faults();
     void fourStationsOnSQLite();
+    void waitsOutAnotherStationsLock();
     void postgresqlUnreachable();
     void fourStationsOnPostgreSQL();
 
@@ -207,6 +212,41 @@ void TstSerialCounter::fourStationsOnSQLite()
     const QList<int> serials = drawTogether({"sqlite", folder}, 250, &failure);
     QVERIFY2(failure.isEmpty(), qPrintable(failure));
     checkConsecutive(serials, 1001, 1000);
+}
+
+void TstSerialCounter::waitsOutAnotherStationsLock()
+{
+    // Another station holds the file locked for longer than one statement waits: the draw is
+    // tried again until the lock is gone, instead of failing with "database is locked".
+    const QString folder = m_dir.filePath("locked");
+    QVERIFY(QDir().mkpath(folder));
+    QVERIFY(makeDatabase(
+        folder, {"create table zdx_id (id_sk integer)", "insert into zdx_id (id_sk) values (41)"}));
+    std::promise<void> locked;
+    std::thread other([&] {
+        {
+            QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "other-station");
+            db.setDatabaseName(folder + "/tessel.db");
+            db.open();
+            QSqlQuery q(db);
+            q.exec("begin exclusive");
+            locked.set_value();
+            QThread::msleep(500);
+            q.exec("commit");
+            db.close();
+        }
+        QSqlDatabase::removeDatabase("other-station");
+    });
+    locked.get_future().wait();
+    SerialDatabase database = sqliteIn(folder);
+    database.busyTimeoutMs = 50;
+    SerialCounter counter(database);
+    int number = 0;
+    QString error;
+    const auto serial = counter.next(&number, &error);
+    other.join();
+    QVERIFY2(serial, qPrintable(error));
+    QCOMPARE(*serial, 42);
 }
 
 void TstSerialCounter::postgresqlUnreachable()
