@@ -10,6 +10,7 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QFileInfo>
 #include <QSocketNotifier>
 #include <QTimer>
@@ -17,12 +18,16 @@
 #include <csignal>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <sys/socket.h>
 #include <unistd.h>
 
 using namespace qorcalib;
 
 namespace {
+
+// The longest the server waits for its simulated drives to boot before it lets clients in.
+constexpr int kWorldReadyMs = 2000;
 
 int g_signalPipe[2] = {-1, -1};
 
@@ -49,6 +54,25 @@ int fail(const QString& message)
 {
     std::fprintf(stderr, "qorcalib-server: %s\n", qPrintable(message));
     return 1;
+}
+
+// A number option within its range: its value (the fallback when it is not given), or nullopt
+// with *error saying what the option takes.
+std::optional<qint64> boundedOption(const QCommandLineParser& parser,
+                                    const QCommandLineOption& option, qint64 fallback, qint64 low,
+                                    qint64 high, const QString& unit, QString* error)
+{
+    if (!parser.isSet(option))
+        return fallback;
+    bool ok = false;
+    const qint64 value = parser.value(option).toLongLong(&ok);
+    if (ok && value >= low && value <= high)
+        return value;
+    *error = QStringLiteral("--%1 takes a number of %2 from %3 to %4")
+                 .arg(option.names().first(), unit)
+                 .arg(low)
+                 .arg(high);
+    return std::nullopt;
 }
 
 } // namespace
@@ -171,36 +195,41 @@ int main(int argc, char** argv)
     config.paced = !parser.isSet(unpacedOption);
     config.edsPath = parser.value(edsOption);
     config.sdoBlockTransfer = !parser.isSet(segmentedOption);
-    if (parser.isSet(bootCatchOption)) {
-        bool ok = false;
-        config.bootCatchMs = parser.value(bootCatchOption).toInt(&ok);
-        if (!ok || config.bootCatchMs < 10 || config.bootCatchMs > 600000)
-            return fail(QStringLiteral("--boot-catch-ms takes a number of milliseconds from 10 "
-                                       "to 600000"));
-    }
-
-    if (parser.isSet(lssTimeoutOption)) {
-        bool ok = false;
-        config.lssTimeoutMs = parser.value(lssTimeoutOption).toInt(&ok);
-        if (!ok || config.lssTimeoutMs < 1 || config.lssTimeoutMs > 5000)
-            return fail(QStringLiteral("--lss-timeout takes a number of milliseconds from 1 to "
-                                       "5000"));
-    }
-
     QString error;
+    const auto bootCatchMs = boundedOption(parser, bootCatchOption, config.bootCatchMs, 10, 600000,
+                                           QStringLiteral("milliseconds"), &error);
+    const auto lssTimeoutMs = boundedOption(parser, lssTimeoutOption, config.lssTimeoutMs, 1, 5000,
+                                            QStringLiteral("milliseconds"), &error);
+    if (!bootCatchMs || !lssTimeoutMs)
+        return fail(error);
+    config.bootCatchMs = int(*bootCatchMs);
+    config.lssTimeoutMs = int(*lssTimeoutMs);
+
     const auto core = ServerCore::create(config, &error);
     if (!core)
         return fail(error);
     ServerHost host(core.get());
-    if (parser.isSet(backlogOption)) {
-        bool ok = false;
-        const qint64 kib = parser.value(backlogOption).toLongLong(&ok);
-        if (!ok || kib < 16 || kib > 1024 * 1024)
-            return fail(
-                QStringLiteral("--client-backlog takes a number of KiB from 16 to 1048576"));
-        PacketGate::Limits limits = host.gateLimits();
-        limits.backlog = kib * 1024;
-        host.setGateLimits(limits);
+    PacketGate::Limits limits = host.gateLimits();
+    const auto backlogKib = boundedOption(parser, backlogOption, limits.backlog / 1024, 16,
+                                          1024 * 1024, QStringLiteral("KiB"), &error);
+    if (!backlogKib)
+        return fail(error);
+    limits.backlog = *backlogKib * 1024;
+    host.setGateLimits(limits);
+    // Clients are let in once the simulated drives have booted: a line script's first call, made
+    // the moment the server listens, would otherwise go to a drive still in its boot loader.
+    // A drive that never boots (a bench fault) holds nobody up for long.
+    {
+        QEventLoop loop;
+        QTimer poll;
+        QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
+            if (core->worldReady())
+                loop.quit();
+        });
+        poll.start(5);
+        QTimer::singleShot(kWorldReadyMs, &loop, &QEventLoop::quit);
+        if (!core->worldReady())
+            loop.exec();
     }
     const QString socketPath =
         parser.isSet(socketOption) ? parser.value(socketOption) : defaultSocket;

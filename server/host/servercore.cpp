@@ -10,6 +10,8 @@
 #include "simulatedchannel.h"
 #include "simulatedsegment.h"
 
+#include <algorithm>
+
 namespace qorcalib {
 
 namespace {
@@ -113,6 +115,13 @@ SimulatedSegment* ServerCore::segment(int controller) const
 {
     return controller >= 0 && controller < controllerCount() ? m_segments[controller].get()
                                                              : nullptr;
+}
+
+bool ServerCore::worldReady() const
+{
+    return std::all_of(m_drives.begin(), m_drives.end(), [](const auto& drive) {
+        return !drive->isPowered() || drive->mode() == SimDrive::Mode::Application;
+    });
 }
 
 SdoRunner* ServerCore::sdoRunner(int controller) const

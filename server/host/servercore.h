@@ -54,6 +54,10 @@ public:
         return i >= 0 && i < int(m_drives.size()) ? m_drives[i].get() : nullptr;
     }
 
+    // Every simulated drive that has power runs its application (has left its boot loader's
+    // window), so that a client's first request is answered.
+    bool worldReady() const;
+
     bool startController(int controller, QString* error);
     bool restartController(int controller, QString* error);
     bool stopController(int controller, QString* error);

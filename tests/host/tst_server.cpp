@@ -857,6 +857,11 @@ void TstServer::refusesToStart_data()
     QTest::newRow("missing EDS") << QStringList{"--eds", "/nonexistent/drive.eds"}
                                  << "/nonexistent";
     QTest::newRow("bad listen address") << QStringList{"--listen", "udp://1.2.3.4"} << "udp://";
+    QTest::newRow("LSS window of 0 ms")
+        << QStringList{"--lss-timeout", "0"} << "--lss-timeout takes a number of milliseconds";
+    QTest::newRow("LSS window not a number")
+        << QStringList{"--lss-timeout", "25ms"} << "from 1 to 5000";
+    QTest::newRow("backlog too small") << QStringList{"--client-backlog", "15"} << "KiB from 16";
     QTest::newRow("five controllers")
         << QStringList{"--channel", "sim",       "--channel", "sim",       "--channel",
                        "sim",       "--channel", "sim",       "--channel", "sim"}
