@@ -229,9 +229,10 @@ int TesselCli::run(QStringList args)
         takeOption(&args, QStringLiteral("--controller"), QStringLiteral("0")).toInt(&ok);
     if (!ok || m_controller < 0)
         return bad(QStringLiteral("--controller takes a controller number (0, 1, ...)"));
+    // 0: the server's own; the server takes 1 to 65535.
     m_timeoutMs = takeOption(&args, QStringLiteral("--timeout"), QStringLiteral("0")).toInt(&ok);
-    if (!ok || m_timeoutMs < 0)
-        return bad(QStringLiteral("--timeout takes milliseconds"));
+    if (!ok || m_timeoutMs < 0 || m_timeoutMs > 65535)
+        return bad(QStringLiteral("--timeout takes milliseconds, 1 to 65535"));
     if (!args.isEmpty() && args.first() == QLatin1String("--version")) {
         m_out << "tessel-cli " << PROJECT_VERSION << "\n";
         return kOk;

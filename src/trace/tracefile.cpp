@@ -74,8 +74,9 @@ public:
             }
             if (data.size() % 2 != 0 || data.size() > 16)
                 return fail(error, QStringLiteral("data '%1' is not 0 to 8 whole bytes").arg(data));
+            // fromHex skips what is not a digit: "1G" would be read as 01.
             r->data = QByteArray::fromHex(data.toLatin1());
-            if (r->data.size() * 2 != data.size())
+            if (r->data.toHex() != data.toLatin1().toLower())
                 return fail(error, QStringLiteral("data '%1' is not hexadecimal").arg(data));
             r->length = int(r->data.size());
             return Frame;

@@ -142,6 +142,12 @@ void TstTesselCli::abortsAndBadArguments_data()
     QTest::newRow("replay speed 0") << QStringList{"replay", "x.log", "--speed", "0"} << 2
                                     << "tessel-cli: --speed takes a factor from 0.01 to 100\n";
     QTest::newRow("no command") << QStringList{} << 2 << "";
+    QTest::newRow("time-out past what SDO takes")
+        << QStringList{"--timeout", "70000", "sdo", "read", "1,1000,0"} << 2
+        << "tessel-cli: --timeout takes milliseconds, 1 to 65535\n";
+    QTest::newRow("LSS window past its range")
+        << QStringList{"lss", "get", "--lss-timeout", "6000"} << 2
+        << "tessel-cli: --lss-timeout takes milliseconds, 1 to 5000\n";
 }
 
 void TstTesselCli::abortsAndBadArguments()

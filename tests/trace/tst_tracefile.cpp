@@ -128,6 +128,8 @@ void TstTraceFile::refused_data()
                                  << "line 1: not a candump log line";
     QTest::newRow("log odd data") << log << QByteArray("(1.1) can0 123#ABC\n")
                                   << "line 1: data 'ABC' is not 0 to 8 whole bytes";
+    QTest::newRow("log data not hexadecimal")
+        << log << QByteArray("(1.1) can0 123#1G\n") << "line 1: data '1G' is not hexadecimal";
     QTest::newRow("log nine bytes") << log << QByteArray("(1.1) can0 123#001122334455667788\n")
                                     << "line 1: data '001122334455667788' is not 0 to 8 whole "
                                        "bytes";
