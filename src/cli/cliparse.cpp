@@ -148,6 +148,12 @@ std::optional<QByteArray> encodeValue(const QString& type, const QString& text, 
     return bytes;
 }
 
+int typeBytes(const QString& type)
+{
+    const IntType* t = intType(type);
+    return t ? t->bytes : 0;
+}
+
 QString decodeValue(const QString& type, const QByteArray& data)
 {
     if (const IntType* t = intType(type)) {

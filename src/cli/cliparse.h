@@ -46,5 +46,7 @@ QString frameText(quint16 id, const QByteArray& data, bool remote, int length);
 bool knownType(const QString& type);
 std::optional<QByteArray> encodeValue(const QString& type, const QString& text, QString* error);
 QString decodeValue(const QString& type, const QByteArray& data);
+// Bytes of an integer type; 0 for str and hex, which take any length.
+int typeBytes(const QString& type);
 
 } // namespace tessel::cli

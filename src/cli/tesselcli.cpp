@@ -389,6 +389,13 @@ int TesselCli::sdo(QStringList args)
         print(json, QStringLiteral("ok"));
         return kOk;
     }
+    // A type narrower or wider than the entry would show another number than it holds.
+    if (const int bytes = typeBytes(type); bytes > 0 && r.data.size() != bytes)
+        return bad(QStringLiteral("%1 holds %2 bytes (%3); --type %4 takes %5")
+                       .arg(args[1])
+                       .arg(r.data.size())
+                       .arg(QString::fromLatin1(r.data.toHex().toUpper()), type)
+                       .arg(bytes));
     json.insert(QStringLiteral("data"), QString::fromLatin1(r.data.toHex().toUpper()));
     json.insert(QStringLiteral("value"), decodeValue(type, r.data));
     print(json, decodeValue(type, r.data));

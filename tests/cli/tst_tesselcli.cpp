@@ -142,6 +142,9 @@ void TstTesselCli::abortsAndBadArguments_data()
     QTest::newRow("replay speed 0") << QStringList{"replay", "x.log", "--speed", "0"} << 2
                                     << "tessel-cli: --speed takes a factor from 0.01 to 100\n";
     QTest::newRow("no command") << QStringList{} << 2 << "";
+    QTest::newRow("type narrower than the entry")
+        << QStringList{"sdo", "read", "1,1018,1", "--type", "u8"} << 2
+        << "tessel-cli: 1,1018,1 holds 4 bytes (A1030000); --type u8 takes 1\n";
     QTest::newRow("time-out past what SDO takes")
         << QStringList{"--timeout", "70000", "sdo", "read", "1,1000,0"} << 2
         << "tessel-cli: --timeout takes milliseconds, 1 to 65535\n";
