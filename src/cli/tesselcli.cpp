@@ -16,8 +16,12 @@
 #include <QTimer>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <functional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tessel::cli {
@@ -214,9 +218,36 @@ void TesselCli::print(const QJsonObject& json, const QString& text)
     else
         m_out << text << "\n";
     m_out.flush();
+    outputWritten();
 }
 
-int TesselCli::run(QStringList args)
+int TesselCli::run(const QStringList& args)
+{
+    const int code = runCommand(args);
+    if (m_outputFailed.isEmpty() || code != kOk)
+        return code;
+    // The result did not reach standard output: the script must not take it for done.
+    return fail(kFailed, QStringLiteral("cannot write the result: %1").arg(m_outputFailed));
+}
+
+bool TesselCli::outputWritten()
+{
+    if (m_out.status() == QTextStream::Ok && !std::ferror(stdout))
+        return true;
+    const int error = errno;
+    // A reader that went away (dump | head) ends the program as it ends any other: quietly,
+    // by the signal, which the network library has turned off for its sockets.
+    struct stat st;
+    if (error == EPIPE || (::fstat(STDOUT_FILENO, &st) == 0 && S_ISFIFO(st.st_mode))) {
+        std::signal(SIGPIPE, SIG_DFL);
+        std::raise(SIGPIPE);
+    }
+    if (m_outputFailed.isEmpty())
+        m_outputFailed = QString::fromLocal8Bit(std::strerror(error ? error : EIO));
+    return false;
+}
+
+int TesselCli::runCommand(QStringList args)
 {
     m_json = args.removeAll(QStringLiteral("--json")) > 0;
     m_server = takeOption(&args, QStringLiteral("--server"),
@@ -505,7 +536,7 @@ int TesselCli::dump(QStringList args)
                              ++written;
                          }
                          m_out.flush();
-                         if (count > 0 && written >= count)
+                         if (!outputWritten() || (count > 0 && written >= count))
                              loop.quit();
                      });
     QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] { loop.exit(1); });

@@ -14,9 +14,14 @@ class TesselCli
 {
 public:
     TesselCli(QTextStream& out, QTextStream& err);
-    int run(QStringList args);
+    // A result that could not be written to standard output (a full disk) makes the run fail
+    // (exit 4); a reader that went away ends it by SIGPIPE.
+    int run(const QStringList& args);
 
 private:
+    int runCommand(QStringList args);
+    // Whether standard output took what was written; see run().
+    bool outputWritten();
     int sdo(QStringList args);
     int nmt(QStringList args);
     int send(QStringList args);
@@ -44,6 +49,7 @@ private:
     int m_controller = 0;
     int m_timeoutMs = 0;
     bool m_json = false;
+    QString m_outputFailed; // why standard output failed, once it has
 };
 
 } // namespace tessel::cli

@@ -34,6 +34,7 @@ private slots:
     void startedServerDoesNotHoldTheScriptsOutput();
     void longTransferShowsProgressOnATerminal();
     void replayKeepsTheSpacingAtItsSpeed();
+    void outputThatCannotBeWritten();
 
 private:
     Run cli(const QStringList& args, int timeoutMs = 20000)
@@ -320,6 +321,23 @@ void TstTesselCli::longTransferShowsProgressOnATerminal()
     QFile back(out);
     QVERIFY(back.open(QIODevice::ReadOnly));
     QVERIFY(back.readAll() == block);
+}
+
+void TstTesselCli::outputThatCannotBeWritten()
+{
+    // A reader that takes two lines and goes: dump ends instead of writing on for good.
+    QProcess head;
+    head.start("sh", {"-c", QStringLiteral("\"%1\" --socket \"%2\" dump | head -2")
+                                .arg(TESSEL_CLI_PATH, m_server.socketPath())});
+    QVERIFY(head.waitForFinished(20000));
+    QCOMPARE(head.readAllStandardOutput().count('\n'), 2);
+    // A value that cannot be written is not reported done.
+    QProcess full;
+    full.setStandardOutputFile("/dev/full");
+    full.start(TESSEL_CLI_PATH, {"--socket", m_server.socketPath(), "sdo", "read", "1,1018,1"});
+    QVERIFY(full.waitForFinished(20000));
+    QCOMPARE(full.exitCode(), 4);
+    QVERIFY(full.readAllStandardError().contains("cannot write the result"));
 }
 
 void TstTesselCli::replayKeepsTheSpacingAtItsSpeed()
