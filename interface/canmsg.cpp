@@ -35,7 +35,7 @@ bool CanFrame::operator==(const CanFrame& other) const
 void appendRecord(QByteArray& records, const CanFrame& frame)
 {
     char record[kRecordSize] = {};
-    qToLittleEndian<qint16>(qint16(frame.id), record);
+    qToLittleEndian<qint16>(qint16(frame.remote ? frame.id | kRemoteRecordFlag : frame.id), record);
     qToLittleEndian<qint16>(qint16(frame.len), record + 2);
     for (int i = 0; i < frame.len && i < 8; ++i)
         record[4 + i] = char(frame.data[i]);
@@ -56,7 +56,9 @@ CanFrame recordAt(const QByteArray& records, int index)
     if (index < 0 || index >= recordCount(records))
         return frame;
     const char* record = records.constData() + qsizetype(index) * kRecordSize;
-    frame.id = quint16(qFromLittleEndian<qint16>(record));
+    const qint16 id = qFromLittleEndian<qint16>(record);
+    frame.remote = id >= 0 && (id & kRemoteRecordFlag);
+    frame.id = quint16(frame.remote ? id & ~kRemoteRecordFlag : id);
     frame.len = quint8(qBound<qint16>(qint16(0), qFromLittleEndian<qint16>(record + 2), qint16(8)));
     for (int i = 0; i < 8; ++i)
         frame.data[i] = quint8(record[4 + i]);

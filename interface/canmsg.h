@@ -27,10 +27,11 @@ struct CanFrame
 //   bytes 4-11 Data 8 bytes (bytes past Len are zero)
 //   bytes 12-15 Time uint32
 constexpr int kRecordSize = 16;
-// Added to Id in the records of SendTimed: the frame is a remote request of Len bytes.
+// Added to Id (in FilteredRxCan and SendTimed records alike): the frame is a remote request of
+// Len bytes, and its Data are zero.
 constexpr int kRemoteRecordFlag = 0x4000;
 void appendRecord(QByteArray& records, const CanFrame& frame);
-// The frame of record `index`; its length clamped to 0..8.
+// The frame of record `index`; its length clamped to 0..8, a remote request marked as such.
 CanFrame recordAt(const QByteArray& records, int index);
 // The Len field of record `index` as it stands, for a receiver that must refuse a record whose
 // length is not a frame's.

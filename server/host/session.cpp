@@ -52,12 +52,13 @@ QString frameFromMsg(const CanMsg& msg, bool remote, CanFrame* frame)
 QString frameFromRecord(const QByteArray& records, int index, CanFrame* frame)
 {
     const CanFrame record = recordAt(records, index);
-    const int rawId = qint16(record.id);
-    const bool remote = rawId >= 0 && (rawId & kRemoteRecordFlag);
-    const CanMsg msg(remote ? rawId & ~kRemoteRecordFlag : rawId, recordLength(records, index),
-                     remote ? QByteArray()
-                            : QByteArray(reinterpret_cast<const char*>(record.data.data()), 8));
-    const QString error = frameFromMsg(msg, remote, frame);
+    // A negative Id stays negative, for frameFromMsg to refuse.
+    const int id = record.remote ? record.id : qint16(record.id);
+    const CanMsg msg(id, recordLength(records, index),
+                     record.remote
+                         ? QByteArray()
+                         : QByteArray(reinterpret_cast<const char*>(record.data.data()), 8));
+    const QString error = frameFromMsg(msg, record.remote, frame);
     frame->timeUs = record.timeUs;
     return error;
 }

@@ -677,11 +677,9 @@ int CanLink::sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames
     QByteArray records;
     records.reserve(frames.size() * qorcalib::kRecordSize);
     for (qorcalib::CanFrame frame : frames) {
-        if (frame.remote) {
-            frame.id |= qorcalib::kRemoteRecordFlag;
+        if (frame.remote)
             frame.data = {};
-        }
-        qorcalib::appendRecord(records, frame);
+        qorcalib::appendRecord(records, frame); // marks a remote request in its Id
     }
     // Remembered before the call, as send() does.
     for (const qorcalib::CanFrame& f : frames)

@@ -177,17 +177,24 @@ void TstTesselCli::nmtStartSeenInTheDump()
     QVERIFY(dump.waitForStarted());
     QTest::qWait(700);
     QCOMPARE(cli({"nmt", "start", "1"}).exit, 0);
+    // Remote requests are dumped as remote requests, with their length, and so is a frame
+    // without data as one.
+    for (const char* frame : {"123#R3", "124#R", "125#"})
+        QCOMPARE(cli({"send", frame}).exit, 0);
     QVERIFY(dump.waitForFinished(10000));
     QCOMPARE(dump.exitCode(), 0);
     const QStringList lines =
         QString::fromLocal8Bit(dump.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
-    QRegularExpression line("^\\((\\d+)\\.(\\d{6})\\) can0 ([0-9A-F]{3})#([0-9A-F]*)$");
+    QRegularExpression line("^\\((\\d+)\\.(\\d{6})\\) can0 ([0-9A-F]{3})#(R\\d?|[0-9A-F]*)$");
     for (const QString& l : lines)
         QVERIFY2(line.match(l).hasMatch(), qPrintable(l));
     const qsizetype nmt = lines.indexOf(QRegularExpression(".* 000#0101$"));
     QVERIFY2(nmt >= 0, qPrintable(lines.join('\n')));
     // The heartbeat turns operational after the start.
     QVERIFY(lines.mid(nmt).contains(QRegularExpression(".* 701#05$")));
+    for (const char* frame : {" 123#R3", " 124#R", " 125#"})
+        QVERIFY2(lines.indexOf(QRegularExpression(QStringLiteral(".*%1$").arg(frame))) > nmt,
+                 qPrintable(lines.join('\n')));
     QCOMPARE(cli({"nmt", "preop", "1"}).exit, 0);
     // --count ends the dump.
     const Run three = cli({"dump", "--count", "3"});
