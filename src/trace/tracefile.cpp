@@ -28,6 +28,17 @@ QString ascDate(const QDateTime& t)
     return QLocale::c().toString(t, QStringLiteral("ddd MMM dd hh:mm:ss.zzz ap yyyy"));
 }
 
+// Time stamps beyond this (some 31,700 years) are no recording's: refused, and so kept clear of
+// the microsecond count's range.
+constexpr qint64 kMaxTraceSeconds = 1'000'000'000'000;
+
+QString timeOutOfRange(const QString& text)
+{
+    return QStringLiteral("time stamp '%1' is not 0 to %2 s")
+        .arg(text.left(40))
+        .arg(kMaxTraceSeconds);
+}
+
 class CandumpReader : public TraceReader
 {
 public:
@@ -58,7 +69,11 @@ public:
             if (r->id > 0x7FF)
                 return fail(error, QStringLiteral("identifier %1 is not 000 to 7FF").arg(id));
             const QString micros = m.captured(2).leftJustified(6, QLatin1Char('0')).left(6);
-            r->timeUs = m.captured(1).toLongLong() * 1000000 + micros.toLongLong();
+            bool secondsOk = false;
+            const qint64 seconds = m.captured(1).toLongLong(&secondsOk);
+            if (!secondsOk || seconds > kMaxTraceSeconds)
+                return fail(error, timeOutOfRange(m.captured(1)));
+            r->timeUs = seconds * 1000000 + micros.toLongLong();
             static const QRegularExpression digits(QStringLiteral("(\\d+)$"));
             const auto channel = digits.match(m.captured(3));
             r->channel = channel.hasMatch() ? channel.captured(1).toInt() : 0;
@@ -113,6 +128,9 @@ public:
             const double seconds = w[0].toDouble(&ok);
             if (!ok)
                 return fail(error, QStringLiteral("not an ASC line: '%1'").arg(line.left(60)));
+            // Also nan and inf, which compare false either way.
+            if (!(seconds >= 0 && seconds <= double(kMaxTraceSeconds)))
+                return fail(error, timeOutOfRange(w[0]));
             if (w.value(1).compare(QLatin1String("CANFD"), Qt::CaseInsensitive) == 0)
                 return fail(error, QStringLiteral("CAN FD frames are not carried by the server"));
             int channel = w.value(1).toInt(&ok);

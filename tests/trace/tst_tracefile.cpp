@@ -130,6 +130,13 @@ void TstTraceFile::refused_data()
                                   << "line 1: data 'ABC' is not 0 to 8 whole bytes";
     QTest::newRow("log data not hexadecimal")
         << log << QByteArray("(1.1) can0 123#1G\n") << "line 1: data '1G' is not hexadecimal";
+    QTest::newRow("log time past any recording")
+        << log << QByteArray("(9223372036855.000000) can0 123#00\n")
+        << "line 1: time stamp '9223372036855' is not 0 to 1000000000000 s";
+    QTest::newRow("asc time nan") << asc << QByteArray("  nan 1 123 Rx d 1 00\n")
+                                  << "line 1: time stamp 'nan' is not 0 to";
+    QTest::newRow("asc time 1e300") << asc << QByteArray("  1e300 1 123 Rx d 1 00\n")
+                                    << "line 1: time stamp '1e300' is not 0 to";
     QTest::newRow("log nine bytes") << log << QByteArray("(1.1) can0 123#001122334455667788\n")
                                     << "line 1: data '001122334455667788' is not 0 to 8 whole "
                                        "bytes";
