@@ -599,10 +599,18 @@ int TesselCli::replay(QStringList args)
         return fail(
             kFailed,
             QStringLiteral("%1: %2 (after %3 frames)").arg(args[0], error).arg(replay.sent()));
+    // As a player does, lines that are no frame to send are passed over and counted.
+    QString skipped;
+    if (replay.skippedErrorFrames() > 0 || replay.skippedComments() > 0)
+        skipped = QStringLiteral(" (skipped: %1 error frames, %2 comment lines)")
+                      .arg(replay.skippedErrorFrames())
+                      .arg(replay.skippedComments());
     print({{QStringLiteral("command"), QStringLiteral("replay")},
            {QStringLiteral("file"), args[0]},
-           {QStringLiteral("frames"), replay.sent()}},
-          QStringLiteral("%1 frames").arg(replay.sent()));
+           {QStringLiteral("frames"), replay.sent()},
+           {QStringLiteral("errorFramesSkipped"), replay.skippedErrorFrames()},
+           {QStringLiteral("commentsSkipped"), replay.skippedComments()}},
+          QStringLiteral("%1 frames").arg(replay.sent()) + skipped);
     return kOk;
 }
 

@@ -52,8 +52,12 @@ public:
             if (raw == kOverlong)
                 return fail(error, QStringLiteral("longer than %1 characters").arg(kMaxLine));
             const QString line = QString::fromLatin1(raw).trimmed();
-            if (line.isEmpty() || line.startsWith(QLatin1Char('#')))
+            if (line.isEmpty())
                 continue;
+            if (line.startsWith(QLatin1Char('#'))) {
+                ++m_comments;
+                continue;
+            }
             const auto m = frame.match(line);
             if (!m.hasMatch())
                 return fail(error,
@@ -61,6 +65,12 @@ public:
             if (m.captured(5) == QLatin1String("##"))
                 return fail(error, QStringLiteral("CAN FD frames are not carried by the server"));
             const QString id = m.captured(4);
+            // candump writes an error frame with the error flag in an 8-digit identifier.
+            constexpr uint kErrorFrameFlag = 0x20000000;
+            if (id.size() == 8 && (id.toUInt(nullptr, 16) & kErrorFrameFlag)) {
+                ++m_errorFrames;
+                continue;
+            }
             if (id.size() > 3)
                 return fail(error, QStringLiteral("identifier %1 is extended (29-bit): the "
                                                   "server carries 11-bit identifiers")
@@ -113,8 +123,12 @@ public:
             const QString line = QString::fromLatin1(raw).trimmed();
             const QStringList w =
                 line.split(QRegularExpression(QStringLiteral("\\s+")), Qt::SkipEmptyParts);
-            if (w.isEmpty() || line.startsWith(QLatin1String("//")))
+            if (w.isEmpty())
                 continue;
+            if (line.startsWith(QLatin1String("//"))) {
+                ++m_comments;
+                continue;
+            }
             const QString first = w[0].toLower();
             if (first == QLatin1String("date") || first == QLatin1String("internal") ||
                 first == QLatin1String("no") || first == QLatin1String("begin") ||
@@ -134,7 +148,11 @@ public:
             if (w.value(1).compare(QLatin1String("CANFD"), Qt::CaseInsensitive) == 0)
                 return fail(error, QStringLiteral("CAN FD frames are not carried by the server"));
             int channel = w.value(1).toInt(&ok);
-            // Events without a frame (start of measurement, error frames, statistics).
+            if (ok && w.value(2).compare(QLatin1String("ErrorFrame"), Qt::CaseInsensitive) == 0) {
+                ++m_errorFrames;
+                continue;
+            }
+            // Events without a frame (start of measurement, statistics).
             if (!ok || w.size() < 5)
                 continue;
             QString id = w[2];

@@ -66,6 +66,9 @@ public:
     // The next frame; Error with a message that names the line ("line 12: ...").
     virtual Result next(TraceRecord* record, QString* error) = 0;
     qint64 lineNumber() const { return m_line; }
+    // Lines passed over so far, as a player passes them: error frames and comments.
+    qint64 errorFrames() const { return m_errorFrames; }
+    qint64 comments() const { return m_comments; }
 
 protected:
     explicit TraceReader(QIODevice* device) : m_device(device) {}
@@ -80,6 +83,8 @@ protected:
 
     QIODevice* m_device;
     qint64 m_line = 0;
+    qint64 m_errorFrames = 0;
+    qint64 m_comments = 0;
 };
 
 } // namespace tessel

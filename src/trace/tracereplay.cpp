@@ -106,6 +106,10 @@ void TraceReplay::tick()
 
 void TraceReplay::closeFile()
 {
+    if (m_reader) {
+        m_errorFrames = m_reader->errorFrames();
+        m_comments = m_reader->comments();
+    }
     m_reader.reset();
     m_file.close();
 }

@@ -62,6 +62,9 @@ public:
     bool isRunning() const { return m_reader != nullptr || !m_ahead.empty(); }
     // Frames handed to the server and not taken back.
     qint64 sent() const { return m_sent; }
+    // Lines of the file passed over: error frames and comments.
+    qint64 skippedErrorFrames() const { return m_errorFrames; }
+    qint64 skippedComments() const { return m_comments; }
 
 signals:
     // The end, when the last frame handed over is due: error empty when the whole file went
@@ -92,6 +95,8 @@ private:
     QTimer m_timer;
     std::deque<Ahead> m_ahead; // handed over, not yet due
     qint64 m_sent = 0;
+    qint64 m_errorFrames = 0;
+    qint64 m_comments = 0;
 };
 
 } // namespace tessel

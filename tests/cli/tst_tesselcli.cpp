@@ -35,6 +35,7 @@ private slots:
     void longTransferShowsProgressOnATerminal();
     void replayKeepsTheSpacingAtItsSpeed();
     void outputThatCannotBeWritten();
+    void replayPassesOverWhatAPlayerSkips();
 
 private:
     Run cli(const QStringList& args, int timeoutMs = 20000)
@@ -53,6 +54,12 @@ void TstTesselCli::initTestCase()
     QVERIFY(extended.open(QIODevice::WriteOnly));
     extended.write("(1.000000) can0 123#01\n(1.001000) can0 12345678#02\n");
     extended.close();
+    // An error frame and a comment, which a player passes over.
+    QFile player(m_files.filePath("player.log"));
+    QVERIFY(player.open(QIODevice::WriteOnly));
+    player.write("(1.000000) can0 123#01\n# from a bench\n"
+                 "(1.000500) can0 20000080#0000000000000000\n(1.001000) can0 124#02\n");
+    player.close();
     QVERIFY(m_server.start({"--unpaced"}));
     // The drive has booted once it answers.
     QVERIFY(QTest::qWaitFor([&] { return cli({"sdo", "read", "1,1000,0"}).exit == 0; }, 10000));
@@ -328,6 +335,13 @@ void TstTesselCli::longTransferShowsProgressOnATerminal()
     QFile back(out);
     QVERIFY(back.open(QIODevice::ReadOnly));
     QVERIFY(back.readAll() == block);
+}
+
+void TstTesselCli::replayPassesOverWhatAPlayerSkips()
+{
+    const Run r = cli({"replay", m_files.filePath("player.log")});
+    QCOMPARE(r.exit, 0);
+    QCOMPARE(r.out, QString("2 frames (skipped: 1 error frames, 1 comment lines)\n"));
 }
 
 void TstTesselCli::outputThatCannotBeWritten()

@@ -14,6 +14,8 @@ struct ReadAll
 {
     QList<TraceRecord> frames;
     QString error;
+    qint64 errorFrames = 0; // passed over
+    qint64 comments = 0;
 };
 
 ReadAll readAll(const QByteArray& text, TraceFormat format)
@@ -30,6 +32,8 @@ ReadAll readAll(const QByteArray& text, TraceFormat format)
             break;
         r.frames << record;
     }
+    r.errorFrames = reader->errorFrames();
+    r.comments = reader->comments();
     return r;
 }
 
@@ -65,6 +69,7 @@ void TstTraceFile::candumpByHand()
                            "(1436509052.449847) can1 701#7F\n"
                            "\n"
                            "# a comment\n"
+                           "(1436509052.650001) can0 20000080#0000000000000000\n"
                            "(1436509052.650004) can0 123#DEADBEEF R\n"
                            "(1436509052.650104) can0 7FF#R\n"
                            "(1436509052.700000) can0 181#R4\n"
@@ -78,6 +83,9 @@ void TstTraceFile::candumpByHand()
              QStringList({"1436509052249713 ch0 044  rx", "1436509052449847 ch1 701 7f rx",
                           "1436509052650004 ch0 123 deadbeef rx", "1436509052650104 ch0 7ff R0 rx",
                           "1436509052700000 ch0 181 R4 rx", "1436509053500000 ch0 000 0101 rx"}));
+    // The error frame and the comment are passed over, and counted.
+    QCOMPARE(r.errorFrames, 1);
+    QCOMPARE(r.comments, 1);
 }
 
 void TstTraceFile::ascByHand()
@@ -101,6 +109,8 @@ void TstTraceFile::ascByHand()
         shown << show(f);
     QCOMPARE(shown, QStringList({"1234 ch0 701 7f rx", "500000 ch1 601 4018100100000000 tx",
                                  "600000 ch0 123 R0 rx", "1000000 ch0 000 0100 rx"}));
+    QCOMPARE(r.errorFrames, 1);
+    QCOMPARE(r.comments, 1);
     // Identifiers in decimal when the header says so.
     const ReadAll dec =
         readAll("base dec  timestamps absolute\n 0.1 1 1793 Rx d 1 127\n", TraceFormat::Asc);
