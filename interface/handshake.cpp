@@ -13,6 +13,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -178,6 +180,34 @@ QByteArray loadOrCreateSecret(QString* error)
 }
 
 } // namespace handshake
+
+int takeSocketLock(const QString& socketPath, QString* error)
+{
+    const QByteArray path = QFile::encodeName(socketPath + QStringLiteral(".lock"));
+    const int fd = ::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        *error = QStringLiteral("cannot make the lock %1.lock: %2")
+                     .arg(socketPath, QString::fromLocal8Bit(std::strerror(errno)));
+        return -1;
+    }
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        ::close(fd);
+        *error = QStringLiteral("another qorcalib-server already runs on %1").arg(socketPath);
+        return -1;
+    }
+    return fd;
+}
+
+bool socketLockTaken(const QString& socketPath)
+{
+    const QByteArray path = QFile::encodeName(socketPath + QStringLiteral(".lock"));
+    const int fd = ::open(path.constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool taken = ::flock(fd, LOCK_SH | LOCK_NB) != 0;
+    ::close(fd);
+    return taken;
+}
 
 QString privateSocketFolder(QString* error)
 {

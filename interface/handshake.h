@@ -62,6 +62,15 @@ bool pin(const QString& path, const QString& server, const QByteArray& digest, Q
 
 } // namespace handshake
 
+// The lock beside a local socket ("PATH.lock"), held by the server that listens there, from
+// before it listens until it ends, so that two servers never share a path and a client can tell
+// a server that is starting from none at all.
+// The server's side: the lock's descriptor, kept open for the server's life; -1 with *error
+// set when another server holds it.
+int takeSocketLock(const QString& socketPath, QString* error);
+// The client's side: whether a server holds the lock (runs, or is starting).
+bool socketLockTaken(const QString& socketPath);
+
 // The private folder for the local socket when the runtime folder is not set:
 // "<temporary folder>/qorcalib-<uid>", created with mode 0700. An existing one is used only
 // when it is a real folder (not a link), owned by this user and closed to everyone else;

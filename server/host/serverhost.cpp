@@ -15,6 +15,8 @@
 #include <QTcpSocket>
 #include <QTimer>
 
+#include <unistd.h>
+
 namespace qorcalib {
 
 namespace {
@@ -52,10 +54,20 @@ ServerHost::~ServerHost()
 {
     while (!m_clients.empty())
         dropConnection(m_clients.begin()->first);
+    // The socket goes first (QLocalServer removes it), then the lock that guarded it.
+    delete m_local;
+    m_local = nullptr;
+    if (m_socketLock >= 0)
+        ::close(m_socketLock);
 }
 
 bool ServerHost::listenLocal(const QString& path, QString* error)
 {
+    // Held for the host's life: a second server on the same path stops here, before it could
+    // take the first one's socket away.
+    m_socketLock = takeSocketLock(path, error);
+    if (m_socketLock < 0)
+        return false;
     m_local = new QLocalServer(this);
     m_local->setSocketOptions(QLocalServer::UserAccessOption);
     if (!m_local->listen(path)) {

@@ -106,6 +106,7 @@ private:
 
     ServerCore* m_core;
     QLocalServer* m_local = nullptr;
+    int m_socketLock = -1; // the lock beside the local socket (handshake::takeSocketLock)
     QTcpServer* m_tcp = nullptr;
     QByteArray m_secret;
     TlsIdentity m_identity;

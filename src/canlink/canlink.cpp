@@ -3,6 +3,7 @@
 #include "inputblocker.h"
 
 #include "canmsg.h"
+#include "handshake.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
@@ -73,6 +74,8 @@ bool CanLink::openSession(QString* error)
     if (!m_connection->open(address, kConnectTimeoutMs, error)) {
         if (m_remote && !m_secretProblem.isEmpty() && error->contains(QLatin1String("secret")))
             *error += QStringLiteral("; ") + m_secretProblem;
+        if (!m_remote && !m_startsServer)
+            return waitForStartingServer(address, error);
         if (m_remote || !startLocalServer(error))
             return false;
         m_connection = std::make_unique<ServerConnection>();
@@ -80,6 +83,11 @@ bool CanLink::openSession(QString* error)
         if (!m_connection->open(address, kConnectTimeoutMs, error))
             return false;
     }
+    return finishOpening(error);
+}
+
+bool CanLink::finishOpening(QString* error)
+{
     // The server's events reach the program from the event loop, never from inside the
     // remote objects node's read handler: a handler that calls the server (ProgressNotify
     // asks the bench) would otherwise wait for an answer that the busy handler cannot read.
@@ -184,6 +192,23 @@ bool CanLink::reconnect(QString* error)
     m_lostReported = false;
     emit reconnected();
     return true;
+}
+
+bool CanLink::waitForStartingServer(const qorcalib::ServerAddress& address, QString* error)
+{
+    // A server that holds the socket's lock is starting (its drives boot before it listens).
+    const QDeadlineTimer deadline(kServerStartTimeoutMs);
+    while (qorcalib::socketLockTaken(m_localSocketPath) && !deadline.hasExpired()) {
+        QThread::msleep(50);
+        m_connection = std::make_unique<ServerConnection>();
+        if (m_connection->open(address, kConnectTimeoutMs, error))
+            return finishOpening(error);
+    }
+    m_connection.reset();
+    *error = QStringLiteral("%1: no CAN server runs on %2; start one there "
+                            "(qorcalib-server --socket %2), or leave the socket to the default")
+                 .arg(ServerConnection::kNotReachable, m_localSocketPath);
+    return false;
 }
 
 bool CanLink::startLocalServer(QString* error)

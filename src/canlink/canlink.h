@@ -33,6 +33,9 @@ public:
     // started from serverProgram when none answers there; any other name is a server on TCP.
     bool connectToServer(const QString& answer, QString* error);
     void setLocalSocketPath(const QString& path) { m_localSocketPath = path; }
+    // Whether "localhost" starts a server of its own when none answers (the default). Off, it
+    // waits a moment for one that is starting there, then says that none runs.
+    void setStartsServer(bool starts) { m_startsServer = starts; }
     // What a server on TCP asks for (see ServerConnection::setSecret).
     // problem: why a secret of the settings was not used, told when a server asks for one.
     void setServerSecret(const QByteArray& secret, const QString& problem = {})
@@ -198,6 +201,9 @@ private:
     ServerConnection* live(QString* error, bool background = false);
     void onLost();
     bool startLocalServer(QString* error);
+    // After the connection: the session's events and its service.
+    bool finishOpening(QString* error);
+    bool waitForStartingServer(const qorcalib::ServerAddress& address, QString* error);
     void onTxCan(int controller, const CanMsg& msg);
     void onFilteredRxCan(int controller, const QByteArray& records, int count);
     void releaseHeldFrames();
@@ -205,6 +211,7 @@ private:
     std::unique_ptr<ServerConnection> m_connection;
     QString m_localSocketPath;
     QString m_localSocketError; // why there is no local socket path
+    bool m_startsServer = true;
     QByteArray m_secret;
     QString m_secretProblem;
     QString m_machine;

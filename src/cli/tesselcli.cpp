@@ -58,7 +58,8 @@ const QString kUsage = QStringLiteral(
     "Options:\n"
     "  --server NAME     \"localhost\" (the local server, started when none runs; the default),\n"
     "                    HOST or HOST:PORT on TCP; \"#SELECTOR\" after it chooses the service\n"
-    "  --socket PATH     the local server's socket, when not the default one\n"
+    "  --socket PATH     the local server's socket, when not the default one; no server is\n"
+    "                    started there: one that is starting is waited for\n"
     "  --controller N    the server's controller (default: 0)\n"
     "  --timeout MS      the SDO time-out (default: the server's)\n"
     "  --json            results as one JSON object per line\n"
@@ -253,8 +254,11 @@ int TesselCli::runCommand(QStringList args)
     m_server = takeOption(&args, QStringLiteral("--server"),
                           readRemoteServer(QStringLiteral("localhost")));
     const QString socket = takeOption(&args, QStringLiteral("--socket"));
-    if (!socket.isEmpty())
+    // A socket named on purpose is that server's: none of our own is started there.
+    if (!socket.isEmpty()) {
         m_link.setLocalSocketPath(socket);
+        m_link.setStartsServer(false);
+    }
     bool ok = true;
     m_controller =
         takeOption(&args, QStringLiteral("--controller"), QStringLiteral("0")).toInt(&ok);

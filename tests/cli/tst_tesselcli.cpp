@@ -36,6 +36,7 @@ private slots:
     void replayKeepsTheSpacingAtItsSpeed();
     void outputThatCannotBeWritten();
     void replayPassesOverWhatAPlayerSkips();
+    void namedSocketStartsNoServer();
 
 private:
     Run cli(const QStringList& args, int timeoutMs = 20000)
@@ -273,14 +274,18 @@ void TstTesselCli::help()
 
 void TstTesselCli::startedServerDoesNotHoldTheScriptsOutput()
 {
-    // No server on this socket: tessel-cli starts one, which stays for seconds after it. The
-    // script's first call is answered (a line script stops on its first failure).
+    // No server on the default socket (in a runtime folder of the test's own): tessel-cli starts
+    // one, which stays for seconds after it. The script's first call is answered (a line script
+    // stops on its first failure).
     QTemporaryDir dir;
     const QString socket = dir.filePath("qorcalib");
     QProcess script;
-    script.start("sh", {"-c", QStringLiteral("set -e; name=$(\"%1\" --socket \"%2\" sdo read "
-                                             "1,1008,0 --type str); echo \"[$name]\"")
-                                  .arg(TESSEL_CLI_PATH, socket)});
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("XDG_RUNTIME_DIR", dir.path());
+    script.setProcessEnvironment(env);
+    script.start("sh", {"-c", QStringLiteral("set -e; name=$(\"%1\" sdo read 1,1008,0 --type "
+                                             "str); echo \"[$name]\"")
+                                  .arg(TESSEL_CLI_PATH)});
     QElapsedTimer took;
     took.start();
     QVERIFY(script.waitForFinished(30000));
@@ -335,6 +340,26 @@ void TstTesselCli::longTransferShowsProgressOnATerminal()
     QFile back(out);
     QVERIFY(back.open(QIODevice::ReadOnly));
     QVERIFY(back.readAll() == block);
+}
+
+void TstTesselCli::namedSocketStartsNoServer()
+{
+    // A socket named on purpose belongs to a server the user runs: with none there, tessel-cli
+    // says so and starts none of its own (which would end on idle and take the path with it).
+    QTemporaryDir dir;
+    const QString socket = dir.filePath("qorcalib");
+    const Run none = qorcalib::test::runProgram(QStringLiteral(TESSEL_CLI_PATH),
+                                                {"--socket", socket, "sdo", "read", "1,1000,0"});
+    QCOMPARE(none.exit, 3);
+    QVERIFY2(none.err.contains("no CAN server runs on " + socket), qPrintable(none.err));
+    QVERIFY(!QFile::exists(socket));
+    // A second server on a socket in use stops before it listens, and the first one goes on.
+    QProcess second;
+    second.start(QStringLiteral(QORCALIB_SERVER_PATH), {"--socket", m_server.socketPath()});
+    QVERIFY(second.waitForFinished(10000));
+    QCOMPARE(second.exitCode(), 1);
+    QVERIFY(second.readAllStandardError().contains("already runs on"));
+    QCOMPARE(cli({"sdo", "read", "1,1000,0"}).exit, 0);
 }
 
 void TstTesselCli::replayPassesOverWhatAPlayerSkips()
