@@ -327,22 +327,31 @@ int TesselCli::sendFrame(quint16 id, const QByteArray& data, bool remote, int le
 {
     if (const QString e = m_link.send(m_controller, id, length, data, remote); !e.isEmpty())
         return linkFailure(e);
-    // A sent frame waits in the session's queue until the bus takes it, and a session that
-    // ends drops what it has waiting: the program ends only once its frame is out.
-    QElapsedTimer clock;
-    clock.start();
     QString error;
-    while (clock.elapsed() < kSendWaitMs) {
-        const auto status = m_link.status(m_controller, &error);
-        if (!status)
-            return linkFailure(error);
-        if (!(*status & qorcalib::StatusTransmitPending))
-            return -1;
-        QThread::msleep(2);
-    }
+    if (waitUntilSent(kSendWaitMs, &error))
+        return -1;
+    if (!error.isEmpty())
+        return linkFailure(error);
     return fail(kFailed, QStringLiteral("the frame did not go out on controller %1 (no other "
                                         "node on the bus?)")
                              .arg(m_controller));
+}
+
+bool TesselCli::waitUntilSent(int timeoutMs, QString* error)
+{
+    // A sent frame waits in the session's queue until the bus takes it, and a session that
+    // ends drops what it has waiting: the program ends only once its frames are out.
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < timeoutMs) {
+        const auto status = m_link.status(m_controller, error);
+        if (!status)
+            return false;
+        if (!(*status & qorcalib::StatusTransmitPending))
+            return true;
+        QThread::msleep(2);
+    }
+    return false;
 }
 
 int TesselCli::sdo(QStringList args)
@@ -599,6 +608,15 @@ int TesselCli::replay(QStringList args)
     InterruptWatch watch(&loop, [&] { replay.stop(); });
     if (loop.exec() != 0)
         return fail(kUnreachable, ServerConnection::kNotReachable);
+    // What the server took goes out before the session ends, which would drop it.
+    QString waitError;
+    if (!waitUntilSent(kReplayDrainMs, &waitError))
+        return fail(waitError.isEmpty() ? kFailed : kUnreachable,
+                    QStringLiteral("%1: %2 frames handed to the server, but the bus had not "
+                                   "taken them all %3 s later")
+                        .arg(args[0])
+                        .arg(replay.sent())
+                        .arg(kReplayDrainMs / 1000));
     if (!error.isEmpty())
         return fail(
             kFailed,

@@ -39,6 +39,10 @@ private:
     // Sends a frame and waits until the bus took it; an exit code on failure, else -1.
     int sendFrame(quint16 id, const QByteArray& data, bool remote, int length);
     static constexpr int kSendWaitMs = 2000;
+    static constexpr int kReplayDrainMs = 10000;
+    // Waits until the controller has no frame of ours waiting; false on a time-out, or with
+    // *error when the server could not be asked.
+    bool waitUntilSent(int timeoutMs, QString* error);
     void print(const QJsonObject& json, const QString& text);
     QString takeOption(QStringList* args, const QString& name, const QString& fallback = {});
 
