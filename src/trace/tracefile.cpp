@@ -136,6 +136,8 @@ public:
                 continue;
             if (first == QLatin1String("base")) {
                 m_decimal = w.value(1).toLower() == QLatin1String("dec");
+                m_relative =
+                    line.contains(QLatin1String("timestamps relative"), Qt::CaseInsensitive);
                 continue;
             }
             bool ok = false;
@@ -144,6 +146,11 @@ public:
                 return fail(error, QStringLiteral("not an ASC line: '%1'").arg(line.left(60)));
             // Also nan and inf, which compare false either way.
             if (!(seconds >= 0 && seconds <= double(kMaxTraceSeconds)))
+                return fail(error, timeOutOfRange(w[0]));
+            // Relative stamps count from the event before, whatever it was.
+            const qint64 stampUs = qint64(seconds * 1e6 + 0.5);
+            m_clockUs = m_relative ? m_clockUs + stampUs : stampUs;
+            if (m_clockUs > kMaxTraceSeconds * 1000000)
                 return fail(error, timeOutOfRange(w[0]));
             if (w.value(1).compare(QLatin1String("CANFD"), Qt::CaseInsensitive) == 0)
                 return fail(error, QStringLiteral("CAN FD frames are not carried by the server"));
@@ -166,7 +173,7 @@ public:
             const QString dir = w[3].toLower();
             if (dir != QLatin1String("rx") && dir != QLatin1String("tx"))
                 continue;
-            r->timeUs = qint64(seconds * 1e6 + 0.5);
+            r->timeUs = m_clockUs;
             r->channel = std::max(0, channel - 1);
             r->id = quint16(value);
             r->transmitted = dir == QLatin1String("tx");
@@ -201,6 +208,8 @@ public:
 
 private:
     bool m_decimal = false;
+    bool m_relative = false; // "timestamps relative" in the header
+    qint64 m_clockUs = 0;    // the time of the last event read
 };
 } // namespace
 

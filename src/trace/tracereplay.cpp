@@ -50,6 +50,7 @@ bool TraceReplay::start(const QString& fileName, double speed, QString* error)
     m_error.clear();
     m_firstUs = m_next.timeUs;
     m_shiftUs = 0;
+    m_haveLast = false;
     m_clock.start();
     m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this, &TraceReplay::tick, Qt::UniqueConnection);
@@ -74,6 +75,11 @@ void TraceReplay::tick()
     QList<ScheduledFrame> batch;
     std::vector<qint64> localUs;
     while (m_reader && m_ahead.size() + size_t(batch.size()) < size_t(kMaxAhead)) {
+        // A stamp that goes back in time (files joined, a clock set back) is taken as "now":
+        // the frame goes right after the one before it, and those after it keep their spacing
+        // from it. Frames go out in the file's order.
+        if (m_haveLast && m_next.timeUs < m_lastStampUs)
+            m_shiftUs += m_lastDueUs - localDueUs(m_next);
         qint64 dueUs = localDueUs(m_next);
         if (dueUs > nowUs + kAheadUs)
             break;
@@ -83,6 +89,9 @@ void TraceReplay::tick()
         }
         batch.append(ScheduledFrame{m_next, m_serverStartUs + quint32(quint64(dueUs))});
         localUs.push_back(dueUs);
+        m_haveLast = true;
+        m_lastStampUs = m_next.timeUs;
+        m_lastDueUs = dueUs;
         if (m_reader->next(&m_next, &m_error) != TraceReader::Frame)
             closeFile();
     }

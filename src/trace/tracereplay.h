@@ -88,7 +88,10 @@ private:
     TraceRecord m_next; // read, not yet handed over, while the file is open
     QString m_error;    // the bad line, or the frame the server refused
     qint64 m_firstUs = 0;
-    qint64 m_shiftUs = 0; // how far the schedule moved for hold-ups
+    qint64 m_shiftUs = 0; // how far the schedule moved for hold-ups and stamps gone back
+    bool m_haveLast = false;
+    qint64 m_lastStampUs = 0; // the file's time of the frame handed over last
+    qint64 m_lastDueUs = 0;   // and its place in the schedule
     double m_speed = 1.0;
     quint32 m_serverStartUs = 0;
     QElapsedTimer m_clock;

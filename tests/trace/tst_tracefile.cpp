@@ -111,6 +111,15 @@ void TstTraceFile::ascByHand()
                                  "600000 ch0 123 R0 rx", "1000000 ch0 000 0100 rx"}));
     QCOMPARE(r.errorFrames, 1);
     QCOMPARE(r.comments, 1);
+    // Relative stamps count from the event before, frame or not.
+    const ReadAll relative = readAll("base hex  timestamps relative\n"
+                                     "   0.100000 1  701 Rx d 1 7F\n"
+                                     "   0.050000 1  ErrorFrame\n"
+                                     "   0.250000 1  702 Rx d 1 05\n",
+                                     TraceFormat::Asc);
+    QCOMPARE(relative.error, QString());
+    QCOMPARE(relative.frames.size(), 2);
+    QCOMPARE(relative.frames[1].timeUs, 400000);
     // Identifiers in decimal when the header says so.
     const ReadAll dec =
         readAll("base dec  timestamps absolute\n 0.1 1 1793 Rx d 1 127\n", TraceFormat::Asc);

@@ -87,6 +87,7 @@ private slots:
     void framesGetTheirServerTimes_data();
     void framesGetTheirServerTimes();
     void holdUpMovesTheRestKeepingTheSpacing();
+    void stampsGoingBackKeepTheFileOrder();
     void stopTakesBackWhatWaits();
     void refusedFrameEndsTheReplay();
     void denseFileWaitsInBoundedSteps();
@@ -146,6 +147,33 @@ void TstTraceReplay::framesGetTheirServerTimes()
     }
     // The end comes when the last frame is due, not when it was handed over.
     QVERIFY(server.nowUs() >= FakeServer::timeOf(server.handed.back().frame));
+}
+
+void TstTraceReplay::stampsGoingBackKeepTheFileOrder()
+{
+    // Stamps 2.0, 1.0, 1.5, 1.6: the second goes right after the first, and the rest keep
+    // their spacing from it.
+    const QString log = m_dir.filePath("back.log");
+    QFile file(log);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("(2.000000) can0 101#01\n(1.000000) can0 102#02\n(1.500000) can0 103#03\n"
+               "(1.600000) can0 104#04\n");
+    file.close();
+    TraceReplay replay;
+    FakeServer server;
+    server.connect(replay);
+    QSignalSpy finished(&replay, &TraceReplay::finished);
+    QString error;
+    QVERIFY2(replay.start(log, 1.0, &error), qPrintable(error));
+    QVERIFY(finished.wait(5000));
+    QCOMPARE(server.handed.size(), 4);
+    QList<qint64> at;
+    for (const auto& h : server.handed)
+        at << FakeServer::timeOf(h.frame);
+    QCOMPARE(server.handed[1].frame.record.id, quint16(0x102));
+    QCOMPARE(at[1], at[0]);
+    QCOMPARE(at[2] - at[1], 500000);
+    QCOMPARE(at[3] - at[2], 100000);
 }
 
 void TstTraceReplay::holdUpMovesTheRestKeepingTheSpacing()
