@@ -21,6 +21,10 @@ struct CanFrame
     bool operator==(const CanFrame& other) const;
 };
 
+// The most one SDO transfer of this system carries, either way: a value with its answer fits in
+// one packet between server and client (at most 16 MiB).
+constexpr qint64 kMaxSdoBytes = 15 * 1024 * 1024;
+
 // The 16-byte record of FilteredRxCan, little-endian, no padding:
 //   bytes 0-1  Id   int16
 //   bytes 2-3  Len  int16

@@ -39,7 +39,7 @@ public:
     static inline const QString kTimeoutText = QStringLiteral("SDO timeout");
     // The most an upload may bring: more would not fit in one answer to the client. A node that
     // announces or sends more gets abort 05040005.
-    static constexpr qint64 kMaxUploadBytes = 15 * 1024 * 1024;
+    static constexpr qint64 kMaxUploadBytes = kMaxSdoBytes;
 
     explicit SdoClient(std::function<void(const CanFrame&)> send);
 

@@ -486,6 +486,9 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
         error = QStringLiteral("index %1 out of range (0..0xFFFF)").arg(index);
     if (error.isEmpty() && (subIndex < 0 || subIndex > 0xFF))
         error = QStringLiteral("sub-index %1 out of range (0..0xFF)").arg(subIndex);
+    if (error.isEmpty() && data.size() > kMaxSdoBytes)
+        error =
+            QStringLiteral("%1 bytes to download, at most %2").arg(data.size()).arg(kMaxSdoBytes);
     if (!error.isEmpty())
         return RequestReply(0, error);
     const int requestId = m_nextRequest++;

@@ -2,6 +2,7 @@
 
 #include "canmsg.h"
 #include "cliparse.h"
+#include "imagefile.h"
 #include "machinesettings.h"
 #include "numbers.h"
 #include "tracereplay.h"
@@ -95,9 +96,8 @@ private:
     QTimer m_timer;
 };
 
-// An entry's bytes from a file; an SDO transfer carries at most what a 32-bit size says, and
-// a drive takes far less, so a file past kMaxDataFile is refused before it is read.
-constexpr qint64 kMaxDataFile = 64 * 1024 * 1024;
+// An entry's bytes from a file; a file past what one transfer carries (kMaxSdoBytes) is
+// refused before it is read.
 
 std::optional<QByteArray> readDataFile(const QString& name, QString* error)
 {
@@ -106,11 +106,11 @@ std::optional<QByteArray> readDataFile(const QString& name, QString* error)
         *error = QStringLiteral("%1: %2").arg(name, file.errorString());
         return std::nullopt;
     }
-    if (file.size() > kMaxDataFile) {
-        *error = QStringLiteral("%1: %2 bytes, more than an entry takes (at most %3)")
+    if (file.size() > qorcalib::kMaxSdoBytes) {
+        *error = QStringLiteral("%1: %2 bytes, more than one transfer carries (at most %3)")
                      .arg(name)
                      .arg(file.size())
-                     .arg(kMaxDataFile);
+                     .arg(qorcalib::kMaxSdoBytes);
         return std::nullopt;
     }
     return file.readAll();
@@ -363,7 +363,8 @@ int TesselCli::sdo(QStringList args)
                             "NODE, INDEX, SUB hexadecimal; with NODE,INDEX the sub-index is "
                             "INDEX's low byte.\nT: hex (default: bytes as hexadecimal pairs), "
                             "u8, u16, u32, i8, i16, i32 (little-endian), str.\nWith --file "
-                            "the entry's bytes come from FILE, or go to it, as they are.\n"
+                            "the entry's bytes come from FILE, or go to it, as they are "
+                            "(15 MiB at most, what one transfer carries).\n"
                             "A read prints the value; an abort prints its code (8 hexadecimal "
                             "digits) and exits 1.\nA transfer that takes longer than half a "
                             "second shows its progress when standard error is a terminal.\n")))
@@ -708,6 +709,27 @@ int TesselCli::upgrade(QStringList args)
         return bad(QStringLiteral("--node takes a node-ID, 1 to 7F"));
     if (args.size() != 1)
         return bad(QStringLiteral("upgrade takes one firmware file"));
+    // The image is looked at before anything goes on the bus: a file the boot loader would
+    // refuse after a long transfer is refused here, with the reason.
+    int fileError = 0;
+    const auto identity = classifyImage(args[0], &fileError);
+    if (!identity) {
+        QString why = QStringLiteral("cannot be read");
+        if (fileError == FileNotFound)
+            why = QStringLiteral("No such file or directory");
+        else if (fileError == FileTooLarge)
+            why = QStringLiteral("larger than any firmware image (%1 MiB at most)")
+                      .arg(kMaxImageFileBytes / (1024 * 1024));
+        return fail(kFailed, QStringLiteral("%1: %2").arg(args[0], why));
+    }
+    if (identity->kind == ImageKind::Raw)
+        return fail(kFailed, QStringLiteral("%1: a raw image; post-process it first (the "
+                                            "post-processor makes the .sx the boot loader takes)")
+                                 .arg(args[0]));
+    if (identity->kind == ImageKind::Unknown)
+        return fail(kFailed, QStringLiteral("%1: no identification and no version word: not a "
+                                            "firmware image the boot loader takes")
+                                 .arg(args[0]));
     QFile file(args[0]);
     if (!file.open(QIODevice::ReadOnly))
         return fail(kFailed, QStringLiteral("%1: %2").arg(args[0], file.errorString()));
@@ -741,11 +763,15 @@ int TesselCli::upgrade(QStringList args)
         m_link.sdoTransfer(m_controller, false, node, 0x1F50, 1, image);
     progress.end(loaded.error.isEmpty() && loaded.abortCode == 0);
     endTransfer();
-    if (!loaded.error.isEmpty())
-        return linkFailure(loaded.error);
-    if (loaded.abortCode != 0)
-        return fail(kSdoAbort, QStringLiteral("SDO abort %1 (the boot loader refused the image)")
-                                   .arg(hexField(loaded.abortCode, 8)));
+    if (!loaded.error.isEmpty() || loaded.abortCode != 0) {
+        // The drive is not left in its boot loader: it goes back to the application it had.
+        m_link.sdoTransfer(m_controller, false, node, 0x5EF0, 0, QByteArrayLiteral("QorS"));
+        if (!loaded.error.isEmpty())
+            return linkFailure(loaded.error);
+        return fail(kSdoAbort, QStringLiteral("SDO abort %1 (the boot loader refused the image; "
+                                              "node %2 was released to its application)")
+                                   .arg(hexField(loaded.abortCode, 8), hexField(quint32(node), 2)));
+    }
     const CanLink::SdoResult released =
         m_link.sdoTransfer(m_controller, false, node, 0x5EF0, 0, QByteArrayLiteral("QorS"));
     if (!released.error.isEmpty())

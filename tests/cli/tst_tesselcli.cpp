@@ -55,6 +55,10 @@ void TstTesselCli::initTestCase()
     QVERIFY(extended.open(QIODevice::WriteOnly));
     extended.write("(1.000000) can0 123#01\n(1.001000) can0 12345678#02\n");
     extended.close();
+    // Sparse: 16 MiB that take no room.
+    QFile big(m_files.filePath("16mib.bin"));
+    QVERIFY(big.open(QIODevice::WriteOnly) && big.resize(16 * 1024 * 1024));
+    big.close();
     // An error frame and a comment, which a player passes over.
     QFile player(m_files.filePath("player.log"));
     QVERIFY(player.open(QIODevice::WriteOnly));
@@ -148,6 +152,24 @@ void TstTesselCli::abortsAndBadArguments_data()
                           "server "
                           "carries 11-bit identifiers (after 1 frames)\n")
                .arg(m_files.filePath("extended.log"));
+    QTest::newRow("file past what one transfer carries")
+        << QStringList{"sdo", "write", "1,2040,0", "--file", m_files.filePath("16mib.bin")} << 4
+        << QStringLiteral("tessel-cli: %1: 16777216 bytes, more than one transfer carries (at "
+                          "most 15728640)\n")
+               .arg(m_files.filePath("16mib.bin"));
+    QTest::newRow("upgrade with a file that is no image")
+        << QStringList{"upgrade", m_files.filePath("player.log")} << 4
+        << QStringLiteral("tessel-cli: %1: no identification and no version word: not a "
+                          "firmware image the boot loader takes\n")
+               .arg(m_files.filePath("player.log"));
+    QTest::newRow("upgrade with a raw image")
+        << QStringList{"upgrade", QStringLiteral(QORCALIB_DATA_DIR "/firmware/raw-2.2.0.S")} << 4
+        << QStringLiteral("tessel-cli: %1: a raw image; post-process it first (the "
+                          "post-processor makes the .sx the boot loader takes)\n")
+               .arg(QORCALIB_DATA_DIR "/firmware/raw-2.2.0.S");
+    QTest::newRow("upgrade with a file that is not there")
+        << QStringList{"upgrade", "/nonexistent/drive.sx"} << 4
+        << "tessel-cli: /nonexistent/drive.sx: No such file or directory\n";
     QTest::newRow("replay speed 0") << QStringList{"replay", "x.log", "--speed", "0"} << 2
                                     << "tessel-cli: --speed takes a factor from 0.01 to 100\n";
     QTest::newRow("no command") << QStringList{} << 2 << "";
