@@ -3,6 +3,8 @@
 #include <QRegularExpression>
 #include <QStringList>
 
+#include <algorithm>
+
 namespace tessel::cli {
 
 namespace {
@@ -99,6 +101,34 @@ std::optional<Frame> parseFrame(const QString& text, QString* error)
     f.data = bytes;
     f.length = int(bytes.size());
     return f;
+}
+
+std::optional<QList<IdFilter>> parseIdFilters(const QString& text, QString* error)
+{
+    QList<IdFilter> filters;
+    for (const QString& part : text.split(QLatin1Char(','))) {
+        const qsizetype at = part.indexOf(QRegularExpression(QStringLiteral("[:~]")));
+        int id = 0;
+        int mask = 0;
+        if (at <= 0 || !hexField(part.left(at), 4, &id) || !hexField(part.mid(at + 1), 4, &mask) ||
+            id > 0x7FF || mask > 0x7FF) {
+            *error = QStringLiteral("filter '%1' is not ID:MASK or ID~MASK in hexadecimal, 000 "
+                                    "to 7FF (for example 700:780)")
+                         .arg(part);
+            return std::nullopt;
+        }
+        filters.append({quint16(id), quint16(mask), part[at] == QLatin1Char('~')});
+    }
+    return filters;
+}
+
+bool passes(const QList<IdFilter>& filters, quint16 id)
+{
+    if (filters.isEmpty())
+        return true;
+    return std::any_of(filters.begin(), filters.end(), [id](const IdFilter& f) {
+        return ((id & f.mask) == (f.id & f.mask)) != f.inverted;
+    });
 }
 
 QString frameText(quint16 id, const QByteArray& data, bool remote, int length)

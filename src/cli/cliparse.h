@@ -38,6 +38,18 @@ struct Frame
     int length = 0;
 };
 std::optional<Frame> parseFrame(const QString& text, QString* error);
+// Receive filters as candump takes them: "ID:MASK" (a frame passes when its identifier and ID
+// agree in every bit of MASK) or "ID~MASK" (when they do not), several joined by ",", in
+// hexadecimal; a frame passes when any filter lets it.
+struct IdFilter
+{
+    quint16 id = 0;
+    quint16 mask = 0;
+    bool inverted = false;
+};
+std::optional<QList<IdFilter>> parseIdFilters(const QString& text, QString* error);
+bool passes(const QList<IdFilter>& filters, quint16 id);
+
 // "ID#DATA" back, as candump writes it.
 QString frameText(quint16 id, const QByteArray& data, bool remote, int length);
 

@@ -47,7 +47,7 @@ const QString kUsage = QStringLiteral(
     "  sdo read|write NODE,INDEX[,SUB] --file FILE   the entry's bytes to or from a file\n"
     "  nmt start|stop|preop|reset|resetcomm [NODE]   NMT command (NODE hexadecimal; 0: all)\n"
     "  send ID#DATA                                  send a frame (candump syntax; ID#R remote)\n"
-    "  dump [--count N] [--seconds S]                received frames as a candump log\n"
+    "  dump [--count N] [--seconds S] [--filter F]   received frames as a candump log\n"
     "  lss get | lss set NODE RATE [--lss-timeout MS]\n"
     "                                                find the node / give a waiting one its\n"
     "                                                node-ID and rate\n"
@@ -504,11 +504,21 @@ int TesselCli::send(QStringList args)
 
 int TesselCli::dump(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli dump [--count N] [--seconds S]\n"
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli dump [--count N] [--seconds S] "
+                                       "[--filter ID:MASK[,...]]\n"
                                        "Writes the frames the controller receives, one line "
                                        "each as a candump log:\n  (SECONDS.MICRO) canN "
-                                       "ID#DATA\nuntil N frames, S seconds, or an interrupt.\n")))
+                                       "ID#DATA\nuntil N frames, S seconds, or an interrupt.\n"
+                                       "--filter as candump: ID:MASK passes a frame whose "
+                                       "identifier agrees with ID in every bit of MASK, ID~MASK "
+                                       "one that does not; a frame passes when any filter lets "
+                                       "it (hexadecimal, e.g. 700:780 for heartbeats).\n")))
         return kOk;
+    QString filterError;
+    const auto filters = parseIdFilters(
+        takeOption(&args, QStringLiteral("--filter"), QStringLiteral("000:000")), &filterError);
+    if (!filters)
+        return bad(filterError);
     bool ok = true;
     const qint64 count =
         takeOption(&args, QStringLiteral("--count"), QStringLiteral("0")).toLongLong(&ok);
@@ -535,6 +545,8 @@ int TesselCli::dump(QStringList args)
                              return;
                          for (int i = 0; i < n && (count == 0 || written < count); ++i) {
                              const CanFrame f = recordAt(records, i);
+                             if (!passes(*filters, f.id))
+                                 continue;
                              if (epochUs < 0) {
                                  epochUs = QDateTime::currentMSecsSinceEpoch() * 1000;
                                  firstStamp = f.timeUs;

@@ -230,6 +230,10 @@ void TstTesselCli::nmtStartSeenInTheDump()
     const Run three = cli({"dump", "--count", "3"});
     QCOMPARE(three.exit, 0);
     QCOMPARE(three.out.count('\n'), 3);
+    // Filtered as candump filters: heartbeats only.
+    const Run heartbeats = cli({"dump", "--count", "2", "--filter", "700:780"});
+    QCOMPARE(heartbeats.exit, 0);
+    QCOMPARE(heartbeats.out.count(" 701#"), 2);
 }
 
 void TstTesselCli::jsonLines()
