@@ -52,6 +52,7 @@ const QString kUsage = QStringLiteral(
     "                                                find the node / give a waiting one its\n"
     "                                                node-ID and rate\n"
     "  upgrade FILE [--node N]                       load firmware through the boot loader\n"
+    "  bitrate CONTROLLER RATE                       switch a controller's bit rate\n"
     "  replay FILE [--speed X]                       send a candump log or ASC file's frames\n"
     "                                                with their recorded spacing\n"
     "COMMAND --help tells more.\n"
@@ -292,6 +293,8 @@ int TesselCli::runCommand(QStringList args)
         return upgrade(args);
     if (command == QLatin1String("replay"))
         return replay(args);
+    if (command == QLatin1String("bitrate"))
+        return bitrate(args);
     return bad(QStringLiteral("unknown command '%1' (see --help)").arg(command));
 }
 
@@ -646,6 +649,37 @@ int TesselCli::replay(QStringList args)
            {QStringLiteral("errorFramesSkipped"), replay.skippedErrorFrames()},
            {QStringLiteral("commentsSkipped"), replay.skippedComments()}},
           QStringLiteral("%1 frames").arg(replay.sent()) + skipped);
+    return kOk;
+}
+
+int TesselCli::bitrate(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli bitrate CONTROLLER RATE\nSwitches "
+                                       "the server's controller to RATE (1000K, 800K, 500K, "
+                                       "250K, 125K, 100K, 50K, 25K, 10K) and restarts it, as "
+                                       "the controller's list in Tessel does: after lss set, the "
+                                       "rate the drive now uses.\n")))
+        return kOk;
+    if (args.size() != 2)
+        return bad(QStringLiteral("bitrate takes a controller and a rate"));
+    bool ok = false;
+    const int controller = args[0].toInt(&ok);
+    if (!ok || controller < 0)
+        return bad(QStringLiteral("controller '%1' is not a controller number").arg(args[0]));
+    const int rate = bitRateIndexOfText(args[1]);
+    if (rate < 0)
+        return bad(QStringLiteral("bit rate '%1' is not one of 1000K ... 10K").arg(args[1]));
+    m_controller = controller;
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    for (const QString& e :
+         {m_link.setBitRate(controller, rate), m_link.restartController(controller)})
+        if (!e.isEmpty())
+            return linkFailure(e);
+    print({{QStringLiteral("command"), QStringLiteral("bitrate")},
+           {QStringLiteral("controller"), controller},
+           {QStringLiteral("bitrate"), bitRateText(rate)}},
+          QStringLiteral("controller %1 at %2").arg(controller).arg(bitRateText(rate)));
     return kOk;
 }
 

@@ -29,6 +29,7 @@ private:
     int lss(QStringList args);
     int upgrade(QStringList args);
     int replay(QStringList args);
+    int bitrate(QStringList args);
 
     int bad(const QString& message);
     int fail(int code, const QString& message);

@@ -283,11 +283,22 @@ void TstTesselCli::upgradeAndLss()
     QCOMPARE(get.out, QString("node FF at 250K\n"));
     const Run bad = cli({"--controller", "1", "lss", "set", "0", "250K"});
     QCOMPARE(bad.exit, 2);
+    // Configured to 500K, the drive is reached once the script switches the controller too.
+    QCOMPARE(cli({"--controller", "1", "lss", "set", "22", "500K"}).exit, 0);
+    QCOMPARE(cli({"--controller", "1", "--timeout", "300", "sdo", "read", "22,1000,0"}).exit, 4);
+    const Run switched = cli({"bitrate", "1", "500K"});
+    QCOMPARE(switched.out, QString("controller 1 at 500K\n"));
+    QVERIFY(QTest::qWaitFor(
+        [&] {
+            return cli({"--controller", "1", "sdo", "read", "22,1000,0"}).exit == 0;
+        },
+        5000));
+    QCOMPARE(cli({"bitrate", "1", "499K"}).exit, 2);
 }
 
 void TstTesselCli::help()
 {
-    for (const char* command : {"sdo", "nmt", "send", "dump", "lss", "upgrade"}) {
+    for (const char* command : {"sdo", "nmt", "send", "dump", "lss", "upgrade", "bitrate"}) {
         const Run r = cli({command, "--help"});
         QCOMPARE(r.exit, 0);
         QVERIFY2(r.out.startsWith(QStringLiteral("Usage: tessel-cli ") + command),
