@@ -5,6 +5,7 @@
 #include "imagefile.h"
 #include "machinesettings.h"
 #include "numbers.h"
+#include "sdoabort.h"
 #include "tracereplay.h"
 
 #include <QCoreApplication>
@@ -69,7 +70,7 @@ const QString kUsage = QStringLiteral(
     "\n"
     "Exit status:\n"
     "  0  done\n"
-    "  1  SDO abort (the abort code on standard error)\n"
+    "  1  SDO abort (the abort code and its meaning on standard error)\n"
     "  2  bad arguments\n"
     "  3  server not reachable\n"
     "  4  the service failed (no answer, bus or file error)\n"
@@ -173,15 +174,21 @@ TesselCli::TesselCli(QTextStream& out, QTextStream& err) : m_out(out), m_err(err
 
 int TesselCli::bad(const QString& message)
 {
-    m_err << "tessel-cli: " << message << "\n";
-    m_err.flush();
-    return kBadArguments;
+    return fail(kBadArguments, message);
 }
 
 int TesselCli::fail(int code, const QString& message)
 {
     m_err << "tessel-cli: " << message << "\n";
     m_err.flush();
+    // With --json every outcome is one object on standard output, a failure too: what the
+    // command had found (m_context), the error and the exit status.
+    if (m_json) {
+        QJsonObject json = m_context;
+        json.insert(QStringLiteral("error"), message);
+        json.insert(QStringLiteral("exit"), code);
+        print(json, {});
+    }
     return code;
 }
 
@@ -279,6 +286,7 @@ int TesselCli::runCommand(QStringList args)
         return args.isEmpty() ? kBadArguments : kOk;
     }
     const QString command = args.takeFirst();
+    m_context = {{QStringLiteral("command"), command}};
     if (command == QLatin1String("sdo"))
         return sdo(args);
     if (command == QLatin1String("nmt"))
@@ -408,19 +416,23 @@ int TesselCli::sdo(QStringList args)
     const CanLink::SdoResult r = m_link.sdoTransfer(m_controller, !write, address->node,
                                                     address->index, address->subIndex, data);
     progress.end(r.error.isEmpty() && r.abortCode == 0);
+    // Numbers as numbers, with the hexadecimal form beside those people read in hexadecimal.
     QJsonObject json{{QStringLiteral("command"),
                       write ? QStringLiteral("sdo write") : QStringLiteral("sdo read")},
                      {QStringLiteral("node"), address->node},
-                     {QStringLiteral("index"), QString::number(address->index, 16).toUpper()},
+                     {QStringLiteral("index"), address->index},
+                     {QStringLiteral("indexHex"), hexField(quint32(address->index), 4)},
                      {QStringLiteral("sub"), address->subIndex}};
+    m_context = json;
     if (!r.error.isEmpty())
         return linkFailure(r.error);
     if (r.abortCode != 0) {
         const QString code = hexField(r.abortCode, 8);
-        json.insert(QStringLiteral("abort"), code);
-        if (m_json)
-            print(json, {});
-        return fail(kSdoAbort, QStringLiteral("SDO abort %1").arg(code));
+        const QString meaning = qorcalib::sdoAbortText(r.abortCode);
+        m_context.insert(QStringLiteral("abort"), qint64(r.abortCode));
+        m_context.insert(QStringLiteral("abortHex"), code);
+        m_context.insert(QStringLiteral("abortText"), meaning);
+        return fail(kSdoAbort, QStringLiteral("SDO abort %1 (%2)").arg(code, meaning));
     }
     if (!fileName.isEmpty()) {
         if (!write && !writeDataFile(fileName, r.data, &error))
@@ -445,8 +457,12 @@ int TesselCli::sdo(QStringList args)
                        .arg(QString::fromLatin1(r.data.toHex().toUpper()), type)
                        .arg(bytes));
     json.insert(QStringLiteral("data"), QString::fromLatin1(r.data.toHex().toUpper()));
-    json.insert(QStringLiteral("value"), decodeValue(type, r.data));
-    print(json, decodeValue(type, r.data));
+    const QString value = decodeValue(type, r.data);
+    if (typeBytes(type) > 0)
+        json.insert(QStringLiteral("value"), value.toLongLong());
+    else
+        json.insert(QStringLiteral("value"), value);
+    print(json, value);
     return kOk;
 }
 
@@ -557,11 +573,26 @@ int TesselCli::dump(QStringList args)
                              const qint64 us = epochUs + qint64(quint32(f.timeUs - firstStamp));
                              const QByteArray data(reinterpret_cast<const char*>(f.data.data()),
                                                    f.len);
-                             m_out << QStringLiteral("(%1.%2) can%3 ")
-                                          .arg(us / 1000000)
-                                          .arg(us % 1000000, 6, 10, QLatin1Char('0'))
-                                          .arg(m_controller)
-                                   << frameText(f.id, data, f.remote, f.len) << "\n";
+                             if (m_json) {
+                                 const QJsonObject frame{
+                                     {QStringLiteral("time"), double(us) / 1e6},
+                                     {QStringLiteral("controller"), m_controller},
+                                     {QStringLiteral("id"), f.id},
+                                     {QStringLiteral("idHex"), hexField(f.id, 3)},
+                                     {QStringLiteral("remote"), f.remote},
+                                     {QStringLiteral("length"), f.len},
+                                     {QStringLiteral("data"),
+                                      QString::fromLatin1(f.remote ? QByteArray()
+                                                                   : data.toHex().toUpper())}};
+                                 m_out << QJsonDocument(frame).toJson(QJsonDocument::Compact)
+                                       << "\n";
+                             } else {
+                                 m_out << QStringLiteral("(%1.%2) can%3 ")
+                                              .arg(us / 1000000)
+                                              .arg(us % 1000000, 6, 10, QLatin1Char('0'))
+                                              .arg(m_controller)
+                                       << frameText(f.id, data, f.remote, f.len) << "\n";
+                             }
                              ++written;
                          }
                          m_out.flush();

@@ -54,6 +54,7 @@ private:
     int m_controller = 0;
     int m_timeoutMs = 0;
     bool m_json = false;
+    QJsonObject m_context;  // what the running command found, for a failure's JSON object
     QString m_outputFailed; // why standard output failed, once it has
 };
 

@@ -114,9 +114,11 @@ void TstTesselCli::abortsAndBadArguments_data()
     QTest::addColumn<int>("exit");
     QTest::addColumn<QString>("err");
     QTest::newRow("no such object")
-        << QStringList{"sdo", "read", "1,2222,0"} << 1 << "tessel-cli: SDO abort 06020000\n";
+        << QStringList{"sdo", "read", "1,2222,0"} << 1
+        << "tessel-cli: SDO abort 06020000 (Object does not exist in the object dictionary)\n";
     QTest::newRow("read-only") << QStringList{"sdo", "write", "1,1000,0", "00000000"} << 1
-                               << "tessel-cli: SDO abort 06010002\n";
+                               << "tessel-cli: SDO abort 06010002 (Attempt to write a read only "
+                                  "object)\n";
     QTest::newRow("node that does not answer")
         << QStringList{"sdo", "read", "5,1000,0"} << 4 << "tessel-cli: SDO timeout\n";
     QTest::newRow("unknown command")
@@ -242,16 +244,42 @@ void TstTesselCli::jsonLines()
     QCOMPARE(r.exit, 0);
     QCOMPARE(r.out.count('\n'), 1);
     const QJsonObject o = QJsonDocument::fromJson(r.out.toUtf8()).object();
+    // Numbers as numbers, the hexadecimal form beside them.
     QCOMPARE(o["command"].toString(), QString("sdo read"));
     QCOMPARE(o["node"].toInt(), 1);
-    QCOMPARE(o["index"].toString(), QString("1018"));
+    QCOMPARE(o["index"].toInt(), 0x1018);
+    QCOMPARE(o["indexHex"].toString(), QString("1018"));
     QCOMPARE(o["sub"].toInt(), 1);
     QCOMPARE(o["data"].toString(), QString("A1030000"));
-    QCOMPARE(o["value"].toString(), QString("929"));
-    const Run abort = cli({"--json", "sdo", "read", "1,2222,0"});
-    QCOMPARE(abort.exit, 1);
-    QCOMPARE(QJsonDocument::fromJson(abort.out.toUtf8()).object()["abort"].toString(),
-             QString("06020000"));
+    QCOMPARE(o["value"].toInteger(), 929);
+    // Every outcome is one object: an abort with its meaning, a time-out, a bad argument.
+    // The one object of a failed run, when it is one object and names the run's exit status.
+    const auto outcome = [this](const QStringList& args) {
+        const Run r = cli(QStringList{"--json"} + args);
+        const QJsonObject o = QJsonDocument::fromJson(r.out.toUtf8()).object();
+        return r.out.count('\n') == 1 && o["exit"].toInt() == r.exit ? o : QJsonObject();
+    };
+    const QJsonObject abort = outcome({"sdo", "read", "1,2222,0"});
+    QCOMPARE(abort["exit"].toInt(), 1);
+    QCOMPARE(abort["abort"].toInteger(), 0x06020000);
+    QCOMPARE(abort["abortHex"].toString(), QString("06020000"));
+    QCOMPARE(abort["abortText"].toString(),
+             QString("Object does not exist in the object dictionary"));
+    const QJsonObject timeout = outcome({"--timeout", "200", "sdo", "read", "5,1000,0"});
+    QCOMPARE(timeout["exit"].toInt(), 4);
+    QCOMPARE(timeout["error"].toString(), QString("SDO timeout"));
+    const QJsonObject badAddress = outcome({"sdo", "read", "1;1018"});
+    QCOMPARE(badAddress["exit"].toInt(), 2);
+    QCOMPARE(badAddress["command"].toString(), QString("sdo"));
+    // dump: a frame an object.
+    const Run frames = cli({"--json", "dump", "--count", "2", "--filter", "701:7FF"});
+    QCOMPARE(frames.exit, 0);
+    const QStringList lines = frames.out.split('\n', Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 2);
+    const QJsonObject frame = QJsonDocument::fromJson(lines[0].toUtf8()).object();
+    QCOMPARE(frame["id"].toInt(), 0x701);
+    QCOMPARE(frame["idHex"].toString(), QString("701"));
+    QCOMPARE(frame["length"].toInt(), 1);
 }
 
 void TstTesselCli::serverNotRunning()
