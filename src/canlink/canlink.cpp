@@ -32,6 +32,8 @@ constexpr int kTimedEchoMemory = 1024;
 CanLink::CanLink(QObject* parent)
     : QObject(parent), m_localSocketPath(qorcalib::defaultLocalSocketPath(&m_localSocketError))
 {
+    m_reaper.setInterval(100);
+    connect(&m_reaper, &QTimer::timeout, this, &CanLink::reapRetired);
 }
 
 CanLink::~CanLink() = default;
@@ -69,7 +71,7 @@ bool CanLink::connectToServer(const QString& answer, QString* error)
 bool CanLink::openSession(QString* error)
 {
     const auto address = qorcalib::ServerAddress::fromMachineName(m_machine, m_localSocketPath);
-    m_connection = std::make_unique<ServerConnection>();
+    replaceConnection(std::make_unique<ServerConnection>());
     m_connection->setSecret(m_secret);
     if (!m_connection->open(address, kConnectTimeoutMs, error)) {
         if (m_remote && !m_secretProblem.isEmpty() && error->contains(QLatin1String("secret")))
@@ -78,7 +80,7 @@ bool CanLink::openSession(QString* error)
             return waitForStartingServer(address, error);
         if (m_remote || !startLocalServer(error))
             return false;
-        m_connection = std::make_unique<ServerConnection>();
+        replaceConnection(std::make_unique<ServerConnection>());
         m_connection->setSecret(m_secret);
         if (!m_connection->open(address, kConnectTimeoutMs, error))
             return false;
@@ -123,6 +125,27 @@ bool CanLink::finishOpening(QString* error)
     return true;
 }
 
+void CanLink::replaceConnection(std::unique_ptr<ServerConnection> next)
+{
+    // A lost connection is still on the stack while its loss is told: the message about it
+    // runs an event loop of its own, in which a poll may connect again. It is kept until
+    // nothing on the stack works with it any more.
+    if (m_connection) {
+        m_connection->disconnect(this);
+        m_retired.push_back(std::move(m_connection));
+        if (!m_reaper.isActive())
+            m_reaper.start();
+    }
+    m_connection = std::move(next);
+}
+
+void CanLink::reapRetired()
+{
+    std::erase_if(m_retired, [](const auto& c) { return !c->inUse(); });
+    if (m_retired.empty())
+        m_reaper.stop();
+}
+
 void CanLink::onLost()
 {
     // Said once; the link comes back at the next operation (or the next attempt of the main
@@ -157,7 +180,7 @@ bool CanLink::reconnect(QString* error)
     }
     m_reconnecting = true;
     if (!openSession(error)) {
-        m_connection.reset();
+        replaceConnection(nullptr);
         m_reconnecting = false;
         return false;
     }
@@ -186,7 +209,7 @@ bool CanLink::reconnect(QString* error)
         restoreSession();
     m_reconnecting = false;
     if (!ok) {
-        m_connection.reset();
+        replaceConnection(nullptr);
         return false;
     }
     m_lostReported = false;
@@ -200,11 +223,11 @@ bool CanLink::waitForStartingServer(const qorcalib::ServerAddress& address, QStr
     const QDeadlineTimer deadline(kServerStartTimeoutMs);
     while (qorcalib::socketLockTaken(m_localSocketPath) && !deadline.hasExpired()) {
         QThread::msleep(50);
-        m_connection = std::make_unique<ServerConnection>();
+        replaceConnection(std::make_unique<ServerConnection>());
         if (m_connection->open(address, kConnectTimeoutMs, error))
             return finishOpening(error);
     }
-    m_connection.reset();
+    replaceConnection(nullptr);
     *error = QStringLiteral("%1: no CAN server runs on %2; start one there "
                             "(qorcalib-server --socket %2), or leave the socket to the default")
                  .arg(ServerConnection::kNotReachable, m_localSocketPath);

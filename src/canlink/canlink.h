@@ -8,10 +8,12 @@
 #include <QEventLoop>
 #include <QObject>
 #include <QQueue>
+#include <QTimer>
 
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace tessel {
 
@@ -201,6 +203,8 @@ private:
     ServerConnection* live(QString* error, bool background = false);
     void onLost();
     bool startLocalServer(QString* error);
+    void replaceConnection(std::unique_ptr<ServerConnection> next);
+    void reapRetired();
     // After the connection: the session's events and its service.
     bool finishOpening(QString* error);
     bool waitForStartingServer(const qorcalib::ServerAddress& address, QString* error);
@@ -243,6 +247,9 @@ private:
     // What the session had set, to be set again on a new connection.
     static constexpr int kRetryMs = 2000;
     QElapsedTimer m_lastAttempt;
+    // Connections replaced while something may still refer to them (see replaceConnection).
+    std::vector<std::unique_ptr<ServerConnection>> m_retired;
+    QTimer m_reaper;
     bool m_everConnected = false;
     bool m_reconnecting = false;
     bool m_lostReported = false;

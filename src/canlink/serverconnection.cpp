@@ -8,6 +8,7 @@
 #include <QEventLoop>
 #include <QLocalSocket>
 #include <QRemoteObjectPendingCallWatcher>
+#include <QScopeGuard>
 #include <QSslConfiguration>
 #include <QSslSocket>
 #include <QTcpSocket>
@@ -181,6 +182,8 @@ bool ServerConnection::waitFor(QRemoteObjectPendingCall& call, int timeoutMs)
         return call.error() == QRemoteObjectPendingCall::NoError;
     if (!isConnected())
         return false;
+    ++m_inUse;
+    const auto done = qScopeGuard([this] { --m_inUse; });
     QRemoteObjectPendingCallWatcher watcher(call);
     QEventLoop loop;
     connect(&watcher, &QRemoteObjectPendingCallWatcher::finished, &loop, &QEventLoop::quit);
@@ -197,6 +200,8 @@ void ServerConnection::lose()
     if (m_lost)
         return;
     m_lost = true;
+    ++m_inUse;
+    const auto done = qScopeGuard([this] { --m_inUse; });
     emit connectionLost();
 }
 

@@ -46,6 +46,9 @@ public:
     void setPinFile(const QString& path) { m_pinFile = path; }
     bool open(const ServerAddress& address, int timeoutMs, QString* error);
     bool isConnected() const;
+    // Something on the stack still works with it: a wait for a reply, or the tale of its loss
+    // (whose message may run an event loop of its own). It must outlive that.
+    bool inUse() const { return m_inUse > 0; }
     QString sessionName() const { return m_session; }
 
     QCSCanConnectorReplica* connector() const { return m_connector.get(); }
@@ -87,6 +90,7 @@ private:
     QString m_pinFile;
     QByteArray m_certificateDigest; // of the TLS server's certificate
     bool m_lost = false;
+    int m_inUse = 0;
     std::unique_ptr<QCSCanConnectorReplica> m_connector;
     std::unique_ptr<QCSBusReplica> m_bus;
     std::unique_ptr<QCSNotifyReplica> m_notify;

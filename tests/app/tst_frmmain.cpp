@@ -47,6 +47,7 @@ private slots:
     void secondTesselFollowsChangedConfig();
     void filterAndChannelBoxes();
     void serverKilledWhileRunning();
+    void reconnectWhileTheLossIsShown();
     void serverRestartedBetweenTwoUploads();
     void lssGetAndSet();
     void lssSetRefusesNodeIdsOutOfRange_data();
@@ -311,6 +312,48 @@ void TstFrmMain::serverKilledWhileRunning()
     t.window.formUnload();
     QVERIFY(QFile::exists(m_settings.filePath("killed/Qor/Qor.Tessel.ini")));
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, m_settings.filePath("user"));
+}
+
+void TstFrmMain::reconnectWhileTheLossIsShown()
+{
+    // The message about the loss runs an event loop of its own, as a message box does. The
+    // status timer polls meanwhile and connects to the server that came back, replacing the
+    // connection whose loss is being told: that connection must outlive the message (under the
+    // address sanitizer a use after free shows here).
+    Tessel t(m_server->socketPath());
+    QVERIFY(t.load());
+    bool shown = false;
+    bool reconnected = false;
+    t.window.setMessageHandler([&](const QString& text) {
+        t.messages << text;
+        if (shown || !text.startsWith("The CAN server was lost"))
+            return;
+        shown = true;
+        if (!m_server->start({QStringLiteral("--unpaced")}))
+            return;
+        QEventLoop box;
+        QTimer poll;
+        QObject::connect(&poll, &QTimer::timeout, &box, [&] {
+            reconnected = t.window.sbrStato[0]->text() == QStringLiteral("localhost");
+            if (reconnected)
+                box.quit();
+        });
+        poll.start(20);
+        QTimer::singleShot(10000, &box, &QEventLoop::quit);
+        box.exec();
+    });
+    m_server->kill();
+    QTRY_VERIFY_WITH_TIMEOUT(shown, 5000);
+    QVERIFY(reconnected);
+    // Tessel goes on with the new connection.
+    SdoPanel* p = t.window.sdoPanel;
+    p->cmbIndex->setCurrentText("1,1018,1");
+    QTRY_VERIFY_WITH_TIMEOUT(
+        [&] {
+            QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+            return p->txtDataHex->text() == QStringLiteral("A1030000");
+        }(),
+        5000);
 }
 
 void TstFrmMain::serverRestartedBetweenTwoUploads()
