@@ -1,5 +1,5 @@
 // The bench panel's rules on a recording bench: what each control sends per bench, the I/O
-// initialised once, the supply sequences with what users type, the layout per bench.
+// initialised once, the supply sequences with what users type.
 #include "benchcontrol.h"
 #include "recordingbench.h"
 
@@ -13,8 +13,6 @@ class TstBenchControl : public QObject
 {
     Q_OBJECT
 private slots:
-    void layout_data();
-    void layout();
     void boxes_data();
     void boxes();
     void firstActionInitialisesOnce_data();
@@ -26,49 +24,6 @@ private slots:
     void shutdown();
     void knownOutputs();
 };
-
-void TstBenchControl::layout_data()
-{
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<int>("type");
-    QTest::addColumn<bool>("assembly");
-    QTest::addColumn<bool>("pcbReset");
-    QTest::addColumn<bool>("brakeBox");
-    QTest::addColumn<bool>("brakeSupply");
-    QTest::addColumn<QString>("mainCaption");
-    QTest::addColumn<QString>("auxCaption");
-    QTest::addColumn<int>("relay");
-    QTest::addColumn<int>("fixture");
-    QTest::newRow("asm:3") << 1 << 3 << true << false << true << true << "Sgnl"
-                           << "AuxPwr" << 5 << int(FixtureKind::Assembly);
-    QTest::newRow("asm:1") << 1 << 1 << true << false << true << false << "Main"
-                           << "En PR" << 5 << int(FixtureKind::Assembly);
-    QTest::newRow("asm:19") << 1 << 19 << true << false << true << false << "Main"
-                            << "En PR" << 5 << int(FixtureKind::Assembly);
-    QTest::newRow("pcb:33") << 2 << 33 << false << true << false << false << "Main"
-                            << "Aux Zd" << 5 << int(FixtureKind::Pcb);
-    QTest::newRow("pcb:34") << 2 << 34 << false << false << false << false << "Main"
-                            << "Aux Zd" << 9 << int(FixtureKind::PcbZd3);
-    // Kind 0 or any other is a PCB bench; type 3 there is not the assembly bench's version.
-    QTest::newRow("0:3") << 0 << 3 << false << false << false << false << "Main"
-                         << "Aux Zd" << 9 << int(FixtureKind::PcbZd3);
-}
-
-void TstBenchControl::layout()
-{
-    QFETCH(int, kind);
-    QFETCH(int, type);
-    const BenchLayout l = benchLayout(kind, type);
-    QTEST(l.assembly, "assembly");
-    QTEST(l.pcbReset, "pcbReset");
-    QTEST(l.brakeBox, "brakeBox");
-    QTEST(l.brakeSupply, "brakeSupply");
-    QTEST(l.mainCaption, "mainCaption");
-    QTEST(l.auxCaption, "auxCaption");
-    QTEST(l.supplyRelayOutput, "relay");
-    QTEST(int(l.fixture), "fixture");
-    QVERIFY(l.mainSupply);
-}
 
 using BoxAction = QString (BenchControl::*)(bool);
 Q_DECLARE_METATYPE(BoxAction)
