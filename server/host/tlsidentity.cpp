@@ -1,5 +1,7 @@
 #include "tlsidentity.h"
 
+#include "handshake.h"
+
 #include <QDir>
 #include <QFile>
 #include <QSaveFile>
@@ -9,9 +11,6 @@
 #include <openssl/x509.h>
 
 #include <memory>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace qorcalib {
 
@@ -79,14 +78,6 @@ bool writePrivate(const QString& path, const QByteArray& bytes, QString* error)
     return true;
 }
 
-// This user's own regular file, closed to everyone else.
-bool isPrivate(const QString& path)
-{
-    struct stat st;
-    return ::lstat(QFile::encodeName(path).constData(), &st) == 0 && S_ISREG(st.st_mode) &&
-           st.st_uid == ::getuid() && (st.st_mode & 077) == 0;
-}
-
 } // namespace
 
 std::optional<TlsIdentity> loadOrCreateTlsIdentity(const QString& folder, QString* error)
@@ -103,7 +94,7 @@ std::optional<TlsIdentity> loadOrCreateTlsIdentity(const QString& folder, QStrin
         if (!writePrivate(keyPath, keyPem, error) || !writePrivate(certPath, certPem, error))
             return std::nullopt;
     }
-    if (!isPrivate(keyPath)) {
+    if (!handshake::isPrivateFile(keyPath)) {
         *error = QStringLiteral("the server's TLS key %1 is unusable: it must be this user's own "
                                 "file, readable by nobody else")
                      .arg(keyPath);

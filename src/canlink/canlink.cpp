@@ -364,6 +364,14 @@ QString CanLink::setOutput(int channel, bool state)
     LINK_CALL(benchIo()->SetOutput(channel, state));
 }
 
+QString CanLink::setLssTimeout(int milliseconds)
+{
+    const QString error = [&]() -> QString { LINK_CALL(service()->SetLssTimeout(milliseconds)); }();
+    if (error.isEmpty())
+        m_lssTimeoutMs = milliseconds;
+    return error;
+}
+
 #undef LINK_CALL
 
 namespace {
@@ -446,20 +454,6 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
     result.abortCode = finished->abortCode();
     result.error = finished->error();
     return result;
-}
-
-QString CanLink::setLssTimeout(int milliseconds)
-{
-    QString error;
-    if (!live(&error))
-        return error;
-    const auto reply =
-        m_connection->wait(m_connection->service()->SetLssTimeout(milliseconds), &error);
-    if (!reply)
-        return error;
-    if (reply->error().isEmpty())
-        m_lssTimeoutMs = milliseconds;
-    return reply->error();
 }
 
 CanLink::LssResult CanLink::lssInquire(int controller)

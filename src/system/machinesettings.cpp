@@ -1,10 +1,8 @@
 #include "machinesettings.h"
 
-#include <QFile>
-#include <QSettings>
+#include "handshake.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
+#include <QSettings>
 
 namespace tessel {
 
@@ -20,10 +18,8 @@ QByteArray readServerSecret(QString* problem)
     if (hex.isEmpty())
         return {};
     // A secret in a file others can read is no secret: it is not used, and the user is told.
-    struct stat st;
     const QString path = settings.fileName();
-    if (::lstat(QFile::encodeName(path).constData(), &st) != 0 || !S_ISREG(st.st_mode) ||
-        st.st_uid != ::getuid() || (st.st_mode & 077) != 0) {
+    if (!qorcalib::handshake::isPrivateFile(path)) {
         if (problem)
             *problem = QStringLiteral("the server's secret in %1 is not used: others can read "
                                       "that file; make it readable by this user only (chmod "
