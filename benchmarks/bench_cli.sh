@@ -5,6 +5,10 @@
 set -euo pipefail
 reads=${1:-50}
 socket=$(mktemp -u /tmp/qorcalib-bench-XXXXXX)
+# Settings of its own: a remote server named in the user's settings is not the one measured.
+XDG_CONFIG_HOME=$(mktemp -d /tmp/qorcalib-bench-config-XXXXXX)
+export XDG_CONFIG_HOME
+trap 'rm -rf "$XDG_CONFIG_HOME"' EXIT
 ./build/bin/qorcalib-server --socket "$socket" --idle-exit 5 >/dev/null 2>&1 &
 cli=(./build/bin/tessel-cli --socket "$socket")
 for _ in $(seq 50); do "${cli[@]}" sdo read 1,1000,0 >/dev/null 2>&1 && break; sleep 0.1; done

@@ -8,6 +8,8 @@ frames=${1:-10000}
 dir=$(mktemp -d /tmp/tessel-replay-XXXXXX)
 trap 'rm -rf "$dir"' EXIT
 socket="$dir/qorcalib"
+# Settings of its own: a remote server named in the user's settings is not the one measured.
+export XDG_CONFIG_HOME="$dir/config"
 ./build/bin/qorcalib-server --socket "$socket" --idle-exit 5 >/dev/null 2>&1 &
 cli=(./build/bin/tessel-cli --socket "$socket")
 for _ in $(seq 50); do "${cli[@]}" sdo read 1,1000,0 >/dev/null 2>&1 && break; sleep 0.1; done
@@ -16,9 +18,10 @@ awk -v n="$frames" 'BEGIN { us = 1795400000000000
     printf "(%d.%06d) can0 5%02d#%04X\n", int(us / 1000000), us % 1000000, i % 100, i % 65536 } }' \
   > "$dir/recorded.log"
 seconds=$(awk -v n="$frames" 'BEGIN { printf "%d", n * 1.1 / 1000 + 3 }')
-"${cli[@]}" dump --seconds "$seconds" > "$dir/dump.log" &
+"${cli[@]}" dump --seconds "$seconds" --filter 500:700,0FF:7FF > "$dir/dump.log" &
 dump=$!
-sleep 0.5
+# The replay starts once the dump records: it shows a marker frame.
+until grep -q '0FF#' "$dir/dump.log"; do "${cli[@]}" send 0FF# >/dev/null; sleep 0.05; done
 start=$(date +%s%N)
 "${cli[@]}" replay "$dir/recorded.log" >/dev/null
 took=$(( ($(date +%s%N) - start) / 1000000 ))

@@ -66,6 +66,9 @@ public:
     // sent. Returns how many there were (frames a device holds already are not counted).
     virtual int dropSession(quint64 session) = 0;
     virtual quint32 status() const = 0;
+    // Frames heard that the server cannot carry to its clients (29-bit identifiers, CAN FD),
+    // since the controller was made; wrapping. A bus that has none says 0.
+    virtual quint32 uncarried() const { return 0; }
 
 signals:
     void framesReceived(const QVector<qorcalib::BusFrame>& frames);

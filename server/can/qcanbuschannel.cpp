@@ -363,9 +363,14 @@ void QCanBusChannel::readFrames()
     batch.reserve(frames.size());
     const quint32 now = quint32(quint64(serverTimeUs()));
     for (const QCanBusFrame& in : frames) {
-        if (!in.isValid() || in.frameType() == QCanBusFrame::ErrorFrame ||
-            in.hasExtendedFrameFormat())
+        if (!in.isValid() || in.frameType() == QCanBusFrame::ErrorFrame)
             continue;
+        // Counted, so that a client can say what its record lacks; an FD frame is never cut
+        // down to a classic one.
+        if (in.hasExtendedFrameFormat() || in.hasFlexibleDataRateFormat()) {
+            ++m_uncarried;
+            continue;
+        }
         BusFrame f;
         f.frame.id = quint16(in.frameId() & 0x7FF);
         f.frame.remote = in.frameType() == QCanBusFrame::RemoteRequestFrame;

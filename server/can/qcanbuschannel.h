@@ -41,6 +41,7 @@ public:
                     QString* error) override;
     int dropSession(quint64 session) override;
     quint32 status() const override;
+    quint32 uncarried() const override { return m_uncarried; }
 
 private:
     QCanBusChannel(QString plugin, QString interface, std::unique_ptr<QCanBusDevice> device);
@@ -63,6 +64,7 @@ private:
     std::unique_ptr<QCanBusDevice> m_device;
     int m_bitRateIndex = 0;
     bool m_overrun = false;
+    quint32 m_uncarried = 0;
     bool m_started = false;
     bool m_lost = false;
     QTimer m_reconnect;

@@ -158,6 +158,13 @@ public:
             return IntReply(0, error);
         return IntReply(m_s->core()->channel(controller)->dropSession(m_s->id()), {});
     }
+    IntReply GetUncarried(int controller) override
+    {
+        const QString error = m_s->core()->checkController(controller);
+        if (!error.isEmpty())
+            return IntReply(0, error);
+        return IntReply(int(m_s->core()->channel(controller)->uncarried()), {});
+    }
     IntReply GetStatus(int controller) override
     {
         const QString error = m_s->core()->checkController(controller);

@@ -529,13 +529,10 @@ void FrmMain::connectReplay(TraceReplay* replay)
         *us = time.value_or(0);
         return error;
     };
-    replay->sendTimed = [this](const QList<ScheduledFrame>& frames, QString* error) {
-        QVector<qorcalib::CanFrame> out;
-        for (const ScheduledFrame& f : frames)
-            out.append(f.busFrame());
-        return m_link.sendTimed(m_replayController, out, error);
+    replay->sendTimed = [this](int, const QVector<qorcalib::CanFrame>& frames, QString* error) {
+        return m_link.sendTimed(m_replayController, frames, error);
     };
-    replay->dropQueued = [this] {
+    replay->dropQueued = [this](int) {
         QString error;
         return m_link.dropQueued(m_replayController, &error).value_or(-1);
     };

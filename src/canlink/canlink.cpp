@@ -712,6 +712,16 @@ std::optional<int> CanLink::dropQueued(int controller, QString* error)
                    &IntReply::value);
 }
 
+std::optional<quint32> CanLink::uncarried(int controller, QString* error)
+{
+    if (!live(error))
+        return std::nullopt;
+    const auto value =
+        valueOf(m_connection->wait(m_connection->bus()->GetUncarried(controller), error), error,
+                &IntReply::value);
+    return value ? std::optional<quint32>(quint32(*value)) : std::nullopt;
+}
+
 int CanLink::sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames, QString* error)
 {
     if (!live(error))

@@ -95,6 +95,8 @@ public:
     int sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames, QString* error);
     // This session's frames still waiting on the controller are not sent; how many there were.
     std::optional<int> dropQueued(int controller, QString* error);
+    // Frames the controller heard that the server cannot carry (29-bit, CAN FD); wrapping.
+    std::optional<quint32> uncarried(int controller, QString* error);
 
     // One SDO transfer on a controller: the uploaded bytes, the abort code (0 when none) and
     // the error description (empty when the call itself worked). The wait lets events run and

@@ -13,6 +13,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
+#include <QRegularExpression>
 #include <QSaveFile>
 #include <QThread>
 #include <QTimer>
@@ -54,7 +55,8 @@ const QString kUsage = QStringLiteral(
     "                                                node-ID and rate\n"
     "  upgrade FILE [--node N]                       load firmware through the boot loader\n"
     "  bitrate CONTROLLER RATE                       switch a controller's bit rate\n"
-    "  replay FILE [--speed X]                       send a candump log or ASC file's frames\n"
+    "  replay FILE [canN=C ...] [--speed X] [--loop N] [--ignore-times]\n"
+    "                                                send a candump log or ASC file's frames\n"
     "                                                with their recorded spacing\n"
     "COMMAND --help tells more.\n"
     "\n"
@@ -553,6 +555,9 @@ int TesselCli::dump(QStringList args)
         return code;
     if (const QString e = m_link.advise(); !e.isEmpty())
         return linkFailure(e);
+    // What the server heard and could not pass on is said at the end, not left out silently.
+    QString uncarriedError;
+    const quint32 uncarriedBefore = m_link.uncarried(m_controller, &uncarriedError).value_or(0);
     qint64 written = 0;
     // Times are the server's receive stamps, on the wall clock of the first frame.
     qint64 epochUs = -1;
@@ -605,45 +610,94 @@ int TesselCli::dump(QStringList args)
         QTimer::singleShot(int(seconds * 1000), &loop, &QEventLoop::quit);
     if (loop.exec() != 0)
         return fail(kUnreachable, ServerConnection::kNotReachable);
+    if (const quint32 uncarried =
+            m_link.uncarried(m_controller, &uncarriedError).value_or(uncarriedBefore) -
+            uncarriedBefore;
+        uncarried > 0) {
+        m_err << QStringLiteral("tessel-cli: %1 frames on the bus are not in the dump: the server "
+                                "does not carry 29-bit identifiers or CAN FD\n")
+                     .arg(uncarried);
+        m_err.flush();
+    }
     return kOk;
 }
 
 int TesselCli::replay(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli replay FILE [--speed X]\n"
-                                       "Sends the frames of a candump log (.log) or an ASC file "
-                                       "(.asc) on the controller\nwith their recorded spacing, "
-                                       "divided by X (default 1); then prints how many went\n"
-                                       "out. An interrupt stops it: the frames not yet on the "
-                                       "bus are taken back.\n")))
+    if (wantsHelp(args,
+                  QStringLiteral(
+                      "Usage: tessel-cli replay FILE [canN=CONTROLLER ...] [--speed X] "
+                      "[--loop N] [--ignore-times]\n"
+                      "Sends the frames of a candump log (.log) or an ASC file (.asc) with their "
+                      "recorded spacing,\ndivided by X (0.01 to 100, default 1); then prints how "
+                      "many went out.\n"
+                      "  canN=CONTROLLER  frames recorded on canN (ASC: channel N+1) go out on "
+                      "the controller;\n"
+                      "                   with a map, frames of channels it does not name are "
+                      "passed over.\n"
+                      "                   Without one, every frame goes out on --controller.\n"
+                      "  --loop N         the file N times, each pass right after the last "
+                      "(1 to 1000000)\n"
+                      "  --ignore-times   frames back to back, at the pace of the controller's "
+                      "bus\n"
+                      "Error frames and comment lines are passed over and counted. An interrupt "
+                      "stops the replay:\nthe frames not yet on the bus are taken back.\n")))
         return kOk;
+    ReplayOptions options;
     bool ok = true;
-    const double speed =
-        takeOption(&args, QStringLiteral("--speed"), QStringLiteral("1")).toDouble(&ok);
-    if (!ok || speed < 0.01 || speed > 100.0)
+    options.speed = takeOption(&args, QStringLiteral("--speed"), QStringLiteral("1")).toDouble(&ok);
+    if (!ok || options.speed < 0.01 || options.speed > 100.0)
         return bad(QStringLiteral("--speed takes a factor from 0.01 to 100"));
+    options.loops = takeOption(&args, QStringLiteral("--loop"), QStringLiteral("1")).toInt(&ok);
+    if (!ok || options.loops < 1 || options.loops > 1000000)
+        return bad(QStringLiteral("--loop takes a count from 1 to 1000000"));
+    const bool ignoreTimes = args.removeAll(QStringLiteral("--ignore-times")) > 0;
+    if (ignoreTimes && options.speed != 1.0)
+        return bad(QStringLiteral("--ignore-times sends at the bus's pace: --speed does not "
+                                  "go with it"));
+    // canN=CONTROLLER, as a player maps a recording's interfaces.
+    static const QRegularExpression mapping(QStringLiteral("^(?:can)?(\\d{1,3})=(\\d{1,3})$"));
+    for (qsizetype i = args.size() - 1; i >= 1; --i) {
+        const auto m = mapping.match(args[i]);
+        if (!m.hasMatch())
+            continue;
+        const int channel = m.captured(1).toInt();
+        if (options.channels.contains(channel))
+            return bad(QStringLiteral("can%1 is mapped twice").arg(channel));
+        options.channels.insert(channel, m.captured(2).toInt());
+        args.removeAt(i);
+    }
     if (args.size() != 1)
-        return bad(QStringLiteral("replay takes one trace file"));
+        return bad(args.isEmpty()
+                       ? QStringLiteral("replay takes one trace file")
+                       : QStringLiteral("replay takes one trace file and canN=CONTROLLER "
+                                        "maps; '%1' is neither")
+                             .arg(args.value(1, args[0])));
+    options.controller = m_controller;
     if (const int code = connectAndStart(); code >= 0)
         return code;
+    if (ignoreTimes) {
+        QString rateError;
+        const auto index = m_link.bitRate(m_controller, &rateError);
+        if (!index)
+            return linkFailure(rateError);
+        options.paceBitsPerSecond = qorcalib::bitRateOfIndex(*index);
+    }
     TraceReplay replay;
     replay.serverTime = [this](quint32* us) {
         QString error;
         *us = m_link.serverTime(&error).value_or(0);
         return error;
     };
-    replay.sendTimed = [this](const QList<ScheduledFrame>& frames, QString* error) {
-        QVector<CanFrame> out;
-        for (const ScheduledFrame& f : frames)
-            out.append(f.busFrame());
-        return m_link.sendTimed(m_controller, out, error);
+    replay.sendTimed = [this](int controller, const QVector<CanFrame>& frames, QString* error) {
+        return m_link.sendTimed(controller, frames, error);
     };
-    replay.dropQueued = [this] {
+    replay.dropQueued = [this](int controller) {
         QString error;
-        return m_link.dropQueued(m_controller, &error).value_or(-1);
+        return m_link.dropQueued(controller, &error).value_or(-1);
     };
     QString error;
-    if (!replay.start(args[0], speed, &error))
+    if (!replay.start(args[0], options, &error))
         return fail(kFailed, error);
     QEventLoop loop;
     QObject::connect(&replay, &TraceReplay::finished, &loop,
@@ -674,11 +728,15 @@ int TesselCli::replay(QStringList args)
         skipped = QStringLiteral(" (skipped: %1 error frames, %2 comment lines)")
                       .arg(replay.skippedErrorFrames())
                       .arg(replay.skippedComments());
+    if (replay.skippedUnmapped() > 0)
+        skipped +=
+            QStringLiteral(" (%1 frames of channels not mapped)").arg(replay.skippedUnmapped());
     print({{QStringLiteral("command"), QStringLiteral("replay")},
            {QStringLiteral("file"), args[0]},
            {QStringLiteral("frames"), replay.sent()},
            {QStringLiteral("errorFramesSkipped"), replay.skippedErrorFrames()},
-           {QStringLiteral("commentsSkipped"), replay.skippedComments()}},
+           {QStringLiteral("commentsSkipped"), replay.skippedComments()},
+           {QStringLiteral("unmappedSkipped"), replay.skippedUnmapped()}},
           QStringLiteral("%1 frames").arg(replay.sent()) + skipped);
     return kOk;
 }

@@ -96,7 +96,9 @@ void TraceFilesBar::cmdReplay_Click()
     if (name.isEmpty())
         return;
     QString error;
-    if (!replay.start(name, spnSpeed->value(), &error))
+    ReplayOptions options;
+    options.speed = spnSpeed->value();
+    if (!replay.start(name, options, &error))
         return say(error);
     cmdReplay->setText(QStringLiteral("Stop"));
     spnSpeed->setEnabled(false);

@@ -269,7 +269,7 @@ void TraceWriter::write(const TraceRecord& r)
                           .arg(r.transmitted ? QLatin1String("Tx") : QLatin1String("Rx"))
                           .toLatin1();
     if (r.remote)
-        line += "r";
+        line += r.length ? "r " + QByteArray::number(r.length) : QByteArray("r");
     else
         line += "d " + QByteArray::number(r.length) + (r.length ? " " : "") +
                 hexBytes(r.data.left(r.length), " ");

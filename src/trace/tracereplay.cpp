@@ -1,5 +1,7 @@
 #include "tracereplay.h"
 
+#include "bittiming.h"
+
 #include <algorithm>
 #include <utility>
 #include <vector>
@@ -19,11 +21,10 @@ qorcalib::CanFrame ScheduledFrame::busFrame() const
     return frame;
 }
 
-bool TraceReplay::start(const QString& fileName, double speed, QString* error)
+bool TraceReplay::start(const QString& fileName, const ReplayOptions& options, QString* error)
 {
     stop();
-    TraceFormat format;
-    if (!traceFormatOf(fileName, &format)) {
+    if (!traceFormatOf(fileName, &m_format)) {
         *error = QStringLiteral("%1: a trace file is a candump log (.log) or an ASC file (.asc)")
                      .arg(fileName);
         return false;
@@ -33,21 +34,32 @@ bool TraceReplay::start(const QString& fileName, double speed, QString* error)
         *error = QStringLiteral("%1: %2").arg(fileName, m_file.errorString());
         return false;
     }
-    m_reader = TraceReader::create(&m_file, format);
-    m_speed = speed > 0 ? speed : 1.0;
-    m_sent = 0;
+    m_reader = TraceReader::create(&m_file, m_format);
+    m_options = options;
+    if (!(m_options.speed > 0))
+        m_options.speed = 1.0;
+    m_options.loops = std::max(1, m_options.loops);
+    m_pass = 0;
+    m_paceUs = 0;
+    m_sent = m_errorFrames = m_comments = m_unmapped = 0;
+    m_controllers.clear();
+    m_error.clear();
     QString readError;
-    const auto first = m_reader->next(&m_next, &readError);
-    if (first == TraceReader::Frame && serverTime)
+    const bool first = readNext();
+    if (first && serverTime)
         readError = serverTime(&m_serverStartUs);
-    if (first != TraceReader::Frame || !readError.isEmpty()) {
-        *error = first == TraceReader::End ? QStringLiteral("%1: no frames in it").arg(fileName)
-                                           : QStringLiteral("%1: %2").arg(fileName, readError);
-        m_reader.reset();
-        m_file.close();
+    if (!first || !readError.isEmpty()) {
+        if (first)
+            *error = QStringLiteral("%1: %2").arg(fileName, readError);
+        else if (!m_error.isEmpty())
+            *error = QStringLiteral("%1: %2").arg(fileName, m_error);
+        else if (m_unmapped > 0)
+            *error = QStringLiteral("%1: no frames on the channels mapped").arg(fileName);
+        else
+            *error = QStringLiteral("%1: no frames in it").arg(fileName);
+        closeFile();
         return false;
     }
-    m_error.clear();
     m_firstUs = m_next.timeUs;
     m_shiftUs = 0;
     m_haveLast = false;
@@ -60,9 +72,49 @@ bool TraceReplay::start(const QString& fileName, double speed, QString* error)
     return true;
 }
 
+bool TraceReplay::readNext()
+{
+    while (m_reader) {
+        const auto result = m_reader->next(&m_next, &m_error);
+        if (result == TraceReader::Error) {
+            closeFile();
+            return false;
+        }
+        if (result == TraceReader::End) {
+            if (++m_pass >= m_options.loops) {
+                closeFile();
+                return false;
+            }
+            // The next pass: its first stamp lies before the last one, so it goes right after
+            // the last frame, as a stamp gone back does.
+            countSkipped();
+            m_file.seek(0);
+            m_reader = TraceReader::create(&m_file, m_format);
+            continue;
+        }
+        m_nextController = m_options.controller;
+        if (!m_options.channels.isEmpty()) {
+            const auto mapped = m_options.channels.constFind(m_next.channel);
+            if (mapped == m_options.channels.constEnd()) {
+                ++m_unmapped;
+                continue;
+            }
+            m_nextController = *mapped;
+        }
+        if (m_options.paceBitsPerSecond > 0) {
+            // Each frame follows the one before by its own time on the bus.
+            m_next.timeUs = qint64(m_paceUs);
+            m_paceUs += qorcalib::frameDurationUs(ScheduledFrame{m_next}.busFrame(),
+                                                  m_options.paceBitsPerSecond);
+        }
+        return true;
+    }
+    return false;
+}
+
 qint64 TraceReplay::localDueUs(const TraceRecord& record) const
 {
-    return kLeadUs + qint64(double(record.timeUs - m_firstUs) / m_speed) + m_shiftUs;
+    return kLeadUs + qint64(double(record.timeUs - m_firstUs) / m_options.speed) + m_shiftUs;
 }
 
 void TraceReplay::tick()
@@ -87,17 +139,17 @@ void TraceReplay::tick()
             m_shiftUs += nowUs + kMarginUs - dueUs;
             dueUs = nowUs + kMarginUs;
         }
-        batch.append(ScheduledFrame{m_next, m_serverStartUs + quint32(quint64(dueUs))});
+        batch.append(
+            ScheduledFrame{m_next, m_serverStartUs + quint32(quint64(dueUs)), m_nextController});
         localUs.push_back(dueUs);
         m_haveLast = true;
         m_lastStampUs = m_next.timeUs;
         m_lastDueUs = dueUs;
-        if (m_reader->next(&m_next, &m_error) != TraceReader::Frame)
-            closeFile();
+        readNext();
     }
     if (!batch.isEmpty()) {
         QString sendError;
-        const int taken = sendTimed ? sendTimed(batch, &sendError) : int(batch.size());
+        const int taken = handOver(batch, &sendError);
         for (int i = 0; i < taken && i < batch.size(); ++i)
             m_ahead.push_back(Ahead{batch[i], localUs[size_t(i)]});
         m_sent += taken;
@@ -113,12 +165,37 @@ void TraceReplay::tick()
         finish(std::exchange(m_error, {}));
 }
 
+int TraceReplay::handOver(const QList<ScheduledFrame>& batch, QString* error)
+{
+    if (!sendTimed)
+        return int(batch.size());
+    // A run of frames for one controller at a time, in the file's order.
+    int taken = 0;
+    while (taken < batch.size()) {
+        const int controller = batch[taken].controller;
+        QVector<qorcalib::CanFrame> run;
+        for (int i = taken; i < batch.size() && batch[i].controller == controller; ++i)
+            run.append(batch[i].busFrame());
+        m_controllers.insert(controller);
+        const int took = sendTimed(controller, run, error);
+        taken += std::clamp(took, 0, int(run.size()));
+        if (took < run.size() || !error->isEmpty())
+            break;
+    }
+    return taken;
+}
+
+void TraceReplay::countSkipped()
+{
+    if (!m_reader)
+        return;
+    m_errorFrames += m_reader->errorFrames();
+    m_comments += m_reader->comments();
+}
+
 void TraceReplay::closeFile()
 {
-    if (m_reader) {
-        m_errorFrames = m_reader->errorFrames();
-        m_comments = m_reader->comments();
-    }
+    countSkipped();
     m_reader.reset();
     m_file.close();
 }
@@ -141,8 +218,16 @@ void TraceReplay::stop()
     // took back.
     announceDue(m_clock.nsecsElapsed() / 1000);
     if (dropQueued) {
-        const int dropped = dropQueued();
-        m_sent -= dropped >= 0 ? dropped : qint64(m_ahead.size());
+        qint64 dropped = 0;
+        for (int controller : m_controllers) {
+            const int n = dropQueued(controller);
+            if (n < 0) {
+                dropped = qint64(m_ahead.size());
+                break;
+            }
+            dropped += n;
+        }
+        m_sent -= dropped;
     }
     finish({});
 }

@@ -370,7 +370,6 @@ void TstFrmMain::serverRestartedBetweenTwoUploads()
     m_server->kill();
     QTRY_COMPARE(t.window.sbrStato[0]->text(), QStringLiteral("CAN server not reachable"));
     QVERIFY(m_server->start({QStringLiteral("--unpaced")}));
-    QTest::qWait(400); // the new drive boots
     p->cmdClear_Click();
     QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString());

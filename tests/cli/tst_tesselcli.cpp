@@ -1,9 +1,10 @@
 // tessel-cli as a line script runs it: a process against the real server and its simulated
 // drive; what it prints, and its exit codes.
-#include "candumplog.h"
+#include "bittiming.h"
 #include "pty.h"
 #include "serverprocess.h"
 
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
@@ -12,6 +13,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <cmath>
 #include <csignal>
 
 using qorcalib::test::ServerProcess;
@@ -33,8 +35,10 @@ private slots:
     void help();
     void startedServerDoesNotHoldTheScriptsOutput();
     void longTransferShowsProgressOnATerminal();
-    void replayKeepsTheSpacingAtItsSpeed();
+    void dumpReplayDumpGivesTheSameFrames();
+    void readmeLineScriptWhereNoServerRuns();
     void outputThatCannotBeWritten();
+    void replayPassesOverWhatAPlayerSkips_data();
     void replayPassesOverWhatAPlayerSkips();
     void namedSocketStartsNoServer();
 
@@ -121,6 +125,13 @@ void TstTesselCli::abortsAndBadArguments_data()
                                   "object)\n";
     QTest::newRow("node that does not answer")
         << QStringList{"sdo", "read", "5,1000,0"} << 4 << "tessel-cli: SDO timeout\n";
+    QTest::newRow("no loop") << QStringList{"replay", "x.log", "--loop", "0"} << 2
+                             << "tessel-cli: --loop takes a count from 1 to 1000000\n";
+    QTest::newRow("a channel mapped twice") << QStringList{"replay", "x.log", "can1=0", "can1=2"}
+                                            << 2 << "tessel-cli: can1 is mapped twice\n";
+    QTest::newRow("pace and speed")
+        << QStringList{"replay", "x.log", "--ignore-times", "--speed", "2"} << 2
+        << "tessel-cli: --ignore-times sends at the bus's pace: --speed does not go with it\n";
     QTest::newRow("unknown command")
         << QStringList{"frob"} << 2 << "tessel-cli: unknown command 'frob' (see --help)\n";
     QTest::newRow("malformed address")
@@ -427,11 +438,30 @@ void TstTesselCli::namedSocketStartsNoServer()
     QCOMPARE(cli({"sdo", "read", "1,1000,0"}).exit, 0);
 }
 
+void TstTesselCli::replayPassesOverWhatAPlayerSkips_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<int>("exit");
+    QTest::addColumn<QString>("said");
+    QTest::newRow("once") << QStringList{} << 0
+                          << "2 frames (skipped: 1 error frames, 1 comment lines)\n";
+    QTest::newRow("three times at the bus's pace")
+        << QStringList{"--loop", "3", "--ignore-times"} << 0
+        << "6 frames (skipped: 3 error frames, 3 comment lines)\n";
+    QTest::newRow("its channel mapped")
+        << QStringList{"can0=0"} << 0 << "2 frames (skipped: 1 error frames, 1 comment lines)\n";
+    QTest::newRow("another channel mapped")
+        << QStringList{"can1=0"} << 4 << "tessel-cli: %1: no frames on the channels mapped\n";
+}
+
 void TstTesselCli::replayPassesOverWhatAPlayerSkips()
 {
-    const Run r = cli({"replay", m_files.filePath("player.log")});
-    QCOMPARE(r.exit, 0);
-    QCOMPARE(r.out, QString("2 frames (skipped: 1 error frames, 1 comment lines)\n"));
+    QFETCH(QStringList, options);
+    const QString file = m_files.filePath("player.log");
+    const Run r = cli(QStringList{"replay", file} + options);
+    QTEST(r.exit, "exit");
+    QFETCH(QString, said);
+    QCOMPARE(r.exit == 0 ? r.out : r.err, said.contains("%1") ? said.arg(file) : said);
 }
 
 void TstTesselCli::outputThatCannotBeWritten()
@@ -451,58 +481,224 @@ void TstTesselCli::outputThatCannotBeWritten()
     QVERIFY(full.readAllStandardError().contains("cannot write the result"));
 }
 
-void TstTesselCli::replayKeepsTheSpacingAtItsSpeed()
+namespace {
+
+// A `tessel-cli dump` running beside the test. The frames of the bus in between two markers
+// are what it saw: markers go out until the dump shows one (it listens from then on), and an
+// end marker after the last frame of interest shows that everything before it has come.
+class Dump
 {
-    // The paced bus stamps each frame with the time it went out at.
+public:
+    static constexpr quint16 kStart = 0x0FF;
+    static constexpr quint16 kEnd = 0x0FE;
+
+    Dump(QStringList socket, const QString& filter) : m_socket(std::move(socket))
+    {
+        m_process.start(TESSEL_CLI_PATH,
+                        m_socket + QStringList{"dump", "--filter", filter + ",0FE:7FE"});
+    }
+    ~Dump()
+    {
+        m_process.kill();
+        m_process.waitForFinished();
+    }
+    bool listening()
+    {
+        return QTest::qWaitFor(
+            [&] {
+                send(kStart);
+                return seen(kStart);
+            },
+            20000);
+    }
+    // The frames it saw, without the markers, once the end marker has come.
+    QStringList finish()
+    {
+        send(kEnd);
+        if (!QTest::qWaitFor([&] { return seen(kEnd); }, 20000))
+            return {};
+        ::kill(pid_t(m_process.processId()), SIGINT);
+        m_process.waitForFinished(10000);
+        read();
+        QStringList frames;
+        for (const QString& line : std::as_const(m_lines))
+            if (const QString f = line.section(' ', 2);
+                !f.startsWith("0FF#") && !f.startsWith("0FE#"))
+                frames << line;
+        return frames;
+    }
+
+private:
+    void send(quint16 id)
+    {
+        qorcalib::test::runProgram(
+            TESSEL_CLI_PATH,
+            m_socket +
+                QStringList{"send",
+                            QStringLiteral("%1#").arg(id, 3, 16, QLatin1Char('0')).toUpper()});
+    }
+    bool seen(quint16 id)
+    {
+        read();
+        const QString marker = QStringLiteral(" %1#").arg(id, 3, 16, QLatin1Char('0')).toUpper();
+        return std::any_of(m_lines.begin(), m_lines.end(),
+                           [&](const QString& l) { return l.contains(marker); });
+    }
+    void read()
+    {
+        m_pending += QString::fromLatin1(m_process.readAllStandardOutput());
+        const qsizetype cut = m_pending.lastIndexOf('\n');
+        if (cut < 0)
+            return;
+        m_lines += m_pending.left(cut).split('\n', Qt::SkipEmptyParts);
+        m_pending.remove(0, cut + 1);
+    }
+
+    QStringList m_socket;
+    QProcess m_process;
+    QString m_pending;
+    QStringList m_lines;
+};
+
+// What a candump log line says of its frame, without time and channel.
+QStringList framesOf(const QStringList& lines)
+{
+    QStringList frames;
+    for (const QString& line : lines)
+        frames << line.section(' ', 2);
+    return frames;
+}
+
+} // namespace
+
+void TstTesselCli::dumpReplayDumpGivesTheSameFrames()
+{
+    // The paced bus, at 1000K: a frame takes as many microseconds as it has bits.
     ServerProcess paced;
     QVERIFY(paced.start({}));
     const QStringList socket{"--socket", paced.socketPath()};
-    const QString log = m_files.filePath("recorded.log");
-    QList<qint64> recorded;
-    // The file's channel is not the controller's: a replay goes out on the one chosen.
-    QVERIFY(tessel::test::writeCandumpLog(
-        log, 300, '3', [](int i) { return 1000 + (i * 523) % 3000; }, &recorded, 1));
-    QProcess dump;
-    dump.start(TESSEL_CLI_PATH, socket + QStringList{"dump", "--seconds", "5"});
-    QVERIFY(dump.waitForStarted());
-    QTest::qWait(700);
-    const Run r = qorcalib::test::runProgram(TESSEL_CLI_PATH,
-                                             socket + QStringList{"replay", log, "--speed", "2"});
-    QCOMPARE(r.err, QString());
-    QCOMPARE(r.out, QString("300 frames\n"));
-    QCOMPARE(r.exit, 0);
-    QVERIFY(dump.waitForFinished(10000));
-    QList<qint64> stamps;
-    const QRegularExpression line("^\\((\\d+)\\.(\\d{6})\\) can0 3[0-9]{2}#");
-    for (const QString& l : QString::fromLatin1(dump.readAllStandardOutput()).split('\n'))
-        if (const auto m = line.match(l); m.hasMatch())
-            stamps << m.captured(1).toLongLong() * 1000000 + m.captured(2).toLongLong();
-    QCOMPARE(stamps.size(), 300);
-    for (int i = 1; i < 300; ++i) {
-        const qint64 off = (stamps[i] - stamps[i - 1]) - (recorded[i] - recorded[i - 1]) / 2;
-        QVERIFY2(qAbs(off) < 1000,
-                 qPrintable(QStringLiteral("frame %1: %2 us off").arg(i).arg(off)));
+    // A recording at 98 % of the bus: remote frames with and without a length, frames without
+    // data, and full ones.
+    constexpr int kFrames = 20000;
+    const QString original = m_files.filePath("busy.log");
+    QStringList expected;
+    {
+        QFile file(original);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        qint64 us = 1795400000000000;
+        for (int i = 0; i < kFrames; ++i) {
+            const quint16 id = quint16(0x100 + i % 256);
+            qorcalib::CanFrame frame = qorcalib::CanFrame::make(id, {});
+            QString text = QStringLiteral("%1#").arg(id, 3, 16).toUpper();
+            switch (i % 5) {
+            case 0:
+                frame.remote = true;
+                text += "R";
+                break;
+            case 1:
+                frame.remote = true;
+                frame.len = 3;
+                text += "R3";
+                break;
+            case 2:
+                break;
+            default:
+                frame.len = 8;
+                for (int b = 0; b < 8; ++b) {
+                    frame.data[size_t(b)] = quint8(i * 7 + b);
+                    text += QStringLiteral("%1")
+                                .arg(quint8(i * 7 + b), 2, 16, QLatin1Char('0'))
+                                .toUpper();
+                }
+            }
+            file.write(QStringLiteral("(%1.%2) can0 %3\n")
+                           .arg(us / 1000000)
+                           .arg(us % 1000000, 6, 10, QLatin1Char('0'))
+                           .arg(text)
+                           .toLatin1());
+            expected << text;
+            us += qint64(std::ceil(qorcalib::frameBitCount(frame) / 0.98));
+        }
+    }
+    QString recording = original;
+    for (const char* pass : {"recorded", "recorded again"}) {
+        Dump dump(socket, "100:700");
+        QVERIFY(dump.listening());
+        const Run r = qorcalib::test::runProgram(TESSEL_CLI_PATH,
+                                                 socket + QStringList{"replay", recording}, 60000);
+        QCOMPARE(r.err, QString());
+        QCOMPARE(r.out, QStringLiteral("%1 frames\n").arg(kFrames));
+        const QStringList lines = dump.finish();
+        QCOMPARE(framesOf(lines).size(), kFrames);
+        QVERIFY2(framesOf(lines) == expected, pass);
+        recording = m_files.filePath(QStringLiteral("%1.log").arg(pass).replace(' ', '-'));
+        QFile out(recording);
+        QVERIFY(out.open(QIODevice::WriteOnly));
+        out.write((lines.join('\n') + '\n').toLatin1());
     }
 
     // Interrupted, the replay takes back what waits: it says how many went out, and no more do.
-    QProcess second;
-    second.start(TESSEL_CLI_PATH, socket + QStringList{"dump", "--seconds", "2"});
-    QVERIFY(second.waitForStarted());
-    QTest::qWait(500);
+    Dump dump(socket, "100:700");
+    QVERIFY(dump.listening());
     QProcess replay;
-    replay.start(TESSEL_CLI_PATH, socket + QStringList{"replay", log});
+    replay.start(TESSEL_CLI_PATH, socket + QStringList{"replay", original, "--speed", "0.1"});
     QVERIFY(replay.waitForStarted());
     QTest::qWait(400);
     ::kill(pid_t(replay.processId()), SIGINT);
-    QVERIFY(replay.waitForFinished(5000));
+    QVERIFY(replay.waitForFinished(10000));
     QCOMPARE(replay.exitCode(), 0);
     const QString said = QString::fromLatin1(replay.readAllStandardOutput());
-    QVERIFY(second.waitForFinished(10000));
-    qsizetype seen = 0;
-    for (const QString& l : QString::fromLatin1(second.readAllStandardOutput()).split('\n'))
-        seen += line.match(l).hasMatch() ? 1 : 0;
-    QVERIFY2(seen > 0 && seen < 300, qPrintable(said));
+    const qsizetype seen = dump.finish().size();
+    QVERIFY2(seen > 0 && seen < kFrames, qPrintable(said));
     QCOMPARE(said, QStringLiteral("%1 frames\n").arg(seen));
+}
+
+void TstTesselCli::readmeLineScriptWhereNoServerRuns()
+{
+    // The line script exactly as the README shows it, on a machine of its own: no server runs,
+    // no settings; its first line starts the server.
+    QFile readme(QStringLiteral(QORCALIB_DATA_DIR "/../README.md"));
+    QVERIFY(readme.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(readme.readAll());
+    const qsizetype from = text.indexOf("```sh\n#!/bin/sh\n");
+    QVERIFY(from >= 0);
+    QString script = text.mid(from + 6, text.indexOf("```", from + 6) - from - 6);
+    QVERIFY(script.contains("set -e"));
+    script.replace("build/bin/tessel-cli", TESSEL_CLI_PATH);
+    script.replace("data/", QORCALIB_DATA_DIR "/");
+    QTemporaryDir machine;
+    QVERIFY(QDir(machine.path()).mkpath("run"));
+    QVERIFY(QFile::setPermissions(machine.filePath("run"),
+                                  QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+    QFile parameters(machine.filePath("parameters.bin"));
+    QVERIFY(parameters.open(QIODevice::WriteOnly) &&
+            parameters.write(QByteArray(300, '\x11')) == 300);
+    parameters.close();
+    QProcess sh;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("XDG_RUNTIME_DIR", machine.filePath("run"));
+    env.insert("XDG_CONFIG_HOME", machine.filePath("config"));
+    env.insert("HOME", machine.path());
+    sh.setProcessEnvironment(env);
+    sh.setWorkingDirectory(machine.path());
+    sh.start("sh", {"-c", script});
+    QVERIFY(sh.waitForFinished(120000));
+    const QString err = QString::fromLocal8Bit(sh.readAllStandardError());
+    // The server the script started ends on idle; here it ends now.
+    const QByteArray mark = "XDG_RUNTIME_DIR=" + machine.filePath("run").toLocal8Bit();
+    for (const QString& pid : QDir("/proc").entryList(QDir::Dirs)) {
+        QFile environ(QStringLiteral("/proc/%1/environ").arg(pid));
+        if (pid.toInt() > 0 && environ.open(QIODevice::ReadOnly) &&
+            environ.readAll().split('\0').contains(mark))
+            ::kill(pid.toInt(), SIGTERM);
+    }
+    QVERIFY2(sh.exitCode() == 0, qPrintable(err));
+    QFile temperature(machine.filePath("temperature.txt"));
+    QVERIFY(temperature.open(QIODevice::ReadOnly));
+    QCOMPARE(temperature.readAll(), QByteArray("31\n"));
+    const QFileInfoList logs = QDir(machine.path()).entryInfoList({"unit-*.log"});
+    QCOMPARE(logs.size(), 1);
+    QVERIFY(logs[0].size() > 0);
 }
 
 QTEST_GUILESS_MAIN(TstTesselCli)

@@ -3,8 +3,10 @@
 // the same bus, and what it says when its channel, its EDS or its options are wrong.
 #include "serverprocess.h"
 
+#include <QCanBus>
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QSet>
 #include <QTcpServer>
 #include <QTest>
@@ -92,6 +94,7 @@ private slots:
     void lssGivesTheWaitingDriveItsNodeId();
     void bootLoaderTakesFirmwareAfterAReset();
     void socketCanWhereTheKernelOffersIt();
+    void framesTheServerCannotCarryAreCounted();
 
 private:
     ProgramRun cli(ServerProcess& server, const QStringList& args)
@@ -109,6 +112,7 @@ private:
     }
 
     QTemporaryDir m_dir;
+    quint16 m_port = 0;
     SimDriveProcess m_drives;
     // Both on the drives' bus: one transfers in blocks where it can, the other only segmented.
     ServerProcess m_blockServer;
@@ -117,7 +121,7 @@ private:
 
 void TstSimDrive::initTestCase()
 {
-    const quint16 port = freePort();
+    const quint16 port = m_port = freePort();
     QVERIFY(port);
     const QString eds = qorcalib::test::fastHeartbeatEds(m_dir);
     QVERIFY(!eds.isEmpty());
@@ -355,6 +359,43 @@ void TstSimDrive::socketCanWhereTheKernelOffersIt()
     const QString block = QString(QByteArray(100, '\x3C').toHex());
     QCOMPARE(cli(server, {"sdo", "write", "12,2040,0", block}).exit, 0);
     QCOMPARE(cli(server, {"sdo", "read", "12,2040,0"}).out, block.toUpper() + "\n");
+}
+
+void TstSimDrive::framesTheServerCannotCarryAreCounted()
+{
+    // Another node on the bus sends what the server cannot pass on (an extended frame, a CAN FD
+    // frame of 12 bytes) before each frame it can, until the dump has its one frame.
+    std::unique_ptr<QCanBusDevice> node(QCanBus::instance()->createDevice(
+        QStringLiteral("virtualcan"), QStringLiteral("tcp://127.0.0.1:%1/can0").arg(m_port)));
+    QVERIFY(node);
+    node->setConfigurationParameter(QCanBusDevice::CanFdKey, true);
+    QVERIFY(node->connectDevice());
+    QVERIFY(QTest::qWaitFor([&] { return node->state() == QCanBusDevice::ConnectedState; }));
+    QProcess dump;
+    dump.start(TESSEL_CLI_PATH, {"--socket", m_blockServer.socketPath(), "dump", "--count", "1",
+                                 "--filter", "123:7FF"});
+    QCanBusFrame extended(0x12345678, QByteArray("\x01", 1));
+    extended.setExtendedFrameFormat(true);
+    QCanBusFrame fd(0x124, QByteArray(12, '\x5A'));
+    fd.setFlexibleDataRateFormat(true);
+    const QCanBusFrame carried(0x123, QByteArray("\x02", 1));
+    QVERIFY(QTest::qWaitFor(
+        [&] {
+            for (const QCanBusFrame& f : {extended, fd, carried})
+                node->writeFrame(f);
+            return dump.waitForFinished(50);
+        },
+        20000));
+    QCOMPARE(dump.exitCode(), 0);
+    QVERIFY(dump.readAllStandardOutput().endsWith(" can0 123#02\n"));
+    // The two frames before the one dumped at least, and whole rounds of two.
+    const QString err = QString::fromLocal8Bit(dump.readAllStandardError());
+    const auto said = QRegularExpression("^tessel-cli: (\\d+) frames on the bus are not in the "
+                                         "dump: the server does not carry 29-bit identifiers or "
+                                         "CAN FD\n$")
+                          .match(err);
+    QVERIFY2(said.hasMatch(), qPrintable(err));
+    QVERIFY(said.captured(1).toInt() >= 2 && said.captured(1).toInt() % 2 == 0);
 }
 
 QTEST_GUILESS_MAIN(TstSimDrive)
