@@ -76,7 +76,14 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
 {
     setObjectName(QStringLiteral("frmMain"));
     setWindowTitle(kCaption);
-    m_message = [this](const QString& text) { QMessageBox::critical(this, windowTitle(), text); };
+    // A message belongs to the window the user works in (the monitor, the sequencer, ...): it
+    // opens over that window, and after OK the input goes back there, not to this one.
+    m_message = [this](const QString& text) {
+        QWidget* owner = QApplication::activeWindow();
+        if (!owner || !owner->isVisible())
+            owner = this;
+        QMessageBox::critical(owner, owner->windowTitle(), text);
+    };
     buildWindow();
     connect(&m_link, &CanLink::configChanged, this, &FrmMain::onChangedConfig);
     connect(&m_link, &CanLink::framesReceived, this, &FrmMain::onFramesReceived);
@@ -355,6 +362,8 @@ void FrmMain::setMessageHandler(std::function<void(const QString&)> handler)
 
 void FrmMain::showMessage(const QString& text)
 {
+    // A message is answered even when it opens while a call waits with input held back.
+    InputBlocker::Pause answerable;
     if (m_message)
         m_message(text);
 }

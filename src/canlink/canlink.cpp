@@ -152,7 +152,9 @@ void CanLink::onLost()
     // window's timer).
     if (!m_lostReported) {
         m_lostReported = true;
-        emit connectionLost();
+        // After the waits on this connection have ended with their errors: a message about
+        // the loss is not shown inside an operation that is still waiting for its answer.
+        QMetaObject::invokeMethod(this, &CanLink::connectionLost, Qt::QueuedConnection);
     }
 }
 

@@ -13,6 +13,7 @@ public:
     QPointer<QObject> allowed;
     QPointer<QObject> allowedWindow;
     int depth = 0;
+    int paused = 0;
 
     bool eventFilter(QObject* receiver, QEvent* event) override
     {
@@ -35,6 +36,8 @@ public:
         default:
             return false;
         }
+        if (paused > 0)
+            return false;
         if (allowedWindow && receiver == allowedWindow)
             return false;
         for (QObject* o = receiver; o; o = o->parent())
@@ -68,6 +71,16 @@ void InputBlocker::letThrough(QObject* object, QObject* window)
 {
     filter().allowed = object;
     filter().allowedWindow = window;
+}
+
+InputBlocker::Pause::Pause()
+{
+    ++filter().paused;
+}
+
+InputBlocker::Pause::~Pause()
+{
+    --filter().paused;
 }
 
 bool InputBlocker::isBlocking()

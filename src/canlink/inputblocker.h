@@ -22,6 +22,17 @@ public:
     // null ends it.
     static void letThrough(QObject* object, QObject* window = nullptr);
     static bool isBlocking();
+
+    // While one exists, input goes through as if no blocker existed: a message that opens
+    // inside a wait (the server was lost) must be answerable, or the wait never ends.
+    class Pause
+    {
+    public:
+        Pause();
+        ~Pause();
+        Pause(const Pause&) = delete;
+        Pause& operator=(const Pause&) = delete;
+    };
 };
 
 } // namespace tessel

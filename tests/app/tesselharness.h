@@ -4,10 +4,13 @@
 #include "frmmain.h"
 #include "serverprocess.h"
 
+#include <QMessageBox>
 #include <QSettings>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <QTest>
+#include <QTimer>
 
 #include <memory>
 
@@ -32,6 +35,21 @@ struct Tessel
         return true;
     }
     QString trace() const { return window.monitor()->traceText(); }
+    // Messages as a user meets them: a modal box, answered with a click on OK. A box whose
+    // click does not arrive is closed after 5 s and recorded as "unanswerable: TEXT".
+    void answerMessagesWithAClick()
+    {
+        window.setMessageHandler([this](const QString& text) {
+            QMessageBox box(QMessageBox::Critical, window.windowTitle(), text, QMessageBox::Ok,
+                            &window);
+            bool answered = false;
+            QTimer::singleShot(
+                50, &box, [&] { QTest::mouseClick(box.button(QMessageBox::Ok), Qt::LeftButton); });
+            QTimer::singleShot(5000, &box, [&] { box.done(QMessageBox::Cancel); });
+            answered = box.exec() == QMessageBox::Ok;
+            messages << (answered ? text : QStringLiteral("unanswerable: ") + text);
+        });
+    }
     FrmMain window;
     QStringList messages;
     QString loadError;

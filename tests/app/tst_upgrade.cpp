@@ -231,6 +231,7 @@ void TstUpgrade::serverGoesAwayDuringTheDownload()
     QVERIFY(m_bench.server->start());
     Tessel t(m_bench.server->socketPath());
     QVERIFY(t.load());
+    t.answerMessagesWithAClick();
     UpgradePanel* p = t.window.upgradePanel;
     QByteArray image = tessel::test::s3Record(
         0x8000000, tessel::test::identificationBlock(0x12, 0x00090000, 1, 2));
@@ -251,6 +252,9 @@ void TstUpgrade::serverGoesAwayDuringTheDownload()
     // The busy flag stays set and the history is not updated.
     QVERIFY(t.window.link()->upgradeBusy);
     QCOMPARE(p->cmbFileName->count(), 0);
+    // One message says so, after the transfer's wait has ended, and a click answers it.
+    QTRY_COMPARE(t.messages.size(), 1);
+    QVERIFY2(t.messages[0].startsWith("The CAN server was lost"), qPrintable(t.messages[0]));
     // With a server back, Tessel works on.
     QVERIFY(m_bench.server->start({QStringLiteral("--unpaced")}));
     QTest::qWait(400);

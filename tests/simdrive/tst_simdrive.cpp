@@ -288,7 +288,7 @@ void TstSimDrive::lssGivesTheWaitingDriveItsNodeId()
     const auto lss = [&](const QStringList& args) {
         return qorcalib::test::runProgram(QStringLiteral(TESSEL_CLI_PATH),
                                           QStringList{"--socket", server.socketPath(), "lss"} +
-                                              args + QStringList{"--lss-timeout", "100"},
+                                              args + QStringList{"--lss-timeout", "200"},
                                           60000);
     };
     // Once the drives have booted, the search finds a waiting drive before configured ones.

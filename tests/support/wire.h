@@ -41,7 +41,7 @@ enum BusMethod
     Advise = 3,
     Send = 6,
     GetControllerCount = 11,
-    BusMethodCount = 17
+    BusMethodCount = 18
 };
 enum ServiceMethod
 {
