@@ -14,6 +14,7 @@
 #include "hexhelpers.h"
 #include "inputblocker.h"
 #include "machinesettings.h"
+#include "sdoabort.h"
 #include "sdopanel.h"
 #include "tracefilesbar.h"
 #include "traceline.h"
@@ -35,6 +36,9 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QRegularExpression>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QStatusBar>
 #include <QThread>
 #include <QVBoxLayout>
@@ -88,8 +92,11 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     connect(&m_link, &CanLink::configChanged, this, &FrmMain::onChangedConfig);
     connect(&m_link, &CanLink::framesReceived, this, &FrmMain::onFramesReceived);
     connect(&m_link, &CanLink::frameTransmitted, this, &FrmMain::onFrameTransmitted);
-    connect(&m_link, &CanLink::progressChanged, this,
-            [this](float percent) { prbStato->setValue(qRound(percent)); });
+    connect(&m_link, &CanLink::progressChanged, this, [this](float percent) {
+        prbStato->setValue(qRound(percent));
+        prbStato->setFormat(prbStato->value() == 100 ? QStringLiteral("100 % done")
+                                                     : QStringLiteral("%p%"));
+    });
     connect(&m_link, &CanLink::progressNotified, this, &FrmMain::onProgressNotified);
     connect(&m_link, &CanLink::longWaitStarted, this, &FrmMain::showAbortDialog);
     connect(&m_link, &CanLink::longWaitEnded, this, &FrmMain::hideAbortDialog);
@@ -109,9 +116,18 @@ FrmMain::~FrmMain()
 
 void FrmMain::buildWindow()
 {
-    auto* central = new QWidget(this);
-    setCentralWidget(central);
+    // On a screen too small for the whole window (a laptop's 768 lines, less its task bar)
+    // the panels scroll rather than fall off the bottom of the screen.
+    auto* scroll = new QScrollArea(this);
+    scroll->setObjectName(QStringLiteral("scrMain"));
+    scroll->setFrameShape(QFrame::NoFrame);
+    scroll->setWidgetResizable(true);
+    auto* central = new QWidget(scroll);
+    scroll->setWidget(central);
+    setCentralWidget(scroll);
     auto* layout = new QVBoxLayout(central);
+    layout->setSpacing(4);
+    layout->setContentsMargins(6, 4, 6, 4);
 
     auto* fraCtrl = new QGroupBox(QStringLiteral("Controller"), central);
     fraCtrl->setObjectName(QStringLiteral("fraCtrl"));
@@ -130,12 +146,15 @@ void FrmMain::buildWindow()
         optSelCanCtrl[i]->setToolTip(
             QStringLiteral("Send, SDO and LSS act on controller %1").arg(i));
         optSelCanCtrl[i]->setEnabled(false);
-        grid->addWidget(chkCanEnable[i], i, 0);
-        grid->addWidget(cmbBaud[i], i, 1);
-        grid->addWidget(optSelCanCtrl[i], i, 2);
+        // Two controllers a row: half the height of one a row.
+        const int row = i % 2, column = (i / 2) * 4;
+        grid->addWidget(chkCanEnable[i], row, column);
+        grid->addWidget(cmbBaud[i], row, column + 1);
+        grid->addWidget(optSelCanCtrl[i], row, column + 2);
         chkCanEnable[i]->setEnabled(false);
         cmbBaud[i]->setEnabled(false);
     }
+    grid->setColumnMinimumWidth(3, 16);
     // The design-time state: controller 0 is the one normally used.
     chkCanEnable[0]->setChecked(true);
     for (int i = 0; i < kRows; ++i) {
@@ -192,6 +211,8 @@ void FrmMain::buildWindow()
                                         "succeeded, else the SDO abort code or the error"));
     sdoPanel = new SdoPanel(&m_link, txtAbort, txtSDOTimeOut, central);
     sdoPanel->selectedController = [this] { return m_selected; };
+    connect(sdoPanel, &SdoPanel::done, this, &FrmMain::reportDone);
+    connect(txtAbort, &QLineEdit::textChanged, this, &FrmMain::explainResult);
     sdoPanel->monitorSwitch = [this](bool on) {
         if (m_monitor)
             m_monitor->setTraceReceived(on);
@@ -238,17 +259,26 @@ void FrmMain::buildWindow()
     layout->addWidget(benchPanel);
     layout->addLayout(tools);
     layout->addStretch();
+    // Close-set panels: the whole window fits a laptop's screen with its task bar.
+    for (QGroupBox* group : central->findChildren<QGroupBox*>())
+        if (group->layout()) {
+            group->layout()->setContentsMargins(8, 2, 8, 4);
+            group->layout()->setSpacing(4);
+        }
 
     for (int i = 0; i <= kRows; ++i) {
         sbrStato[i] = new QLabel(this);
         sbrStato[i]->setObjectName(QStringLiteral("sbrStato_%1").arg(i));
         sbrStato[i]->setMinimumWidth(i == 0 ? 160 : 80);
-        statusBar()->addWidget(sbrStato[i], i == 0 ? 1 : 0);
+        statusBar()->addWidget(sbrStato[i]);
     }
     for (int i = 1; i <= kRows; ++i)
         sbrStato[i]->setToolTip(QStringLiteral("Status of controller %1: OR overrun, TX "
                                                "transmit pending, EW error warning, BO bus off")
                                     .arg(i - 1));
+    sbrDone = new QLabel(this);
+    sbrDone->setObjectName(QStringLiteral("sbrDone"));
+    statusBar()->addWidget(sbrDone, 3);
     prbStato = new QProgressBar(this);
     prbStato->setObjectName(QStringLiteral("prbStato"));
     prbStato->setRange(0, 100);
@@ -263,6 +293,7 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
 {
     txtFWNode->setText(QStringLiteral("1"));
     upgradePanel = new UpgradePanel(&m_link, &m_history, txtFWNode, txtAbort, parent);
+    connect(upgradePanel, &UpgradePanel::done, this, &FrmMain::reportDone);
     upgradePanel->selectedController = [this] { return m_selected; };
     upgradePanel->bitRateSelection = [this] { return cmbBaud[m_selected]->currentIndex(); };
     upgradePanel->showBitRate = [this](int rate) {
@@ -351,8 +382,31 @@ void FrmMain::hideAbortDialog()
     InputBlocker::letThrough(nullptr);
     if (m_abort)
         m_abort->hide();
-    // The bar shows the progress of a transfer while it runs, not the last one's end.
-    prbStato->setValue(0);
+}
+
+void FrmMain::reportDone(const QString& text)
+{
+    sbrDone->setText(text);
+    sbrDone->setToolTip(text);
+}
+
+void FrmMain::explainResult(const QString& result)
+{
+    // "Abort Code:" keeps the bare code; its meaning goes beside it, in the status bar and the
+    // box's tool tip.
+    static const QRegularExpression code(QStringLiteral("^[0-9A-Fa-f]{8}$"));
+    static const QString tip = txtAbort->toolTip();
+    if (!code.match(result).hasMatch()) {
+        txtAbort->setToolTip(tip);
+        if (!result.isEmpty())
+            reportDone(result);
+        else
+            sbrDone->clear();
+        return;
+    }
+    const QString meaning = qorcalib::sdoAbortText(result.toUInt(nullptr, 16));
+    txtAbort->setToolTip(QStringLiteral("SDO abort %1: %2").arg(result.toUpper(), meaning));
+    reportDone(QStringLiteral("SDO abort %1: %2").arg(result.toUpper(), meaning));
 }
 
 void FrmMain::setMessageHandler(std::function<void(const QString&)> handler)
@@ -370,6 +424,11 @@ void FrmMain::showMessage(const QString& text)
 
 bool FrmMain::formLoad(const QString& answer, QString* error)
 {
+    // The whole window, as far as the screen has room (the place the user gave it comes back
+    // next); what does not fit scrolls.
+    const auto* scroll = static_cast<const QScrollArea*>(centralWidget());
+    resize(scroll->widget()->sizeHint() + QSize(scroll->verticalScrollBar()->sizeHint().width(),
+                                                statusBar()->sizeHint().height()));
     WindowPlacement::restoreGeometry(this, objectName());
     WindowPlacement::keepOnScreen(this, nullptr);
     m_placement.setReference(pos());
@@ -610,10 +669,18 @@ void FrmMain::chkCanEnable_Click(int index)
 {
     WaitCursor wait;
     if (chkCanEnable[index]->isChecked()) {
+        // Before the server's echo of the change, which selects it too.
+        const bool wasSelected = optSelCanCtrl[index]->isChecked();
         if (!m_link.inhibitCtrlEvents)
             EnableController(index);
         EnableBusButtons(true);
         optSelCanCtrl[index]->setEnabled(true);
+        // Enabling selects the controller; said, so that the next transfer's target is no
+        // surprise.
+        if (!wasSelected && !m_link.inhibitCtrlEvents)
+            reportDone(QStringLiteral("CAN %1 enabled and selected: Send, SDO, LSS and upgrades "
+                                      "now go to CAN %1")
+                           .arg(index));
         optSelCanCtrl[index]->setChecked(true);
     } else {
         int first = -1;
@@ -710,6 +777,13 @@ void FrmMain::cmdLSSSet_Click()
     const CanLink::LssResult set = m_link.lssConfigure(m_selected, node, newRate);
     if (!set.error.isEmpty())
         txtAbort->setText(set.error);
+    else
+        reportDone(QStringLiteral("LSS Set: the waiting drive on CAN %1 now has node-ID %2 at "
+                                  "%3 (CAN %1 still runs at %4)")
+                       .arg(m_selected)
+                       .arg(QString::number(node, 16).toUpper())
+                       .arg(qorcalib::bitRateText(newRate),
+                            qorcalib::bitRateText(m_previousBitRate[m_selected])));
     setMonitorSwitch(true);
 }
 

@@ -80,6 +80,8 @@ public:
     QLineEdit* txtAbort = nullptr;
     QLineEdit* txtSDOTimeOut = nullptr;
     QProgressBar* prbStato = nullptr;
+    // What the last operation did, or what its abort code means.
+    QLabel* sbrDone = nullptr;
     QPushButton* cmdDiagno = nullptr;
     QPushButton* cmdEDS = nullptr;
     QPushButton* cmdIO = nullptr;
@@ -135,6 +137,9 @@ private:
     void DisableController(int index);
     void ApplyBitRate(int index);
     void showMessage(const QString& text);
+    // Says in the status bar what was done (or what went wrong), until the next operation.
+    void reportDone(const QString& text);
+    void explainResult(const QString& result);
     QList<QWidget*> carriedWindows() const;
 
     CanLink m_link;

@@ -526,6 +526,7 @@ CanLink::runOperation(const std::function<QRemoteObjectPendingReply<RequestReply
         return std::nullopt;
     }
     requestId = request->requestId();
+    emit progressChanged(0.0f);
     for (const OperationResult& r : std::as_const(early))
         if (r.requestId() == requestId)
             finished = r;
@@ -559,8 +560,11 @@ CanLink::runOperation(const std::function<QRemoteObjectPendingReply<RequestReply
         }
         if (announced)
             emit longWaitEnded();
-        emit progressChanged(0.0f);
     }
+    // The bar stays full after a transfer that worked, until the next one starts; empty after
+    // one that did not.
+    emit progressChanged(
+        finished && finished->error().isEmpty() && finished->abortCode() == 0 ? 100.0f : 0.0f);
     // The operation's own events (its last progress comes just before its end) are handled
     // before the call returns, not during whatever the caller waits for next.
     QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);

@@ -265,6 +265,12 @@ void UpgradePanel::cmdUpgrade_Click()
         monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
     m_link->upgradeBusy = false;
     AddRecentFile(cmbFileName->currentText(), txtPostProcOpt->text());
+    if (result.abortCode == 0)
+        emit done(QStringLiteral("Upgraded node %1 on CAN %2 with %3 (%4 bytes)")
+                      .arg(QString::number(node, 16).toUpper().rightJustified(2, QLatin1Char('0')))
+                      .arg(selectedController ? selectedController() : 0)
+                      .arg(QFileInfo(cmbFileName->currentText()).fileName())
+                      .arg(image.size()));
 }
 
 void UpgradePanel::cmdStopOnBoot_Click(int index)

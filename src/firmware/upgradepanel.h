@@ -83,6 +83,10 @@ public:
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
+signals:
+    // An upgrade worked: what was done, for the status bar.
+    void done(const QString& what);
+
 private:
     // Result of the upgrade's preparation: the bytes to send, or what txtAbort shows.
     bool readImageToSend(QByteArray* image);

@@ -7,6 +7,7 @@
 
 #include <QCheckBox>
 #include <QComboBox>
+#include <QElapsedTimer>
 #include <QFontDatabase>
 #include <QGridLayout>
 #include <QLabel>
@@ -78,7 +79,9 @@ SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QW
     txtVectGet->setObjectName(QStringLiteral("txtVectGet"));
     txtVectGet->setReadOnly(true);
     txtVectGet->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
-    txtVectGet->setMaximumHeight(90);
+    // A few lines: the panel fits a laptop screen with the rest of the main window; the list
+    // scrolls.
+    txtVectGet->setMaximumHeight(64);
 
     auto* grid = new QGridLayout(this);
     grid->addWidget(new QLabel(QStringLiteral("Node, idx, subidx:"), this), 0, 0);
@@ -100,9 +103,12 @@ SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QW
     grid->addWidget(txtVectGet, 5, 0, 1, 6);
     grid->addWidget(new QLabel(QStringLiteral("Abort Code:"), this), 6, 0);
     grid->addWidget(txtAbort, 6, 1, 1, 5);
-    grid->addWidget(new QLabel(QStringLiteral("SDO timeout:"), this), 7, 0);
-    grid->addWidget(txtSDOTimeOut, 7, 1);
-    grid->addWidget(cmdSetSDOTout, 7, 2);
+    // Beside the vector's options, where the row has room: one row less to the window.
+    auto* timeoutLabel = new QLabel(QStringLiteral("SDO timeout:"), this);
+    timeoutLabel->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    grid->addWidget(timeoutLabel, 4, 3);
+    grid->addWidget(txtSDOTimeOut, 4, 4);
+    grid->addWidget(cmdSetSDOTout, 4, 5);
     connect(cmdSetSDOTout, &QPushButton::clicked, this, &SdoPanel::cmdSetSDOTout_Click);
 
     connect(cmdUpload, &QPushButton::clicked, this, &SdoPanel::cmdUpload_Click);
@@ -219,9 +225,16 @@ void SdoPanel::cmdDownload_Click()
     RememberAddress(addressText, txtDataHex->text());
     if (monitorSwitch)
         monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
+    QElapsedTimer took;
+    took.start();
     txtAbort->setText(SdoWrite(address, data));
     if (monitorSwitch)
         monitorSwitch(true);
+    if (txtAbort->text().isEmpty())
+        emit done(QStringLiteral("Downloaded %1 bytes to %2 in %3 s")
+                      .arg(data.size())
+                      .arg(addressText.trimmed())
+                      .arg(double(took.elapsed()) / 1000, 0, 'f', 1));
 }
 
 void SdoPanel::cmdUpload_Click()
@@ -232,11 +245,17 @@ void SdoPanel::cmdUpload_Click()
     if (monitorSwitch)
         monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
     QByteArray data;
+    QElapsedTimer took;
+    took.start();
     txtAbort->setText(SdoRead(address, &data));
     if (monitorSwitch)
         monitorSwitch(true);
     if (!txtAbort->text().isEmpty())
         return;
+    emit done(QStringLiteral("Uploaded %1 bytes from %2 in %3 s")
+                  .arg(data.size())
+                  .arg(addressText.trimmed())
+                  .arg(double(took.elapsed()) / 1000, 0, 'f', 1));
     setData(data);
     RememberAddress(addressText, txtDataHex->text());
 }

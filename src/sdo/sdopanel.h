@@ -69,6 +69,10 @@ public:
     // The panel's controls in the order the Tab key visits them: row by row, as they stand.
     QList<QWidget*> tabOrder() const;
 
+signals:
+    // A transfer worked: what was done, for the status bar.
+    void done(const QString& what);
+
 private:
     void RememberAddress(const QString& address, const QString& data);
     void RefreshViews(const QByteArray& data, int source);

@@ -37,6 +37,13 @@ void WindowPlacement::keepOnScreen(QWidget* window, const QWidget* mainWindow)
     QMargins frame = marginsOf(window);
     if (frame.isNull() && mainWindow)
         frame = marginsOf(mainWindow);
+    // Nor is the main window's before its first show: a title bar and thin borders.
+    if (frame.isNull() && !mainWindow && !window->isVisible())
+        frame = QMargins(2, 28, 2, 2);
+    // Larger than the screen's room (a laptop's screen less its task bar): as large as fits.
+    const QSize room = screen->availableGeometry().size().shrunkBy(frame);
+    if (window->width() > room.width() || window->height() > room.height())
+        window->resize(window->size().boundedTo(room).expandedTo(window->minimumSizeHint()));
     const QRect outer(window->pos(), window->size().grownBy(frame));
     const QPoint place = onScreen(outer, screen->availableGeometry());
     if (place != window->pos())

@@ -21,7 +21,11 @@
 #include <QPushButton>
 #include <QRadioButton>
 #include <QRegularExpression>
+#include <QScreen>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QSettings>
+#include <QStatusBar>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -110,6 +114,26 @@ void TstFrmMain::startUp()
     QTRY_VERIFY_WITH_TIMEOUT(
         t.trace().contains(QRegularExpression("R0 701 1 \\d{3}s\\d{3}\\.\\d{3} > 7F \\r\\n")),
         5000);
+    // The whole window fits a laptop's 1366x768 screen less a task bar and a title bar; a
+    // smaller screen (this one) gets a window within it whose panels scroll.
+    const auto* scroll = w.findChild<QScrollArea*>("scrMain");
+    QVERIFY(scroll);
+    QVERIFY2(scroll->widget()->sizeHint().height() + w.statusBar()->sizeHint().height() <=
+                 768 - 40 - 30,
+             qPrintable(QString::number(scroll->widget()->sizeHint().height())));
+    QVERIFY(scroll->widget()->sizeHint().width() <= 1366);
+    const QRect room = w.screen()->availableGeometry();
+    if (room.height() < scroll->widget()->sizeHint().height()) {
+        QVERIFY(w.height() <= room.height());
+        QVERIFY(scroll->verticalScrollBar()->maximum() > 0);
+    }
+    // Enabling a controller selects it, and says so.
+    w.chkCanEnable[1]->setChecked(true);
+    QVERIFY(w.optSelCanCtrl[1]->isChecked());
+    QVERIFY2(w.sbrDone->text().startsWith("CAN 1 enabled and selected"),
+             qPrintable(w.sbrDone->text()));
+    w.chkCanEnable[1]->setChecked(false);
+    QVERIFY(w.optSelCanCtrl[0]->isChecked());
     QTest::mouseClick(w.cmdDiagno, Qt::LeftButton);
     QVERIFY(w.monitor()->isVisible());
     // The screen follows the trace text in batches.
@@ -414,6 +438,8 @@ void TstFrmMain::lssGetAndSet()
     w.txtFWNode->setText("22");
     QTest::mouseClick(w.cmdLSSSet, Qt::LeftButton);
     QCOMPARE(w.txtAbort->text(), QString());
+    QCOMPARE(w.sbrDone->text(), QString("LSS Set: the waiting drive on CAN 1 now has node-ID 22 "
+                                        "at 500K (CAN 1 still runs at 250K)"));
     // It started up as node 0x22 at 500K; the controller is back at 250K until the user
     // switches it.
     QTRY_VERIFY(t.trace().contains(QRegularExpression("R1 722 1 \\d{3}s\\d{3}\\.\\d{3} > 00 ")));
@@ -664,6 +690,9 @@ void TstFrmMain::sdoPanelWithTheDrive()
     QCOMPARE(p->txtDataHex->text(), QString("39300000"));
     QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString());
+    // Done is said, with what and where.
+    QVERIFY2(t.window.sbrDone->text().startsWith("Downloaded 4 bytes to 1,2101,3 in "),
+             qPrintable(t.window.sbrDone->text()));
     QTest::mouseClick(p->cmdClear, Qt::LeftButton);
     QCOMPARE(p->txtDataHex->text(), QString());
     QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
@@ -674,6 +703,10 @@ void TstFrmMain::sdoPanelWithTheDrive()
     p->cmbIndex->setCurrentText("1,3000,0");
     QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString("06020000"));
+    // The bare code stays in its box; its meaning is beside it.
+    QCOMPARE(t.window.sbrDone->text(),
+             QString("SDO abort 06020000: Object does not exist in the object dictionary"));
+    QCOMPARE(t.window.txtAbort->toolTip(), t.window.sbrDone->text());
     QCOMPARE(p->txtLong->text(), QString("12345"));
     QCOMPARE(p->cmbIndex->count(), 2);
     // A value too high for the entry's limits.
@@ -707,12 +740,13 @@ void TstFrmMain::sdoDomainThroughThePanel()
     QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString());
     // Whatever the bar showed while the transfer ran (on this unpaced bus it may end before a
-    // report arrives), it is empty once the transfer has ended.
+    // report arrives), it is full and says so once the transfer has ended, until the next.
     for (const QList<QVariant>& v : progress)
         QVERIFY(v.at(0).toInt() >= 0 && v.at(0).toInt() <= 100);
-    QCOMPARE(t.window.prbStato->value(), 0);
-    QTest::qWait(200); // a late progress report does not fill it again
-    QCOMPARE(t.window.prbStato->value(), 0);
+    QCOMPARE(t.window.prbStato->value(), 100);
+    QCOMPARE(t.window.prbStato->text(), QString("100 % done"));
+    QTest::qWait(200); // a late progress report does not change it
+    QCOMPARE(t.window.prbStato->value(), 100);
     QTest::mouseClick(p->cmdClear, Qt::LeftButton);
     QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString());

@@ -13,6 +13,7 @@
 #include <QDir>
 #include <QFile>
 #include <QHelpEvent>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMouseEvent>
 #include <QProgressBar>
@@ -96,7 +97,7 @@ void TstUpgrade::catchUpgradeReleaseAndReadBack()
     QTest::mouseClick(p->cmdUpgrade, Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString());
     QVERIFY(std::any_of(progress.begin(), progress.end(), [](int v) { return v > 0 && v < 100; }));
-    QCOMPARE(t.window.prbStato->value(), 0);
+    QCOMPARE(t.window.prbStato->value(), 100); // and "done" until the next operation
     // The end of the transfer ended the bench's transfer begun by the catch.
     QVERIFY(!t.window.transferPending());
     QString error;
@@ -133,6 +134,8 @@ void TstUpgrade::rawImageIsPostProcessedFirst()
     QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
     p->cmdUpgrade_Click();
     QCOMPARE(t.window.txtAbort->text(), QString());
+    QVERIFY2(t.window.sbrDone->text().startsWith("Upgraded node 01 on CAN 0 with "),
+             qPrintable(t.window.sbrDone->text()));
     QVERIFY(QFile::exists(m_files.filePath("raw-2.2.0.sx")));
     p->cmdEnUpgrade_Click();
     QTest::qWait(100);

@@ -70,7 +70,7 @@ private slots:
     void closingTheMainWindowEndsTheProgram();
     void tabFollowsTheLayout();
     void allRxThroughTheMonitor();
-    void progressShowsOnlyWhileATransferRuns();
+    void progressShowsTheTransferAndItsEnd();
 
 private:
     WindowTestBench m_bench;
@@ -407,7 +407,7 @@ void TstUserIntent::allRxThroughTheMonitor()
     QVERIFY(t.messages.isEmpty());
 }
 
-void TstUserIntent::progressShowsOnlyWhileATransferRuns()
+void TstUserIntent::progressShowsTheTransferAndItsEnd()
 {
     // The bus at its real pace, segmented: 16 KiB take about half a second.
     ServerProcess paced;
@@ -425,7 +425,13 @@ void TstUserIntent::progressShowsOnlyWhileATransferRuns()
     QVERIFY2(progress.size() > 2, qPrintable(QString::number(progress.size())));
     QVERIFY(std::any_of(progress.begin(), progress.end(),
                         [](const QList<QVariant>& v) { return v.at(0).toInt() >= 50; }));
-    // ...and is empty once it has ended.
+    // ...stays full, saying so, once it has ended...
+    QCOMPARE(t.window.prbStato->value(), 100);
+    QCOMPARE(t.window.prbStato->text(), QString("100 % done"));
+    // ...and the next operation starts from empty; one that fails leaves it so.
+    p->cmbIndex->setCurrentText("1,3000,0");
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(t.window.txtAbort->text(), QString("06020000"));
     QCOMPARE(t.window.prbStato->value(), 0);
 }
 
