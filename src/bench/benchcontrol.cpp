@@ -99,8 +99,22 @@ QString BenchControl::pcbReset(bool ticked)
     return setOutput(2, !ticked);
 }
 
+namespace {
+// A box without a number would set the supply to 0 V: refused before anything is switched.
+QString notAVoltage(const QString& box, const QString& volts)
+{
+    bool read = false;
+    lenientValue(volts, &read);
+    return read ? QString()
+                : QStringLiteral("%1 '%2' is not a voltage: nothing was switched")
+                      .arg(box, volts.trimmed().left(20));
+}
+} // namespace
+
 QString BenchControl::mainSupplyOn(const QString& volts)
 {
+    if (QString refused = notAVoltage(QStringLiteral("Vout"), volts); !refused.isEmpty())
+        return refused;
     WaitCursor wait;
     QString error = prologue();
     if (error.isEmpty())
@@ -112,6 +126,8 @@ QString BenchControl::mainSupplyOn(const QString& volts)
 
 QString BenchControl::brakeSupplyOn(const QString& volts)
 {
+    if (QString refused = notAVoltage(QStringLiteral("Brake V"), volts); !refused.isEmpty())
+        return refused;
     WaitCursor wait;
     QString error = prologue();
     if (error.isEmpty())

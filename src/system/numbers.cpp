@@ -33,19 +33,25 @@ double radixValue(QStringView digits, int base)
 
 } // namespace
 
-double lenientValue(QStringView text)
+double lenientValue(QStringView text, bool* read)
 {
+    if (read)
+        *read = false;
     qsizetype i = 0;
     while (i < text.size() && text[i].isSpace())
         ++i;
     text = text.mid(i);
     if (text.size() >= 2 && text[0] == QLatin1Char('&')) {
         const QChar kind = text[1].toUpper();
-        if (kind == QLatin1Char('H'))
-            return radixValue(text.mid(2), 16);
-        if (kind == QLatin1Char('O'))
-            return radixValue(text.mid(2), 8);
-        return 0.0;
+        const int radix = kind == QLatin1Char('H') ? 16 : kind == QLatin1Char('O') ? 8 : 0;
+        if (radix == 0)
+            return 0.0;
+        bool digit = false;
+        if (text.size() > 2)
+            (void)text.mid(2, 1).toInt(&digit, radix);
+        if (read)
+            *read = digit;
+        return radixValue(text.mid(2), radix);
     }
     // Longest prefix of the form [sign] digits [. digits]: an exponent is not read, so "1e3"
     // is 1.
@@ -67,6 +73,8 @@ double lenientValue(QStringView text)
     }
     if (!digits)
         return 0.0;
+    if (read)
+        *read = true;
     bool ok = false;
     const double value = number.toDouble(&ok);
     return ok && std::isfinite(value) ? value : 0.0;

@@ -10,7 +10,9 @@ namespace tessel {
 // exponent: "1e3" is 1), or "&H" hexadecimal / "&O" octal digits; reading stops at the first
 // character that does not belong. Empty or unreadable text is 0. Hexadecimal and octal
 // values above 0x7FFFFFFF wrap to negative, as 32-bit two's complement.
-double lenientValue(QStringView text);
+// `read`, when given, says whether the text began with a number at all (a box holding "abc"
+// reads as 0, which is rarely what was meant).
+double lenientValue(QStringView text, bool* read = nullptr);
 // The same for a hexadecimal text without prefix: the value of "&H" + text.
 double lenientHexValue(QStringView text);
 

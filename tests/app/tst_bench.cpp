@@ -128,11 +128,12 @@ void TstBench::supplyTextsAsTyped_data()
                         << "bench parameter 26 (main supply voltage): -5 V is out of range (0 "
                            "to 60 V)"
                         << true;
-    // Read leniently: 0 V, 0 V and 1 V, which the bench takes and the drive cannot run on.
+    // No number at all is no 0 V: refused, and the drive runs on.
     QTest::newRow("empty") << ""
-                           << "" << false;
+                           << "Vout '' is not a voltage: nothing was switched" << true;
     QTest::newRow("abc") << "abc"
-                         << "" << false;
+                         << "Vout 'abc' is not a voltage: nothing was switched" << true;
+    // Read leniently: 1 V, which the bench takes and the drive cannot run on.
     QTest::newRow("1e9") << "1e9"
                          << "" << false;
 }
