@@ -6,6 +6,16 @@
 
 namespace tessel {
 
+namespace {
+// Hexadecimal digits and nothing else: a typo ("xyz", "1G") is not read up to where it starts.
+bool isHex(const QString& text)
+{
+    bool ok = false;
+    (void)text.toUInt(&ok, 16);
+    return ok && !text.startsWith(QLatin1Char('+')) && !text.startsWith(QLatin1Char('-'));
+}
+} // namespace
+
 std::optional<SlotFrame> slotFrame(const SlotTexts& slot, int slotIndex, QString* error)
 {
     const QString lengthText = slot.length.trimmed();
@@ -25,7 +35,15 @@ std::optional<SlotFrame> slotFrame(const SlotTexts& slot, int slotIndex, QString
     }
     // Blanks around a typed number are not part of it: " 181" must not read as 0, the NMT
     // identifier.
-    const qint64 id = qint64(lenientHexValue(slot.id.trimmed()));
+    const QString idText = slot.id.trimmed();
+    if (!isHex(idText)) {
+        *error = QStringLiteral("The identifier \"%1\" of slot %2 is not hexadecimal: nothing "
+                                "sent.")
+                     .arg(slot.id)
+                     .arg(slotIndex + 1);
+        return std::nullopt;
+    }
+    const qint64 id = qint64(lenientHexValue(idText));
     if (id < 0 || id > 0x7FF) {
         *error = QStringLiteral("The identifier %1 of slot %2 is not an 11-bit CAN identifier "
                                 "(0 to 7FF): nothing sent.")
@@ -39,8 +57,19 @@ std::optional<SlotFrame> slotFrame(const SlotTexts& slot, int slotIndex, QString
     frame.remote = slot.remote;
     if (!frame.remote) {
         frame.data.resize(frame.length);
-        for (int j = 0; j < frame.length; ++j)
-            frame.data[j] = char(qint64(lenientHexValue(slot.data[j].trimmed())) & 0xFF);
+        for (int j = 0; j < frame.length; ++j) {
+            // An empty box is a 00; anything else is one byte in hexadecimal.
+            const QString byte = slot.data[j].trimmed();
+            if (!byte.isEmpty() && (!isHex(byte) || byte.toUInt(nullptr, 16) > 0xFF)) {
+                *error = QStringLiteral("D%1 of slot %2 holds \"%3\", not a byte (00 to FF): "
+                                        "nothing sent.")
+                             .arg(j)
+                             .arg(slotIndex + 1)
+                             .arg(slot.data[j]);
+                return std::nullopt;
+            }
+            frame.data[j] = char(byte.toUInt(nullptr, 16));
+        }
     }
     return frame;
 }
