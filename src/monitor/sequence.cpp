@@ -84,6 +84,13 @@ bool SequenceRow::runToken(const QString& token)
     if (kind == QLatin1Char('M')) {
         m_passSentOrWaited = true;
         const int slot = roundToInt16(number - 1);
+        if (slot < 0 || slot >= kSlots) {
+            stopRow(QStringLiteral("Sequence stopped at \"%1\": there is no slot %2 (M1 to M%3).")
+                        .arg(token)
+                        .arg(slot + 1)
+                        .arg(kSlots));
+            return false;
+        }
         if (m_hooks.sendSlot && m_hooks.sendSlot(slot)) {
             stopRow(QStringLiteral("Sequence stopped: slot %1 could not be sent.").arg(slot + 1));
             return false;
@@ -104,7 +111,12 @@ bool SequenceRow::runToken(const QString& token)
         // "T0" arms nothing: the row waits until its box is cleared.
         return false;
     }
-    stopRow(QString());
+    // Said with what stopped it: a row that stops without a word looks like a row that runs.
+    const QString at = token.isEmpty() ? m_text.mid(m_position - 1, 12) : token;
+    stopRow(QStringLiteral("Sequence stopped at \"%1\": a row holds Mn (send slot n, 1 to %2) "
+                           "and Tx (wait x seconds), with blanks between them.")
+                .arg(at)
+                .arg(kSlots));
     return false;
 }
 

@@ -39,13 +39,15 @@ class SequenceRow
 {
 public:
     static constexpr int kLongestWaitMs = 65535;
+    static constexpr int kSlots = 8;
 
     struct Hooks
     {
         // Sends slot 0..7 (anything else sends nothing); true when the send failed.
         std::function<bool(int slot)> sendSlot;
-        // The row stopped by itself (a bad token, a failed send, a wait too long): the
-        // window clears its enable box; `message` is empty for a bad token.
+        // The row stopped by itself (a bad token, a slot that does not exist, a failed send, a
+        // wait too long): the window clears its enable box and shows `message`; it is empty
+        // when a blank text had nothing to repeat.
         std::function<void(const QString& message)> stopped;
     };
 

@@ -331,14 +331,16 @@ void TstFrmDiagno::sequencerRows()
     QTest::qWait(150);
     QCOMPARE(rig.sent.size(), stopped);
 
-    // A wait beyond the timer's range stops the row with a message; a bad token silently.
+    // A wait beyond the timer's range stops the row with a message; so does a bad token.
     seq->chkEn[1]->setChecked(true);
     QTRY_VERIFY(!seq->chkEn[1]->isChecked());
     QCOMPARE(rig.messages.size(), 1);
     QVERIFY2(rig.messages[0].contains("T70"), qPrintable(rig.messages[0]));
     seq->chkEn[2]->setChecked(true);
     QTRY_VERIFY(!seq->chkEn[2]->isChecked());
-    QCOMPARE(rig.messages.size(), 1);
+    QCOMPARE(rig.messages.size(), 2);
+    QVERIFY2(rig.messages[1].startsWith("Row 3: Sequence stopped at \",M2\""),
+             qPrintable(rig.messages[1]));
 
     // Closing the window stops every row.
     seq->chkEn[0]->setChecked(true);

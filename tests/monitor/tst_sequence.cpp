@@ -110,22 +110,32 @@ void TstSequence::rows_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<qint64>("until");
     QTest::addColumn<QString>("sends");
-    QTest::addColumn<bool>("running");
+    QTest::addColumn<QString>("stop"); // the message of a row that stopped by itself
+    const QString running = QStringLiteral("(running)");
+    const auto bad = [](const QString& at) {
+        return QStringLiteral("Sequence stopped at \"%1\": a row holds Mn (send slot n, 1 to 8) "
+                              "and Tx (wait x seconds), with blanks between them.")
+            .arg(at);
+    };
     // Ticking starts 1 ms later; the end of each pass gives the event loop one turn (0 ms).
     QTest::newRow("M1 T0.5 M2 T1")
-        << "M1 T0.5 M2 T1" << qint64(3100) << "0@1 1@501 0@1501 1@2001 0@3001" << true;
-    QTest::newRow("lower case") << "m1 t1" << qint64(2500) << "0@1 0@1001 0@2001" << true;
-    QTest::newRow("comma stops after the first") << "M1,M2" << qint64(1000) << "0@1" << false;
-    QTest::newRow("T0 hangs") << "M1 T0 M2" << qint64(5000) << "0@1" << true;
-    QTest::newRow("M0 and M9 send nothing")
-        << "M0 M9 M3 T1" << qint64(1500) << "-1@1 8@1 2@1 -1@1001 8@1001 2@1001" << true;
-    QTest::newRow("digit first stops") << "M1 5" << qint64(1000) << "0@1" << false;
-    QTest::newRow("blank text stops") << "   " << qint64(1000) << "" << false;
-    QTest::newRow("empty text stops") << "" << qint64(1000) << "" << false;
-    QTest::newRow("rounding M1.5 is slot 0") << "M1.5 T2" << qint64(100) << "0@1" << true;
-    QTest::newRow("T0.0004 rounds to 0, hangs") << "M2 T0.0004" << qint64(100) << "1@1" << true;
-    QTest::newRow("longest wait") << "M1 T65.535" << qint64(70000) << "0@1 0@65536" << true;
-    QTest::newRow("trailing blanks") << "M1 T1 " << qint64(1500) << "0@1 0@1001" << true;
+        << "M1 T0.5 M2 T1" << qint64(3100) << "0@1 1@501 0@1501 1@2001 0@3001" << running;
+    QTest::newRow("lower case") << "m1 t1" << qint64(2500) << "0@1 0@1001 0@2001" << running;
+    QTest::newRow("comma stops after the first") << "M1,M2" << qint64(1000) << "0@1" << bad(",M2");
+    QTest::newRow("T0 hangs") << "M1 T0 M2" << qint64(5000) << "0@1" << running;
+    QTest::newRow("M9: no such slot")
+        << "M3 M9 T1" << qint64(1500) << "2@1"
+        << "Sequence stopped at \"M9\": there is no slot 9 (M1 to M8).";
+    QTest::newRow("M0: no such slot")
+        << "M0 M3" << qint64(1500) << ""
+        << "Sequence stopped at \"M0\": there is no slot 0 (M1 to M8).";
+    QTest::newRow("digit first stops") << "M1 5" << qint64(1000) << "0@1" << bad("5");
+    QTest::newRow("blank text stops") << "   " << qint64(1000) << "" << QString();
+    QTest::newRow("empty text stops") << "" << qint64(1000) << "" << QString();
+    QTest::newRow("rounding M1.5 is slot 0") << "M1.5 T2" << qint64(100) << "0@1" << running;
+    QTest::newRow("T0.0004 rounds to 0, hangs") << "M2 T0.0004" << qint64(100) << "1@1" << running;
+    QTest::newRow("longest wait") << "M1 T65.535" << qint64(70000) << "0@1 0@65536" << running;
+    QTest::newRow("trailing blanks") << "M1 T1 " << qint64(1500) << "0@1 0@1001" << running;
 }
 
 void TstSequence::rows()
@@ -133,14 +143,15 @@ void TstSequence::rows()
     QFETCH(QString, text);
     QFETCH(qint64, until);
     QFETCH(QString, sends);
-    QFETCH(bool, running);
+    QFETCH(QString, stop);
     Rig rig(text);
     rig.row->setEnabled(true);
     rig.clock.runUntil(*rig.row, until);
     QCOMPARE(rig.sends(), sends);
+    const bool running = stop == QStringLiteral("(running)");
     QCOMPARE(rig.row->isEnabled(), running);
     QCOMPARE(rig.stops, running ? 0 : 1);
-    QVERIFY(rig.lastMessage.isEmpty());
+    QCOMPARE(rig.lastMessage, running ? QString() : stop);
 }
 
 void TstSequence::clearingStopsAWaitingRowAndTickingRestarts()
