@@ -32,7 +32,9 @@ FrmEDS::FrmEDS(const WindowPlacement* placement, QWidget* mainWindow, QWidget* p
     txtNode = new QLineEdit(QStringLiteral("1"), this);
     txtNode->setObjectName(QStringLiteral("txtNode"));
     txtNode->setMaximumWidth(50);
-    txtNode->setToolTip(QStringLiteral("Node-ID, decimal"));
+    txtNode->setToolTip(QStringLiteral("Node-ID, decimal; the address box takes it in "
+                                       "hexadecimal (node 10 goes there as A)"));
+    txtNode->setPlaceholderText(QStringLiteral("dec"));
     cmdMove = new QPushButton(QStringLiteral("&Move"), this);
     cmdMove->setObjectName(QStringLiteral("cmdMove"));
     cmdMove->setToolTip(QStringLiteral("Put the chosen entry's address into the SDO panel"));
@@ -94,8 +96,9 @@ void FrmEDS::cmdMove_Click()
         return;
     const qint32 node = roundToInt32(lenientValue(txtNode->text()));
     const EdsEntry& e = m_entries[k];
+    // The address box reads every part in hexadecimal: node 12 is C there, not 0x12.
     const QString address = QStringLiteral("%1,%2,%3")
-                                .arg(node)
+                                .arg(QString::number(quint32(node), 16).toUpper())
                                 .arg(QString::number(quint32(e.index), 16).toUpper())
                                 .arg(QString::number(quint32(e.subIndex), 16).toUpper());
     if (setAddress)

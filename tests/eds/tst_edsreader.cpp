@@ -304,7 +304,9 @@ void TstEdsReader::browserPutsTheAddress_data()
     QTest::newRow("button") << "1" << false << "1,1018,1";
     QTest::newRow("double click") << "1" << true << "1,1018,1";
     QTest::newRow("empty node") << "" << false << "0,1018,1";
-    QTest::newRow("node 12") << "12" << true << "12,1018,1";
+    // Decimal in the box, hexadecimal in the address, which reads it so.
+    QTest::newRow("node 12") << "12" << true << "C,1018,1";
+    QTest::newRow("node 127") << "127" << false << "7F,1018,1";
 }
 
 void TstEdsReader::browserPutsTheAddress()
