@@ -2,6 +2,8 @@
 
 #include "numbers.h"
 
+#include <QRegularExpression>
+
 #include <algorithm>
 #include <cmath>
 
@@ -96,6 +98,15 @@ qint64 longViewValue(const QString& text)
 
 QString viewOverflowNote(DataView view, const QString& text)
 {
+    if (view == DataView::Hex) {
+        // Pairs of hexadecimal digits and nothing else; the lenient reading of anything else
+        // ("GG", "1 2 3") is shown, as it is what goes out.
+        static const QRegularExpression pairs(QStringLiteral("^([0-9A-Fa-f]{2})*$"));
+        if (pairs.match(text).hasMatch())
+            return {};
+        return QStringLiteral("%1 is not whole bytes in hexadecimal: %2 is sent")
+            .arg(text.left(40), bytesToHex(hexToBytes(text)));
+    }
     const double value = std::nearbyint(lenientValue(text));
     struct Range
     {

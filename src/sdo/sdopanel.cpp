@@ -150,8 +150,8 @@ void SdoPanel::RefreshViews(const QByteArray& data, int source)
         txtLong->setText(v.longValue);
     // A view rewritten from the data shows exactly what is sent.
     for (auto [edit, view] :
-         {std::pair{txtByte, DataView::Byte}, std::pair{txtWord, DataView::Word},
-          std::pair{txtLong, DataView::Long}})
+         {std::pair{txtDataHex, DataView::Hex}, std::pair{txtByte, DataView::Byte},
+          std::pair{txtWord, DataView::Word}, std::pair{txtLong, DataView::Long}})
         if (source != int(view))
             markOverflow(edit, view, {});
     m_updating = false;

@@ -329,6 +329,17 @@ void TstUserIntent::everyViewCanBeTypedBack()
     type(p->txtWord, "65535");
     QVERIFY(!p->txtWord->property("overflow").toBool());
     QCOMPARE(p->txtDataHex->text(), QString("FFFF"));
+
+    // The hex view marks what is not whole bytes, with what would go out.
+    for (const auto& [typed, sent] : {std::pair{"GG", "EF"}, std::pair{"1 2 3", "0F1F03"}}) {
+        type(p->txtDataHex, typed);
+        QVERIFY(p->txtDataHex->property("overflow").toBool());
+        QCOMPARE(
+            p->txtDataHex->toolTip(),
+            QStringLiteral("%1 is not whole bytes in hexadecimal: %2 is sent").arg(typed, sent));
+    }
+    type(p->txtWord, "1");
+    QVERIFY(!p->txtDataHex->property("overflow").toBool());
 }
 
 void TstUserIntent::closingTheMainWindowEndsTheProgram()
