@@ -1,10 +1,12 @@
 #include "wheelguard.h"
 
+#include <QAbstractScrollArea>
 #include <QAbstractSlider>
 #include <QAbstractSpinBox>
 #include <QApplication>
 #include <QComboBox>
 #include <QEvent>
+#include <QScrollBar>
 
 namespace tessel {
 
@@ -14,6 +16,9 @@ namespace {
 // part it is (the line edit of an editable list).
 QWidget* valueWidgetOf(QObject* object)
 {
+    // A scroll bar scrolls a view: what a view hands it is always meant.
+    if (qobject_cast<QScrollBar*>(object))
+        return nullptr;
     for (int depth = 0; object && depth < 3; ++depth, object = object->parent()) {
         if (qobject_cast<QComboBox*>(object) || qobject_cast<QAbstractSpinBox*>(object) ||
             qobject_cast<QAbstractSlider*>(object))
@@ -49,8 +54,16 @@ bool WheelGuard::eventFilter(QObject* watched, QEvent* event)
     QWidget* target = valueWidgetOf(watched);
     if (!target || target->hasFocus() || (target->focusProxy() && target->focusProxy()->hasFocus()))
         return false;
-    // Not clicked into: the turn is not this widget's. Dropped rather than passed to the
-    // scroll area around it, which would scroll the value widget out from under the pointer.
+    // Not clicked into: the turn is not this widget's value's but the view's around it (the
+    // main window's panels on a small screen), as over any other part of the view.
+    for (QWidget* w = target->parentWidget(); w; w = w->parentWidget()) {
+        if (auto* area = qobject_cast<QAbstractScrollArea*>(w)) {
+            QCoreApplication::sendEvent(area->verticalScrollBar(), event);
+            break;
+        }
+        if (w->isWindow())
+            break;
+    }
     return true;
 }
 

@@ -71,6 +71,8 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     edTrace = new QPlainTextEdit(this);
     edTrace->setObjectName(QStringLiteral("edTrace"));
     edTrace->setReadOnly(true);
+    // Ctrl+Home and Ctrl+End move through the trace, as in any text view.
+    edTrace->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
     edTrace->setLineWrapMode(QPlainTextEdit::NoWrap);
     edTrace->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
     edTrace->setUndoRedoEnabled(false);

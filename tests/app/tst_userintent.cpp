@@ -15,8 +15,11 @@
 #include <QComboBox>
 #include <QElapsedTimer>
 #include <QLineEdit>
+#include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QSlider>
@@ -241,41 +244,60 @@ void TstUserIntent::wheelChangesOnlyWhatWasClickedInto_data()
     QTest::newRow("bit-rate list") << "combo";
     QTest::newRow("spin box") << "spin";
     QTest::newRow("slider") << "slider";
+    QTest::newRow("a view scrolls") << "view";
 }
 
 void TstUserIntent::wheelChangesOnlyWhatWasClickedInto()
 {
     QFETCH(QString, kind);
     WheelGuard::install();
-    QWidget window;
+    // In a scroll area, as the main window's panels are on a small screen.
+    QScrollArea window;
+    window.resize(300, 150);
+    auto* page = new QWidget;
+    page->setMinimumSize(280, 1000);
+    window.setWidget(page);
     QWidget* target = nullptr;
     std::function<int()> value;
     if (kind == "combo") {
-        auto* c = new QComboBox(&window);
+        auto* c = new QComboBox(page);
         c->addItems({"1000K", "800K", "500K", "250K"});
         c->setCurrentIndex(2);
         target = c;
         value = [c] { return c->currentIndex(); };
     } else if (kind == "spin") {
-        auto* s = new QSpinBox(&window);
+        auto* s = new QSpinBox(page);
         s->setValue(50);
         target = s;
         value = [s] { return s->value(); };
-    } else {
-        auto* s = new QSlider(Qt::Horizontal, &window);
+    } else if (kind == "slider") {
+        auto* s = new QSlider(Qt::Horizontal, page);
         s->setRange(0, 100);
         s->setValue(50);
         target = s;
         value = [s] { return s->value(); };
+    } else {
+        auto* trace = new QPlainTextEdit(page);
+        trace->setPlainText(QString("R0 701 1 > 05\n").repeated(300));
+        trace->resize(250, 100);
+        target = trace->viewport();
+        value = [] { return 0; };
     }
-    auto* other = new QLineEdit(&window);
-    other->move(0, 60);
+    auto* other = new QLineEdit(page);
+    other->move(0, 120);
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
     other->setFocus();
     const int before = value();
+    const auto* view = qobject_cast<QPlainTextEdit*>(target->parentWidget());
+    const QScrollBar* scrolled = view ? view->verticalScrollBar() : window.verticalScrollBar();
+    QCOMPARE(scrolled->value(), 0);
     turnWheel(target, -1);
     QCOMPARE(value(), before);
+    // The turn scrolls what is around the pointer instead (a view, or the window's panels).
+    QVERIFY(scrolled->value() > 0);
+    if (view)
+        return;
     QVERIFY(!target->hasFocus());           // nor did the turn give it the focus
     target->setFocus(Qt::MouseFocusReason); // clicked into
     turnWheel(target, -1);
