@@ -11,7 +11,6 @@ StartResult startTessel(const StartUp& startUp)
     const auto answer = startUp.ask(readRemoteServer(QStringLiteral("localhost")));
     if (!answer || answer->isEmpty())
         return result; // ends at once, nothing remembered
-    writeRemoteServer(*answer);
 
     auto window = std::make_unique<FrmMain>();
     if (!startUp.localSocketPath.isEmpty())
@@ -23,6 +22,9 @@ StartResult startTessel(const StartUp& startUp)
         result.exitCode = 1;
         return result;
     }
+    // Remembered for every account only once it connected: a typo ("nohost") is not offered
+    // to everyone at the next start.
+    writeRemoteServer(*answer);
     result.window = std::move(window);
     return result;
 }
