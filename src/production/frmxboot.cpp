@@ -108,11 +108,16 @@ ProductionRun::Hooks FrmXBoot::realHooks()
     return h;
 }
 
+namespace {
+const QString kPendingSerialKey = QStringLiteral("production/pendingSerial");
+}
+
 void FrmXBoot::loadSettings()
 {
     QSettings s = userSettings();
     txtFileName->setText(s.value(QStringLiteral("filename/xboot")).toString());
     txtCfgFile->setText(s.value(QStringLiteral("filename/xcfg")).toString());
+    idskTag = s.value(kPendingSerialKey).toString();
 }
 
 void FrmXBoot::saveSettings() const
@@ -168,6 +173,15 @@ void FrmXBoot::cmdSerialLoc_Click()
 
 void FrmXBoot::report(const ProductionRun::Outcome& outcome)
 {
+    // A serial taken by a run that failed stays the unit's for its retry, also after a
+    // restart: it was taken from the line's counter, and a new one would leave a gap.
+    {
+        QSettings s = userSettings();
+        if (idskTag.isEmpty())
+            s.remove(kPendingSerialKey);
+        else
+            s.setValue(kPendingSerialKey, idskTag);
+    }
     switch (outcome.kind) {
     case ProductionRun::Outcome::Done:
         txtIDSK->setText(QString::number(outcome.serial));

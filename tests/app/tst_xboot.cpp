@@ -158,6 +158,12 @@ void TstXBoot::failedRunKeepsTheSerialForTheRetry()
     QCOMPARE(t.messages, QStringList{"FFlash retval=7"});
     QCOMPARE(x->idskTag, QString("42"));
     QCOMPARE(x->txtIDSK->text(), QString());
+    {
+        // Tessel started again for the retry: the unit keeps its serial.
+        Tessel again(m_bench.server->socketPath());
+        QVERIFY(again.load());
+        QCOMPARE(open(again)->idskTag, QString("42"));
+    }
     x->chkFR->setChecked(true);
     QTest::mouseClick(x->cmdJtagPrg, Qt::LeftButton);
     QCOMPARE(t.messages.size(), 1);
