@@ -294,6 +294,7 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
     txtFWNode->setText(QStringLiteral("1"));
     upgradePanel = new UpgradePanel(&m_link, &m_history, txtFWNode, txtAbort, parent);
     connect(upgradePanel, &UpgradePanel::done, this, &FrmMain::reportDone);
+    connect(upgradePanel, &UpgradePanel::failed, this, &FrmMain::reportDone);
     upgradePanel->selectedController = [this] { return m_selected; };
     upgradePanel->bitRateSelection = [this] { return cmbBaud[m_selected]->currentIndex(); };
     upgradePanel->showBitRate = [this](int rate) {

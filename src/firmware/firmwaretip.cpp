@@ -34,7 +34,7 @@ UpgradeTip errorTip(int error, int step, const QString& fileName)
                    .arg(kMaxImageFileBytes / (1024 * 1024));
         break;
     case PostProcessorFailed:
-        what = QStringLiteral("the post-processor failed on %1").arg(fileName);
+        what = postProcessorFailure(fileName);
         break;
     default:
         what = QStringLiteral("%1 has no identification block").arg(fileName);

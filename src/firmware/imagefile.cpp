@@ -153,6 +153,16 @@ QString postProcessProgram()
     return externalProgram(QStringLiteral("postprocess.exe"));
 }
 
+QString postProcessorFailure(const QString& fileName)
+{
+    const QString missing = missingProgram(postProcessProgram());
+    if (missing.isEmpty())
+        return QStringLiteral("the post-processor failed on %1").arg(fileName);
+    return QStringLiteral("the post-processor did not run: %1; the program to run is set under "
+                          "[programs] postprocess.exe in %2")
+        .arg(missing, userSettings().fileName());
+}
+
 bool postProcess(const QString& fileName, const QString& options, QString* outputFileName)
 {
     const auto output = postProcessOutput(fileName);

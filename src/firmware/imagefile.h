@@ -69,5 +69,8 @@ QString postProcessCommand(const QString& program, const QString& fileName,
 QString postProcessProgram();
 // Runs the post-processor and waits for it; true, with the output's name, when it exits with 0.
 bool postProcess(const QString& fileName, const QString& options, QString* outputFileName);
+// Why post-processing a file failed, in words: the program missing (where it was looked for and
+// where to name it), or the program's own failure.
+QString postProcessorFailure(const QString& fileName);
 
 } // namespace tessel

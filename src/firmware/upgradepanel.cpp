@@ -212,6 +212,7 @@ bool UpgradePanel::readImageToSend(QByteArray* image)
         QString output;
         if (!postProcessor || !postProcessor(fileName, txtPostProcOpt->text(), &output)) {
             txtAbort->setText(QLatin1String(kPostProcessorFailed));
+            emit failed(postProcessorFailure(fileName));
             return false;
         }
         fileName = output;
@@ -322,7 +323,10 @@ void UpgradePanel::refreshUpgradeTip()
         return;
     WaitCursor wait;
     const UpgradeTip tip = upgradeTip(fileName, txtPostProcOpt->text(), postProcessor);
-    cmdUpgrade->setToolTip(tip.text);
+    // The code the tip has always shown, and what it means.
+    cmdUpgrade->setToolTip(tip.explanation.isEmpty()
+                               ? tip.text
+                               : QStringLiteral("%1 (%2)").arg(tip.text, tip.explanation));
     cmdUpgrade->setStatusTip(tip.explanation);
     // An error is looked at again next time: the file may be there by then.
     m_tipKey = tip.explanation.isEmpty() ? key : QString();

@@ -86,6 +86,8 @@ protected:
 signals:
     // An upgrade worked: what was done, for the status bar.
     void done(const QString& what);
+    // What went wrong beyond the short text the result box shows ("PostProc err").
+    void failed(const QString& why);
 
 private:
     // Result of the upgrade's preparation: the bytes to send, or what txtAbort shows.

@@ -1,6 +1,7 @@
 #include "productionrun.h"
 
 #include "commandlines.h"
+#include "machinesettings.h"
 #include "processrunner.h"
 
 #include <QFile>
@@ -77,6 +78,11 @@ bool ProductionRun::runTool(const QString& label, const QString& commandLine, bo
         return true;
     failure->kind = Outcome::ToolFailed;
     failure->message = label + QStringLiteral(" retval=") + QString::number(code);
+    // A program that never ran says why, with its place to set.
+    if (const QString missing = missingProgram(commandLine); code == -1 && !missing.isEmpty())
+        failure->message += QStringLiteral(": %1; the program to run is set under [programs] in "
+                                           "%2")
+                                .arg(missing, userSettings().fileName());
     return false;
 }
 

@@ -1,7 +1,9 @@
 #include "processrunner.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QTemporaryFile>
 
 namespace tessel {
@@ -56,6 +58,24 @@ QStringList splitCommandLine(const QString& commandLine)
     if (inWord)
         words << word;
     return words;
+}
+
+QString missingProgram(const QString& commandLine)
+{
+    const QStringList words = splitCommandLine(commandLine);
+    if (words.isEmpty())
+        return QStringLiteral("no program is named");
+    const QString program = words.first();
+    if (program.contains(QLatin1Char('/'))) {
+        const QFileInfo info(program);
+        if (info.isFile() && info.isExecutable())
+            return {};
+        return QStringLiteral("%1 is not a program that can be run").arg(program);
+    }
+    if (!QStandardPaths::findExecutable(program).isEmpty())
+        return {};
+    return QStringLiteral("%1 was not found in any folder of PATH (%2)")
+        .arg(program, qEnvironmentVariable("PATH"));
 }
 
 int runAndWait(const QString& commandLine, bool show)

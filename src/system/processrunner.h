@@ -17,6 +17,10 @@ int runAndWait(const QString& commandLine, bool show);
 // expanded. An unclosed quote runs to the end of the line.
 QStringList splitCommandLine(const QString& commandLine);
 
+// Why the command line's program cannot be started: it is not found where it is named, or not
+// in any folder of PATH (each named); empty when it is there to run.
+QString missingProgram(const QString& commandLine);
+
 // A new empty file with a unique name in the temporary folder ("TEMP" when set, else the
 // system's), whose name starts with prefix; "" when none can be made.
 QString makeTempFileName(const QString& prefix);

@@ -163,6 +163,10 @@ void TstUpgrade::failures_data()
         << "raw-2.2.0.S"
         << ""
         << "/nonexistent/postprocess" << true << "PostProc err" << false;
+    QTest::newRow("post-processor not in PATH")
+        << "raw-2.2.0.S"
+        << ""
+        << "no-such-postprocessor" << true << "PostProc err" << false;
     QTest::newRow("image missing") << "missing.sx"
                                    << ""
                                    << "" << true << "File - err" << false;
@@ -212,6 +216,14 @@ void TstUpgrade::failures()
     p->txtPostProcOpt->setText(options);
     p->cmdUpgrade_Click();
     QCOMPARE(t.window.txtAbort->text(), result);
+    // The short result, and beside it why: which program, where it was looked for.
+    if (result == "PostProc err")
+        QVERIFY2(t.window.sbrDone->text().contains(
+                     postProcessor.isEmpty()         ? QString("the post-processor failed on ")
+                     : postProcessor.startsWith('/') ? postProcessor + " is not a program"
+                                                     : postProcessor + " was not found in any "
+                                                                       "folder of PATH ("),
+                 qPrintable(t.window.sbrDone->text()));
     // An abort counts as done: the history has the file and the busy flag is down.
     QVERIFY(!t.window.link()->upgradeBusy);
     QCOMPARE(p->cmbFileName->count(), sent ? 1 : 0);
@@ -310,7 +322,7 @@ void TstUpgrade::toolTip()
     p->cmbFileName->setEditText(sample("drive-2.0.9.S"));
     QVERIFY(hover().startsWith("V2.0.9 ("));
     p->cmbFileName->setEditText(m_files.filePath("gone.S"));
-    QCOMPARE(hover(), QString("Error: 53/1"));
+    QCOMPARE(hover(), QStringLiteral("Error: 53/1 (%1 not found)").arg(m_files.filePath("gone.S")));
     QVERIFY(p->cmdUpgrade->statusTip().contains("not found"));
     // Once the file is there, the tip follows.
     QVERIFY(QFile::copy(sample("drive-2.0.9.S"), m_files.filePath("gone.S")));
@@ -319,7 +331,7 @@ void TstUpgrade::toolTip()
     const QString raw = copyToTemp("raw-2.2.0.S");
     p->cmbFileName->setEditText(raw);
     p->txtPostProcOpt->setText("--fail");
-    QCOMPARE(hover(), QString("Error: 5/2"));
+    QVERIFY2(hover().startsWith("Error: 5/2 (the post-processor failed on "), qPrintable(hover()));
     p->txtPostProcOpt->setText("-x");
     QVERIFY(hover().startsWith("App 0012h / V2.2.0 / SF 0001C4D5h / HF 00000004h ("));
 }
