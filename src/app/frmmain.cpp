@@ -748,8 +748,21 @@ void FrmMain::cmdLSSGet_Click()
     if (found.error.isEmpty() && found.nodeId >= 0) {
         txtFWNode->setText(QString::number(found.nodeId, 16).toUpper());
         m_previousBitRate[m_selected] = found.bitRateIndex;
+        reportDone(QStringLiteral("LSS Get: node-ID %1%2 at %3 on CAN %4")
+                       .arg(QString::number(found.nodeId, 16).toUpper(),
+                            found.nodeId == 0xFF ? QStringLiteral(" (waiting for one)") : QString(),
+                            qorcalib::bitRateText(found.bitRateIndex))
+                       .arg(m_selected));
     } else {
+        // Many bench PCs have no sound: the beep is not all that is said. N-Id keeps what it
+        // held, which the status bar says is not a find.
         QApplication::beep();
+        reportDone(
+            QStringLiteral("LSS Get: no node answered on CAN %1 at any bit rate%2; N-Id "
+                           "still holds %3")
+                .arg(m_selected)
+                .arg(found.error.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(found.error),
+                     txtFWNode->text()));
     }
     setMonitorSwitch(true);
 }

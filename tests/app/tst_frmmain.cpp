@@ -433,6 +433,7 @@ void TstFrmMain::lssGetAndSet()
     w.txtFWNode->setText("5");
     QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
     QCOMPARE(w.txtFWNode->text(), QString("FF"));
+    QCOMPARE(w.sbrDone->text(), QString("LSS Get: node-ID FF (waiting for one) at 250K on CAN 1"));
     // The user chooses 500K for it, and node-ID 22.
     w.cmbBaud[1]->setCurrentIndex(2);
     w.txtFWNode->setText("22");
@@ -493,6 +494,8 @@ void TstFrmMain::lssGetWithNobodyThere()
     w.txtFWNode->setText("12");
     QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
     QCOMPARE(w.txtFWNode->text(), QString("12"));  // as it was (and the system beeped)
+    QVERIFY2(w.sbrDone->text().startsWith("LSS Get: no node answered on CAN 2 at any bit rate"),
+             qPrintable(w.sbrDone->text()));
     QTRY_COMPARE(w.cmbBaud[2]->currentIndex(), 0); // the controller's rate is back
 }
 
