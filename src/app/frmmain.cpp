@@ -295,6 +295,7 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
     upgradePanel = new UpgradePanel(&m_link, &m_history, txtFWNode, txtAbort, parent);
     connect(upgradePanel, &UpgradePanel::done, this, &FrmMain::reportDone);
     connect(upgradePanel, &UpgradePanel::failed, this, &FrmMain::reportDone);
+    upgradePanel->showTarget();
     upgradePanel->selectedController = [this] { return m_selected; };
     upgradePanel->bitRateSelection = [this] { return cmbBaud[m_selected]->currentIndex(); };
     upgradePanel->showBitRate = [this](int rate) {
@@ -714,9 +715,10 @@ void FrmMain::optSelCanCtrl_Click(int)
     for (int i = 0; i < kRows; ++i) {
         if (optSelCanCtrl[i]->isChecked()) {
             m_selected = i;
-            return;
+            break;
         }
     }
+    upgradePanel->showTarget();
 }
 
 void FrmMain::tmrStato_Timer()

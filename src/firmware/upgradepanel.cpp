@@ -1,5 +1,7 @@
 #include "upgradepanel.h"
 
+#include "sdoabort.h"
+
 #include "canlink.h"
 #include "filedialogfilter.h"
 #include "hexhelpers.h"
@@ -113,7 +115,14 @@ UpgradePanel::UpgradePanel(CanLink* link, FirmwareHistory* history, QLineEdit* t
     boot->addWidget(cmdStopOnBoot[1]);
     boot->addWidget(cmdEnUpgrade);
     boot->addStretch();
+    // The target is N-Id of the NMT row, which LSS fills too: shown here, where it is used.
+    lblTarget = new QLabel(this);
+    lblTarget->setObjectName(QStringLiteral("lblTarget"));
+    lblTarget->setToolTip(QStringLiteral("The drive an upgrade goes to: the node-ID in N-Id, on "
+                                         "the selected controller"));
+    boot->addWidget(lblTarget);
     grid->addLayout(boot, 2, 1);
+    connect(txtFWNode, &QLineEdit::textChanged, this, &UpgradePanel::showTarget);
 
     connect(cmbFileName, &QComboBox::currentIndexChanged, this, [this](int index) {
         if (index >= 0)
@@ -128,6 +137,18 @@ UpgradePanel::UpgradePanel(CanLink* link, FirmwareHistory* history, QLineEdit* t
         connect(cmdStopOnBoot[i], &QPushButton::clicked, this,
                 [this, i] { cmdStopOnBoot_Click(i); });
     connect(cmdEnUpgrade, &QPushButton::clicked, this, &UpgradePanel::cmdEnUpgrade_Click);
+}
+
+QString UpgradePanel::targetText() const
+{
+    return QStringLiteral("node %1 on CAN %2")
+        .arg(QString::number(hexToNumber(txtFWNode->text()), 16).toUpper())
+        .arg(selectedController ? selectedController() : 0);
+}
+
+void UpgradePanel::showTarget()
+{
+    lblTarget->setText(QStringLiteral("Target: ") + targetText());
 }
 
 void UpgradePanel::showHistory()
@@ -256,6 +277,13 @@ void UpgradePanel::cmdUpgrade_Click()
     else
         result.error = error;
     txtAbort->setText(sdoResultText(result.abortCode, result.error));
+    if (!txtAbort->text().isEmpty())
+        emit failed(QStringLiteral("Upgrade of %1: %2")
+                        .arg(targetText(), result.error.isEmpty()
+                                               ? QStringLiteral("SDO abort %1 (%2)")
+                                                     .arg(txtAbort->text(),
+                                                          qorcalib::sdoAbortText(result.abortCode))
+                                               : result.error));
     if (!result.error.isEmpty()) {
         // A failed call leaves the busy flag set and the history as it was.
         reattach();

@@ -9,6 +9,7 @@
 #include <functional>
 
 class QComboBox;
+class QLabel;
 class QLineEdit;
 class QPushButton;
 
@@ -58,6 +59,7 @@ public:
     QPushButton* cmdUpgrade = nullptr;
     std::array<QPushButton*, 2> cmdStopOnBoot{};
     QPushButton* cmdEnUpgrade = nullptr;
+    QLabel* lblTarget = nullptr;
     QLineEdit* txtFWNode;
     QLineEdit* txtAbort;
 
@@ -89,7 +91,13 @@ signals:
     // What went wrong beyond the short text the result box shows ("PostProc err").
     void failed(const QString& why);
 
+public slots:
+    // Shows the drive an upgrade goes to: N-Id on the selected controller.
+    void showTarget();
+
 private:
+    // "node 22 on CAN 1"
+    QString targetText() const;
     // Result of the upgrade's preparation: the bytes to send, or what txtAbort shows.
     bool readImageToSend(QByteArray* image);
     void reattach();

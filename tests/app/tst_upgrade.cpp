@@ -216,6 +216,12 @@ void TstUpgrade::failures()
     p->txtPostProcOpt->setText(options);
     p->cmdUpgrade_Click();
     QCOMPARE(t.window.txtAbort->text(), result);
+    // The target is shown, and named with a refusal.
+    QCOMPARE(p->lblTarget->text(), QString("Target: node 1 on CAN 0"));
+    if (result.startsWith("0800"))
+        QVERIFY2(t.window.sbrDone->text().startsWith("Upgrade of node 1 on CAN 0: SDO abort " +
+                                                      result + " ("),
+                 qPrintable(t.window.sbrDone->text()));
     // The short result, and beside it why: which program, where it was looked for.
     if (result == "PostProc err")
         QVERIFY2(t.window.sbrDone->text().contains(
