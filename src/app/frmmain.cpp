@@ -37,6 +37,7 @@
 #include <QPushButton>
 #include <QRadioButton>
 #include <QRegularExpression>
+#include <QScreen>
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QStatusBar>
@@ -431,6 +432,9 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     const auto* scroll = static_cast<const QScrollArea*>(centralWidget());
     resize(scroll->widget()->sizeHint() + QSize(scroll->verticalScrollBar()->sizeHint().width(),
                                                 statusBar()->sizeHint().height()));
+    // At the first start, at the screen's left: the tool windows open beside it.
+    if (!WindowPlacement::hasSavedGeometry(objectName()) && screen())
+        move(screen()->availableGeometry().topLeft());
     WindowPlacement::restoreGeometry(this, objectName());
     WindowPlacement::keepOnScreen(this, nullptr);
     m_placement.setReference(pos());

@@ -82,9 +82,37 @@ bool WindowPlacement::placeOnFirstShow(const WindowPlacement* placement, QWidget
     if (*placed)
         return false;
     *placed = true;
-    if (placement && mainWindow)
+    if (!placement || !mainWindow)
+        return true;
+    // A place the user gave it before moves with the main window; a window never placed goes
+    // beside the main window, on the side with more room, rather than over it.
+    if (hasSavedGeometry(window->objectName()))
         placement->placeNearMain(window, mainWindow);
+    else
+        placeBeside(window, mainWindow);
     return true;
+}
+
+bool WindowPlacement::hasSavedGeometry(const QString& key)
+{
+    return !key.isEmpty() && userSettings().contains(QStringLiteral("windows/") + key);
+}
+
+void WindowPlacement::placeBeside(QWidget* window, const QWidget* mainWindow)
+{
+    const QScreen* screen = mainWindow->screen();
+    if (!screen)
+        return;
+    const QRect room = screen->availableGeometry();
+    const QRect main = mainWindow->frameGeometry();
+    const int frameWidth = main.width() - mainWindow->width();
+    const int width = window->width() + frameWidth;
+    const bool right = room.right() - main.right() >= main.left() - room.left();
+    // At the main window's inside top: a window not yet framed takes the place as that of its
+    // inside, and its title bar then lines up with the main window's.
+    window->move(right ? main.right() + 1 : main.left() - width, mainWindow->geometry().top());
+    // Where the screen has too little room, as little over the main window as it can.
+    keepOnScreen(window, mainWindow);
 }
 
 void WindowPlacement::bringToFront(QWidget* window)

@@ -28,6 +28,9 @@ public:
     // stays where it is); later shows keep the place the user gave it. True on the first show.
     static bool placeOnFirstShow(const WindowPlacement* placement, QWidget* window,
                                  const QWidget* mainWindow, bool* placed);
+    // Beside the main window's frame, on the side of the screen with more room.
+    static void placeBeside(QWidget* window, const QWidget* mainWindow);
+    static bool hasSavedGeometry(const QString& key);
     // Shows a tool window in front of the others, with the focus.
     static void bringToFront(QWidget* window);
 

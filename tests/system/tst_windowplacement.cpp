@@ -18,6 +18,8 @@ private slots:
     void onScreen();
     void restoredPlaceIsTheSavedOne();
     void toolWindowStaysOnTheMainWindowsScreen();
+    void firstShowGoesBesideTheMainWindow_data();
+    void firstShowGoesBesideTheMainWindow();
 
 private:
     QTemporaryDir m_settings;
@@ -97,6 +99,44 @@ void TstWindowPlacement::toolWindowStaysOnTheMainWindowsScreen()
                             .arg(tool.frameGeometry().y())
                             .arg(tool.frameGeometry().width())
                             .arg(tool.frameGeometry().height())));
+}
+
+void TstWindowPlacement::firstShowGoesBesideTheMainWindow_data()
+{
+    QTest::addColumn<double>("mainAt"); // the main window's left, as a share of the screen
+    QTest::addColumn<int>("toolWidth"); // as a share of the screen, in percent
+    QTest::addColumn<QString>("side");
+    QTest::newRow("room on the right") << 0.0 << 30 << "right";
+    QTest::newRow("room on the left") << 0.6 << 30 << "left";
+    // Too wide for either side: against the screen's edge, over the main window as little as
+    // it can be.
+    QTest::newRow("no room") << 0.0 << 80 << "edge";
+}
+
+void TstWindowPlacement::firstShowGoesBesideTheMainWindow()
+{
+    QFETCH(double, mainAt);
+    QFETCH(int, toolWidth);
+    QFETCH(QString, side);
+    const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
+    QWidget main;
+    main.resize(available.width() * 3 / 10, available.height() / 2);
+    main.move(available.topLeft() + QPoint(int(available.width() * mainAt), 0));
+    WindowPlacement placement;
+    placement.setReference(main.pos());
+    QWidget tool;
+    tool.setObjectName("neverPlaced");
+    tool.resize(available.width() * toolWidth / 100, 100);
+    bool placed = false;
+    QVERIFY(WindowPlacement::placeOnFirstShow(&placement, &tool, &main, &placed));
+    const QRect m = main.frameGeometry(), t = tool.frameGeometry();
+    if (side == "right")
+        QCOMPARE(t.left(), m.right() + 1);
+    else if (side == "left")
+        QCOMPARE(t.right(), m.left() - 1);
+    else
+        QCOMPARE(t.right(), available.right());
+    QVERIFY(available.contains(QRect(tool.pos(), tool.size())));
 }
 
 QTEST_MAIN(TstWindowPlacement)
