@@ -44,8 +44,20 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     chTrace = new QCheckBox(QStringLiteral("Enable"), this);
     chTrace->setObjectName(QStringLiteral("chTrace"));
     chTrace->setChecked(true);
-    chTrace->setToolTip(QStringLiteral("Trace the frames this program sends"));
+    chTrace->setToolTip(QStringLiteral("Trace the frames this program sends (Pause freezes the "
+                                       "whole view)"));
     top->addWidget(chTrace);
+    cmdPause = new QPushButton(QStringLiteral("&Pause"), this);
+    cmdPause->setObjectName(QStringLiteral("cmdPause"));
+    cmdPause->setCheckable(true);
+    cmdPause->setToolTip(QStringLiteral("Freeze the view to read it: frames are still collected "
+                                        "and show when you resume"));
+    connect(cmdPause, &QPushButton::toggled, this, [this](bool paused) {
+        cmdPause->setText(paused ? QStringLiteral("Resume") : QStringLiteral("&Pause"));
+        if (!paused)
+            refreshTrace();
+    });
+    top->addWidget(cmdPause);
     top->addSpacing(12);
     top->addWidget(new QLabel(QStringLiteral("Channels:"), this));
     for (int i = 0; i < kChannels; ++i) {
@@ -277,6 +289,9 @@ void FrmDiagno::receiveRecords(int channel, const QByteArray& records, int count
 
 void FrmDiagno::refreshTrace()
 {
+    // Paused, the changes add up in the buffer and show at once on resuming.
+    if (cmdPause->isChecked())
+        return;
     const TraceBuffer::Change change = m_trace.takeChange();
     if (!change.replaced && change.added == 0)
         return;

@@ -89,6 +89,7 @@ public:
     std::function<QString(const QString&, const QString&, const QString&)> chooseSaveFile;
 
     QCheckBox* chTrace = nullptr;
+    QPushButton* cmdPause = nullptr;
     std::array<QCheckBox*, kChannels> chkCV{};
     QCheckBox* chkEnShowTx = nullptr;
     QCheckBox* chkEnAllRx = nullptr;

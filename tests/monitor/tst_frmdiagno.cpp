@@ -140,6 +140,23 @@ void TstFrmDiagno::viewFollowsOnlyFromTheBottom()
     heartbeat();
     QCOMPARE(bar->value(), bar->maximum());
     QVERIFY(monitor.screenText().endsWith("R0 701 1 000s000.000 > 00 \n"));
+
+    // Paused, the view stands still while frames are collected; resumed, it shows them.
+    const QString frozen = monitor.screenText();
+    QTest::mouseClick(monitor.cmdPause, Qt::LeftButton);
+    for (int i = 0; i < 3; ++i)
+        heartbeat();
+    QCOMPARE(monitor.screenText(), frozen);
+    QCOMPARE(monitor.cmdPause->text(), QString("Resume"));
+    QTest::mouseClick(monitor.cmdPause, Qt::LeftButton);
+    QCOMPARE(monitor.screenText().count('\n'), frozen.count('\n') + 3);
+    // Ctrl+Home and Ctrl+End move in the trace.
+    monitor.edTrace->setFocus();
+    QTest::keyClick(monitor.edTrace, Qt::Key_Home, Qt::ControlModifier);
+    QCOMPARE(bar->value(), 0);
+    QTest::keyClick(monitor.edTrace, Qt::Key_End, Qt::ControlModifier);
+    QVERIFY(monitor.edTrace->textCursor().atEnd());
+    QVERIFY(bar->value() >= bar->maximum() - 1); // the last line in view
 }
 
 void TstFrmDiagno::sendButtons()
