@@ -1,15 +1,30 @@
 #include "composer.h"
 
-#include "numbers.h"
-
 namespace tessel {
 
 namespace {
 // One line without its line end; false with the reason when it is no frame.
+bool isHexDigits(const QString& text)
+{
+    for (QChar c : text)
+        if (!c.isDigit() && !(c.toUpper() >= QLatin1Char('A') && c.toUpper() <= QLatin1Char('F')))
+            return false;
+    return !text.isEmpty();
+}
+
 bool parseLine(const QString& line, int number, ComposerFrame* frame, QString* error)
 {
     frame->line = number;
-    frame->id = quint16(qint64(lenientHexValue(QStringView(line).mid(2, 3))) & 0xFFFF);
+    // A typo is refused, not read up to where it starts: "GG" would go out as 00, "7FG" as 07F.
+    const QString id = line.mid(2, 3);
+    if (!isHexDigits(id) || id.toUInt(nullptr, 16) > 0x7FF) {
+        *error = QStringLiteral("Line %1: the identifier \"%2\" (columns 3-5) is not 000 to 7FF in "
+                                "hexadecimal. The lines before it were sent.")
+                     .arg(number)
+                     .arg(id);
+        return false;
+    }
+    frame->id = quint16(id.toUInt(nullptr, 16));
     const qsizetype separator = line.indexOf(QLatin1Char('>'));
     if (separator < 0) {
         *error = QStringLiteral("Line %1 has no \">\" before its data: \"%2\". The lines before "
@@ -30,7 +45,14 @@ bool parseLine(const QString& line, int number, ComposerFrame* frame, QString* e
                          .arg(number);
             return false;
         }
-        frame->data.append(char(qint64(lenientHexValue(field)) & 0xFF));
+        if (field.size() != 2 || !isHexDigits(field)) {
+            *error = QStringLiteral("Line %1: data byte \"%2\" is not two hexadecimal digits. The "
+                                    "lines before it were sent.")
+                         .arg(number)
+                         .arg(field.trimmed());
+            return false;
+        }
+        frame->data.append(char(field.toUInt(nullptr, 16)));
     }
     return true;
 }

@@ -42,8 +42,8 @@ FrmInviaMesg::FrmInviaMesg(const WindowPlacement* placement, QWidget* mainWindow
     cmdStop->setEnabled(false);
     lblState = new QLabel(this);
     lblState->setObjectName(QStringLiteral("lblState"));
-    // A long state must not widen the window: it is cut, and whole in the tool tip.
-    lblState->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    // On a row of its own, wrapped: a long state is read whole, not cut at the window's edge.
+    lblState->setWordWrap(true);
 
     auto* bottom = new QHBoxLayout;
     auto* label = new QLabel(QStringLiteral("Ritardo (msec):"), this);
@@ -52,10 +52,11 @@ FrmInviaMesg::FrmInviaMesg(const WindowPlacement* placement, QWidget* mainWindow
     bottom->addWidget(txtRitardo);
     bottom->addWidget(cmdInvia);
     bottom->addWidget(cmdStop);
-    bottom->addWidget(lblState, 1);
+    bottom->addStretch();
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(txtMesg, 1);
     layout->addLayout(bottom);
+    layout->addWidget(lblState);
 
     tmrRitardo.setSingleShot(true);
     tmrRitardo.setTimerType(Qt::PreciseTimer);

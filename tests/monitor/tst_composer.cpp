@@ -31,8 +31,23 @@ void TstComposer::parse_data()
                                                 << "1:181:01" << true << "";
     QTest::newRow("only a line without end") << "T 000 xxxxx > 81 00"
                                              << "" << true << "";
-    QTest::newRow("G1 reads 0") << "T 181 > G1 1G\n"
-                                << "1:181:0001" << false << "";
+    // A typo stops the run with the line, rather than sending what it half reads.
+    QTest::newRow("G1") << "T 181 > 01\nT 182 > G1 1G\n"
+                        << "1:181:01" << false
+                        << "Line 2: data byte \"G1\" is not two hexadecimal digits. The lines "
+                           "before it were sent.";
+    QTest::newRow("one digit") << "T 181 > 1 2\n"
+                               << "" << false
+                               << "Line 1: data byte \"1\" is not two hexadecimal digits. The "
+                                  "lines before it were sent.";
+    QTest::newRow("identifier xxx") << "T xxx > 01\n"
+                                    << "" << false
+                                    << "Line 1: the identifier \"xxx\" (columns 3-5) is not 000 "
+                                       "to 7FF in hexadecimal. The lines before it were sent.";
+    QTest::newRow("identifier 800") << "T 800 > 01\n"
+                                    << "" << false
+                                    << "Line 1: the identifier \"800\" (columns 3-5) is not 000 "
+                                       "to 7FF in hexadecimal. The lines before it were sent.";
     QTest::newRow("eight bytes") << "T 181 > 01 02 03 04 05 06 07 08\n"
                                  << "1:181:0102030405060708" << false << "";
     QTest::newRow("ninth byte stops there")
@@ -45,13 +60,17 @@ void TstComposer::parse_data()
                           << "1:181:01" << false
                           << "Line 2 has no \">\" before its data: \"T 182 12\". The lines before "
                              "it were sent.";
-    // A monitor trace line has the channel digit after the letter: its identifier is read from
-    // the wrong columns, as the format says.
+    // A monitor trace line has the channel digit after the letter: its identifier's columns
+    // hold " 18", which is refused rather than sent to identifier 000.
     QTest::newRow("trace line") << "T0 181 2 000s000.000 > 12 34 \n"
-                                << "1:0:1234" << false << "";
-    // Only the first ">" separates; a later one is read as a byte like any other text.
-    QTest::newRow("second > reads 0") << "T 181 > 12 > 34\n"
-                                      << "1:181:120004" << false << "";
+                                << "" << false
+                                << "Line 1: the identifier \" 18\" (columns 3-5) is not 000 to "
+                                   "7FF in hexadecimal. The lines before it were sent.";
+    // Only the first ">" separates; a later one is no byte.
+    QTest::newRow("second >") << "T 181 > 12 > 34\n"
+                              << "" << false
+                              << "Line 1: data byte \">\" is not two hexadecimal digits. The "
+                                 "lines before it were sent.";
     QTest::newRow("short id")
         << "T 7\n"
         << "" << false
