@@ -95,6 +95,9 @@ void FrmIO::validateLimit(QLineEdit* box, double* limit)
 void FrmIO::rescale()
 {
     m_scale = SliderScale::fromRange(m_min, m_max, kSteps);
+    // What the slider stands at under the new limits; sent at its next move.
+    if (lblValue)
+        lblValue->setText(QStringLiteral("Value: %1 (sent when the slider moves)").arg(value()));
 }
 
 qint64 FrmIO::value() const
@@ -106,6 +109,17 @@ void FrmIO::sldSlide_Scroll()
 {
     const int slot = cmbObject->currentIndex();
     const qint64 v = value();
+    // Identifier 000 is NMT: a sweep of values there would send node commands to every node
+    // (in the sample configuration, slot 1 is the NMT start frame).
+    bool ok = false;
+    const QString id = m_monitor->slotGrid->texts(slot).id.trimmed();
+    if (id.toUInt(&ok, 16) == 0 && ok) {
+        lblValue->setText(QStringLiteral("Value: %1, not sent: Send %2 is identifier 000 (NMT); "
+                                         "choose another object")
+                              .arg(v)
+                              .arg(slot + 1));
+        return;
+    }
     lblValue->setText(QStringLiteral("Value: %1").arg(v));
     for (const BoxWrite& w :
          sliderBoxWrites(v, 1 << cmbSize->currentIndex(), slot, cmbPosition->currentIndex()))

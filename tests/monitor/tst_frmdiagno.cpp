@@ -499,6 +499,9 @@ void TstFrmDiagno::slider()
     emit io.txtMin->editingFinished();
     io.txtMax->setText("10000");
     emit io.txtMax->editingFinished();
+    // The value the slider stands for shows before it moves, and follows the limits.
+    QCOMPARE(io.lblValue->text(), QString("Value: 0 (sent when the slider moves)"));
+    QVERIFY(rig.sent.isEmpty());
     io.sldSlide->setValue(258);
     QCOMPARE(rig.monitor.dataBox(6 * 8 + 1), QStringLiteral("2"));
     QCOMPARE(rig.monitor.dataBox(6 * 8 + 2), QStringLiteral("1"));
@@ -514,6 +517,14 @@ void TstFrmDiagno::slider()
     QCOMPARE(rig.messages.size(), 1);
     io.sldSlide->setValue(io.sldSlide->maximum());
     QCOMPARE(io.value(), qint64(10000));
+    // A slot of identifier 000 (NMT) is not swept: said, nothing written or sent.
+    rig.setSlot(0, "000", "2");
+    io.cmbObject->setCurrentIndex(0);
+    const qsizetype sent = rig.sent.size();
+    io.sldSlide->setValue(10);
+    QCOMPARE(rig.sent.size(), sent);
+    QVERIFY2(io.lblValue->text().contains("Send 1 is identifier 000 (NMT)"),
+             qPrintable(io.lblValue->text()));
 }
 
 QTEST_MAIN(TstFrmDiagno)
