@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QLineEdit>
+#include <QLocale>
 #include <QPushButton>
 #include <QStandardPaths>
 
@@ -70,6 +71,9 @@ void AcquisitionBar::cmdSaveAcq_Click()
     }
     if (!written && showMessage)
         showMessage(error);
+    if (written)
+        emit saved(QStringLiteral("Saved %1 frames to %2")
+                       .arg(QLocale::c().toString(m_buffer.count()), path));
 }
 
 void AcquisitionBar::cmdFNApp_Click()

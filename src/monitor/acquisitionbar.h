@@ -44,6 +44,10 @@ public:
     QPushButton* cmdFNApp = nullptr;
     QPushButton* cmdSaveAcq = nullptr;
 
+signals:
+    // The collected frames were written: how many, and where.
+    void saved(const QString& what);
+
 private:
     void chkExport_Click(bool ticked);
 

@@ -129,7 +129,14 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     traceFiles->chooseSaveFile = [this](const QString& t, const QString& f, const QString& s) {
         return chooseSaveFile ? chooseSaveFile(t, f, s) : QString();
     };
-    layout->addWidget(traceFiles);
+    // What the last save did, beside the trace-file buttons.
+    lblDone = new QLabel(this);
+    lblDone->setObjectName(QStringLiteral("lblDone"));
+    connect(acquisition, &AcquisitionBar::saved, lblDone, &QLabel::setText);
+    auto* files = new QHBoxLayout;
+    files->addWidget(traceFiles);
+    files->addWidget(lblDone, 1);
+    layout->addLayout(files);
 
     connect(btnLoad, &QPushButton::clicked, this, &FrmDiagno::btnLoad_Click);
     connect(btnSave, &QPushButton::clicked, this, &FrmDiagno::btnSave_Click);

@@ -16,6 +16,7 @@
 #include <functional>
 
 class QCheckBox;
+class QLabel;
 class QLayout;
 class QLineEdit;
 class QPlainTextEdit;
@@ -90,6 +91,7 @@ public:
 
     QCheckBox* chTrace = nullptr;
     QPushButton* cmdPause = nullptr;
+    QLabel* lblDone = nullptr;
     std::array<QCheckBox*, kChannels> chkCV{};
     QCheckBox* chkEnShowTx = nullptr;
     QCheckBox* chkEnAllRx = nullptr;

@@ -311,6 +311,7 @@ void TstFrmDiagno::acquisition()
     QFile file(dir.filePath("run.csv"));
     QVERIFY(file.open(QIODevice::ReadOnly));
     QCOMPARE(file.readAll(), QByteArray("385;0;2;16;17;\r\n386;0;0;\r\n"));
+    QCOMPARE(rig.monitor.lblDone->text(), "Saved 2 frames to " + dir.filePath("run.csv"));
     // Not collecting after the save; the buffer is kept for another save.
     rig.monitor.receiveRecords(0, record(0x183, 1), 1);
     QCOMPARE(acq->buffer().count(), 2);
