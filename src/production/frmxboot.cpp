@@ -86,6 +86,10 @@ FrmXBoot::FrmXBoot(CanLink* link, const WindowPlacement* placement, QWidget* mai
     for (QPushButton* b : {cmdJtagPrg, cmdSerialPrg, cmdSerialLoc})
         runs->addWidget(b);
     grid->addLayout(runs, 4, 1, 1, 3);
+    lblDone = new QLabel(this);
+    lblDone->setObjectName(QStringLiteral("lblDone"));
+    lblDone->setWordWrap(true);
+    grid->addWidget(lblDone, 5, 1, 1, 4);
     grid->setColumnStretch(1, 1);
     resize(520, 190);
     hooks = realHooks();
@@ -154,25 +158,34 @@ void FrmXBoot::cmdJtagPrg_Click()
 {
     WaitCursor wait;
     ProductionRun run(hooks);
-    report(run.jtag(txtFileName->text(), txtCfgFile->text(), chkFR->isChecked(), &idskTag));
+    report(run.jtag(txtFileName->text(), txtCfgFile->text(), chkFR->isChecked(), &idskTag),
+           QStringLiteral("JTAG programming"));
 }
 
 void FrmXBoot::cmdSerialPrg_Click()
 {
     WaitCursor wait;
     ProductionRun run(hooks);
-    report(run.serialProgramming(txtFileName->text(), &idskTag));
+    report(run.serialProgramming(txtFileName->text(), &idskTag),
+           QStringLiteral("Serial programming"));
 }
 
 void FrmXBoot::cmdSerialLoc_Click()
 {
     WaitCursor wait;
     ProductionRun run(hooks);
-    report(run.identityLoading(&idskTag));
+    report(run.identityLoading(&idskTag), QStringLiteral("Serial loading"));
 }
 
-void FrmXBoot::report(const ProductionRun::Outcome& outcome)
+void FrmXBoot::report(const ProductionRun::Outcome& outcome, const QString& what)
 {
+    // Each run says how it ended, a success too.
+    lblDone->setText(outcome.kind == ProductionRun::Outcome::Done
+                         ? QStringLiteral("%1 done: serial %2").arg(what).arg(outcome.serial)
+                         : QStringLiteral("%1 failed%2")
+                               .arg(what, outcome.message.isEmpty()
+                                              ? QString()
+                                              : QStringLiteral(": ") + outcome.message));
     // A serial taken by a run that failed stays the unit's for its retry, also after a
     // restart: it was taken from the line's counter, and a new one would leave a gap.
     {

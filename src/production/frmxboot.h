@@ -7,6 +7,7 @@
 #include <functional>
 
 class QCheckBox;
+class QLabel;
 class QLineEdit;
 class QPushButton;
 
@@ -43,6 +44,7 @@ public:
     QPushButton* cmdFNCfg = nullptr;
     QCheckBox* chkFR = nullptr;
     QLineEdit* txtIDSK = nullptr;
+    QLabel* lblDone = nullptr;
     QString idskTag; // the tag of txtIDSK
     QPushButton* cmdJtagPrg = nullptr;
     QPushButton* cmdSerialLoc = nullptr;
@@ -67,7 +69,7 @@ private:
     ProductionRun::Hooks realHooks();
     QString chooseFile(const QString& title, const QString& filter, const QString& start);
     std::optional<int> waitForLoad(QString* error);
-    void report(const ProductionRun::Outcome& outcome);
+    void report(const ProductionRun::Outcome& outcome, const QString& what);
 
     CanLink* m_link;
     const WindowPlacement* m_placement;

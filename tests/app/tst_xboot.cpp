@@ -10,6 +10,7 @@
 #include <QPushButton>
 #include <QSqlDatabase>
 #include <QSqlQuery>
+#include <QLabel>
 #include <QTest>
 
 using namespace tessel;
@@ -156,6 +157,7 @@ void TstXBoot::failedRunKeepsTheSerialForTheRetry()
     QTest::mouseClick(x->cmdJtagPrg, Qt::LeftButton);
     qunsetenv("FFLASH_EXIT");
     QCOMPARE(t.messages, QStringList{"FFlash retval=7"});
+    QCOMPARE(x->lblDone->text(), QString("JTAG programming failed: FFlash retval=7"));
     QCOMPARE(x->idskTag, QString("42"));
     QCOMPARE(x->txtIDSK->text(), QString());
     {
@@ -168,6 +170,7 @@ void TstXBoot::failedRunKeepsTheSerialForTheRetry()
     QTest::mouseClick(x->cmdJtagPrg, Qt::LeftButton);
     QCOMPARE(t.messages.size(), 1);
     QCOMPARE(x->txtIDSK->text(), QString("42"));
+    QCOMPARE(x->lblDone->text(), QString("JTAG programming done: serial 42"));
     QCOMPARE(counter(), 42); // taken once for the unit
     const QStringList c = calls();
     QCOMPARE(c.size(), 4);
