@@ -742,17 +742,8 @@ void TstFrmMain::sdoDomainThroughThePanel()
         block[i] = char((i * 31 + (i >> 9)) & 0xFF);
     p->setData(block);
     p->cmbIndex->setCurrentText("1,2040,0");
-    QSignalSpy progress(t.window.prbStato, &QProgressBar::valueChanged);
     QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString());
-    // Whatever the bar showed while the transfer ran (on this unpaced bus it may end before a
-    // report arrives), it is full and says so once the transfer has ended, until the next.
-    for (const QList<QVariant>& v : progress)
-        QVERIFY(v.at(0).toInt() >= 0 && v.at(0).toInt() <= 100);
-    QCOMPARE(t.window.prbStato->value(), 100);
-    QCOMPARE(t.window.prbStato->text(), QString("100 % done"));
-    QTest::qWait(200); // a late progress report does not change it
-    QCOMPARE(t.window.prbStato->value(), 100);
     QTest::mouseClick(p->cmdClear, Qt::LeftButton);
     QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString());

@@ -62,7 +62,6 @@ class TstMonitorTools : public QObject
 private slots:
     void initTestCase();
     void slotStartsTheDrive();
-    void sequenceKeepsItsTimesOnThePacedBus();
     void composerListGoesOutCompleteAndInOrder();
     void acquisitionOfTenThousandFramesExports();
     void sliderSendsItsValue();
@@ -91,40 +90,6 @@ void TstMonitorTools::slotStartsTheDrive()
     QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains(QRegularExpression("R0 7[0-9A-F]{2} 1 .* > 05 ")),
                              5000);
     QVERIFY2(t.messages.isEmpty(), qPrintable(t.messages.join("; ")));
-}
-
-void TstMonitorTools::sequenceKeepsItsTimesOnThePacedBus()
-{
-    ServerProcess paced;
-    QVERIFY(paced.start({}));
-    Observer observer(paced.socketPath(), {"181", "182"});
-    QVERIFY(observer.ok);
-    Tessel t(paced.socketPath());
-    QVERIFY(t.load());
-    FrmDiagno* monitor = t.window.monitor();
-    setSlot(monitor, 0, "181", "1", {"11"});
-    setSlot(monitor, 1, "182", "1", {"22"});
-    monitor->setSequenceText(0, "M1 T0.5 M2 T1");
-    monitor->cmdSeq_Click();
-    QVERIFY(QTest::qWaitForWindowExposed(monitor->sequencer()));
-    monitor->sequencer()->chkEn[0]->setChecked(true);
-    QTest::qWait(4700); // three periods of 1.5 s and a bit
-    monitor->sequencer()->chkEn[0]->setChecked(false);
-    QTRY_VERIFY(observer.frames().count() >= 6);
-    QVERIFY2(t.messages.isEmpty(), qPrintable(t.messages.join("; ")));
-
-    const AcquisitionBuffer& frames = observer.frames();
-    QStringList intervals;
-    for (qsizetype i = 1; i < frames.count(); ++i) {
-        const qint64 gap = qint64(quint32(frames.at(i).timeUs) - quint32(frames.at(i - 1).timeUs));
-        const bool afterFirst = frames.at(i - 1).id == 0x181;
-        QCOMPARE(int(frames.at(i).id), afterFirst ? 0x182 : 0x181);
-        const qint64 target = afterFirst ? 500000 : 1000000;
-        intervals << QString::number(gap / 1000.0, 'f', 1);
-        QVERIFY2(qAbs(gap - target) <= 20000,
-                 qPrintable(QStringLiteral("intervals (ms): %1").arg(intervals.join(' '))));
-    }
-    qInfo("intervals (ms): %s", qPrintable(intervals.join(' ')));
 }
 
 void TstMonitorTools::composerListGoesOutCompleteAndInOrder()

@@ -8,7 +8,6 @@
 #include "serverprocess.h"
 #include "tracereplay.h"
 
-#include <QBuffer>
 #include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -99,8 +98,6 @@ private slots:
     void refusedFrameEndsTheReplay();
     void denseFileWaitsInBoundedSteps();
     void gigabyteFileIsStreamed();
-    void busFrameOfARecord_data();
-    void busFrameOfARecord();
 
 private:
     // A candump log of `count` frames; frame i comes `spacingUs(i)` after the one before.
@@ -374,39 +371,6 @@ void TstTraceReplay::gigabyteFileIsStreamed()
     QVERIFY2(grown < 16 * 1024,
              qPrintable(QStringLiteral("%1 KiB more while replaying").arg(grown)));
     replay.stop();
-}
-
-void TstTraceReplay::busFrameOfARecord_data()
-{
-    QTest::addColumn<QByteArray>("line");
-    QTest::addColumn<QByteArray>("data"); // the frame's 8 data bytes
-    QTest::addColumn<int>("length");
-    QTest::addColumn<bool>("remote");
-    QTest::newRow("data") << QByteArray("(1.0) can0 123#0A0B0C")
-                          << QByteArray::fromHex("0a0b0c0000000000") << 3 << false;
-    QTest::newRow("eight bytes") << QByteArray("(1.0) can0 7FF#0102030405060708")
-                                 << QByteArray::fromHex("0102030405060708") << 8 << false;
-    QTest::newRow("remote, a length")
-        << QByteArray("(1.0) can0 123#R3") << QByteArray(8, '\0') << 3 << true;
-    QTest::newRow("none") << QByteArray("(1.0) can0 000#") << QByteArray(8, '\0') << 0 << false;
-}
-
-void TstTraceReplay::busFrameOfARecord()
-{
-    QFETCH(QByteArray, line);
-    QBuffer file(&line);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    ScheduledFrame f;
-    QString error;
-    QCOMPARE(TraceReader::create(&file, TraceFormat::CandumpLog)->next(&f.record, &error),
-             TraceReader::Frame);
-    f.serverUs = 0xFFFFFFFEu;
-    const qorcalib::CanFrame bus = f.busFrame();
-    QCOMPARE(bus.id, f.record.id);
-    QTEST(int(bus.len), "length");
-    QTEST(bus.remote, "remote");
-    QTEST(QByteArray(reinterpret_cast<const char*>(bus.data.data()), 8), "data");
-    QCOMPARE(bus.timeUs, 0xFFFFFFFEu);
 }
 
 QTEST_MAIN(TstTraceReplay)
