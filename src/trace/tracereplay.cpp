@@ -40,6 +40,7 @@ bool TraceReplay::start(const QString& fileName, const ReplayOptions& options, Q
         m_options.speed = 1.0;
     m_options.loops = std::max(1, m_options.loops);
     m_pass = 0;
+    m_passFrames = 0;
     m_paceUs = 0;
     m_sent = m_errorFrames = m_comments = m_unmapped = 0;
     m_controllers.clear();
@@ -81,13 +82,15 @@ bool TraceReplay::readNext()
             return false;
         }
         if (result == TraceReader::End) {
-            if (++m_pass >= m_options.loops) {
+            // A pass without a frame to send (every channel unmapped) is no reason for more.
+            if (++m_pass >= m_options.loops || m_passFrames == 0) {
                 closeFile();
                 return false;
             }
             // The next pass: its first stamp lies before the last one, so it goes right after
             // the last frame, as a stamp gone back does.
             countSkipped();
+            m_passFrames = 0;
             m_file.seek(0);
             m_reader = TraceReader::create(&m_file, m_format);
             continue;
@@ -101,6 +104,7 @@ bool TraceReplay::readNext()
             }
             m_nextController = *mapped;
         }
+        ++m_passFrames;
         if (m_options.paceBitsPerSecond > 0) {
             // Each frame follows the one before by its own time on the bus.
             m_next.timeUs = qint64(m_paceUs);

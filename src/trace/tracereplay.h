@@ -117,6 +117,7 @@ private:
     std::unique_ptr<TraceReader> m_reader;
     ReplayOptions m_options;
     int m_pass = 0;
+    qint64 m_passFrames = 0; // frames of this pass to send
     double m_paceUs = 0; // the next frame's time when the recorded times are left aside
     TraceRecord m_next;  // read, not yet handed over, while the file is open
     int m_nextController = 0;
