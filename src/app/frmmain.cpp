@@ -33,6 +33,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QPainter>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
@@ -46,6 +47,25 @@
 #include <QWindow>
 
 namespace tessel {
+
+namespace {
+// A status text that does not fit ends in "…" instead of being cut mid-word; the tool tip
+// holds it whole.
+class ElidedLabel : public QLabel
+{
+public:
+    using QLabel::QLabel;
+    QSize minimumSizeHint() const override { return {0, QLabel::minimumSizeHint().height()}; }
+
+protected:
+    void paintEvent(QPaintEvent*) override
+    {
+        QPainter painter(this);
+        painter.drawText(contentsRect(), Qt::AlignLeft | Qt::AlignVCenter,
+                         fontMetrics().elidedText(text(), Qt::ElideRight, contentsRect().width()));
+    }
+};
+} // namespace
 
 namespace {
 struct NmtButton
@@ -270,14 +290,15 @@ void FrmMain::buildWindow()
     for (int i = 0; i <= kRows; ++i) {
         sbrStato[i] = new QLabel(this);
         sbrStato[i]->setObjectName(QStringLiteral("sbrStato_%1").arg(i));
-        sbrStato[i]->setMinimumWidth(i == 0 ? 160 : 80);
+        // A controller's flags are short ("OR TX"): room for what was done beside them.
+        sbrStato[i]->setMinimumWidth(i == 0 ? 120 : 0);
         statusBar()->addWidget(sbrStato[i]);
     }
     for (int i = 1; i <= kRows; ++i)
         sbrStato[i]->setToolTip(QStringLiteral("Status of controller %1: OR overrun, TX "
                                                "transmit pending, EW error warning, BO bus off")
                                     .arg(i - 1));
-    sbrDone = new QLabel(this);
+    sbrDone = new ElidedLabel(this);
     sbrDone->setObjectName(QStringLiteral("sbrDone"));
     statusBar()->addWidget(sbrDone, 3);
     prbStato = new QProgressBar(this);
@@ -683,7 +704,7 @@ void FrmMain::chkCanEnable_Click(int index)
         optSelCanCtrl[index]->setEnabled(true);
         // Enabling selects the controller; said, so that the next transfer's target is no
         // surprise.
-        if (!wasSelected && !m_link.inhibitCtrlEvents)
+        if (!wasSelected && !m_link.inhibitCtrlEvents && isVisible())
             reportDone(QStringLiteral("CAN %1 enabled and selected: Send, SDO, LSS and upgrades "
                                       "now go to CAN %1")
                            .arg(index));

@@ -119,12 +119,13 @@ AlarmLogText readAlarmLog(const AlarmSdo& sdo)
                 return result;
             entries.append(v);
         }
-        records.append({alarmRecordText(entries), alarmRecordKey(entries)});
+        records.append({alarmRecordText(entries), alarmRecordKey(entries), entries});
     }
     sortAlarmRecords(&records);
     result.ok = true;
     result.records = int(records.size());
     result.text = joinAlarmRecords(records);
+    result.sorted = records;
     return result;
 }
 

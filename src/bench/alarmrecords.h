@@ -40,6 +40,7 @@ struct AlarmRecord
 {
     QString text;
     qint32 key = 0;
+    QVector<quint32> entries;
 };
 // Ascending by key; equal keys keep the order in which the records were read.
 void sortAlarmRecords(QList<AlarmRecord>* records);
@@ -55,6 +56,7 @@ struct AlarmLogText
     QString text;  // the sorted records, when ok
     QString error; // the failed transfer, when not
     int records = 0;
+    QList<AlarmRecord> sorted; // the records in the text's order
 };
 // Reads the whole log; the first failed transfer ends it with nothing to show.
 AlarmLogText readAlarmLog(const AlarmSdo& sdo);

@@ -294,8 +294,8 @@ void BenchPanel::cmdAcq_Click()
 
 void BenchPanel::cmdAlarms_Click()
 {
-    QString text;
-    const QString error = readAlarms(&text);
+    AlarmLogText log;
+    const QString error = readAlarms(&log);
     if (!error.isEmpty()) {
         m_txtAbort->setText(error);
         if (beep)
@@ -308,11 +308,12 @@ void BenchPanel::cmdAlarms_Click()
         m_alarms = new FrmAlarms(m_placement, m_mainWindow, m_mainWindow);
         placeBesideMain(m_alarms, 120);
     }
-    m_alarms->setText(text);
+    m_alarms->setText(log.text);
+    m_alarms->setRecords(log.sorted);
     WindowPlacement::bringToFront(m_alarms);
 }
 
-QString BenchPanel::readAlarms(QString* text)
+QString BenchPanel::readAlarms(AlarmLogText* result)
 {
     const MonitorHold hold(*this);
     WaitCursor wait;
@@ -330,9 +331,8 @@ QString BenchPanel::readAlarms(QString* text)
             *uploaded = r.data;
         return r.error.isEmpty() && r.abortCode == 0;
     };
-    const AlarmLogText log = readAlarmLog(sdo);
-    *text = log.text;
-    return log.ok ? QString() : log.error;
+    *result = readAlarmLog(sdo);
+    return result->ok ? QString() : result->error;
 }
 
 void BenchPanel::placeBesideMain(QWidget* window, int down) const

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "alarmrecords.h"
+
 #include "benchcontrol.h"
 
 #include <QGroupBox>
@@ -88,7 +90,7 @@ private:
     void report(const QString& error);
     void showOutputs();
     void placeBesideMain(QWidget* window, int down) const;
-    QString readAlarms(QString* text);
+    QString readAlarms(AlarmLogText* log);
 
     CanLink* m_link;
     QLineEdit* m_txtFWNode;

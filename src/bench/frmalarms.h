@@ -1,8 +1,12 @@
 #pragma once
 
+#include "alarmrecords.h"
+
 #include <QWidget>
 
 class QPlainTextEdit;
+class QTabWidget;
+class QTreeWidget;
 
 namespace tessel {
 
@@ -16,8 +20,13 @@ public:
     FrmAlarms(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent = nullptr);
 
     QPlainTextEdit* txtList = nullptr;
+    // The records one under another, newest first, each entry with its name.
+    QTreeWidget* trvRecords = nullptr;
+    QTabWidget* tabs = nullptr;
     // The text as read, lines ending in CR LF.
     void setText(const QString& text);
+    // The records in the text's order (oldest first).
+    void setRecords(const QList<AlarmRecord>& records);
     QString text() const { return m_text; }
 
 protected:

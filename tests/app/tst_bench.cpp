@@ -14,6 +14,7 @@
 #include <QPushButton>
 #include <QRegularExpression>
 #include <QTest>
+#include <QTreeWidget>
 
 using namespace tessel;
 using tessel::test::Tessel;
@@ -290,6 +291,17 @@ void TstBench::alarmLogSortedAndGrowing()
     QCOMPARE(now.size(), 7);
     QVERIFY2(now.last().startsWith("2 Overvoltage @13"), qPrintable(now.last()));
     QVERIFY(w->text().contains("00000244 580\r\n")); // the bus at 58.0 V
+    // Beside the text, the records one under another, the newest first and open, its entries
+    // named.
+    QCOMPARE(w->trvRecords->topLevelItemCount(), 7);
+    const QTreeWidgetItem* newest = w->trvRecords->topLevelItem(0);
+    QVERIFY2(newest->text(2).startsWith("2 Overvoltage, time stamp 13"),
+             qPrintable(newest->text(2)));
+    QVERIFY(newest->isExpanded());
+    QCOMPARE(w->trvRecords->currentItem(), newest);
+    QCOMPARE(newest->child(0)->text(0), QString("alarm"));
+    QCOMPARE(newest->child(11)->text(0), QString("time stamp"));
+    QCOMPARE(w->trvRecords->topLevelItem(6)->text(2), QString("7 Encoder, time stamp 1204210"));
 }
 
 void TstBench::alarmLogOfAMissingNodeBeeps()

@@ -154,7 +154,7 @@ void TstAlarmRecords::sortKeepsEqualKeysInReadOrder()
     QFETCH(QList<int>, keys);
     QList<AlarmRecord> records;
     for (int i = 0; i < keys.size(); ++i)
-        records.append({QString::number(i), keys[i]});
+        records.append({QString::number(i), keys[i], {}});
     sortAlarmRecords(&records);
     QTEST(joinAlarmRecords(records), "order");
 }
