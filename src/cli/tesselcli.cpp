@@ -657,7 +657,7 @@ int TesselCli::replay(QStringList args)
                                   "go with it"));
     // canN=CONTROLLER, as a player maps a recording's interfaces.
     static const QRegularExpression mapping(QStringLiteral("^(?:can)?(\\d{1,3})=(\\d{1,3})$"));
-    for (qsizetype i = args.size() - 1; i >= 1; --i) {
+    for (qsizetype i = args.size() - 1; i >= 0; --i) {
         const auto m = mapping.match(args[i]);
         if (!m.hasMatch())
             continue;
