@@ -53,4 +53,10 @@ QString sdoAbortText(quint32 code)
     return QStringLiteral("Unknown abort code");
 }
 
+QString sdoAbortDescription(quint32 code)
+{
+    return QStringLiteral("SDO abort %1 (%2)")
+        .arg(QStringLiteral("%1").arg(code, 8, 16, QLatin1Char('0')).toUpper(), sdoAbortText(code));
+}
+
 } // namespace qorcalib

@@ -42,5 +42,7 @@ enum class SdoAbort : quint32 {
 };
 
 QString sdoAbortText(quint32 code);
+// "SDO abort 06020000 (Object does not exist in the object dictionary)"
+QString sdoAbortDescription(quint32 code);
 
 } // namespace qorcalib

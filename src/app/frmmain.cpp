@@ -428,9 +428,11 @@ void FrmMain::explainResult(const QString& result)
             sbrDone->clear();
         return;
     }
-    const QString meaning = qorcalib::sdoAbortText(result.toUInt(nullptr, 16));
-    txtAbort->setToolTip(QStringLiteral("SDO abort %1: %2").arg(result.toUpper(), meaning));
-    reportDone(QStringLiteral("SDO abort %1: %2").arg(result.toUpper(), meaning));
+    const QString meaning =
+        QStringLiteral("SDO abort %1: %2")
+            .arg(result.toUpper(), qorcalib::sdoAbortText(result.toUInt(nullptr, 16)));
+    txtAbort->setToolTip(meaning);
+    reportDone(meaning);
 }
 
 void FrmMain::setMessageHandler(std::function<void(const QString&)> handler)

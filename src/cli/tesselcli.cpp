@@ -434,7 +434,7 @@ int TesselCli::sdo(QStringList args)
         m_context.insert(QStringLiteral("abort"), qint64(r.abortCode));
         m_context.insert(QStringLiteral("abortHex"), code);
         m_context.insert(QStringLiteral("abortText"), meaning);
-        return fail(kSdoAbort, QStringLiteral("SDO abort %1 (%2)").arg(code, meaning));
+        return fail(kSdoAbort, qorcalib::sdoAbortDescription(r.abortCode));
     }
     if (!fileName.isEmpty()) {
         if (!write && !writeDataFile(fileName, r.data, &error))

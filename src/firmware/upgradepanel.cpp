@@ -280,9 +280,7 @@ void UpgradePanel::cmdUpgrade_Click()
     if (!txtAbort->text().isEmpty())
         emit failed(QStringLiteral("Upgrade of %1: %2")
                         .arg(targetText(), result.error.isEmpty()
-                                               ? QStringLiteral("SDO abort %1 (%2)")
-                                                     .arg(txtAbort->text(),
-                                                          qorcalib::sdoAbortText(result.abortCode))
+                                               ? qorcalib::sdoAbortDescription(result.abortCode)
                                                : result.error));
     if (!result.error.isEmpty()) {
         // A failed call leaves the busy flag set and the history as it was.

@@ -1,17 +1,11 @@
 #include "composer.h"
 
+#include "numbers.h"
+
 namespace tessel {
 
 namespace {
 // One line without its line end; false with the reason when it is no frame.
-bool isHexDigits(const QString& text)
-{
-    for (QChar c : text)
-        if (!c.isDigit() && !(c.toUpper() >= QLatin1Char('A') && c.toUpper() <= QLatin1Char('F')))
-            return false;
-    return !text.isEmpty();
-}
-
 bool parseLine(const QString& line, int number, ComposerFrame* frame, QString* error)
 {
     frame->line = number;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "monitorconfig.h"
+
 #include <QString>
 
 #include <functional>
@@ -39,7 +41,8 @@ class SequenceRow
 {
 public:
     static constexpr int kLongestWaitMs = 65535;
-    static constexpr int kSlots = 8;
+    // The monitor's transmit slots, M1 to M8.
+    static constexpr int kSlots = MonitorSetup::kSlots;
 
     struct Hooks
     {

@@ -6,16 +6,6 @@
 
 namespace tessel {
 
-namespace {
-// Hexadecimal digits and nothing else: a typo ("xyz", "1G") is not read up to where it starts.
-bool isHex(const QString& text)
-{
-    bool ok = false;
-    (void)text.toUInt(&ok, 16);
-    return ok && !text.startsWith(QLatin1Char('+')) && !text.startsWith(QLatin1Char('-'));
-}
-} // namespace
-
 std::optional<SlotFrame> slotFrame(const SlotTexts& slot, int slotIndex, QString* error)
 {
     const QString lengthText = slot.length.trimmed();
@@ -36,7 +26,7 @@ std::optional<SlotFrame> slotFrame(const SlotTexts& slot, int slotIndex, QString
     // Blanks around a typed number are not part of it: " 181" must not read as 0, the NMT
     // identifier.
     const QString idText = slot.id.trimmed();
-    if (!isHex(idText)) {
+    if (!isHexDigits(idText)) {
         *error = QStringLiteral("The identifier \"%1\" of slot %2 is not hexadecimal: nothing "
                                 "sent.")
                      .arg(slot.id)
@@ -60,7 +50,7 @@ std::optional<SlotFrame> slotFrame(const SlotTexts& slot, int slotIndex, QString
         for (int j = 0; j < frame.length; ++j) {
             // An empty box is a 00; anything else is one byte in hexadecimal.
             const QString byte = slot.data[j].trimmed();
-            if (!byte.isEmpty() && (!isHex(byte) || byte.toUInt(nullptr, 16) > 0xFF)) {
+            if (!byte.isEmpty() && (!isHexDigits(byte) || byte.toUInt(nullptr, 16) > 0xFF)) {
                 *error = QStringLiteral("D%1 of slot %2 holds \"%3\", not a byte (00 to FF): "
                                         "nothing sent.")
                              .arg(j)

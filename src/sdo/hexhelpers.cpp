@@ -2,8 +2,6 @@
 
 #include "numbers.h"
 
-#include <QRegularExpression>
-
 #include <algorithm>
 #include <cmath>
 
@@ -101,8 +99,7 @@ QString viewOverflowNote(DataView view, const QString& text)
     if (view == DataView::Hex) {
         // Pairs of hexadecimal digits and nothing else; the lenient reading of anything else
         // ("GG", "1 2 3") is shown, as it is what goes out.
-        static const QRegularExpression pairs(QStringLiteral("^([0-9A-Fa-f]{2})*$"));
-        if (pairs.match(text).hasMatch())
+        if (text.isEmpty() || (text.size() % 2 == 0 && isHexDigits(text)))
             return {};
         return QStringLiteral("%1 is not whole bytes in hexadecimal: %2 is sent")
             .arg(text.left(40), bytesToHex(hexToBytes(text)));

@@ -1,5 +1,6 @@
 #include "numbers.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -78,6 +79,12 @@ double lenientValue(QStringView text, bool* read)
     bool ok = false;
     const double value = number.toDouble(&ok);
     return ok && std::isfinite(value) ? value : 0.0;
+}
+
+bool isHexDigits(QStringView text)
+{
+    return !text.isEmpty() &&
+           std::all_of(text.begin(), text.end(), [](QChar c) { return digitValue(c, 16) >= 0; });
 }
 
 double lenientHexValue(QStringView text)

@@ -15,6 +15,9 @@ namespace tessel {
 double lenientValue(QStringView text, bool* read = nullptr);
 // The same for a hexadecimal text without prefix: the value of "&H" + text.
 double lenientHexValue(QStringView text);
+// Hexadecimal digits and nothing else, at least one: where a typo must be refused rather than
+// read up to where it starts.
+bool isHexDigits(QStringView text);
 
 // Rounding to 16- and 32-bit integers: to nearest, halves to even; values beyond the range
 // saturate at its ends.

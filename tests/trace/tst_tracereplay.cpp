@@ -91,7 +91,6 @@ private slots:
     void framesGetTheirServerTimes_data();
     void framesGetTheirServerTimes();
     void holdUpMovesTheRestKeepingTheSpacing();
-    void stampsGoingBackKeepTheFileOrder();
     void optionsShapeTheSchedule_data();
     void optionsShapeTheSchedule();
     void stopTakesBackWhatWaits();
@@ -155,33 +154,6 @@ void TstTraceReplay::framesGetTheirServerTimes()
     QVERIFY(server.nowUs() >= FakeServer::timeOf(server.handed.back().frame));
 }
 
-void TstTraceReplay::stampsGoingBackKeepTheFileOrder()
-{
-    // Stamps 2.0, 1.0, 1.5, 1.6: the second goes right after the first, and the rest keep
-    // their spacing from it.
-    const QString log = m_dir.filePath("back.log");
-    QFile file(log);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("(2.000000) can0 101#01\n(1.000000) can0 102#02\n(1.500000) can0 103#03\n"
-               "(1.600000) can0 104#04\n");
-    file.close();
-    TraceReplay replay;
-    FakeServer server;
-    server.connect(replay);
-    QSignalSpy finished(&replay, &TraceReplay::finished);
-    QString error;
-    QVERIFY2(replay.start(log, {}, &error), qPrintable(error));
-    QVERIFY(finished.wait(5000));
-    QCOMPARE(server.handed.size(), 4);
-    QList<qint64> at;
-    for (const auto& h : server.handed)
-        at << FakeServer::timeOf(h.frame);
-    QCOMPARE(server.handed[1].frame.id, quint16(0x102));
-    QCOMPARE(at[1], at[0]);
-    QCOMPARE(at[2] - at[1], 500000);
-    QCOMPARE(at[3] - at[2], 100000);
-}
-
 void TstTraceReplay::optionsShapeTheSchedule_data()
 {
     QTest::addColumn<QByteArray>("log");
@@ -191,6 +163,12 @@ void TstTraceReplay::optionsShapeTheSchedule_data()
     QTest::addColumn<int>("unmapped");
     const QByteArray three = "(5.000000) can0 101#01\n(5.100000) can0 102#02\n"
                              "(5.250000) can0 103#03\n";
+    // Stamps 2.0, 1.0, 1.5, 1.6: the second goes right after the first, in the file's order,
+    // and the rest keep their spacing from it.
+    QTest::newRow("stamps going back")
+        << QByteArray("(2.000000) can0 101#01\n(1.000000) can0 102#02\n(1.500000) can0 103#03\n"
+                      "(1.600000) can0 104#04\n")
+        << ReplayOptions{} << "101@0+0 102@0+0 103@0+500000 104@0+600000" << 0;
     ReplayOptions twice;
     twice.loops = 2;
     QTest::newRow("two passes, the second right after the first")
