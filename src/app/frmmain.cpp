@@ -301,6 +301,20 @@ void FrmMain::buildWindow()
     sbrDone = new ElidedLabel(this);
     sbrDone->setObjectName(QStringLiteral("sbrDone"));
     statusBar()->addWidget(sbrDone, 3);
+    cmdFollowRate = new QPushButton(this);
+    cmdFollowRate->setObjectName(QStringLiteral("cmdFollowRate"));
+    cmdFollowRate->setToolTip(QStringLiteral("Switch the controller to the bit rate LSS Set gave "
+                                             "its drive, once the drive has been reset"));
+    cmdFollowRate->hide();
+    statusBar()->addWidget(cmdFollowRate);
+    connect(cmdFollowRate, &QPushButton::clicked, this, [this] {
+        const int controller = cmdFollowRate->property("controller").toInt();
+        const int rate = cmdFollowRate->property("rate").toInt();
+        cmbBaud[controller]->setCurrentIndex(rate);
+        reportDone(QStringLiteral("CAN %1 now runs at %2, the bit rate LSS Set gave its drive")
+                       .arg(controller)
+                       .arg(qorcalib::bitRateText(rate)));
+    });
     prbStato = new QProgressBar(this);
     prbStato->setObjectName(QStringLiteral("prbStato"));
     prbStato->setRange(0, 100);
@@ -410,6 +424,7 @@ void FrmMain::hideAbortDialog()
 
 void FrmMain::reportDone(const QString& text)
 {
+    cmdFollowRate->hide();
     sbrDone->setText(text);
     sbrDone->setToolTip(text);
 }
@@ -731,6 +746,8 @@ void FrmMain::cmbBaud_Click(int index)
     // The LSS set procedure marks the list while it changes the index itself.
     if (!cmbBaud[index]->property("tag").toString().isEmpty())
         return;
+    if (!m_link.inhibitCtrlEvents)
+        cmdFollowRate->hide();
     if (chkCanEnable[index]->isChecked() && !m_link.inhibitCtrlEvents)
         ApplyBitRate(index);
     m_previousBitRate[index] = m_bitRate[index];
@@ -820,13 +837,24 @@ void FrmMain::cmdLSSSet_Click()
     const CanLink::LssResult set = m_link.lssConfigure(m_selected, node, newRate);
     if (!set.error.isEmpty())
         txtAbort->setText(set.error);
-    else
+    else {
+        const int oldRate = m_previousBitRate[m_selected];
         reportDone(QStringLiteral("LSS Set: the waiting drive on CAN %1 now has node-ID %2 at "
                                   "%3 (CAN %1 still runs at %4)")
                        .arg(m_selected)
                        .arg(QString::number(node, 16).toUpper())
-                       .arg(qorcalib::bitRateText(newRate),
-                            qorcalib::bitRateText(m_previousBitRate[m_selected])));
+                       .arg(qorcalib::bitRateText(newRate), qorcalib::bitRateText(oldRate)));
+        // The controller stays where the drive still listens until it is reset; the switch
+        // is offered, not made.
+        if (newRate != oldRate) {
+            cmdFollowRate->setText(QStringLiteral("Switch CAN %1 to %2")
+                                       .arg(m_selected)
+                                       .arg(qorcalib::bitRateText(newRate)));
+            cmdFollowRate->setProperty("controller", m_selected);
+            cmdFollowRate->setProperty("rate", newRate);
+            cmdFollowRate->show();
+        }
+    }
     setMonitorSwitch(true);
 }
 

@@ -82,6 +82,8 @@ public:
     QProgressBar* prbStato = nullptr;
     // What the last operation did, or what its abort code means.
     QLabel* sbrDone = nullptr;
+    // After LSS Set gave the drive another bit rate: one click switches the controller to it.
+    QPushButton* cmdFollowRate = nullptr;
     QPushButton* cmdDiagno = nullptr;
     QPushButton* cmdEDS = nullptr;
     QPushButton* cmdIO = nullptr;

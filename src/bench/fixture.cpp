@@ -31,6 +31,13 @@ FixtureDescription assembly()
     d.channelNames = QStringList{QStringLiteral("pwr short"),     QStringLiteral("brk short"),
                                  QStringLiteral("cont canH"),     QStringLiteral("cont canL"),
                                  QStringLiteral("cont gnd shld"), QStringLiteral("cont aux pwr")};
+    d.channelMeanings = QStringList{QStringLiteral("supply at the drive"),
+                                    QStringLiteral("brake supply"),
+                                    QStringLiteral("CAN high line (continuity)"),
+                                    QStringLiteral("CAN low line (continuity)"),
+                                    QStringLiteral("ground to shield (continuity)"),
+                                    QStringLiteral("auxiliary supply")};
+    d.channelUnits = QStringList(6, QStringLiteral("V"));
     d.channelCount = 6;
     d.refreshName = QStringLiteral("Command1");
     d.acquireFirst = true;
@@ -46,6 +53,9 @@ FixtureDescription pcb()
     d.outputs = {output(1, "endat enable"), output(2, "board reset"), output(3, "Led verde"),
                  output(5, "main power"),   output(6, "aux in"),      output(7, "led rosso")};
     d.channelCount = 13;
+    for (int ch = 0; ch < d.channelCount; ++ch)
+        d.channelMeanings << QStringLiteral("analog input %1 of the board").arg(ch);
+    d.channelUnits = QStringList(d.channelCount, QStringLiteral("V"));
     d.doors = {{QStringLiteral("Door = "), 0}};
     d.refreshName = QStringLiteral("Command3");
     d.hasGet = true;
@@ -72,6 +82,33 @@ FixtureDescription pcbZd3()
                            "vdcfloat_w",   "vcan",      "vsupply"};
     for (const char* n : names)
         d.channelNames << QString::fromLatin1(n).leftJustified(kZd3NameWidth, QLatin1Char(' '));
+    const char* meanings[] = {"DC bus",
+                              "15 V digital rail",
+                              "7 V encoder rail",
+                              "5 V digital rail",
+                              "5 V CAN rail",
+                              "3.3 V digital rail",
+                              "3.0 V reference",
+                              "LED 0",
+                              "LED 1",
+                              "LED 2",
+                              "LED 3",
+                              "EnDat clock line",
+                              "EnDat data line",
+                              "5 V encoder rail",
+                              "-5 V digital rail",
+                              "supply current",
+                              "5 V opto rail",
+                              "4.6 V reference",
+                              "phase U, floating",
+                              "phase V, floating",
+                              "phase W, floating",
+                              "CAN supply",
+                              "board supply"};
+    for (const char* m : meanings)
+        d.channelMeanings << QString::fromLatin1(m);
+    d.channelUnits = QStringList(23, QStringLiteral("V"));
+    d.channelUnits[15] = QStringLiteral("mA");
     d.channelCount = 23;
     d.doors = {{QStringLiteral("Door SW1     = "), 0}, {QStringLiteral("Door SW2     = "), 10}};
     d.refreshName = QStringLiteral("Command3");
@@ -146,6 +183,20 @@ QString fixtureFailedLine(const FixtureDescription& d, int channel)
 {
     QString line = fixtureChannelLine(d, channel, 0.0);
     return line.left(line.lastIndexOf(QLatin1Char(' ')) + 1) + QStringLiteral("n/a");
+}
+
+QList<FixtureLegendRow> fixtureLegend(const FixtureDescription& d, int benchType)
+{
+    QList<FixtureLegendRow> rows;
+    for (const FixtureDoor& door : d.doors)
+        rows.append({door.label.left(door.label.indexOf(QLatin1Char('='))).trimmed(), QString(),
+                     QStringLiteral("door switch: H closed, L open")});
+    for (int ch = 0; ch <= fixtureLastChannel(d, benchType); ++ch) {
+        const QString line = fixtureChannelLine(d, ch, 0.0);
+        rows.append({line.left(line.lastIndexOf(QLatin1Char('='))).trimmed(),
+                     d.channelUnits.value(ch), d.channelMeanings.value(ch)});
+    }
+    return rows;
 }
 
 QString fixtureDoorLine(const FixtureDoor& door, bool closed)

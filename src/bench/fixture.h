@@ -35,6 +35,9 @@ struct FixtureDescription
     QString caption;
     QList<FixtureOutput> outputs;
     QStringList channelNames; // empty: the read-out shows channel numbers only
+    // Per channel, what the bench server measures there and in which unit.
+    QStringList channelMeanings;
+    QStringList channelUnits;
     int channelCount = 0;
     QList<FixtureDoor> doors;
     QString refreshName; // the refresh button's control name
@@ -63,6 +66,16 @@ QString fixtureChannelLine(const FixtureDescription& d, int channel, double valu
 QString fixtureDoorLine(const FixtureDoor& door, bool closed);
 // The read-out line of a channel that could not be read (the assembly fixture carries on).
 QString fixtureFailedLine(const FixtureDescription& d, int channel);
+
+// The read-out explained, one row per line in the order of the read-out: the line's start as
+// it reads ("Door SW1", "ch 0 pwr short", "vdcbus"), its unit and what it measures.
+struct FixtureLegendRow
+{
+    QString line;
+    QString unit;
+    QString meaning;
+};
+QList<FixtureLegendRow> fixtureLegend(const FixtureDescription& d, int benchType);
 
 // One refresh: the whole read-out (lines ending in CR LF) and the error of the call that failed,
 // if one did. The assembly fixture passes over a failed read and carries on (the line reads

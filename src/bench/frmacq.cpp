@@ -11,6 +11,7 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSignalBlocker>
+#include <QTreeWidget>
 #include <QVBoxLayout>
 
 namespace tessel {
@@ -48,6 +49,15 @@ FrmAcq::FrmAcq(const FixtureDescription& description, BenchControl* control,
         Text1->setFont(font);
     }
 
+    // What each line of the read-out measures, and in which unit; the read-out itself keeps the
+    // lines the bench logs know.
+    trvLegend = new QTreeWidget(this);
+    trvLegend->setObjectName(QStringLiteral("trvLegend"));
+    trvLegend->setHeaderLabels(
+        {QStringLiteral("Line"), QStringLiteral("Unit"), QStringLiteral("Measures")});
+    trvLegend->setRootIsDecorated(false);
+    trvLegend->setToolTip(QStringLiteral("What each line of the read-out measures"));
+
     Check1 = new QCheckBox(QStringLiteral("Auto refresh"), this);
     Check1->setObjectName(QStringLiteral("Check1"));
     Check1->setToolTip(QStringLiteral("Read the fixture every half second"));
@@ -76,11 +86,13 @@ FrmAcq::FrmAcq(const FixtureDescription& description, BenchControl* control,
     auto* top = new QHBoxLayout;
     top->addLayout(boxes);
     top->addWidget(Text1, 1);
+    top->addWidget(trvLegend, 2);
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(top, 1);
     layout->addLayout(buttons);
     const int lines = description.channelCount + int(description.doors.size());
-    resize(description.fixedFont ? 440 : 400, std::max(300, 90 + lines * 17));
+    resize(description.fixedFont ? 800 : 760, std::max(300, 90 + lines * 17));
+    showLegend();
 
     Timer1.setInterval(kRefreshMs);
     connect(&Timer1, &QTimer::timeout, this, &FrmAcq::Timer1_Timer);
@@ -105,6 +117,18 @@ void FrmAcq::setBenchType(int type)
         const QSignalBlocker quiet(box);
         box->setChecked(m_control->knownOutput(o.channel).value_or(false));
     }
+    showLegend();
+}
+
+void FrmAcq::showLegend()
+{
+    trvLegend->clear();
+    for (const FixtureLegendRow& row : fixtureLegend(m_description, m_benchType)) {
+        auto* item = new QTreeWidgetItem(trvLegend, {row.line, row.unit, row.meaning});
+        item->setToolTip(2, row.meaning);
+    }
+    for (int column = 0; column < 2; ++column)
+        trvLegend->resizeColumnToContents(column);
 }
 
 void FrmAcq::chkDig_Click(int channel)

@@ -11,6 +11,7 @@
 class QCheckBox;
 class QPlainTextEdit;
 class QPushButton;
+class QTreeWidget;
 
 namespace tessel {
 
@@ -39,6 +40,7 @@ public:
 
     QMap<int, QCheckBox*> chkDig; // by output channel
     QPlainTextEdit* Text1 = nullptr;
+    QTreeWidget* trvLegend = nullptr;
     QCheckBox* Check1 = nullptr;
     QTimer Timer1;
     QPushButton* cmdRefresh = nullptr; // Command1 or Command3
@@ -59,6 +61,7 @@ protected:
 
 private:
     void fail(const QString& error);
+    void showLegend();
 
     FixtureDescription m_description;
     BenchControl* m_control;

@@ -6,6 +6,7 @@
 #include "filedialogfilter.h"
 #include "frminviamesg.h"
 #include "frmseq.h"
+#include "machinesettings.h"
 #include "windowplacement.h"
 
 #include <QCheckBox>
@@ -28,6 +29,10 @@
 #include <QVBoxLayout>
 
 namespace tessel {
+
+namespace {
+const QString kShowTransmitKey = QStringLiteral("monitor/showTransmit");
+} // namespace
 
 FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent)
     : QWidget(parent, Qt::Window), m_placement(placement), m_mainWindow(mainWindow),
@@ -71,7 +76,10 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     chkEnShowTx = new QCheckBox(QStringLiteral("En Tx"), this);
     chkEnShowTx->setObjectName(QStringLiteral("chkEnShowTx"));
     chkEnShowTx->setToolTip(QStringLiteral("Also trace the frames the CAN server sends for this "
-                                           "program (SDO, LSS)"));
+                                           "program (SDO, LSS, upgrades)"));
+    // On unless the user turned it off: the frames that LSS Get or an Upload put on the bus
+    // belong in the trace as much as those of Send.
+    chkEnShowTx->setChecked(userSettings().value(kShowTransmitKey, true).toBool());
     top->addWidget(chkEnShowTx);
     chkEnAllRx = new QCheckBox(QStringLiteral("En All Rx"), this);
     chkEnAllRx->setObjectName(QStringLiteral("chkEnAllRx"));
@@ -150,7 +158,10 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
         refreshTrace();
     });
     connect(chTrace, &QCheckBox::toggled, this, &FrmDiagno::traceSwitchChanged);
-    connect(chkEnShowTx, &QCheckBox::toggled, this, &FrmDiagno::showTransmitChanged);
+    connect(chkEnShowTx, &QCheckBox::toggled, this, [this](bool on) {
+        userSettings().setValue(kShowTransmitKey, on);
+        emit showTransmitChanged(on);
+    });
     connect(chkEnAllRx, &QCheckBox::toggled, this, &FrmDiagno::receiveAllChanged);
 
     resize(860, 680);

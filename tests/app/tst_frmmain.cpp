@@ -431,8 +431,12 @@ void TstFrmMain::lssGetAndSet()
     FrmMain& w = t.window;
     selectTheUnconfiguredDrive(w);
     w.txtFWNode->setText("5");
+    t.window.monitor()->chkEnShowTx->setChecked(true);
     QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
     QCOMPARE(w.txtFWNode->text(), QString("FF"));
+    // The requests show in the trace beside the answers.
+    QTRY_VERIFY(t.trace().contains("T1 7E5 8 "));
+    QTRY_VERIFY(t.trace().contains("R1 7E4 8 "));
     QCOMPARE(w.sbrDone->text(), QString("LSS Get: node-ID FF (waiting for one) at 250K on CAN 1"));
     // The user chooses 500K for it, and node-ID 22.
     w.cmbBaud[1]->setCurrentIndex(2);
@@ -445,8 +449,13 @@ void TstFrmMain::lssGetAndSet()
     // switches it.
     QTRY_VERIFY(t.trace().contains(QRegularExpression("R1 722 1 \\d{3}s\\d{3}\\.\\d{3} > 00 ")));
     QTRY_COMPARE(w.cmbBaud[1]->currentIndex(), 3);
-    w.cmbBaud[1]->setCurrentIndex(2);
+    // The switch is offered; one click makes it.
+    QVERIFY(w.cmdFollowRate->isVisibleTo(&w));
+    QCOMPARE(w.cmdFollowRate->text(), QString("Switch CAN 1 to 500K"));
     const qsizetype from = t.trace().size();
+    QTest::mouseClick(w.cmdFollowRate, Qt::LeftButton);
+    QCOMPARE(w.cmbBaud[1]->currentIndex(), 2);
+    QVERIFY(!w.cmdFollowRate->isVisibleTo(&w));
     QTRY_VERIFY_WITH_TIMEOUT(t.trace().mid(from).contains("R1 722 1"), 3000);
     w.sdoPanel->cmbIndex->setCurrentText("22,1018,1");
     QTest::mouseClick(w.sdoPanel->cmdUpload, Qt::LeftButton);

@@ -190,6 +190,15 @@ void TstFixture::refresh()
     // Every call is an input or a channel read besides the assembly fixture's one Acquire.
     QCOMPARE(bench.calls.filter("acquire").size(), kind == int(FixtureKind::Assembly) ? 1 : 0);
     QCOMPARE(bench.calls.filter("analog").size() + bench.calls.filter("input").size(), lines);
+    // The legend beside the read-out explains each line, in the same order.
+    const QList<FixtureLegendRow> legend =
+        fixtureLegend(fixtureDescription(FixtureKind(kind)), benchType);
+    QCOMPARE(legend.size(), lines);
+    for (int i = 0; i < lines; ++i) {
+        QVERIFY2(split[i].startsWith(legend[i].line + ' '), qPrintable(split[i]));
+        QVERIFY(!legend[i].meaning.isEmpty());
+        QCOMPARE(legend[i].unit.isEmpty(), split[i].startsWith("Door"));
+    }
 }
 
 void TstFixture::assemblyPassesOverAFailedRead()
