@@ -455,12 +455,29 @@ void FrmMain::setMessageHandler(std::function<void(const QString&)> handler)
     m_message = std::move(handler);
 }
 
+namespace {
+// How long after it was answered the same message is not said again.
+constexpr qint64 kMessageRepeatMs = 2000;
+} // namespace
+
 void FrmMain::showMessage(const QString& text)
 {
     // A message is answered even when it opens while a call waits with input held back.
     InputBlocker::Pause answerable;
+    // Tools that were all running when the server went each fail with the same words; the
+    // same text again, while it shows or just after it was answered, is said already.
+    if (!m_messageClock.isValid())
+        m_messageClock.start();
+    const qint64 now = m_messageClock.elapsed();
+    m_recentMessages.removeIf([now](const auto& said) {
+        return said.value() >= 0 && now - said.value() >= kMessageRepeatMs;
+    });
+    if (m_recentMessages.contains(text))
+        return;
+    m_recentMessages.insert(text, -1);
     if (m_message)
         m_message(text);
+    m_recentMessages.insert(text, m_messageClock.elapsed());
 }
 
 bool FrmMain::formLoad(const QString& answer, QString* error)

@@ -4,6 +4,8 @@
 #include "firmwarehistory.h"
 #include "windowplacement.h"
 
+#include <QElapsedTimer>
+#include <QHash>
 #include <QMainWindow>
 #include <QTimer>
 
@@ -154,6 +156,10 @@ private:
     FrmSerial* m_serial = nullptr;
     FrmAbort* m_abort = nullptr;
     std::function<void(const QString&)> m_message;
+    // The messages of the last moments, with when each was answered (-1: showing): several
+    // tools failing on one cause say it once.
+    QHash<QString, qint64> m_recentMessages;
+    QElapsedTimer m_messageClock;
     int m_selected = 0;
     int m_replayController = 0; // the controller a running replay sends on
     int m_controllerCount = 0;

@@ -66,6 +66,7 @@ private slots:
     void acquisitionOfTenThousandFramesExports();
     void sliderSendsItsValue();
     void toolWindowsFollowTheMainWindow();
+    void runningToolsStopWhenTheServerGoes();
 
 private:
     WindowTestBench m_bench;
@@ -199,6 +200,48 @@ void TstMonitorTools::toolWindowsFollowTheMainWindow()
         QTRY_VERIFY(w->isVisible());
     QTest::qWait(50);
     QVERIFY(!t.window.monitor()->composer()->isVisible());
+}
+
+void TstMonitorTools::runningToolsStopWhenTheServerGoes()
+{
+    // Two sequencer rows and the composer keep sending when the server is killed: each stops
+    // and says so once, and the messages do not go on at every tick.
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    FrmDiagno* monitor = t.window.monitor();
+    setSlot(monitor, 0, "181", "1", {"11"});
+    setSlot(monitor, 1, "182", "1", {"22"});
+    monitor->cmdSeq_Click();
+    FrmSeq* seq = monitor->sequencer();
+    seq->txtSeq[0]->setText("M1 T0.02");
+    seq->txtSeq[1]->setText("M2 T0.03");
+    seq->chkEn[0]->setChecked(true);
+    seq->chkEn[1]->setChecked(true);
+    monitor->cmdInvia_Click();
+    FrmInviaMesg* composer = monitor->composer();
+    QString text;
+    for (int i = 0; i < 500; ++i)
+        text += QStringLiteral("T 183 xxxxx > %1\n").arg(i & 0xFF, 2, 16, QLatin1Char('0'));
+    composer->txtMesg->setPlainText(text);
+    composer->txtRitardo->setText("10");
+    QSignalSpy done(composer, &FrmInviaMesg::runFinished);
+    QTimer::singleShot(300, this, [this] { m_bench.server->kill(); });
+    QTest::mouseClick(composer->cmdInvia, Qt::LeftButton);
+    QTRY_COMPARE_WITH_TIMEOUT(done.size(), 1, 5000);
+    QTRY_VERIFY(!seq->chkEn[0]->isChecked() && !seq->chkEn[1]->isChecked());
+    const QStringList said = t.messages;
+    QCOMPARE(said.filter("was lost").size(), 1);
+    QCOMPARE(said.filter("Row 1: Sequence stopped").size(), 1);
+    QCOMPARE(said.filter("Row 2: Sequence stopped").size(), 1);
+    // Why the sends failed is said once for the three of them.
+    QCOMPARE(said.filter("CAN server not reachable").size(), 1);
+    QCOMPARE(said.size(), 4);
+    QTest::qWait(300);
+    QCOMPARE(t.messages, said);
+    // The rows can be edited again, and the monitor still traces what was sent.
+    QVERIFY(seq->txtSeq[0]->isEnabled());
+    QVERIFY(t.trace().contains("T0 181 1 "));
 }
 
 QTEST_MAIN(TstMonitorTools)
