@@ -42,9 +42,7 @@ private slots:
     void cleanup();
 
     void startUp();
-    void nmtButtons_data();
     void nmtButtons();
-    void sendWithControllerDisabledDoesNothing();
     void remoteRequestIsTracedWithoutData();
     void selectionMovesToLowestEnabled();
     void bitRateChangeShowsStatus();
@@ -69,8 +67,6 @@ private slots:
     void sdoDomainThroughThePanel();
     void vectorRead();
     void sdoWithoutServer();
-    void progressIsClamped_data();
-    void progressIsClamped();
 
 private:
     WindowTestBench m_bench;
@@ -146,54 +142,27 @@ void TstFrmMain::startUp()
     QCOMPARE(user.value("filename/fwupdcnt").toInt(), 0);
 }
 
-void TstFrmMain::nmtButtons_data()
-{
-    QTest::addColumn<int>("button");
-    QTest::addColumn<QString>("sent");
-    QTest::addColumn<QString>("answer"); // what the drive sends after it
-    QTest::newRow("Start") << 0 << "T0 000 2 000s000.000 > 01 00 "
-                           << "> 05 ";
-    QTest::newRow("Stop") << 1 << "T0 000 2 000s000.000 > 02 00 "
-                          << "> 04 ";
-    QTest::newRow("Pre-op") << 2 << "T0 000 2 000s000.000 > 80 00 "
-                            << "> 7F ";
-    // Resets: the boot-up message.
-    QTest::newRow("Res node") << 3 << "T0 000 2 000s000.000 > 81 00 "
-                              << "> 00 ";
-    QTest::newRow("Res comm") << 4 << "T0 000 2 000s000.000 > 82 00 "
-                              << "> 00 ";
-}
-
 void TstFrmMain::nmtButtons()
 {
-    QFETCH(int, button);
-    QFETCH(QString, sent);
-    QFETCH(QString, answer);
     Tessel t(m_server->socketPath());
     QVERIFY(t.load());
     QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
-    QTest::mouseClick(t.window.cmdNMT[button], Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString());
-    const qsizetype at = t.trace().indexOf(sent);
-    QVERIFY2(at >= 0, qPrintable(t.trace().right(300)));
-    // After the command in the trace, as on the bus.
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().indexOf(answer, at) > at, 5000);
-    QVERIFY(t.messages.isEmpty());
-}
-
-void TstFrmMain::sendWithControllerDisabledDoesNothing()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    t.window.txtAbort->setText("old");
-    t.window.chkCanEnable[0]->setChecked(false);
-    // No controller left: the bus buttons are off, but the routine itself stays harmless.
-    QVERIFY(!t.window.cmdNMT[0]->isEnabled());
-    const int before = int(t.trace().size());
-    QCOMPARE(t.window.SendCanMsg(0x000, 2, QByteArray::fromHex("0100")), false);
-    t.window.cmdNMT_Click(0);
-    QCOMPARE(t.window.txtAbort->text(), QString());
-    QCOMPARE(int(t.trace().size()), before);
+    // Each button's command, then the drive's answer after it in the trace, as on the bus:
+    // its new state, or for the resets its boot-up message.
+    const QList<std::pair<QString, QString>> steps{{"01 00 ", "> 05 "},
+                                                   {"02 00 ", "> 04 "},
+                                                   {"80 00 ", "> 7F "},
+                                                   {"81 00 ", "> 00 "},
+                                                   {"82 00 ", "> 00 "}};
+    for (int button = 0; button < int(steps.size()); ++button) {
+        const qsizetype from = t.trace().size();
+        QTest::mouseClick(t.window.cmdNMT[button], Qt::LeftButton);
+        QCOMPARE(t.window.txtAbort->text(), QString());
+        const qsizetype at =
+            t.trace().indexOf("T0 000 2 000s000.000 > " + steps[button].first, from);
+        QVERIFY2(at >= 0, qPrintable(t.trace().right(300)));
+        QTRY_VERIFY_WITH_TIMEOUT(t.trace().indexOf(steps[button].second, at) > at, 5000);
+    }
     QVERIFY(t.messages.isEmpty());
 }
 
@@ -236,6 +205,14 @@ void TstFrmMain::selectionMovesToLowestEnabled()
         QVERIFY2(!b->isEnabled(), qPrintable(b->objectName()));
     // The bench is no bus: its controls stay.
     QVERIFY(w.benchPanel->cmdDoVout->isEnabled() && w.benchPanel->cmdAcq->isEnabled());
+    // The send routine itself stays harmless: nothing sent, nothing said, the box cleared.
+    w.txtAbort->setText("old");
+    const qsizetype before = t.trace().size();
+    QCOMPARE(w.SendCanMsg(0x000, 2, QByteArray::fromHex("0100")), false);
+    w.cmdNMT_Click(0);
+    QCOMPARE(w.txtAbort->text(), QString());
+    QCOMPARE(t.trace().size(), before);
+    QVERIFY(t.messages.isEmpty());
     // A disabled controller's bit rate is only remembered; the server keeps its own.
     w.cmbBaud[0]->setCurrentIndex(4);
     QString error;
@@ -804,22 +781,6 @@ void TstFrmMain::sdoWithoutServer()
     QTest::mouseClick(t.window.sdoPanel->cmdUpload, Qt::LeftButton);
     QVERIFY(clock.elapsed() < 2000);
     QVERIFY(t.window.txtAbort->text().startsWith("CAN server not reachable"));
-}
-
-void TstFrmMain::progressIsClamped_data()
-{
-    QTest::addColumn<double>("fraction");
-    QTest::addColumn<float>("percent");
-    QTest::newRow("above 1") << 1.7 << 100.0f;
-    QTest::newRow("below 0") << -0.2 << 0.0f;
-    QTest::newRow("half") << 0.5 << 50.0f;
-}
-
-void TstFrmMain::progressIsClamped()
-{
-    QFETCH(double, fraction);
-    QFETCH(float, percent);
-    QCOMPARE(CanLink::progressPercent(fraction), percent);
 }
 
 QTEST_MAIN(TstFrmMain)

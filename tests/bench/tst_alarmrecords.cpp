@@ -64,8 +64,6 @@ class TstAlarmRecords : public QObject
 {
     Q_OBJECT
 private slots:
-    void table_data();
-    void table();
     void recordText();
     void key_data();
     void key();
@@ -76,32 +74,6 @@ private slots:
     void failedTransferShowsNothing_data();
     void failedTransferShowsNothing();
 };
-
-void TstAlarmRecords::table_data()
-{
-    QTest::addColumn<int>("number");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("1") << 1 << "Desaturazione IGBT";
-    QTest::newRow("3") << 3 << "Limite temperatura azionamento";
-    QTest::newRow("8") << 8 << "Sync manager";
-    QTest::newRow("9 empty") << 9 << "";
-    QTest::newRow("11") << 11 << "Enable +24V";
-    QTest::newRow("16 empty") << 16 << "";
-    QTest::newRow("18") << 18 << "Parametri Flash non validi";
-    QTest::newRow("19 apostrophe") << 19 << "Limite di velocita'";
-    QTest::newRow("21 apostrophe") << 21 << "Limite di attrito in burn'in";
-    QTest::newRow("22") << 22 << "Software WDT/trap";
-    QTest::newRow("23 empty") << 23 << "";
-    QTest::newRow("32 empty") << 32 << "";
-    QTest::newRow("33 beyond") << 33 << "";
-    QTest::newRow("negative") << -1 << "";
-}
-
-void TstAlarmRecords::table()
-{
-    QFETCH(int, number);
-    QTEST(alarmText(number), "text");
-}
 
 void TstAlarmRecords::recordText()
 {

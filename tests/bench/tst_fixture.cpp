@@ -16,7 +16,6 @@ private slots:
     void fixedPoint();
     void channelLines_data();
     void channelLines();
-    void zd3NamesArePadded();
     void doorLines();
     void assemblyBoxes_data();
     void assemblyBoxes();
@@ -83,18 +82,6 @@ void TstFixture::channelLines()
     QFETCH(int, channel);
     QFETCH(double, value);
     QTEST(fixtureChannelLine(fixtureDescription(FixtureKind(kind)), channel, value), "line");
-}
-
-void TstFixture::zd3NamesArePadded()
-{
-    const FixtureDescription& d = fixtureDescription(FixtureKind::PcbZd3);
-    QCOMPARE(d.channelNames.size(), 23);
-    for (const QString& name : d.channelNames)
-        QCOMPARE(name.size(), 13);
-    QCOMPARE(d.channelNames[15], QString("isupply [mA] "));
-    QCOMPARE(d.channelNames[22], QString("vsupply      "));
-    QCOMPARE(fixtureDescription(FixtureKind::Assembly).channelNames.size(), 6);
-    QVERIFY(fixtureDescription(FixtureKind::Pcb).channelNames.isEmpty());
 }
 
 void TstFixture::doorLines()
