@@ -343,7 +343,7 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
     upgradePanel->monitorSwitchState = [this] {
         return !m_monitor || m_monitor->chTrace->isChecked();
     };
-    upgradePanel->beginBenchTransfer = [this] { beginBenchTransfer(); };
+    connect(upgradePanel, &UpgradePanel::message, this, &FrmMain::showMessage);
 }
 
 void FrmMain::buildBenchPanel(QWidget* parent)
@@ -357,26 +357,8 @@ void FrmMain::buildBenchPanel(QWidget* parent)
     benchPanel->showMessage = [this](const QString& text) { showMessage(text); };
 }
 
-void FrmMain::beginBenchTransfer()
+void FrmMain::onProgressNotified(double)
 {
-    // A bench is cycled only when this program works with the server of its own station; the
-    // bench of a server reached over the network is left to the people beside it.
-    if (m_link.isRemote())
-        return;
-    m_transferPending = true;
-    QString error;
-    if (!m_link.boardCommand(16, 0, &error))
-        txtAbort->setText(error);
-}
-
-void FrmMain::onProgressNotified(double fraction)
-{
-    if (m_transferPending && CanLink::progressPercent(fraction) <= 0.0f) {
-        m_transferPending = false;
-        QString error;
-        if (!m_link.boardCommand(17, 0, &error))
-            showMessage(error);
-    }
     // A serial load awaited by the production window has ended once the link's state is no
     // longer "loading".
     if (m_link.productionRun) {

@@ -113,7 +113,6 @@ public:
     FrmIO* objectSlider() const { return m_io; }
     // Set by a boot catch that had the bench begin a firmware transfer; the end of the next
     // transfer (its progress back at 0) ends the bench's transfer (command 17).
-    bool transferPending() const { return m_transferPending; }
     FrmEDS* edsBrowser() const { return m_eds; }
 
 protected:
@@ -129,7 +128,6 @@ private:
     void hideAbortDialog();
     void onChangedConfig(int controller, bool enabled, int bitRateIndex);
     void onProgressNotified(double fraction);
-    void beginBenchTransfer();
     void buildUpgradePanel(QWidget* parent);
     void buildBenchPanel(QWidget* parent);
     void onFramesReceived(int controller, const QByteArray& records, int count);
@@ -166,7 +164,6 @@ private:
     std::array<int, kRows> m_bitRate{};
     std::array<int, kRows> m_previousBitRate{};
     bool m_unloaded = false;
-    bool m_transferPending = false;
     CanLink::BenchInfo m_bench;
 };
 

@@ -2,6 +2,7 @@
 
 #include "canmsg.h"
 #include "cliparse.h"
+#include "firmwareupgrade.h"
 #include "imagefile.h"
 #include "machinesettings.h"
 #include "numbers.h"
@@ -877,44 +878,31 @@ int TesselCli::upgrade(QStringList args)
         return linkFailure(error);
     // The bench cycles the unit's supply so that it boots into the catch (a local server's
     // bench only, as Tessel does).
-    const bool bench = !m_link.isRemote() && m_link.boardCommand(16, 0, &error).has_value();
-    const auto endTransfer = [&] {
-        if (bench)
-            m_link.boardCommand(17, 0, &error);
-    };
-    const CanLink::BootResult caught = m_link.stopOnBoot(m_controller, node, *rate);
-    if (!caught.error.isEmpty()) {
-        endTransfer();
-        return linkFailure(caught.error);
-    }
-    if (caught.version == 0) {
-        endTransfer();
+    FirmwareUpgrade upgrade(&m_link);
+    std::optional<TerminalProgress> progress;
+    // The progress line starts with the image's transfer, once the drive is caught.
+    QObject::connect(&m_link, &CanLink::progressNotified, &upgrade, [&] {
+        if (!progress)
+            progress.emplace(m_link, m_err);
+    });
+    const FirmwareUpgrade::Outcome outcome = upgrade.run(m_controller, node, *rate, image);
+    if (progress)
+        progress->end(outcome.error.isEmpty() && outcome.abortCode == 0);
+    if (!outcome.error.isEmpty())
+        return linkFailure(outcome.error);
+    if (outcome.bootVersion == 0)
         return fail(
             kFailed,
             QStringLiteral("no boot loader of node %1 answered").arg(hexField(quint32(node), 2)));
-    }
-    TerminalProgress progress(m_link, m_err);
-    const CanLink::SdoResult loaded =
-        m_link.sdoTransfer(m_controller, false, node, 0x1F50, 1, image);
-    progress.end(loaded.error.isEmpty() && loaded.abortCode == 0);
-    endTransfer();
-    if (!loaded.error.isEmpty() || loaded.abortCode != 0) {
-        // The drive is not left in its boot loader: it goes back to the application it had.
-        m_link.sdoTransfer(m_controller, false, node, 0x5EF0, 0, QByteArrayLiteral("QorS"));
-        if (!loaded.error.isEmpty())
-            return linkFailure(loaded.error);
-        return fail(kSdoAbort, QStringLiteral("SDO abort %1 (the boot loader refused the image; "
-                                              "node %2 was released to its application)")
-                                   .arg(hexField(loaded.abortCode, 8), hexField(quint32(node), 2)));
-    }
-    const CanLink::SdoResult released =
-        m_link.sdoTransfer(m_controller, false, node, 0x5EF0, 0, QByteArrayLiteral("QorS"));
-    if (!released.error.isEmpty())
-        return linkFailure(released.error);
-    if (released.abortCode != 0)
+    if (outcome.releaseFailed)
         return fail(kSdoAbort,
-                    QStringLiteral("SDO abort %1 (release)").arg(hexField(released.abortCode, 8)));
-    const quint32 v = caught.version;
+                    QStringLiteral("SDO abort %1 (release)").arg(hexField(outcome.abortCode, 8)));
+    if (outcome.abortCode != 0)
+        return fail(kSdoAbort,
+                    QStringLiteral("SDO abort %1 (the boot loader refused the image; "
+                                   "node %2 was released to its application)")
+                        .arg(hexField(outcome.abortCode, 8), hexField(quint32(node), 2)));
+    const quint32 v = outcome.bootVersion;
     print({{QStringLiteral("command"), QStringLiteral("upgrade")},
            {QStringLiteral("node"), node},
            {QStringLiteral("bytes"), image.size()},

@@ -30,8 +30,9 @@ constexpr char kFileError[] = "File - err";
 UpgradePanel::UpgradePanel(CanLink* link, FirmwareHistory* history, QLineEdit* txtFWNode,
                            QLineEdit* txtAbort, QWidget* parent)
     : QGroupBox(QStringLiteral("Firmware"), parent), txtFWNode(txtFWNode), txtAbort(txtAbort),
-      m_link(link), m_history(history)
+      m_link(link), m_upgrade(link), m_history(history)
 {
+    connect(&m_upgrade, &FirmwareUpgrade::benchFailed, this, &UpgradePanel::message);
     setObjectName(QStringLiteral("fraUpgrade"));
     postProcessor = [](const QString& file, const QString& options, QString* output) {
         // The post-processor runs without the event loop; clicks and keys made meanwhile are
@@ -272,8 +273,8 @@ void UpgradePanel::cmdUpgrade_Click()
     const int subIndex = hexToNumber(txtDWSubIndex->text());
     CanLink::SdoResult result;
     if (error.isEmpty())
-        result = m_link->sdoTransfer(selectedController ? selectedController() : 0, false, node,
-                                     index, subIndex, image);
+        result = m_upgrade.load(selectedController ? selectedController() : 0, node, image, index,
+                                subIndex);
     else
         result.error = error;
     txtAbort->setText(sdoResultText(result.abortCode, result.error));
@@ -305,12 +306,12 @@ void UpgradePanel::cmdStopOnBoot_Click(int index)
     WaitCursor wait;
     txtAbort->clear();
     txtAbort->repaint();
-    if (beginBenchTransfer)
-        beginBenchTransfer();
+    if (const QString error = m_upgrade.beginBench(); !error.isEmpty())
+        txtAbort->setText(error);
     const int node = index == 1 ? hexToNumber(txtFWNode->text()) : 0;
     const int controller = selectedController ? selectedController() : 0;
     const CanLink::BootResult caught =
-        m_link->stopOnBoot(controller, node, bitRateSelection ? bitRateSelection() : 0);
+        m_upgrade.catchBoot(controller, node, bitRateSelection ? bitRateSelection() : 0);
     if (!caught.error.isEmpty())
         txtAbort->setText(caught.error);
     else if (caught.version != 0)
@@ -331,8 +332,7 @@ void UpgradePanel::cmdEnUpgrade_Click()
         monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
     const int node = hexToNumber(txtFWNode->text());
     WaitCursor wait;
-    const auto result = m_link->sdoTransfer(selectedController ? selectedController() : 0, false,
-                                            node, 0x5EF0, 0, kReleaseKey.toLatin1());
+    const auto result = m_upgrade.release(selectedController ? selectedController() : 0, node);
     txtAbort->setText(sdoResultText(result.abortCode, result.error));
     if (monitorSwitch)
         monitorSwitch(true);

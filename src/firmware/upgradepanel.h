@@ -2,6 +2,7 @@
 
 #include "firmwarehistory.h"
 #include "firmwaretip.h"
+#include "firmwareupgrade.h"
 
 #include <QGroupBox>
 
@@ -28,7 +29,6 @@ public:
     static inline const QString kFileFilter = QStringLiteral(
         "All ZD/ZDx firmware files (*.S;*.sx;*.sre)|*.S;*.sx;*.sre|Motorola HEX files "
         "(*.S)|*.S|Zdx hybrid files (*.sx)|*.sx|Panora HEX (*.sre)|*.sre|All Files (*.*)|*.*");
-    static inline const QString kReleaseKey = QStringLiteral("QorS");
 
     UpgradePanel(CanLink* link, FirmwareHistory* history, QLineEdit* txtFWNode, QLineEdit* txtAbort,
                  QWidget* parent = nullptr);
@@ -42,9 +42,6 @@ public:
     // The monitor's traffic switch, as the SDO panel sets it.
     std::function<void(bool)> monitorSwitch;
     std::function<bool()> monitorSwitchState;
-    // Before a boot catch: the bench begins a firmware transfer (when the main window has it
-    // do so).
-    std::function<void()> beginBenchTransfer;
     // The open dialog: title, filter in the program's form, initial name; "" when cancelled.
     std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
     // The post-processor (postProcess by default).
@@ -81,6 +78,8 @@ public:
     void refreshUpgradeTip();
     // The controls in the order the Tab key visits them.
     QList<QWidget*> tabOrder() const;
+    // The procedure the buttons step through.
+    FirmwareUpgrade& procedure() { return m_upgrade; }
 
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
@@ -90,6 +89,8 @@ signals:
     void done(const QString& what);
     // What went wrong beyond the short text the result box shows ("PostProc err").
     void failed(const QString& why);
+    // Said in a message box: the bench did not end its transfer.
+    void message(const QString& text);
 
 public slots:
     // Shows the drive an upgrade goes to: N-Id on the selected controller.
@@ -103,6 +104,7 @@ private:
     void reattach();
 
     CanLink* m_link;
+    FirmwareUpgrade m_upgrade;
     FirmwareHistory* m_history;
     QString m_tipKey;
 };

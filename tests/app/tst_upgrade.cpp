@@ -88,7 +88,7 @@ void TstUpgrade::catchUpgradeReleaseAndReadBack()
     t.window.txtFWNode->setText("1");
     QTest::mouseClick(p->cmdStopOnBoot[0], Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
-    QVERIFY(t.window.transferPending());
+    QVERIFY(t.window.upgradePanel->procedure().benchPending());
 
     QList<int> progress;
     connect(t.window.prbStato, &QProgressBar::valueChanged, this,
@@ -99,7 +99,7 @@ void TstUpgrade::catchUpgradeReleaseAndReadBack()
     QVERIFY(std::any_of(progress.begin(), progress.end(), [](int v) { return v > 0 && v < 100; }));
     QCOMPARE(t.window.prbStato->value(), 100); // and "done" until the next operation
     // The end of the transfer ended the bench's transfer begun by the catch.
-    QVERIFY(!t.window.transferPending());
+    QVERIFY(!t.window.upgradePanel->procedure().benchPending());
     QString error;
     QCOMPARE(t.window.link()->boardCommand(17, 0, &error), std::optional<int>(0));
     QVERIFY(!t.window.link()->upgradeBusy);
