@@ -478,11 +478,10 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     WaitCursor wait;
     // The lists start at "1000K"; their signals are held until the link runs.
     m_link.inhibitCtrlEvents = true;
+    m_controllers.reset();
     for (int i = 0; i < kRows; ++i) {
         cmbBaud[i]->setCurrentIndex(0);
         cmbBaud[i]->setProperty("tag", QString());
-        m_bitRate[i] = 0;
-        m_previousBitRate[i] = 0;
     }
     m_link.inhibitCtrlEvents = false;
     m_link.monitorEchoOff = false;
@@ -684,27 +683,22 @@ void FrmMain::EnableBusButtons(bool enable)
 
 void FrmMain::EnableController(int index)
 {
-    QString error = m_link.setBitRate(index, cmbBaud[index]->currentIndex());
-    if (error.isEmpty())
-        error = m_link.startController(index);
-    if (!error.isEmpty())
+    if (const QString error = m_controllers.start(index, cmbBaud[index]->currentIndex());
+        !error.isEmpty())
         showMessage(error);
 }
 
 void FrmMain::DisableController(int index)
 {
-    const QString error = m_link.stopController(index);
-    if (!error.isEmpty())
+    if (const QString error = m_controllers.stop(index); !error.isEmpty())
         showMessage(error);
 }
 
 void FrmMain::ApplyBitRate(int index)
 {
     WaitCursor wait;
-    QString error = m_link.setBitRate(index, cmbBaud[index]->currentIndex());
-    if (error.isEmpty())
-        error = m_link.restartController(index);
-    if (!error.isEmpty())
+    if (const QString error = m_controllers.switchBitRate(index, cmbBaud[index]->currentIndex());
+        !error.isEmpty())
         showMessage(error);
 }
 
@@ -749,8 +743,7 @@ void FrmMain::cmbBaud_Click(int index)
         cmdFollowRate->hide();
     if (chkCanEnable[index]->isChecked() && !m_link.inhibitCtrlEvents)
         ApplyBitRate(index);
-    m_previousBitRate[index] = m_bitRate[index];
-    m_bitRate[index] = cmbBaud[index]->currentIndex();
+    m_controllers.chooseBitRate(index, cmbBaud[index]->currentIndex());
 }
 
 void FrmMain::optSelCanCtrl_Click(int)
@@ -789,10 +782,9 @@ void FrmMain::cmdLSSGet_Click()
 {
     WaitCursor wait;
     setMonitorSwitch(m_monitor ? m_monitor->chTrace->isChecked() : true);
-    const CanLink::LssResult found = m_link.lssInquire(m_selected);
+    const CanLink::LssResult found = m_controllers.lssGet(m_selected);
     if (found.error.isEmpty() && found.nodeId >= 0) {
         txtFWNode->setText(QString::number(found.nodeId, 16).toUpper());
-        m_previousBitRate[m_selected] = found.bitRateIndex;
         reportDone(QStringLiteral("LSS Get: node-ID %1%2 at %3 on CAN %4")
                        .arg(QString::number(found.nodeId, 16).toUpper(),
                             found.nodeId == 0xFF ? QStringLiteral(" (waiting for one)") : QString(),
@@ -817,27 +809,20 @@ void FrmMain::cmdLSSSet_Click()
     WaitCursor wait;
     setMonitorSwitch(m_monitor ? m_monitor->chTrace->isChecked() : true);
     const int newRate = cmbBaud[m_selected]->currentIndex();
-    // Back to the rate at which the node still listens; the list keeps showing the new one.
-    cmbBaud[m_selected]->setProperty("tag", QStringLiteral("1"));
-    QString switchError = m_link.setBitRate(m_selected, m_previousBitRate[m_selected]);
-    if (switchError.isEmpty())
-        switchError = m_link.restartController(m_selected);
-    cmbBaud[m_selected]->setProperty("tag", QString());
-    // The node would not hear a configuration sent at another rate: stop and say why.
-    if (!switchError.isEmpty()) {
-        txtAbort->setText(
-            QStringLiteral("CAN %1 back to %2: %3")
-                .arg(m_selected)
-                .arg(qorcalib::bitRateText(m_previousBitRate[m_selected]), switchError));
-        setMonitorSwitch(true);
-        return;
-    }
     const int node = hexToNumber(txtFWNode->text());
-    const CanLink::LssResult set = m_link.lssConfigure(m_selected, node, newRate);
-    if (!set.error.isEmpty())
-        txtAbort->setText(set.error);
+    // The list keeps showing the new rate while the controller goes back to the old one.
+    cmbBaud[m_selected]->setProperty("tag", QStringLiteral("1"));
+    const ControllerSet::LssSetResult set = m_controllers.lssSet(m_selected, node, newRate);
+    cmbBaud[m_selected]->setProperty("tag", QString());
+    const int oldRate = set.listeningRate;
+    // The node would not hear a configuration sent at another rate: stopped, and said why.
+    if (!set.switchedBack)
+        txtAbort->setText(QStringLiteral("CAN %1 back to %2: %3")
+                              .arg(m_selected)
+                              .arg(qorcalib::bitRateText(oldRate), set.lss.error));
+    else if (!set.lss.error.isEmpty())
+        txtAbort->setText(set.lss.error);
     else {
-        const int oldRate = m_previousBitRate[m_selected];
         reportDone(QStringLiteral("LSS Set: the waiting drive on CAN %1 now has node-ID %2 at "
                                   "%3 (CAN %1 still runs at %4)")
                        .arg(m_selected)
@@ -926,7 +911,8 @@ void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)
         qWarning("ChangedConfig for controller %d, which has no row here", controller);
         return;
     }
-    if (m_bitRate[controller] == bitRateIndex && chkCanEnable[controller]->isChecked() == enabled)
+    if (m_controllers.bitRate(controller) == bitRateIndex &&
+        chkCanEnable[controller]->isChecked() == enabled)
         return;
     m_link.inhibitCtrlEvents = true;
     cmbBaud[controller]->setCurrentIndex(bitRateIndex);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "canlink.h"
+#include "controllerset.h"
 #include "firmwarehistory.h"
 #include "windowplacement.h"
 
@@ -161,8 +162,7 @@ private:
     int m_selected = 0;
     int m_replayController = 0; // the controller a running replay sends on
     int m_controllerCount = 0;
-    std::array<int, kRows> m_bitRate{};
-    std::array<int, kRows> m_previousBitRate{};
+    ControllerSet m_controllers{&m_link};
     bool m_unloaded = false;
     CanLink::BenchInfo m_bench;
 };
