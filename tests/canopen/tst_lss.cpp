@@ -345,6 +345,15 @@ void TstLss::slaveAgainstScriptedMaster()
     for (const char* f : identify)
         s.feed(QByteArray(f).replace("4a00000000", "4a79563412").constData());
     QVERIFY(s.take().isEmpty());
+    // Bounds are part of the range: a revision equal to the upper bound is in it.
+    for (const char* f : identify)
+        s.feed(QByteArray(f).replace("49ffffffff", "4902000100").constData());
+    QCOMPARE(s.take(), QStringList{"7e4:4f 00 00 00 00 00 00 00"});
+    // A frame of fewer than 8 bytes is no LSS service: the identification lacks its last part.
+    for (int i = 0; i < 5; ++i)
+        s.feed(identify[i]);
+    s.feed("4bffffffff0000");
+    QVERIFY(s.take().isEmpty());
 }
 
 void TstLss::slaveActivatesAfterTheDelay()

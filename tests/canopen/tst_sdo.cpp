@@ -280,6 +280,9 @@ void TstSdo::clientFacingAForeignNode_data()
     QTest::newRow("upload that sends more than it announces")
         << true << false << 0 << QStringList{"4140200002000000", "0941424300000000"} << 0x06070012u
         << "605:80 40 20 00 12 00 07 06";
+    QTest::newRow("upload that announces no bytes and sends some")
+        << true << false << 0 << QStringList{"4140200000000000", "0941424300000000"} << 0x06070012u
+        << "605:80 40 20 00 12 00 07 06";
     QTest::newRow("block size 0 offered") << false << true << 30 << QStringList{"a440200000000000"}
                                           << 0x05040002u << "605:80 40 20 00 02 00 04 05";
     QTest::newRow("block size 128 offered")
@@ -327,6 +330,12 @@ void TstSdo::serverRefusesASegmentPastTheIndicatedSize()
     QCOMPARE(answers, (QStringList{"585:60 40 20 00 00 00 00 00", "585:20 00 00 00 00 00 00 00",
                                    "585:80 40 20 00 12 00 07 06"}));
     QVERIFY(!store.values.contains({0x2040, 0}));
+    // A frame of fewer than 8 bytes is no request of the protocol: no answer at all.
+    answers.clear();
+    CanFrame shortRequest = fromHex(0x605, "4018100100000000");
+    shortRequest.len = 4;
+    server.onFrame(shortRequest, 0);
+    QCOMPARE(answers, QStringList());
 }
 
 void TstSdo::highestNodeId()
