@@ -334,11 +334,7 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
     upgradePanel->showTarget();
     upgradePanel->selectedController = [this] { return m_selected; };
     upgradePanel->bitRateSelection = [this] { return cmbBaud[m_selected]->currentIndex(); };
-    upgradePanel->showBitRate = [this](int rate) {
-        cmbBaud[m_selected]->setProperty("tag", QStringLiteral("1"));
-        cmbBaud[m_selected]->setCurrentIndex(rate);
-        cmbBaud[m_selected]->setProperty("tag", QString());
-    };
+    upgradePanel->showBitRate = [this](int rate) { showBitRate(m_selected, rate); };
     upgradePanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
     upgradePanel->monitorSwitchState = [this] {
         return !m_monitor || m_monitor->chTrace->isChecked();
@@ -481,7 +477,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     m_controllers.reset();
     for (int i = 0; i < kRows; ++i) {
         cmbBaud[i]->setCurrentIndex(0);
-        cmbBaud[i]->setProperty("tag", QString());
+        m_listOnly[i] = false;
     }
     m_link.inhibitCtrlEvents = false;
     m_link.monitorEchoOff = false;
@@ -736,8 +732,9 @@ void FrmMain::chkCanEnable_Click(int index)
 
 void FrmMain::cmbBaud_Click(int index)
 {
-    // The LSS set procedure marks the list while it changes the index itself.
-    if (!cmbBaud[index]->property("tag").toString().isEmpty())
+    // The LSS set procedure and the boot catch mark the list while the index only shows what
+    // the controller already does.
+    if (m_listOnly[index])
         return;
     if (!m_link.inhibitCtrlEvents)
         cmdFollowRate->hide();
@@ -811,9 +808,9 @@ void FrmMain::cmdLSSSet_Click()
     const int newRate = cmbBaud[m_selected]->currentIndex();
     const int node = hexToNumber(txtFWNode->text());
     // The list keeps showing the new rate while the controller goes back to the old one.
-    cmbBaud[m_selected]->setProperty("tag", QStringLiteral("1"));
+    m_listOnly[m_selected] = true;
     const ControllerSet::LssSetResult set = m_controllers.lssSet(m_selected, node, newRate);
-    cmbBaud[m_selected]->setProperty("tag", QString());
+    m_listOnly[m_selected] = false;
     const int oldRate = set.listeningRate;
     // The node would not hear a configuration sent at another rate: stopped, and said why.
     if (!set.switchedBack)
@@ -840,6 +837,13 @@ void FrmMain::cmdLSSSet_Click()
         }
     }
     setMonitorSwitch(true);
+}
+
+void FrmMain::showBitRate(int controller, int bitRateIndex)
+{
+    m_listOnly[controller] = true;
+    cmbBaud[controller]->setCurrentIndex(bitRateIndex);
+    m_listOnly[controller] = false;
 }
 
 void FrmMain::setMonitorSwitch(bool on)
@@ -1009,14 +1013,17 @@ void FrmMain::changeEvent(QEvent* event)
         return;
     // The tool windows go and come back with the main window.
     if (isMinimized()) {
+        m_carried.clear();
         for (QWidget* w : carriedWindows()) {
-            w->setProperty("tag", w->isVisible() ? QStringLiteral("1") : QStringLiteral("0"));
+            if (w->isVisible())
+                m_carried << w;
             w->hide();
         }
     } else {
-        for (QWidget* w : carriedWindows())
-            if (w->property("tag").toString() == QLatin1String("1"))
+        for (QWidget* w : std::as_const(m_carried))
+            if (w)
                 w->show();
+        m_carried.clear();
     }
 }
 

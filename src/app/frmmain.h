@@ -8,6 +8,7 @@
 #include <QElapsedTimer>
 #include <QHash>
 #include <QMainWindow>
+#include <QPointer>
 #include <QTimer>
 
 #include <array>
@@ -112,9 +113,10 @@ public:
     void cmdSerial_Click();
     FrmSerial* serialConsole() const { return m_serial; }
     FrmIO* objectSlider() const { return m_io; }
-    // Set by a boot catch that had the bench begin a firmware transfer; the end of the next
-    // transfer (its progress back at 0) ends the bench's transfer (command 17).
     FrmEDS* edsBrowser() const { return m_eds; }
+
+    // Shows a rate in a controller's list without switching the controller.
+    void showBitRate(int controller, int bitRateIndex);
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
@@ -163,6 +165,10 @@ private:
     int m_replayController = 0; // the controller a running replay sends on
     int m_controllerCount = 0;
     ControllerSet m_controllers{&m_link};
+    // Per list: its index changes only to show the controller's rate, not to switch it.
+    std::array<bool, kRows> m_listOnly{};
+    // The tool windows that were open when the main window was minimized.
+    QList<QPointer<QWidget>> m_carried;
     bool m_unloaded = false;
     CanLink::BenchInfo m_bench;
 };

@@ -302,9 +302,7 @@ void TstUpgrade::stopOnBootWithNothingBooting()
     // sent to the server); afterwards the list shows what the controller runs at.
     QString error;
     QVERIFY(t.window.link()->boardCommand(11, 0, &error));
-    t.window.cmbBaud[0]->setProperty("tag", "1");
-    t.window.cmbBaud[0]->setCurrentIndex(2);
-    t.window.cmbBaud[0]->setProperty("tag", QString());
+    t.window.showBitRate(0, 2);
     p->cmdStopOnBoot_Click(0);
     QCOMPARE(t.window.txtAbort->text(), QString("(none)"));
     QCOMPARE(t.window.link()->bitRate(0, &error), std::optional<int>(2));
