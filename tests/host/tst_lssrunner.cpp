@@ -54,6 +54,9 @@ void TstLssRunner::twoUnconfiguredDrivesGetANodeIdEach()
         return outcome.value_or(LssRunner::Outcome{QStringLiteral("no outcome")});
     };
 
+    // Node-IDs 0 and 0x80 are none: refused before any frame.
+    QVERIFY(run(true, 0).error.startsWith("node-ID 0x0 out of range"));
+    QVERIFY(run(true, 0x80).error.startsWith("node-ID 0x80 out of range"));
     const LssRunner::Outcome first = run(false, 0);
     QCOMPARE(first.error, QString());
     QCOMPARE(first.nodeId, lss::kUnconfigured);

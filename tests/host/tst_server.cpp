@@ -378,6 +378,8 @@ void TstServer::badInputIsRefused_data()
                                     << "0";
     QTest::newRow("SDO time-out 70000") << "sdotimeout 70000"
                                         << "70000";
+    QTest::newRow("LSS time-out 5001") << "lsstimeout 5001"
+                                       << "5001";
     QTest::newRow("bench command 99") << "command 99"
                                       << "99";
     QTest::newRow("output 40") << "output 40"
@@ -435,6 +437,8 @@ void TstServer::badInputIsRefused()
         take(a->wait(a->bus()->setallrxflag(n(1)), &error));
     else if (w[0] == "sdotimeout")
         take(a->wait(a->service()->SetSdoTimeout(n(1)), &error));
+    else if (w[0] == "lsstimeout")
+        take(a->wait(a->service()->SetLssTimeout(n(1)), &error));
     else if (w[0] == "command")
         take(a->wait(a->benchBoard()->BoardCommand(n(1), 0), &error));
     else if (w[0] == "output")
