@@ -141,6 +141,8 @@ void TstTraceFile::refused_data()
                                      "server carries 11-bit identifiers";
     QTest::newRow("log identifier past 11 bits")
         << log << QByteArray("(1.1) can0 800#00\n") << "line 1: identifier 800";
+    QTest::newRow("log remote length 9")
+        << log << QByteArray("(1.1) can0 123#R9\n") << "line 1: remote length 'R9'";
     QTest::newRow("log fd") << log << QByteArray("(1.1) can0 123##1AABB\n")
                             << "line 1: CAN FD frames are not carried by the server";
     QTest::newRow("log truncated") << log << QByteArray("(1.1) can0 701#7F\n(1.2) can0\n")
