@@ -155,6 +155,7 @@ private slots:
     void crcKnownValue();
     void clientFacingAForeignNode_data();
     void clientFacingAForeignNode();
+    void foreignNodesUnusedBitsAreIgnored();
     void serverRefusesASegmentPastTheIndicatedSize();
     void highestNodeId();
     void deadlineFollowsEveryFrame_data();
@@ -315,6 +316,17 @@ void TstSdo::clientFacingAForeignNode()
     QCOMPARE(node.result->data, QByteArray());
     QCOMPARE(node.log.last(), "> " + abortFrame);
     QVERIFY(!node.client.isBusy());
+}
+
+void TstSdo::foreignNodesUnusedBitsAreIgnored()
+{
+    // An expedited answer with the unused bit 4 set still counts its bytes from bits 2-3: three.
+    ScriptedNode node({"5740200041424300"});
+    node.client.startUpload(5, 0x2040, 0, 0);
+    node.run();
+    QVERIFY2(node.result, qPrintable(node.log.join('\n')));
+    QCOMPARE(node.result->abortCode, 0u);
+    QCOMPARE(node.result->data, QByteArray("ABC"));
 }
 
 void TstSdo::serverRefusesASegmentPastTheIndicatedSize()
