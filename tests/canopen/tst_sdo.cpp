@@ -320,13 +320,13 @@ void TstSdo::clientFacingAForeignNode()
 
 void TstSdo::foreignNodesUnusedBitsAreIgnored()
 {
-    // An expedited answer with the unused bit 4 set still counts its bytes from bits 2-3: three.
-    ScriptedNode node({"5740200041424300"});
+    // An expedited answer with the unused bit 4 set still counts its bytes from bits 2-3: four.
+    ScriptedNode node({"5340200041424344"});
     node.client.startUpload(5, 0x2040, 0, 0);
     node.run();
     QVERIFY2(node.result, qPrintable(node.log.join('\n')));
     QCOMPARE(node.result->abortCode, 0u);
-    QCOMPARE(node.result->data, QByteArray("ABC"));
+    QCOMPARE(node.result->data, QByteArray("ABCD"));
 }
 
 void TstSdo::serverRefusesASegmentPastTheIndicatedSize()
