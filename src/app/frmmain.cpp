@@ -2,6 +2,7 @@
 
 #include "benchpanel.h"
 #include "canmsg.h"
+#include "controllerpanel.h"
 #include "datadir.h"
 #include "frmabort.h"
 #include "frmdiagno.h"
@@ -150,42 +151,23 @@ void FrmMain::buildWindow()
     layout->setSpacing(4);
     layout->setContentsMargins(6, 4, 6, 4);
 
-    auto* fraCtrl = new QGroupBox(QStringLiteral("Controller"), central);
-    fraCtrl->setObjectName(QStringLiteral("fraCtrl"));
-    auto* grid = new QGridLayout(fraCtrl);
-    for (int i = 0; i < kRows; ++i) {
-        chkCanEnable[i] = new QCheckBox(QStringLiteral("Enable"), fraCtrl);
-        chkCanEnable[i]->setObjectName(QStringLiteral("chkCanEnable_%1").arg(i));
-        chkCanEnable[i]->setToolTip(QStringLiteral("Start or stop controller %1").arg(i));
-        cmbBaud[i] = new QComboBox(fraCtrl);
-        cmbBaud[i]->setObjectName(QStringLiteral("cmbBaud_%1").arg(i));
-        for (int r = 0; r < qorcalib::kBitRateCount; ++r)
-            cmbBaud[i]->addItem(qorcalib::bitRateText(r));
-        cmbBaud[i]->setToolTip(QStringLiteral("Bit rate of controller %1").arg(i));
-        optSelCanCtrl[i] = new QRadioButton(QStringLiteral("CAN %1").arg(i), fraCtrl);
-        optSelCanCtrl[i]->setObjectName(QStringLiteral("optSelCanCtrl_%1").arg(i));
-        optSelCanCtrl[i]->setToolTip(
-            QStringLiteral("Send, SDO and LSS act on controller %1").arg(i));
-        optSelCanCtrl[i]->setEnabled(false);
-        // Two controllers a row: half the height of one a row.
-        const int row = i % 2, column = (i / 2) * 4;
-        grid->addWidget(chkCanEnable[i], row, column);
-        grid->addWidget(cmbBaud[i], row, column + 1);
-        grid->addWidget(optSelCanCtrl[i], row, column + 2);
-        chkCanEnable[i]->setEnabled(false);
-        cmbBaud[i]->setEnabled(false);
-    }
-    grid->setColumnMinimumWidth(3, 16);
-    // The design-time state: controller 0 is the one normally used.
-    chkCanEnable[0]->setChecked(true);
-    for (int i = 0; i < kRows; ++i) {
-        connect(chkCanEnable[i], &QCheckBox::toggled, this, [this, i] { chkCanEnable_Click(i); });
-        connect(cmbBaud[i], &QComboBox::currentIndexChanged, this, [this, i] { cmbBaud_Click(i); });
-        connect(optSelCanCtrl[i], &QRadioButton::toggled, this, [this, i](bool on) {
-            if (on)
-                optSelCanCtrl_Click(i);
-        });
-    }
+    controllerPanel = new ControllerPanel(&m_link, central);
+    chkCanEnable = controllerPanel->chkCanEnable;
+    cmbBaud = controllerPanel->cmbBaud;
+    optSelCanCtrl = controllerPanel->optSelCanCtrl;
+    connect(controllerPanel, &ControllerPanel::busAvailable, this, &FrmMain::EnableBusButtons);
+    connect(controllerPanel, &ControllerPanel::message, this, &FrmMain::showMessage);
+    connect(controllerPanel, &ControllerPanel::selectionChanged, this, [this](int controller) {
+        m_selected = controller;
+        upgradePanel->showTarget();
+    });
+    // Enabling selects the controller; said, so that the next transfer's target is no surprise.
+    connect(controllerPanel, &ControllerPanel::enabledAndSelected, this, [this](int controller) {
+        reportDone(QStringLiteral("CAN %1 enabled and selected: Send, SDO, LSS and upgrades now "
+                                  "go to CAN %1")
+                       .arg(controller));
+    });
+    connect(controllerPanel, &ControllerPanel::rateChosen, this, [this] { cmdFollowRate->hide(); });
 
     auto* fraNMT = new QGroupBox(QStringLiteral("NMT"), central);
     fraNMT->setObjectName(QStringLiteral("fraNMT"));
@@ -273,7 +255,7 @@ void FrmMain::buildWindow()
     tools->addWidget(cmdSerial);
     tools->addStretch();
 
-    layout->addWidget(fraCtrl);
+    layout->addWidget(controllerPanel);
     layout->addWidget(fraNMT);
     layout->addWidget(sdoPanel);
     layout->addWidget(upgradePanel);
@@ -472,14 +454,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     WindowPlacement::keepOnScreen(this, nullptr);
     m_placement.setReference(pos());
     WaitCursor wait;
-    // The lists start at "1000K"; their signals are held until the link runs.
-    m_link.inhibitCtrlEvents = true;
-    m_controllers.reset();
-    for (int i = 0; i < kRows; ++i) {
-        cmbBaud[i]->setCurrentIndex(0);
-        m_listOnly[i] = false;
-    }
-    m_link.inhibitCtrlEvents = false;
+    controllerPanel->reset();
     m_link.monitorEchoOff = false;
 
     m_history.load();
@@ -508,25 +483,8 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     const auto count = m_link.controllerCount(error);
     if (!count)
         return false;
-    m_controllerCount = qBound(0, *count, kRows);
-    for (int i = 0; i < m_controllerCount; ++i) {
-        chkCanEnable[i]->setEnabled(true);
-        cmbBaud[i]->setEnabled(true);
-    }
-    int enabled = 0;
-    for (int i = 0; i < m_controllerCount; ++i) {
-        if (chkCanEnable[i]->isChecked()) {
-            chkCanEnable_Click(i);
-            ++enabled;
-        }
-    }
-    // A box checked on a row the server does not have is not a running controller.
-    for (int i = m_controllerCount; i < kRows; ++i) {
-        const QSignalBlocker block(chkCanEnable[i]);
-        chkCanEnable[i]->setChecked(false);
-    }
-    if (enabled == 0)
-        EnableBusButtons(false);
+    controllerPanel->useControllers(*count);
+    m_controllerCount = controllerPanel->count();
     if (!(*error = m_link.startService()).isEmpty())
         return false;
 
@@ -677,83 +635,6 @@ void FrmMain::EnableBusButtons(bool enable)
     benchPanel->cmdAlarms->setEnabled(enable);
 }
 
-void FrmMain::EnableController(int index)
-{
-    if (const QString error = m_controllers.start(index, cmbBaud[index]->currentIndex());
-        !error.isEmpty())
-        showMessage(error);
-}
-
-void FrmMain::DisableController(int index)
-{
-    if (const QString error = m_controllers.stop(index); !error.isEmpty())
-        showMessage(error);
-}
-
-void FrmMain::ApplyBitRate(int index)
-{
-    WaitCursor wait;
-    if (const QString error = m_controllers.switchBitRate(index, cmbBaud[index]->currentIndex());
-        !error.isEmpty())
-        showMessage(error);
-}
-
-void FrmMain::chkCanEnable_Click(int index)
-{
-    WaitCursor wait;
-    if (chkCanEnable[index]->isChecked()) {
-        // Before the server's echo of the change, which selects it too.
-        const bool wasSelected = optSelCanCtrl[index]->isChecked();
-        if (!m_link.inhibitCtrlEvents)
-            EnableController(index);
-        EnableBusButtons(true);
-        optSelCanCtrl[index]->setEnabled(true);
-        // Enabling selects the controller; said, so that the next transfer's target is no
-        // surprise.
-        if (!wasSelected && !m_link.inhibitCtrlEvents && isVisible())
-            reportDone(QStringLiteral("CAN %1 enabled and selected: Send, SDO, LSS and upgrades "
-                                      "now go to CAN %1")
-                           .arg(index));
-        optSelCanCtrl[index]->setChecked(true);
-    } else {
-        int first = -1;
-        for (int i = 0; i < m_controllerCount && first < 0; ++i)
-            if (chkCanEnable[i]->isChecked())
-                first = i;
-        if (first >= 0)
-            optSelCanCtrl[first]->setChecked(true);
-        else
-            EnableBusButtons(false);
-        optSelCanCtrl[index]->setEnabled(false);
-        if (!m_link.inhibitCtrlEvents)
-            DisableController(index);
-    }
-}
-
-void FrmMain::cmbBaud_Click(int index)
-{
-    // The LSS set procedure and the boot catch mark the list while the index only shows what
-    // the controller already does.
-    if (m_listOnly[index])
-        return;
-    if (!m_link.inhibitCtrlEvents)
-        cmdFollowRate->hide();
-    if (chkCanEnable[index]->isChecked() && !m_link.inhibitCtrlEvents)
-        ApplyBitRate(index);
-    m_controllers.chooseBitRate(index, cmbBaud[index]->currentIndex());
-}
-
-void FrmMain::optSelCanCtrl_Click(int)
-{
-    for (int i = 0; i < kRows; ++i) {
-        if (optSelCanCtrl[i]->isChecked()) {
-            m_selected = i;
-            break;
-        }
-    }
-    upgradePanel->showTarget();
-}
-
 void FrmMain::tmrStato_Timer()
 {
     for (int i = 0; i < m_controllerCount; ++i) {
@@ -779,7 +660,7 @@ void FrmMain::cmdLSSGet_Click()
 {
     WaitCursor wait;
     setMonitorSwitch(m_monitor ? m_monitor->chTrace->isChecked() : true);
-    const CanLink::LssResult found = m_controllers.lssGet(m_selected);
+    const CanLink::LssResult found = controllerPanel->controllers().lssGet(m_selected);
     if (found.error.isEmpty() && found.nodeId >= 0) {
         txtFWNode->setText(QString::number(found.nodeId, 16).toUpper());
         reportDone(QStringLiteral("LSS Get: node-ID %1%2 at %3 on CAN %4")
@@ -808,9 +689,10 @@ void FrmMain::cmdLSSSet_Click()
     const int newRate = cmbBaud[m_selected]->currentIndex();
     const int node = hexToNumber(txtFWNode->text());
     // The list keeps showing the new rate while the controller goes back to the old one.
-    m_listOnly[m_selected] = true;
-    const ControllerSet::LssSetResult set = m_controllers.lssSet(m_selected, node, newRate);
-    m_listOnly[m_selected] = false;
+    controllerPanel->setListOnly(m_selected, true);
+    const ControllerSet::LssSetResult set =
+        controllerPanel->controllers().lssSet(m_selected, node, newRate);
+    controllerPanel->setListOnly(m_selected, false);
     const int oldRate = set.listeningRate;
     // The node would not hear a configuration sent at another rate: stopped, and said why.
     if (!set.switchedBack)
@@ -841,9 +723,7 @@ void FrmMain::cmdLSSSet_Click()
 
 void FrmMain::showBitRate(int controller, int bitRateIndex)
 {
-    m_listOnly[controller] = true;
-    cmbBaud[controller]->setCurrentIndex(bitRateIndex);
-    m_listOnly[controller] = false;
+    controllerPanel->showBitRate(controller, bitRateIndex);
 }
 
 void FrmMain::setMonitorSwitch(bool on)
@@ -911,17 +791,7 @@ void FrmMain::cmdIO_Click()
 
 void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)
 {
-    if (controller < 0 || controller >= kRows) {
-        qWarning("ChangedConfig for controller %d, which has no row here", controller);
-        return;
-    }
-    if (m_controllers.bitRate(controller) == bitRateIndex &&
-        chkCanEnable[controller]->isChecked() == enabled)
-        return;
-    m_link.inhibitCtrlEvents = true;
-    cmbBaud[controller]->setCurrentIndex(bitRateIndex);
-    chkCanEnable[controller]->setChecked(enabled);
-    m_link.inhibitCtrlEvents = false;
+    controllerPanel->followChangedConfig(controller, enabled, bitRateIndex);
 }
 
 void FrmMain::onFramesReceived(int controller, const QByteArray& records, int count)
@@ -962,15 +832,7 @@ void FrmMain::restoreControllers()
 {
     // A server started anew has its controllers stopped at their first bit rates: they get
     // what this window shows.
-    for (int i = 0; i < m_controllerCount; ++i) {
-        if (!chkCanEnable[i]->isChecked())
-            continue;
-        QString error = m_link.setBitRate(i, cmbBaud[i]->currentIndex());
-        if (error.isEmpty())
-            error = m_link.startController(i);
-        if (!error.isEmpty())
-            showMessage(error);
-    }
+    controllerPanel->restore();
 }
 
 void FrmMain::keyPressEvent(QKeyEvent* event)

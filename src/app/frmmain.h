@@ -1,7 +1,6 @@
 #pragma once
 
 #include "canlink.h"
-#include "controllerset.h"
 #include "firmwarehistory.h"
 #include "windowplacement.h"
 
@@ -25,6 +24,7 @@ class QRadioButton;
 namespace tessel {
 
 class BenchPanel;
+class ControllerPanel;
 class FrmDiagno;
 class TraceReplay;
 class FrmAbort;
@@ -93,14 +93,12 @@ public:
     QPushButton* cmdIO = nullptr;
     QPushButton* cmdXBoot = nullptr;
     QPushButton* cmdSerial = nullptr;
+    ControllerPanel* controllerPanel = nullptr;
     SdoPanel* sdoPanel = nullptr;
     UpgradePanel* upgradePanel = nullptr;
     BenchPanel* benchPanel = nullptr;
     QTimer tmrStato;
 
-    void chkCanEnable_Click(int index);
-    void cmbBaud_Click(int index);
-    void optSelCanCtrl_Click(int index);
     void tmrStato_Timer();
     void cmdNMT_Click(int index);
     void cmdLSSGet_Click();
@@ -138,9 +136,6 @@ private:
     void onConnectionLost();
     void onReconnected();
     void restoreControllers();
-    void EnableController(int index);
-    void DisableController(int index);
-    void ApplyBitRate(int index);
     void showMessage(const QString& text);
     // Says in the status bar what was done (or what went wrong), until the next operation.
     void reportDone(const QString& text);
@@ -164,9 +159,6 @@ private:
     int m_selected = 0;
     int m_replayController = 0; // the controller a running replay sends on
     int m_controllerCount = 0;
-    ControllerSet m_controllers{&m_link};
-    // Per list: its index changes only to show the controller's rate, not to switch it.
-    std::array<bool, kRows> m_listOnly{};
     // The tool windows that were open when the main window was minimized.
     QList<QPointer<QWidget>> m_carried;
     bool m_unloaded = false;
