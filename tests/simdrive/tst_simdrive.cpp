@@ -209,6 +209,25 @@ void TstSimDrive::heartbeatAndNmt()
     const int bootUp = recorder.find(0x701, QByteArray(1, '\x00'), afterReset);
     QVERIFY(recorder.waitFor(0x701, QByteArray(1, '\x7F'), 3000, bootUp));
     QCOMPARE(cli(m_blockServer, {"nmt", "start", "0"}).exit, 0);
+
+    // A heartbeat period of 0 written into 0x1017 stops drive 1's heartbeat at once; drive 5's
+    // three heartbeats meanwhile are the clock.
+    QString error;
+    QVERIFY(connection->wait(connection->bus()->setallrxflag(-1), &error));
+    QCOMPARE(cli(m_blockServer, {"sdo", "write", "1,1017,0", "0", "--type", "u16"}).exit, 0);
+    // Counted from the drive's answer to the write: what came before it on the bus may still
+    // be on its way here.
+    const QByteArray answer = QByteArray::fromHex("6017100000000000");
+    QVERIFY(recorder.waitFor(0x581, answer, 3000, bootUp));
+    const int afterWrite = recorder.find(0x581, answer, bootUp) + 1;
+    int at = afterWrite;
+    for (int beat = 0; beat < 3; ++beat) {
+        QVERIFY(recorder.waitFor(0x705, QByteArray(1, '\x05'), 3000, at));
+        at = recorder.find(0x705, QByteArray(1, '\x05'), at) + 1;
+    }
+    QCOMPARE(recorder.find(0x701, QByteArray(1, '\x05'), afterWrite), -1);
+    QCOMPARE(cli(m_blockServer, {"sdo", "write", "1,1017,0", "100", "--type", "u16"}).exit, 0);
+    QVERIFY(recorder.waitFor(0x701, QByteArray(1, '\x05'), 3000, at));
 }
 
 void TstSimDrive::badStart_data()
