@@ -50,6 +50,11 @@ ControllerPanel::ControllerPanel(CanLink* link, QWidget* parent)
     }
 }
 
+int ControllerPanel::bitRateShown(int controller) const
+{
+    return cmbBaud.at(size_t(controller))->currentIndex();
+}
+
 void ControllerPanel::reset()
 {
     // The lists' signals are held until the link runs.

@@ -30,6 +30,8 @@ public:
 
     ControllerSet& controllers() { return m_controllers; }
     int selected() const { return m_selected; }
+    // The rate a controller's list shows (chosen, not necessarily running).
+    int bitRateShown(int controller) const;
     int count() const { return m_count; }
 
     // Before connecting: every list at "1000K", the rates forgotten.

@@ -15,6 +15,7 @@
 #include "hexhelpers.h"
 #include "inputblocker.h"
 #include "machinesettings.h"
+#include "nmtpanel.h"
 #include "sdoabort.h"
 #include "sdopanel.h"
 #include "tracefilesbar.h"
@@ -64,20 +65,6 @@ protected:
         painter.drawText(contentsRect(), Qt::AlignLeft | Qt::AlignVCenter,
                          fontMetrics().elidedText(text(), Qt::ElideRight, contentsRect().width()));
     }
-};
-} // namespace
-
-namespace {
-struct NmtButton
-{
-    const char* caption;
-    int specifier; // the button's tag
-    const char* tip;
-};
-constexpr NmtButton kNmtButtons[] = {
-    {"Start", 1, "Start all nodes (NMT start remote node)"},   {"Stop", 2, "Stop all nodes"},
-    {"Pre-op", 128, "Put all nodes into pre-operational"},     {"Res node", 129, "Reset all nodes"},
-    {"Res comm", 130, "Reset the communication of all nodes"},
 };
 } // namespace
 
@@ -168,38 +155,6 @@ void FrmMain::buildWindow()
     });
     connect(controllerPanel, &ControllerPanel::rateChosen, this, [this] { cmdFollowRate->hide(); });
 
-    auto* fraNMT = new QGroupBox(QStringLiteral("NMT"), central);
-    fraNMT->setObjectName(QStringLiteral("fraNMT"));
-    auto* nmt = new QHBoxLayout(fraNMT);
-    for (int i = 0; i < int(cmdNMT.size()); ++i) {
-        cmdNMT[i] = new QPushButton(QLatin1String(kNmtButtons[i].caption), fraNMT);
-        cmdNMT[i]->setObjectName(QStringLiteral("cmdNMT_%1").arg(i));
-        cmdNMT[i]->setProperty("tag", QString::number(kNmtButtons[i].specifier));
-        cmdNMT[i]->setToolTip(QLatin1String(kNmtButtons[i].tip));
-        nmt->addWidget(cmdNMT[i]);
-        connect(cmdNMT[i], &QPushButton::clicked, this, [this, i] { cmdNMT_Click(i); });
-    }
-    nmt->addSpacing(12);
-    nmt->addWidget(new QLabel(QStringLiteral("N-Id:"), fraNMT));
-    txtFWNode = new QLineEdit(fraNMT);
-    txtFWNode->setObjectName(QStringLiteral("txtFWNode"));
-    txtFWNode->setMaximumWidth(40);
-    txtFWNode->setToolTip(QStringLiteral("Node-ID in hexadecimal: what LSS Get found, what LSS Set "
-                                         "gives"));
-    nmt->addWidget(txtFWNode);
-    cmdLSSGet = new QPushButton(QStringLiteral("LSS Get"), fraNMT);
-    cmdLSSGet->setObjectName(QStringLiteral("cmdLSSGet"));
-    cmdLSSGet->setToolTip(QStringLiteral("Find the node on the selected controller: its node-ID "
-                                         "(FF: none yet) and its bit rate"));
-    nmt->addWidget(cmdLSSGet);
-    connect(cmdLSSGet, &QPushButton::clicked, this, &FrmMain::cmdLSSGet_Click);
-    cmdLSSSet = new QPushButton(QStringLiteral("LSS Set"), fraNMT);
-    cmdLSSSet->setObjectName(QStringLiteral("cmdLSSSet"));
-    cmdLSSSet->setToolTip(QStringLiteral("Give the node the node-ID in N-Id and the bit rate "
-                                         "chosen in the selected controller's list"));
-    nmt->addWidget(cmdLSSSet);
-    connect(cmdLSSSet, &QPushButton::clicked, this, &FrmMain::cmdLSSSet_Click);
-
     txtSDOTimeOut = new QLineEdit(central);
     txtSDOTimeOut->setObjectName(QStringLiteral("txtSDOTimeOut"));
     txtSDOTimeOut->setMaximumWidth(70);
@@ -211,15 +166,19 @@ void FrmMain::buildWindow()
     txtAbort->setFocusPolicy(Qt::ClickFocus);
     txtAbort->setToolTip(QStringLiteral("Result of the last bus operation: empty when it "
                                         "succeeded, else the SDO abort code or the error"));
+    nmtPanel = new NmtPanel(this, controllerPanel, txtAbort, central);
+    cmdNMT = nmtPanel->cmdNMT;
+    txtFWNode = nmtPanel->txtFWNode;
+    cmdLSSGet = nmtPanel->cmdLSSGet;
+    cmdLSSSet = nmtPanel->cmdLSSSet;
+    connect(nmtPanel, &NmtPanel::done, this, &FrmMain::reportDone);
+    connect(nmtPanel, &NmtPanel::rateOffered, this, &FrmMain::offerRate);
     sdoPanel = new SdoPanel(&m_link, txtAbort, txtSDOTimeOut, central);
     sdoPanel->selectedController = [this] { return m_selected; };
     connect(sdoPanel, &SdoPanel::done, this, &FrmMain::reportDone);
     connect(txtAbort, &QLineEdit::textChanged, this, &FrmMain::explainResult);
-    sdoPanel->monitorSwitch = [this](bool on) {
-        if (m_monitor)
-            m_monitor->setTraceReceived(on);
-    };
-    sdoPanel->monitorSwitchState = [this] { return !m_monitor || m_monitor->chTrace->isChecked(); };
+    sdoPanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
+    sdoPanel->monitorSwitchState = [this] { return monitorSwitchState(); };
 
     buildUpgradePanel(central);
     buildBenchPanel(central);
@@ -255,7 +214,7 @@ void FrmMain::buildWindow()
     tools->addStretch();
 
     layout->addWidget(controllerPanel);
-    layout->addWidget(fraNMT);
+    layout->addWidget(nmtPanel);
     layout->addWidget(sdoPanel);
     layout->addWidget(upgradePanel);
     layout->addWidget(benchPanel);
@@ -317,9 +276,7 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
     upgradePanel->bitRateSelection = [this] { return cmbBaud[m_selected]->currentIndex(); };
     upgradePanel->showBitRate = [this](int rate) { showBitRate(m_selected, rate); };
     upgradePanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
-    upgradePanel->monitorSwitchState = [this] {
-        return !m_monitor || m_monitor->chTrace->isChecked();
-    };
+    upgradePanel->monitorSwitchState = [this] { return monitorSwitchState(); };
     connect(upgradePanel, &UpgradePanel::message, this, &FrmMain::showMessage);
 }
 
@@ -328,9 +285,7 @@ void FrmMain::buildBenchPanel(QWidget* parent)
     benchPanel = new BenchPanel(&m_link, txtFWNode, txtAbort, &m_placement, this, parent);
     benchPanel->selectedController = [this] { return m_selected; };
     benchPanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
-    benchPanel->monitorSwitchState = [this] {
-        return !m_monitor || m_monitor->chTrace->isChecked();
-    };
+    benchPanel->monitorSwitchState = [this] { return monitorSwitchState(); };
     benchPanel->showMessage = [this](const QString& text) { showMessage(text); };
 }
 
@@ -649,75 +604,17 @@ void FrmMain::tmrStato_Timer()
 
 void FrmMain::cmdNMT_Click(int index)
 {
-    const auto command = quint8(cmdNMT[index]->property("tag").toString().toInt());
-    QByteArray data(2, '\0'); // node-ID 0: every node
-    data[0] = char(command);
-    txtAbort->setText(SendCanMsg(0, 2, data) ? QStringLiteral("Can - send err") : QString());
+    nmtPanel->cmdNMT_Click(index);
 }
 
-void FrmMain::cmdLSSGet_Click()
+void FrmMain::offerRate(int controller, int bitRateIndex)
 {
-    WaitCursor wait;
-    setMonitorSwitch(m_monitor ? m_monitor->chTrace->isChecked() : true);
-    const CanLink::LssResult found = controllerPanel->controllers().lssGet(m_selected);
-    if (found.error.isEmpty() && found.nodeId >= 0) {
-        txtFWNode->setText(QString::number(found.nodeId, 16).toUpper());
-        reportDone(QStringLiteral("LSS Get: node-ID %1%2 at %3 on CAN %4")
-                       .arg(QString::number(found.nodeId, 16).toUpper(),
-                            found.nodeId == 0xFF ? QStringLiteral(" (waiting for one)") : QString(),
-                            qorcalib::bitRateText(found.bitRateIndex))
-                       .arg(m_selected));
-    } else {
-        // Many bench PCs have no sound: the beep is not all that is said. N-Id keeps what it
-        // held, which the status bar says is not a find.
-        QApplication::beep();
-        reportDone(
-            QStringLiteral("LSS Get: no node answered on CAN %1 at any bit rate%2; N-Id "
-                           "still holds %3")
-                .arg(m_selected)
-                .arg(found.error.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(found.error),
-                     txtFWNode->text()));
-    }
-    setMonitorSwitch(true);
-}
-
-void FrmMain::cmdLSSSet_Click()
-{
-    WaitCursor wait;
-    setMonitorSwitch(m_monitor ? m_monitor->chTrace->isChecked() : true);
-    const int newRate = cmbBaud[m_selected]->currentIndex();
-    const int node = hexToNumber(txtFWNode->text());
-    // The list keeps showing the new rate while the controller goes back to the old one.
-    controllerPanel->setListOnly(m_selected, true);
-    const ControllerSet::LssSetResult set =
-        controllerPanel->controllers().lssSet(m_selected, node, newRate);
-    controllerPanel->setListOnly(m_selected, false);
-    const int oldRate = set.listeningRate;
-    // The node would not hear a configuration sent at another rate: stopped, and said why.
-    if (!set.switchedBack)
-        txtAbort->setText(QStringLiteral("CAN %1 back to %2: %3")
-                              .arg(m_selected)
-                              .arg(qorcalib::bitRateText(oldRate), set.lss.error));
-    else if (!set.lss.error.isEmpty())
-        txtAbort->setText(set.lss.error);
-    else {
-        reportDone(QStringLiteral("LSS Set: the waiting drive on CAN %1 now has node-ID %2 at "
-                                  "%3 (CAN %1 still runs at %4)")
-                       .arg(m_selected)
-                       .arg(QString::number(node, 16).toUpper())
-                       .arg(qorcalib::bitRateText(newRate), qorcalib::bitRateText(oldRate)));
-        // The controller stays where the drive still listens until it is reset; the switch
-        // is offered, not made.
-        if (newRate != oldRate) {
-            cmdFollowRate->setText(QStringLiteral("Switch CAN %1 to %2")
-                                       .arg(m_selected)
-                                       .arg(qorcalib::bitRateText(newRate)));
-            cmdFollowRate->setProperty("controller", m_selected);
-            cmdFollowRate->setProperty("rate", newRate);
-            cmdFollowRate->show();
-        }
-    }
-    setMonitorSwitch(true);
+    cmdFollowRate->setText(QStringLiteral("Switch CAN %1 to %2")
+                               .arg(controller)
+                               .arg(qorcalib::bitRateText(bitRateIndex)));
+    cmdFollowRate->setProperty("controller", controller);
+    cmdFollowRate->setProperty("rate", bitRateIndex);
+    cmdFollowRate->show();
 }
 
 void FrmMain::showBitRate(int controller, int bitRateIndex)
@@ -729,6 +626,11 @@ void FrmMain::setMonitorSwitch(bool on)
 {
     if (m_monitor)
         m_monitor->setTraceReceived(on);
+}
+
+bool FrmMain::monitorSwitchState() const
+{
+    return !m_monitor || m_monitor->chTrace->isChecked();
 }
 
 void FrmMain::cmdDiagno_Click()

@@ -2,6 +2,7 @@
 
 #include "canlink.h"
 #include "firmwarehistory.h"
+#include "nmtpanel.h"
 #include "windowplacement.h"
 
 #include <QElapsedTimer>
@@ -41,7 +42,7 @@ QString controllerStatusText(quint32 bits);
 
 // The main window "Tessel": owns the link to the CAN server, the controller panel with the bus
 // status, the NMT buttons and the tool windows.
-class FrmMain : public QMainWindow
+class FrmMain : public QMainWindow, public NmtHost
 {
     Q_OBJECT
 public:
@@ -59,7 +60,7 @@ public:
     void formUnload();
 
     // The send routines every window uses: true when the send failed.
-    bool SendCanMsg(quint16 id, int length, const QByteArray& data);
+    bool SendCanMsg(quint16 id, int length, const QByteArray& data) override;
     void connectReplay(TraceReplay* replay);
     bool SendCanRemote(quint32 id, int length);
     void SetRxAll(bool enable);
@@ -94,6 +95,7 @@ public:
     QPushButton* cmdXBoot = nullptr;
     QPushButton* cmdSerial = nullptr;
     ControllerPanel* controllerPanel = nullptr;
+    NmtPanel* nmtPanel = nullptr;
     SdoPanel* sdoPanel = nullptr;
     UpgradePanel* upgradePanel = nullptr;
     BenchPanel* benchPanel = nullptr;
@@ -101,8 +103,6 @@ public:
 
     void tmrStato_Timer();
     void cmdNMT_Click(int index);
-    void cmdLSSGet_Click();
-    void cmdLSSSet_Click();
     void cmdDiagno_Click();
     void cmdEDS_Click();
     void cmdIO_Click();
@@ -125,7 +125,10 @@ private:
     void buildWindow();
     void setTabOrderByLayout();
     void showAbortDialog();
-    void setMonitorSwitch(bool on);
+    void setMonitorSwitch(bool on) override;
+    bool monitorSwitchState() const override;
+    // LSS Set gave a drive another rate: the status bar offers the switch.
+    void offerRate(int controller, int bitRateIndex);
     void hideAbortDialog();
     void onChangedConfig(int controller, bool enabled, int bitRateIndex);
     void onProgressNotified(double fraction);

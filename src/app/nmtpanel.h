@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QByteArray>
+#include <QGroupBox>
+
+#include <array>
+
+class QLineEdit;
+class QPushButton;
+
+namespace tessel {
+
+class ControllerPanel;
+
+// What the NMT frame needs from the window around it: the shared send routine, which traces
+// what it sends, and the monitor's display switch, which LSS holds as the monitor's box says.
+class NmtHost
+{
+public:
+    virtual ~NmtHost() = default;
+    // true when the send failed (the routine has said why).
+    virtual bool SendCanMsg(quint16 id, int length, const QByteArray& data) = 0;
+    virtual void setMonitorSwitch(bool on) = 0;
+    virtual bool monitorSwitchState() const = 0;
+};
+
+// The main window's "NMT" frame: five broadcasts of network management, the node-ID box shared
+// with the firmware upgrade, and LSS Get and LSS Set on the selected controller.
+class NmtPanel : public QGroupBox
+{
+    Q_OBJECT
+public:
+    NmtPanel(NmtHost* host, ControllerPanel* controllers, QLineEdit* txtAbort,
+             QWidget* parent = nullptr);
+
+    std::array<QPushButton*, 5> cmdNMT{};
+    QLineEdit* txtFWNode = nullptr;
+    QPushButton* cmdLSSGet = nullptr;
+    QPushButton* cmdLSSSet = nullptr;
+
+    void cmdNMT_Click(int index);
+    void cmdLSSGet_Click();
+    void cmdLSSSet_Click();
+
+signals:
+    // What was done, or why it failed, for the status bar.
+    void done(const QString& text);
+    // LSS Set gave the drive another rate than its controller runs at: the switch is offered.
+    void rateOffered(int controller, int bitRateIndex);
+
+private:
+    NmtHost* m_host;
+    ControllerPanel* m_controllers;
+    QLineEdit* m_txtAbort;
+};
+
+} // namespace tessel
