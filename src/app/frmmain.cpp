@@ -18,6 +18,7 @@
 #include "nmtpanel.h"
 #include "sdoabort.h"
 #include "sdopanel.h"
+#include "statusline.h"
 #include "tracefilesbar.h"
 #include "traceline.h"
 #include "upgradepanel.h"
@@ -34,7 +35,6 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
-#include <QPainter>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
@@ -48,41 +48,6 @@
 #include <QWindow>
 
 namespace tessel {
-
-namespace {
-// A status text that does not fit ends in "…" instead of being cut mid-word; the tool tip
-// holds it whole.
-class ElidedLabel : public QLabel
-{
-public:
-    using QLabel::QLabel;
-    QSize minimumSizeHint() const override { return {0, QLabel::minimumSizeHint().height()}; }
-
-protected:
-    void paintEvent(QPaintEvent*) override
-    {
-        QPainter painter(this);
-        painter.drawText(contentsRect(), Qt::AlignLeft | Qt::AlignVCenter,
-                         fontMetrics().elidedText(text(), Qt::ElideRight, contentsRect().width()));
-    }
-};
-} // namespace
-
-QString controllerStatusText(quint32 bits)
-{
-    QString text;
-    if (bits & qorcalib::StatusOverrun)
-        text += QStringLiteral("OR ");
-    if (bits & qorcalib::StatusTransmitPending)
-        text += QStringLiteral("TX ");
-    if (bits & qorcalib::StatusErrorWarning)
-        text += QStringLiteral("EW ");
-    if (bits & qorcalib::StatusBusOff)
-        text += QStringLiteral("BO ");
-    while (text.endsWith(QLatin1Char(' ')))
-        text.chop(1);
-    return text;
-}
 
 FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
 {
@@ -100,11 +65,7 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     connect(&m_link, &CanLink::configChanged, this, &FrmMain::onChangedConfig);
     connect(&m_link, &CanLink::framesReceived, this, &FrmMain::onFramesReceived);
     connect(&m_link, &CanLink::frameTransmitted, this, &FrmMain::onFrameTransmitted);
-    connect(&m_link, &CanLink::progressChanged, this, [this](float percent) {
-        prbStato->setValue(qRound(percent));
-        prbStato->setFormat(prbStato->value() == 100 ? QStringLiteral("100 % done")
-                                                     : QStringLiteral("%p%"));
-    });
+    connect(&m_link, &CanLink::progressChanged, m_status, &StatusLine::showProgress);
     connect(&m_link, &CanLink::progressNotified, this, &FrmMain::onProgressNotified);
     connect(&m_link, &CanLink::longWaitStarted, this, &FrmMain::showAbortDialog);
     connect(&m_link, &CanLink::longWaitEnded, this, &FrmMain::hideAbortDialog);
@@ -227,41 +188,13 @@ void FrmMain::buildWindow()
             group->layout()->setSpacing(4);
         }
 
-    for (int i = 0; i <= kRows; ++i) {
-        sbrStato[i] = new QLabel(this);
-        sbrStato[i]->setObjectName(QStringLiteral("sbrStato_%1").arg(i));
-        // A controller's flags are short ("OR TX"): room for what was done beside them.
-        sbrStato[i]->setMinimumWidth(i == 0 ? 120 : 0);
-        statusBar()->addWidget(sbrStato[i]);
-    }
-    for (int i = 1; i <= kRows; ++i)
-        sbrStato[i]->setToolTip(QStringLiteral("Status of controller %1: OR overrun, TX "
-                                               "transmit pending, EW error warning, BO bus off")
-                                    .arg(i - 1));
-    sbrDone = new ElidedLabel(this);
-    sbrDone->setObjectName(QStringLiteral("sbrDone"));
-    statusBar()->addWidget(sbrDone, 3);
-    cmdFollowRate = new QPushButton(this);
-    cmdFollowRate->setObjectName(QStringLiteral("cmdFollowRate"));
-    cmdFollowRate->setToolTip(QStringLiteral("Switch the controller to the bit rate LSS Set gave "
-                                             "its drive, once the drive has been reset"));
-    cmdFollowRate->hide();
-    statusBar()->addWidget(cmdFollowRate);
-    connect(cmdFollowRate, &QPushButton::clicked, this, [this] {
-        const int controller = cmdFollowRate->property("controller").toInt();
-        const int rate = cmdFollowRate->property("rate").toInt();
-        cmbBaud[controller]->setCurrentIndex(rate);
-        reportDone(QStringLiteral("CAN %1 now runs at %2, the bit rate LSS Set gave its drive")
-                       .arg(controller)
-                       .arg(qorcalib::bitRateText(rate)));
-    });
-    prbStato = new QProgressBar(this);
-    prbStato->setObjectName(QStringLiteral("prbStato"));
-    prbStato->setRange(0, 100);
-    prbStato->setValue(0);
-    prbStato->setMaximumWidth(140);
-    prbStato->setToolTip(QStringLiteral("Progress of the running transfer"));
-    statusBar()->addPermanentWidget(prbStato);
+    m_status = new StatusLine(statusBar());
+    sbrStato = m_status->sbrStato;
+    sbrDone = m_status->sbrDone;
+    cmdFollowRate = m_status->cmdFollowRate;
+    prbStato = m_status->prbStato;
+    connect(m_status, &StatusLine::rateFollowed, this,
+            [this](int controller, int rate) { cmbBaud[controller]->setCurrentIndex(rate); });
     setTabOrderByLayout();
 }
 
@@ -338,9 +271,7 @@ void FrmMain::hideAbortDialog()
 
 void FrmMain::reportDone(const QString& text)
 {
-    cmdFollowRate->hide();
-    sbrDone->setText(text);
-    sbrDone->setToolTip(text);
+    m_status->reportDone(text);
 }
 
 void FrmMain::explainResult(const QString& result)
@@ -354,7 +285,7 @@ void FrmMain::explainResult(const QString& result)
         if (!result.isEmpty())
             reportDone(result);
         else
-            sbrDone->clear();
+            m_status->clearDone();
         return;
     }
     const QString meaning =
@@ -420,7 +351,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
         return false;
     if (m_link.isRemote())
         setWindowTitle(kCaption + QStringLiteral(" - ") + m_link.machineName());
-    sbrStato[0]->setText(m_link.isRemote() ? m_link.machineName() : QStringLiteral("localhost"));
+    m_status->showServer(m_link.isRemote() ? m_link.machineName() : QStringLiteral("localhost"));
 
     const auto timeout = m_link.sdoTimeout(error);
     if (!timeout)
@@ -592,13 +523,10 @@ void FrmMain::EnableBusButtons(bool enable)
 void FrmMain::tmrStato_Timer()
 {
     for (int i = 0; i < m_controllerCount; ++i) {
-        if (!chkCanEnable[i]->isChecked()) {
-            sbrStato[i + 1]->setText(QString());
-            continue;
-        }
+        const bool enabled = chkCanEnable[i]->isChecked();
         QString error;
-        const auto bits = m_link.status(i, &error);
-        sbrStato[i + 1]->setText(bits ? controllerStatusText(*bits) : QStringLiteral("?"));
+        m_status->showControllerStatus(i, enabled,
+                                       enabled ? m_link.status(i, &error) : std::nullopt);
     }
 }
 
@@ -609,12 +537,7 @@ void FrmMain::cmdNMT_Click(int index)
 
 void FrmMain::offerRate(int controller, int bitRateIndex)
 {
-    cmdFollowRate->setText(QStringLiteral("Switch CAN %1 to %2")
-                               .arg(controller)
-                               .arg(qorcalib::bitRateText(bitRateIndex)));
-    cmdFollowRate->setProperty("controller", controller);
-    cmdFollowRate->setProperty("rate", bitRateIndex);
-    cmdFollowRate->show();
+    m_status->offerRate(controller, bitRateIndex);
 }
 
 void FrmMain::showBitRate(int controller, int bitRateIndex)
@@ -716,17 +639,14 @@ void FrmMain::onFrameTransmitted(int controller, quint16 id, int length, const Q
 
 void FrmMain::onConnectionLost()
 {
-    sbrStato[0]->setText(ServerConnection::kNotReachable);
-    sbrStato[0]->setToolTip(QStringLiteral("The CAN server went away; Tessel connects again at "
-                                           "the next operation"));
+    m_status->showServerLost();
     showMessage(QStringLiteral("The CAN server was lost. Tessel connects again at the next "
                                "operation and restores the controllers as they were."));
 }
 
 void FrmMain::onReconnected()
 {
-    sbrStato[0]->setText(m_link.isRemote() ? m_link.machineName() : QStringLiteral("localhost"));
-    sbrStato[0]->setToolTip(QStringLiteral("The CAN server this program works with"));
+    m_status->showServer(m_link.isRemote() ? m_link.machineName() : QStringLiteral("localhost"));
 }
 
 void FrmMain::restoreControllers()

@@ -25,6 +25,7 @@ class QRadioButton;
 namespace tessel {
 
 class BenchPanel;
+class StatusLine;
 class ControllerPanel;
 class FrmDiagno;
 class TraceReplay;
@@ -38,7 +39,6 @@ class UpgradePanel;
 
 // The controller status text: "OR ", "TX ", "EW ", "BO " for bits 2, 1, 4, 8, in that order,
 // without the trailing blank.
-QString controllerStatusText(quint32 bits);
 
 // The main window "Tessel": owns the link to the CAN server, the controller panel with the bus
 // status, the NMT buttons and the tool windows.
@@ -146,6 +146,7 @@ private:
     QList<QWidget*> carriedWindows() const;
 
     CanLink m_link;
+    StatusLine* m_status = nullptr;
     FirmwareHistory m_history;
     WindowPlacement m_placement;
     FrmDiagno* m_monitor = nullptr;

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "canlink.h"
+
+#include <QObject>
+#include <QString>
+
+#include <array>
+
+class QLabel;
+class QProgressBar;
+class QPushButton;
+class QStatusBar;
+
+namespace tessel {
+
+// "OR TX EW BO" from a controller's status bits, in that order, single blanks between them.
+QString controllerStatusText(quint32 bits);
+
+// The main window's status bar: the server's name, each controller's error state, what the last
+// operation did (whole in its tool tip where it does not fit), the offer to follow a drive's new
+// bit rate, and the progress of a transfer.
+class StatusLine : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr int kRows = CanLink::kControllerRows;
+
+    explicit StatusLine(QStatusBar* bar);
+
+    std::array<QLabel*, kRows + 1> sbrStato{}; // panel 0: the server; 1..4: the controllers
+    QLabel* sbrDone = nullptr;
+    QPushButton* cmdFollowRate = nullptr;
+    QProgressBar* prbStato = nullptr;
+
+    void reportDone(const QString& text);
+    void clearDone();
+    void showServer(const QString& name);
+    void showServerLost();
+    // The controller's status bits, or nullopt when they could not be read ("?"); a controller
+    // that is not enabled shows nothing.
+    void showControllerStatus(int controller, bool enabled, std::optional<quint32> bits);
+    void showProgress(float percent);
+    void offerRate(int controller, int bitRateIndex);
+
+signals:
+    // The user took the offer.
+    void rateFollowed(int controller, int bitRateIndex);
+};
+
+} // namespace tessel
