@@ -19,6 +19,7 @@
 #include "sdoabort.h"
 #include "sdopanel.h"
 #include "statusline.h"
+#include "toolwindows.h"
 #include "tracefilesbar.h"
 #include "traceline.h"
 #include "upgradepanel.h"
@@ -61,6 +62,10 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
             owner = this;
         QMessageBox::critical(owner, owner->windowTitle(), text);
     };
+    m_tools = new ToolWindows(&m_link, &m_placement, this);
+    connect(m_tools, &ToolWindows::message, this, &FrmMain::showMessage);
+    connect(m_tools, &ToolWindows::addressChosen, this,
+            [this](const QString& address) { sdoPanel->cmbIndex->setCurrentText(address); });
     buildWindow();
     connect(&m_link, &CanLink::configChanged, this, &FrmMain::onChangedConfig);
     connect(&m_link, &CanLink::framesReceived, this, &FrmMain::onFramesReceived);
@@ -80,7 +85,6 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
 FrmMain::~FrmMain()
 {
     delete m_monitor;
-    delete m_eds;
 }
 
 void FrmMain::buildWindow()
@@ -229,8 +233,8 @@ void FrmMain::onProgressNotified(double)
     if (m_link.productionRun) {
         QString error;
         const auto state = m_link.testState(&error);
-        if (state && *state != 1 && m_xboot)
-            m_xboot->loadCompleted();
+        if (state && *state != 1 && m_tools->production())
+            m_tools->production()->loadCompleted();
     }
 }
 
@@ -375,6 +379,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
 
     show();
     m_monitor = new FrmDiagno(&m_placement, this);
+    m_tools->setMonitor(m_monitor);
     // Laid out beside the main window's first position, unless the user placed it before.
     m_monitor->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 0));
     WindowPlacement::restoreGeometry(m_monitor, m_monitor->objectName());
@@ -408,16 +413,9 @@ void FrmMain::formUnload()
         m_link.unadvise();
     m_history.save();
     WindowPlacement::saveGeometry(this, objectName());
-    for (QWidget* w : carriedWindows() + benchPanel->toolWindows())
+    m_tools->save();
+    for (QWidget* w : benchPanel->toolWindows())
         WindowPlacement::saveGeometry(w, w->objectName());
-    if (m_serial) {
-        m_serial->saveSettings();
-        WindowPlacement::saveGeometry(m_serial, m_serial->objectName());
-    }
-    if (m_xboot) {
-        m_xboot->saveSettings();
-        WindowPlacement::saveGeometry(m_xboot, m_xboot->objectName());
-    }
     // Not quit(): that asks every window to close first, and the CAN monitor, which only hides
     // when closed, would refuse and keep the program running. exit() leaves the event loop at
     // once; outside one (a window driven by a test) there is nothing to leave, and exit() would
@@ -558,59 +556,27 @@ bool FrmMain::monitorSwitchState() const
 
 void FrmMain::cmdDiagno_Click()
 {
-    if (!m_monitor)
-        return;
-    WindowPlacement::bringToFront(m_monitor);
+    m_tools->openMonitor();
 }
 
 void FrmMain::cmdXBoot_Click()
 {
-    if (!m_xboot) {
-        m_xboot = new FrmXBoot(&m_link, &m_placement, this, this);
-        m_xboot->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 200));
-        WindowPlacement::restoreGeometry(m_xboot, m_xboot->objectName());
-        m_xboot->showMessage = [this](const QString& text) { showMessage(text); };
-    }
-    WindowPlacement::bringToFront(m_xboot);
+    m_tools->openProduction();
 }
 
 void FrmMain::cmdSerial_Click()
 {
-    if (!m_serial) {
-        m_serial = new FrmSerial(&m_placement, this, this);
-        m_serial->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 260));
-        WindowPlacement::restoreGeometry(m_serial, m_serial->objectName());
-        m_serial->showMessage = [this](const QString& text) { showMessage(text); };
-    }
-    m_serial->offerPorts();
-    WindowPlacement::bringToFront(m_serial);
+    m_tools->openSerial();
 }
 
 void FrmMain::cmdEDS_Click()
 {
-    if (!m_eds) {
-        m_eds = new FrmEDS(&m_placement, this);
-        m_eds->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 40));
-        WindowPlacement::restoreGeometry(m_eds, m_eds->objectName());
-        m_eds->txtFileName->setText(qorcalib::dataFile(QStringLiteral("drive.eds")));
-        m_eds->setAddress = [this](const QString& address) {
-            sdoPanel->cmbIndex->setCurrentText(address);
-        };
-    }
-    WindowPlacement::bringToFront(m_eds);
+    m_tools->openEds();
 }
 
 void FrmMain::cmdIO_Click()
 {
-    if (!m_monitor)
-        return;
-    if (!m_io) {
-        m_io = new FrmIO(m_monitor, &m_placement, this, this);
-        m_io->move(m_placement.reference() + QPoint(0, frameGeometry().height() + 8));
-        WindowPlacement::restoreGeometry(m_io, m_io->objectName());
-        m_io->showMessage = [this](const QString& text) { showMessage(text); };
-    }
-    WindowPlacement::bringToFront(m_io);
+    m_tools->openSlider();
 }
 
 void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)
@@ -673,41 +639,16 @@ void FrmMain::keyPressEvent(QKeyEvent* event)
     QMainWindow::keyPressEvent(event);
 }
 
-QList<QWidget*> FrmMain::carriedWindows() const
-{
-    QList<QWidget*> windows;
-    if (m_monitor)
-        windows << m_monitor;
-    if (m_eds)
-        windows << m_eds;
-    if (m_io)
-        windows << m_io;
-    if (m_monitor && m_monitor->sequencer())
-        windows << m_monitor->sequencer();
-    if (m_monitor && m_monitor->composer())
-        windows << m_monitor->composer();
-    return windows;
-}
-
 void FrmMain::changeEvent(QEvent* event)
 {
     QMainWindow::changeEvent(event);
     if (event->type() != QEvent::WindowStateChange)
         return;
     // The tool windows go and come back with the main window.
-    if (isMinimized()) {
-        m_carried.clear();
-        for (QWidget* w : carriedWindows()) {
-            if (w->isVisible())
-                m_carried << w;
-            w->hide();
-        }
-    } else {
-        for (QWidget* w : std::as_const(m_carried))
-            if (w)
-                w->show();
-        m_carried.clear();
-    }
+    if (isMinimized())
+        m_tools->mainWindowMinimized();
+    else
+        m_tools->mainWindowRestored();
 }
 
 } // namespace tessel

@@ -3,6 +3,7 @@
 #include "canlink.h"
 #include "firmwarehistory.h"
 #include "nmtpanel.h"
+#include "toolwindows.h"
 #include "windowplacement.h"
 
 #include <QElapsedTimer>
@@ -107,11 +108,11 @@ public:
     void cmdEDS_Click();
     void cmdIO_Click();
     void cmdXBoot_Click();
-    FrmXBoot* productionWindow() const { return m_xboot; }
+    FrmXBoot* productionWindow() const { return m_tools->production(); }
     void cmdSerial_Click();
-    FrmSerial* serialConsole() const { return m_serial; }
-    FrmIO* objectSlider() const { return m_io; }
-    FrmEDS* edsBrowser() const { return m_eds; }
+    FrmSerial* serialConsole() const { return m_tools->serial(); }
+    FrmIO* objectSlider() const { return m_tools->slider(); }
+    FrmEDS* edsBrowser() const { return m_tools->eds(); }
 
     // Shows a rate in a controller's list without switching the controller.
     void showBitRate(int controller, int bitRateIndex);
@@ -143,17 +144,13 @@ private:
     // Says in the status bar what was done (or what went wrong), until the next operation.
     void reportDone(const QString& text);
     void explainResult(const QString& result);
-    QList<QWidget*> carriedWindows() const;
 
     CanLink m_link;
     StatusLine* m_status = nullptr;
     FirmwareHistory m_history;
     WindowPlacement m_placement;
     FrmDiagno* m_monitor = nullptr;
-    FrmEDS* m_eds = nullptr;
-    FrmIO* m_io = nullptr;
-    FrmXBoot* m_xboot = nullptr;
-    FrmSerial* m_serial = nullptr;
+    ToolWindows* m_tools = nullptr;
     FrmAbort* m_abort = nullptr;
     std::function<void(const QString&)> m_message;
     // The messages of the last moments, with when each was answered (-1: showing): several
@@ -163,8 +160,6 @@ private:
     int m_selected = 0;
     int m_replayController = 0; // the controller a running replay sends on
     int m_controllerCount = 0;
-    // The tool windows that were open when the main window was minimized.
-    QList<QPointer<QWidget>> m_carried;
     bool m_unloaded = false;
     CanLink::BenchInfo m_bench;
 };

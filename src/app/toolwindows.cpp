@@ -1,0 +1,132 @@
+#include "toolwindows.h"
+
+#include "datadir.h"
+#include "frmdiagno.h"
+#include "frmeds.h"
+#include "frminviamesg.h"
+#include "frmio.h"
+#include "frmseq.h"
+#include "frmserial.h"
+#include "frmxboot.h"
+#include "windowplacement.h"
+
+#include <QLineEdit>
+
+namespace tessel {
+
+ToolWindows::ToolWindows(CanLink* link, WindowPlacement* placement, QWidget* mainWindow)
+    : QObject(mainWindow), m_link(link), m_placement(placement), m_main(mainWindow)
+{
+}
+
+ToolWindows::~ToolWindows()
+{
+    // A window without a parent (the EDS browser) goes with the main window.
+    delete m_eds;
+}
+
+void ToolWindows::place(QWidget* window, QPoint offset) const
+{
+    window->move(m_placement->reference() + offset);
+    WindowPlacement::restoreGeometry(window, window->objectName());
+}
+
+void ToolWindows::openMonitor()
+{
+    if (m_monitor)
+        WindowPlacement::bringToFront(m_monitor);
+}
+
+void ToolWindows::openProduction()
+{
+    if (!m_xboot) {
+        m_xboot = new FrmXBoot(m_link, m_placement, m_main, m_main);
+        place(m_xboot, QPoint(m_main->frameGeometry().width() + 8, 200));
+        m_xboot->showMessage = [this](const QString& text) { emit message(text); };
+    }
+    WindowPlacement::bringToFront(m_xboot);
+}
+
+void ToolWindows::openSerial()
+{
+    if (!m_serial) {
+        m_serial = new FrmSerial(m_placement, m_main, m_main);
+        place(m_serial, QPoint(m_main->frameGeometry().width() + 8, 260));
+        m_serial->showMessage = [this](const QString& text) { emit message(text); };
+    }
+    m_serial->offerPorts();
+    WindowPlacement::bringToFront(m_serial);
+}
+
+void ToolWindows::openEds()
+{
+    if (!m_eds) {
+        m_eds = new FrmEDS(m_placement, m_main);
+        place(m_eds, QPoint(m_main->frameGeometry().width() + 8, 40));
+        m_eds->txtFileName->setText(qorcalib::dataFile(QStringLiteral("drive.eds")));
+        m_eds->setAddress = [this](const QString& address) { emit addressChosen(address); };
+    }
+    WindowPlacement::bringToFront(m_eds);
+}
+
+void ToolWindows::openSlider()
+{
+    if (!m_monitor)
+        return;
+    if (!m_io) {
+        m_io = new FrmIO(m_monitor, m_placement, m_main, m_main);
+        place(m_io, QPoint(0, m_main->frameGeometry().height() + 8));
+        m_io->showMessage = [this](const QString& text) { emit message(text); };
+    }
+    WindowPlacement::bringToFront(m_io);
+}
+
+QList<QWidget*> ToolWindows::carried() const
+{
+    QList<QWidget*> windows;
+    if (m_monitor)
+        windows << m_monitor;
+    if (m_eds)
+        windows << m_eds;
+    if (m_io)
+        windows << m_io;
+    if (m_monitor && m_monitor->sequencer())
+        windows << m_monitor->sequencer();
+    if (m_monitor && m_monitor->composer())
+        windows << m_monitor->composer();
+    return windows;
+}
+
+void ToolWindows::mainWindowMinimized()
+{
+    m_hidden.clear();
+    for (QWidget* w : carried()) {
+        if (w->isVisible())
+            m_hidden << w;
+        w->hide();
+    }
+}
+
+void ToolWindows::mainWindowRestored()
+{
+    for (QWidget* w : std::as_const(m_hidden))
+        if (w)
+            w->show();
+    m_hidden.clear();
+}
+
+void ToolWindows::save() const
+{
+    for (QWidget* w : carried())
+        WindowPlacement::saveGeometry(w, w->objectName());
+    if (m_serial) {
+        m_serial->saveSettings();
+        WindowPlacement::saveGeometry(m_serial, m_serial->objectName());
+    }
+    if (m_xboot) {
+        m_xboot->saveSettings();
+        WindowPlacement::saveGeometry(m_xboot, m_xboot->objectName());
+    }
+}
+
+} // namespace tessel

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+
+class QWidget;
+
+namespace tessel {
+
+class CanLink;
+class FrmDiagno;
+class FrmEDS;
+class FrmIO;
+class FrmSerial;
+class FrmXBoot;
+class WindowPlacement;
+
+// The tool windows the main window opens: each made at its first opening, beside the main
+// window unless the user placed it before, and brought to the front after. Those that follow the
+// main window go away with it when it is minimized and come back with it.
+class ToolWindows : public QObject
+{
+    Q_OBJECT
+public:
+    ToolWindows(CanLink* link, WindowPlacement* placement, QWidget* mainWindow);
+    ~ToolWindows() override;
+
+    // The CAN monitor, made at start-up; the slider works on its slots.
+    void setMonitor(FrmDiagno* monitor) { m_monitor = monitor; }
+
+    void openMonitor();
+    void openProduction();
+    void openSerial();
+    void openEds();
+    void openSlider();
+
+    FrmXBoot* production() const { return m_xboot; }
+    FrmSerial* serial() const { return m_serial; }
+    FrmEDS* eds() const { return m_eds; }
+    FrmIO* slider() const { return m_io; }
+
+    // The windows that follow the main window.
+    QList<QWidget*> carried() const;
+    void mainWindowMinimized();
+    void mainWindowRestored();
+    // At exit: every window's place and the settings of those that keep some.
+    void save() const;
+
+signals:
+    void message(const QString& text);
+    // The EDS browser puts an entry's address into the SDO panel.
+    void addressChosen(const QString& address);
+
+private:
+    // Beside the main window, `offset` down its right edge (or below it), unless placed before.
+    void place(QWidget* window, QPoint offset) const;
+
+    CanLink* m_link;
+    WindowPlacement* m_placement;
+    QWidget* m_main;
+    FrmDiagno* m_monitor = nullptr;
+    FrmEDS* m_eds = nullptr;
+    FrmIO* m_io = nullptr;
+    FrmXBoot* m_xboot = nullptr;
+    FrmSerial* m_serial = nullptr;
+    QList<QPointer<QWidget>> m_hidden;
+};
+
+} // namespace tessel
