@@ -15,13 +15,12 @@
 #include "hexhelpers.h"
 #include "inputblocker.h"
 #include "machinesettings.h"
+#include "monitorlink.h"
 #include "nmtpanel.h"
 #include "sdoabort.h"
 #include "sdopanel.h"
 #include "statusline.h"
 #include "toolwindows.h"
-#include "tracefilesbar.h"
-#include "traceline.h"
 #include "upgradepanel.h"
 #include "waitcursor.h"
 #include "wheelguard.h"
@@ -68,8 +67,6 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
             [this](const QString& address) { sdoPanel->cmbIndex->setCurrentText(address); });
     buildWindow();
     connect(&m_link, &CanLink::configChanged, this, &FrmMain::onChangedConfig);
-    connect(&m_link, &CanLink::framesReceived, this, &FrmMain::onFramesReceived);
-    connect(&m_link, &CanLink::frameTransmitted, this, &FrmMain::onFrameTransmitted);
     connect(&m_link, &CanLink::progressChanged, m_status, &StatusLine::showProgress);
     connect(&m_link, &CanLink::progressNotified, this, &FrmMain::onProgressNotified);
     connect(&m_link, &CanLink::longWaitStarted, this, &FrmMain::showAbortDialog);
@@ -103,6 +100,8 @@ void FrmMain::buildWindow()
     layout->setContentsMargins(6, 4, 6, 4);
 
     controllerPanel = new ControllerPanel(&m_link, central);
+    m_monitorLink = new MonitorLink(&m_link, controllerPanel, this);
+    connect(m_monitorLink, &MonitorLink::message, this, &FrmMain::showMessage);
     chkCanEnable = controllerPanel->chkCanEnable;
     cmbBaud = controllerPanel->cmbBaud;
     optSelCanCtrl = controllerPanel->optSelCanCtrl;
@@ -383,21 +382,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     // Laid out beside the main window's first position, unless the user placed it before.
     m_monitor->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 0));
     WindowPlacement::restoreGeometry(m_monitor, m_monitor->objectName());
-    connect(m_monitor, &FrmDiagno::traceSwitchChanged, this,
-            [this](bool on) { m_link.monitorEchoOff = !on; });
-    connect(m_monitor, &FrmDiagno::showTransmitChanged, this, [this](bool on) {
-        const QString e = m_link.setTxNotify(on);
-        if (!e.isEmpty())
-            showMessage(e);
-    });
-    connect(m_monitor, &FrmDiagno::receiveAllChanged, this, &FrmMain::SetRxAll);
-    m_monitor->sendData = [this](quint16 id, int length, const QByteArray& data) {
-        return SendCanMsg(id, length, data);
-    };
-    m_monitor->sendRemote = [this](quint32 id, int length) { return SendCanRemote(id, length); };
-    connectReplay(&m_monitor->traceFiles->replay);
-    m_monitor->showMessage = [this](const QString& text) { showMessage(text); };
-    m_link.setTxNotify(m_monitor->showTransmit());
+    m_monitorLink->attach(m_monitor);
     tmrStato.start();
     tmrStato_Timer();
     return true;
@@ -432,75 +417,12 @@ void FrmMain::closeEvent(QCloseEvent* event)
 
 bool FrmMain::SendCanMsg(quint16 id, int length, const QByteArray& data)
 {
-    if (!chkCanEnable[m_selected]->isChecked())
-        return false;
-    if (length < 0 || length > 8) {
-        showMessage(QStringLiteral("frame length %1 out of range (0..8)").arg(length));
-        return true;
-    }
-    QByteArray bytes = data.left(length);
-    bytes.append(length - bytes.size(), '\0');
-    const QString error = m_link.send(m_selected, id, length, bytes, false);
-    if (!error.isEmpty()) {
-        showMessage(error);
-        return true;
-    }
-    if (!m_link.monitorEchoOff && m_monitor)
-        m_monitor->traceFrame(m_selected, int(TraceKind::Transmitted), id, 0, length,
-                              reinterpret_cast<const quint8*>(bytes.constData()));
-    return false;
+    return m_monitorLink->send(id, length, data);
 }
 
 bool FrmMain::SendCanRemote(quint32 id, int length)
 {
-    if (!chkCanEnable[m_selected]->isChecked())
-        return false;
-    const QString error = m_link.send(m_selected, quint16(id), length, {}, true);
-    if (!error.isEmpty()) {
-        showMessage(error);
-        return true;
-    }
-    if (!m_link.monitorEchoOff && m_monitor)
-        m_monitor->traceFrame(m_selected, int(TraceKind::RemoteRequest), id, 0, 0, nullptr);
-    return false;
-}
-
-void FrmMain::connectReplay(TraceReplay* replay)
-{
-    // The server's time is read once, as a replay starts: it stays on the controller selected
-    // then.
-    replay->serverTime = [this](quint32* us) {
-        m_replayController = m_selected;
-        QString error;
-        const auto time = m_link.serverTime(&error);
-        *us = time.value_or(0);
-        return error;
-    };
-    replay->sendTimed = [this](int, const QVector<qorcalib::CanFrame>& frames, QString* error) {
-        return m_link.sendTimed(m_replayController, frames, error);
-    };
-    replay->dropQueued = [this](int) {
-        QString error;
-        return m_link.dropQueued(m_replayController, &error).value_or(-1);
-    };
-    // Traced as the frames sent by hand are (SendCanMsg), when their time has come, with the
-    // time they went out at.
-    replay->frameDue = [this](const ScheduledFrame& f) {
-        if (m_link.monitorEchoOff)
-            return;
-        const TraceRecord& r = f.record;
-        m_monitor->traceFrame(m_replayController,
-                              int(r.remote ? TraceKind::RemoteRequest : TraceKind::Transmitted),
-                              r.id, f.serverUs, r.remote ? 0 : r.length,
-                              reinterpret_cast<const quint8*>(r.data.constData()));
-    };
-}
-
-void FrmMain::SetRxAll(bool enable)
-{
-    const QString error = m_link.setRxAll(enable);
-    if (!error.isEmpty())
-        showMessage(error);
+    return m_monitorLink->sendRemote(id, length);
 }
 
 void FrmMain::EnableBusButtons(bool enable)
@@ -582,25 +504,6 @@ void FrmMain::cmdIO_Click()
 void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)
 {
     controllerPanel->followChangedConfig(controller, enabled, bitRateIndex);
-}
-
-void FrmMain::onFramesReceived(int controller, const QByteArray& records, int count)
-{
-    // While the upgrade (or the vector read) is busy, its many answers stay out of the trace.
-    if (controller < 0 || controller >= kRows || !chkCanEnable[controller]->isChecked() ||
-        !m_monitor || m_link.upgradeBusy)
-        return;
-    m_monitor->receiveRecords(controller, records, count);
-}
-
-void FrmMain::onFrameTransmitted(int controller, quint16 id, int length, const QByteArray& data)
-{
-    if (!m_monitor || !m_monitor->showTransmit())
-        return;
-    QByteArray bytes = data.left(qBound(0, length, 8));
-    bytes.append(qBound(0, length, 8) - bytes.size(), '\0');
-    m_monitor->traceFrame(controller, int(TraceKind::Transmitted), id, 0, bytes.size(),
-                          reinterpret_cast<const quint8*>(bytes.constData()));
 }
 
 void FrmMain::onConnectionLost()

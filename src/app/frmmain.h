@@ -27,9 +27,9 @@ namespace tessel {
 
 class BenchPanel;
 class StatusLine;
+class MonitorLink;
 class ControllerPanel;
 class FrmDiagno;
-class TraceReplay;
 class FrmAbort;
 class FrmEDS;
 class FrmSerial;
@@ -62,9 +62,7 @@ public:
 
     // The send routines every window uses: true when the send failed.
     bool SendCanMsg(quint16 id, int length, const QByteArray& data) override;
-    void connectReplay(TraceReplay* replay);
     bool SendCanRemote(quint32 id, int length);
-    void SetRxAll(bool enable);
     void EnableBusButtons(bool enable);
 
     CanLink* link() { return &m_link; }
@@ -135,8 +133,6 @@ private:
     void onProgressNotified(double fraction);
     void buildUpgradePanel(QWidget* parent);
     void buildBenchPanel(QWidget* parent);
-    void onFramesReceived(int controller, const QByteArray& records, int count);
-    void onFrameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
     void onConnectionLost();
     void onReconnected();
     void restoreControllers();
@@ -147,6 +143,7 @@ private:
 
     CanLink m_link;
     StatusLine* m_status = nullptr;
+    MonitorLink* m_monitorLink = nullptr;
     FirmwareHistory m_history;
     WindowPlacement m_placement;
     FrmDiagno* m_monitor = nullptr;
@@ -158,7 +155,6 @@ private:
     QHash<QString, qint64> m_recentMessages;
     QElapsedTimer m_messageClock;
     int m_selected = 0;
-    int m_replayController = 0; // the controller a running replay sends on
     int m_controllerCount = 0;
     bool m_unloaded = false;
     CanLink::BenchInfo m_bench;

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+
+namespace tessel {
+
+class CanLink;
+class ControllerPanel;
+class FrmDiagno;
+class TraceReplay;
+
+// The CAN monitor bound to the link: the shared send routines, which trace what they send,
+// the frames received and the server's reports of frames it sent, the replay of a trace file on
+// the selected controller, and the monitor's switches passed on to the server.
+class MonitorLink : public QObject
+{
+    Q_OBJECT
+public:
+    MonitorLink(CanLink* link, ControllerPanel* controllers, QObject* parent = nullptr);
+
+    // The monitor, made once the link runs; before, sends are not traced.
+    void attach(FrmDiagno* monitor);
+
+    // Sends a data frame on the selected controller and traces it; true when it failed (the
+    // message says why). A disabled controller sends nothing and is no failure.
+    bool send(quint16 id, int length, const QByteArray& data);
+    bool sendRemote(quint32 id, int length);
+
+signals:
+    void message(const QString& text);
+
+private:
+    void connectReplay(TraceReplay* replay);
+    void onFramesReceived(int controller, const QByteArray& records, int count);
+    void onFrameTransmitted(int controller, quint16 id, int length, const QByteArray& data);
+
+    CanLink* m_link;
+    ControllerPanel* m_controllers;
+    FrmDiagno* m_monitor = nullptr;
+    int m_replayController = 0; // the controller a running replay sends on
+};
+
+} // namespace tessel
