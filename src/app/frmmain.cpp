@@ -17,7 +17,6 @@
 #include "machinesettings.h"
 #include "monitorlink.h"
 #include "nmtpanel.h"
-#include "sdoabort.h"
 #include "sdopanel.h"
 #include "statusline.h"
 #include "toolwindows.h"
@@ -38,7 +37,6 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
-#include <QRegularExpression>
 #include <QScreen>
 #include <QScrollArea>
 #include <QScrollBar>
@@ -147,34 +145,29 @@ void FrmMain::buildWindow()
     buildUpgradePanel(central);
     buildBenchPanel(central);
 
+    // The tool windows' buttons, in a row under the panels.
     auto* tools = new QHBoxLayout;
-    cmdDiagno = new QPushButton(QStringLiteral("Can &Monitor"), central);
-    cmdDiagno->setObjectName(QStringLiteral("cmdDiagno"));
-    cmdDiagno->setToolTip(QStringLiteral("Open the CAN monitor"));
-    connect(cmdDiagno, &QPushButton::clicked, this, &FrmMain::cmdDiagno_Click);
-    tools->addWidget(cmdDiagno);
-    cmdEDS = new QPushButton(QStringLiteral("&EDS"), central);
-    cmdEDS->setObjectName(QStringLiteral("cmdEDS"));
-    cmdEDS->setToolTip(QStringLiteral("Open the EDS browser"));
-    connect(cmdEDS, &QPushButton::clicked, this, &FrmMain::cmdEDS_Click);
-    tools->addWidget(cmdEDS);
-    cmdIO = new QPushButton(QStringLiteral("&Slider"), central);
-    cmdIO->setObjectName(QStringLiteral("cmdIO"));
-    cmdIO->setToolTip(QStringLiteral("Open the object slider: sweep a value into a monitor "
-                                     "slot and send it"));
-    connect(cmdIO, &QPushButton::clicked, this, &FrmMain::cmdIO_Click);
-    tools->addWidget(cmdIO);
-    cmdXBoot = new QPushButton(QStringLiteral("&Production..."), central);
-    cmdXBoot->setObjectName(QStringLiteral("cmdXBoot"));
-    cmdXBoot->setToolTip(QStringLiteral("Open production programming: JTAG and serial "
-                                        "programming with the line's serial numbers"));
-    connect(cmdXBoot, &QPushButton::clicked, this, &FrmMain::cmdXBoot_Click);
-    tools->addWidget(cmdXBoot);
-    cmdSerial = new QPushButton(QStringLiteral("Se&rial..."), central);
-    cmdSerial->setObjectName(QStringLiteral("cmdSerial"));
-    cmdSerial->setToolTip(QStringLiteral("Open a terminal on a serial port"));
-    connect(cmdSerial, &QPushButton::clicked, this, &FrmMain::cmdSerial_Click);
-    tools->addWidget(cmdSerial);
+    const auto button = [&](QPushButton** b, const char* name, const QString& caption,
+                            const QString& tip, void (FrmMain::*click)()) {
+        *b = new QPushButton(caption, central);
+        (*b)->setObjectName(QLatin1String(name));
+        (*b)->setToolTip(tip);
+        connect(*b, &QPushButton::clicked, this, click);
+        tools->addWidget(*b);
+    };
+    button(&cmdDiagno, "cmdDiagno", QStringLiteral("Can &Monitor"),
+           QStringLiteral("Open the CAN monitor"), &FrmMain::cmdDiagno_Click);
+    button(&cmdEDS, "cmdEDS", QStringLiteral("&EDS"), QStringLiteral("Open the EDS browser"),
+           &FrmMain::cmdEDS_Click);
+    button(&cmdIO, "cmdIO", QStringLiteral("&Slider"),
+           QStringLiteral("Open the object slider: sweep a value into a monitor slot and send it"),
+           &FrmMain::cmdIO_Click);
+    button(&cmdXBoot, "cmdXBoot", QStringLiteral("&Production..."),
+           QStringLiteral("Open production programming: JTAG and serial programming with the "
+                          "line's serial numbers"),
+           &FrmMain::cmdXBoot_Click);
+    button(&cmdSerial, "cmdSerial", QStringLiteral("Se&rial..."),
+           QStringLiteral("Open a terminal on a serial port"), &FrmMain::cmdSerial_Click);
     tools->addStretch();
 
     layout->addWidget(controllerPanel);
@@ -279,23 +272,7 @@ void FrmMain::reportDone(const QString& text)
 
 void FrmMain::explainResult(const QString& result)
 {
-    // "Abort Code:" keeps the bare code; its meaning goes beside it, in the status bar and the
-    // box's tool tip.
-    static const QRegularExpression code(QStringLiteral("^[0-9A-Fa-f]{8}$"));
-    static const QString tip = txtAbort->toolTip();
-    if (!code.match(result).hasMatch()) {
-        txtAbort->setToolTip(tip);
-        if (!result.isEmpty())
-            reportDone(result);
-        else
-            m_status->clearDone();
-        return;
-    }
-    const QString meaning =
-        QStringLiteral("SDO abort %1: %2")
-            .arg(result.toUpper(), qorcalib::sdoAbortText(result.toUInt(nullptr, 16)));
-    txtAbort->setToolTip(meaning);
-    reportDone(meaning);
+    m_status->explain(txtAbort, result);
 }
 
 void FrmMain::setMessageHandler(std::function<void(const QString&)> handler)
@@ -303,29 +280,17 @@ void FrmMain::setMessageHandler(std::function<void(const QString&)> handler)
     m_message = std::move(handler);
 }
 
-namespace {
-// How long after it was answered the same message is not said again.
-constexpr qint64 kMessageRepeatMs = 2000;
-} // namespace
-
 void FrmMain::showMessage(const QString& text)
 {
     // A message is answered even when it opens while a call waits with input held back.
     InputBlocker::Pause answerable;
-    // Tools that were all running when the server went each fail with the same words; the
-    // same text again, while it shows or just after it was answered, is said already.
     if (!m_messageClock.isValid())
         m_messageClock.start();
-    const qint64 now = m_messageClock.elapsed();
-    m_recentMessages.removeIf([now](const auto& said) {
-        return said.value() >= 0 && now - said.value() >= kMessageRepeatMs;
-    });
-    if (m_recentMessages.contains(text))
+    if (!m_messages.admit(text, m_messageClock.elapsed()))
         return;
-    m_recentMessages.insert(text, -1);
     if (m_message)
         m_message(text);
-    m_recentMessages.insert(text, m_messageClock.elapsed());
+    m_messages.answered(text, m_messageClock.elapsed());
 }
 
 bool FrmMain::formLoad(const QString& answer, QString* error)

@@ -2,12 +2,12 @@
 
 #include "canlink.h"
 #include "firmwarehistory.h"
+#include "messagegate.h"
 #include "nmtpanel.h"
 #include "toolwindows.h"
 #include "windowplacement.h"
 
 #include <QElapsedTimer>
-#include <QHash>
 #include <QMainWindow>
 #include <QPointer>
 #include <QTimer>
@@ -150,9 +150,7 @@ private:
     ToolWindows* m_tools = nullptr;
     FrmAbort* m_abort = nullptr;
     std::function<void(const QString&)> m_message;
-    // The messages of the last moments, with when each was answered (-1: showing): several
-    // tools failing on one cause say it once.
-    QHash<QString, qint64> m_recentMessages;
+    MessageGate m_messages;
     QElapsedTimer m_messageClock;
     int m_selected = 0;
     int m_controllerCount = 0;

@@ -1,11 +1,14 @@
 #include "statusline.h"
 
+#include "sdoabort.h"
 #include "serverconnection.h"
 
 #include <QLabel>
+#include <QLineEdit>
 #include <QPainter>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QStatusBar>
 
 namespace tessel {
@@ -89,6 +92,26 @@ void StatusLine::reportDone(const QString& text)
     cmdFollowRate->hide();
     sbrDone->setText(text);
     sbrDone->setToolTip(text);
+}
+
+void StatusLine::explain(QLineEdit* resultBox, const QString& result)
+{
+    static const QRegularExpression code(QStringLiteral("^[0-9A-Fa-f]{8}$"));
+    if (m_resultTip.isEmpty())
+        m_resultTip = resultBox->toolTip();
+    if (!code.match(result).hasMatch()) {
+        resultBox->setToolTip(m_resultTip);
+        if (result.isEmpty())
+            clearDone();
+        else
+            reportDone(result);
+        return;
+    }
+    const QString meaning =
+        QStringLiteral("SDO abort %1: %2")
+            .arg(result.toUpper(), qorcalib::sdoAbortText(result.toUInt(nullptr, 16)));
+    resultBox->setToolTip(meaning);
+    reportDone(meaning);
 }
 
 void StatusLine::clearDone()

@@ -8,6 +8,7 @@
 #include <array>
 
 class QLabel;
+class QLineEdit;
 class QProgressBar;
 class QPushButton;
 class QStatusBar;
@@ -34,6 +35,9 @@ public:
     QProgressBar* prbStato = nullptr;
 
     void reportDone(const QString& text);
+    // The result box ("Abort Code:") keeps a bare abort code; its meaning goes beside it, here
+    // and in the box's tool tip. Any other result is reported as it stands.
+    void explain(QLineEdit* resultBox, const QString& result);
     void clearDone();
     void showServer(const QString& name);
     void showServerLost();
@@ -46,6 +50,9 @@ public:
 signals:
     // The user took the offer.
     void rateFollowed(int controller, int bitRateIndex);
+
+private:
+    QString m_resultTip; // the result box's own tool tip
 };
 
 } // namespace tessel
