@@ -18,6 +18,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QLineEdit>
+#include <QPushButton>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -83,7 +84,7 @@ int main(int argc, char** argv)
     }
     for (int c = 0; c < kControllers; ++c)
         window.chkCanEnable[c]->setChecked(true); // all at 1000K
-    window.cmdDiagno_Click();
+    window.cmdDiagno->click();
     FrmDiagno* monitor = window.monitor();
     for (int s = 0; s < 2; ++s) {
         monitor->slotGrid->edID0[s]->setText(QString::number(0x281 + s, 16));

@@ -19,6 +19,7 @@
 #include <QFileInfo>
 #include <QLineEdit>
 #include <QLocale>
+#include <QPushButton>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -66,7 +67,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "start-up: %s\n", qPrintable(error));
         return 1;
     }
-    window.cmdDiagno_Click(); // the monitor on screen, refreshing as in use
+    window.cmdDiagno->click(); // the monitor on screen, refreshing as in use
     if (collect)
         window.monitor()->acquisition->chkExport->setChecked(true);
 

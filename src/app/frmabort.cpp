@@ -1,8 +1,12 @@
 #include "frmabort.h"
 
+#include "inputblocker.h"
+#include "windowplacement.h"
+
 #include <QLabel>
 #include <QPushButton>
 #include <QVBoxLayout>
+#include <QWindow>
 
 namespace tessel {
 
@@ -21,7 +25,7 @@ void setAbortRequested(bool requested)
 }
 
 FrmAbort::FrmAbort(QWidget* mainWindow, QWidget* inputArea)
-    : QDialog(mainWindow), m_inputArea(inputArea)
+    : QDialog(mainWindow), m_mainWindow(mainWindow), m_inputArea(inputArea)
 {
     setObjectName(QStringLiteral("frmAbort"));
     setWindowTitle(QStringLiteral("Tessel"));
@@ -50,6 +54,21 @@ void FrmAbort::hideEvent(QHideEvent* event)
     if (m_inputArea)
         m_inputArea->setEnabled(true);
     QDialog::hideEvent(event);
+}
+
+void FrmAbort::showOverMainWindow()
+{
+    adjustSize();
+    move(m_mainWindow->frameGeometry().center() - QPoint(width() / 2, height() / 2));
+    WindowPlacement::keepOnScreen(this, m_mainWindow);
+    show();
+    InputBlocker::letThrough(this, windowHandle());
+}
+
+void FrmAbort::hideFromMainWindow()
+{
+    InputBlocker::letThrough(nullptr);
+    hide();
 }
 
 } // namespace tessel

@@ -20,12 +20,16 @@ public:
     // the window itself, which would disable this dialog with it).
     FrmAbort(QWidget* mainWindow, QWidget* inputArea);
     QPushButton* cmdAbort = nullptr;
+    // Over the middle of the main window, whose input it takes while it is open.
+    void showOverMainWindow();
+    void hideFromMainWindow();
 
 protected:
     void showEvent(QShowEvent* event) override;
     void hideEvent(QHideEvent* event) override;
 
 private:
+    QWidget* m_mainWindow;
     QWidget* m_inputArea;
 };
 

@@ -64,7 +64,8 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     connect(m_tools, &ToolWindows::addressChosen, this,
             [this](const QString& address) { sdoPanel->cmbIndex->setCurrentText(address); });
     buildWindow();
-    connect(&m_link, &CanLink::configChanged, this, &FrmMain::onChangedConfig);
+    connect(&m_link, &CanLink::configChanged, controllerPanel,
+            &ControllerPanel::followChangedConfig);
     connect(&m_link, &CanLink::progressChanged, m_status, &StatusLine::showProgress);
     connect(&m_link, &CanLink::progressNotified, this, &FrmMain::onProgressNotified);
     connect(&m_link, &CanLink::longWaitStarted, this, &FrmMain::showAbortDialog);
@@ -72,7 +73,9 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     WheelGuard::install();
     connect(&m_link, &CanLink::connectionLost, this, &FrmMain::onConnectionLost);
     connect(&m_link, &CanLink::reconnected, this, &FrmMain::onReconnected);
-    m_link.restoreSession = [this] { restoreControllers(); };
+    // A server started anew has its controllers stopped at their first bit rates: they get what
+    // this window shows.
+    m_link.restoreSession = [this] { controllerPanel->restore(); };
     tmrStato.setInterval(kStatusIntervalMs);
     connect(&tmrStato, &QTimer::timeout, this, &FrmMain::tmrStato_Timer);
 }
@@ -134,7 +137,8 @@ void FrmMain::buildWindow()
     cmdLSSGet = nmtPanel->cmdLSSGet;
     cmdLSSSet = nmtPanel->cmdLSSSet;
     connect(nmtPanel, &NmtPanel::done, this, &FrmMain::reportDone);
-    connect(nmtPanel, &NmtPanel::rateOffered, this, &FrmMain::offerRate);
+    connect(nmtPanel, &NmtPanel::rateOffered, this,
+            [this](int controller, int rate) { m_status->offerRate(controller, rate); });
     sdoPanel = new SdoPanel(&m_link, txtAbort, txtSDOTimeOut, central);
     sdoPanel->selectedController = [this] { return m_selected; };
     connect(sdoPanel, &SdoPanel::done, this, &FrmMain::reportDone);
@@ -148,26 +152,26 @@ void FrmMain::buildWindow()
     // The tool windows' buttons, in a row under the panels.
     auto* tools = new QHBoxLayout;
     const auto button = [&](QPushButton** b, const char* name, const QString& caption,
-                            const QString& tip, void (FrmMain::*click)()) {
+                            const QString& tip, void (ToolWindows::*open)()) {
         *b = new QPushButton(caption, central);
         (*b)->setObjectName(QLatin1String(name));
         (*b)->setToolTip(tip);
-        connect(*b, &QPushButton::clicked, this, click);
+        connect(*b, &QPushButton::clicked, m_tools, open);
         tools->addWidget(*b);
     };
     button(&cmdDiagno, "cmdDiagno", QStringLiteral("Can &Monitor"),
-           QStringLiteral("Open the CAN monitor"), &FrmMain::cmdDiagno_Click);
+           QStringLiteral("Open the CAN monitor"), &ToolWindows::openMonitor);
     button(&cmdEDS, "cmdEDS", QStringLiteral("&EDS"), QStringLiteral("Open the EDS browser"),
-           &FrmMain::cmdEDS_Click);
+           &ToolWindows::openEds);
     button(&cmdIO, "cmdIO", QStringLiteral("&Slider"),
            QStringLiteral("Open the object slider: sweep a value into a monitor slot and send it"),
-           &FrmMain::cmdIO_Click);
+           &ToolWindows::openSlider);
     button(&cmdXBoot, "cmdXBoot", QStringLiteral("&Production..."),
            QStringLiteral("Open production programming: JTAG and serial programming with the "
                           "line's serial numbers"),
-           &FrmMain::cmdXBoot_Click);
+           &ToolWindows::openProduction);
     button(&cmdSerial, "cmdSerial", QStringLiteral("Se&rial..."),
-           QStringLiteral("Open a terminal on a serial port"), &FrmMain::cmdSerial_Click);
+           QStringLiteral("Open a terminal on a serial port"), &ToolWindows::openSerial);
     tools->addStretch();
 
     layout->addWidget(controllerPanel);
@@ -203,7 +207,9 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
     upgradePanel->showTarget();
     upgradePanel->selectedController = [this] { return m_selected; };
     upgradePanel->bitRateSelection = [this] { return cmbBaud[m_selected]->currentIndex(); };
-    upgradePanel->showBitRate = [this](int rate) { showBitRate(m_selected, rate); };
+    upgradePanel->showBitRate = [this](int rate) {
+        controllerPanel->showBitRate(m_selected, rate);
+    };
     upgradePanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
     upgradePanel->monitorSwitchState = [this] { return monitorSwitchState(); };
     connect(upgradePanel, &UpgradePanel::message, this, &FrmMain::showMessage);
@@ -250,19 +256,13 @@ void FrmMain::showAbortDialog()
         m_abort = new FrmAbort(this, centralWidget());
         connect(m_abort->cmdAbort, &QPushButton::clicked, &m_link, &CanLink::requestAbort);
     }
-    // Over the middle of the main window, whose input it takes while it is open.
-    m_abort->adjustSize();
-    m_abort->move(frameGeometry().center() - QPoint(m_abort->width() / 2, m_abort->height() / 2));
-    WindowPlacement::keepOnScreen(m_abort, this);
-    m_abort->show();
-    InputBlocker::letThrough(m_abort, m_abort->windowHandle());
+    m_abort->showOverMainWindow();
 }
 
 void FrmMain::hideAbortDialog()
 {
-    InputBlocker::letThrough(nullptr);
     if (m_abort)
-        m_abort->hide();
+        m_abort->hideFromMainWindow();
 }
 
 void FrmMain::reportDone(const QString& text)
@@ -420,16 +420,6 @@ void FrmMain::cmdNMT_Click(int index)
     nmtPanel->cmdNMT_Click(index);
 }
 
-void FrmMain::offerRate(int controller, int bitRateIndex)
-{
-    m_status->offerRate(controller, bitRateIndex);
-}
-
-void FrmMain::showBitRate(int controller, int bitRateIndex)
-{
-    controllerPanel->showBitRate(controller, bitRateIndex);
-}
-
 void FrmMain::setMonitorSwitch(bool on)
 {
     if (m_monitor)
@@ -439,36 +429,6 @@ void FrmMain::setMonitorSwitch(bool on)
 bool FrmMain::monitorSwitchState() const
 {
     return !m_monitor || m_monitor->chTrace->isChecked();
-}
-
-void FrmMain::cmdDiagno_Click()
-{
-    m_tools->openMonitor();
-}
-
-void FrmMain::cmdXBoot_Click()
-{
-    m_tools->openProduction();
-}
-
-void FrmMain::cmdSerial_Click()
-{
-    m_tools->openSerial();
-}
-
-void FrmMain::cmdEDS_Click()
-{
-    m_tools->openEds();
-}
-
-void FrmMain::cmdIO_Click()
-{
-    m_tools->openSlider();
-}
-
-void FrmMain::onChangedConfig(int controller, bool enabled, int bitRateIndex)
-{
-    controllerPanel->followChangedConfig(controller, enabled, bitRateIndex);
 }
 
 void FrmMain::onConnectionLost()
@@ -481,13 +441,6 @@ void FrmMain::onConnectionLost()
 void FrmMain::onReconnected()
 {
     m_status->showServer(m_link.isRemote() ? m_link.machineName() : QStringLiteral("localhost"));
-}
-
-void FrmMain::restoreControllers()
-{
-    // A server started anew has its controllers stopped at their first bit rates: they get
-    // what this window shows.
-    controllerPanel->restore();
 }
 
 void FrmMain::keyPressEvent(QKeyEvent* event)

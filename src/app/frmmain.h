@@ -102,18 +102,10 @@ public:
 
     void tmrStato_Timer();
     void cmdNMT_Click(int index);
-    void cmdDiagno_Click();
-    void cmdEDS_Click();
-    void cmdIO_Click();
-    void cmdXBoot_Click();
     FrmXBoot* productionWindow() const { return m_tools->production(); }
-    void cmdSerial_Click();
     FrmSerial* serialConsole() const { return m_tools->serial(); }
     FrmIO* objectSlider() const { return m_tools->slider(); }
     FrmEDS* edsBrowser() const { return m_tools->eds(); }
-
-    // Shows a rate in a controller's list without switching the controller.
-    void showBitRate(int controller, int bitRateIndex);
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
@@ -126,16 +118,12 @@ private:
     void showAbortDialog();
     void setMonitorSwitch(bool on) override;
     bool monitorSwitchState() const override;
-    // LSS Set gave a drive another rate: the status bar offers the switch.
-    void offerRate(int controller, int bitRateIndex);
     void hideAbortDialog();
-    void onChangedConfig(int controller, bool enabled, int bitRateIndex);
     void onProgressNotified(double fraction);
     void buildUpgradePanel(QWidget* parent);
     void buildBenchPanel(QWidget* parent);
     void onConnectionLost();
     void onReconnected();
-    void restoreControllers();
     void showMessage(const QString& text);
     // Says in the status bar what was done (or what went wrong), until the next operation.
     void reportDone(const QString& text);

@@ -601,7 +601,7 @@ void TstFrmMain::minimizeCarriesTheMonitor()
 {
     Tessel t(m_server->socketPath());
     QVERIFY(t.load());
-    t.window.cmdDiagno_Click();
+    t.window.cmdDiagno->click();
     QVERIFY(t.window.monitor()->isVisible());
     t.window.setWindowState(Qt::WindowMinimized);
     QTRY_VERIFY(!t.window.monitor()->isVisible());

@@ -182,10 +182,10 @@ void TstMonitorTools::toolWindowsFollowTheMainWindow()
     Tessel t(m_bench.server->socketPath());
     QVERIFY(t.load());
     t.window.show();
-    t.window.cmdDiagno_Click();
+    t.window.cmdDiagno->click();
     t.window.monitor()->cmdSeq_Click();
     t.window.monitor()->cmdInvia_Click();
-    t.window.cmdIO_Click();
+    t.window.cmdIO->click();
     // The composer was closed before the minimize: it stays closed.
     t.window.monitor()->composer()->close();
     QList<QWidget*> shown = {t.window.monitor(), t.window.monitor()->sequencer(),

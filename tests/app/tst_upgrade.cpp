@@ -3,6 +3,7 @@
 // post-processed by the stand-in first; every failure of the upgrade; the tool tip; the file
 // history.
 #include "canlink.h"
+#include "controllerpanel.h"
 #include "frmmain.h"
 #include "sdopanel.h"
 #include "srecords.h"
@@ -302,7 +303,7 @@ void TstUpgrade::stopOnBootWithNothingBooting()
     // sent to the server); afterwards the list shows what the controller runs at.
     QString error;
     QVERIFY(t.window.link()->boardCommand(11, 0, &error));
-    t.window.showBitRate(0, 2);
+    t.window.controllerPanel->showBitRate(0, 2);
     p->cmdStopOnBoot_Click(0);
     QCOMPARE(t.window.txtAbort->text(), QString("(none)"));
     QCOMPARE(t.window.link()->bitRate(0, &error), std::optional<int>(2));

@@ -131,7 +131,7 @@ void TstUserIntent::sliderLetGoDuringAWaitIsReleased()
 {
     Tessel t(m_server->socketPath());
     QVERIFY(t.load());
-    t.window.cmdIO_Click();
+    t.window.cmdIO->click();
     QSlider* slider = t.window.objectSlider()->sldSlide;
     QVERIFY(QTest::qWaitForWindowExposed(slider->window()));
     QStyleOptionSlider option;
@@ -370,10 +370,10 @@ void TstUserIntent::closingTheMainWindowEndsTheProgram()
     QVERIFY(t.load());
     t.window.show();
     QTimer::singleShot(0, &t.window, [&t] {
-        t.window.cmdDiagno_Click();
+        t.window.cmdDiagno->click();
         t.window.monitor()->close();
-        t.window.cmdDiagno_Click();
-        t.window.cmdEDS_Click();
+        t.window.cmdDiagno->click();
+        t.window.cmdEDS->click();
         t.window.close();
     });
     // Should the program stay, this ends the wait with another code.

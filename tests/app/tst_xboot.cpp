@@ -33,7 +33,7 @@ private:
     QStringList calls() const;
     FrmXBoot* open(Tessel& t)
     {
-        t.window.cmdXBoot_Click();
+        t.window.cmdXBoot->click();
         FrmXBoot* x = t.window.productionWindow();
         x->txtFileName->setText(m_fw + "/app.s");
         x->txtCfgFile->setText(m_fw + "/drive.cfg");
@@ -215,7 +215,7 @@ void TstXBoot::settingsKeepTheFiles()
     QCOMPARE(user.value("filename/xcfg").toString(), m_fw + "/drive.cfg");
     Tessel t(m_bench.server->socketPath());
     QVERIFY(t.load());
-    t.window.cmdXBoot_Click();
+    t.window.cmdXBoot->click();
     QCOMPARE(t.window.productionWindow()->txtFileName->text(), m_fw + "/app.s");
 }
 
