@@ -252,6 +252,11 @@ void TstImageFile::unreadableFiles_data()
     QFile file(huge);
     if (file.open(QIODevice::WriteOnly) && file.resize(qint64(2) << 30))
         QTest::newRow("2 GiB") << huge << int(FileTooLarge);
+    // One byte past the largest image there is.
+    const QString over = m_dir.filePath("over.S");
+    QFile past(over);
+    if (past.open(QIODevice::WriteOnly) && past.resize(kMaxImageFileBytes + 1))
+        QTest::newRow("16 MiB + 1") << over << int(FileTooLarge);
 }
 
 void TstImageFile::unreadableFiles()
