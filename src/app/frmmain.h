@@ -9,7 +9,6 @@
 
 #include <QElapsedTimer>
 #include <QMainWindow>
-#include <QPointer>
 #include <QTimer>
 
 #include <array>
@@ -38,11 +37,9 @@ class FrmIO;
 class SdoPanel;
 class UpgradePanel;
 
-// The controller status text: "OR ", "TX ", "EW ", "BO " for bits 2, 1, 4, 8, in that order,
-// without the trailing blank.
-
-// The main window "Tessel": owns the link to the CAN server, the controller panel with the bus
-// status, the NMT buttons and the tool windows.
+// The main window "Tessel": owns the link to the CAN server and composes the panels (controllers,
+// NMT and LSS, SDO, firmware, bench), the status line and the tool windows; it connects them and
+// carries no procedure of its own.
 class FrmMain : public QMainWindow, public NmtHost
 {
     Q_OBJECT
