@@ -58,12 +58,12 @@ int ControllerPanel::bitRateShown(int controller) const
 void ControllerPanel::reset()
 {
     // The lists' signals are held until the link runs.
-    m_link->inhibitCtrlEvents = true;
+    m_inhibitCtrlEvents = true;
     m_controllers.reset();
     m_listOnly.fill(false);
     for (QComboBox* list : cmbBaud)
         list->setCurrentIndex(0);
-    m_link->inhibitCtrlEvents = false;
+    m_inhibitCtrlEvents = false;
 }
 
 int ControllerPanel::useControllers(int count)
@@ -107,10 +107,10 @@ void ControllerPanel::followChangedConfig(int controller, bool enabled, int bitR
     if (m_controllers.bitRate(controller) == bitRateIndex &&
         chkCanEnable[controller]->isChecked() == enabled)
         return;
-    m_link->inhibitCtrlEvents = true;
+    m_inhibitCtrlEvents = true;
     cmbBaud[controller]->setCurrentIndex(bitRateIndex);
     chkCanEnable[controller]->setChecked(enabled);
-    m_link->inhibitCtrlEvents = false;
+    m_inhibitCtrlEvents = false;
 }
 
 void ControllerPanel::showBitRate(int controller, int bitRateIndex)
@@ -123,7 +123,7 @@ void ControllerPanel::showBitRate(int controller, int bitRateIndex)
 void ControllerPanel::chkCanEnable_Click(int index)
 {
     WaitCursor wait;
-    const bool quiet = m_link->inhibitCtrlEvents;
+    const bool quiet = m_inhibitCtrlEvents;
     if (chkCanEnable[index]->isChecked()) {
         // Before the server's echo of the change, which selects it too.
         const bool wasSelected = optSelCanCtrl[index]->isChecked();
@@ -156,7 +156,7 @@ void ControllerPanel::cmbBaud_Click(int index)
 {
     if (m_listOnly.at(size_t(index)))
         return;
-    if (!m_link->inhibitCtrlEvents) {
+    if (!m_inhibitCtrlEvents) {
         emit rateChosen(index);
         if (chkCanEnable[index]->isChecked()) {
             WaitCursor wait;

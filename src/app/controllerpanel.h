@@ -66,6 +66,9 @@ private:
     CanLink* m_link;
     ControllerSet m_controllers;
     std::array<bool, kRows> m_listOnly{};
+    // While set, the rows' changes are the server's news (or the reset at load), not the user's:
+    // nothing is forwarded to the server.
+    bool m_inhibitCtrlEvents = false;
     int m_selected = 0;
     int m_count = 0;
 };

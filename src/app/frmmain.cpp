@@ -308,7 +308,6 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     m_placement.setReference(pos());
     WaitCursor wait;
     controllerPanel->reset();
-    m_link.monitorEchoOff = false;
 
     m_history.load();
     upgradePanel->showHistory();

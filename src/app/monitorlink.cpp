@@ -20,8 +20,7 @@ MonitorLink::MonitorLink(CanLink* link, ControllerPanel* controllers, QObject* p
 void MonitorLink::attach(FrmDiagno* monitor)
 {
     m_monitor = monitor;
-    connect(monitor, &FrmDiagno::traceSwitchChanged, this,
-            [this](bool on) { m_link->monitorEchoOff = !on; });
+    connect(monitor, &FrmDiagno::traceSwitchChanged, this, [this](bool on) { m_echoOff = !on; });
     connect(monitor, &FrmDiagno::showTransmitChanged, this, [this](bool on) {
         if (const QString e = m_link->setTxNotify(on); !e.isEmpty())
             emit message(e);
@@ -55,7 +54,7 @@ bool MonitorLink::send(quint16 id, int length, const QByteArray& data)
         emit message(error);
         return true;
     }
-    if (!m_link->monitorEchoOff && m_monitor)
+    if (!m_echoOff && m_monitor)
         m_monitor->traceFrame(controller, int(TraceKind::Transmitted), id, 0, length,
                               reinterpret_cast<const quint8*>(bytes.constData()));
     return false;
@@ -71,7 +70,7 @@ bool MonitorLink::sendRemote(quint32 id, int length)
         emit message(error);
         return true;
     }
-    if (!m_link->monitorEchoOff && m_monitor)
+    if (!m_echoOff && m_monitor)
         m_monitor->traceFrame(controller, int(TraceKind::RemoteRequest), id, 0, 0, nullptr);
     return false;
 }
@@ -96,7 +95,7 @@ void MonitorLink::connectReplay(TraceReplay* replay)
     // Traced as the frames sent by hand are, when their time has come, with the time they went
     // out at.
     replay->frameDue = [this](const ScheduledFrame& f) {
-        if (m_link->monitorEchoOff)
+        if (m_echoOff)
             return;
         const TraceRecord& r = f.record;
         m_monitor->traceFrame(m_replayController,

@@ -27,6 +27,8 @@ public:
     // message says why). A disabled controller sends nothing and is no failure.
     bool send(quint16 id, int length, const QByteArray& data);
     bool sendRemote(quint32 id, int length);
+    // The monitor's "Enable": while cleared, frames sent are not echoed into the trace.
+    bool echoOff() const { return m_echoOff; }
 
 signals:
     void message(const QString& text);
@@ -40,6 +42,7 @@ private:
     ControllerPanel* m_controllers;
     FrmDiagno* m_monitor = nullptr;
     int m_replayController = 0; // the controller a running replay sends on
+    bool m_echoOff = false;
 };
 
 } // namespace tessel

@@ -166,10 +166,6 @@ public:
     QString setSdoTimeout(int milliseconds);
     int sdoTimeoutMs() const { return m_sdoTimeoutMs; }
 
-    // MonitorEchoOff: while set, the send routines do not echo sent frames into the monitor.
-    bool monitorEchoOff = false;
-    // InhibitCtrlEvents: while set, the controller controls do not forward changes.
-    bool inhibitCtrlEvents = false;
     // The upgrade busy flag (the firmware upgrade and the vector read set it): while set, the
     // main window does not pass received frames to the monitor's trace.
     bool upgradeBusy = false;
