@@ -221,7 +221,7 @@ void FrmMain::buildBenchPanel(QWidget* parent)
     benchPanel->selectedController = [this] { return m_selected; };
     benchPanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
     benchPanel->monitorSwitchState = [this] { return monitorSwitchState(); };
-    benchPanel->showMessage = [this](const QString& text) { showMessage(text); };
+    connect(benchPanel, &BenchPanel::message, this, &FrmMain::showMessage);
 }
 
 void FrmMain::onProgressNotified(double)

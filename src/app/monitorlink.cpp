@@ -33,7 +33,7 @@ void MonitorLink::attach(FrmDiagno* monitor)
         return send(id, length, data);
     };
     monitor->sendRemote = [this](quint32 id, int length) { return sendRemote(id, length); };
-    monitor->showMessage = [this](const QString& text) { emit message(text); };
+    connect(monitor, &FrmDiagno::message, this, &MonitorLink::message);
     connectReplay(&monitor->traceFiles->replay);
     m_link->setTxNotify(monitor->showTransmit());
 }

@@ -42,7 +42,7 @@ void ToolWindows::openProduction()
     if (!m_xboot) {
         m_xboot = new FrmXBoot(m_link, m_placement, m_main, m_main);
         place(m_xboot, QPoint(m_main->frameGeometry().width() + 8, 200));
-        m_xboot->showMessage = [this](const QString& text) { emit message(text); };
+        connect(m_xboot, &FrmXBoot::message, this, &ToolWindows::message);
     }
     WindowPlacement::bringToFront(m_xboot);
 }
@@ -52,7 +52,7 @@ void ToolWindows::openSerial()
     if (!m_serial) {
         m_serial = new FrmSerial(m_placement, m_main, m_main);
         place(m_serial, QPoint(m_main->frameGeometry().width() + 8, 260));
-        m_serial->showMessage = [this](const QString& text) { emit message(text); };
+        connect(m_serial, &FrmSerial::message, this, &ToolWindows::message);
     }
     m_serial->offerPorts();
     WindowPlacement::bringToFront(m_serial);
@@ -76,7 +76,7 @@ void ToolWindows::openSlider()
     if (!m_io) {
         m_io = new FrmIO(m_monitor, m_placement, m_main, m_main);
         place(m_io, QPoint(0, m_main->frameGeometry().height() + 8));
-        m_io->showMessage = [this](const QString& text) { emit message(text); };
+        connect(m_io, &FrmIO::message, this, &ToolWindows::message);
     }
     WindowPlacement::bringToFront(m_io);
 }

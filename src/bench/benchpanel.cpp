@@ -209,8 +209,8 @@ void BenchPanel::showOutputs()
 
 void BenchPanel::report(const QString& error)
 {
-    if (!error.isEmpty() && showMessage)
-        showMessage(error);
+    if (!error.isEmpty())
+        emit message(error);
 }
 
 void BenchPanel::boxAction(QCheckBox* box, QString (BenchControl::*action)(bool))
@@ -284,7 +284,7 @@ void BenchPanel::cmdAcq_Click()
     if (!window) {
         window = new FrmAcq(fixtureDescription(kind), m_control.get(), m_placement, m_mainWindow,
                             m_mainWindow);
-        window->showMessage = [this](const QString& text) { report(text); };
+        connect(window, &FrmAcq::message, this, &BenchPanel::report);
         placeBesideMain(window, 60);
     }
     if (!window->isVisible())

@@ -43,7 +43,6 @@ public:
     // The monitor's traffic switch, held while the supplies switch and the log is read.
     std::function<void(bool)> monitorSwitch;
     std::function<bool()> monitorSwitchState;
-    std::function<void(const QString&)> showMessage;
     std::function<void()> beep;
 
     QWidget* picAsm = nullptr;
@@ -102,6 +101,10 @@ private:
     std::unique_ptr<BenchControl> m_control;
     std::array<FrmAcq*, 3> m_fixtures{};
     FrmAlarms* m_alarms = nullptr;
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

@@ -142,8 +142,7 @@ void FrmAcq::chkDig_Click(int channel)
         const QSignalBlocker quiet(box);
         box->setChecked(!box->isChecked());
     }
-    if (showMessage)
-        showMessage(error);
+    emit message(error);
 }
 
 void FrmAcq::Check1_Click()
@@ -181,15 +180,14 @@ void FrmAcq::fail(const QString& error)
     // Auto refresh stops before the message, so that it is said once and not at every tick.
     const bool automatic = Timer1.isActive();
     Check1->setChecked(false);
-    if (showMessage)
-        showMessage(automatic ? QStringLiteral("Auto refresh stopped: %1").arg(error) : error);
+    emit message(automatic ? QStringLiteral("Auto refresh stopped: %1").arg(error) : error);
 }
 
 void FrmAcq::cmdArm_Click()
 {
     const QString error = m_control->port()->arm();
-    if (!error.isEmpty() && showMessage)
-        showMessage(error);
+    if (!error.isEmpty())
+        emit message(error);
 }
 
 void FrmAcq::showEvent(QShowEvent* event)

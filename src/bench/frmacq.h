@@ -36,7 +36,6 @@ public:
     int benchType() const { return m_benchType; }
 
     // Where errors go (the main window's messages).
-    std::function<void(const QString&)> showMessage;
 
     QMap<int, QCheckBox*> chkDig; // by output channel
     QPlainTextEdit* Text1 = nullptr;
@@ -71,6 +70,10 @@ private:
     QString m_readout;
     bool m_positioned = false;
     bool m_refreshing = false;
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

@@ -69,8 +69,8 @@ void AcquisitionBar::cmdSaveAcq_Click()
             QDir().mkpath(QFileInfo(path).absolutePath());
         written = m_buffer.writeFile(path, &error);
     }
-    if (!written && showMessage)
-        showMessage(error);
+    if (!written)
+        emit message(error);
     if (written)
         emit saved(QStringLiteral("Saved %1 frames to %2")
                        .arg(QLocale::c().toString(m_buffer.count()), path));

@@ -37,7 +37,6 @@ public:
     // Asks for a file name (the open dialog); empty when cancelled. Tests replace it.
     std::function<QString(const QString& title, const QString& filter, const QString& start)>
         chooseFile;
-    std::function<void(const QString&)> showMessage;
 
     QCheckBox* chkExport = nullptr;
     QLineEdit* txtFileName = nullptr;
@@ -52,6 +51,10 @@ private:
     void chkExport_Click(bool ticked);
 
     AcquisitionBuffer m_buffer;
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

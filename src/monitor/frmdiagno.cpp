@@ -130,7 +130,7 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     traceFiles = new TraceFilesBar(this);
     traceFiles->setObjectName(QStringLiteral("traceFiles"));
     traceFiles->frames = [this] { return traceFrames(); };
-    traceFiles->showMessage = [this](const QString& text) { message(text); };
+    connect(traceFiles, &TraceFilesBar::message, this, &FrmDiagno::message);
     traceFiles->chooseOpenFile = [this](const QString& t, const QString& f, const QString& s) {
         return chooseOpenFile ? chooseOpenFile(t, f, s) : QString();
     };
@@ -194,7 +194,7 @@ QLayout* FrmDiagno::buildSendTools()
     tools->addStretch();
     acquisition = new AcquisitionBar(this);
     acquisition->setObjectName(QStringLiteral("acquisition"));
-    acquisition->showMessage = [this](const QString& text) { message(text); };
+    connect(acquisition, &AcquisitionBar::message, this, &FrmDiagno::message);
     acquisition->chooseFile = [this](const QString& title, const QString& filter,
                                      const QString& start) {
         return chooseOpenFile ? chooseOpenFile(title, filter, start) : QString();
@@ -470,7 +470,7 @@ void FrmDiagno::cmdSeq_Click()
         if (m_placement)
             m_sequencer->move(m_placement->reference() + QPoint(40, 480));
         WindowPlacement::restoreGeometry(m_sequencer, m_sequencer->objectName());
-        m_sequencer->showMessage = [this](const QString& text) { message(text); };
+        connect(m_sequencer, &FrmSeq::message, this, &FrmDiagno::message);
     }
     WindowPlacement::bringToFront(m_sequencer);
 }
@@ -485,17 +485,9 @@ void FrmDiagno::cmdInvia_Click()
         m_composer->sendData = [this](quint16 id, int length, const QByteArray& data) {
             return sendData && sendData(id, length, data);
         };
-        m_composer->showMessage = [this](const QString& text) { message(text); };
+        connect(m_composer, &FrmInviaMesg::message, this, &FrmDiagno::message);
     }
     WindowPlacement::bringToFront(m_composer);
-}
-
-void FrmDiagno::message(const QString& text)
-{
-    if (showMessage)
-        showMessage(text);
-    else
-        QMessageBox::warning(this, windowTitle(), text);
 }
 
 QString FrmDiagno::screenText() const

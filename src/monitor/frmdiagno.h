@@ -83,7 +83,6 @@ public:
     // The main window's send routines: true when the send failed.
     std::function<bool(quint16 id, int length, const QByteArray& data)> sendData;
     std::function<bool(quint32 id, int length)> sendRemote;
-    std::function<void(const QString&)> showMessage;
     // File dialogs: (title, filter in the program's form, start) to a name, empty when
     // cancelled. Tests replace them.
     std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
@@ -128,7 +127,6 @@ private:
                         const quint8* data, bool cut);
     void useFileDialogs();
     void applySetup(const MonitorSetup& setup);
-    void message(const QString& text);
 
     const WindowPlacement* m_placement;
     QWidget* m_mainWindow;
@@ -156,6 +154,10 @@ private:
     QPointer<FrmSeq> m_sequencer;
     QPointer<FrmInviaMesg> m_composer;
     QString m_configPath;
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

@@ -72,10 +72,9 @@ void FrmInviaMesg::cmdInvia_Click()
         return;
     const qint32 pause = roundToInt32(lenientValue(txtRitardo->text()));
     if (pause < 0 || pause > kLongestPauseMs) {
-        if (showMessage)
-            showMessage(QStringLiteral("The pause must be 0 to 65535 ms, not \"%1\": nothing "
-                                       "sent.")
-                            .arg(txtRitardo->text()));
+        emit message(QStringLiteral("The pause must be 0 to 65535 ms, not \"%1\": nothing "
+                                    "sent.")
+                         .arg(txtRitardo->text()));
         return;
     }
     m_script = parseComposerText(txtMesg->toPlainText());
@@ -118,7 +117,7 @@ void FrmInviaMesg::stop()
         finish(QStringLiteral("Stopped"));
 }
 
-void FrmInviaMesg::finish(const QString& state, const QString& message)
+void FrmInviaMesg::finish(const QString& state, const QString& why)
 {
     tmrRitardo.stop();
     m_running = false;
@@ -126,8 +125,8 @@ void FrmInviaMesg::finish(const QString& state, const QString& message)
     cmdStop->setEnabled(false);
     lblState->setText(state);
     lblState->setToolTip(state);
-    if (!message.isEmpty() && showMessage)
-        showMessage(message);
+    if (!why.isEmpty())
+        emit message(why);
     emit runFinished();
 }
 

@@ -29,7 +29,6 @@ public:
     // The main window's send routine for data frames: true when the send failed (it has told
     // the user why).
     std::function<bool(quint16 id, int length, const QByteArray& data)> sendData;
-    std::function<void(const QString&)> showMessage;
 
     void cmdInvia_Click();
     void stop();
@@ -51,7 +50,7 @@ protected:
 
 private:
     void sendNext();
-    void finish(const QString& state, const QString& message = {});
+    void finish(const QString& state, const QString& why = {});
 
     const WindowPlacement* m_placement;
     QWidget* m_mainWindow;
@@ -59,6 +58,10 @@ private:
     qsizetype m_next = 0;
     bool m_running = false;
     bool m_positioned = false;
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

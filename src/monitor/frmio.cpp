@@ -83,9 +83,8 @@ void FrmIO::validateLimit(QLineEdit* box, double* limit)
     if (!ok || !std::isfinite(typed) || std::abs(typed) > 9.0e15) {
         const QString refused = box->text();
         box->setText(QLocale::c().toString(*limit, 'f', 0));
-        if (showMessage)
-            showMessage(QStringLiteral("\"%1\" is not a number: the limit stays %2.")
-                            .arg(refused, box->text()));
+        emit message(QStringLiteral("\"%1\" is not a number: the limit stays %2.")
+                         .arg(refused, box->text()));
         return;
     }
     *limit = typed;

@@ -37,8 +37,6 @@ public:
     QLineEdit* txtMax = nullptr;
     QLabel* lblValue = nullptr;
 
-    std::function<void(const QString&)> showMessage;
-
 protected:
     void showEvent(QShowEvent* event) override;
 
@@ -54,6 +52,10 @@ private:
     double m_max = 67108864;
     SliderScale m_scale;
     bool m_positioned = false;
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

@@ -55,10 +55,10 @@ FrmSeq::FrmSeq(FrmDiagno* monitor, const WindowPlacement* placement, QWidget* ma
         m_timers[i] = std::make_unique<Timer>(tmrSeq[i]);
         SequenceRow::Hooks hooks;
         hooks.sendSlot = [this](int slot) { return m_monitor->sendSlot(slot); };
-        hooks.stopped = [this, i](const QString& message) {
+        hooks.stopped = [this, i](const QString& why) {
             chkEn[i]->setChecked(false);
-            if (!message.isEmpty() && showMessage)
-                showMessage(QStringLiteral("Row %1: %2").arg(i + 1).arg(message));
+            if (!why.isEmpty())
+                emit message(QStringLiteral("Row %1: %2").arg(i + 1).arg(why));
         };
         m_rows[i] = std::make_unique<SequenceRow>(m_timers[i].get(), hooks);
         connect(tmrSeq[i], &QTimer::timeout, this, [this, i] { m_rows[i]->onTimer(); });

@@ -37,8 +37,6 @@ public:
     std::array<QLineEdit*, kRows> txtSeq{};
     std::array<QTimer*, kRows> tmrSeq{};
 
-    std::function<void(const QString&)> showMessage;
-
 protected:
     void showEvent(QShowEvent* event) override;
     void closeEvent(QCloseEvent* event) override;
@@ -51,6 +49,10 @@ private:
     std::array<std::unique_ptr<Timer>, kRows> m_timers;
     std::array<std::unique_ptr<SequenceRow>, kRows> m_rows;
     bool m_loaded = false;
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

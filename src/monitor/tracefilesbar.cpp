@@ -46,8 +46,7 @@ TraceFilesBar::TraceFilesBar(QWidget* parent) : QWidget(parent)
 
 void TraceFilesBar::say(const QString& text)
 {
-    if (showMessage)
-        showMessage(text);
+    emit message(text);
 }
 
 bool TraceFilesBar::saveTrace(const QString& fileName)

@@ -23,7 +23,6 @@ public:
     std::function<QList<TraceRecord>()> frames;
     std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
     std::function<QString(const QString&, const QString&, const QString&)> chooseSaveFile;
-    std::function<void(const QString&)> showMessage;
 
     QPushButton* cmdSaveTrace = nullptr;
     QPushButton* cmdReplay = nullptr;
@@ -40,6 +39,10 @@ public:
 
 private:
     void say(const QString& text);
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

@@ -209,8 +209,7 @@ void FrmXBoot::report(const ProductionRun::Outcome& outcome, const QString& what
     case ProductionRun::Outcome::Error:
         break;
     }
-    if (showMessage)
-        showMessage(outcome.message);
+    emit message(outcome.message);
 }
 
 std::optional<int> FrmXBoot::waitForLoad(QString* error)

@@ -30,8 +30,7 @@ public:
              QWidget* parent = nullptr);
     ~FrmXBoot() override;
 
-    // Where messages, beeps and the open dialogs go (tests replace them).
-    std::function<void(const QString&)> showMessage;
+    // Where beeps and the open dialogs go (tests replace them).
     std::function<void()> beep;
     std::function<QString(const QString& title, const QString& filter, const QString& start)>
         chooseOpenFile;
@@ -75,6 +74,10 @@ private:
     const WindowPlacement* m_placement;
     QWidget* m_mainWindow;
     bool m_positioned = false;
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

@@ -139,8 +139,7 @@ void FrmSerial::closePort(const QString& why)
         const QSignalBlocker quiet(chkEnable);
         chkEnable->setChecked(false);
     }
-    if (showMessage)
-        showMessage(why);
+    emit message(why);
 }
 
 void FrmSerial::onError()

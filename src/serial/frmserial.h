@@ -35,8 +35,6 @@ public:
     FrmSerial(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent = nullptr);
     ~FrmSerial() override;
 
-    std::function<void(const QString&)> showMessage;
-
     QCheckBox* chkEnable = nullptr;
     QComboBox* txtPort = nullptr;
     QLineEdit* txtParams = nullptr;
@@ -67,6 +65,10 @@ private:
     QTimer m_flush;
     bool m_pendingCr = false;
     bool m_positioned = false;
+
+signals:
+    // What to tell the user; the main window shows it in a message box.
+    void message(const QString& text);
 };
 
 } // namespace tessel

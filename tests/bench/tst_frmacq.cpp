@@ -78,7 +78,7 @@ void TstFrmAcq::refusedOutputGoesBack()
     FrmAcq w(fixtureDescription(FixtureKind::Assembly), &control, nullptr, nullptr);
     w.setBenchType(3);
     QStringList messages;
-    w.showMessage = [&](const QString& m) { messages << m; };
+    QObject::connect(&w, &FrmAcq::message, [&](const QString& m) { messages << m; });
     QVERIFY(!w.chkDig.value(0)->isEnabled());
     w.chkDig.value(9)->click();
     QVERIFY(!w.chkDig.value(9)->isChecked());

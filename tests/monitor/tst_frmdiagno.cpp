@@ -48,7 +48,8 @@ struct Rig
             sent << QStringLiteral("R%1:%2").arg(id, 0, 16).arg(length);
             return failSends;
         };
-        monitor.showMessage = [this](const QString& text) { messages << text; };
+        QObject::connect(&monitor, &FrmDiagno::message,
+                         [this](const QString& text) { messages << text; });
         monitor.chooseOpenFile = [this](const QString& title, const QString& filter,
                                         const QString&) {
             dialogs << title + QLatin1Char('|') + filter;
@@ -492,7 +493,7 @@ void TstFrmDiagno::slider()
     Rig rig;
     rig.setSlot(6, "206", "4");
     FrmIO io(&rig.monitor, nullptr, nullptr);
-    io.showMessage = [&rig](const QString& text) { rig.messages << text; };
+    QObject::connect(&io, &FrmIO::message, [&rig](const QString& text) { rig.messages << text; });
     io.cmbObject->setCurrentIndex(6);
     io.cmbSize->setCurrentIndex(1);
     io.cmbPosition->setCurrentIndex(1);

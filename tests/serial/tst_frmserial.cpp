@@ -39,7 +39,8 @@ private:
         QStringList messages;
         Console()
         {
-            window.showMessage = [this](const QString& m) { messages << m; };
+            QObject::connect(&window, &FrmSerial::message,
+                             [this](const QString& m) { messages << m; });
         }
         void open(const QString& device, const QString& params = "115200,n,8,1")
         {
