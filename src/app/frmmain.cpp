@@ -140,11 +140,9 @@ void FrmMain::buildWindow()
     connect(nmtPanel, &NmtPanel::rateOffered, this,
             [this](int controller, int rate) { m_status->offerRate(controller, rate); });
     sdoPanel = new SdoPanel(&m_link, txtAbort, txtSDOTimeOut, central);
-    sdoPanel->selectedController = [this] { return m_selected; };
+    sdoPanel->bus = this;
     connect(sdoPanel, &SdoPanel::done, this, &FrmMain::reportDone);
     connect(txtAbort, &QLineEdit::textChanged, this, &FrmMain::explainResult);
-    sdoPanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
-    sdoPanel->monitorSwitchState = [this] { return monitorSwitchState(); };
 
     buildUpgradePanel(central);
     buildBenchPanel(central);
@@ -205,22 +203,18 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
     connect(upgradePanel, &UpgradePanel::done, this, &FrmMain::reportDone);
     connect(upgradePanel, &UpgradePanel::failed, this, &FrmMain::reportDone);
     upgradePanel->showTarget();
-    upgradePanel->selectedController = [this] { return m_selected; };
+    upgradePanel->bus = this;
     upgradePanel->bitRateSelection = [this] { return cmbBaud[m_selected]->currentIndex(); };
     upgradePanel->showBitRate = [this](int rate) {
         controllerPanel->showBitRate(m_selected, rate);
     };
-    upgradePanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
-    upgradePanel->monitorSwitchState = [this] { return monitorSwitchState(); };
     connect(upgradePanel, &UpgradePanel::message, this, &FrmMain::showMessage);
 }
 
 void FrmMain::buildBenchPanel(QWidget* parent)
 {
     benchPanel = new BenchPanel(&m_link, txtFWNode, txtAbort, &m_placement, this, parent);
-    benchPanel->selectedController = [this] { return m_selected; };
-    benchPanel->monitorSwitch = [this](bool on) { setMonitorSwitch(on); };
-    benchPanel->monitorSwitchState = [this] { return monitorSwitchState(); };
+    benchPanel->bus = this;
     connect(benchPanel, &BenchPanel::message, this, &FrmMain::showMessage);
 }
 

@@ -64,7 +64,7 @@ public:
 
     CanLink* link() { return &m_link; }
     FrmDiagno* monitor() const { return m_monitor; }
-    int selectedController() const { return m_selected; }
+    int selectedController() const override { return m_selected; }
     int controllerCount() const { return m_controllerCount; }
 
     // Where messages for the user go; a message box titled with the caption unless replaced.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "buscontext.h"
+
 #include <QByteArray>
 #include <QGroupBox>
 
@@ -12,16 +14,13 @@ namespace tessel {
 
 class ControllerPanel;
 
-// What the NMT frame needs from the window around it: the shared send routine, which traces
-// what it sends, and the monitor's display switch, which LSS holds as the monitor's box says.
-class NmtHost
+// What the NMT frame needs from the window around it: besides the bus context, the shared send
+// routine, which traces what it sends.
+class NmtHost : public BusContext
 {
 public:
-    virtual ~NmtHost() = default;
     // true when the send failed (the routine has said why).
     virtual bool SendCanMsg(quint16 id, int length, const QByteArray& data) = 0;
-    virtual void setMonitorSwitch(bool on) = 0;
-    virtual bool monitorSwitchState() const = 0;
 };
 
 // The main window's "NMT" frame: five broadcasts of network management, the node-ID box shared

@@ -28,13 +28,13 @@ class MonitorHold
 public:
     explicit MonitorHold(const BenchPanel& panel) : m_panel(panel)
     {
-        if (m_panel.monitorSwitch)
-            m_panel.monitorSwitch(m_panel.monitorSwitchState ? m_panel.monitorSwitchState() : true);
+        if (m_panel.bus)
+            m_panel.bus->setMonitorSwitch(m_panel.bus->monitorSwitchState());
     }
     ~MonitorHold()
     {
-        if (m_panel.monitorSwitch)
-            m_panel.monitorSwitch(true);
+        if (m_panel.bus)
+            m_panel.bus->setMonitorSwitch(true);
     }
     MonitorHold(const MonitorHold&) = delete;
     MonitorHold& operator=(const MonitorHold&) = delete;
@@ -318,7 +318,7 @@ QString BenchPanel::readAlarms(AlarmLogText* result)
     const MonitorHold hold(*this);
     WaitCursor wait;
     const int node = roundToInt32(lenientHexValue(m_txtFWNode->text()));
-    const int controller = selectedController ? selectedController() : 0;
+    const int controller = bus ? bus->selectedController() : 0;
     const AlarmSdo sdo = [&](bool upload, quint16 index, quint8 subIndex, const QByteArray& data,
                              QByteArray* uploaded, QString* error) {
         const CanLink::SdoResult r =

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "alarmrecords.h"
+#include "buscontext.h"
 
 #include "benchcontrol.h"
 
@@ -32,17 +33,15 @@ class BenchPanel : public QGroupBox
 public:
     BenchPanel(CanLink* link, QLineEdit* txtFWNode, QLineEdit* txtAbort,
                const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent = nullptr);
+
+    // The window around: the selected controller and the monitor's display switch.
+    BusContext* bus = nullptr;
     ~BenchPanel() override;
 
     // Lays the panel out for the bench (start-up); the bench of the link unless a port is given.
     void setBench(int kind, int type, BenchPort* port = nullptr);
     BenchControl* control() const { return m_control.get(); }
 
-    // What the main window provides.
-    std::function<int()> selectedController;
-    // The monitor's traffic switch, held while the supplies switch and the log is read.
-    std::function<void(bool)> monitorSwitch;
-    std::function<bool()> monitorSwitchState;
     std::function<void()> beep;
 
     QWidget* picAsm = nullptr;

@@ -144,7 +144,7 @@ QString UpgradePanel::targetText() const
 {
     return QStringLiteral("node %1 on CAN %2")
         .arg(QString::number(hexToNumber(txtFWNode->text()), 16).toUpper())
-        .arg(selectedController ? selectedController() : 0);
+        .arg(bus ? bus->selectedController() : 0);
 }
 
 void UpgradePanel::showTarget()
@@ -273,8 +273,7 @@ void UpgradePanel::cmdUpgrade_Click()
     const int subIndex = hexToNumber(txtDWSubIndex->text());
     CanLink::SdoResult result;
     if (error.isEmpty())
-        result = m_upgrade.load(selectedController ? selectedController() : 0, node, image, index,
-                                subIndex);
+        result = m_upgrade.load(bus ? bus->selectedController() : 0, node, image, index, subIndex);
     else
         result.error = error;
     txtAbort->setText(sdoResultText(result.abortCode, result.error));
@@ -289,14 +288,14 @@ void UpgradePanel::cmdUpgrade_Click()
         return;
     }
     reattach();
-    if (monitorSwitch)
-        monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
+    if (bus)
+        bus->setMonitorSwitch(bus->monitorSwitchState());
     m_link->upgradeBusy = false;
     AddRecentFile(cmbFileName->currentText(), txtPostProcOpt->text());
     if (result.abortCode == 0)
         emit done(QStringLiteral("Upgraded node %1 on CAN %2 with %3 (%4 bytes)")
                       .arg(QString::number(node, 16).toUpper().rightJustified(2, QLatin1Char('0')))
-                      .arg(selectedController ? selectedController() : 0)
+                      .arg(bus ? bus->selectedController() : 0)
                       .arg(QFileInfo(cmbFileName->currentText()).fileName())
                       .arg(image.size()));
 }
@@ -309,7 +308,7 @@ void UpgradePanel::cmdStopOnBoot_Click(int index)
     if (const QString error = m_upgrade.beginBench(); !error.isEmpty())
         txtAbort->setText(error);
     const int node = index == 1 ? hexToNumber(txtFWNode->text()) : 0;
-    const int controller = selectedController ? selectedController() : 0;
+    const int controller = bus ? bus->selectedController() : 0;
     const CanLink::BootResult caught =
         m_upgrade.catchBoot(controller, node, bitRateSelection ? bitRateSelection() : 0);
     if (!caught.error.isEmpty())
@@ -328,14 +327,14 @@ void UpgradePanel::cmdEnUpgrade_Click()
 {
     txtAbort->clear();
     txtAbort->repaint();
-    if (monitorSwitch)
-        monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
+    if (bus)
+        bus->setMonitorSwitch(bus->monitorSwitchState());
     const int node = hexToNumber(txtFWNode->text());
     WaitCursor wait;
-    const auto result = m_upgrade.release(selectedController ? selectedController() : 0, node);
+    const auto result = m_upgrade.release(bus ? bus->selectedController() : 0, node);
     txtAbort->setText(sdoResultText(result.abortCode, result.error));
-    if (monitorSwitch)
-        monitorSwitch(true);
+    if (bus)
+        bus->setMonitorSwitch(true);
 }
 
 void UpgradePanel::refreshUpgradeTip()

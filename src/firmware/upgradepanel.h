@@ -1,5 +1,6 @@
 #pragma once
 
+#include "buscontext.h"
 #include "firmwarehistory.h"
 #include "firmwaretip.h"
 #include "firmwareupgrade.h"
@@ -33,15 +34,13 @@ public:
     UpgradePanel(CanLink* link, FirmwareHistory* history, QLineEdit* txtFWNode, QLineEdit* txtAbort,
                  QWidget* parent = nullptr);
 
-    // What the main window provides.
-    std::function<int()> selectedController;
+    // The window around: the selected controller and the monitor's display switch.
+    BusContext* bus = nullptr;
+
     // The list position of the current controller's bit-rate list, and setting it without the
     // list sending it back to the server.
     std::function<int()> bitRateSelection;
     std::function<void(int)> showBitRate;
-    // The monitor's traffic switch, as the SDO panel sets it.
-    std::function<void(bool)> monitorSwitch;
-    std::function<bool()> monitorSwitchState;
     // The open dialog: title, filter in the program's form, initial name; "" when cancelled.
     std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
     // The post-processor (postProcess by default).

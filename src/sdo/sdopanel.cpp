@@ -188,9 +188,8 @@ void SdoPanel::clearResult()
 QString SdoPanel::SdoRead(const SdoAddress& address, QByteArray* data)
 {
     WaitCursor wait;
-    const auto result =
-        m_link->sdoTransfer(selectedController ? selectedController() : 0, true, address.node,
-                            address.indexBits(), address.subIndexByte());
+    const auto result = m_link->sdoTransfer(bus ? bus->selectedController() : 0, true, address.node,
+                                            address.indexBits(), address.subIndexByte());
     if (result.error.isEmpty() && result.abortCode == 0)
         *data = result.data;
     return sdoResultText(result.abortCode, result.error);
@@ -200,7 +199,7 @@ QString SdoPanel::SdoWrite(const SdoAddress& address, const QByteArray& data)
 {
     WaitCursor wait;
     const auto result =
-        m_link->sdoTransfer(selectedController ? selectedController() : 0, false, address.node,
+        m_link->sdoTransfer(bus ? bus->selectedController() : 0, false, address.node,
                             address.indexBits(), address.subIndexByte(), data);
     return sdoResultText(result.abortCode, result.error);
 }
@@ -223,13 +222,13 @@ void SdoPanel::cmdDownload_Click()
     const QString addressText = cmbIndex->currentText();
     const SdoAddress address = SdoAddress::parse(addressText);
     RememberAddress(addressText, txtDataHex->text());
-    if (monitorSwitch)
-        monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
+    if (bus)
+        bus->setMonitorSwitch(bus->monitorSwitchState());
     QElapsedTimer took;
     took.start();
     txtAbort->setText(SdoWrite(address, data));
-    if (monitorSwitch)
-        monitorSwitch(true);
+    if (bus)
+        bus->setMonitorSwitch(true);
     if (txtAbort->text().isEmpty())
         emit done(QStringLiteral("Downloaded %1 bytes to %2 in %3 s")
                       .arg(data.size())
@@ -242,14 +241,14 @@ void SdoPanel::cmdUpload_Click()
     clearResult();
     const QString addressText = cmbIndex->currentText();
     const SdoAddress address = SdoAddress::parse(addressText);
-    if (monitorSwitch)
-        monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
+    if (bus)
+        bus->setMonitorSwitch(bus->monitorSwitchState());
     QByteArray data;
     QElapsedTimer took;
     took.start();
     txtAbort->setText(SdoRead(address, &data));
-    if (monitorSwitch)
-        monitorSwitch(true);
+    if (bus)
+        bus->setMonitorSwitch(true);
     if (!txtAbort->text().isEmpty())
         return;
     emit done(QStringLiteral("Uploaded %1 bytes from %2 in %3 s")
@@ -295,8 +294,8 @@ void SdoPanel::cmdGetVect_Click()
     const QString addressText = cmbIndex->currentText();
     SdoAddress address = SdoAddress::parse(addressText);
     RememberAddress(addressText, txtDataHex->text());
-    if (monitorSwitch)
-        monitorSwitch(monitorSwitchState ? monitorSwitchState() : true);
+    if (bus)
+        bus->setMonitorSwitch(bus->monitorSwitchState());
     txtVectGet->clear();
     m_link->upgradeBusy = true;
     QString lines;
@@ -317,8 +316,8 @@ void SdoPanel::cmdGetVect_Click()
     }
     m_link->upgradeBusy = false;
     txtVectGet->setPlainText(QString(lines).replace(QLatin1String("\r\n"), QLatin1String("\n")));
-    if (monitorSwitch)
-        monitorSwitch(true);
+    if (bus)
+        bus->setMonitorSwitch(true);
 }
 
 } // namespace tessel

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "buscontext.h"
 #include "hexhelpers.h"
 #include "sdoaddress.h"
 
@@ -32,11 +33,8 @@ public:
     SdoPanel(CanLink* link, QLineEdit* txtAbort, QLineEdit* txtSDOTimeOut,
              QWidget* parent = nullptr);
 
-    // The controller transfers go to; the main window's selection.
-    std::function<int()> selectedController;
-    // The monitor's traffic switch, set around transfers.
-    std::function<void(bool)> monitorSwitch;
-    std::function<bool()> monitorSwitchState;
+    // The window around: the selected controller and the monitor's display switch.
+    BusContext* bus = nullptr;
 
     QComboBox* cmbIndex = nullptr;
     QLineEdit* txtDataHex = nullptr;
