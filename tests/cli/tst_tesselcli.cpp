@@ -3,6 +3,7 @@
 #include "bittiming.h"
 #include "pty.h"
 #include "serverprocess.h"
+#include "srecords.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -309,6 +310,28 @@ void TstTesselCli::serverNotRunning()
 
 void TstTesselCli::upgradeAndLss()
 {
+    // An image the boot loader refuses (past its 2 MiB of flash): the abort, and the drive goes
+    // back to the application it had instead of staying in its boot loader.
+    QByteArray tooLarge = tessel::test::s3Record(
+        0x8000000, tessel::test::identificationBlock(0x12, 0x00090000, 1, 2));
+    tooLarge += '\x02';
+    tooLarge += QByteArray(2 * 1024 * 1024 + 1024, '\x11');
+    const QString big = m_files.filePath("big.sx");
+    {
+        QFile f(big);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write(tooLarge);
+    }
+    const Run refused = cli({"upgrade", big}, 60000);
+    QCOMPARE(refused.exit, 1);
+    QVERIFY2(refused.err.contains("the boot loader refused the image; node 01 was released to "
+                                  "its application"),
+             qPrintable(refused.err));
+    QVERIFY(QTest::qWaitFor(
+        [&] {
+            return cli({"sdo", "read", "1,100A,0", "--type", "str"}).exit == 0;
+        },
+        5000));
     const Run up =
         cli({"upgrade", QStringLiteral(QORCALIB_DATA_DIR "/firmware/drive-2.1.7.sx")}, 60000);
     QVERIFY2(up.exit == 0, qPrintable(up.err));
