@@ -155,7 +155,7 @@ private slots:
     void crcKnownValue();
     void clientFacingAForeignNode_data();
     void clientFacingAForeignNode();
-    void foreignNodesUnusedBitsAreIgnored();
+    void foreignNodesLeaveOutWhatTheyMay();
     void serverRefusesASegmentPastTheIndicatedSize();
     void highestNodeId();
     void deadlineFollowsEveryFrame_data();
@@ -318,7 +318,7 @@ void TstSdo::clientFacingAForeignNode()
     QVERIFY(!node.client.isBusy());
 }
 
-void TstSdo::foreignNodesUnusedBitsAreIgnored()
+void TstSdo::foreignNodesLeaveOutWhatTheyMay()
 {
     // An expedited answer with the unused bit 4 set still counts its bytes from bits 2-3: four.
     ScriptedNode node({"5340200041424344"});
@@ -327,6 +327,14 @@ void TstSdo::foreignNodesUnusedBitsAreIgnored()
     QVERIFY2(node.result, qPrintable(node.log.join('\n')));
     QCOMPARE(node.result->abortCode, 0u);
     QCOMPARE(node.result->data, QByteArray("ABCD"));
+    // A block upload that indicates no size: whatever the segments carry.
+    ScriptedNode block({"c040200000000000", "8141424344454647", "c100000000000000"});
+    block.client.setBlockTransfer(true);
+    block.client.startUpload(5, 0x2040, 0, 0);
+    block.run();
+    QVERIFY2(block.result, qPrintable(block.log.join('\n')));
+    QCOMPARE(block.result->abortCode, 0u);
+    QCOMPARE(block.result->data, QByteArray("ABCDEFG"));
 }
 
 void TstSdo::serverRefusesASegmentPastTheIndicatedSize()

@@ -88,6 +88,9 @@ void TstImageFile::readImageWords_data()
         << s3Record(0x84, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray("01020304");
     QTest::newRow("record after the address is skipped")
         << s3Record(0x87, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray();
+    // Nine bytes are four words (the count truncates): the odd last byte does not reach 0x86.
+    QTest::newRow("odd record ending just before the address")
+        << s3Record(0x82, QByteArray::fromHex("010203040506070809")) << 0x86u << 2 << QByteArray();
     QTest::newRow("record ending before the address")
         << s3Record(0x80, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray();
     QTest::newRow("16-byte block, 10 words asked: 16 bytes")
