@@ -1,18 +1,10 @@
 #include "frmmain.h"
 
 #include "benchpanel.h"
-#include "canmsg.h"
 #include "controllerpanel.h"
-#include "datadir.h"
 #include "frmabort.h"
 #include "frmdiagno.h"
-#include "frmeds.h"
-#include "frminviamesg.h"
-#include "frmio.h"
-#include "frmseq.h"
-#include "frmserial.h"
 #include "frmxboot.h"
-#include "hexhelpers.h"
 #include "inputblocker.h"
 #include "machinesettings.h"
 #include "monitorlink.h"
@@ -31,10 +23,8 @@
 #include <QGroupBox>
 #include <QHBoxLayout>
 #include <QKeyEvent>
-#include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
-#include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QScreen>
