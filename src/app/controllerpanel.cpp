@@ -11,7 +11,7 @@
 namespace tessel {
 
 ControllerPanel::ControllerPanel(CanLink* link, QWidget* parent)
-    : QGroupBox(QStringLiteral("Controller"), parent), m_link(link), m_controllers(link)
+    : QGroupBox(QStringLiteral("Controller"), parent), m_controllers(link)
 {
     setObjectName(QStringLiteral("fraCtrl"));
     auto* grid = new QGridLayout(this);

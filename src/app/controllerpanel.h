@@ -63,7 +63,6 @@ signals:
     void message(const QString& text);
 
 private:
-    CanLink* m_link;
     ControllerSet m_controllers;
     std::array<bool, kRows> m_listOnly{};
     // While set, the rows' changes are the server's news (or the reset at load), not the user's:

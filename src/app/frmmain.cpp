@@ -98,10 +98,8 @@ void FrmMain::buildWindow()
     optSelCanCtrl = controllerPanel->optSelCanCtrl;
     connect(controllerPanel, &ControllerPanel::busAvailable, this, &FrmMain::EnableBusButtons);
     connect(controllerPanel, &ControllerPanel::message, this, &FrmMain::showMessage);
-    connect(controllerPanel, &ControllerPanel::selectionChanged, this, [this](int controller) {
-        m_selected = controller;
-        upgradePanel->showTarget();
-    });
+    connect(controllerPanel, &ControllerPanel::selectionChanged, this,
+            [this] { upgradePanel->showTarget(); });
     // Enabling selects the controller; said, so that the next transfer's target is no surprise.
     connect(controllerPanel, &ControllerPanel::enabledAndSelected, this, [this](int controller) {
         reportDone(QStringLiteral("CAN %1 enabled and selected: Send, SDO, LSS and upgrades now "
@@ -194,9 +192,11 @@ void FrmMain::buildUpgradePanel(QWidget* parent)
     connect(upgradePanel, &UpgradePanel::failed, this, &FrmMain::reportDone);
     upgradePanel->showTarget();
     upgradePanel->bus = this;
-    upgradePanel->bitRateSelection = [this] { return cmbBaud[m_selected]->currentIndex(); };
+    upgradePanel->bitRateSelection = [this] {
+        return controllerPanel->bitRateShown(selectedController());
+    };
     upgradePanel->showBitRate = [this](int rate) {
-        controllerPanel->showBitRate(m_selected, rate);
+        controllerPanel->showBitRate(selectedController(), rate);
     };
     connect(upgradePanel, &UpgradePanel::message, this, &FrmMain::showMessage);
 }
@@ -320,7 +320,6 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     if (!count)
         return false;
     controllerPanel->useControllers(*count);
-    m_controllerCount = controllerPanel->count();
     if (!(*error = m_link.startService()).isEmpty())
         return false;
 
@@ -390,7 +389,7 @@ void FrmMain::EnableBusButtons(bool enable)
 
 void FrmMain::tmrStato_Timer()
 {
-    for (int i = 0; i < m_controllerCount; ++i) {
+    for (int i = 0; i < controllerPanel->count(); ++i) {
         const bool enabled = chkCanEnable[i]->isChecked();
         QString error;
         m_status->showControllerStatus(i, enabled,
@@ -401,6 +400,16 @@ void FrmMain::tmrStato_Timer()
 void FrmMain::cmdNMT_Click(int index)
 {
     nmtPanel->cmdNMT_Click(index);
+}
+
+int FrmMain::selectedController() const
+{
+    return controllerPanel->selected();
+}
+
+int FrmMain::controllerCount() const
+{
+    return controllerPanel->count();
 }
 
 void FrmMain::setMonitorSwitch(bool on)

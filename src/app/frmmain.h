@@ -64,8 +64,8 @@ public:
 
     CanLink* link() { return &m_link; }
     FrmDiagno* monitor() const { return m_monitor; }
-    int selectedController() const override { return m_selected; }
-    int controllerCount() const { return m_controllerCount; }
+    int selectedController() const override;
+    int controllerCount() const;
 
     // Where messages for the user go; a message box titled with the caption unless replaced.
     void setMessageHandler(std::function<void(const QString&)> handler);
@@ -137,8 +137,6 @@ private:
     std::function<void(const QString&)> m_message;
     MessageGate m_messages;
     QElapsedTimer m_messageClock;
-    int m_selected = 0;
-    int m_controllerCount = 0;
     bool m_unloaded = false;
     CanLink::BenchInfo m_bench;
 };

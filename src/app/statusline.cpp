@@ -1,5 +1,6 @@
 #include "statusline.h"
 
+#include "numbers.h"
 #include "sdoabort.h"
 #include "serverconnection.h"
 
@@ -8,7 +9,6 @@
 #include <QPainter>
 #include <QProgressBar>
 #include <QPushButton>
-#include <QRegularExpression>
 #include <QStatusBar>
 
 namespace tessel {
@@ -96,10 +96,9 @@ void StatusLine::reportDone(const QString& text)
 
 void StatusLine::explain(QLineEdit* resultBox, const QString& result)
 {
-    static const QRegularExpression code(QStringLiteral("^[0-9A-Fa-f]{8}$"));
     if (m_resultTip.isEmpty())
         m_resultTip = resultBox->toolTip();
-    if (!code.match(result).hasMatch()) {
+    if (result.size() != 8 || !isHexDigits(result)) {
         resultBox->setToolTip(m_resultTip);
         if (result.isEmpty())
             clearDone();
