@@ -31,7 +31,6 @@ private slots:
     void fixtureReadOut();
     void autoRefreshStopsOnceWhenTheServerGoes();
     void alarmLogSortedAndGrowing();
-    void alarmLogOfAMissingNodeBeeps();
 
 private:
     bool start(const QString& bench, const QStringList& more = {})
@@ -70,8 +69,6 @@ void TstBench::panelPerBench_data()
     QTest::addColumn<bool>("powerWalk");   // the supplies switched through, on one of a kind
     QTest::newRow("asm:3") << "asm:3" << true << false << true << "Sgnl AuxPwr Aux In Brake"
                            << true;
-    QTest::newRow("asm:1") << "asm:1" << true << false << false << "Main En PR Aux In Brake"
-                           << false;
     QTest::newRow("pcb:33") << "pcb:33" << false << true << false << "PCB Main PCB RS" << true;
     QTest::newRow("pcb:34") << "pcb:34" << false << false << false << "PCB Main" << false;
 }
@@ -262,25 +259,6 @@ void TstBench::alarmLogSortedAndGrowing()
     QCOMPARE(newest->child(0)->text(0), QString("alarm"));
     QCOMPARE(newest->child(11)->text(0), QString("time stamp"));
     QCOMPARE(w->trvRecords->topLevelItem(6)->text(2), QString("7 Encoder, time stamp 1204210"));
-}
-
-void TstBench::alarmLogOfAMissingNodeBeeps()
-{
-    QVERIFY(start("asm:3"));
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    int beeps = 0;
-    BenchPanel* p = t.window.benchPanel;
-    p->beep = [&beeps] { ++beeps; };
-    t.window.txtFWNode->setText("5");
-    p->cmdAlarms_Click();
-    QCOMPARE(beeps, 1);
-    QCOMPARE(p->alarmsWindow(), nullptr);
-    QCOMPARE(QGuiApplication::overrideCursor(), nullptr);
-    QVERIFY(!t.window.txtAbort->text().isEmpty());
-    // The monitor follows the bus again.
-    const qsizetype from = t.trace().size();
-    QTRY_VERIFY_WITH_TIMEOUT(driveFrames(t, from) > 0, 3000);
 }
 
 QTEST_MAIN(TstBench)

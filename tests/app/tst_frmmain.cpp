@@ -43,30 +43,18 @@ private slots:
 
     void startUp();
     void nmtButtons();
-    void remoteRequestIsTracedWithoutData();
-    void selectionMovesToLowestEnabled();
-    void bitRateChangeShowsStatus();
-    void secondTesselFollowsChangedConfig();
-    void filterAndChannelBoxes();
     void serverKilledWhileRunning();
     void reconnectWhileTheLossIsShown();
     void serverRestartedBetweenTwoUploads();
     void lssGetAndSet();
     void lssSetRefusesNodeIdsOutOfRange_data();
     void lssSetRefusesNodeIdsOutOfRange();
-    void lssGetWithNobodyThere();
     void promptAnswers_data();
     void promptAnswers();
     void unreachableServerAtStartUp_data();
     void unreachableServerAtStartUp();
     void overTcpCaption();
-    void minimizeCarriesTheMonitor();
-    void callsFromAnEventHandlerAreAnswered();
-    void startsTheLocalServerWhenNoneRuns();
     void sdoPanelWithTheDrive();
-    void sdoDomainThroughThePanel();
-    void vectorRead();
-    void sdoWithoutServer();
 
 private:
     WindowTestBench m_bench;
@@ -130,6 +118,11 @@ void TstFrmMain::startUp()
              qPrintable(w.sbrDone->text()));
     w.chkCanEnable[1]->setChecked(false);
     QVERIFY(w.optSelCanCtrl[0]->isChecked());
+    // No controller left: the bus buttons go off, the bench (no bus) keeps its controls.
+    w.chkCanEnable[0]->setChecked(false);
+    QVERIFY(!w.cmdNMT[2]->isEnabled() && !w.sdoPanel->cmdUpload->isEnabled());
+    QVERIFY(w.benchPanel->cmdDoVout->isEnabled());
+    w.chkCanEnable[0]->setChecked(true);
     QTest::mouseClick(w.cmdDiagno, Qt::LeftButton);
     QVERIFY(w.monitor()->isVisible());
     // The screen follows the trace text in batches.
@@ -164,126 +157,6 @@ void TstFrmMain::nmtButtons()
         QTRY_VERIFY_WITH_TIMEOUT(t.trace().indexOf(steps[button].second, at) > at, 5000);
     }
     QVERIFY(t.messages.isEmpty());
-}
-
-void TstFrmMain::remoteRequestIsTracedWithoutData()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    auto other = m_server->connect();
-    QVERIFY(other);
-    QString error;
-    QVERIFY(other->wait(other->bus()->Advise(), &error));
-    FrameRecorder seen(other.get());
-    QCOMPARE(t.window.SendCanRemote(0x701, 1), false);
-    QVERIFY(t.trace().contains("M0 701 0 000s000.000 > \r\n"));
-    // On the bus it is a request for one byte: no data travels with it.
-    QVERIFY(seen.waitFor(0x701, QByteArray(1, '\0'), 3000));
-    // A data frame longer than 8 bytes is a caller's error: refused, nothing sent.
-    QCOMPARE(t.window.SendCanMsg(0x123, 9, QByteArray(9, 'x')), true);
-    QCOMPARE(t.messages.size(), 1);
-    QVERIFY(!t.trace().contains("T0 123"));
-}
-
-void TstFrmMain::selectionMovesToLowestEnabled()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    FrmMain& w = t.window;
-    w.chkCanEnable[1]->setChecked(true);
-    QCOMPARE(w.selectedController(), 1);
-    QVERIFY(w.optSelCanCtrl[1]->isChecked());
-    w.chkCanEnable[1]->setChecked(false);
-    QCOMPARE(w.selectedController(), 0);
-    QVERIFY(!w.optSelCanCtrl[1]->isEnabled());
-    w.chkCanEnable[0]->setChecked(false);
-    // None left: the selection keeps its last value, the bus buttons go off.
-    QCOMPARE(w.selectedController(), 0);
-    for (QPushButton* b : {w.cmdNMT[2], w.cmdLSSSet, w.sdoPanel->cmdUpload,
-                           w.upgradePanel->cmdUpgrade, w.upgradePanel->cmdStopOnBoot[1],
-                           w.upgradePanel->cmdEnUpgrade, w.benchPanel->cmdAlarms})
-        QVERIFY2(!b->isEnabled(), qPrintable(b->objectName()));
-    // The bench is no bus: its controls stay.
-    QVERIFY(w.benchPanel->cmdDoVout->isEnabled() && w.benchPanel->cmdAcq->isEnabled());
-    // The send routine itself stays harmless: nothing sent, nothing said, the box cleared.
-    w.txtAbort->setText("old");
-    const qsizetype before = t.trace().size();
-    QCOMPARE(w.SendCanMsg(0x000, 2, QByteArray::fromHex("0100")), false);
-    w.cmdNMT_Click(0);
-    QCOMPARE(w.txtAbort->text(), QString());
-    QCOMPARE(t.trace().size(), before);
-    QVERIFY(t.messages.isEmpty());
-    // A disabled controller's bit rate is only remembered; the server keeps its own.
-    w.cmbBaud[0]->setCurrentIndex(4);
-    QString error;
-    auto probe = m_server->connect();
-    QVERIFY(probe);
-    QCOMPARE(probe->wait(probe->bus()->GetBitRate(0), &error)->value(), 0);
-    w.chkCanEnable[0]->setChecked(true); // enabling sends the remembered rate
-    QCOMPARE(probe->wait(probe->bus()->GetBitRate(0), &error)->value(), 4);
-}
-
-void TstFrmMain::bitRateChangeShowsStatus()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    FrmMain& w = t.window;
-    w.tmrStato_Timer();
-    QCOMPARE(w.sbrStato[1]->text(), QString());
-    w.cmbBaud[0]->setCurrentIndex(2); // 500K: the drive is at 1000K
-    // Nobody acknowledges at 500K: after enough frames the controller shows it.
-    for (int i = 0; i < 12; ++i)
-        w.cmdNMT_Click(0);
-    QTRY_VERIFY((w.tmrStato_Timer(), w.sbrStato[1]->text() == "TX EW"));
-    QCOMPARE(w.sbrStato[2]->text(), QString()); // controller 1 is not enabled
-    w.cmbBaud[0]->setCurrentIndex(0);
-    QTRY_VERIFY((w.tmrStato_Timer(), w.sbrStato[1]->text().isEmpty()));
-    QVERIFY(t.messages.isEmpty());
-}
-
-void TstFrmMain::secondTesselFollowsChangedConfig()
-{
-    Tessel first(m_server->socketPath()), second(m_server->socketPath());
-    QVERIFY(first.load());
-    QVERIFY(second.load());
-    auto watcher = m_server->connect();
-    QVERIFY(watcher);
-    QString error;
-    QVERIFY(watcher->wait(watcher->bus()->Advise(), &error));
-    FrameRecorder changes(watcher.get());
-
-    first.window.cmbBaud[0]->setCurrentIndex(2);
-    QTRY_COMPARE(second.window.cmbBaud[0]->currentIndex(), 2);
-    first.window.chkCanEnable[1]->setChecked(true);
-    QTRY_VERIFY(second.window.chkCanEnable[1]->isChecked());
-    QTest::qWait(300);
-    // Only the first window's steps reached the server (set bit rate and restart for 0; set
-    // bit rate and start for 1); the second window followed without sending anything back.
-    const QList<std::tuple<int, bool, int>> expected{
-        {0, true, 2}, {0, true, 2}, {1, false, 0}, {1, true, 0}};
-    QCOMPARE(changes.configChanges, expected);
-    QVERIFY(second.window.optSelCanCtrl[1]->isChecked());
-    QVERIFY(first.messages.isEmpty() && second.messages.isEmpty());
-}
-
-void TstFrmMain::filterAndChannelBoxes()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    FrmDiagno* m = t.window.monitor();
-    m->txtDiscardList[2]->setText(" 701 ");
-    QTest::qWait(1500);
-    QVERIFY(!t.trace().contains("R0 701"));
-    m->chkInvert->setChecked(true); // now 701 is the only one shown
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("R0 701"), 3000);
-    m->chkCV[0]->setChecked(false);
-    const int before = int(t.trace().size());
-    QTest::qWait(1500);
-    QCOMPARE(int(t.trace().size()), before);
-    m->chkCV[0]->setChecked(true);
-    m->chTrace->setChecked(false); // no echo of sent frames
-    t.window.cmdNMT_Click(0);
-    QVERIFY(!t.trace().contains("T0 000"));
 }
 
 void TstFrmMain::serverKilledWhileRunning()
@@ -466,24 +339,6 @@ void TstFrmMain::lssSetRefusesNodeIdsOutOfRange()
     QCOMPARE(w.txtFWNode->text(), QString("FF"));
 }
 
-void TstFrmMain::lssGetWithNobodyThere()
-{
-    // A third controller, on a segment of its own without a drive.
-    ServerProcess three;
-    QVERIFY(three.start({"--unpaced", "--channel", "sim", "--channel", "sim", "--channel", "sim"}));
-    Tessel t(three.socketPath());
-    QVERIFY(t.load());
-    FrmMain& w = t.window;
-    w.chkCanEnable[2]->setChecked(true);
-    w.optSelCanCtrl[2]->setChecked(true);
-    w.txtFWNode->setText("12");
-    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
-    QCOMPARE(w.txtFWNode->text(), QString("12"));  // as it was (and the system beeped)
-    QVERIFY2(w.sbrDone->text().startsWith("LSS Get: no node answered on CAN 2 at any bit rate"),
-             qPrintable(w.sbrDone->text()));
-    QTRY_COMPARE(w.cmbBaud[2]->currentIndex(), 0); // the controller's rate is back
-}
-
 void TstFrmMain::promptAnswers_data()
 {
     QTest::addColumn<bool>("cancel");
@@ -566,10 +421,6 @@ void TstFrmMain::overTcpCaption()
     QString output;
     QTRY_VERIFY((output += tcpServer.output()).contains("TCP port"));
     const QString port = QRegularExpression("TCP port (\\d+)").match(output).captured(1);
-    // Without the server's secret in its settings, Tessel is not let in.
-    Tessel stranger(QStringLiteral("/nonexistent/socket"));
-    QVERIFY(!stranger.load("127.0.0.1:" + port));
-    QVERIFY2(stranger.loadError.contains("secret"), qPrintable(stranger.loadError));
     QFile secretFile(tcpServer.secretPath());
     QVERIFY(secretFile.open(QIODevice::ReadOnly));
     // Servers met in earlier runs may have had this port.
@@ -594,67 +445,6 @@ void TstFrmMain::overTcpCaption()
     // "localhost" in capitals is a name like any other: over TCP, and in the caption.
     Tessel upper(QStringLiteral("/nonexistent/socket"));
     QVERIFY(!upper.load("LOCALHOST:1"));
-}
-
-void TstFrmMain::minimizeCarriesTheMonitor()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    t.window.cmdDiagno->click();
-    QVERIFY(t.window.monitor()->isVisible());
-    t.window.setWindowState(Qt::WindowMinimized);
-    QTRY_VERIFY(!t.window.monitor()->isVisible());
-    t.window.setWindowState(Qt::WindowNoState);
-    QTRY_VERIFY(t.window.monitor()->isVisible());
-    // A monitor that was closed before the minimize stays closed.
-    t.window.monitor()->close();
-    t.window.setWindowState(Qt::WindowMinimized);
-    t.window.setWindowState(Qt::WindowNoState);
-    QTest::qWait(100);
-    QVERIFY(!t.window.monitor()->isVisible());
-}
-
-void TstFrmMain::callsFromAnEventHandlerAreAnswered()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    // As ProgressNotify will ask the bench: a call to the server from inside an event.
-    QElapsedTimer clock;
-    int answered = 0;
-    qint64 slowest = 0;
-    QStringList errors;
-    connect(t.window.link(), &CanLink::framesReceived, this, [&] {
-        if (answered >= 3)
-            return;
-        QString error;
-        clock.start();
-        if (t.window.link()->controllerCount(&error) != 2)
-            errors << error;
-        slowest = qMax(slowest, clock.elapsed());
-        ++answered;
-    });
-    QTRY_COMPARE_WITH_TIMEOUT(answered, 3, 20000);
-    QVERIFY2(errors.isEmpty(), qPrintable(errors.join("; ")));
-    QVERIFY2(slowest < 1000, qPrintable(QString::number(slowest)));
-}
-
-void TstFrmMain::startsTheLocalServerWhenNoneRuns()
-{
-    QTemporaryDir dir;
-    const QString socket = dir.filePath("qorcalib");
-    // The program looks beside itself, then on PATH.
-    const QByteArray path = qgetenv("PATH");
-    qputenv("PATH", QFileInfo(QORCALIB_SERVER_PATH).absolutePath().toLocal8Bit() + ":" + path);
-    {
-        Tessel t(socket);
-        QVERIFY(t.load());
-        qputenv("PATH", path);
-        QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("R0 701 1 "), 5000);
-        t.window.formUnload();
-    }
-    // A server started this way ends a while after its last client left.
-    QVERIFY(QFile::exists(socket));
-    QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(socket), 20000);
 }
 
 void TstFrmMain::sdoPanelWithTheDrive()
@@ -714,72 +504,6 @@ void TstFrmMain::sdoPanelWithTheDrive()
     QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
     QTRY_VERIFY(t.trace().contains("T0 601 8 000s000.000 > A4 18 10 02 7F 04 00 00 "));
     QVERIFY(t.trace().contains("R0 581 8 "));
-}
-
-void TstFrmMain::sdoDomainThroughThePanel()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
-    SdoPanel* p = t.window.sdoPanel;
-    QByteArray block(100 * 1024, '\0');
-    for (int i = 0; i < block.size(); ++i)
-        block[i] = char((i * 31 + (i >> 9)) & 0xFF);
-    p->setData(block);
-    p->cmbIndex->setCurrentText("1,2040,0");
-    QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString());
-    QTest::mouseClick(p->cmdClear, Qt::LeftButton);
-    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString());
-    QVERIFY(p->txtDataHex->text() == QString::fromLatin1(block.toHex()).toUpper());
-}
-
-void TstFrmMain::vectorRead()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
-    SdoPanel* p = t.window.sdoPanel;
-    p->cmbIndex->setCurrentText("1,2100,5"); // the sub-index typed is not used
-    QTest::mouseClick(p->cmdGetVect, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString());
-    const QStringList lines = p->txtVectGet->toPlainText().split('\n', Qt::SkipEmptyParts);
-    QCOMPARE(lines.size(), 8);
-    QCOMPARE(lines[0], QString("000003E8 1000"));
-    QCOMPARE(lines[7], QString("00001F40 8000"));
-    p->chkVHex->setChecked(false);
-    p->cmbIndex->setCurrentText("1,1018,0");
-    QTest::mouseClick(p->cmdGetVect, Qt::LeftButton);
-    QCOMPARE(p->txtVectGet->toPlainText().split('\n', Qt::SkipEmptyParts).first(), QString("929"));
-    // An entry that aborts ends the list there: 0x1018 has 4 entries but says 4 in sub 0 only
-    // up to what exists; a missing object aborts at once and leaves the list empty.
-    p->cmbIndex->setCurrentText("1,3000,0");
-    QTest::mouseClick(p->cmdGetVect, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString("06020000"));
-    QCOMPARE(p->txtVectGet->toPlainText(), QString());
-}
-
-void TstFrmMain::sdoWithoutServer()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    QString error;
-    // The time-out goes to both the service and the bus.
-    t.window.txtSDOTimeOut->setText("250");
-    QTest::mouseClick(t.window.sdoPanel->cmdSetSDOTout, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString());
-    QCOMPARE(t.window.link()->sdoTimeoutMs(), 250);
-    t.window.sdoPanel->cmbIndex->setCurrentText("5,1018,1"); // nobody is node 5
-    QTest::mouseClick(t.window.sdoPanel->cmdUpload, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString("SDO timeout"));
-    m_server->kill();
-    QTRY_COMPARE(t.window.sbrStato[0]->text(), QStringLiteral("CAN server not reachable"));
-    QElapsedTimer clock;
-    clock.start();
-    QTest::mouseClick(t.window.sdoPanel->cmdUpload, Qt::LeftButton);
-    QVERIFY(clock.elapsed() < 2000);
-    QVERIFY(t.window.txtAbort->text().startsWith("CAN server not reachable"));
 }
 
 QTEST_MAIN(TstFrmMain)

@@ -61,11 +61,8 @@ class TstMonitorTools : public QObject
     Q_OBJECT
 private slots:
     void initTestCase();
-    void slotStartsTheDrive();
     void composerListGoesOutCompleteAndInOrder();
     void acquisitionOfTenThousandFramesExports();
-    void sliderSendsItsValue();
-    void toolWindowsFollowTheMainWindow();
     void runningToolsStopWhenTheServerGoes();
 
 private:
@@ -75,22 +72,6 @@ private:
 void TstMonitorTools::initTestCase()
 {
     m_bench.useOwnSettings();
-}
-
-void TstMonitorTools::slotStartsTheDrive()
-{
-    QVERIFY(m_bench.startServer());
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
-    FrmDiagno* monitor = t.window.monitor();
-    setSlot(monitor, 0, "000", "2", {"01", "00"});
-    QTest::mouseClick(monitor->slotGrid->btnSend[0], Qt::LeftButton);
-    QVERIFY(t.trace().contains("T0 000 2 000s000.000 > 01 00 "));
-    // The drive's heartbeat turns to operational.
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains(QRegularExpression("R0 7[0-9A-F]{2} 1 .* > 05 ")),
-                             5000);
-    QVERIFY2(t.messages.isEmpty(), qPrintable(t.messages.join("; ")));
 }
 
 void TstMonitorTools::composerListGoesOutCompleteAndInOrder()
@@ -151,55 +132,6 @@ void TstMonitorTools::acquisitionOfTenThousandFramesExports()
         const QByteArray data = QByteArray::number(i).left(i % 9);
         QCOMPARE(m.captured(2).toInt(), int(data.size()));
     }
-}
-
-void TstMonitorTools::sliderSendsItsValue()
-{
-    QVERIFY(m_bench.startServer());
-    Observer observer(m_bench.server->socketPath(), {"201"});
-    QVERIFY(observer.ok);
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    setSlot(t.window.monitor(), 2, "201", "4");
-    QTest::mouseClick(t.window.cmdIO, Qt::LeftButton);
-    FrmIO* io = t.window.objectSlider();
-    QVERIFY(io && io->isVisible());
-    io->cmbObject->setCurrentIndex(2);
-    io->sldSlide->setValue(io->sldSlide->maximum());
-    io->sldSlide->setValue(0);
-    QTRY_COMPARE(observer.frames().count(), qsizetype(2));
-    // 67108864, then -67108864, as four little-endian bytes.
-    QCOMPARE(QByteArray(reinterpret_cast<const char*>(observer.frames().at(0).data), 4),
-             QByteArray("\x00\x00\x00\x04", 4));
-    const auto& f = observer.frames().at(1);
-    QCOMPARE(QByteArray(reinterpret_cast<const char*>(f.data), 4),
-             QByteArray("\x00\x00\x00\xFC", 4));
-}
-
-void TstMonitorTools::toolWindowsFollowTheMainWindow()
-{
-    QVERIFY(m_bench.startServer());
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    t.window.show();
-    t.window.cmdDiagno->click();
-    t.window.monitor()->cmdSeq_Click();
-    t.window.monitor()->cmdInvia_Click();
-    t.window.cmdIO->click();
-    // The composer was closed before the minimize: it stays closed.
-    t.window.monitor()->composer()->close();
-    QList<QWidget*> shown = {t.window.monitor(), t.window.monitor()->sequencer(),
-                             t.window.objectSlider()};
-    for (QWidget* w : shown)
-        QVERIFY(w->isVisible());
-    t.window.setWindowState(Qt::WindowMinimized);
-    for (QWidget* w : shown)
-        QTRY_VERIFY(!w->isVisible());
-    t.window.setWindowState(Qt::WindowNoState);
-    for (QWidget* w : shown)
-        QTRY_VERIFY(w->isVisible());
-    QTest::qWait(50);
-    QVERIFY(!t.window.monitor()->composer()->isVisible());
 }
 
 void TstMonitorTools::runningToolsStopWhenTheServerGoes()

@@ -40,7 +40,6 @@ private slots:
     void initTestCase() { m_bench.useOwnSettings(); }
     void savedTraceReadsBack_data();
     void savedTraceReadsBack();
-    void framesFollowTheTraceBounds();
     void replayedFramesAreTracedOnceAtTheirTimes();
     void replayFailures_data();
     void replayFailures();
@@ -94,45 +93,6 @@ void TstTraceFiles::savedTraceReadsBack()
     // A name of another kind is refused with a message.
     QVERIFY(!m->traceFiles->saveTrace(m_dir.filePath("trace.txt")));
     QVERIFY(t.messages.last().contains("name the file .log"));
-}
-
-void TstTraceFiles::framesFollowTheTraceBounds()
-{
-    QVERIFY(m_bench.startServer());
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    FrmDiagno* m = t.window.monitor();
-    m->chTrace->setChecked(false); // only the frames written here
-    m->setTraceReceived(false);
-    const quint8 data[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    for (int i = 0; i < 10000; ++i) {
-        m->traceFrame(0, 1, quint32(0x100 + i % 0x100), quint32(i) * 1000u, 8, data);
-        // The kept frames are the trace's whole lines, the newest last.
-        if (i % 997 == 0 || i == 9999) {
-            const QString text = t.trace();
-            const qsizetype whole = text.count("\r\n") - (text.startsWith("R0 ") ? 0 : 1);
-            QVERIFY2(qAbs(qsizetype(m->traceFrames().size()) - whole) <= 1,
-                     qPrintable(QStringLiteral("%1 frames for %2 lines")
-                                    .arg(m->traceFrames().size())
-                                    .arg(whole)));
-            QCOMPARE(m->traceFrames().back().timeUs, qint64(i) * 1000);
-        }
-    }
-    // Bounded as the trace is: 65,000 characters of 33-character lines.
-    QVERIFY(m->traceFrames().size() < 2000);
-    // Times go on across the server's 32-bit wrap, and an echoed frame (no server time) takes
-    // the last time seen instead of going back to 0.
-    const qint64 last = m->traceFrames().back().timeUs;
-    m->traceFrame(0, 1, 0x181, 0xFFFFFF00u, 8, data);
-    m->traceFrame(0, 2, 0x000, 0, 2, data);
-    m->traceFrame(0, 1, 0x181, 0x00000100u, 8, data);
-    const auto& f = m->traceFrames();
-    QCOMPARE(f[f.size() - 3].timeUs, qint64(0xFFFFFF00u));
-    QCOMPARE(f[f.size() - 2].timeUs, qint64(0xFFFFFF00u));
-    QCOMPARE(f.back().timeUs, (qint64(1) << 32) + 0x100);
-    QVERIFY(last < f.back().timeUs);
-    QTest::mouseClick(m->btnRes, Qt::LeftButton);
-    QVERIFY(m->traceFrames().empty());
 }
 
 void TstTraceFiles::replayedFramesAreTracedOnceAtTheirTimes()

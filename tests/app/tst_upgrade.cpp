@@ -36,9 +36,6 @@ private slots:
     void failures();
     void serverGoesAwayDuringTheDownload();
     void stopOnBootWithNothingBooting();
-    void toolTip();
-    void history();
-    void clickDuringThePostProcessorIsDropped();
 
 private:
     QString sample(const char* name) const
@@ -308,116 +305,6 @@ void TstUpgrade::stopOnBootWithNothingBooting()
     QCOMPARE(t.window.txtAbort->text(), QString("(none)"));
     QCOMPARE(t.window.link()->bitRate(0, &error), std::optional<int>(2));
     QCOMPARE(t.window.cmbBaud[0]->currentIndex(), 2);
-}
-
-void TstUpgrade::toolTip()
-{
-    QVERIFY(m_bench.startServer());
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    UpgradePanel* p = t.window.upgradePanel;
-    const auto hover = [p] {
-        QHelpEvent event(QEvent::ToolTip, QPoint(2, 2), p->cmdUpgrade->mapToGlobal(QPoint(2, 2)));
-        QApplication::sendEvent(p->cmdUpgrade, &event);
-        return p->cmdUpgrade->toolTip();
-    };
-    p->cmbFileName->setEditText(sample("drive-2.1.7.sx"));
-    QVERIFY2(hover().startsWith("App 0012h / V2.1.7 / SF 0001A2B3h / HF 00000004h ("),
-             qPrintable(p->cmdUpgrade->toolTip()));
-    p->cmbFileName->setEditText(sample("drive-2.0.9.S"));
-    QVERIFY(hover().startsWith("V2.0.9 ("));
-    p->cmbFileName->setEditText(m_files.filePath("gone.S"));
-    QCOMPARE(hover(), QStringLiteral("Error: 53/1 (%1 not found)").arg(m_files.filePath("gone.S")));
-    QVERIFY(p->cmdUpgrade->statusTip().contains("not found"));
-    // Once the file is there, the tip follows.
-    QVERIFY(QFile::copy(sample("drive-2.0.9.S"), m_files.filePath("gone.S")));
-    QVERIFY(hover().startsWith("V2.0.9 ("));
-    QVERIFY(p->cmdUpgrade->statusTip().isEmpty());
-    const QString raw = copyToTemp("raw-2.2.0.S");
-    p->cmbFileName->setEditText(raw);
-    p->txtPostProcOpt->setText("--fail");
-    QVERIFY2(hover().startsWith("Error: 5/2 (the post-processor failed on "), qPrintable(hover()));
-    p->txtPostProcOpt->setText("-x");
-    QVERIFY(hover().startsWith("App 0012h / V2.2.0 / SF 0001C4D5h / HF 00000004h ("));
-}
-
-void TstUpgrade::history()
-{
-    QVERIFY(m_bench.startServer());
-    QStringList names;
-    {
-        Tessel t(m_bench.server->socketPath());
-        QVERIFY(t.load());
-        UpgradePanel* p = t.window.upgradePanel;
-        p->AddRecentFile("/fw/c.S", "-c");
-        p->AddRecentFile("/fw/b.S", "-b");
-        p->AddRecentFile("/fw/a.S", "-a");
-        // Picking an item brings its options; a typed name that is in the list selects it.
-        p->cmbFileName->setCurrentIndex(2);
-        QCOMPARE(p->txtPostProcOpt->text(), QString("-c"));
-        p->cmbFileName->setEditText("/fw/b.S");
-        p->cmbFileName_Validate();
-        QCOMPARE(p->cmbFileName->currentIndex(), 1);
-        QCOMPARE(p->txtPostProcOpt->text(), QString("-b"));
-        p->cmbFileName->setEditText("/fw/B.S"); // names compare exactly
-        p->cmbFileName_Validate();
-        QCOMPARE(p->txtPostProcOpt->text(), QString("-b"));
-        // A cancelled dialog leaves the box; a chosen file is selected.
-        p->chooseOpenFile = [](const QString& title, const QString&, const QString&) {
-            return title == "Apri hex file" ? QString() : QString("wrong");
-        };
-        p->cmdFNApp_Click();
-        QCOMPARE(p->cmbFileName->currentText(), QString("/fw/B.S"));
-        p->chooseOpenFile = [](const QString&, const QString& filter, const QString&) {
-            return filter == UpgradePanel::kFileFilter ? QString("/fw/c.S") : QString();
-        };
-        p->cmdFNApp_Click();
-        QCOMPARE(p->cmbFileName->currentText(), QString("/fw/c.S"));
-        QCOMPARE(p->txtPostProcOpt->text(), QString("-c"));
-        // Upgrading with the third moves it to the top (as a successful upgrade does).
-        p->AddRecentFile("/fw/c.S", "-c2");
-        for (int i = 0; i < p->cmbFileName->count(); ++i)
-            names << p->cmbFileName->itemText(i);
-        QCOMPARE(names, QStringList({"/fw/c.S", "/fw/a.S", "/fw/b.S"}));
-        t.window.formUnload();
-    }
-    {
-        Tessel t(m_bench.server->socketPath());
-        QVERIFY(t.load());
-        UpgradePanel* p = t.window.upgradePanel;
-        QCOMPARE(p->cmbFileName->count(), 3);
-        QCOMPARE(p->cmbFileName->itemText(0), names[0]);
-        p->cmbFileName->setCurrentIndex(0);
-        QCOMPARE(p->txtPostProcOpt->text(), QString("-c2"));
-        p->cmdUpgrClear_Click();
-        QCOMPARE(p->cmbFileName->count(), 0);
-        QCOMPARE(p->txtPostProcOpt->text(), QString());
-    }
-}
-
-void TstUpgrade::clickDuringThePostProcessorIsDropped()
-{
-    QVERIFY(m_bench.startServer());
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    t.window.show();
-    UpgradePanel* p = t.window.upgradePanel;
-    p->AddRecentFile("/fw/kept.S", "");
-    p->cmbFileName->setEditText(copyToTemp("raw-2.2.0.S"));
-    p->txtPostProcOpt->setText("--fail");
-    // A click on "Clear" made while the post-processor runs is waiting in the queue.
-    const QPoint at = p->cmdUpgrClear->rect().center();
-    const QPoint global = p->cmdUpgrClear->mapToGlobal(at);
-    QCoreApplication::postEvent(p->cmdUpgrClear,
-                                new QMouseEvent(QEvent::MouseButtonPress, at, global,
-                                                Qt::LeftButton, Qt::LeftButton, Qt::NoModifier));
-    QCoreApplication::postEvent(p->cmdUpgrClear,
-                                new QMouseEvent(QEvent::MouseButtonRelease, at, global,
-                                                Qt::LeftButton, Qt::NoButton, Qt::NoModifier));
-    p->cmdUpgrade_Click();
-    QCOMPARE(t.window.txtAbort->text(), QString("PostProc err"));
-    QTest::qWait(50);
-    QCOMPARE(p->cmbFileName->count(), 1);
 }
 
 QTEST_MAIN(TstUpgrade)

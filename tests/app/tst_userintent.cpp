@@ -62,17 +62,10 @@ private slots:
     void cleanup();
 
     void inputDuringAWaitIsDropped();
-    void sliderLetGoDuringAWaitIsReleased();
     void abortEndsTheWaitAndTheTransferOnTheBus();
-    void sdoTimeOutOutOfRangeIsRefused_data();
-    void sdoTimeOutOutOfRangeIsRefused();
     void wheelChangesOnlyWhatWasClickedInto_data();
     void wheelChangesOnlyWhatWasClickedInto();
     void addressIsNotCompletedAndEnterUploads();
-    void everyViewCanBeTypedBack();
-    void closingTheMainWindowEndsTheProgram();
-    void tabFollowsTheLayout();
-    void allRxThroughTheMonitor();
     void progressShowsTheTransferAndItsEnd();
 
 private:
@@ -127,35 +120,6 @@ void TstUserIntent::inputDuringAWaitIsDropped()
     QTRY_COMPARE(countFrames(frames, 0x000), 1);
 }
 
-void TstUserIntent::sliderLetGoDuringAWaitIsReleased()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    t.window.cmdIO->click();
-    QSlider* slider = t.window.objectSlider()->sldSlide;
-    QVERIFY(QTest::qWaitForWindowExposed(slider->window()));
-    QStyleOptionSlider option;
-    option.initFrom(slider);
-    option.orientation = slider->orientation();
-    option.minimum = slider->minimum();
-    option.maximum = slider->maximum();
-    option.sliderPosition = slider->sliderPosition();
-    const QPoint handle =
-        slider->style()
-            ->subControlRect(QStyle::CC_Slider, &option, QStyle::SC_SliderHandle, slider)
-            .center();
-    // The user grabs the handle, a wait begins (an upload from a silent node), and the button
-    // is let go while it lasts: the slider must not stay grabbed afterwards.
-    QTest::mousePress(slider, Qt::LeftButton, {}, handle);
-    QVERIFY(slider->isSliderDown());
-    QTimer::singleShot(
-        200, slider, [slider, handle] { QTest::mouseRelease(slider, Qt::LeftButton, {}, handle); });
-    t.window.sdoPanel->cmbIndex->setCurrentText("7e,1018,1");
-    t.window.sdoPanel->cmdUpload_Click();
-    QCOMPARE(t.window.txtAbort->text(), QString("SDO timeout"));
-    QVERIFY(!slider->isSliderDown());
-}
-
 void TstUserIntent::abortEndsTheWaitAndTheTransferOnTheBus()
 {
     Tessel t(m_server->socketPath());
@@ -199,43 +163,6 @@ void TstUserIntent::abortEndsTheWaitAndTheTransferOnTheBus()
     p->cmbIndex->setCurrentText("1,1018,1");
     QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
     QCOMPARE(t.window.txtAbort->text(), QString());
-}
-
-void TstUserIntent::sdoTimeOutOutOfRangeIsRefused_data()
-{
-    QTest::addColumn<QString>("typed");
-    QTest::addColumn<QString>("inForce");
-    QTest::newRow("70000") << "70000"
-                           << "1000";
-    QTest::newRow("65536") << "65536"
-                           << "1000";
-    QTest::newRow("abc") << "abc"
-                         << "1000";
-    QTest::newRow("-5") << "-5"
-                        << "1000";
-    QTest::newRow("0") << "0"
-                       << "1000";
-    QTest::newRow("65535") << "65535"
-                           << "65535";
-    QTest::newRow("1") << "1"
-                       << "1";
-    QTest::newRow("2500.4") << "2500.4"
-                            << "2500";
-}
-
-void TstUserIntent::sdoTimeOutOutOfRangeIsRefused()
-{
-    QFETCH(QString, typed);
-    QFETCH(QString, inForce);
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    t.window.txtSDOTimeOut->setText(typed);
-    QTest::mouseClick(t.window.sdoPanel->cmdSetSDOTout, Qt::LeftButton);
-    QCOMPARE(t.window.txtSDOTimeOut->text(), inForce);
-    const bool refused = inForce == "1000";
-    QCOMPARE(t.window.txtAbort->text().contains("refused"), refused);
-    QString error;
-    QCOMPARE(t.window.link()->sdoTimeout(&error).value_or(-1), inForce.toInt());
 }
 
 void TstUserIntent::wheelChangesOnlyWhatWasClickedInto_data()
@@ -322,122 +249,6 @@ void TstUserIntent::addressIsNotCompletedAndEnterUploads()
     // "1,1018" is index 0x1018 sub-index 0x18, which the drive does not have.
     QCOMPARE(t.window.txtAbort->text(), QString("06090011"));
     QCOMPARE(p->cmbIndex->currentText(), QString("1,1018"));
-}
-
-void TstUserIntent::everyViewCanBeTypedBack()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    SdoPanel* p = t.window.sdoPanel;
-    const auto type = [](QLineEdit* edit, const QString& text) {
-        edit->selectAll();
-        QTest::keyClicks(edit, text);
-    };
-    p->setData(QByteArray::fromHex("FFFFFFFF"));
-    QCOMPARE(p->txtLong->text(), QString("4294967295"));
-    type(p->txtLong, "4294967295");
-    QCOMPARE(p->txtDataHex->text(), QString("FFFFFFFF"));
-    type(p->txtLong, "-2");
-    QCOMPARE(p->txtDataHex->text(), QString("FEFFFFFF"));
-    QVERIFY(!p->txtLong->property("overflow").toBool());
-
-    type(p->txtByte, "300");
-    QCOMPARE(p->txtDataHex->text(), QString("2C"));
-    QVERIFY(p->txtByte->property("overflow").toBool());
-    QVERIFY2(p->txtByte->toolTip().contains("2C is sent"), qPrintable(p->txtByte->toolTip()));
-    type(p->txtWord, "70000");
-    QVERIFY(p->txtWord->property("overflow").toBool());
-    QVERIFY(!p->txtByte->property("overflow").toBool()); // rewritten: shows what is sent
-    type(p->txtWord, "65535");
-    QVERIFY(!p->txtWord->property("overflow").toBool());
-    QCOMPARE(p->txtDataHex->text(), QString("FFFF"));
-
-    // The hex view marks what is not whole bytes, with what would go out.
-    for (const auto& [typed, sent] : {std::pair{"GG", "EF"}, std::pair{"1 2 3", "0F1F03"}}) {
-        type(p->txtDataHex, typed);
-        QVERIFY(p->txtDataHex->property("overflow").toBool());
-        QCOMPARE(
-            p->txtDataHex->toolTip(),
-            QStringLiteral("%1 is not whole bytes in hexadecimal: %2 is sent").arg(typed, sent));
-    }
-    type(p->txtWord, "1");
-    QVERIFY(!p->txtDataHex->property("overflow").toBool());
-}
-
-void TstUserIntent::closingTheMainWindowEndsTheProgram()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    t.window.show();
-    QTimer::singleShot(0, &t.window, [&t] {
-        t.window.cmdDiagno->click();
-        t.window.monitor()->close();
-        t.window.cmdDiagno->click();
-        t.window.cmdEDS->click();
-        t.window.close();
-    });
-    // Should the program stay, this ends the wait with another code.
-    QTimer::singleShot(10000, qApp, [] { QCoreApplication::exit(99); });
-    QCOMPARE(QCoreApplication::exec(), 0);
-}
-
-void TstUserIntent::tabFollowsTheLayout()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    t.window.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&t.window));
-    QStringList visited;
-    QWidget* w = t.window.chkCanEnable[0];
-    for (int i = 0; i < 200 && w; ++i) {
-        if ((w->focusPolicy() & Qt::TabFocus) && w->isEnabled() && w->isVisible())
-            visited << w->objectName();
-        w = w->nextInFocusChain();
-        if (w == static_cast<QWidget*>(t.window.chkCanEnable[0]))
-            break;
-    }
-    QVERIFY(!visited.contains("txtAbort"));
-    const QStringList expected{
-        "chkCanEnable_0", "cmbBaud_0",     "cmbBaud_1",     "cmdNMT_0",   "cmdNMT_4",
-        "cmbIndex",       "cmdUpload",     "cmdDownload",   "txtDataHex", "cmdClear",
-        "txtDataText",    "txtByte",       "txtWord",       "txtLong",    "cmdGetVect",
-        "txtVectGet",     "txtSDOTimeOut", "cmdSetSDOTout", "cmdUpgrade", "chkPowerMain",
-        "cmdAlarms",      "txtVout",       "cmdShutdown",   "cmdDiagno",  "cmdEDS"};
-    int at = -1;
-    for (const QString& name : expected) {
-        const int next = int(visited.indexOf(name));
-        QVERIFY2(next > at, qPrintable(name + " out of order in " + visited.join(' ')));
-        at = next;
-    }
-}
-
-void TstUserIntent::allRxThroughTheMonitor()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
-    auto other = m_server->attach();
-    QVERIFY(other);
-    QString error;
-    const auto otherUpload = [&] {
-        QSignalSpy done(other->notify(), &QCSNotifyReplica::OperationDone);
-        QVERIFY(other->wait(other->service()->SdoUpload(0, 1, 0x1018, 1), &error));
-        QTRY_COMPARE(done.size(), 1);
-    };
-    // Another session's SDO exchange is its own business...
-    otherUpload();
-    QTest::qWait(200);
-    QVERIFY(!t.trace().contains("R0 581"));
-    // ...until "En All Rx" asks for every frame of the bus.
-    t.window.monitor()->chkEnAllRx->setChecked(true);
-    otherUpload();
-    QTRY_VERIFY(t.trace().contains("R0 601 8") && t.trace().contains("R0 581 8"));
-    t.window.monitor()->chkEnAllRx->setChecked(false);
-    const qsizetype before = t.trace().size();
-    otherUpload();
-    QTest::qWait(200);
-    QVERIFY(!t.trace().mid(before).contains("R0 581"));
-    QVERIFY(t.messages.isEmpty());
 }
 
 void TstUserIntent::progressShowsTheTransferAndItsEnd()

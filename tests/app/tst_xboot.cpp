@@ -26,7 +26,6 @@ private slots:
     void identityLoading();
     void failedRunKeepsTheSerialForTheRetry();
     void unpoweredUnitBeeps();
-    void settingsKeepTheFiles();
 
 private:
     int counter() const;
@@ -200,23 +199,6 @@ void TstXBoot::unpoweredUnitBeeps()
     QCOMPARE(x->txtIDSK->text(), QString());
     QVERIFY(x->isEnabled());
     QCOMPARE(QGuiApplication::overrideCursor(), nullptr);
-}
-
-void TstXBoot::settingsKeepTheFiles()
-{
-    {
-        Tessel t(m_bench.server->socketPath());
-        QVERIFY(t.load());
-        open(t);
-        t.window.formUnload();
-    }
-    QSettings user(QSettings::IniFormat, QSettings::UserScope, "Qor", "Qor.Tessel");
-    QCOMPARE(user.value("filename/xboot").toString(), m_fw + "/app.s");
-    QCOMPARE(user.value("filename/xcfg").toString(), m_fw + "/drive.cfg");
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    t.window.cmdXBoot->click();
-    QCOMPARE(t.window.productionWindow()->txtFileName->text(), m_fw + "/app.s");
 }
 
 QTEST_MAIN(TstXBoot)
