@@ -29,8 +29,6 @@ private slots:
     void cleanup();
 
     void twoSessionsSeeEachOthersFrames();
-    void transmitReportsCanBeSwitchedOff();
-    void changedConfigReachesEverySession();
     void mismatchedBitRateIsNotDelivered();
     void driveFollowsNmtCommands_data();
     void driveFollowsNmtCommands();
@@ -38,23 +36,16 @@ private slots:
     void badInputIsRefused_data();
     void badInputIsRefused();
     void timedFramesKeepTheirTimes();
-    void sessionObjectsAreTheSessionsOwn();
     void sdoWithTheDrive();
     void sdoAborts_data();
     void sdoAborts();
-    void sdoDomainRoundTrip();
     void sdoSilentNodeTimesOut();
     void sdoBounds();
-    void sdoLongerThanItsTimeOut();
-    void sdoFramesAreTheirSessionsOwn();
     void absentNodeHoldsUpOnlyItself();
     void killedClientIsReaped();
-    void transferEndsWithItsSession();
-    void sessionRightAfterAnotherEnds();
     void garbageOnTheSocketIsDropped_data();
     void garbageOnTheSocketIsDropped();
     void lostServerFailsCallsInTime();
-    void clientOverTcp();
     void refusesToStart_data();
     void refusesToStart();
 
@@ -140,46 +131,6 @@ void TstServer::twoSessionsSeeEachOthersFrames()
     QCOMPARE(ra.find(0x123, hex("0a0b0c")), -1);
     QCOMPARE(rb.find(0x321, {}), -1);
     QCOMPARE(ra.received.last().controller, 0);
-}
-
-void TstServer::transmitReportsCanBeSwitchedOff()
-{
-    QVERIFY(startServer());
-    auto a = attach(), b = attach();
-    QVERIFY(a && b);
-    FrameRecorder ra(a.get()), rb(b.get());
-    CALL_OK(a, bus()->StartController(0));
-    CALL_OK(a, bus()->SetTxNotify(false));
-    CALL_OK(a, bus()->Send(0, CanMsg(0x200, 1, hex("01")), 0));
-    CALL_OK(a, bus()->SetTxNotify(true));
-    CALL_OK(a, bus()->Send(0, CanMsg(0x201, 1, hex("02")), 0));
-    QVERIFY(rb.waitFor(0x201, hex("02"), 3000));
-    QTRY_COMPARE(ra.transmitted.size(), 1);
-    QCOMPARE(ra.transmitted[0].frame.id, quint16(0x201));
-    // A detached session hears nothing, its own transmissions included.
-    CALL_OK(b, bus()->Unadvise());
-    rb.clear();
-    CALL_OK(a, bus()->Send(0, CanMsg(0x202, 0, {}), 0));
-    CALL_OK(b, bus()->Send(0, CanMsg(0x203, 0, {}), 0));
-    QVERIFY(ra.waitFor(0x203, {}, 3000));
-    QVERIFY(rb.received.isEmpty() && rb.transmitted.isEmpty());
-}
-
-void TstServer::changedConfigReachesEverySession()
-{
-    QVERIFY(startServer());
-    auto a = attach(), b = attach();
-    QVERIFY(a && b);
-    FrameRecorder ra(a.get()), rb(b.get());
-    CALL_OK(a, bus()->StartController(1));
-    CALL_OK(a, bus()->SetBitRate(1, 4));
-    CALL_OK(a, bus()->StopController(1));
-    const QList<std::tuple<int, bool, int>> expected{{1, true, 3}, {1, true, 4}, {1, false, 4}};
-    QTRY_COMPARE(rb.configChanges, expected);
-    QTRY_COMPARE(ra.configChanges, expected);
-    QString error;
-    QCOMPARE(b->wait(b->bus()->GetBitRate(1), &error)->value(), 4);
-    QCOMPARE(b->wait(b->bus()->GetControllerCount(), &error)->value(), 2);
 }
 
 void TstServer::mismatchedBitRateIsNotDelivered()
@@ -463,21 +414,6 @@ void TstServer::badInputIsRefused()
     QCOMPARE(b->wait(b->service()->GetSdoTimeOut(), &error)->value(), 1000);
 }
 
-void TstServer::sessionObjectsAreTheSessionsOwn()
-{
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    QString error;
-    // The objects the connectors hand out are this session's own.
-    const auto service = a->wait(a->connector()->GetService(""), &error);
-    QCOMPARE(service->name(), a->sessionName() + "/QCSService");
-    QCOMPARE(a->wait(a->testConnector()->GetBenchIo(), &error)->name(),
-             a->sessionName() + "/QCSBenchIo");
-    QCOMPARE(a->wait(a->testConnector()->GetShutdownRequest(), &error)->value(), 0);
-    CALL_OK(a, serverWindow()->Show()); // no display: nothing happens, no error
-}
-
 namespace {
 // One SDO transfer through the server: the request, then its OperationDone.
 std::optional<OperationResult> sdoTransfer(ServerConnection* c, bool upload, int node, int index,
@@ -584,32 +520,6 @@ void TstServer::sdoAborts()
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
 }
 
-void TstServer::sdoDomainRoundTrip()
-{
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    FrameRecorder ra(a.get());
-    QSignalSpy progress(a->notify(), &QCSNotifyReplica::ProgressNotify);
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
-    QByteArray image(100 * 1024, '\0');
-    for (int i = 0; i < image.size(); ++i)
-        image[i] = char((i * 131 + (i >> 8)) & 0xFF);
-    const auto down = sdoTransfer(a.get(), false, 1, 0x2040, 0, image);
-    QVERIFY(down);
-    QCOMPARE(down->abortCode(), 0u);
-    QVERIFY(down->error().isEmpty());
-    const auto up = sdoTransfer(a.get(), true, 1, 0x2040, 0);
-    QVERIFY(up);
-    QCOMPARE(up->data().size(), image.size());
-    QVERIFY(up->data() == image);
-    QTRY_VERIFY(progress.size() > 10);
-    // Each transfer reports up to all of it, then back to 0 at its end.
-    QCOMPARE(progress.last().at(0).toDouble(), 0.0);
-    QCOMPARE(progress.at(progress.size() - 2).at(0).toDouble(), 1.0);
-}
-
 void TstServer::sdoBounds()
 {
     QVERIFY(startServer());
@@ -625,30 +535,6 @@ void TstServer::sdoBounds()
     CALL_OK(a, service()->SetSdoTimeout(50));
     const auto request = a->wait(a->service()->SdoUpload(0, 127, 0x1018, 1), &error);
     QVERIFY(request && request->error().isEmpty() && request->requestId() > 0);
-}
-
-void TstServer::sdoLongerThanItsTimeOut()
-{
-    // The bus at its real pace, segmented transfer, a 100 ms time-out: 8 KiB take several
-    // time-outs in all, and succeed because each answer comes in time.
-    QVERIFY(m_server->start({"--eds", fastHeartbeatEds(m_dir), "--sdo-segmented"}));
-    auto a = attach();
-    QVERIFY(a);
-    FrameRecorder frames(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(frames.waitFor(0x701, hex("7f"), 3000));
-    CALL_OK(a, service()->SetSdoTimeout(100));
-    QByteArray data(8 * 1024, '\0');
-    for (int i = 0; i < data.size(); ++i)
-        data[i] = char(i * 13);
-    QElapsedTimer clock;
-    clock.start();
-    const auto written = sdoTransfer(a.get(), false, 1, 0x2040, 0, data);
-    QVERIFY(written);
-    QCOMPARE(written->abortCode(), 0u);
-    QCOMPARE(written->error(), QString());
-    QVERIFY2(clock.elapsed() > 200, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2040, 0)->data(), data);
 }
 
 void TstServer::sdoSilentNodeTimesOut()
@@ -702,24 +588,6 @@ void TstServer::absentNodeHoldsUpOnlyItself()
     QTRY_COMPARE(bDone.size(), 1);
 }
 
-void TstServer::sdoFramesAreTheirSessionsOwn()
-{
-    QVERIFY(startServer());
-    auto a = attach(), b = attach();
-    QVERIFY(a && b);
-    FrameRecorder ra(a.get()), rb(b.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(rb.waitFor(0x701, hex("7f"), 3000));
-    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
-    QTest::qWait(100);
-    for (const auto& f : rb.received)
-        QVERIFY(f.frame.id != 0x581 && f.frame.id != 0x601);
-    CALL_OK(b, bus()->setallrxflag(-1));
-    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 2)->abortCode(), 0u);
-    QVERIFY(rb.waitFor(0x601, hex("a4 18 10 02 7f 04 00 00"), 3000));
-    QVERIFY(rb.waitFor(0x581, hex("43 18 10 02 01 00 03 00"), 3000));
-}
-
 void TstServer::killedClientIsReaped()
 {
     QVERIFY(startServer());
@@ -741,37 +609,6 @@ void TstServer::killedClientIsReaped()
     // The server goes on serving the session that is left.
     CALL_OK(a, bus()->StartController(0));
     QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
-}
-
-void TstServer::transferEndsWithItsSession()
-{
-    // A session that began a firmware transfer (bench command 16) and went away leaves no
-    // transfer under way: the next one to begin answers 0, not "already under way".
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    auto b = m_server->connect();
-    QVERIFY(b);
-    QString error;
-    QCOMPARE(b->wait(b->benchBoard()->BoardCommand(16, 0), &error)->value(), 0);
-    QCOMPARE(sessionCount(a.get()), 2);
-    b.reset();
-    QTRY_COMPARE(sessionCount(a.get()), 1);
-    QCOMPARE(a->wait(a->benchBoard()->BoardCommand(16, 0), &error)->value(), 0);
-    QCOMPARE(a->wait(a->benchBoard()->BoardCommand(17, 0), &error)->value(), 1);
-}
-
-void TstServer::sessionRightAfterAnotherEnds()
-{
-    QVERIFY(startServer());
-    for (int round = 0; round < 5; ++round) {
-        auto first = m_server->connect();
-        QVERIFY(first);
-        first.reset();
-        auto next = attach();
-        QVERIFY2(next, qPrintable(QStringLiteral("round %1").arg(round)));
-        CALL_OK(next, bus()->GetControllerCount());
-    }
 }
 
 void TstServer::garbageOnTheSocketIsDropped_data()
@@ -826,28 +663,6 @@ void TstServer::lostServerFailsCallsInTime()
     ServerConnection other;
     QVERIFY(!other.open(m_server->address(), 2000, &error));
     QVERIFY2(error.startsWith(ServerConnection::kNotReachable), qPrintable(error));
-}
-
-void TstServer::clientOverTcp()
-{
-    QVERIFY(startServer({QStringLiteral("--listen"), QStringLiteral("tcp://127.0.0.1:0")}));
-    QString output;
-    QTRY_VERIFY((output += m_server->output()).contains("TCP port"));
-    const auto port = QRegularExpression("TCP port (\\d+)").match(output);
-    QVERIFY(port.hasMatch());
-    ServerConnection remote;
-    QTemporaryDir pins;
-    remote.setPinFile(pins.filePath("pinned"));
-    remote.setSecret(handshake::loadSecret(m_server->secretPath()));
-    QString error;
-    QVERIFY2(remote.open(ServerAddress::fromMachineName("127.0.0.1:" + port.captured(1), {}), 5000,
-                         &error),
-             qPrintable(error));
-    CALL_OK((&remote), bus()->Advise());
-    FrameRecorder r(&remote);
-    CALL_OK((&remote), bus()->StartController(0));
-    QVERIFY(r.waitFor(0x701, hex("7f"), 3000));
-    QVERIFY(sessionCount(&remote) == 1);
 }
 
 void TstServer::refusesToStart_data()

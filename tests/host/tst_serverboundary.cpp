@@ -106,11 +106,8 @@ private slots:
     void fuzzedPacketsNeverStopTheServer();
     void aConnectionReachesOnlyItsOwnSession();
     void clientThatDoesNotReadIsDisconnected();
-    void declaredHugePacketIsRefusedAtOnce();
     void sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod();
-    void endedSessionsFramesAreNotSent();
     void killedClientsTransferIsAbortedOnTheBus();
-    void sdoRequestsWaitTheirTurn();
     void tcpNeedsTheSecret();
     void relayedProofIsRefused();
     void unansweredConnectionsLeaveRoom();
@@ -118,7 +115,6 @@ private slots:
     void unfinishedPacketsAreBounded();
     void socketFolderMustBePrivate_data();
     void socketFolderMustBePrivate();
-    void headlessServerServes();
 
 private:
     bool startServer(const QStringList& extra = {}, bool paced = false);
@@ -270,31 +266,6 @@ void TstServerBoundary::clientThatDoesNotReadIsDisconnected()
              qPrintable(QStringLiteral("%1 KiB -> %2 KiB").arg(before).arg(after)));
 }
 
-void TstServerBoundary::declaredHugePacketIsRefusedAtOnce()
-{
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    const qint64 before = residentKib(m_server->process().processId());
-    RogueClient rogue;
-    QVERIFY(rogue.open(m_server->socketPath()));
-    QByteArray header(6, '\0');
-    const quint32 size = 0x7FFFFFF0; // about 2 GiB to come
-    std::memcpy(header.data(), &size, 4);
-    header[4] = 6;
-    rogue.send(header);
-    const QByteArray junk(1 << 20, '\x42');
-    for (int i = 0; i < 64 && rogue.isConnected(); ++i) {
-        rogue.device()->write(junk);
-        rogue.device()->waitForBytesWritten(100);
-    }
-    QVERIFY(rogue.waitClosed(3000));
-    const qint64 after = residentKib(m_server->process().processId());
-    QVERIFY2(after - before < 24 * 1024,
-             qPrintable(QStringLiteral("%1 KiB -> %2 KiB").arg(before).arg(after)));
-    QTRY_COMPARE(sessionCount(a.get()), 1);
-}
-
 void TstServerBoundary::sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod()
 {
     QVERIFY(startServer({}, true)); // the bus at its real pace
@@ -356,48 +327,6 @@ void TstServerBoundary::sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod()
                                 .arg(beats[i] - beats[i - 1])));
 }
 
-void TstServerBoundary::endedSessionsFramesAreNotSent()
-{
-    QVERIFY(startServer({}, true));
-    auto a = attach();
-    QVERIFY(a);
-    FrameRecorder frames(a.get());
-    // At 125K the bus takes about a thousand frames a second: any client, on any machine, sends
-    // faster than that.
-    CALL_OK(a, bus()->SetBitRate(0, 4));
-    CALL_OK(a, bus()->StartController(0));
-    int accepted = 0;
-    int full = 0;
-    {
-        auto b = m_server->connect();
-        QVERIFY(b);
-        // Sent faster than the bus takes them: the session's queue fills up.
-        QList<QRemoteObjectPendingReply<Reply>> sent;
-        for (int i = 0; i < 20000; ++i)
-            sent.append(b->bus()->Send(0, CanMsg(0x0B0, 8, QByteArray(8, char(i))), 0));
-        QString error;
-        for (auto& reply : sent) {
-            const auto r = b->wait(reply, &error);
-            QVERIFY2(r, qPrintable(error));
-            (r->error().isEmpty() ? accepted : full) += 1;
-        }
-    } // b leaves with a queue full of frames waiting
-    QVERIFY2(full > 0, "the session's queue never filled up");
-    QTRY_COMPARE(sessionCount(a.get()), 1);
-    const auto countB = [&] {
-        return int(std::count_if(frames.received.begin(), frames.received.end(),
-                                 [](const auto& f) { return f.frame.id == 0x0B0; }));
-    };
-    // Long enough for every accepted frame to have been on the bus, had they all been sent.
-    QTest::qWait(2000);
-    const int onTheBus = countB();
-    QVERIFY2(onTheBus < accepted - 1000,
-             qPrintable(
-                 QStringLiteral("%1 of %2 accepted frames were sent").arg(onTheBus).arg(accepted)));
-    QTest::qWait(300);
-    QCOMPARE(countB(), onTheBus);
-}
-
 void TstServerBoundary::killedClientsTransferIsAbortedOnTheBus()
 {
     QVERIFY(startServer());
@@ -430,39 +359,6 @@ void TstServerBoundary::killedClientsTransferIsAbortedOnTheBus()
     const auto result = done.first().at(0).value<OperationResult>();
     QCOMPARE(result.requestId(), request->requestId());
     QCOMPARE(result.abortCode(), 0u);
-}
-
-void TstServerBoundary::sdoRequestsWaitTheirTurn()
-{
-    QVERIFY(startServer());
-    auto a = attach(), b = attach();
-    QVERIFY(a && b);
-    FrameRecorder frames(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000));
-    CALL_OK(a, service()->SetSdoTimeout(200));
-    QSignalSpy aDone(a->notify(), &QCSNotifyReplica::OperationDone);
-    QSignalSpy bDone(b->notify(), &QCSNotifyReplica::OperationDone);
-
-    // Node 0x7E does not exist: each of these waits out its time-out.
-    QString error;
-    QStringList refusals;
-    for (int i = 0; i < 20; ++i) {
-        const auto r = a->wait(a->service()->SdoUpload(0, 0x7E, 0x1000, 0), &error);
-        QVERIFY(r);
-        if (!r->error().isEmpty())
-            refusals << r->error();
-    }
-    // Sixteen wait, one runs.
-    QVERIFY2(refusals.size() == 3 || refusals.size() == 4, qPrintable(refusals.join('\n')));
-    QVERIFY2(refusals.first().contains("too many SDO requests"), qPrintable(refusals.first()));
-
-    const auto request = b->wait(b->service()->SdoUpload(0, 1, 0x1018, 1), &error);
-    QVERIFY(request && request->error().isEmpty());
-    QTRY_COMPARE_WITH_TIMEOUT(bDone.size(), 1, 3000);
-    QCOMPARE(bDone.first().at(0).value<OperationResult>().abortCode(), 0u);
-    // b waited for the transfer that was running, not for a's whole queue.
-    QVERIFY2(aDone.size() <= 2, qPrintable(QString::number(aDone.size())));
 }
 
 void TstServerBoundary::tcpNeedsTheSecret()
@@ -727,18 +623,6 @@ void TstServerBoundary::socketFolderMustBePrivate()
         QCOMPARE(server.exitCode(), 1);
         QVERIFY2(output.contains(folder) && output.contains("not safe"), qPrintable(output));
     }
-}
-
-void TstServerBoundary::headlessServerServes()
-{
-    // As a service: a QCoreApplication, which nothing may take for a QApplication.
-    m_server->setHeadless();
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    CALL_OK(a, bus()->StartController(0));
-    a.reset();
-    QVERIFY2(m_server->stop(), qPrintable(m_server->output()));
 }
 
 QTEST_GUILESS_MAIN(TstServerBoundary)
