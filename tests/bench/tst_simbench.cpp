@@ -9,8 +9,6 @@ class TstSimBench : public QObject
 {
     Q_OBJECT
 private slots:
-    void parseIdentity_data();
-    void parseIdentity();
     void drivePower_data();
     void drivePower();
     void analogFollowsSupplies();
@@ -21,32 +19,6 @@ private slots:
     void overvoltage();
     void doorsAndTrigger();
 };
-
-void TstSimBench::parseIdentity_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<int>("kind"); // -1: refused
-    QTest::addColumn<int>("type");
-    QTest::newRow("asm") << "asm:3" << 1 << 3;
-    QTest::newRow("pcb 33") << "PCB:33" << 2 << 33;
-    QTest::newRow("numbers") << "1:19" << 1 << 19;
-    QTest::newRow("no type") << "asm" << -1 << 0;
-    QTest::newRow("words") << "big:bench" << -1 << 0;
-    QTest::newRow("too many parts") << "asm:3:4" << -1 << 0;
-}
-
-void TstSimBench::parseIdentity()
-{
-    QFETCH(QString, text);
-    QFETCH(int, kind);
-    QFETCH(int, type);
-    const auto id = SimBench::parseIdentity(text);
-    QCOMPARE(bool(id), kind >= 0);
-    if (id) {
-        QCOMPARE(id->kind, kind);
-        QCOMPARE(id->type, type);
-    }
-}
 
 void TstSimBench::drivePower_data()
 {

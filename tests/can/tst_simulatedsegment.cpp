@@ -56,9 +56,6 @@ private slots:
     void arbitrationPrefersLowerIdKeepingPortOrder();
     void frameDueLaterLetsOthersPass();
     void unpacedDeliversInBatches();
-    void resetPortForgetsQueueAndErrors();
-    void identicalFramesAreOneOnTheBus_data();
-    void identicalFramesAreOneOnTheBus();
 };
 
 void TstSimulatedSegment::deliveryByBitRate_data()
@@ -262,55 +259,6 @@ void TstSimulatedSegment::unpacedDeliversInBatches()
     QCOMPARE(b.batches, pumps);
     for (int i = 0; i < 10000; ++i)
         QCOMPARE(b.received[i].frame.data[0], quint8(i));
-}
-
-void TstSimulatedSegment::resetPortForgetsQueueAndErrors()
-{
-    Fixture f(true);
-    RecordingPort a(0), b(0);
-    f.segment.attach(&a);
-    f.segment.attach(&b);
-    b.active = false;
-    f.segment.transmit(&a, CanFrame::make(0x100, {}), 0);
-    f.now += 1000;
-    f.segment.pump();
-    f.segment.transmit(&a, CanFrame::make(0x101, {}), 0);
-    QVERIFY(f.segment.status(&a) != 0);
-    f.segment.resetPort(&a);
-    QCOMPARE(f.segment.status(&a), 0u);
-    QCOMPARE(f.segment.transmitErrorCount(&a), 0);
-    b.active = true;
-    f.now += 1000;
-    QCOMPARE(f.segment.pump(), 0);
-}
-
-void TstSimulatedSegment::identicalFramesAreOneOnTheBus_data()
-{
-    QTest::addColumn<bool>("paced");
-    QTest::newRow("paced") << true;
-    QTest::newRow("unpaced") << false;
-}
-
-void TstSimulatedSegment::identicalFramesAreOneOnTheBus()
-{
-    // Two nodes answer one question with the same frame at once: the bus carries one frame,
-    // which both have sent; a different frame still goes on its own.
-    QFETCH(bool, paced);
-    Fixture f(paced);
-    RecordingPort a(0), b(0), c(0), listener(0);
-    for (RecordingPort* p : {&a, &b, &c, &listener})
-        f.segment.attach(p);
-    const CanFrame answer = CanFrame::make(0x7E4, {0x4F, 0, 0, 0, 0, 0, 0, 0});
-    f.segment.transmit(&a, answer, 0);
-    f.segment.transmit(&b, answer, 0);
-    f.segment.transmit(&c, CanFrame::make(0x7E4, {0x4F, 1, 0, 0, 0, 0, 0, 0}), 0);
-    f.now += 10000;
-    f.segment.pump();
-    QCOMPARE(listener.received.size(), 2);
-    QCOMPARE(a.sent.size(), 1);
-    QCOMPARE(b.sent.size(), 1);
-    QVERIFY(a.acks.first() && b.acks.first());
-    QVERIFY(a.received.size() == 1 && b.received.size() == 1); // only the other frame
 }
 
 QTEST_GUILESS_MAIN(TstSimulatedSegment)

@@ -33,14 +33,8 @@ private slots:
     void jsonLines();
     void serverNotRunning();
     void upgradeAndLss();
-    void help();
-    void longTransferShowsProgressOnATerminal();
     void dumpReplayDumpGivesTheSameFrames();
     void readmeLineScriptWhereNoServerRuns();
-    void outputThatCannotBeWritten();
-    void replayPassesOverWhatAPlayerSkips_data();
-    void replayPassesOverWhatAPlayerSkips();
-    void namedSocketStartsNoServer();
 
 private:
     Run cli(const QStringList& args, int timeoutMs = 20000)
@@ -355,124 +349,6 @@ void TstTesselCli::upgradeAndLss()
         },
         5000));
     QCOMPARE(cli({"bitrate", "1", "499K"}).exit, 2);
-}
-
-void TstTesselCli::help()
-{
-    for (const char* command : {"sdo", "nmt", "send", "dump", "lss", "upgrade", "bitrate"}) {
-        const Run r = cli({command, "--help"});
-        QCOMPARE(r.exit, 0);
-        QVERIFY2(r.out.startsWith(QStringLiteral("Usage: tessel-cli ") + command),
-                 qPrintable(r.out));
-    }
-    const Run all = cli({"--help"});
-    QCOMPARE(all.exit, 0);
-    QVERIFY(all.out.contains("Exit status:\n  0  done\n  1  SDO abort"));
-}
-
-void TstTesselCli::longTransferShowsProgressOnATerminal()
-{
-    // On the paced bus, 64 KiB take about a second.
-    ServerProcess paced;
-    QVERIFY(paced.start({}));
-    const QStringList socket{"--socket", paced.socketPath()};
-    const auto run = [&](const QStringList& args) {
-        return qorcalib::test::runProgram(TESSEL_CLI_PATH, socket + args, 30000);
-    };
-    QVERIFY(QTest::qWaitFor([&] { return run({"sdo", "read", "1,1000,0"}).exit == 0; }, 10000));
-    QTemporaryDir dir;
-    QByteArray block(65536, '\0');
-    for (int i = 0; i < block.size(); ++i)
-        block[i] = char(i * 7 + i / 256);
-    const QString in = dir.filePath("block.bin"), out = dir.filePath("back.bin");
-    QFile file(in);
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(block) == block.size());
-    file.close();
-    tessel::test::Pty terminal;
-    QVERIFY(terminal.ok());
-    const auto onTerminal = [&](const QStringList& args) {
-        QProcess p;
-        p.setStandardErrorFile(terminal.device());
-        p.start(TESSEL_CLI_PATH, socket + args);
-        QByteArray shown;
-        QElapsedTimer clock;
-        clock.start();
-        while (!p.waitForFinished(20) && clock.elapsed() < 30000)
-            shown += terminal.received();
-        return QByteArray::number(p.exitCode()) + ":" + shown + terminal.received(100);
-    };
-    const QByteArray write = onTerminal({"sdo", "write", "1,2040,0", "--file", in});
-    QVERIFY2(write.startsWith("0:\r") && write.endsWith("100 %\r\n"), write.constData());
-    // A short transfer shows nothing; neither does a long one whose standard error is a file.
-    QCOMPARE(onTerminal({"sdo", "read", "1,1008,0", "--type", "str"}), QByteArray("0:"));
-    const Run logged = run({"sdo", "read", "1,2040,0", "--file", out});
-    QCOMPARE(logged.exit, 0);
-    QCOMPARE(logged.err, QString());
-    QCOMPARE(logged.out, QStringLiteral("65536 bytes to %1\n").arg(out));
-    QFile back(out);
-    QVERIFY(back.open(QIODevice::ReadOnly));
-    QVERIFY(back.readAll() == block);
-}
-
-void TstTesselCli::namedSocketStartsNoServer()
-{
-    // A socket named on purpose belongs to a server the user runs: with none there, tessel-cli
-    // says so and starts none of its own (which would end on idle and take the path with it).
-    QTemporaryDir dir;
-    const QString socket = dir.filePath("qorcalib");
-    const Run none = qorcalib::test::runProgram(QStringLiteral(TESSEL_CLI_PATH),
-                                                {"--socket", socket, "sdo", "read", "1,1000,0"});
-    QCOMPARE(none.exit, 3);
-    QVERIFY2(none.err.contains("no CAN server runs on " + socket), qPrintable(none.err));
-    QVERIFY(!QFile::exists(socket));
-    // A second server on a socket in use stops before it listens, and the first one goes on.
-    QProcess second;
-    second.start(QStringLiteral(QORCALIB_SERVER_PATH), {"--socket", m_server.socketPath()});
-    QVERIFY(second.waitForFinished(10000));
-    QCOMPARE(second.exitCode(), 1);
-    QVERIFY(second.readAllStandardError().contains("already runs on"));
-    QCOMPARE(cli({"sdo", "read", "1,1000,0"}).exit, 0);
-}
-
-void TstTesselCli::replayPassesOverWhatAPlayerSkips_data()
-{
-    QTest::addColumn<QStringList>("options");
-    QTest::addColumn<int>("exit");
-    QTest::addColumn<QString>("said");
-    QTest::newRow("once") << QStringList{} << 0
-                          << "2 frames (skipped: 1 error frames, 1 comment lines)\n";
-    QTest::newRow("three times at the bus's pace")
-        << QStringList{"--loop", "3", "--ignore-times"} << 0
-        << "6 frames (skipped: 3 error frames, 3 comment lines)\n";
-    QTest::newRow("another channel mapped") << QStringList{"can1=0", "--loop", "1000000"} << 4
-                                            << "tessel-cli: %1: no frames on the channels mapped\n";
-}
-
-void TstTesselCli::replayPassesOverWhatAPlayerSkips()
-{
-    QFETCH(QStringList, options);
-    const QString file = m_files.filePath("player.log");
-    const Run r = cli(QStringList{"replay", file} + options);
-    QTEST(r.exit, "exit");
-    QFETCH(QString, said);
-    QCOMPARE(r.exit == 0 ? r.out : r.err, said.contains("%1") ? said.arg(file) : said);
-}
-
-void TstTesselCli::outputThatCannotBeWritten()
-{
-    // A reader that takes two lines and goes: dump ends instead of writing on for good.
-    QProcess head;
-    head.start("sh", {"-c", QStringLiteral("\"%1\" --socket \"%2\" dump | head -2")
-                                .arg(TESSEL_CLI_PATH, m_server.socketPath())});
-    QVERIFY(head.waitForFinished(20000));
-    QCOMPARE(head.readAllStandardOutput().count('\n'), 2);
-    // A value that cannot be written is not reported done.
-    QProcess full;
-    full.setStandardOutputFile("/dev/full");
-    full.start(TESSEL_CLI_PATH, {"--socket", m_server.socketPath(), "sdo", "read", "1,1018,1"});
-    QVERIFY(full.waitForFinished(20000));
-    QCOMPARE(full.exitCode(), 4);
-    QVERIFY(full.readAllStandardError().contains("cannot write the result"));
 }
 
 namespace {

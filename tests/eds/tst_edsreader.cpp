@@ -22,12 +22,10 @@ private slots:
     void iniLookup();
     void unreadableFiles_data();
     void unreadableFiles();
-    void tenThousandObjects();
     void costBoundedByTheFile_data();
     void costBoundedByTheFile();
     void countsBeyondTheKeys_data();
     void countsBeyondTheKeys();
-    void mutatedDriveEds();
     void subNumberRule_data();
     void subNumberRule();
     void driveEds();
@@ -135,20 +133,6 @@ void TstEdsReader::unreadableFiles()
     QVERIFY(readEds(path).isEmpty());
 }
 
-void TstEdsReader::tenThousandObjects()
-{
-    QByteArray text = "[ManufacturerObjects]\nSupportedObjects=10000\n";
-    for (int i = 1; i <= 10000; ++i)
-        text += QByteArray::number(i) + "=0x" + QByteArray::number(0x2000 + i, 16) + "\n";
-    for (int i = 1; i <= 10000; ++i)
-        text += "[" + QByteArray::number(0x2000 + i, 16).toUpper() + "]\nParameterName=P" +
-                QByteArray::number(i) + "\n";
-    const QList<EdsEntry> e = readEds(write(text));
-    QCOMPARE(e.size(), 10000);
-    QCOMPARE(e.last().name, QString("P10000"));
-    QCOMPARE(e.last().index, 0x2000 + 10000);
-}
-
 void TstEdsReader::costBoundedByTheFile_data()
 {
     QTest::addColumn<QByteArray>("content"); // empty: a sparse 2 GiB file
@@ -251,37 +235,6 @@ void TstEdsReader::subNumberRule()
         QCOMPARE(e.last().subIndex, lastSubIndex);
     if (lastSubIndex == 300)
         QCOMPARE(e.last().name, QString("Table\\Far"));
-}
-
-void TstEdsReader::mutatedDriveEds()
-{
-    // Whatever a damaged data sheet holds, the browser gets a list (under the sanitizers: without
-    // an overflow), and soon.
-    QFile eds(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
-    QVERIFY(eds.open(QIODevice::ReadOnly));
-    const QList<QByteArray> lines = eds.readAll().split('\n');
-    const QByteArrayList pieces{"2147483647",
-                                "-2147483648",
-                                "0x",
-                                "1e9",
-                                "[",
-                                "]",
-                                "=",
-                                "sub",
-                                "SupportedObjects=99999999",
-                                "SubNumber=0xFFFFFFFF",
-                                "\0"};
-    QRandomGenerator random(QRandomGenerator::global()->generate());
-    for (int round = 0; round < 100; ++round) {
-        QList<QByteArray> mutated = lines;
-        for (int e = 0; e < 20; ++e) {
-            QByteArray& line = mutated[random.bounded(int(mutated.size()))];
-            line.insert(random.bounded(int(line.size()) + 1),
-                        pieces[random.bounded(int(pieces.size()))]);
-        }
-        const QList<EdsEntry> entries = readEds(write(mutated.join('\n')));
-        QVERIFY(entries.size() <= kMaxEdsEntries);
-    }
 }
 
 void TstEdsReader::driveEds()

@@ -38,9 +38,6 @@ private slots:
     void postProcessCommandLine();
     void postProcessRunsTheStandIn_data();
     void postProcessRunsTheStandIn();
-    void aSettingNamesAnotherPostProcessor();
-    void upgradeTip_data();
-    void upgradeTip();
 
 private:
     QString write(const QString& name, const QByteArray& content);
@@ -366,71 +363,6 @@ void TstImageFile::postProcessRunsTheStandIn()
     QVERIFY(id);
     QCOMPARE(id->kind, ImageKind::Identified);
     QCOMPARE(id->version, 0x00020107u);
-}
-
-void TstImageFile::aSettingNamesAnotherPostProcessor()
-{
-    // No raw code: the stand-in refuses it, so only another program can succeed.
-    const QString path = write(QStringLiteral("other.S"), s3Record(0x8000000, kBlock));
-    QString output;
-    {
-        QSettings settings(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Qor"),
-                           QStringLiteral("Qor.Tessel"));
-        settings.setValue(QStringLiteral("programs/postprocess.exe"),
-                          QStringLiteral("sh -c 'exit 0'"));
-    }
-    QVERIFY(postProcess(path, QString(), &output));
-    {
-        QSettings settings(QSettings::IniFormat, QSettings::UserScope, QStringLiteral("Qor"),
-                           QStringLiteral("Qor.Tessel"));
-        settings.remove(QStringLiteral("programs"));
-    }
-    QVERIFY(!postProcess(path, QString(), &output));
-}
-
-void TstImageFile::upgradeTip_data()
-{
-    QTest::addColumn<QByteArray>("image");
-    QTest::addColumn<QString>("options");
-    QTest::addColumn<QString>("tip");
-    const QString when = QStringLiteral(" (15/11/2026 14:03:59)");
-    QTest::newRow("full identification")
-        << s3Record(0x8000000, kBlock) << ""
-        << "App 0012h / V2.1.7 / SF 0001A2B3h / HF 00000004h" + when;
-    QTest::newRow("version word") << s3Record(0x86, le32(0x00020A01)) << ""
-                                  << "V2.10.1" + when;
-    QTest::newRow("unknown kind") << QByteArray("nothing") << ""
-                                  << "V0.0.0" + when;
-    QTest::newRow("raw: the post-processed output")
-        << s3Record(0x8000000, identificationBlock(0xBEEF, 0x00030201, 0xDEADBEEF, 0x10)) + kCode
-        << "-x"
-        << "App BEEFh / V3.2.1 / SF DEADBEEFh / HF 00000010h" + when;
-    QTest::newRow("raw: post-processor fails") << s3Record(0x8000000, kBlock) + kCode << "--fail"
-                                               << "Error: 5/2";
-    QTest::newRow("raw: output without a block") << kCode << ""
-                                                 << "Error: 13/3";
-}
-
-void TstImageFile::upgradeTip()
-{
-    QFETCH(QByteArray, image);
-    QFETCH(QString, options);
-    QFETCH(QString, tip);
-    const QString path = write(QStringLiteral("tip.S"), image);
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadWrite));
-    QVERIFY(file.setFileTime(QDateTime(QDate(2026, 11, 15), QTime(14, 3, 59)),
-                             QFileDevice::FileModificationTime));
-    file.close();
-    const PostProcessor run = [](const QString& f, const QString& o, QString* out) {
-        return postProcess(f, o, out);
-    };
-    const UpgradeTip result = tessel::upgradeTip(path, options, run);
-    QCOMPARE(result.text, tip);
-    QCOMPARE(result.explanation.isEmpty(), !tip.startsWith(QLatin1String("Error")));
-    QCOMPARE(tessel::upgradeTip(m_dir.filePath("gone.S"), options, run).text,
-             QString("Error: 53/1"));
-    QCOMPARE(tessel::upgradeTip(m_dir.path(), options, run).text, QString("Error: 75/1"));
 }
 
 QTEST_GUILESS_MAIN(TstImageFile)

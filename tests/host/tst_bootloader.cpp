@@ -109,11 +109,9 @@ class TstBootLoader : public QObject
     Q_OBJECT
 private slots:
     void heldAndReleasedByHandWrittenFrames();
-    void withoutACatchTheApplicationStarts();
     void aResetStartsTheBootLoaderAgain();
     void images_data();
     void images();
-    void theApplicationRefusesBootLoaderObjects();
     void runnerCatches_data();
     void runnerCatches();
     void catchAtAnotherRateMovesTheController();
@@ -148,28 +146,6 @@ void TstBootLoader::heldAndReleasedByHandWrittenFrames()
     QVERIFY(peer.waitFor("581:60 f0 5e 00 00 00 00 00"));
     QVERIFY(peer.waitFor("701:00"));
     QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::Application);
-}
-
-void TstBootLoader::withoutACatchTheApplicationStarts()
-{
-    const auto core = makeCore();
-    QVERIFY(core);
-    Peer peer(core->segment(0));
-    cycleSupply(core.get());
-    QVERIFY(peer.waitFor("701:00"));
-    QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::Application);
-    // A catch comes too late: the application does not answer it.
-    peer.heard.clear();
-    peer.send(0x6A0, "b000");
-    QTest::qWait(50);
-    QVERIFY(!peer.heard.contains("6a1:01 03 02 01 00"));
-    // The bench's transfer is under way until command 17 ends it.
-    int status = -1;
-    QString error;
-    QVERIFY(core->bench()->command(17, 0, &status, &error));
-    QCOMPARE(status, 1);
-    QVERIFY(core->bench()->command(17, 0, &status, &error));
-    QCOMPARE(status, 0);
 }
 
 void TstBootLoader::aResetStartsTheBootLoaderAgain()
@@ -249,19 +225,6 @@ void TstBootLoader::images()
                             2000));
     QTest::qWait(20);
     QCOMPARE(QString::fromLatin1(transfer(core.get(), true, 0x100A, 0).data), version);
-}
-
-void TstBootLoader::theApplicationRefusesBootLoaderObjects()
-{
-    const auto core = makeCore();
-    QVERIFY(core);
-    QVERIFY(QTest::qWaitFor([&] { return core->drive(0)->mode() == SimDrive::Mode::Application; },
-                            2000));
-    QTest::qWait(20);
-    QCOMPARE(transfer(core.get(), false, 0x5EF0, 0, "QorS").abortCode, 0x08000022u);
-    QCOMPARE(transfer(core.get(), false, 0x1F50, 1, sample("drive-2.1.7.sx")).abortCode,
-             0x08000022u);
-    QCOMPARE(transfer(core.get(), true, 0x100A, 0).data, QByteArray("FW 3.4.12"));
 }
 
 void TstBootLoader::runnerCatches_data()

@@ -85,13 +85,10 @@ private slots:
     void configurationFiles();
     void configurationFaults_data();
     void configurationFaults();
-    void acquisition();
     void sequencerRows();
-    void sequencerTextsLiveInTheMonitor();
     void composer();
     void composerFaults_data();
     void composerFaults();
-    void slider();
 };
 
 void TstFrmDiagno::recordsOfNoFrameLengthAreDropped_data()
@@ -286,46 +283,6 @@ void TstFrmDiagno::configurationFaults()
     QVERIFY2(rig.messages[1].contains("/proc/x.cnd"), qPrintable(rig.messages[1]));
 }
 
-void TstFrmDiagno::acquisition()
-{
-    QTemporaryDir dir;
-    Rig rig;
-    AcquisitionBar* acq = rig.monitor.acquisition;
-    QVERIFY(acq->txtFileName->text().endsWith("/tmp/acq.csv"));
-    rig.monitor.txtDiscardList[0]->setText("701");
-    rig.monitor.receiveRecords(0, record(0x181, 2), 1); // before ticking: not collected
-    acq->chkExport->setChecked(true);
-    rig.monitor.receiveRecords(0, record(0x181, 2) + record(0x701, 1) + record(0x182, 0), 3);
-    QCOMPARE(acq->buffer().count(), 2); // the discarded heartbeat is not collected
-
-    rig.chosenFile = dir.filePath("run.csv");
-    QTest::mouseClick(acq->cmdFNApp, Qt::LeftButton);
-    QCOMPARE(rig.dialogs,
-             QStringList({"Apri hex file|Motorola HEX files (*.S)|*.S|All Files (*.*)|*.*"}));
-    QCOMPARE(acq->txtFileName->text(), dir.filePath("run.csv"));
-    rig.chosenFile.clear(); // cancelled: the name stays
-    QTest::mouseClick(acq->cmdFNApp, Qt::LeftButton);
-    QCOMPARE(acq->txtFileName->text(), dir.filePath("run.csv"));
-
-    QTest::mouseClick(acq->cmdSaveAcq, Qt::LeftButton);
-    QVERIFY(!acq->chkExport->isChecked());
-    QFile file(dir.filePath("run.csv"));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    QCOMPARE(file.readAll(), QByteArray("385;0;2;16;17;\r\n386;0;0;\r\n"));
-    QCOMPARE(rig.monitor.lblDone->text(), "Saved 2 frames to " + dir.filePath("run.csv"));
-    // Not collecting after the save; the buffer is kept for another save.
-    rig.monitor.receiveRecords(0, record(0x183, 1), 1);
-    QCOMPARE(acq->buffer().count(), 2);
-    acq->txtFileName->setText(dir.filePath("missing/run.csv"));
-    QTest::mouseClick(acq->cmdSaveAcq, Qt::LeftButton);
-    QCOMPARE(rig.messages.size(), 1);
-    QVERIFY(rig.messages[0].contains(dir.filePath("missing/run.csv")));
-    QCOMPARE(acq->buffer().count(), 2);
-    // Ticking again starts afresh.
-    acq->chkExport->setChecked(true);
-    QCOMPARE(acq->buffer().count(), 0);
-}
-
 void TstFrmDiagno::sequencerRows()
 {
     Rig rig;
@@ -369,24 +326,6 @@ void TstFrmDiagno::sequencerRows()
     const qsizetype closed = rig.sent.size();
     QTest::qWait(150);
     QCOMPARE(rig.sent.size(), closed);
-}
-
-void TstFrmDiagno::sequencerTextsLiveInTheMonitor()
-{
-    Rig rig;
-    rig.monitor.cmdSeq_Click();
-    QVERIFY(QTest::qWaitForWindowExposed(rig.monitor.sequencer()));
-    rig.monitor.sequencer()->txtSeq[4]->setText("M3 T1");
-    QCOMPARE(rig.monitor.sequenceText(4), QStringLiteral("M3 T1"));
-    rig.monitor.sequencer()->close();
-    QTRY_VERIFY(!rig.monitor.sequencer());
-    QCOMPARE(rig.monitor.sequenceText(4), QStringLiteral("M3 T1"));
-    rig.monitor.cmdSeq_Click();
-    QCOMPARE(rig.monitor.sequencer()->txtSeq[4]->text(), QStringLiteral("M3 T1"));
-    // Outside 0..5 there is no text.
-    rig.monitor.setSequenceText(6, "x");
-    QCOMPARE(rig.monitor.sequenceText(6), QString());
-    QCOMPARE(rig.monitor.sequenceText(-1), QString());
 }
 
 void TstFrmDiagno::composer()
@@ -486,47 +425,6 @@ void TstFrmDiagno::composerFaults()
         QVERIFY2(rig.messages[0].startsWith(message), qPrintable(rig.messages[0]));
     QCOMPARE(c->lblState->text(), state);
     QVERIFY(c->cmdInvia->isEnabled());
-}
-
-void TstFrmDiagno::slider()
-{
-    Rig rig;
-    rig.setSlot(6, "206", "4");
-    FrmIO io(&rig.monitor, nullptr, nullptr);
-    QObject::connect(&io, &FrmIO::message, [&rig](const QString& text) { rig.messages << text; });
-    io.cmbObject->setCurrentIndex(6);
-    io.cmbSize->setCurrentIndex(1);
-    io.cmbPosition->setCurrentIndex(1);
-    io.txtMin->setText("0");
-    emit io.txtMin->editingFinished();
-    io.txtMax->setText("10000");
-    emit io.txtMax->editingFinished();
-    // The value the slider stands for shows before it moves, and follows the limits.
-    QCOMPARE(io.lblValue->text(), QString("Value: 0 (sent when the slider moves)"));
-    QVERIFY(rig.sent.isEmpty());
-    io.sldSlide->setValue(258);
-    QCOMPARE(rig.monitor.dataBox(6 * 8 + 1), QStringLiteral("2"));
-    QCOMPARE(rig.monitor.dataBox(6 * 8 + 2), QStringLiteral("1"));
-    QCOMPARE(rig.sent, QStringList({"206:00020100"}));
-    // A negative value, and a limit that is no number: refused, the box shows the one in force.
-    io.txtMin->setText("-10000");
-    emit io.txtMin->editingFinished();
-    io.sldSlide->setValue(0);
-    QCOMPARE(rig.sent.last(), QStringLiteral("206:00f0d800"));
-    io.txtMax->setText("lots");
-    emit io.txtMax->editingFinished();
-    QCOMPARE(io.txtMax->text(), QStringLiteral("10000"));
-    QCOMPARE(rig.messages.size(), 1);
-    io.sldSlide->setValue(io.sldSlide->maximum());
-    QCOMPARE(io.value(), qint64(10000));
-    // A slot of identifier 000 (NMT) is not swept: said, nothing written or sent.
-    rig.setSlot(0, "000", "2");
-    io.cmbObject->setCurrentIndex(0);
-    const qsizetype sent = rig.sent.size();
-    io.sldSlide->setValue(10);
-    QCOMPARE(rig.sent.size(), sent);
-    QVERIFY2(io.lblValue->text().contains("Send 1 is identifier 000 (NMT)"),
-             qPrintable(io.lblValue->text()));
 }
 
 QTEST_MAIN(TstFrmDiagno)

@@ -74,7 +74,6 @@ private slots:
     void clearingStopsAWaitingRowAndTickingRestarts();
     void tooLongWaitStopsWithMessage();
     void failedSendStopsTheRow();
-    void slowSendsDoNotStretchThePeriod();
 };
 
 void TstSequence::tokens_data()
@@ -198,22 +197,6 @@ void TstSequence::failedSendStopsTheRow()
     QCOMPARE(rig.sends(), QStringLiteral("0@1 1@1"));
     QVERIFY(!rig.row->isEnabled());
     QCOMPARE(rig.stops, 1);
-}
-
-void TstSequence::slowSendsDoNotStretchThePeriod()
-{
-    Rig rig("M1 M2 T0.5 M3 T1");
-    rig.sendMs = 30;
-    rig.row->setEnabled(true);
-    rig.clock.runUntil(*rig.row, 3100);
-    // Each run of sends starts on the period, however long the sends before its wait took.
-    QCOMPARE(rig.sends(), QStringLiteral("0@1 1@31 2@501 0@1501 1@1531 2@2001 0@3001 1@3031"));
-    // A wait shorter than the sends before it goes on at once.
-    Rig busy("M1 M2 T0.02");
-    busy.sendMs = 30;
-    busy.row->setEnabled(true);
-    busy.clock.runUntil(*busy.row, 200);
-    QCOMPARE(busy.sent.size(), 8);
 }
 
 QTEST_APPLESS_MAIN(TstSequence)

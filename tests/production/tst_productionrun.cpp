@@ -68,7 +68,6 @@ private slots:
     void refusedBeforeASerialIsTaken();
     void serialProgramming_data();
     void serialProgramming();
-    void missingProgram();
     void identityFilesByTheStandIns_data();
     void identityFilesByTheStandIns();
 
@@ -284,24 +283,6 @@ void TstProductionRun::serialProgramming()
     QCOMPARE(missing.kind, ProductionRun::Outcome::Error);
     QVERIFY2(missing.message.startsWith("Err: 53 " + folder + "/kickstart.sl"),
              qPrintable(missing.message));
-}
-
-void TstProductionRun::missingProgram()
-{
-    Recorder r;
-    ProductionRun::Hooks hooks = r.hooks();
-    hooks.run = [](const QString& line, bool show) { return runAndWait(line, show); };
-    hooks.program = [](const QString& name) { return "/nonexistent/" + name; };
-    ProductionRun run(hooks);
-    QString tag;
-    const auto o = run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag);
-    QCOMPARE(o.kind, ProductionRun::Outcome::ToolFailed);
-    // The code, and which program did not run.
-    QVERIFY2(o.message.startsWith("Postprocess retval=-1: /nonexistent/postprocess.exe is not a "
-                                  "program that can be run; the program to run is set under "
-                                  "[programs] in "),
-             qPrintable(o.message));
-    QCOMPARE(tag, QString("42"));
 }
 
 void TstProductionRun::identityFilesByTheStandIns_data()

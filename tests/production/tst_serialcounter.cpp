@@ -101,7 +101,6 @@ class TstSerialCounter : public QObject
 private slots:
     void initTestCase() { QStandardPaths::setTestModeEnabled(true); }
     void firstUseMakesTheDefaultFile();
-    void nextAdvancesByOne();
     void faults_data();
     void faults();
     void fourStationsOnSQLite();
@@ -129,22 +128,6 @@ void TstSerialCounter::firstUseMakesTheDefaultFile()
     SerialCounter again(d);
     QCOMPARE(again.next(&number, &error), std::optional<qint32>(3));
     QDir(SerialDatabase::defaultFolder()).removeRecursively();
-}
-
-void TstSerialCounter::nextAdvancesByOne()
-{
-    const QString folder = m_dir.filePath("line41");
-    QVERIFY(QDir().mkpath(folder));
-    QVERIFY(makeDatabase(
-        folder, {"create table zdx_id (id_sk integer)", "insert into zdx_id (id_sk) values (41)"}));
-    SerialCounter counter(sqliteIn(folder));
-    int number = 0;
-    QString error;
-    QCOMPARE(counter.next(&number, &error), std::optional<qint32>(42));
-    QCOMPARE(counter.lastUpdate(), QString("update zdx_id set id_sk=42 where id_sk=41"));
-    QVERIFY(makeDatabase(folder, {}));
-    SerialCounter reread(sqliteIn(folder));
-    QCOMPARE(reread.next(&number, &error), std::optional<qint32>(43));
 }
 
 void TstSerialCounter::faults_data()

@@ -25,12 +25,9 @@ private slots:
     void settingsText();
     void deviceNames();
     void receivesAndSendsWithoutEcho();
-    void closedPortTakesNoTyping();
     void badSettingsAndPorts_data();
     void badSettingsAndPorts();
-    void portInUse();
     void deviceGoesAway();
-    void longStreamKeepsTheNewest();
 
 private:
     struct Console
@@ -145,18 +142,6 @@ void TstFrmSerial::receivesAndSendsWithoutEcho()
     QCOMPARE(c.messages, QStringList());
 }
 
-void TstFrmSerial::closedPortTakesNoTyping()
-{
-    Pty device;
-    QVERIFY(device.ok());
-    Console c;
-    c.window.txtPort->setCurrentText(device.device());
-    c.type("hello");
-    QCOMPARE(c.window.txtConsole->toPlainText(), QString());
-    c.open(device.device());
-    QCOMPARE(device.received(200), QByteArray());
-}
-
 void TstFrmSerial::badSettingsAndPorts_data()
 {
     QTest::addColumn<QString>("port");
@@ -190,26 +175,6 @@ void TstFrmSerial::badSettingsAndPorts()
     QVERIFY2(c.messages.first().contains(says), qPrintable(c.messages.first()));
 }
 
-void TstFrmSerial::portInUse()
-{
-    Pty device;
-    QVERIFY(device.ok());
-    Console first;
-    first.open(device.device());
-    QVERIFY(first.window.isOpen());
-    Console second;
-    second.open(device.device());
-    if (second.window.isOpen())
-        QSKIP("this system lets a second console open the same terminal");
-    QVERIFY(!second.window.chkEnable->isChecked());
-    QCOMPARE(second.messages.size(), 1);
-    QVERIFY2(second.messages.first().contains("cannot be opened"),
-             qPrintable(second.messages.first()));
-    // The first keeps working.
-    QVERIFY(device.send("still here\n"));
-    QTRY_VERIFY(first.window.txtConsole->toPlainText().contains("still here"));
-}
-
 void TstFrmSerial::deviceGoesAway()
 {
     auto device = std::make_unique<Pty>();
@@ -228,28 +193,6 @@ void TstFrmSerial::deviceGoesAway()
     // What came before is kept; typing now goes nowhere.
     QVERIFY(c.window.txtConsole->toPlainText().contains("last words"));
     c.type("x");
-}
-
-void TstFrmSerial::longStreamKeepsTheNewest()
-{
-    Pty device;
-    QVERIFY(device.ok());
-    Console c;
-    c.open(device.device());
-    QVERIFY2(c.window.isOpen(), qPrintable(c.messages.join('\n')));
-    QByteArray line(99, 'a');
-    line += '\n';
-    QByteArray chunk;
-    for (int i = 0; i < 1000; ++i)
-        chunk += line;
-    for (int i = 0; i < 30; ++i) // 3 MB
-        QVERIFY2(device.send(chunk),
-                 qPrintable(QStringLiteral("chunk %1, console %2 characters")
-                                .arg(i)
-                                .arg(c.window.txtConsole->document()->characterCount())));
-    QVERIFY(device.send("THE END\n"));
-    QTRY_VERIFY_WITH_TIMEOUT(c.window.txtConsole->toPlainText().endsWith("THE END\n"), 20000);
-    QVERIFY(c.window.txtConsole->document()->characterCount() <= FrmSerial::kMaxConsoleChars);
 }
 
 QTEST_MAIN(TstFrmSerial)

@@ -90,7 +90,6 @@ private slots:
     void heartbeatAndNmt();
     void badStart_data();
     void badStart();
-    void carriesOnWhenTheChannelComesBack();
     void lssGivesTheWaitingDriveItsNodeId();
     void bootLoaderTakesFirmwareAfterAReset();
     void socketCanWhereTheKernelOffersIt();
@@ -270,27 +269,6 @@ void TstSimDrive::badStart()
     const QString last = run.err.trimmed().section('\n', -1);
     QVERIFY2(last.startsWith("tessel-simdrive: ") && last.contains(named), qPrintable(run.err));
     QCOMPARE(run.out, QString());
-}
-
-void TstSimDrive::carriesOnWhenTheChannelComesBack()
-{
-    // The server opens this bus first, so that its process carries the virtual bus: when it
-    // ends, the drive's channel goes down.
-    const QString channel = virtualChannel(freePort());
-    auto server = std::make_unique<ServerProcess>();
-    QVERIFY(server->start({"--channel", channel}));
-    SimDriveProcess drive;
-    QVERIFY2(drive.start({"--channel", channel, "--node", "9"}), qPrintable(drive.output()));
-    QVERIFY(answers(*server, "9,1000,0"));
-
-    server->kill();
-    QVERIFY2(drive.waitForOutput("lost its device", 5000), qPrintable(drive.output()));
-    QVERIFY2(drive.waitForOutput("has its device again", 5000), qPrintable(drive.output()));
-
-    ServerProcess again;
-    QVERIFY(again.start({"--channel", channel}));
-    QVERIFY(answers(again, "9,1000,0"));
-    QCOMPARE(cli(again, {"sdo", "read", "9,1008,0", "--type", "str"}).out, QString("QD-300\n"));
 }
 
 void TstSimDrive::lssGivesTheWaitingDriveItsNodeId()

@@ -95,7 +95,6 @@ private slots:
     void optionsShapeTheSchedule();
     void stopTakesBackWhatWaits();
     void refusedFrameEndsTheReplay();
-    void denseFileWaitsInBoundedSteps();
     void gigabyteFileIsStreamed();
 
 private:
@@ -311,24 +310,6 @@ void TstTraceReplay::refusedFrameEndsTheReplay()
     // The frames the server took went out, and were announced.
     QCOMPARE(due, 3);
     QCOMPARE(server.drops, 0);
-}
-
-void TstTraceReplay::denseFileWaitsInBoundedSteps()
-{
-    // Twenty frames a millisecond: far more than the bus carries, so the hand-over is bounded
-    // by the number of frames waiting rather than by time.
-    const QString log = writeLog("dense.log", 3000, [](int) { return 50; });
-    TraceReplay replay;
-    FakeServer server;
-    server.connect(replay);
-    QSignalSpy finished(&replay, &TraceReplay::finished);
-    QString error;
-    QVERIFY(replay.start(log, {}, &error));
-    QVERIFY(finished.wait(5000));
-    QCOMPARE(server.handed.size(), 3000);
-    QVERIFY2(server.mostWaiting <= TraceReplay::kMaxAhead,
-             qPrintable(QString::number(server.mostWaiting)));
-    QVERIFY(server.mostWaiting > TraceReplay::kMaxAhead / 2);
 }
 
 void TstTraceReplay::gigabyteFileIsStreamed()
