@@ -25,7 +25,6 @@ private slots:
     void refresh();
     void assemblyPassesOverAFailedRead();
     void pcbStopsAtTheFirstFailure();
-    void lostServerEndsTheAssemblyRefresh();
 };
 
 void TstFixture::fixedPoint_data()
@@ -209,17 +208,6 @@ void TstFixture::pcbStopsAtTheFirstFailure()
     QCOMPARE(r.error, QString("analog channel 2 out of range"));
     QCOMPARE(r.text, QString());
     QCOMPARE(bench.calls.last(), QString("analog 2"));
-}
-
-void TstFixture::lostServerEndsTheAssemblyRefresh()
-{
-    RecordingBench bench;
-    bench.serverThere = false;
-    bench.refuse.insert("acquire", "CAN server not reachable");
-    const FixtureReadout r = readFixture(fixtureDescription(FixtureKind::Assembly), 3, &bench);
-    QCOMPARE(r.error, QString("CAN server not reachable"));
-    QCOMPARE(r.text, QString());
-    QCOMPARE(bench.calls, QStringList{"acquire"});
 }
 
 QTEST_APPLESS_MAIN(TstFixture)

@@ -19,7 +19,6 @@ private slots:
     void edsNumber_data();
     void edsNumber();
     void keySpellings();
-    void iniLookup();
     void unreadableFiles_data();
     void unreadableFiles();
     void costBoundedByTheFile_data();
@@ -96,19 +95,6 @@ void TstEdsReader::keySpellings()
                        " 9999 0",                  // no section: no name
                        "Spaced name 2000 0",
                    }));
-}
-
-void TstEdsReader::iniLookup()
-{
-    const QString path =
-        write("[Sec]\nKey=  value with blanks  \nkey=second\nLong=" + QByteArray(200, 'x') +
-              "\n;Commented=1\n");
-    IniFile ini(path);
-    QCOMPARE(ini.value("SEC", "KEY"), QString("value with blanks"));
-    QCOMPARE(ini.value("Sec", "Missing", "dflt"), QString("dflt"));
-    QCOMPARE(ini.value("Other", "Key", "dflt"), QString("dflt"));
-    QCOMPARE(ini.value("Sec", "Long").size(), 127);
-    QCOMPARE(ini.value("Sec", "Commented", "none"), QString("none"));
 }
 
 void TstEdsReader::unreadableFiles_data()

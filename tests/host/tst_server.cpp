@@ -35,14 +35,12 @@ private slots:
     void benchSupplyRebootsTheDrive();
     void badInputIsRefused_data();
     void badInputIsRefused();
-    void timedFramesKeepTheirTimes();
     void sdoWithTheDrive();
     void sdoAborts_data();
     void sdoAborts();
     void sdoSilentNodeTimesOut();
     void sdoBounds();
     void absentNodeHoldsUpOnlyItself();
-    void killedClientIsReaped();
     void garbageOnTheSocketIsDropped_data();
     void garbageOnTheSocketIsDropped();
     void lostServerFailsCallsInTime();
@@ -225,61 +223,6 @@ void TstServer::benchSupplyRebootsTheDrive()
     QVERIFY(ra.waitFor(0x701, hex("00"), 3000, before));
     // A new life starts pre-operational.
     QVERIFY(ra.waitFor(0x701, hex("7f"), 3000, ra.find(0x701, hex("00"), before)));
-}
-
-void TstServer::timedFramesKeepTheirTimes()
-{
-    // The paced bus, which stamps each frame with the bus time it went out at.
-    QVERIFY(m_server->start({}));
-    auto a = attach(), b = attach();
-    QVERIFY(a && b);
-    FrameRecorder rb(b.get());
-    CALL_OK(a, bus()->StartController(0));
-    QString error;
-    const auto now = a->wait(a->bus()->GetTime(), &error);
-    QVERIFY2(now, qPrintable(error));
-    const quint32 t0 = quint32(now->value()) + 200000;
-    // Spacings of 150 us to 25 ms; the third frame is a remote request.
-    const QList<quint32> offsets{0, 150, 2650, 27650, 28000};
-    QByteArray records;
-    for (int i = 0; i < offsets.size(); ++i) {
-        CanFrame f = CanFrame::make(quint16(0x250 + i), {quint8(i), 0xAA});
-        f.timeUs = t0 + offsets[i];
-        if (i == 2)
-            f.id |= kRemoteRecordFlag;
-        appendRecord(records, f);
-    }
-    const auto taken = a->wait(a->bus()->SendTimed(0, records, int(offsets.size())), &error);
-    QVERIFY2(taken, qPrintable(error));
-    QCOMPARE(taken->error(), QString());
-    QCOMPARE(taken->value(), int(offsets.size()));
-    // An untimed frame sent after them goes first: they are not due yet.
-    CALL_OK(a, bus()->Send(0, CanMsg(0x7E5, 1, hex("42")), 0));
-    QVERIFY(rb.waitFor(0x254, hex("04aa"), 3000));
-    const int untimed = rb.find(0x7E5, hex("42"));
-    QVERIFY(untimed >= 0 && untimed < rb.find(0x250, hex("00aa")));
-    QCOMPARE(rb.find(0x252, hex("0000")) >= 0, true); // a remote request carries no data
-    for (int i = 0; i < offsets.size(); ++i) {
-        const auto& frame = rb.received[rb.find(
-            quint16(0x250 + i), i == 2 ? hex("0000") : QByteArray(1, char(i)) + hex("aa"))];
-        // Each frame's stamp is the end of its bus time: a little after its start.
-        const qint64 late = qint64(quint32(frame.frame.timeUs - t0)) - offsets[i];
-        QVERIFY2(late >= 0 && late < 300,
-                 qPrintable(QStringLiteral("frame %1 %2 us late").arg(i).arg(late)));
-    }
-    // Frames taken back never go out.
-    const auto later = a->wait(a->bus()->GetTime(), &error);
-    QVERIFY2(later, qPrintable(error));
-    CanFrame dropped = CanFrame::make(0x260, {6});
-    dropped.timeUs = quint32(later->value()) + 100000;
-    records.clear();
-    appendRecord(records, dropped);
-    QCOMPARE(a->wait(a->bus()->SendTimed(0, records, 1), &error)->value(), 1);
-    const auto takenBack = a->wait(a->bus()->DropQueued(0), &error);
-    QVERIFY2(takenBack, qPrintable(error));
-    QCOMPARE(takenBack->value(), 1);
-    QTest::qWait(250);
-    QCOMPARE(rb.find(0x260, hex("06")), -1);
 }
 
 void TstServer::badInputIsRefused_data()
@@ -586,29 +529,6 @@ void TstServer::absentNodeHoldsUpOnlyItself()
     QCOMPARE(bDone.size(), 0);
     CALL_OK(b, service()->CancelRequest(waiting->requestId()));
     QTRY_COMPARE(bDone.size(), 1);
-}
-
-void TstServer::killedClientIsReaped()
-{
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    FrameRecorder ra(a.get());
-    QCOMPARE(sessionCount(a.get()), 1);
-
-    QProcess client;
-    client.start(QStringLiteral(SESSIONCLIENT_PATH), {m_server->socketPath()});
-    QVERIFY(client.waitForStarted());
-    // QTRY_ evaluates its expression once more at the end: keep what was read.
-    QByteArray clientOutput;
-    QTRY_VERIFY((clientOutput += client.readAllStandardOutput()).contains("ready"));
-    QCOMPARE(sessionCount(a.get()), 2);
-    client.kill();
-    client.waitForFinished();
-    QTRY_COMPARE(sessionCount(a.get()), 1);
-    // The server goes on serving the session that is left.
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
 }
 
 void TstServer::garbageOnTheSocketIsDropped_data()

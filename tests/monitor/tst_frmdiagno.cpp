@@ -83,12 +83,7 @@ private slots:
     void viewFollowsOnlyFromTheBottom();
     void sendButtons();
     void configurationFiles();
-    void configurationFaults_data();
-    void configurationFaults();
     void sequencerRows();
-    void composer();
-    void composerFaults_data();
-    void composerFaults();
 };
 
 void TstFrmDiagno::recordsOfNoFrameLengthAreDropped_data()
@@ -229,60 +224,6 @@ void TstFrmDiagno::configurationFiles()
     QVERIFY(loading.messages.isEmpty());
 }
 
-void TstFrmDiagno::configurationFaults_data()
-{
-    QTest::addColumn<QByteArray>("file");
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<QString>("slot0");
-    QTest::newRow("unknown header")
-        << QByteArray("\";COPDIZ\"\r\n\"181\"") << "Invalid Fioskeife file"
-        << "old";
-    QTest::newRow("binary") << QByteArray("\x7f"
-                                          "ELF\x02\x01\x01\0\0\0",
-                                          10)
-                            << "Invalid Fioskeife file"
-                            << "old";
-    QTest::newRow("short") << QByteArray("\";CANDIA\"\r\n\"181\",\"1\"") << "Load failed"
-                           << "181";
-    QTest::newRow("bad remote box")
-        << QByteArray("\";CANDIA\"\r\n\"181\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"0\",7\r\n")
-        << "Load failed"
-        << "181";
-    QTest::newRow("missing file") << QByteArray() << "Load failed"
-                                  << "old";
-}
-
-void TstFrmDiagno::configurationFaults()
-{
-    QFETCH(QByteArray, file);
-    QFETCH(QString, message);
-    QFETCH(QString, slot0);
-    QTemporaryDir dir;
-    Rig rig;
-    rig.setSlot(0, "old", "old");
-    rig.monitor.txtDiscardList[0]->setText("old");
-    rig.chosenFile = dir.filePath("bad.cnd");
-    if (!file.isEmpty()) {
-        QFile f(rig.chosenFile);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write(file);
-    }
-    rig.monitor.btnLoad_Click();
-    QCOMPARE(rig.messages, QStringList({message}));
-    QCOMPARE(rig.monitor.slotGrid->edID0[0]->text(), slot0);
-    QCOMPARE(rig.monitor.txtDiscardList[0]->text(), QStringLiteral("old"));
-
-    // Saving where no file can be: the path and the reason, and the set-up stays.
-    rig.messages.clear();
-    for (const QString& where : {dir.filePath("missing/x.cnd"), QStringLiteral("/proc/x.cnd")}) {
-        rig.chosenFile = where;
-        rig.monitor.btnSave_Click();
-    }
-    QCOMPARE(rig.messages.size(), 2);
-    QVERIFY2(rig.messages[0].contains(dir.filePath("missing/x.cnd")), qPrintable(rig.messages[0]));
-    QVERIFY2(rig.messages[1].contains("/proc/x.cnd"), qPrintable(rig.messages[1]));
-}
-
 void TstFrmDiagno::sequencerRows()
 {
     Rig rig;
@@ -326,105 +267,6 @@ void TstFrmDiagno::sequencerRows()
     const qsizetype closed = rig.sent.size();
     QTest::qWait(150);
     QCOMPARE(rig.sent.size(), closed);
-}
-
-void TstFrmDiagno::composer()
-{
-    Rig rig;
-    rig.monitor.cmdInvia_Click();
-    FrmInviaMesg* c = rig.monitor.composer();
-    QCOMPARE(c->windowTitle(), QStringLiteral("Invia"));
-    QSignalSpy done(c, &FrmInviaMesg::runFinished);
-    // The example line alone is not sent: it has no line end.
-    QCOMPARE(c->txtMesg->toPlainText(), QStringLiteral("T 000 xxxxx > 81 00"));
-    c->cmdInvia_Click();
-    QTRY_COMPARE(done.size(), 1);
-    QVERIFY(rig.sent.isEmpty());
-    done.clear();
-    QString text;
-    QStringList expected;
-    for (int i = 0; i < 100; ++i) {
-        text += QStringLiteral("T 181 xxxxx > %1 %2\n")
-                    .arg(i % 256, 2, 16, QLatin1Char('0'))
-                    .arg(i / 256, 2, 16, QLatin1Char('0'));
-        expected << QStringLiteral("181:%1%2")
-                        .arg(i % 256, 2, 16, QLatin1Char('0'))
-                        .arg(i / 256, 2, 16, QLatin1Char('0'));
-    }
-    c->txtMesg->setPlainText(text);
-    c->txtRitardo->setText("1");
-    QTest::mouseClick(c->cmdInvia, Qt::LeftButton);
-    QVERIFY(c->isRunning());
-    QVERIFY(!c->cmdInvia->isEnabled());
-    QTRY_COMPARE(done.size(), 1);
-    QCOMPARE(rig.sent, expected);
-    QCOMPARE(c->lblState->text(), QStringLiteral("Sent 100"));
-
-    // A 0 ms pause does not hang, and Stop ends a long run at once.
-    rig.sent.clear();
-    c->txtRitardo->setText("0");
-    QTest::mouseClick(c->cmdInvia, Qt::LeftButton);
-    QTRY_COMPARE(done.size(), 2);
-    QCOMPARE(rig.sent.size(), 100);
-    rig.sent.clear();
-    c->txtRitardo->setText("1000");
-    QTest::mouseClick(c->cmdInvia, Qt::LeftButton);
-    QCOMPARE(rig.sent.size(), 1);
-    QTest::mouseClick(c->cmdStop, Qt::LeftButton);
-    QCOMPARE(done.size(), 3);
-    QTest::qWait(50);
-    QCOMPARE(rig.sent.size(), 1);
-    QVERIFY(rig.messages.isEmpty());
-}
-
-void TstFrmDiagno::composerFaults_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("pause");
-    QTest::addColumn<bool>("failSends");
-    QTest::addColumn<int>("sent");
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<QString>("state");
-    QTest::newRow("ninth byte") << "T 181 > 01\nT 182 > 01 02 03 04 05 06 07 08 09\nT 183 > 03\n"
-                                << "1" << false << 1 << "Line 2 has more than 8 data bytes"
-                                << "Stopped at a bad line";
-    QTest::newRow("last line without end")
-        << "T 181 > 01\nT 182 > 02"
-        << "1" << false << 1 << ""
-        << "Sent 1; the last line has no line end and was not sent";
-    QTest::newRow("refused by the server") << "T 181 > 01\nT 182 > 02\n"
-                                           << "1" << true << 1 << ""
-                                           << "Stopped: line 1 could not be sent";
-    QTest::newRow("pause too long") << "T 181 > 01\n"
-                                    << "65536" << false << 0 << "The pause must be 0 to 65535 ms"
-                                    << "";
-    QTest::newRow("negative pause") << "T 181 > 01\n"
-                                    << "-5" << false << 0 << "The pause must be 0 to 65535 ms"
-                                    << "";
-}
-
-void TstFrmDiagno::composerFaults()
-{
-    QFETCH(QString, text);
-    QFETCH(QString, pause);
-    QFETCH(bool, failSends);
-    QFETCH(int, sent);
-    QFETCH(QString, message);
-    QFETCH(QString, state);
-    Rig rig;
-    rig.failSends = failSends;
-    rig.monitor.cmdInvia_Click();
-    FrmInviaMesg* c = rig.monitor.composer();
-    c->txtMesg->setPlainText(text);
-    c->txtRitardo->setText(pause);
-    c->cmdInvia_Click();
-    QTRY_VERIFY(!c->isRunning());
-    QCOMPARE(rig.sent.size(), sent);
-    QCOMPARE(rig.messages.size(), message.isEmpty() ? 0 : 1);
-    if (!message.isEmpty())
-        QVERIFY2(rig.messages[0].startsWith(message), qPrintable(rig.messages[0]));
-    QCOMPARE(c->lblState->text(), state);
-    QVERIFY(c->cmdInvia->isEnabled());
 }
 
 QTEST_MAIN(TstFrmDiagno)

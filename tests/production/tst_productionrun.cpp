@@ -68,8 +68,6 @@ private slots:
     void refusedBeforeASerialIsTaken();
     void serialProgramming_data();
     void serialProgramming();
-    void identityFilesByTheStandIns_data();
-    void identityFilesByTheStandIns();
 
 private:
     QTemporaryDir m_dir;
@@ -283,68 +281,6 @@ void TstProductionRun::serialProgramming()
     QCOMPARE(missing.kind, ProductionRun::Outcome::Error);
     QVERIFY2(missing.message.startsWith("Err: 53 " + folder + "/kickstart.sl"),
              qPrintable(missing.message));
-}
-
-void TstProductionRun::identityFilesByTheStandIns_data()
-{
-    QTest::addColumn<QString>("failing"); // environment variable set to 3
-    QTest::addColumn<QString>("message");
-    QTest::newRow("made") << ""
-                          << "";
-    QTest::newRow("production interface fails") << "ZDPRODINTERFACE_EXIT"
-                                                << "ZDProdInterface retval=3";
-    QTest::newRow("post-processor fails") << "POSTPROCESS_EXIT"
-                                          << "Postprocess retval=3";
-}
-
-void TstProductionRun::identityFilesByTheStandIns()
-{
-    QFETCH(QString, failing);
-    QFETCH(QString, message);
-    QTemporaryDir temp;
-    qputenv("TEMP", temp.path().toLocal8Bit());
-    qputenv("PATH", QByteArray(QORCALIB_DATA_DIR "/bin:") + qgetenv("PATH"));
-    const QString log = temp.filePath("calls.log");
-    qputenv("STANDIN_LOG", log.toLocal8Bit());
-    if (!failing.isEmpty())
-        qputenv(failing.toLatin1(), "3");
-    ProductionRun::Hooks hooks;
-    hooks.run = [](const QString& line, bool show) { return runAndWait(line, show); };
-    ProductionRun run(hooks);
-    ProductionRun::Outcome failure;
-    const auto data = run.makeIdentityFiles(42, &failure);
-    if (!failing.isEmpty())
-        qunsetenv(failing.toLatin1());
-    const QStringList temporary = QDir(temp.path()).entryList({"sbf*", "dbf*", "skf*", "dsf*"});
-    if (message.isEmpty()) {
-        QVERIFY(data);
-        QVERIFY(data->startsWith("S0"));
-        // The identity block with the serial, then the key data it was merged with.
-        QVERIFY(data->contains("S30D000E00002A000000514F52"));
-        QCOMPARE(temporary, QStringList()); // deleted after success
-    } else {
-        QVERIFY(!data);
-        QCOMPARE(failure.message, message);
-        QCOMPARE(temporary.size(), 4); // kept to be looked at
-        QCOMPARE(run.keptFiles().size(), 4);
-    }
-    QFile calls(log);
-    QVERIFY(calls.open(QIODevice::ReadOnly));
-    const QStringList lines =
-        QString::fromLocal8Bit(calls.readAll()).split('\n', Qt::SkipEmptyParts);
-    QVERIFY(lines.value(0).startsWith("ZDProdInterface|CreateSBB|" + temp.path() + "/sbf"));
-    if (message.isEmpty()) {
-        QCOMPARE(lines.size(), 3);
-        QVERIFY(
-            QRegularExpression("^postprocess.exe\\|[^|]+/sbf[^|]+\\|[^|]+/dbf[^|]+\\|-i\\|42\\|-p$")
-                .match(lines[1])
-                .hasMatch());
-        QVERIFY(QRegularExpression("^postprocess.exe\\|[^|]+/skf[^|]+\\|[^|]+/dsf[^|]+\\|-m\\|[^|]+"
-                                   "/dbf[^|]+\\|-p$")
-                    .match(lines[2])
-                    .hasMatch());
-    }
-    qunsetenv("STANDIN_LOG");
 }
 
 QTEST_GUILESS_MAIN(TstProductionRun)

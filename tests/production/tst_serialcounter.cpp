@@ -100,7 +100,6 @@ class TstSerialCounter : public QObject
     Q_OBJECT
 private slots:
     void initTestCase() { QStandardPaths::setTestModeEnabled(true); }
-    void firstUseMakesTheDefaultFile();
     void faults_data();
     void faults();
     void fourStationsOnSQLite();
@@ -111,24 +110,6 @@ private slots:
 private:
     QTemporaryDir m_dir;
 };
-
-void TstSerialCounter::firstUseMakesTheDefaultFile()
-{
-    QDir(SerialDatabase::defaultFolder()).removeRecursively();
-    SerialDatabase d; // no folder named: this user's own counter
-    QVERIFY(d.createIfMissing);
-    int number = 0;
-    QString error;
-    {
-        SerialCounter counter(d);
-        QCOMPARE(counter.next(&number, &error), std::optional<qint32>(1));
-        QCOMPARE(counter.next(&number, &error), std::optional<qint32>(2));
-    }
-    QVERIFY(QFile::exists(d.filePath()));
-    SerialCounter again(d);
-    QCOMPARE(again.next(&number, &error), std::optional<qint32>(3));
-    QDir(SerialDatabase::defaultFolder()).removeRecursively();
-}
 
 void TstSerialCounter::faults_data()
 {

@@ -90,8 +90,6 @@ private slots:
     void heartbeatAndNmt();
     void badStart_data();
     void badStart();
-    void lssGivesTheWaitingDriveItsNodeId();
-    void bootLoaderTakesFirmwareAfterAReset();
     void socketCanWhereTheKernelOffersIt();
     void framesTheServerCannotCarryAreCounted();
 
@@ -269,77 +267,6 @@ void TstSimDrive::badStart()
     const QString last = run.err.trimmed().section('\n', -1);
     QVERIFY2(last.startsWith("tessel-simdrive: ") && last.contains(named), qPrintable(run.err));
     QCOMPARE(run.out, QString());
-}
-
-void TstSimDrive::lssGivesTheWaitingDriveItsNodeId()
-{
-    // A bus of its own: LSS speaks to every waiting node at once. Qt's virtual bus runs over
-    // TCP, whose answers can take tens of milliseconds: a longer answer window than a cable's.
-    const QString channel = virtualChannel(freePort());
-    SimDriveProcess drive;
-    // Two configured drives and two that wait, each with its own LSS address.
-    QVERIFY2(drive.start({"--channel", channel, "--node", "1,2,unconfigured,unconfigured"}),
-             qPrintable(drive.output()));
-    ServerProcess server;
-    QVERIFY(server.start({"--channel", channel}));
-    const auto lss = [&](const QStringList& args) {
-        return qorcalib::test::runProgram(QStringLiteral(TESSEL_CLI_PATH),
-                                          QStringList{"--socket", server.socketPath(), "lss"} +
-                                              args + QStringList{"--lss-timeout", "200"},
-                                          60000);
-    };
-    // Once the drives have booted, the search finds a waiting drive before configured ones.
-    QVERIFY(answers(server, "1,1000,0"));
-    QVERIFY(answers(server, "2,1000,0"));
-    const ProgramRun get = lss({"get"});
-    // Qt's virtual bus carries every bit rate: the search finds the drive at the first it tries.
-    QVERIFY2(get.out.startsWith("node FF at "), qPrintable(get.out));
-    // One waiting drive a call, isolated by Fastscan; then none is left and nothing changes.
-    for (const QString node : {"20", "21"}) {
-        const ProgramRun set = lss({"set", node, "1000K"});
-        QVERIFY2(set.exit == 0, qPrintable(set.err));
-    }
-    const ProgramRun none = lss({"set", "22", "1000K"});
-    QCOMPARE(none.exit, 4);
-    QVERIFY2(none.err.contains("waits for a node-ID"), qPrintable(none.err));
-    QCOMPARE(cli(server, {"nmt", "resetcomm", "0"}).exit, 0);
-    QStringList serials;
-    for (const QString node : {"1", "2", "20", "21"}) {
-        QVERIFY2(answers(server, node + ",1000,0"), qPrintable(node));
-        serials << cli(server, {"sdo", "read", node + ",1018,4"}).out;
-    }
-    QCOMPARE(QSet<QString>(serials.begin(), serials.end()).size(), 4);
-    QCOMPARE(cli(server, {"--timeout", "300", "sdo", "read", "22,1000,0"}).exit, 4);
-    // The node-ID dependent entries follow the node-ID the drive took: EMCY at 0x80 + 0x20.
-    QCOMPARE(cli(server, {"sdo", "read", "20,1014,0", "--type", "u32"}).out.trimmed(),
-             QString::number(0x80 + 0x20));
-}
-
-void TstSimDrive::bootLoaderTakesFirmwareAfterAReset()
-{
-    // No bench powers this drive: while the server tries to catch its boot loader, an NMT reset
-    // restarts it, as one would restart a drive on a master's own bus.
-    const QString channel = virtualChannel(freePort());
-    SimDriveProcess drive;
-    QVERIFY2(drive.start({"--channel", channel, "--node", "1"}), qPrintable(drive.output()));
-    ServerProcess server;
-    QVERIFY(server.start({"--channel", channel}));
-    QVERIFY(answers(server, "1,1000,0"));
-    QProcess upgrade;
-    upgrade.start(QStringLiteral(TESSEL_CLI_PATH),
-                  {"--socket", server.socketPath(), "upgrade",
-                   QStringLiteral(QORCALIB_DATA_DIR "/firmware/drive-2.1.7.sx")});
-    QVERIFY(upgrade.waitForStarted());
-    QTest::qWait(500);
-    QCOMPARE(cli(server, {"nmt", "reset", "1"}).exit, 0);
-    QVERIFY(upgrade.waitForFinished(60000));
-    QVERIFY2(upgrade.exitCode() == 0, upgrade.readAllStandardError().constData());
-    QVERIFY(upgrade.readAllStandardOutput().startsWith("upgraded node 01: "));
-    QVERIFY(QTest::qWaitFor(
-        [&] {
-            return cli(server, {"sdo", "read", "1,100A,0", "--type", "str"}).out == "FW 2.1.7\n";
-        },
-        15000));
 }
 
 void TstSimDrive::socketCanWhereTheKernelOffersIt()

@@ -17,7 +17,6 @@ private slots:
     void onScreen_data();
     void onScreen();
     void restoredPlaceIsTheSavedOne();
-    void toolWindowStaysOnTheMainWindowsScreen();
     void firstShowGoesBesideTheMainWindow_data();
     void firstShowGoesBesideTheMainWindow();
 
@@ -74,31 +73,6 @@ void TstWindowPlacement::restoredPlaceIsTheSavedOne()
         QCOMPARE(again.size(), QSize(321, 234));
         WindowPlacement::saveGeometry(&again, "probe");
     }
-}
-
-void TstWindowPlacement::toolWindowStaysOnTheMainWindowsScreen()
-{
-    const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
-    QWidget main;
-    main.resize(200, 150);
-    main.move(available.topLeft() + QPoint(10, 10));
-    main.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&main));
-    WindowPlacement placement;
-    placement.setReference(main.pos());
-    main.move(main.pos() + QPoint(available.width(), 0)); // the main window went far right
-    QWidget tool;
-    tool.resize(available.width() / 2, available.height() / 2);
-    tool.move(main.pos());
-    placement.placeNearMain(&tool, &main);
-    tool.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&tool));
-    QVERIFY2(available.contains(tool.frameGeometry()),
-             qPrintable(QStringLiteral("%1,%2 %3x%4")
-                            .arg(tool.frameGeometry().x())
-                            .arg(tool.frameGeometry().y())
-                            .arg(tool.frameGeometry().width())
-                            .arg(tool.frameGeometry().height())));
 }
 
 void TstWindowPlacement::firstShowGoesBesideTheMainWindow_data()
