@@ -10,6 +10,7 @@
 #include "monitorlink.h"
 #include "nmtpanel.h"
 #include "sdopanel.h"
+#include "sessionstart.h"
 #include "statusline.h"
 #include "toolwindows.h"
 #include "upgradepanel.h"
@@ -57,7 +58,6 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     connect(&m_link, &CanLink::configChanged, controllerPanel,
             &ControllerPanel::followChangedConfig);
     connect(&m_link, &CanLink::progressChanged, m_status, &StatusLine::showProgress);
-    connect(&m_link, &CanLink::progressNotified, this, &FrmMain::onProgressNotified);
     connect(&m_link, &CanLink::longWaitStarted, this, &FrmMain::showAbortDialog);
     connect(&m_link, &CanLink::longWaitEnded, this, &FrmMain::hideAbortDialog);
     WheelGuard::install();
@@ -96,7 +96,6 @@ void FrmMain::buildWindow()
     chkCanEnable = controllerPanel->chkCanEnable;
     cmbBaud = controllerPanel->cmbBaud;
     optSelCanCtrl = controllerPanel->optSelCanCtrl;
-    connect(controllerPanel, &ControllerPanel::busAvailable, this, &FrmMain::EnableBusButtons);
     connect(controllerPanel, &ControllerPanel::message, this, &FrmMain::showMessage);
     connect(controllerPanel, &ControllerPanel::selectionChanged, this,
             [this] { upgradePanel->showTarget(); });
@@ -108,17 +107,11 @@ void FrmMain::buildWindow()
     });
     connect(controllerPanel, &ControllerPanel::rateChosen, this, [this] { cmdFollowRate->hide(); });
 
-    txtSDOTimeOut = new QLineEdit(central);
-    txtSDOTimeOut->setObjectName(QStringLiteral("txtSDOTimeOut"));
-    txtSDOTimeOut->setMaximumWidth(70);
-    txtSDOTimeOut->setToolTip(QStringLiteral("SDO time-out of the CAN server, in milliseconds"));
-    txtAbort = new QLineEdit(central);
-    txtAbort->setObjectName(QStringLiteral("txtAbort"));
-    txtAbort->setReadOnly(true);
-    // A result to read and copy, not a field to fill: the Tab key passes it by.
-    txtAbort->setFocusPolicy(Qt::ClickFocus);
-    txtAbort->setToolTip(QStringLiteral("Result of the last bus operation: empty when it "
-                                        "succeeded, else the SDO abort code or the error"));
+    sdoPanel = new SdoPanel(&m_link, central);
+    sdoPanel->bus = this;
+    txtAbort = sdoPanel->txtAbort;
+    txtSDOTimeOut = sdoPanel->txtSDOTimeOut;
+    connect(sdoPanel, &SdoPanel::done, this, &FrmMain::reportDone);
     nmtPanel = new NmtPanel(this, controllerPanel, txtAbort, central);
     cmdNMT = nmtPanel->cmdNMT;
     txtFWNode = nmtPanel->txtFWNode;
@@ -127,38 +120,31 @@ void FrmMain::buildWindow()
     connect(nmtPanel, &NmtPanel::done, this, &FrmMain::reportDone);
     connect(nmtPanel, &NmtPanel::rateOffered, this,
             [this](int controller, int rate) { m_status->offerRate(controller, rate); });
-    sdoPanel = new SdoPanel(&m_link, txtAbort, txtSDOTimeOut, central);
-    sdoPanel->bus = this;
-    connect(sdoPanel, &SdoPanel::done, this, &FrmMain::reportDone);
     connect(txtAbort, &QLineEdit::textChanged, this, &FrmMain::explainResult);
 
-    buildUpgradePanel(central);
-    buildBenchPanel(central);
+    txtFWNode->setText(QStringLiteral("1"));
+    upgradePanel = new UpgradePanel(&m_link, &m_history, txtFWNode, txtAbort, central);
+    connect(upgradePanel, &UpgradePanel::done, this, &FrmMain::reportDone);
+    connect(upgradePanel, &UpgradePanel::failed, this, &FrmMain::reportDone);
+    upgradePanel->showTarget();
+    upgradePanel->bus = this;
+    connect(upgradePanel, &UpgradePanel::message, this, &FrmMain::showMessage);
+    benchPanel = new BenchPanel(&m_link, txtFWNode, txtAbort, &m_placement, this, central);
+    benchPanel->bus = this;
+    connect(benchPanel, &BenchPanel::message, this, &FrmMain::showMessage);
+    connect(controllerPanel, &ControllerPanel::busAvailable, nmtPanel, &NmtPanel::setBusEnabled);
+    connect(controllerPanel, &ControllerPanel::busAvailable, sdoPanel, &SdoPanel::setBusEnabled);
+    connect(controllerPanel, &ControllerPanel::busAvailable, upgradePanel,
+            &UpgradePanel::setBusEnabled);
+    connect(controllerPanel, &ControllerPanel::busAvailable, benchPanel,
+            &BenchPanel::setBusEnabled);
 
-    // The tool windows' buttons, in a row under the panels.
-    auto* tools = new QHBoxLayout;
-    const auto button = [&](QPushButton** b, const char* name, const QString& caption,
-                            const QString& tip, void (ToolWindows::*open)()) {
-        *b = new QPushButton(caption, central);
-        (*b)->setObjectName(QLatin1String(name));
-        (*b)->setToolTip(tip);
-        connect(*b, &QPushButton::clicked, m_tools, open);
-        tools->addWidget(*b);
-    };
-    button(&cmdDiagno, "cmdDiagno", QStringLiteral("Can &Monitor"),
-           QStringLiteral("Open the CAN monitor"), &ToolWindows::openMonitor);
-    button(&cmdEDS, "cmdEDS", QStringLiteral("&EDS"), QStringLiteral("Open the EDS browser"),
-           &ToolWindows::openEds);
-    button(&cmdIO, "cmdIO", QStringLiteral("&Slider"),
-           QStringLiteral("Open the object slider: sweep a value into a monitor slot and send it"),
-           &ToolWindows::openSlider);
-    button(&cmdXBoot, "cmdXBoot", QStringLiteral("&Production..."),
-           QStringLiteral("Open production programming: JTAG and serial programming with the "
-                          "line's serial numbers"),
-           &ToolWindows::openProduction);
-    button(&cmdSerial, "cmdSerial", QStringLiteral("Se&rial..."),
-           QStringLiteral("Open a terminal on a serial port"), &ToolWindows::openSerial);
-    tools->addStretch();
+    QHBoxLayout* tools = m_tools->makeButtonRow(central);
+    cmdDiagno = m_tools->cmdDiagno;
+    cmdEDS = m_tools->cmdEDS;
+    cmdIO = m_tools->cmdIO;
+    cmdXBoot = m_tools->cmdXBoot;
+    cmdSerial = m_tools->cmdSerial;
 
     layout->addWidget(controllerPanel);
     layout->addWidget(nmtPanel);
@@ -182,42 +168,6 @@ void FrmMain::buildWindow()
     connect(m_status, &StatusLine::rateFollowed, this,
             [this](int controller, int rate) { cmbBaud[controller]->setCurrentIndex(rate); });
     setTabOrderByLayout();
-}
-
-void FrmMain::buildUpgradePanel(QWidget* parent)
-{
-    txtFWNode->setText(QStringLiteral("1"));
-    upgradePanel = new UpgradePanel(&m_link, &m_history, txtFWNode, txtAbort, parent);
-    connect(upgradePanel, &UpgradePanel::done, this, &FrmMain::reportDone);
-    connect(upgradePanel, &UpgradePanel::failed, this, &FrmMain::reportDone);
-    upgradePanel->showTarget();
-    upgradePanel->bus = this;
-    upgradePanel->bitRateSelection = [this] {
-        return controllerPanel->bitRateShown(selectedController());
-    };
-    upgradePanel->showBitRate = [this](int rate) {
-        controllerPanel->showBitRate(selectedController(), rate);
-    };
-    connect(upgradePanel, &UpgradePanel::message, this, &FrmMain::showMessage);
-}
-
-void FrmMain::buildBenchPanel(QWidget* parent)
-{
-    benchPanel = new BenchPanel(&m_link, txtFWNode, txtAbort, &m_placement, this, parent);
-    benchPanel->bus = this;
-    connect(benchPanel, &BenchPanel::message, this, &FrmMain::showMessage);
-}
-
-void FrmMain::onProgressNotified(double)
-{
-    // A serial load awaited by the production window has ended once the link's state is no
-    // longer "loading".
-    if (m_link.productionRun) {
-        QString error;
-        const auto state = m_link.testState(&error);
-        if (state && *state != 1 && m_tools->production())
-            m_tools->production()->loadCompleted();
-    }
 }
 
 void FrmMain::setTabOrderByLayout()
@@ -298,30 +248,15 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
     QString secretProblem;
     const QByteArray secret = tessel::readServerSecret(&secretProblem);
     m_link.setServerSecret(secret, secretProblem);
-    if (!m_link.connectToServer(answer, error))
+    const auto session = startSession(m_link, answer, error);
+    if (!session)
         return false;
     if (m_link.isRemote())
         setWindowTitle(kCaption + QStringLiteral(" - ") + m_link.machineName());
     m_status->showServer(m_link.isRemote() ? m_link.machineName() : QStringLiteral("localhost"));
-
-    const auto timeout = m_link.sdoTimeout(error);
-    if (!timeout)
-        return false;
-    txtSDOTimeOut->setText(QString::number(*timeout));
-    const auto bench = m_link.benchInfo(error);
-    if (!bench)
-        return false;
-    m_bench = *bench;
-    benchPanel->setBench(m_bench.kind, m_bench.type);
-
-    if (!(*error = m_link.advise()).isEmpty())
-        return false;
-    const auto count = m_link.controllerCount(error);
-    if (!count)
-        return false;
-    controllerPanel->useControllers(*count);
-    if (!(*error = m_link.startService()).isEmpty())
-        return false;
+    txtSDOTimeOut->setText(QString::number(session->sdoTimeoutMs));
+    benchPanel->setBench(session->bench.kind, session->bench.type);
+    controllerPanel->useControllers(session->controllers);
 
     show();
     m_monitor = new FrmDiagno(&m_placement, this);
@@ -372,21 +307,6 @@ bool FrmMain::SendCanRemote(quint32 id, int length)
     return m_monitorLink->sendRemote(id, length);
 }
 
-void FrmMain::EnableBusButtons(bool enable)
-{
-    for (QPushButton* b : cmdNMT)
-        b->setEnabled(enable);
-    cmdLSSGet->setEnabled(enable);
-    cmdLSSSet->setEnabled(enable);
-    sdoPanel->cmdUpload->setEnabled(enable);
-    sdoPanel->cmdDownload->setEnabled(enable);
-    upgradePanel->cmdUpgrade->setEnabled(enable);
-    upgradePanel->cmdEnUpgrade->setEnabled(enable);
-    for (QPushButton* b : upgradePanel->cmdStopOnBoot)
-        b->setEnabled(enable);
-    benchPanel->cmdAlarms->setEnabled(enable);
-}
-
 void FrmMain::tmrStato_Timer()
 {
     for (int i = 0; i < controllerPanel->count(); ++i) {
@@ -397,11 +317,6 @@ void FrmMain::tmrStato_Timer()
     }
 }
 
-void FrmMain::cmdNMT_Click(int index)
-{
-    nmtPanel->cmdNMT_Click(index);
-}
-
 int FrmMain::selectedController() const
 {
     return controllerPanel->selected();
@@ -410,6 +325,16 @@ int FrmMain::selectedController() const
 int FrmMain::controllerCount() const
 {
     return controllerPanel->count();
+}
+
+int FrmMain::bitRateShown() const
+{
+    return controllerPanel->bitRateShown(selectedController());
+}
+
+void FrmMain::showBitRate(int bitRateIndex)
+{
+    controllerPanel->showBitRate(selectedController(), bitRateIndex);
 }
 
 void FrmMain::setMonitorSwitch(bool on)

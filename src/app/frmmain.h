@@ -60,7 +60,6 @@ public:
     // The send routines every window uses: true when the send failed.
     bool SendCanMsg(quint16 id, int length, const QByteArray& data) override;
     bool SendCanRemote(quint32 id, int length);
-    void EnableBusButtons(bool enable);
 
     CanLink* link() { return &m_link; }
     FrmDiagno* monitor() const { return m_monitor; }
@@ -98,7 +97,6 @@ public:
     QTimer tmrStato;
 
     void tmrStato_Timer();
-    void cmdNMT_Click(int index);
     FrmXBoot* productionWindow() const { return m_tools->production(); }
     FrmSerial* serialConsole() const { return m_tools->serial(); }
     FrmIO* objectSlider() const { return m_tools->slider(); }
@@ -113,12 +111,11 @@ private:
     void buildWindow();
     void setTabOrderByLayout();
     void showAbortDialog();
+    int bitRateShown() const override;
+    void showBitRate(int bitRateIndex) override;
     void setMonitorSwitch(bool on) override;
     bool monitorSwitchState() const override;
     void hideAbortDialog();
-    void onProgressNotified(double fraction);
-    void buildUpgradePanel(QWidget* parent);
-    void buildBenchPanel(QWidget* parent);
     void onConnectionLost();
     void onReconnected();
     void showMessage(const QString& text);
@@ -138,7 +135,6 @@ private:
     MessageGate m_messages;
     QElapsedTimer m_messageClock;
     bool m_unloaded = false;
-    CanLink::BenchInfo m_bench;
 };
 
 } // namespace tessel

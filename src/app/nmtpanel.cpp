@@ -68,6 +68,14 @@ NmtPanel::NmtPanel(NmtHost* host, ControllerPanel* controllers, QLineEdit* txtAb
     connect(cmdLSSSet, &QPushButton::clicked, this, &NmtPanel::cmdLSSSet_Click);
 }
 
+void NmtPanel::setBusEnabled(bool enable)
+{
+    for (QPushButton* b : cmdNMT)
+        b->setEnabled(enable);
+    cmdLSSGet->setEnabled(enable);
+    cmdLSSSet->setEnabled(enable);
+}
+
 void NmtPanel::cmdNMT_Click(int index)
 {
     const auto command = quint8(cmdNMT[index]->property("tag").toString().toInt());

@@ -37,6 +37,8 @@ public:
     QPushButton* cmdLSSGet = nullptr;
     QPushButton* cmdLSSSet = nullptr;
 
+    // The buttons that work on the bus, off while no controller is enabled.
+    void setBusEnabled(bool enable);
     void cmdNMT_Click(int index);
     void cmdLSSGet_Click();
     void cmdLSSSet_Click();

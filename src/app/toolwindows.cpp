@@ -10,7 +10,9 @@
 #include "frmxboot.h"
 #include "windowplacement.h"
 
+#include <QHBoxLayout>
 #include <QLineEdit>
+#include <QPushButton>
 
 namespace tessel {
 
@@ -23,6 +25,34 @@ ToolWindows::~ToolWindows()
 {
     // A window without a parent (the EDS browser) goes with the main window.
     delete m_eds;
+}
+
+QHBoxLayout* ToolWindows::makeButtonRow(QWidget* parent)
+{
+    auto* row = new QHBoxLayout;
+    const auto button = [&](QPushButton** b, const char* name, const QString& caption,
+                            const QString& tip, void (ToolWindows::*open)()) {
+        *b = new QPushButton(caption, parent);
+        (*b)->setObjectName(QLatin1String(name));
+        (*b)->setToolTip(tip);
+        connect(*b, &QPushButton::clicked, this, open);
+        row->addWidget(*b);
+    };
+    button(&cmdDiagno, "cmdDiagno", QStringLiteral("Can &Monitor"),
+           QStringLiteral("Open the CAN monitor"), &ToolWindows::openMonitor);
+    button(&cmdEDS, "cmdEDS", QStringLiteral("&EDS"), QStringLiteral("Open the EDS browser"),
+           &ToolWindows::openEds);
+    button(&cmdIO, "cmdIO", QStringLiteral("&Slider"),
+           QStringLiteral("Open the object slider: sweep a value into a monitor slot and send it"),
+           &ToolWindows::openSlider);
+    button(&cmdXBoot, "cmdXBoot", QStringLiteral("&Production..."),
+           QStringLiteral("Open production programming: JTAG and serial programming with the "
+                          "line's serial numbers"),
+           &ToolWindows::openProduction);
+    button(&cmdSerial, "cmdSerial", QStringLiteral("Se&rial..."),
+           QStringLiteral("Open a terminal on a serial port"), &ToolWindows::openSerial);
+    row->addStretch();
+    return row;
 }
 
 void ToolWindows::place(QWidget* window, QPoint offset) const

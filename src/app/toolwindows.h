@@ -5,6 +5,8 @@
 #include <QPointer>
 #include <QString>
 
+class QHBoxLayout;
+class QPushButton;
 class QWidget;
 
 namespace tessel {
@@ -26,6 +28,14 @@ class ToolWindows : public QObject
 public:
     ToolWindows(CanLink* link, WindowPlacement* placement, QWidget* mainWindow);
     ~ToolWindows() override;
+
+    // The row of buttons that open the tool windows, under the main window's panels.
+    QHBoxLayout* makeButtonRow(QWidget* parent);
+    QPushButton* cmdDiagno = nullptr;
+    QPushButton* cmdEDS = nullptr;
+    QPushButton* cmdIO = nullptr;
+    QPushButton* cmdXBoot = nullptr;
+    QPushButton* cmdSerial = nullptr;
 
     // The CAN monitor, made at start-up; the slider works on its slots.
     void setMonitor(FrmDiagno* monitor) { m_monitor = monitor; }

@@ -156,6 +156,11 @@ QPushButton* BenchPanel::addButton(const QString& name, const QString& caption, 
     return button;
 }
 
+void BenchPanel::setBusEnabled(bool enable)
+{
+    cmdAlarms->setEnabled(enable);
+}
+
 void BenchPanel::setBench(int kind, int type, BenchPort* port)
 {
     if (!port) {

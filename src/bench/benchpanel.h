@@ -38,6 +38,8 @@ public:
     BusContext* bus = nullptr;
     ~BenchPanel() override;
 
+    // The alarm log is read from the drive: off while no controller is enabled.
+    void setBusEnabled(bool enable);
     // Lays the panel out for the bench (start-up); the bench of the link unless a port is given.
     void setBench(int kind, int type, BenchPort* port = nullptr);
     BenchControl* control() const { return m_control.get(); }

@@ -147,6 +147,14 @@ QString UpgradePanel::targetText() const
         .arg(bus ? bus->selectedController() : 0);
 }
 
+void UpgradePanel::setBusEnabled(bool enable)
+{
+    cmdUpgrade->setEnabled(enable);
+    cmdEnUpgrade->setEnabled(enable);
+    for (QPushButton* b : cmdStopOnBoot)
+        b->setEnabled(enable);
+}
+
 void UpgradePanel::showTarget()
 {
     lblTarget->setText(QStringLiteral("Target: ") + targetText());
@@ -309,8 +317,7 @@ void UpgradePanel::cmdStopOnBoot_Click(int index)
         txtAbort->setText(error);
     const int node = index == 1 ? hexToNumber(txtFWNode->text()) : 0;
     const int controller = bus ? bus->selectedController() : 0;
-    const CanLink::BootResult caught =
-        m_upgrade.catchBoot(controller, node, bitRateSelection ? bitRateSelection() : 0);
+    const CanLink::BootResult caught = m_upgrade.catchBoot(controller, node, bus->bitRateShown());
     if (!caught.error.isEmpty())
         txtAbort->setText(caught.error);
     else if (caught.version != 0)
@@ -319,8 +326,8 @@ void UpgradePanel::cmdStopOnBoot_Click(int index)
         txtAbort->setText(QStringLiteral("(none)"));
     // The catch may have moved the controller to another rate: the list shows what it runs at.
     QString error;
-    if (const auto rate = m_link->bitRate(controller, &error); rate && showBitRate)
-        showBitRate(*rate);
+    if (const auto rate = m_link->bitRate(controller, &error); rate)
+        bus->showBitRate(*rate);
 }
 
 void UpgradePanel::cmdEnUpgrade_Click()

@@ -37,10 +37,6 @@ public:
     // The window around: the selected controller and the monitor's display switch.
     BusContext* bus = nullptr;
 
-    // The list position of the current controller's bit-rate list, and setting it without the
-    // list sending it back to the server.
-    std::function<int()> bitRateSelection;
-    std::function<void(int)> showBitRate;
     // The open dialog: title, filter in the program's form, initial name; "" when cancelled.
     std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
     // The post-processor (postProcess by default).
@@ -92,6 +88,8 @@ signals:
     void message(const QString& text);
 
 public slots:
+    // The buttons that work on the bus, off while no controller is enabled.
+    void setBusEnabled(bool enable);
     // Shows the drive an upgrade goes to: N-Id on the selected controller.
     void showTarget();
 

@@ -33,6 +33,15 @@ FrmXBoot::FrmXBoot(CanLink* link, const WindowPlacement* placement, QWidget* mai
 {
     setObjectName(QStringLiteral("frmXBoot"));
     setWindowTitle(QStringLiteral("Production programming"));
+    // A serial load being waited for has ended once the unit's state is no longer "loading".
+    connect(m_link, &CanLink::progressNotified, this, [this] {
+        if (!m_link->productionRun)
+            return;
+        QString error;
+        const auto state = m_link->testState(&error);
+        if (state && *state != 1)
+            loadCompleted();
+    });
     const auto button = [this](const char* name, const QString& caption, const QString& tip,
                                void (FrmXBoot::*handler)()) {
         auto* b = new QPushButton(caption, this);

@@ -21,9 +21,8 @@
 
 namespace tessel {
 
-SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QWidget* parent)
-    : QGroupBox(QStringLiteral("SDO"), parent), txtAbort(abortBox), txtSDOTimeOut(timeoutBox),
-      m_link(link)
+SdoPanel::SdoPanel(CanLink* link, QWidget* parent)
+    : QGroupBox(QStringLiteral("SDO"), parent), m_link(link)
 {
     setObjectName(QStringLiteral("fraSDO"));
     const auto box = [this](const char* name, const QString& tip) {
@@ -32,6 +31,14 @@ SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QW
         e->setToolTip(tip);
         return e;
     };
+    txtSDOTimeOut = box("txtSDOTimeOut", QStringLiteral("SDO time-out of the CAN server, in "
+                                                        "milliseconds"));
+    txtSDOTimeOut->setMaximumWidth(70);
+    txtAbort = box("txtAbort", QStringLiteral("Result of the last bus operation: empty when it "
+                                              "succeeded, else the SDO abort code or the error"));
+    txtAbort->setReadOnly(true);
+    // A result to read and copy, not a field to fill: the Tab key passes it by.
+    txtAbort->setFocusPolicy(Qt::ClickFocus);
     cmbIndex = new QComboBox(this);
     cmbIndex->setObjectName(QStringLiteral("cmbIndex"));
     cmbIndex->setEditable(true);
@@ -130,6 +137,12 @@ SdoPanel::SdoPanel(CanLink* link, QLineEdit* abortBox, QLineEdit* timeoutBox, QW
     view(txtWord, DataView::Word);
     view(txtLong, DataView::Long);
     RefreshViews({}, 0);
+}
+
+void SdoPanel::setBusEnabled(bool enable)
+{
+    cmdUpload->setEnabled(enable);
+    cmdDownload->setEnabled(enable);
 }
 
 void SdoPanel::RefreshViews(const QByteArray& data, int source)

@@ -30,8 +30,7 @@ public:
     static constexpr int kMinSdoTimeoutMs = 1;
     static constexpr int kMaxSdoTimeoutMs = 65535;
 
-    SdoPanel(CanLink* link, QLineEdit* txtAbort, QLineEdit* txtSDOTimeOut,
-             QWidget* parent = nullptr);
+    SdoPanel(CanLink* link, QWidget* parent = nullptr);
 
     // The window around: the selected controller and the monitor's display switch.
     BusContext* bus = nullptr;
@@ -50,8 +49,10 @@ public:
     QCheckBox* chkVHex = nullptr;
     QCheckBox* chkVDec = nullptr;
     QPlainTextEdit* txtVectGet = nullptr;
-    QLineEdit* txtAbort;
-    QLineEdit* txtSDOTimeOut;
+    // The result of the last bus operation, shared with the NMT and upgrade panels, and the
+    // server's SDO time-out; both laid out in this panel.
+    QLineEdit* txtAbort = nullptr;
+    QLineEdit* txtSDOTimeOut = nullptr;
 
     void cmdUpload_Click();
     void cmdDownload_Click();
@@ -66,6 +67,9 @@ public:
     void setData(const QByteArray& data);
     // The panel's controls in the order the Tab key visits them: row by row, as they stand.
     QList<QWidget*> tabOrder() const;
+
+    // The buttons that work on the bus, off while no controller is enabled.
+    void setBusEnabled(bool enable);
 
 signals:
     // A transfer worked: what was done, for the status bar.

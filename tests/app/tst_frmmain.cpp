@@ -168,7 +168,7 @@ void TstFrmMain::serverKilledWhileRunning()
     QTRY_COMPARE(t.window.sbrStato[0]->text(), QStringLiteral("CAN server not reachable"));
     QElapsedTimer clock;
     clock.start();
-    t.window.cmdNMT_Click(0);
+    t.window.nmtPanel->cmdNMT_Click(0);
     t.window.tmrStato_Timer();
     t.window.cmbBaud[0]->setCurrentIndex(3);
     // Every call ends at once with the description; nothing waits for a time-out.
