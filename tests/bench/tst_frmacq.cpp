@@ -39,36 +39,9 @@ class TstFrmAcq : public QObject
 {
     Q_OBJECT
 private slots:
-    void boxesAndButtonsCall();
     void refusedOutputGoesBack();
     void autoRefreshNeverNests();
 };
-
-void TstFrmAcq::boxesAndButtonsCall()
-{
-    RecordingBench bench;
-    BenchControl control(2, 33, &bench);
-    QVERIFY(control.prologue().isEmpty());
-    FrmAcq w(fixtureDescription(FixtureKind::Pcb), &control, nullptr, nullptr);
-    w.setBenchType(33);
-    // The unit's supply relay is known closed; the others are not known and show open.
-    QVERIFY(w.chkDig.value(5)->isChecked());
-    QVERIFY(!w.chkDig.value(7)->isChecked());
-    bench.calls.clear();
-    w.chkDig.value(7)->click();
-    w.chkDig.value(5)->click();
-    QTest::mouseClick(w.cmdArm, Qt::LeftButton);
-    QCOMPARE(bench.calls, QStringList({"out 7 1", "out 5 0", "arm"}));
-    bench.calls.clear();
-    QTest::mouseClick(w.cmdGet, Qt::LeftButton);
-    QCOMPARE(bench.calls.size(), 14);
-    QCOMPARE(bench.calls.first(), QString("input 0"));
-    QCOMPARE(w.readout().count("\r\n"), 14);
-    QVERIFY(w.Text1->toPlainText().startsWith("Door = L\nch 0 = 000.000\n"));
-    // A box switched elsewhere shows here.
-    control.setOutput(7, false);
-    QVERIFY(!w.chkDig.value(7)->isChecked());
-}
 
 void TstFrmAcq::refusedOutputGoesBack()
 {

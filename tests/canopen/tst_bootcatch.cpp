@@ -16,9 +16,6 @@ private slots:
     void repeatsItsRequestUntilTheTimeIsUp();
     void answers_data();
     void answers();
-    void isRequestFor_data();
-    void isRequestFor();
-    void cancelledCatchReportsNothing();
 };
 
 namespace {
@@ -104,41 +101,6 @@ void TstBootCatch::answers()
     QCOMPARE(rig.sent.size(), 1);
     QVERIFY(!rig.catcher.onFrame(fromHex(id, data.constData()), 4 * kMs));
     QCOMPARE(rig.results.size(), 1);
-}
-
-void TstBootCatch::isRequestFor_data()
-{
-    QTest::addColumn<quint16>("id");
-    QTest::addColumn<QByteArray>("data");
-    QTest::addColumn<int>("node");
-    QTest::addColumn<bool>("taken");
-    QTest::newRow("any node") << quint16(0x6A0) << QByteArray("b000") << 1 << true;
-    QTest::newRow("its node") << quint16(0x6A0) << QByteArray("b001") << 1 << true;
-    QTest::newRow("another node") << quint16(0x6A0) << QByteArray("b002") << 1 << false;
-    QTest::newRow("wrong code") << quint16(0x6A0) << QByteArray("b100") << 1 << false;
-    QTest::newRow("wrong length") << quint16(0x6A0) << QByteArray("b00000") << 1 << false;
-    QTest::newRow("wrong COB-ID") << quint16(0x6A1) << QByteArray("b000") << 1 << false;
-}
-
-void TstBootCatch::isRequestFor()
-{
-    QFETCH(quint16, id);
-    QFETCH(QByteArray, data);
-    QFETCH(int, node);
-    QFETCH(bool, taken);
-    QCOMPARE(boot::isRequestFor(fromHex(id, data.constData()), quint8(node)), taken);
-}
-
-void TstBootCatch::cancelledCatchReportsNothing()
-{
-    Rig rig;
-    rig.catcher.start(0, 100, 0);
-    rig.catcher.cancel();
-    QCOMPARE(rig.catcher.nextDeadlineUs(), -1);
-    QVERIFY(!rig.catcher.onFrame(fromHex(0x6A1, "0103020100"), kMs));
-    rig.catcher.onTimer(200 * kMs);
-    QVERIFY(rig.results.isEmpty());
-    QCOMPARE(rig.sent.size(), 1);
 }
 
 QTEST_GUILESS_MAIN(TstBootCatch)

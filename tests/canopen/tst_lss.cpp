@@ -139,15 +139,9 @@ private slots:
     void masterConfirmedServices_data();
     void masterConfirmedServices();
     void masterSwitchSelectiveAndInquire();
-    void masterIdentifyCollectsForTheTimeOut();
-    void masterActivateWaitsTwiceTheDelay();
     void slaveAgainstScriptedMaster();
-    void slaveActivatesAfterTheDelay();
-    void slaveStore_data();
-    void slaveStore();
     void fastscanFindsEachSlave_data();
     void fastscanFindsEachSlave();
-    void fastscanStoppedHalfWay();
 };
 
 void TstLss::masterConfirmedServices_data()
@@ -246,45 +240,6 @@ void TstLss::masterSwitchSelectiveAndInquire()
     QCOMPARE(none.result->error, LssMaster::kNoAnswer);
 }
 
-void TstLss::masterIdentifyCollectsForTheTimeOut()
-{
-    ScriptedSlave one({"4f00000000000000"});
-    one.master.identifyNonConfigured(0);
-    one.run();
-    QCOMPARE(one.log.first(), QString("> 7e5:4c 00 00 00 00 00 00 00"));
-    QVERIFY(!one.result->answered); // 4F is not the answer to 4C: not counted...
-    QCOMPARE(one.result->error, QString());
-    ScriptedSlave right({"5000000000000000"});
-    right.master.identifyNonConfigured(0);
-    right.run();
-    QVERIFY(right.result->answered);    // ...and 50 is
-    QCOMPARE(right.now, qint64(20000)); // answers are collected for the whole time-out
-    ScriptedSlave nobody({"-"});
-    nobody.master.identifyNonConfigured(0);
-    nobody.run();
-    QVERIFY(!nobody.result->answered);
-    QCOMPARE(nobody.result->error, QString());
-
-    ScriptedSlave remote({"-", "-", "-", "-", "-", "4f00000000000000"});
-    remote.master.identifyRemote({0x3A1, 0x300, 0, 0}, {0x3A1, 0x300, 0xFFFFFFFF, 0xFFFFFFFF}, 0);
-    remote.run();
-    QCOMPARE(remote.log.mid(0, 6),
-             (QStringList{"> 7e5:46 a1 03 00 00 00 00 00", "> 7e5:47 00 03 00 00 00 00 00",
-                          "> 7e5:48 00 00 00 00 00 00 00", "> 7e5:49 ff ff ff ff 00 00 00",
-                          "> 7e5:4a 00 00 00 00 00 00 00", "> 7e5:4b ff ff ff ff 00 00 00"}));
-    QVERIFY(remote.result->answered);
-}
-
-void TstLss::masterActivateWaitsTwiceTheDelay()
-{
-    ScriptedSlave s({"-"});
-    s.master.activateBitTiming(300, 0);
-    s.run();
-    QCOMPARE(s.log, QStringList{"> 7e5:15 2c 01 00 00 00 00 00"});
-    QCOMPARE(s.result->error, QString());
-    QCOMPARE(s.now, qint64(600000));
-}
-
 void TstLss::slaveAgainstScriptedMaster()
 {
     Slave s;
@@ -356,54 +311,6 @@ void TstLss::slaveAgainstScriptedMaster()
     QVERIFY(s.take().isEmpty());
 }
 
-void TstLss::slaveActivatesAfterTheDelay()
-{
-    Slave s;
-    s.feed("0401000000000000");
-    s.feed("1300050000000000");
-    s.take();
-    s.feed("1564000000000000", 1000); // 100 ms
-    QCOMPARE(s.slave.nextDeadlineUs(), qint64(101000));
-    s.slave.onTimer(100999);
-    QCOMPARE(s.switchedTo, -1);
-    s.slave.onTimer(101000);
-    QCOMPARE(s.switchedTo, 5);
-    // Silent for a second delay: asked meanwhile, it does not answer.
-    s.feed("5e00000000000000", 150000);
-    QVERIFY(s.take().isEmpty());
-    s.slave.onTimer(201000);
-    s.feed("5e00000000000000", 201000);
-    QCOMPARE(s.take(), QStringList{"7e4:5e ff 00 00 00 00 00 00"});
-}
-
-void TstLss::slaveStore_data()
-{
-    QTest::addColumn<bool>("supported");
-    QTest::addColumn<bool>("works");
-    QTest::addColumn<QString>("answer");
-    QTest::newRow("stored") << true << true << "7e4:17 00 00 00 00 00 00 00";
-    QTest::newRow("not supported") << false << true << "7e4:17 01 00 00 00 00 00 00";
-    QTest::newRow("storage fails") << true << false << "7e4:17 02 00 00 00 00 00 00";
-}
-
-void TstLss::slaveStore()
-{
-    QFETCH(bool, supported);
-    QFETCH(bool, works);
-    QFETCH(QString, answer);
-    Slave s;
-    s.slave.setStoreSupported(supported);
-    s.storeWorks = works;
-    s.feed("0401000000000000");
-    s.feed("1122000000000000");
-    s.feed("1300020000000000");
-    s.take();
-    s.feed("1700000000000000");
-    QCOMPARE(s.take(), QStringList{answer});
-    if (supported)
-        QCOMPARE(s.stored, (std::pair<quint8, int>{0x22, 2}));
-}
-
 void TstLss::fastscanFindsEachSlave_data()
 {
     QTest::addColumn<QList<quint32>>("serials");
@@ -445,23 +352,6 @@ void TstLss::fastscanFindsEachSlave()
     const LssMaster::Result none = bus.run();
     QVERIFY(!none.answered);
     QCOMPARE(none.error, QString());
-}
-
-void TstLss::fastscanStoppedHalfWay()
-{
-    // The slave answers the reset and the probes of the vendor-ID, then falls silent when the
-    // master confirms the whole vendor-ID.
-    QStringList script{"4f00000000000000"};
-    for (int bit = 31; bit >= 0; --bit)
-        script << ((0x3A1u >> bit) & 1 ? "-" : "4f00000000000000");
-    script << "-";
-    ScriptedSlave s(script);
-    s.master.fastscan(0);
-    s.run();
-    QVERIFY(s.result);
-    QCOMPARE(s.result->error, QString("the LSS slave stopped answering during Fastscan"));
-    QCOMPARE(s.log.first(), QString("> 7e5:51 00 00 00 00 80 00 00"));
-    QVERIFY(s.log.contains("> 7e5:51 a1 03 00 00 00 00 01")); // the vendor-ID, confirmed
 }
 
 QTEST_GUILESS_MAIN(TstLss)

@@ -62,8 +62,6 @@ private slots:
     void commands();
     void resetNodeWaitsForTheNodeToBoot();
     void resetCommunicationBootsAtOnce();
-    void heartbeatPeriodChangeRestartsTimer();
-    void lateTimerKeepsTheGrid();
     void silentWhenUnconfiguredOrUnpowered();
 };
 
@@ -153,20 +151,6 @@ void TstNmtSlave::resetCommunicationBootsAtOnce()
     QCOMPARE(n.nmt.nextDeadlineUs(), 120'000);
 }
 
-void TstNmtSlave::heartbeatPeriodChangeRestartsTimer()
-{
-    Node n(5, 1000);
-    n.nmt.bootUp(0);
-    n.take();
-    n.nmt.setHeartbeatPeriodMs(250, 400'000);
-    n.runUntil(1'000'000);
-    QCOMPARE(n.take().size(), 2); // 650 ms and 900 ms
-    n.nmt.setHeartbeatPeriodMs(0, 1'000'000);
-    n.runUntil(5'000'000);
-    QVERIFY(n.take().isEmpty());
-    QCOMPARE(n.nmt.nextDeadlineUs(), -1);
-}
-
 void TstNmtSlave::silentWhenUnconfiguredOrUnpowered()
 {
     Node unconfigured(NmtSlave::kUnconfigured, 100);
@@ -183,25 +167,6 @@ void TstNmtSlave::silentWhenUnconfiguredOrUnpowered()
     n.runUntil(1'000'000);
     QVERIFY(n.take().isEmpty());
     QCOMPARE(n.resetComms, 0);
-}
-
-void TstNmtSlave::lateTimerKeepsTheGrid()
-{
-    // Period 100 ms from 0: the timer fires half a period late once; the beats after it are
-    // on the grid again (200, 300, ...), not 100 ms after the late one.
-    Node node;
-    node.nmt.bootUp(0);
-    node.take();
-    const qint64 first = node.nmt.nextDeadlineUs();
-    node.nmt.onTimer(first + 50000);
-    QCOMPARE(node.take().size(), 1);
-    QCOMPARE(node.nmt.nextDeadlineUs(), first + 100000);
-    node.nmt.onTimer(first + 100000);
-    QCOMPARE(node.nmt.nextDeadlineUs(), first + 200000);
-    // A timer more than a whole period late starts a new grid from now: no burst of beats.
-    node.nmt.onTimer(first + 450000);
-    QCOMPARE(node.take().size(), 2);
-    QCOMPARE(node.nmt.nextDeadlineUs(), first + 550000);
 }
 
 QTEST_APPLESS_MAIN(TstNmtSlave)

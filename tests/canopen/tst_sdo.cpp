@@ -136,33 +136,24 @@ class TstSdo : public QObject
 private slots:
     void roundTrip_data();
     void roundTrip();
-    void expeditedUploadByHand();
-    void segmentedDownloadByHand();
     void blockDownloadResendsALostSegment();
     void blockUploadResendsALostSegment();
     void nodeWithoutBlockTransfer();
     void aborts_data();
     void aborts();
     void wrongToggleFromTheServer();
-    void wrongToggleFromTheClient();
     void corruptedBlockCrc_data();
     void corruptedBlockCrc();
-    void silentNode();
     void nodeFallsSilentMidTransfer_data();
     void nodeFallsSilentMidTransfer();
     void serverForgetsASilentClient();
-    void abortInTheMiddleOfABlock();
     void crcKnownValue();
     void clientFacingAForeignNode_data();
     void clientFacingAForeignNode();
     void foreignNodesLeaveOutWhatTheyMay();
     void serverRefusesASegmentPastTheIndicatedSize();
-    void highestNodeId();
-    void deadlineFollowsEveryFrame_data();
-    void deadlineFollowsEveryFrame();
     void answersThatAreNotOurs_data();
     void answersThatAreNotOurs();
-    void unknownCommandNamesTheRequest();
 };
 
 // Each client frame is followed by the frames of one script step ("ID:HEX", several joined by
@@ -247,20 +238,6 @@ void TstSdo::answersThatAreNotOurs()
     else
         QCOMPARE(result->data.toHex(), outcome.toLatin1());
     QVERIFY(!client.isBusy());
-}
-
-void TstSdo::unknownCommandNamesTheRequest()
-{
-    Store store;
-    store.values[{0x2040, 0}] = pattern(20);
-    QStringList answers;
-    SdoServer server(&store, [&answers](const CanFrame& f) { answers << hexOf(f); });
-    server.setNodeId(5);
-    server.onFrame(fromHex(0x605, "4040200000000000"), 0); // an earlier transfer of 2040
-    server.onFrame(fromHex(0x605, "8040200000000000"), 0);
-    answers.clear();
-    server.onFrame(fromHex(0x605, "e000100000000000"), 0); // no such command, naming 1000
-    QCOMPARE(answers, QStringList{"585:80 00 10 00 01 00 04 05"});
 }
 
 void TstSdo::clientFacingAForeignNode_data()
@@ -358,54 +335,6 @@ void TstSdo::serverRefusesASegmentPastTheIndicatedSize()
     QCOMPARE(answers, QStringList());
 }
 
-void TstSdo::highestNodeId()
-{
-    Link link;
-    link.server.setNodeId(127);
-    link.store.values[{0x1018, 1}] = QByteArray::fromHex("a1030000");
-    link.client.startUpload(127, 0x1018, 1, 0);
-    link.run();
-    QCOMPARE(link.log,
-             (QStringList{"> 67f:a4 18 10 01 7f 04 00 00", "< 5ff:43 18 10 01 a1 03 00 00"}));
-    QCOMPARE(link.result->data, QByteArray::fromHex("a1030000"));
-}
-
-void TstSdo::deadlineFollowsEveryFrame_data()
-{
-    QTest::addColumn<bool>("block");
-    QTest::newRow("segmented") << false;
-    QTest::newRow("block") << true;
-}
-
-void TstSdo::deadlineFollowsEveryFrame()
-{
-    // 100 ms time-out; every answer comes 60 ms after the frame it answers, so the whole
-    // transfer takes seconds and still never waits longer than the time-out for one answer.
-    QFETCH(bool, block);
-    Link link;
-    link.client.setBlockTransfer(block);
-    link.client.setTimeoutMs(100);
-    const QByteArray data = pattern(block ? 6000 : 700);
-    link.client.startDownload(5, 0x2040, 0, data, 0);
-    while (!link.wire.empty()) {
-        auto [toServer, f] = link.wire.front();
-        link.wire.pop_front();
-        if (!toServer) {
-            link.now += 60000;
-            link.client.onTimer(link.now);
-        }
-        if (toServer)
-            link.server.onFrame(f, link.now);
-        else
-            link.client.onFrame(f, link.now);
-    }
-    QVERIFY(link.result);
-    QCOMPARE(link.result->abortCode, 0u);
-    QCOMPARE(link.result->error, QString());
-    QCOMPARE(link.store.values.value({0x2040, 0}), data);
-    QVERIFY(link.now > 3 * 100000); // several time-outs' worth in all
-}
-
 void TstSdo::roundTrip_data()
 {
     QTest::addColumn<int>("size");
@@ -444,35 +373,6 @@ void TstSdo::roundTrip()
     // From 1 to 4 bytes every transfer is a single expedited exchange.
     if (size >= 1 && size <= 4)
         QCOMPARE(link.log.size(), 4);
-}
-
-void TstSdo::expeditedUploadByHand()
-{
-    Link link;
-    link.store.values[{0x1018, 1}] = QByteArray::fromHex("a1030000");
-    link.client.startUpload(5, 0x1018, 1, 0);
-    link.run();
-    // A block upload request with switch threshold 4; the node answers as to a plain upload.
-    QCOMPARE(link.log,
-             (QStringList{"> 605:a4 18 10 01 7f 04 00 00", "< 585:43 18 10 01 a1 03 00 00"}));
-    QCOMPARE(link.result->data, QByteArray::fromHex("a1030000"));
-}
-
-void TstSdo::segmentedDownloadByHand()
-{
-    Link link;
-    link.client.setBlockTransfer(false);
-    link.client.startDownload(5, 0x2030, 0, "axis 12345", 0);
-    link.run();
-    QCOMPARE(link.log, (QStringList{
-                           "> 605:21 30 20 00 0a 00 00 00", // segmented, 10 bytes
-                           "< 585:60 30 20 00 00 00 00 00",
-                           "> 605:00 61 78 69 73 20 31 32", // t=0, 7 bytes
-                           "< 585:20 00 00 00 00 00 00 00",
-                           "> 605:19 33 34 35 00 00 00 00", // t=1, n=4, last
-                           "< 585:30 00 00 00 00 00 00 00",
-                       }));
-    QCOMPARE(link.store.values.value({0x2030, 0}), QByteArray("axis 12345"));
 }
 
 void TstSdo::blockDownloadResendsALostSegment()
@@ -609,20 +509,6 @@ void TstSdo::wrongToggleFromTheServer()
     QVERIFY(link.log.contains("> 605:80 40 20 00 00 00 03 05"));
 }
 
-void TstSdo::wrongToggleFromTheClient()
-{
-    Link link;
-    link.client.setBlockTransfer(false);
-    link.client.startDownload(5, 0x2040, 0, pattern(20), 0);
-    link.run([](bool toServer, CanFrame& f) {
-        if (toServer && (f.data[0] & 0xE0) == 0x00 && (f.data[0] & 0x10))
-            f.data[0] &= ~0x10;
-        return true;
-    });
-    QCOMPARE(link.result->abortCode, 0x05030000u);
-    QVERIFY(!link.store.values.contains({0x2040, 0}));
-}
-
 void TstSdo::corruptedBlockCrc_data()
 {
     QTest::addColumn<bool>("upload");
@@ -647,29 +533,6 @@ void TstSdo::corruptedBlockCrc()
     QCOMPARE(link.result->abortCode, 0x05040004u);
     QVERIFY(!link.store.values.contains({0x2041, 0}));
     QCOMPARE(link.server.state(), SdoServer::State::Idle);
-}
-
-void TstSdo::silentNode()
-{
-    Link link;
-    link.client.setTimeoutMs(500);
-    link.client.startUpload(5, 0x2040, 0, 0);
-    link.wire.clear(); // nobody answers
-    link.client.onTimer(499'999);
-    QVERIFY(!link.result);
-    QCOMPARE(link.client.nextDeadlineUs(), 500'000);
-    link.client.onTimer(500'000);
-    QVERIFY(link.result);
-    QCOMPARE(link.result->error, SdoClient::kTimeoutText);
-    QCOMPARE(link.result->abortCode, 0x05040000u);
-    QCOMPARE(hexOf(link.wire.front().second), QStringLiteral("605:80 40 20 00 00 00 04 05"));
-    // The next transfer works.
-    link.wire.clear();
-    link.result.reset();
-    link.store.values[{0x2040, 0}] = "ok";
-    link.client.startUpload(5, 0x2040, 0, 600'000);
-    link.run();
-    QCOMPARE(link.result->data, QByteArray("ok"));
 }
 
 void TstSdo::nodeFallsSilentMidTransfer_data()
@@ -721,27 +584,6 @@ void TstSdo::serverForgetsASilentClient()
     link.server.onTimer(1'000'000);
     QCOMPARE(hexOf(link.wire.front().second), QStringLiteral("585:80 40 20 00 00 00 04 05"));
     QCOMPARE(link.server.state(), SdoServer::State::Idle);
-}
-
-void TstSdo::abortInTheMiddleOfABlock()
-{
-    Link link;
-    link.client.startDownload(5, 0x2040, 0, pattern(2000), 0);
-    int segments = 0;
-    link.run([&](bool toServer, CanFrame&) {
-        if (toServer && link.server.state() == SdoServer::State::BlockDownload && ++segments == 50)
-            link.wire.push_back({false, sdo::abortFrame(0x585, 0x2040, 0, 0x08000020)});
-        return true;
-    });
-    QCOMPARE(link.result->abortCode, 0x08000020u);
-    QVERIFY(!link.client.isBusy());
-    // Frames of the broken transfer still in flight are ignored; a new transfer goes through.
-    link.result.reset();
-    link.server.reset();
-    link.client.startDownload(5, 0x2040, 0, pattern(9), 0);
-    link.run();
-    QCOMPARE(link.result->abortCode, 0u);
-    QCOMPARE(link.store.values.value({0x2040, 0}), pattern(9));
 }
 
 void TstSdo::crcKnownValue()
