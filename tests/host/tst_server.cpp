@@ -29,20 +29,15 @@ private slots:
     void cleanup();
 
     void twoSessionsSeeEachOthersFrames();
-    void mismatchedBitRateIsNotDelivered();
     void driveFollowsNmtCommands_data();
     void driveFollowsNmtCommands();
-    void benchSupplyRebootsTheDrive();
     void badInputIsRefused_data();
     void badInputIsRefused();
     void sdoWithTheDrive();
     void sdoAborts_data();
     void sdoAborts();
-    void sdoSilentNodeTimesOut();
     void sdoBounds();
     void absentNodeHoldsUpOnlyItself();
-    void garbageOnTheSocketIsDropped_data();
-    void garbageOnTheSocketIsDropped();
     void lostServerFailsCallsInTime();
     void refusesToStart_data();
     void refusesToStart();
@@ -131,32 +126,6 @@ void TstServer::twoSessionsSeeEachOthersFrames()
     QCOMPARE(ra.received.last().controller, 0);
 }
 
-void TstServer::mismatchedBitRateIsNotDelivered()
-{
-    auto running = withRunningDrive();
-    QVERIFY(running);
-    auto& a = running->connection;
-    FrameRecorder& ra = *running->frames;
-
-    CALL_OK(a, bus()->SetBitRate(0, 2)); // 500K: the drive runs at 1000K
-    QTest::qWait(50);
-    const int seen = ra.received.size();
-    // Nobody at 500K acknowledges: twelve frames bring the controller to error warning.
-    for (int i = 0; i < 12; ++i)
-        CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, hex("8101")), 0));
-    QString error;
-    QTRY_COMPARE(a->wait(a->bus()->GetStatus(0), &error)->value(),
-                 int(StatusTransmitPending | StatusErrorWarning));
-    QTest::qWait(500);
-    QCOMPARE(ra.received.size(), seen); // no heartbeat, no boot-up: the reset never arrived
-    QVERIFY(ra.transmitted.isEmpty());
-
-    CALL_OK(a, bus()->RestartController(0)); // back to a clean error state
-    CALL_OK(a, bus()->SetBitRate(0, 0));
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000, seen));
-    QCOMPARE(a->wait(a->bus()->GetStatus(0), &error)->value(), 0);
-}
-
 void TstServer::driveFollowsNmtCommands_data()
 {
     QTest::addColumn<QByteArray>("command");
@@ -192,37 +161,6 @@ void TstServer::driveFollowsNmtCommands()
         QTest::qWait(300);
         QCOMPARE(ra.find(0x701, hex("7f"), ra.find(0x701, heartbeat)), -1);
     }
-}
-
-void TstServer::benchSupplyRebootsTheDrive()
-{
-    auto running = withRunningDrive();
-    QVERIFY(running);
-    auto& a = running->connection;
-    FrameRecorder& ra = *running->frames;
-    CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, hex("0101")), 0));
-    QVERIFY(ra.waitFor(0x701, hex("05"), 3000));
-
-    QString error;
-    const auto info = a->wait(a->benchBoard()->GetBenchInfo(), &error);
-    QVERIFY(info);
-    QCOMPARE(info->kind(), 1);
-    QCOMPARE(info->type(), 3);
-    CALL_OK(a, benchIo()->Acquire());
-    QVERIFY(qAbs(a->wait(a->benchIo()->ReadAnalog(0), &error)->value() - 48.0) < 0.05);
-
-    CALL_OK(a, benchBoard()->BoardCommand(11, 0)); // main supply off
-    QTest::qWait(400);
-    const int before = ra.received.size();
-    QTest::qWait(400);
-    QCOMPARE(ra.received.size(), before); // unpowered: silent
-    CALL_OK(a, benchIo()->Acquire());
-    QVERIFY(qAbs(a->wait(a->benchIo()->ReadAnalog(0), &error)->value()) < 0.05);
-
-    CALL_OK(a, benchBoard()->BoardCommand(10, 0));
-    QVERIFY(ra.waitFor(0x701, hex("00"), 3000, before));
-    // A new life starts pre-operational.
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000, ra.find(0x701, hex("00"), before)));
 }
 
 void TstServer::badInputIsRefused_data()
@@ -480,29 +418,6 @@ void TstServer::sdoBounds()
     QVERIFY(request && request->error().isEmpty() && request->requestId() > 0);
 }
 
-void TstServer::sdoSilentNodeTimesOut()
-{
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    CALL_OK(a, bus()->StartController(0));
-    CALL_OK(a, service()->SetSdoTimeout(200));
-    const auto result = sdoTransfer(a.get(), true, 5, 0x1018, 1); // no node 5 on the bus
-    QVERIFY(result);
-    QCOMPARE(result->error(), QStringLiteral("SDO timeout"));
-    // A stopped drive has no SDO service either; the server goes on serving.
-    FrameRecorder ra(a.get());
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000));
-    CALL_OK(a, bus()->Send(0, CanMsg(0, 2, hex("0201")), 0));
-    QVERIFY(ra.waitFor(0x701, hex("04"), 3000));
-    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->error(), QStringLiteral("SDO timeout"));
-    CALL_OK(a, bus()->Send(0, CanMsg(0, 2, hex("8001")), 0));
-    QVERIFY(ra.waitFor(0x701, hex("7f"), 3000, ra.find(0x701, hex("04"))));
-    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
-    // A controller that is not started says so.
-    QVERIFY(sdoTransfer(a.get(), true, 1, 0x1018, 1, {}, 1)->error().contains("not started"));
-}
-
 void TstServer::absentNodeHoldsUpOnlyItself()
 {
     // Session b waits for node 0x55, which is not there, for up to 65 s; session a's transfers
@@ -529,43 +444,6 @@ void TstServer::absentNodeHoldsUpOnlyItself()
     QCOMPARE(bDone.size(), 0);
     CALL_OK(b, service()->CancelRequest(waiting->requestId()));
     QTRY_COMPARE(bDone.size(), 1);
-}
-
-void TstServer::garbageOnTheSocketIsDropped_data()
-{
-    QTest::addColumn<bool>("attachFirst");
-    QTest::newRow("instead of the answer to the greeting") << false;
-    QTest::newRow("after attaching") << true;
-}
-
-void TstServer::garbageOnTheSocketIsDropped()
-{
-    QFETCH(bool, attachFirst);
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-
-    QLocalSocket rogue;
-    rogue.connectToServer(m_server->socketPath());
-    QVERIFY(rogue.waitForConnected(3000));
-    QTRY_VERIFY(rogue.canReadLine());
-    QVERIFY(rogue.readLine().startsWith(kGreeting));
-    if (attachFirst) {
-        rogue.write(QByteArray(kAttach) + '\n');
-        QTRY_COMPARE(sessionCount(a.get()), 2);
-    }
-    QByteArray garbage(64 * 1024, '\0');
-    for (int i = 0; i < garbage.size(); ++i)
-        garbage[i] = char((i * 2654435761u) >> 13);
-    rogue.write(garbage);
-    rogue.flush();
-    QTest::qWait(300);
-    // Whatever the server made of it, it still serves, and the rogue session goes with its
-    // connection.
-    CALL_OK(a, bus()->StartController(0));
-    rogue.abort();
-    QTRY_COMPARE(sessionCount(a.get()), 1);
-    QVERIFY(m_server->process().state() == QProcess::Running);
 }
 
 void TstServer::lostServerFailsCallsInTime()

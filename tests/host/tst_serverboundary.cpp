@@ -108,6 +108,7 @@ private slots:
     void clientThatDoesNotReadIsDisconnected();
     void sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod();
     void killedClientsTransferIsAbortedOnTheBus();
+    void sdoRequestsWaitTheirTurn();
     void tcpNeedsTheSecret();
     void relayedProofIsRefused();
     void unansweredConnectionsLeaveRoom();
@@ -359,6 +360,39 @@ void TstServerBoundary::killedClientsTransferIsAbortedOnTheBus()
     const auto result = done.first().at(0).value<OperationResult>();
     QCOMPARE(result.requestId(), request->requestId());
     QCOMPARE(result.abortCode(), 0u);
+}
+
+void TstServerBoundary::sdoRequestsWaitTheirTurn()
+{
+    QVERIFY(startServer());
+    auto a = attach(), b = attach();
+    QVERIFY(a && b);
+    FrameRecorder frames(a.get());
+    CALL_OK(a, bus()->StartController(0));
+    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000));
+    CALL_OK(a, service()->SetSdoTimeout(200));
+    QSignalSpy aDone(a->notify(), &QCSNotifyReplica::OperationDone);
+    QSignalSpy bDone(b->notify(), &QCSNotifyReplica::OperationDone);
+
+    // Node 0x7E does not exist: each of these waits out its time-out.
+    QString error;
+    QStringList refusals;
+    for (int i = 0; i < 20; ++i) {
+        const auto r = a->wait(a->service()->SdoUpload(0, 0x7E, 0x1000, 0), &error);
+        QVERIFY(r);
+        if (!r->error().isEmpty())
+            refusals << r->error();
+    }
+    // Sixteen wait, one runs.
+    QVERIFY2(refusals.size() == 3 || refusals.size() == 4, qPrintable(refusals.join('\n')));
+    QVERIFY2(refusals.first().contains("too many SDO requests"), qPrintable(refusals.first()));
+
+    const auto request = b->wait(b->service()->SdoUpload(0, 1, 0x1018, 1), &error);
+    QVERIFY(request && request->error().isEmpty());
+    QTRY_COMPARE_WITH_TIMEOUT(bDone.size(), 1, 3000);
+    QCOMPARE(bDone.first().at(0).value<OperationResult>().abortCode(), 0u);
+    // b waited for the transfer that was running, not for a's whole queue.
+    QVERIFY2(aDone.size() <= 2, qPrintable(QString::number(aDone.size())));
 }
 
 void TstServerBoundary::tcpNeedsTheSecret()

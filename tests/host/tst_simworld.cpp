@@ -17,8 +17,6 @@ class TstSimWorld : public QObject
 {
     Q_OBJECT
 private slots:
-    void doorsStartAsConfigured_data();
-    void doorsStartAsConfigured();
     void statusWindowWorksTheBench();
     void overvoltageIsLogged();
 
@@ -35,29 +33,6 @@ private:
         return core;
     }
 };
-
-void TstSimWorld::doorsStartAsConfigured_data()
-{
-    QTest::addColumn<bool>("open");
-    QTest::newRow("closed") << false;
-    QTest::newRow("--doors-open") << true;
-}
-
-void TstSimWorld::doorsStartAsConfigured()
-{
-    QFETCH(bool, open);
-    auto core = world(open);
-    QVERIFY(core);
-    QString error;
-    for (const int input : {0, 10}) {
-        bool closed = open;
-        QVERIFY(core->bench()->readInput(input, &closed, &error));
-        QCOMPARE(closed, !open);
-    }
-    bool other = false;
-    QVERIFY(core->bench()->readInput(3, &other, &error));
-    QVERIFY(other);
-}
 
 void TstSimWorld::statusWindowWorksTheBench()
 {
