@@ -25,11 +25,8 @@ private slots:
     void readImageWords();
     void classify_data();
     void classify();
-    void littleEndianValue_data();
-    void littleEndianValue();
     void versionText_data();
     void versionText();
-    void aLargeFileIsClassifiedWithoutHanging();
     void unreadableFiles_data();
     void unreadableFiles();
     void postProcessOutputName_data();
@@ -184,28 +181,6 @@ void TstImageFile::classify()
     QCOMPARE(id->hardwareFingerprint, hf);
 }
 
-void TstImageFile::littleEndianValue_data()
-{
-    QTest::addColumn<QByteArray>("hex");
-    QTest::addColumn<int>("digits");
-    QTest::addColumn<quint32>("value");
-    QTest::newRow("32-bit") << QByteArray("78563412") << 8 << 0x12345678u;
-    QTest::newRow("16-bit") << QByteArray("3412") << 4 << 0x1234u;
-    QTest::newRow("only the first digits") << QByteArray("78563412") << 4 << 0x5678u;
-    QTest::newRow("all bits") << QByteArray("FFFFFFFF") << 8 << 0xFFFFFFFFu;
-    QTest::newRow("shorter text") << QByteArray("3412") << 8 << 0x1234u;
-    QTest::newRow("empty") << QByteArray() << 8 << 0u;
-    QTest::newRow("malformed") << QByteArray("12\r\n") << 4 << 0u;
-}
-
-void TstImageFile::littleEndianValue()
-{
-    QFETCH(QByteArray, hex);
-    QFETCH(int, digits);
-    QFETCH(quint32, value);
-    QCOMPARE(tessel::littleEndianValue(hex, digits), value);
-}
-
 void TstImageFile::versionText_data()
 {
     QTest::addColumn<quint32>("value");
@@ -221,23 +196,6 @@ void TstImageFile::versionText()
     QFETCH(quint32, value);
     QFETCH(QString, text);
     QCOMPARE(tessel::versionText(value), text);
-}
-
-void TstImageFile::aLargeFileIsClassifiedWithoutHanging()
-{
-    // 16 MiB of record starts that hold nothing: every one is looked at and skipped.
-    QByteArray image;
-    image.reserve(kMaxImageFileBytes);
-    while (image.size() < kMaxImageFileBytes)
-        image += "S3ZZ";
-    const QString path = write(QStringLiteral("large.S"), image);
-    QVERIFY(!path.isEmpty());
-    image.clear();
-    int error = 0;
-    const auto id = classifyImage(path, &error);
-    QVERIFY(id);
-    QCOMPARE(id->kind, ImageKind::Unknown);
-    QFile::remove(path);
 }
 
 void TstImageFile::unreadableFiles_data()

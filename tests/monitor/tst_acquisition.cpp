@@ -16,7 +16,6 @@ private slots:
     void lines();
     void fileFaultsKeepTheBuffer_data();
     void fileFaultsKeepTheBuffer();
-    void emptyBufferGivesEmptyFile();
 };
 
 void TstAcquisition::lines_data()
@@ -87,22 +86,6 @@ void TstAcquisition::fileFaultsKeepTheBuffer()
     QFile written(dir.filePath("acq.csv"));
     QVERIFY(written.open(QIODevice::ReadOnly));
     QCOMPARE(written.readAll(), QByteArray("385;0;2;1;2;\r\n385;1;2;1;2;\r\n385;2;2;1;2;\r\n"));
-}
-
-void TstAcquisition::emptyBufferGivesEmptyFile()
-{
-    QTemporaryDir dir;
-    QFile old(dir.filePath("acq.csv"));
-    QVERIFY(old.open(QIODevice::WriteOnly));
-    old.write("earlier acquisition\r\n");
-    old.close();
-    AcquisitionBuffer buffer;
-    const quint8 data[1] = {9};
-    buffer.append(1, 1, 1, data);
-    buffer.clear();
-    QString error;
-    QVERIFY(buffer.writeFile(dir.filePath("acq.csv"), &error));
-    QCOMPARE(QFileInfo(dir.filePath("acq.csv")).size(), 0);
 }
 
 QTEST_APPLESS_MAIN(TstAcquisition)

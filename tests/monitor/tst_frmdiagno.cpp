@@ -82,8 +82,6 @@ private slots:
     void recordsOfNoFrameLengthAreDropped();
     void viewFollowsOnlyFromTheBottom();
     void sendButtons();
-    void configurationFiles();
-    void sequencerRows();
 };
 
 void TstFrmDiagno::recordsOfNoFrameLengthAreDropped_data()
@@ -176,97 +174,6 @@ void TstFrmDiagno::sendButtons()
     QCOMPARE(rig.sent.size(), 3);
     // The fields are kept as typed.
     QCOMPARE(rig.monitor.slotGrid->edLen0[1]->text(), QStringLiteral("9"));
-}
-
-void TstFrmDiagno::configurationFiles()
-{
-    QTemporaryDir dir;
-    Rig saving;
-    for (int i = 0; i < 8; ++i)
-        saving.setSlot(i, QString::number(0x181 + i, 16), QString::number(i),
-                       {"1", "", "3", "", "", "", "", i == 7 ? "FF" : ""});
-    saving.monitor.slotGrid->chRem[4]->setChecked(true);
-    saving.monitor.txtDiscardList[0]->setText("701");
-    saving.monitor.txtDiscardList[5]->setText("");
-    saving.monitor.setSequenceText(0, "M1 T0.5 M2 T1");
-    saving.monitor.setSequenceText(5, "m8 t2");
-    saving.chosenFile = dir.filePath("bench.cnd");
-    saving.monitor.btnSave_Click();
-    QVERIFY(saving.messages.isEmpty());
-    QCOMPARE(saving.dialogs, QStringList({"|Fioskeife Files (*.cnd)|*.cnd|All Files (*.*)|*.*"}));
-
-    Rig loading;
-    loading.monitor.show();
-    loading.monitor.cmdSeq_Click(); // the open sequencer shows what is loaded
-    loading.setSlot(3, "old", "old", {"old"});
-    loading.monitor.setSequenceText(3, "old");
-    loading.chosenFile = dir.filePath("bench.cnd");
-    loading.monitor.btnLoad_Click();
-    QVERIFY(loading.messages.isEmpty());
-    const MonitorSetup a = saving.monitor.setup(), b = loading.monitor.setup();
-    for (int i = 0; i < 8; ++i) {
-        QCOMPARE(b.transmitSlots[i].id, a.transmitSlots[i].id);
-        QCOMPARE(b.transmitSlots[i].data, a.transmitSlots[i].data);
-        QCOMPARE(b.transmitSlots[i].length, a.transmitSlots[i].length);
-        QCOMPARE(b.transmitSlots[i].remote, a.transmitSlots[i].remote);
-    }
-    QCOMPARE(b.filters, a.filters);
-    QCOMPARE(b.sequences, a.sequences);
-    QCOMPARE(loading.monitor.sequencer()->txtSeq[0]->text(), QStringLiteral("M1 T0.5 M2 T1"));
-    QCOMPARE(loading.monitor.sequencer()->txtSeq[3]->text(), QString());
-
-    // A cancelled dialog does nothing at all.
-    loading.chosenFile.clear();
-    loading.monitor.slotGrid->edID0[0]->setText("keep");
-    loading.monitor.btnLoad_Click();
-    loading.monitor.btnSave_Click();
-    QCOMPARE(loading.monitor.slotGrid->edID0[0]->text(), QStringLiteral("keep"));
-    QVERIFY(loading.messages.isEmpty());
-}
-
-void TstFrmDiagno::sequencerRows()
-{
-    Rig rig;
-    rig.setSlot(0, "181", "1", {"1"});
-    rig.setSlot(1, "182", "1", {"2"});
-    rig.monitor.setSequenceText(0, "M1 T0.05 M2 T0.05");
-    rig.monitor.setSequenceText(1, "M2 T70");
-    rig.monitor.setSequenceText(2, "M1,M2");
-    rig.monitor.cmdSeq_Click();
-    FrmSeq* seq = rig.monitor.sequencer();
-    QVERIFY(QTest::qWaitForWindowExposed(seq));
-    QCOMPARE(seq->windowTitle(), QStringLiteral("Sequenziatore"));
-    QCOMPARE(seq->txtSeq[0]->text(), QStringLiteral("M1 T0.05 M2 T0.05"));
-
-    seq->chkEn[0]->setChecked(true);
-    QVERIFY(!seq->txtSeq[0]->isEnabled()); // a running row's text is locked
-    QTRY_VERIFY(rig.sent.size() >= 6);
-    QCOMPARE(rig.sent.mid(0, 4), QStringList({"181:01", "182:02", "181:01", "182:02"}));
-    seq->chkEn[0]->setChecked(false);
-    QVERIFY(seq->txtSeq[0]->isEnabled());
-    const qsizetype stopped = rig.sent.size();
-    QTest::qWait(150);
-    QCOMPARE(rig.sent.size(), stopped);
-
-    // A wait beyond the timer's range stops the row with a message; so does a bad token.
-    seq->chkEn[1]->setChecked(true);
-    QTRY_VERIFY(!seq->chkEn[1]->isChecked());
-    QCOMPARE(rig.messages.size(), 1);
-    QVERIFY2(rig.messages[0].contains("T70"), qPrintable(rig.messages[0]));
-    seq->chkEn[2]->setChecked(true);
-    QTRY_VERIFY(!seq->chkEn[2]->isChecked());
-    QCOMPARE(rig.messages.size(), 2);
-    QVERIFY2(rig.messages[1].startsWith("Row 3: Sequence stopped at \",M2\""),
-             qPrintable(rig.messages[1]));
-
-    // Closing the window stops every row.
-    seq->chkEn[0]->setChecked(true);
-    QTRY_VERIFY(rig.sent.size() > stopped + 2);
-    seq->close();
-    QTRY_VERIFY(!rig.monitor.sequencer());
-    const qsizetype closed = rig.sent.size();
-    QTest::qWait(150);
-    QCOMPARE(rig.sent.size(), closed);
 }
 
 QTEST_MAIN(TstFrmDiagno)

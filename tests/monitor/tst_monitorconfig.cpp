@@ -11,8 +11,6 @@ class TstMonitorConfig : public QObject
     Q_OBJECT
 private slots:
     void writesTheFileFormat();
-    void roundTrip_data();
-    void roundTrip();
     void versions_data();
     void versions();
     void badFiles_data();
@@ -89,27 +87,6 @@ void TstMonitorConfig::writesTheFileFormat()
     QCOMPARE(lines[2], QByteArray("\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",1\r"));
     QCOMPARE(lines[9], QByteArray("\"\",\"\",\"\",\"\",\"\",\"701\",\"M1 T1\",\"\",\"\",\"\",\"\","
                                   "\"\""));
-}
-
-void TstMonitorConfig::roundTrip_data()
-{
-    QTest::addColumn<MonitorSetup>("setup");
-    QTest::newRow("full") << sample();
-    QTest::newRow("empty texts") << MonitorSetup{};
-    MonitorSetup odd = sample();
-    odd.transmitSlots[3].id = QStringLiteral("a \"quoted\", text");
-    odd.filters[2] = QStringLiteral(" padded ");
-    odd.sequences[4] = QStringLiteral("M1,M2\tT1");
-    odd.sequences[5] = QStringLiteral("è voilà");
-    QTest::newRow("quotes, commas, blanks, accents") << odd;
-}
-
-void TstMonitorConfig::roundTrip()
-{
-    QFETCH(MonitorSetup, setup);
-    const MonitorConfigLoad load = readMonitorConfig(writeMonitorConfig(setup), other());
-    QCOMPARE(load.result, MonitorConfigLoad::Loaded);
-    QVERIFY(same(load.setup, setup));
 }
 
 void TstMonitorConfig::versions_data()

@@ -71,7 +71,6 @@ private slots:
     void tokens();
     void rows_data();
     void rows();
-    void clearingStopsAWaitingRowAndTickingRestarts();
     void tooLongWaitStopsWithMessage();
     void failedSendStopsTheRow();
 };
@@ -151,30 +150,6 @@ void TstSequence::rows()
     QCOMPARE(rig.row->isEnabled(), running);
     QCOMPARE(rig.stops, running ? 0 : 1);
     QCOMPARE(rig.lastMessage, running ? QString() : stop);
-}
-
-void TstSequence::clearingStopsAWaitingRowAndTickingRestarts()
-{
-    Rig rig("M1 T0.5 M2 T1");
-    rig.row->setEnabled(true);
-    rig.clock.runUntil(*rig.row, 200); // waiting in T0.5
-    rig.row->setEnabled(false);
-    QCOMPARE(rig.clock.due, qint64(-1));
-    rig.clock.runUntil(*rig.row, 5000);
-    QCOMPARE(rig.sends(), QStringLiteral("0@1"));
-    rig.row->setEnabled(true); // from the first token again
-    rig.clock.runUntil(*rig.row, 5600);
-    QCOMPARE(rig.sends(), QStringLiteral("0@1 0@5001 1@5501"));
-
-    // A pure "M" row runs on, one pass per event-loop turn, until cleared.
-    Rig busy("M1 M2");
-    busy.row->setEnabled(true);
-    for (int turn = 0; turn < 5; ++turn)
-        busy.row->onTimer();
-    QCOMPARE(busy.sent.size(), 9);            // the first turn sends M1, then M2 with each next M1
-    QCOMPARE(busy.clock.due, busy.clock.now); // the next pass is due at once
-    busy.row->setEnabled(false);
-    QCOMPARE(busy.clock.due, qint64(-1));
 }
 
 void TstSequence::tooLongWaitStopsWithMessage()

@@ -14,7 +14,6 @@ private slots:
     void trimBoundary_data();
     void trimBoundary();
     void trimKeepsTheTraceBounded();
-    void changesForTheScreen();
     void filter_data();
     void filter();
 };
@@ -103,23 +102,6 @@ void TstTraceLine::trimKeepsTheTraceBounded()
         QVERIFY(buffer.text().size() < TraceBuffer::kMaxLength);
     }
     QVERIFY(buffer.text().endsWith("R0 181 2 000s019.999 > 1F 4E \r\n"));
-}
-
-void TstTraceLine::changesForTheScreen()
-{
-    TraceBuffer buffer;
-    buffer.append("a");
-    buffer.append("bc");
-    auto change = buffer.takeChange();
-    QVERIFY(!change.replaced);
-    QCOMPARE(change.added, 7);
-    change = buffer.takeChange();
-    QCOMPARE(change.added, 0);
-    buffer.clear();
-    buffer.append("d");
-    change = buffer.takeChange();
-    QVERIFY(change.replaced);
-    QCOMPARE(change.added, 3);
 }
 
 void TstTraceLine::filter_data()

@@ -60,7 +60,6 @@ private slots:
     void roundTrip_data();
     void roundTrip();
     void overlongLineIsNotHeld();
-    void formatByExtension();
 };
 
 void TstTraceFile::candumpByHand()
@@ -254,14 +253,6 @@ void TstTraceFile::overlongLineIsNotHeld()
     QBuffer empty;
     empty.open(QIODevice::ReadOnly);
     QCOMPARE(TraceReader::create(&empty, TraceFormat::Asc)->next(&r, &error), TraceReader::End);
-}
-
-void TstTraceFile::formatByExtension()
-{
-    TraceFormat f;
-    QVERIFY(traceFormatOf("a/b/trace.LOG", &f) && f == TraceFormat::CandumpLog);
-    QVERIFY(traceFormatOf("x.asc", &f) && f == TraceFormat::Asc);
-    QVERIFY(!traceFormatOf("x.txt", &f));
 }
 
 QTEST_APPLESS_MAIN(TstTraceFile)

@@ -90,12 +90,9 @@ class TstTraceReplay : public QObject
 private slots:
     void framesGetTheirServerTimes_data();
     void framesGetTheirServerTimes();
-    void holdUpMovesTheRestKeepingTheSpacing();
     void optionsShapeTheSchedule_data();
     void optionsShapeTheSchedule();
-    void stopTakesBackWhatWaits();
     void refusedFrameEndsTheReplay();
-    void gigabyteFileIsStreamed();
 
 private:
     // A candump log of `count` frames; frame i comes `spacingUs(i)` after the one before.
@@ -234,63 +231,6 @@ void TstTraceReplay::optionsShapeTheSchedule()
     QTEST(int(replay.skippedUnmapped()), "unmapped");
 }
 
-void TstTraceReplay::holdUpMovesTheRestKeepingTheSpacing()
-{
-    const QString log = writeLog("steady.log", 400, [](int) { return 1000; });
-    TraceReplay replay;
-    FakeServer server;
-    server.connect(replay);
-    // The program is held up past everything already handed over (tracing the 30th frame).
-    int due = 0;
-    replay.frameDue = [&](const ScheduledFrame&) {
-        if (++due == 30)
-            QThread::msleep(250);
-    };
-    QSignalSpy finished(&replay, &TraceReplay::finished);
-    QString error;
-    QVERIFY(replay.start(log, {}, &error));
-    QVERIFY(finished.wait(5000));
-    QCOMPARE(server.handed.size(), 400);
-    QList<qint64> gaps;
-    for (int i = 1; i < 400; ++i) {
-        const qint64 spacing = FakeServer::timeOf(server.handed[i].frame) -
-                               FakeServer::timeOf(server.handed[i - 1].frame);
-        if (spacing != 1000)
-            gaps << spacing;
-        // Nothing was handed over after its time.
-        QVERIFY(server.handed[i].atUs <= FakeServer::timeOf(server.handed[i].frame));
-    }
-    // One spacing took the hold-up; every other one is the recorded millisecond.
-    QCOMPARE(gaps.size(), 1);
-    QVERIFY2(gaps[0] > 100000, qPrintable(QString::number(gaps[0])));
-}
-
-void TstTraceReplay::stopTakesBackWhatWaits()
-{
-    const QString log = writeLog("long.log", 2000, [](int) { return 1000; });
-    TraceReplay replay;
-    FakeServer server;
-    server.connect(replay);
-    QSignalSpy finished(&replay, &TraceReplay::finished);
-    QString error;
-    QVERIFY(replay.start(log, {}, &error));
-    QTest::qWait(100);
-    QVERIFY(replay.isRunning());
-    replay.stop();
-    QVERIFY(!replay.isRunning());
-    QCOMPARE(server.drops, 1);
-    QCOMPARE(finished.size(), 1);
-    QCOMPARE(finished[0][0].toString(), QString());
-    const int handed = int(server.handed.size());
-    // What the server took back does not count as sent.
-    QVERIFY(server.dropped > 0);
-    QCOMPARE(replay.sent(), handed - server.dropped);
-    QVERIFY2(handed > 50 && handed < 400, qPrintable(QString::number(handed)));
-    QTest::qWait(50);
-    QCOMPARE(int(server.handed.size()), handed);
-    QCOMPARE(finished.size(), 1);
-}
-
 void TstTraceReplay::refusedFrameEndsTheReplay()
 {
     const QString log = writeLog("refused.log", 50, [](int) { return 500; });
@@ -310,26 +250,6 @@ void TstTraceReplay::refusedFrameEndsTheReplay()
     // The frames the server took went out, and were announced.
     QCOMPARE(due, 3);
     QCOMPARE(server.drops, 0);
-}
-
-void TstTraceReplay::gigabyteFileIsStreamed()
-{
-    // 1 GiB: frames for the first seconds, the rest a hole that reads as zeros.
-    const QString path = writeLog("huge.log", 20000, [](int) { return 1000; });
-    QFile f(path);
-    QVERIFY(f.resize(qint64(1) << 30));
-    TraceReplay replay;
-    FakeServer server;
-    server.connect(replay);
-    const qint64 before = qorcalib::test::residentKib(QCoreApplication::applicationPid());
-    QVERIFY(before > 0);
-    QString error;
-    QVERIFY2(replay.start(path, {}, &error), qPrintable(error));
-    QVERIFY(QTest::qWaitFor([&] { return server.handed.size() > 100; }, 5000));
-    const qint64 grown = qorcalib::test::residentKib(QCoreApplication::applicationPid()) - before;
-    QVERIFY2(grown < 16 * 1024,
-             qPrintable(QStringLiteral("%1 KiB more while replaying").arg(grown)));
-    replay.stop();
 }
 
 QTEST_MAIN(TstTraceReplay)
