@@ -71,8 +71,6 @@ private slots:
     void sortKeepsEqualKeysInReadOrder();
     void readsEveryRecordAndSorts();
     void boundZeroStillReadsRecordZero();
-    void failedTransferShowsNothing_data();
-    void failedTransferShowsNothing();
 };
 
 void TstAlarmRecords::recordText()
@@ -165,30 +163,6 @@ void TstAlarmRecords::boundZeroStillReadsRecordZero()
     QVERIFY(none.ok);
     QCOMPARE(none.records, 1);
     QCOMPARE(none.text, QString());
-}
-
-void TstAlarmRecords::failedTransferShowsNothing_data()
-{
-    QTest::addColumn<QString>("failAt");
-    QTest::addColumn<int>("calls");
-    QTest::newRow("status") << "u 5810 0" << 1;
-    QTest::newRow("selector") << "d 520B 0" << 2;
-    QTest::newRow("count") << "u 520C 0" << 3;
-    QTest::newRow("half-way") << "u 520C 7" << 10;
-}
-
-void TstAlarmRecords::failedTransferShowsNothing()
-{
-    ScriptedDrive drive;
-    drive.status = 1u << 16;
-    drive.records = {record(7, 300), record(2, 100)};
-    QFETCH(QString, failAt);
-    drive.failAt = failAt;
-    const AlarmLogText log = readAlarmLog(drive.sdo());
-    QVERIFY(!log.ok);
-    QCOMPARE(log.error, QString("06020000"));
-    QCOMPARE(log.text, QString());
-    QTEST(int(drive.calls.size()), "calls");
 }
 
 QTEST_APPLESS_MAIN(TstAlarmRecords)

@@ -17,12 +17,9 @@ private slots:
     void boxes();
     void firstActionInitialisesOnce_data();
     void firstActionInitialisesOnce();
-    void mainSupplyReadsLeniently_data();
-    void mainSupplyReadsLeniently();
     void refusedVoltageSwitchesNothing();
     void shutdown_data();
     void shutdown();
-    void knownOutputs();
 };
 
 using BoxAction = QString (BenchControl::*)(bool);
@@ -97,33 +94,6 @@ void TstBenchControl::firstActionInitialisesOnce()
     QCOMPARE(bench.calls, expected);
 }
 
-void TstBenchControl::mainSupplyReadsLeniently_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("sent");
-    QTest::newRow("negative") << "-5"
-                              << "-5";
-    QTest::newRow("exponent stops") << "1e9"
-                                    << "1";
-    QTest::newRow("decimals kept") << " 48.25 V"
-                                   << "48.25";
-    QTest::newRow("hexadecimal") << "&H30"
-                                 << "48";
-}
-
-void TstBenchControl::mainSupplyReadsLeniently()
-{
-    QFETCH(QString, text);
-    QFETCH(QString, sent);
-    RecordingBench bench;
-    BenchControl control(1, 3, &bench);
-    QCOMPARE(control.mainSupplyOn(text), QString());
-    QCOMPARE(bench.calls, QStringList({"init", "param 27 5", "param 26 " + sent, "cmd 10"}));
-    bench.calls.clear();
-    QCOMPARE(control.brakeSupplyOn(text), QString());
-    QCOMPARE(bench.calls, QStringList({"param 29 " + sent, "cmd 13"}));
-}
-
 void TstBenchControl::refusedVoltageSwitchesNothing()
 {
     RecordingBench bench;
@@ -165,26 +135,6 @@ void TstBenchControl::shutdown()
     BenchControl control(1, 3, &bench);
     QCOMPARE(control.shutdown(brakeShown), QString());
     QTEST(bench.calls, "sent");
-}
-
-void TstBenchControl::knownOutputs()
-{
-    RecordingBench bench;
-    BenchControl control(2, 34, &bench);
-    QSignalSpy changed(&control, &BenchControl::outputChanged);
-    // The bench comes up with the board's supply relay closed.
-    QCOMPARE(control.knownOutput(9), std::optional<bool>(true));
-    QCOMPARE(control.knownOutput(5), std::nullopt);
-    QCOMPARE(control.pcbMain(true), QString());
-    QCOMPARE(changed.count(), 0);
-    QCOMPARE(control.pcbMain(false), QString());
-    QCOMPARE(changed.count(), 1);
-    QCOMPARE(changed.last(), QVariantList({9, false}));
-    // A refused switch is not remembered.
-    bench.refuse.insert("out 6 1", "output 6 stuck");
-    QCOMPARE(control.powerAuxIn(true), QString("output 6 stuck"));
-    QCOMPARE(control.knownOutput(6), std::nullopt);
-    QCOMPARE(changed.count(), 1);
 }
 
 QTEST_MAIN(TstBenchControl)

@@ -19,11 +19,8 @@ private slots:
     void doorLines();
     void assemblyBoxes_data();
     void assemblyBoxes();
-    void zd3Boxes_data();
-    void zd3Boxes();
     void refresh_data();
     void refresh();
-    void assemblyPassesOverAFailedRead();
     void pcbStopsAtTheFirstFailure();
 };
 
@@ -119,28 +116,6 @@ void TstFixture::assemblyBoxes()
     QCOMPARE(got, enabled);
 }
 
-void TstFixture::zd3Boxes_data()
-{
-    QTest::addColumn<int>("benchType");
-    QTest::addColumn<bool>("extraShown");
-    QTest::addColumn<int>("lastChannel");
-    QTest::newRow("34") << 34 << false << 21;
-    QTest::newRow("35") << 35 << true << 22;
-    QTest::newRow("0") << 0 << true << 22;
-}
-
-void TstFixture::zd3Boxes()
-{
-    QFETCH(int, benchType);
-    QFETCH(bool, extraShown);
-    const FixtureDescription& d = fixtureDescription(FixtureKind::PcbZd3);
-    QTEST(fixtureLastChannel(d, benchType), "lastChannel");
-    for (const FixtureOutput& o : d.outputs) {
-        QVERIFY(fixtureOutputEnabled(d, o, benchType));
-        QCOMPARE(fixtureOutputVisible(d, o, benchType), o.channel < 12 || extraShown);
-    }
-}
-
 void TstFixture::refresh_data()
 {
     QTest::addColumn<int>("kind");
@@ -185,19 +160,6 @@ void TstFixture::refresh()
         QVERIFY(!legend[i].meaning.isEmpty());
         QCOMPARE(legend[i].unit.isEmpty(), split[i].startsWith("Door"));
     }
-}
-
-void TstFixture::assemblyPassesOverAFailedRead()
-{
-    RecordingBench bench;
-    bench.analog.insert(4, 0.25);
-    bench.refuse.insert("analog 3", "channel 3 not answering");
-    const FixtureReadout r = readFixture(fixtureDescription(FixtureKind::Assembly), 3, &bench);
-    QCOMPARE(r.error, QString("channel 3 not answering"));
-    const QStringList lines = r.text.split("\r\n");
-    QCOMPARE(lines.size(), 7);
-    QCOMPARE(lines[3], QString("ch 3 cont canL = n/a"));
-    QCOMPARE(lines[4], QString("ch 4 cont gnd shld = 00.250"));
 }
 
 void TstFixture::pcbStopsAtTheFirstFailure()

@@ -15,8 +15,6 @@ private slots:
     void frame();
     void values_data();
     void values();
-    void filters_data();
-    void filters();
 };
 
 void TstCliParse::address_data()
@@ -172,47 +170,6 @@ void TstCliParse::values()
     QTEST(decodeValue(type, *encoded), "shown");
     QVERIFY(knownType(type));
     QVERIFY(!knownType("float"));
-}
-
-void TstCliParse::filters_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("passing"); // of 701 702 181 000, or the error's start
-    QTest::newRow("heartbeats") << "700:780"
-                                << "701 702";
-    QTest::newRow("one identifier") << "701:7FF"
-                                    << "701";
-    QTest::newRow("all but heartbeats") << "700~780"
-                                        << "181 000";
-    QTest::newRow("either of two") << "181:7FF,000:7FF"
-                                   << "181 000";
-    QTest::newRow("no mask bits: all") << "000:000"
-                                       << "701 702 181 000";
-    QTest::newRow("identifier past 7FF") << "800:7FF"
-                                         << "filter '800:7FF' is not";
-    QTest::newRow("no mask") << "700"
-                             << "filter '700' is not";
-    QTest::newRow("not hexadecimal") << "70G:780"
-                                     << "filter '70G:780' is not";
-    QTest::newRow("empty part") << "701:7FF,"
-                                << "filter '' is not";
-}
-
-void TstCliParse::filters()
-{
-    QFETCH(QString, text);
-    QFETCH(QString, passing);
-    QString error;
-    const auto filters = parseIdFilters(text, &error);
-    if (!filters) {
-        QVERIFY2(error.startsWith(passing), qPrintable(error));
-        return;
-    }
-    QStringList passed;
-    for (const quint16 id : {0x701, 0x702, 0x181, 0x000})
-        if (passes(*filters, id))
-            passed << QString::number(id, 16).rightJustified(3, '0');
-    QCOMPARE(passed.join(' '), passing);
 }
 
 QTEST_APPLESS_MAIN(TstCliParse)

@@ -61,9 +61,6 @@ private slots:
     void firmwareBase_data();
     void firmwareBase();
     void commandLines();
-    void jtag_data();
-    void jtag();
-    void retryReusesTheSerial();
     void refusedBeforeASerialIsTaken_data();
     void refusedBeforeASerialIsTaken();
     void serialProgramming_data();
@@ -136,64 +133,6 @@ void TstProductionRun::commandLines()
     QCOMPARE(pathWithBlank("/fw/my app", "/fw/a.cfg"), QString("/fw/my app"));
     QCOMPARE(pathWithBlank("/fw/app", "/my cfg/a.cfg"), QString("/my cfg/a.cfg"));
     QCOMPARE(pathWithBlank("/fw/app", "/fw/a.cfg"), QString());
-}
-
-void TstProductionRun::jtag_data()
-{
-    QTest::addColumn<QString>("failing"); // program that exits 3
-    QTest::addColumn<bool>("recover");
-    QTest::addColumn<int>("runs");
-    QTest::addColumn<QString>("message");
-    QTest::newRow("both work") << "" << false << 2 << "";
-    QTest::newRow("recover") << "" << true << 2 << "";
-    QTest::newRow("post-processor fails")
-        << "postprocess.exe" << false << 1 << "Postprocess retval=3";
-    QTest::newRow("flasher fails") << "fflash.exe" << true << 2 << "FFlash retval=3";
-}
-
-void TstProductionRun::jtag()
-{
-    QFETCH(QString, failing);
-    QFETCH(bool, recover);
-    QFETCH(int, runs);
-    QFETCH(QString, message);
-    Recorder r;
-    if (!failing.isEmpty())
-        r.exitCodes.insert(failing, 3);
-    ProductionRun run(r.hooks());
-    QString tag;
-    const auto o = run.jtag("/fw/app.S", "/fw/drive.cfg", recover, &tag);
-    QCOMPARE(r.lines.size(), runs);
-    QCOMPARE(r.lines[0], QString("postprocess.exe /fw/app.s /fw/app.sx -i 42"));
-    if (runs > 1)
-        QCOMPARE(r.lines[1], flashCommand("/fw/drive.cfg", recover, "/fw/app"));
-    QCOMPARE(o.message, message);
-    QCOMPARE(o.serial, 42);
-    QCOMPARE(o.kind,
-             message.isEmpty() ? ProductionRun::Outcome::Done : ProductionRun::Outcome::ToolFailed);
-    // Done: the tag is free for the next unit; failed: it keeps the unit's serial.
-    QCOMPARE(tag, message.isEmpty() ? QString() : QString("42"));
-}
-
-void TstProductionRun::retryReusesTheSerial()
-{
-    Recorder r;
-    r.exitCodes.insert("fflash.exe", 1);
-    ProductionRun run(r.hooks());
-    QString tag;
-    QCOMPARE(run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag).kind,
-             ProductionRun::Outcome::ToolFailed);
-    r.exitCodes.clear();
-    const auto retry = run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag);
-    QCOMPARE(retry.kind, ProductionRun::Outcome::Done);
-    QCOMPARE(retry.serial, 42);
-    QCOMPARE(r.serials, 1); // the counter advanced once for the unit
-    QCOMPARE(r.lines[2], QString("postprocess.exe /fw/app.s /fw/app.sx -i 42"));
-    // The next unit draws a new serial.
-    QCOMPARE(run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag).serial, 43);
-    // A tag read as a number is truncated.
-    tag = "77.9";
-    QCOMPARE(run.jtag("/fw/app.s", "/fw/drive.cfg", false, &tag).serial, 77);
 }
 
 void TstProductionRun::refusedBeforeASerialIsTaken_data()
