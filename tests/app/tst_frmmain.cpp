@@ -47,8 +47,6 @@ private slots:
     void reconnectWhileTheLossIsShown();
     void serverRestartedBetweenTwoUploads();
     void lssGetAndSet();
-    void lssSetRefusesNodeIdsOutOfRange_data();
-    void lssSetRefusesNodeIdsOutOfRange();
     void promptAnswers_data();
     void promptAnswers();
     void unreachableServerAtStartUp_data();
@@ -313,30 +311,6 @@ void TstFrmMain::lssGetAndSet()
     // LSS Get finds it there now.
     QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
     QCOMPARE(w.txtFWNode->text(), QString("22"));
-}
-
-void TstFrmMain::lssSetRefusesNodeIdsOutOfRange_data()
-{
-    QTest::addColumn<QString>("typed");
-    QTest::newRow("empty") << "";
-    QTest::newRow("0") << "0";
-    QTest::newRow("80") << "80";
-    QTest::newRow("zz") << "zz";
-}
-
-void TstFrmMain::lssSetRefusesNodeIdsOutOfRange()
-{
-    QFETCH(QString, typed);
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    FrmMain& w = t.window;
-    selectTheUnconfiguredDrive(w);
-    w.txtFWNode->setText(typed);
-    QTest::mouseClick(w.cmdLSSSet, Qt::LeftButton);
-    QVERIFY2(w.txtAbort->text().contains("out of range"), qPrintable(w.txtAbort->text()));
-    // Nothing was configured: the drive still has no node-ID.
-    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
-    QCOMPARE(w.txtFWNode->text(), QString("FF"));
 }
 
 void TstFrmMain::promptAnswers_data()

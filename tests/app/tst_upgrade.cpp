@@ -35,7 +35,6 @@ private slots:
     void failures_data();
     void failures();
     void serverGoesAwayDuringTheDownload();
-    void stopOnBootWithNothingBooting();
 
 private:
     QString sample(const char* name) const
@@ -280,31 +279,6 @@ void TstUpgrade::serverGoesAwayDuringTheDownload()
     QCOMPARE(read(t, "1,100A,0"), QString("FW 3.4.12"));
     p->cmdStopOnBoot_Click(0);
     QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
-}
-
-void TstUpgrade::stopOnBootWithNothingBooting()
-{
-    m_bench.server = std::make_unique<qorcalib::test::ServerProcess>();
-    QVERIFY(m_bench.server->start({"--unpaced", "--boot-catch-ms", "300"}));
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    UpgradePanel* p = t.window.upgradePanel;
-    // "Stop on Boot" catches whichever node boots, whatever N-Id says.
-    t.window.txtFWNode->setText("5");
-    p->cmdStopOnBoot_Click(0);
-    QCOMPARE(t.window.txtAbort->text(), QString("Boot V1.2.3"));
-    // "Stop Coll" asks for node 5, which is not there.
-    p->cmdStopOnBoot_Click(1);
-    QCOMPARE(t.window.txtAbort->text(), QString("(none)"));
-    // Main supply off: nothing boots. The catch runs at the rate the list shows (500K, not yet
-    // sent to the server); afterwards the list shows what the controller runs at.
-    QString error;
-    QVERIFY(t.window.link()->boardCommand(11, 0, &error));
-    t.window.controllerPanel->showBitRate(0, 2);
-    p->cmdStopOnBoot_Click(0);
-    QCOMPARE(t.window.txtAbort->text(), QString("(none)"));
-    QCOMPARE(t.window.link()->bitRate(0, &error), std::optional<int>(2));
-    QCOMPARE(t.window.cmbBaud[0]->currentIndex(), 2);
 }
 
 QTEST_MAIN(TstUpgrade)

@@ -55,7 +55,6 @@ private slots:
     void answersFollowAtBusTime();
     void arbitrationPrefersLowerIdKeepingPortOrder();
     void frameDueLaterLetsOthersPass();
-    void unpacedDeliversInBatches();
 };
 
 void TstSimulatedSegment::deliveryByBitRate_data()
@@ -238,27 +237,6 @@ void TstSimulatedSegment::frameDueLaterLetsOthersPass()
     // Stamped with the bus time it was due at, not with when the segment got round to it.
     QCOMPARE(qint64(listener.received[1].frame.timeUs),
              qint64(6000 + frameDurationUs(timed, bitRateOfIndex(0))));
-}
-
-void TstSimulatedSegment::unpacedDeliversInBatches()
-{
-    Fixture f(false);
-    RecordingPort a(0), b(0);
-    f.segment.attach(&a);
-    f.segment.attach(&b);
-    for (int i = 0; i < 10000; ++i)
-        f.segment.transmit(&a, CanFrame::make(quint16(i & 0x7FF), {quint8(i)}), 0);
-    int delivered = 0, pumps = 0;
-    while (int n = f.segment.pump()) {
-        delivered += n;
-        ++pumps;
-    }
-    QCOMPARE(delivered, 10000);
-    QCOMPARE(b.received.size(), 10000);
-    QVERIFY(pumps > 1);
-    QCOMPARE(b.batches, pumps);
-    for (int i = 0; i < 10000; ++i)
-        QCOMPARE(b.received[i].frame.data[0], quint8(i));
 }
 
 QTEST_GUILESS_MAIN(TstSimulatedSegment)

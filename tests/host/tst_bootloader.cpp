@@ -109,7 +109,6 @@ class TstBootLoader : public QObject
     Q_OBJECT
 private slots:
     void heldAndReleasedByHandWrittenFrames();
-    void aResetStartsTheBootLoaderAgain();
     void images_data();
     void images();
     void runnerCatches_data();
@@ -144,26 +143,6 @@ void TstBootLoader::heldAndReleasedByHandWrittenFrames()
     QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::BootHeld);
     peer.send(0x601, "23f05e00516f7253");
     QVERIFY(peer.waitFor("581:60 f0 5e 00 00 00 00 00"));
-    QVERIFY(peer.waitFor("701:00"));
-    QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::Application);
-}
-
-void TstBootLoader::aResetStartsTheBootLoaderAgain()
-{
-    const auto core = makeCore();
-    QVERIFY(core);
-    Peer peer(core->segment(0));
-    cycleSupply(core.get());
-    QVERIFY(QTest::qWaitFor(
-        [&] {
-            peer.send(0x6A0, "b001");
-            return core->drive(0)->mode() == SimDrive::Mode::BootHeld;
-        },
-        2000));
-    peer.heard.clear();
-    peer.send(0x000, "8101");
-    QTest::qWait(10);
-    QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::BootWindow);
     QVERIFY(peer.waitFor("701:00"));
     QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::Application);
 }

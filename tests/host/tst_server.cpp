@@ -28,7 +28,6 @@ private slots:
     void init();
     void cleanup();
 
-    void twoSessionsSeeEachOthersFrames();
     void driveFollowsNmtCommands_data();
     void driveFollowsNmtCommands();
     void badInputIsRefused_data();
@@ -38,7 +37,6 @@ private slots:
     void sdoAborts();
     void sdoBounds();
     void absentNodeHoldsUpOnlyItself();
-    void lostServerFailsCallsInTime();
     void refusesToStart_data();
     void refusesToStart();
 
@@ -98,32 +96,6 @@ std::optional<TstServer::Running> TstServer::withRunningDrive()
     if (!running.frames->waitFor(0x701, hex("7f"), 3000))
         return std::nullopt;
     return running;
-}
-
-void TstServer::twoSessionsSeeEachOthersFrames()
-{
-    QVERIFY(startServer());
-    auto a = attach(), b = attach();
-    QVERIFY(a && b);
-    FrameRecorder ra(a.get()), rb(b.get());
-    CALL_OK(a, bus()->StartController(0));
-
-    CALL_OK(a, bus()->Send(0, CanMsg(0x123, 3, hex("0a0b0c")), 0));
-    CALL_OK(b, bus()->Send(0, CanMsg(0x321, 0, {}), 0));
-    // A record carries 8 data bytes: a short data field is sent with zeros.
-    CALL_OK(b, bus()->Send(0, CanMsg(0x322, 4, hex("ff")), 0));
-
-    QVERIFY(rb.waitFor(0x123, hex("0a0b0c"), 3000));
-    QVERIFY(ra.waitFor(0x321, {}, 3000));
-    QVERIFY(ra.waitFor(0x322, hex("ff000000"), 3000));
-    QTRY_COMPARE(ra.transmitted.size(), 1);
-    QTRY_COMPARE(rb.transmitted.size(), 2);
-    QCOMPARE(ra.transmitted[0].frame, CanFrame::make(0x123, {0x0a, 0x0b, 0x0c}));
-    QCOMPARE(rb.transmitted[0].frame.id, quint16(0x321));
-    // Nobody gets their own frames back as received frames.
-    QCOMPARE(ra.find(0x123, hex("0a0b0c")), -1);
-    QCOMPARE(rb.find(0x321, {}), -1);
-    QCOMPARE(ra.received.last().controller, 0);
 }
 
 void TstServer::driveFollowsNmtCommands_data()
@@ -444,23 +416,6 @@ void TstServer::absentNodeHoldsUpOnlyItself()
     QCOMPARE(bDone.size(), 0);
     CALL_OK(b, service()->CancelRequest(waiting->requestId()));
     QTRY_COMPARE(bDone.size(), 1);
-}
-
-void TstServer::lostServerFailsCallsInTime()
-{
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    QSignalSpy lost(a.get(), &ServerConnection::connectionLost);
-    m_server->kill();
-    QTRY_COMPARE(lost.size(), 1);
-    QString error;
-    QVERIFY(!a->wait(a->bus()->GetControllerCount(), &error, 60000));
-    QCOMPARE(error, ServerConnection::kNotReachable);
-
-    ServerConnection other;
-    QVERIFY(!other.open(m_server->address(), 2000, &error));
-    QVERIFY2(error.startsWith(ServerConnection::kNotReachable), qPrintable(error));
 }
 
 void TstServer::refusesToStart_data()
