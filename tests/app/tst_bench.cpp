@@ -27,8 +27,6 @@ private slots:
     void cleanup() { m_bench.server.reset(); }
     void panelPerBench_data();
     void panelPerBench();
-    void fixtureReadOut_data();
-    void fixtureReadOut();
     void autoRefreshStopsOnceWhenTheServerGoes();
     void alarmLogSortedAndGrowing();
 
@@ -117,75 +115,6 @@ void TstBench::panelPerBench()
     from = t.trace().size();
     QTest::mouseClick(p->cmdDoVout, Qt::LeftButton);
     QVERIFY(bootsUp(t, from));
-    QCOMPARE(t.messages, QStringList());
-}
-
-void TstBench::fixtureReadOut_data()
-{
-    QTest::addColumn<QString>("bench");
-    QTest::addColumn<QString>("window");
-    QTest::addColumn<QString>("enabled"); // the boxes' channels that are enabled and shown
-    QTest::addColumn<int>("lines");
-    QTest::addColumn<QString>("pattern"); // every channel line
-    QTest::newRow("asm:3") << "asm:3"
-                           << "frmAcqAsm"
-                           << "3 4 5 6 7 8 9 10" << 6 << "^ch \\d [a-zA-Z ]+ = -?\\d{2,}\\.\\d{3}$";
-    QTest::newRow("pcb:33") << "pcb:33"
-                            << "frmAcqPcb"
-                            << "1 2 3 5 6 7" << 14
-                            << "^(Door = H|ch \\d{1,2} = -?\\d{3,}\\.\\d{3})$";
-    QTest::newRow("pcb:34") << "pcb:34"
-                            << "frmAcqPcbZd3"
-                            << "1 3 5 6 7 8 9 11" << 24
-                            << "^(Door SW[12]     = H|.{13}= -?\\d{3,}\\.\\d{3})$";
-}
-
-void TstBench::fixtureReadOut()
-{
-    QFETCH(QString, bench);
-    QFETCH(int, lines);
-    QFETCH(QString, pattern);
-    QVERIFY(start(bench));
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    BenchPanel* p = t.window.benchPanel;
-    QTest::mouseClick(p->cmdAcq, Qt::LeftButton);
-    FrmAcq* w = p->fixtureWindow(p->control()->layout().fixture);
-    QVERIFY(w && w->isVisible());
-    QTEST(w->objectName(), "window");
-    QStringList enabled;
-    for (auto it = w->chkDig.cbegin(); it != w->chkDig.cend(); ++it)
-        if (it.value()->isEnabled() && it.value()->isVisibleTo(w))
-            enabled << QString::number(it.key());
-    QTEST(enabled.join(' '), "enabled");
-    // Nothing is read until asked.
-    QCOMPARE(w->readout(), QString());
-    QTest::mouseClick(w->cmdRefresh, Qt::LeftButton);
-    QStringList got = w->readout().split("\r\n");
-    QCOMPARE(got.takeLast(), QString());
-    QCOMPARE(got.size(), lines);
-    for (const QString& line : got)
-        QVERIFY2(QRegularExpression(pattern).match(line).hasMatch(), qPrintable(line));
-    QCOMPARE(w->Text1->toPlainText(), got.join('\n') + '\n');
-
-    // The fixture's main supply box is the panel's relay box: switching one shows in the other.
-    const int relay = p->control()->layout().supplyRelayOutput;
-    if (QCheckBox* box = w->chkDig.value(relay); box && box->isEnabled()) {
-        QVERIFY(box->isChecked());
-        box->click();
-        QVERIFY(!(p->control()->layout().assembly ? p->chkPowerMain : p->chkPCBMain)->isChecked());
-    }
-    // Auto refresh: the read-out is read again and again, with the noise of real channels.
-    QSet<QString> seen;
-    w->Check1->setChecked(true);
-    QVERIFY(QTest::qWaitFor(
-        [&] {
-            seen.insert(w->readout());
-            return seen.size() >= 3;
-        },
-        3000));
-    w->close();
-    QVERIFY(!w->Timer1.isActive());
     QCOMPARE(t.messages, QStringList());
 }
 

@@ -15,31 +15,11 @@
 using namespace tessel;
 using tessel::test::Tessel;
 
-namespace {
-QList<TraceRecord> readFile(const QString& path, QString* error)
-{
-    QFile f(path);
-    QList<TraceRecord> frames;
-    TraceFormat format;
-    if (!traceFormatOf(path, &format) || !f.open(QIODevice::ReadOnly)) {
-        *error = "cannot read " + path;
-        return frames;
-    }
-    auto reader = TraceReader::create(&f, format);
-    TraceRecord r;
-    while (reader->next(&r, error) == TraceReader::Frame)
-        frames << r;
-    return frames;
-}
-} // namespace
-
 class TstTraceFiles : public QObject
 {
     Q_OBJECT
 private slots:
     void initTestCase() { m_bench.useOwnSettings(); }
-    void savedTraceReadsBack_data();
-    void savedTraceReadsBack();
     void replayedFramesAreTracedOnceAtTheirTimes();
     void replayFailures_data();
     void replayFailures();
@@ -48,52 +28,6 @@ private:
     tessel::test::WindowTestBench m_bench;
     QTemporaryDir m_dir;
 };
-
-void TstTraceFiles::savedTraceReadsBack_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::newRow("candump log") << "trace.log";
-    QTest::newRow("asc") << "trace.asc";
-}
-
-void TstTraceFiles::savedTraceReadsBack()
-{
-    QFETCH(QString, name);
-    QVERIFY(m_bench.startServer());
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().count("R0 701") >= 2, 5000);
-    QCOMPARE(t.window.SendCanMsg(0x000, 2, QByteArray::fromHex("0101")), false);
-    QCOMPARE(t.window.SendCanRemote(0x701, 1), false);
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 05 "), 5000);
-    FrmDiagno* m = t.window.monitor();
-    const auto kept = m->traceFrames();
-    QCOMPARE(qsizetype(kept.size()), t.trace().count("\r\n"));
-    const QString path = m_dir.filePath(name);
-    QVERIFY(m->traceFiles->saveTrace(path));
-    QString error;
-    const QList<TraceRecord> back = readFile(path, &error);
-    QCOMPARE(error, QString());
-    QCOMPARE(back.size(), qsizetype(kept.size()));
-    const bool asc = name.endsWith(".asc");
-    for (int i = 0; i < back.size(); ++i) {
-        QCOMPARE(back[i].id, kept[i].id);
-        QCOMPARE(back[i].remote, kept[i].remote);
-        QCOMPARE(back[i].data, kept[i].data);
-        QCOMPARE(back[i].timeUs, asc ? kept[i].timeUs - kept[0].timeUs : kept[i].timeUs);
-        if (asc)
-            QCOMPARE(back[i].transmitted, kept[i].transmitted);
-    }
-    // The sent NMT frame and the remote request are there, as sent.
-    QVERIFY(std::any_of(back.begin(), back.end(), [](const TraceRecord& r) {
-        return r.id == 0 && r.data == QByteArray::fromHex("0101") && !r.remote;
-    }));
-    QVERIFY(std::any_of(back.begin(), back.end(),
-                        [](const TraceRecord& r) { return r.id == 0x701 && r.remote; }));
-    // A name of another kind is refused with a message.
-    QVERIFY(!m->traceFiles->saveTrace(m_dir.filePath("trace.txt")));
-    QVERIFY(t.messages.last().contains("name the file .log"));
-}
 
 void TstTraceFiles::replayedFramesAreTracedOnceAtTheirTimes()
 {

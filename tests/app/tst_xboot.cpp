@@ -25,7 +25,6 @@ private slots:
     void serialProgrammingLoadsTheUnit();
     void identityLoading();
     void failedRunKeepsTheSerialForTheRetry();
-    void unpoweredUnitBeeps();
 
 private:
     int counter() const;
@@ -183,22 +182,6 @@ void TstXBoot::failedRunKeepsTheSerialForTheRetry()
     QVERIFY(t.messages.last().startsWith("Err: 52 "));
     QCOMPARE(calls().size(), 4);
     QCOMPARE(counter(), 42);
-}
-
-void TstXBoot::unpoweredUnitBeeps()
-{
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    FrmXBoot* x = open(t);
-    QString error;
-    QVERIFY(t.window.link()->boardCommand(11, 0, &error)); // main supply off
-    QTest::mouseClick(x->cmdSerialLoc, Qt::LeftButton);
-    QCOMPARE(m_beeps, 1);
-    QCOMPARE(t.messages, QStringList());
-    QCOMPARE(x->idskTag, QString("42"));
-    QCOMPARE(x->txtIDSK->text(), QString());
-    QVERIFY(x->isEnabled());
-    QCOMPARE(QGuiApplication::overrideCursor(), nullptr);
 }
 
 QTEST_MAIN(TstXBoot)

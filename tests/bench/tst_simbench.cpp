@@ -12,8 +12,6 @@ private slots:
     void drivePower_data();
     void drivePower();
     void analogFollowsSupplies();
-    void channelsOutOfRange_data();
-    void channelsOutOfRange();
     void refusedSupplyValues_data();
     void refusedSupplyValues();
     void overvoltage();
@@ -93,34 +91,6 @@ void TstSimBench::analogFollowsSupplies()
     QVERIFY(pcb.command(11, 0, &status, &error));
     QVERIFY(pcb.readAnalog(1, &v, &error)); // 15v_dig without power
     QVERIFY(qAbs(v) < 0.05);
-}
-
-void TstSimBench::channelsOutOfRange_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("lastAnalog");
-    QTest::newRow("assembly") << 3 << 5;
-    QTest::newRow("pcb 33") << 33 << 12;
-    QTest::newRow("pcb 34") << 34 << 22;
-}
-
-void TstSimBench::channelsOutOfRange()
-{
-    QFETCH(int, type);
-    QFETCH(int, lastAnalog);
-    SimBench bench({type == 3 ? 1 : 2, type});
-    QString error;
-    double v;
-    bool state;
-    QVERIFY(bench.readAnalog(lastAnalog, &v, &error));
-    QVERIFY(!bench.readAnalog(lastAnalog + 1, &v, &error));
-    QVERIFY(error.contains(QString::number(lastAnalog + 1)));
-    QVERIFY(!bench.readAnalog(-1, &v, &error));
-    QVERIFY(!bench.readInput(16, &state, &error));
-    QVERIFY(bench.readInput(0, &state, &error));
-    QVERIFY(state);
-    QVERIFY(!bench.setOutput(32, true, &error));
-    QVERIFY(!bench.setOutput(-1, true, &error));
 }
 
 void TstSimBench::refusedSupplyValues_data()

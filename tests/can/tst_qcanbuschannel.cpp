@@ -73,7 +73,6 @@ private slots:
     void deviceThatGoesAwayIsReportedAndReopened();
     void ownFramesComeBackInOrderWithTheirOrigin_data();
     void ownFramesComeBackInOrderWithTheirOrigin();
-    void restartsWhileTheDeviceIsStillClosing();
     void timedFramesAreWrittenWhenDue();
 };
 
@@ -104,20 +103,6 @@ void TstQCanBusChannel::ownFramesComeBackInOrderWithTheirOrigin()
     QCOMPARE(back[0].origin, FrameOrigin(7));
     QCOMPARE(back[1].frame.id, quint16(0x182));
     QCOMPARE(back[1].origin, kServiceOrigin | 8);
-}
-
-void TstQCanBusChannel::restartsWhileTheDeviceIsStillClosing()
-{
-    auto owned = std::make_unique<UnpluggableDevice>();
-    owned->closesLater = true;
-    UnpluggableDevice* device = owned.get();
-    auto channel = QCanBusChannel::fromDevice("fake", "can0", std::move(owned));
-    QString error;
-    QVERIFY(channel->start(&error));
-    channel->stop();
-    QCOMPARE(device->state(), QCanBusDevice::ClosingState);
-    QVERIFY2(channel->start(&error), qPrintable(error));
-    QCOMPARE(device->state(), QCanBusDevice::ConnectedState);
 }
 
 void TstQCanBusChannel::deviceThatGoesAwayIsReportedAndReopened()

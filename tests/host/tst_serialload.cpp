@@ -65,7 +65,6 @@ private slots:
     void refusedImages();
     void loadsAtTheLinksRate();
     void unpoweredUnit();
-    void oneLoadAtATime();
     void loadOfAClientThatLeavesIsCancelled();
 
 private:
@@ -125,23 +124,6 @@ void TstSerialLoad::unpoweredUnit()
     CALL_OK(a, benchBoard()->BoardCommand(11, 0));
     QTRY_COMPARE(done.size(), 1);
     QCOMPARE(done.first().at(0).value<OperationResult>().value(), 5);
-}
-
-void TstSerialLoad::oneLoadAtATime()
-{
-    auto a = m_server->attach();
-    auto b = m_server->attach();
-    QVERIFY(a && b);
-    CALL_OK(a, benchBoard()->LoadSerialImage(srecordImage(20000)));
-    QString error;
-    const auto second = b->wait(b->benchBoard()->LoadSerialImage(srecordImage(100)), &error);
-    QVERIFY(second);
-    QCOMPARE(second->error(), QString("the serial link is loading another image"));
-    QCOMPARE(testState(b.get()), 1);
-    const auto huge =
-        b->wait(b->benchBoard()->LoadSerialImage(QByteArray(5 << 20, 'S')), &error, 20000);
-    QVERIFY(huge);
-    QVERIFY(huge->error().contains("larger than the unit takes"));
 }
 
 void TstSerialLoad::loadOfAClientThatLeavesIsCancelled()

@@ -90,7 +90,6 @@ private slots:
     void heartbeatAndNmt();
     void badStart_data();
     void badStart();
-    void socketCanWhereTheKernelOffersIt();
     void framesTheServerCannotCarryAreCounted();
 
 private:
@@ -267,22 +266,6 @@ void TstSimDrive::badStart()
     const QString last = run.err.trimmed().section('\n', -1);
     QVERIFY2(last.startsWith("tessel-simdrive: ") && last.contains(named), qPrintable(run.err));
     QCOMPARE(run.out, QString());
-}
-
-void TstSimDrive::socketCanWhereTheKernelOffersIt()
-{
-    if (!QFile::exists(QStringLiteral("/sys/class/net/vcan0")))
-        QSKIP("no vcan0 here (needs the vcan kernel module: ip link add dev vcan0 type vcan; "
-              "ip link set vcan0 up)");
-    SimDriveProcess drive;
-    QVERIFY2(drive.start({"--channel", "socketcan:vcan0", "--node", "12"}),
-             qPrintable(drive.output()));
-    ServerProcess server;
-    QVERIFY(server.start({"--channel", "socketcan:vcan0"}));
-    QVERIFY(answers(server, "12,1000,0"));
-    const QString block = QString(QByteArray(100, '\x3C').toHex());
-    QCOMPARE(cli(server, {"sdo", "write", "12,2040,0", block}).exit, 0);
-    QCOMPARE(cli(server, {"sdo", "read", "12,2040,0"}).out, block.toUpper() + "\n");
 }
 
 void TstSimDrive::framesTheServerCannotCarryAreCounted()

@@ -17,7 +17,6 @@ private slots:
     void remoteServer();
     void writeCreatesTheGroup();
     void unwritableFolderIsIgnored();
-    void firmwareHistoryRoundTrip();
 
 private:
     std::unique_ptr<QTemporaryDir> m_dir;
@@ -64,28 +63,6 @@ void TstMachineSettings::unwritableFolderIsIgnored()
     QSettings::setPath(QSettings::IniFormat, QSettings::SystemScope, "/proc/no-such-folder");
     writeRemoteServer("bench7"); // no crash, no exception: the name is just not remembered
     QCOMPARE(readRemoteServer("localhost"), QString("localhost"));
-}
-
-void TstMachineSettings::firmwareHistoryRoundTrip()
-{
-    FirmwareHistory history;
-    history.names = {"/fw/a.S", "/fw/b b.sx", "/fw/c.sre"};
-    history.options = {"-x", "", "-y 2"};
-    history.save();
-    FirmwareHistory read;
-    read.load();
-    QCOMPARE(read.names, history.names);
-    QCOMPARE(read.options, history.options);
-
-    QSettings raw(m_dir->filePath("user/Qor/Qor.Tessel.ini"), QSettings::IniFormat);
-    QCOMPARE(raw.value("filename/fwupdcnt").toInt(), 3);
-    QCOMPARE(raw.value("filename/fwname1").toString(), QString("/fw/b b.sx"));
-    // A count larger than the entries written gives empty entries, not a crash.
-    raw.setValue("filename/fwupdcnt", 5);
-    raw.sync();
-    read.load();
-    QCOMPARE(read.names.size(), 5);
-    QCOMPARE(read.names[4], QString());
 }
 
 QTEST_GUILESS_MAIN(TstMachineSettings)

@@ -17,7 +17,6 @@ private slots:
     void exitCodes();
     void splitCommandLine_data();
     void splitCommandLine();
-    void wordsAreSplitAsAShellWould();
     void tempFiles();
     void tempFolderUnusable_data();
     void tempFolderUnusable();
@@ -66,25 +65,6 @@ void TstProcessRunner::splitCommandLine()
     QFETCH(QString, line);
     QFETCH(QStringList, words);
     QCOMPARE(tessel::splitCommandLine(line), words);
-}
-
-void TstProcessRunner::wordsAreSplitAsAShellWould()
-{
-    // A stand-in for the post-processor: writes its arguments, one a line, and fails when it
-    // got other than three.
-    const QString script = m_dir.filePath("postprocess");
-    QFile file(script);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("#!/bin/sh\nfor a in \"$@\"; do echo \"$a\"; done > \"$OUT\"\n[ $# -eq 3 ]\n");
-    file.close();
-    QVERIFY(file.setPermissions(file.permissions() | QFile::ExeOwner));
-    const QString out = m_dir.filePath("args.txt");
-    qputenv("OUT", out.toLocal8Bit());
-    QCOMPARE(runAndWait(script + " -o \"my image.sx\" 'a b'", true), 0);
-    QFile result(out);
-    QVERIFY(result.open(QIODevice::ReadOnly));
-    QCOMPARE(result.readAll(), QByteArray("-o\nmy image.sx\na b\n"));
-    QCOMPARE(runAndWait(script + " one", true), 1);
 }
 
 void TstProcessRunner::tempFiles()
