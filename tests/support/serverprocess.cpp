@@ -69,12 +69,6 @@ ServerProcess::ServerProcess() : m_environment(QProcessEnvironment::systemEnviro
                          m_dir.path() + QStringLiteral("/config"));
 }
 
-void ServerProcess::setHeadless()
-{
-    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
-        m_environment.remove(QLatin1String(name));
-}
-
 quint16 ServerProcess::waitForTcpPort(int timeoutMs)
 {
     const QRegularExpression port(QStringLiteral("TCP port (\\d+)"));
@@ -191,10 +185,6 @@ FrameRecorder::FrameRecorder(ServerConnection* connection)
                              f.data[i] = quint8(msg.Data()[i]);
                          transmitted.append({controller, f});
                      });
-    QObject::connect(connection->notify(), &QCSNotifyReplica::ChangedConfig, this,
-                     [this](int controller, bool enabled, int rate) {
-                         configChanges.append({controller, enabled, rate});
-                     });
 }
 
 int FrameRecorder::find(quint16 id, const QByteArray& data, int from) const
@@ -224,7 +214,6 @@ void FrameRecorder::clear()
 {
     received.clear();
     transmitted.clear();
-    configChanges.clear();
 }
 
 } // namespace qorcalib::test

@@ -31,8 +31,6 @@ public:
     // The server's environment: this process's, with the user's configuration folder (where the
     // server keeps its secret for TCP clients) in the private temporary folder.
     QProcessEnvironment& environment() { return m_environment; }
-    // As a service without a display: no DISPLAY, WAYLAND_DISPLAY or QT_QPA_PLATFORM.
-    void setHeadless();
     // The server may open this many files at most, as on a machine with the usual limit.
     void setFileLimit(int files) { m_fileLimit = files; }
     QString secretPath() const
@@ -102,7 +100,6 @@ public:
 
     QList<Frame> received;
     QList<Frame> transmitted;
-    QList<std::tuple<int, bool, int>> configChanges;
 
     // Index of the first received frame at or after `from` with this COB-ID and data, or -1.
     int find(quint16 id, const QByteArray& data, int from = 0) const;
