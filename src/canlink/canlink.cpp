@@ -23,10 +23,6 @@ constexpr int kConnectTimeoutMs = 5000;
 constexpr int kServerStartTimeoutMs = 10000;
 // A server started for us ends this long after its last client left.
 constexpr int kStartedServerIdleSeconds = 10;
-// Frames sent but not yet reported back; older ones were never acknowledged on the bus.
-constexpr int kEchoMemory = 256;
-// A replay has up to 200 frames waiting on the server at once.
-constexpr int kTimedEchoMemory = 1024;
 } // namespace
 
 CanLink::CanLink(QObject* parent)
@@ -681,7 +677,7 @@ QString CanLink::send(int controller, quint16 id, int length, const QByteArray& 
     QByteArray padded = remote ? QByteArray() : data.left(qBound(0, length, 8));
     if (!remote)
         padded.append(qBound(0, length, 8) - padded.size(), '\0');
-    m_echoed.enqueue({controller, id, padded});
+    m_echoes.remember(EchoFilter::Kind::Now, controller, id, padded);
     ++m_holdFrames;
     const auto reply =
         remote ? m_connection->wait(m_connection->bus()->SendRemote(controller, msg), &error)
@@ -689,13 +685,11 @@ QString CanLink::send(int controller, quint16 id, int length, const QByteArray& 
     if (--m_holdFrames == 0 && !m_held.isEmpty())
         QMetaObject::invokeMethod(this, &CanLink::releaseHeldFrames, Qt::QueuedConnection);
     if (reply && reply->error().isEmpty()) {
-        while (m_echoed.size() > kEchoMemory)
-            m_echoed.dequeue();
+        m_echoes.bound(EchoFilter::Kind::Now);
         return {};
     }
     // A frame refused is never reported: it was the last one remembered.
-    if (!m_echoed.isEmpty())
-        m_echoed.removeLast();
+    m_echoes.forgetLast(EchoFilter::Kind::Now);
     return reply ? reply->error() : error;
 }
 
@@ -711,7 +705,7 @@ std::optional<quint32> CanLink::serverTime(QString* error)
 std::optional<int> CanLink::dropQueued(int controller, QString* error)
 {
     // Frames taken back are never reported sent.
-    m_timedEchoed.removeIf([controller](const Echoed& e) { return e.controller == controller; });
+    m_echoes.forgetTimed(controller);
     if (!live(error))
         return std::nullopt;
     return valueOf(m_connection->wait(m_connection->bus()->DropQueued(controller), error), error,
@@ -741,17 +735,15 @@ int CanLink::sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames
     }
     // Remembered before the call, as send() does.
     for (const qorcalib::CanFrame& f : frames)
-        m_timedEchoed.enqueue(
-            {controller, f.id,
-             QByteArray(reinterpret_cast<const char*>(f.data.data()), f.remote ? 0 : f.len)});
+        m_echoes.remember(
+            EchoFilter::Kind::Timed, controller, f.id,
+            QByteArray(reinterpret_cast<const char*>(f.data.data()), f.remote ? 0 : f.len));
     const auto reply = m_connection->wait(
         m_connection->bus()->SendTimed(controller, records, int(frames.size())), error);
     const int taken = reply ? qBound(0, reply->value(), int(frames.size())) : 0;
     // The frames refused are the last ones remembered.
-    for (int i = taken; i < frames.size() && !m_timedEchoed.isEmpty(); ++i)
-        m_timedEchoed.removeLast();
-    while (m_timedEchoed.size() > kTimedEchoMemory)
-        m_timedEchoed.dequeue();
+    m_echoes.forgetLast(EchoFilter::Kind::Timed, frames.size() - taken);
+    m_echoes.bound(EchoFilter::Kind::Timed);
     if (reply)
         *error = reply->error();
     return taken;
@@ -776,22 +768,9 @@ void CanLink::releaseHeldFrames()
         emit framesReceived(batch.controller, batch.records, batch.count);
 }
 
-bool CanLink::takeEcho(QQueue<Echoed>& echoed, int controller, const CanMsg& msg)
-{
-    for (qsizetype i = 0; i < echoed.size(); ++i) {
-        const Echoed& e = echoed[i];
-        if (e.controller == controller && e.id == msg.Id() && e.data == msg.Data()) {
-            // Reports come in send order: what is before this one was never on the bus.
-            echoed.erase(echoed.begin(), echoed.begin() + i + 1);
-            return true;
-        }
-    }
-    return false;
-}
-
 void CanLink::onTxCan(int controller, const CanMsg& msg)
 {
-    if (!takeEcho(m_echoed, controller, msg) && !takeEcho(m_timedEchoed, controller, msg))
+    if (!m_echoes.takeOwn(controller, msg.Id(), msg.Data()))
         emit frameTransmitted(controller, quint16(msg.Id()), msg.Len(), msg.Data());
 }
 

@@ -1,13 +1,13 @@
 #pragma once
 
 #include "canmsg.h"
+#include "echofilter.h"
 #include "serverconnection.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QObject>
-#include <QQueue>
 #include <QTimer>
 
 #include <functional>
@@ -219,16 +219,7 @@ private:
     QString m_machine;
     QString m_selector;
     bool m_remote = false;
-    struct Echoed
-    {
-        int controller;
-        quint16 id;
-        QByteArray data;
-    };
-    QQueue<Echoed> m_echoed;
-    // Timed frames go out after frames sent later: their reports are matched apart.
-    QQueue<Echoed> m_timedEchoed;
-    static bool takeEcho(QQueue<Echoed>& echoed, int controller, const CanMsg& msg);
+    EchoFilter m_echoes;
     // Frames that arrive while a send waits for its answer come after it on the bus; they are
     // held until the sender has echoed its frame, so the trace keeps the bus order.
     int m_holdFrames = 0;
