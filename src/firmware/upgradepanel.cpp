@@ -317,7 +317,8 @@ void UpgradePanel::cmdStopOnBoot_Click(int index)
         txtAbort->setText(error);
     const int node = index == 1 ? hexToNumber(txtFWNode->text()) : 0;
     const int controller = bus ? bus->selectedController() : 0;
-    const CanLink::BootResult caught = m_upgrade.catchBoot(controller, node, bus->bitRateShown());
+    const CanLink::BootResult caught =
+        m_upgrade.catchBoot(controller, node, bus ? bus->bitRateShown() : 0);
     if (!caught.error.isEmpty())
         txtAbort->setText(caught.error);
     else if (caught.version != 0)
@@ -326,7 +327,7 @@ void UpgradePanel::cmdStopOnBoot_Click(int index)
         txtAbort->setText(QStringLiteral("(none)"));
     // The catch may have moved the controller to another rate: the list shows what it runs at.
     QString error;
-    if (const auto rate = m_link->bitRate(controller, &error); rate)
+    if (const auto rate = m_link->bitRate(controller, &error); rate && bus)
         bus->showBitRate(*rate);
 }
 

@@ -34,7 +34,8 @@ public:
     UpgradePanel(CanLink* link, FirmwareHistory* history, QLineEdit* txtFWNode, QLineEdit* txtAbort,
                  QWidget* parent = nullptr);
 
-    // The window around: the selected controller and the monitor's display switch.
+    // The window around: the selected controller, its bit-rate list and the monitor's display
+    // switch.
     BusContext* bus = nullptr;
 
     // The open dialog: title, filter in the program's form, initial name; "" when cancelled.

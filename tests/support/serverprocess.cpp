@@ -6,6 +6,9 @@
 #include <QRegularExpression>
 #include <QTest>
 
+#include <csignal>
+
+#include <sys/prctl.h>
 #include <sys/resource.h>
 
 namespace qorcalib::test {
@@ -92,11 +95,15 @@ bool ServerProcess::start(const QStringList& arguments)
 {
     m_process.setProcessChannelMode(QProcess::MergedChannels);
     m_process.setProcessEnvironment(m_environment);
-    if (m_fileLimit > 0)
-        m_process.setChildProcessModifier([limit = rlim_t(m_fileLimit)] {
+    m_process.setChildProcessModifier([limit = rlim_t(m_fileLimit)] {
+        // A test program killed by its time-out runs no destructor: its server goes with it
+        // instead of serving on for nobody.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (limit > 0) {
             const rlimit files{limit, limit};
             ::setrlimit(RLIMIT_NOFILE, &files);
-        });
+        }
+    });
     if (qEnvironmentVariableIsSet("TESSEL_SERVER_LOG"))
         m_process.setStandardOutputFile(qEnvironmentVariable("TESSEL_SERVER_LOG"));
     m_process.start(QStringLiteral(QORCALIB_SERVER_PATH),
