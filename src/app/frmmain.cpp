@@ -62,7 +62,10 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     connect(&m_link, &CanLink::longWaitEnded, this, &FrmMain::hideAbortDialog);
     WheelGuard::install();
     connect(&m_link, &CanLink::connectionLost, this, &FrmMain::onConnectionLost);
-    connect(&m_link, &CanLink::reconnected, this, &FrmMain::onReconnected);
+    connect(&m_link, &CanLink::reconnected, this, [this] {
+        m_status->showServer(m_link.isRemote() ? m_link.machineName()
+                                               : QStringLiteral("localhost"));
+    });
     // A server started anew has its controllers stopped at their first bit rates: they get what
     // this window shows.
     m_link.restoreSession = [this] { controllerPanel->restore(); };
@@ -90,6 +93,14 @@ void FrmMain::buildWindow()
     layout->setSpacing(4);
     layout->setContentsMargins(6, 4, 6, 4);
 
+    m_status = new StatusLine(statusBar());
+    sbrStato = m_status->sbrStato;
+    sbrDone = m_status->sbrDone;
+    cmdFollowRate = m_status->cmdFollowRate;
+    prbStato = m_status->prbStato;
+    connect(m_status, &StatusLine::rateFollowed, this,
+            [this](int controller, int rate) { cmbBaud[controller]->setCurrentIndex(rate); });
+
     controllerPanel = new ControllerPanel(&m_link, central);
     m_monitorLink = new MonitorLink(&m_link, controllerPanel, this);
     connect(m_monitorLink, &MonitorLink::message, this, &FrmMain::showMessage);
@@ -101,9 +112,10 @@ void FrmMain::buildWindow()
             [this] { upgradePanel->showTarget(); });
     // Enabling selects the controller; said, so that the next transfer's target is no surprise.
     connect(controllerPanel, &ControllerPanel::enabledAndSelected, this, [this](int controller) {
-        reportDone(QStringLiteral("CAN %1 enabled and selected: Send, SDO, LSS and upgrades now "
-                                  "go to CAN %1")
-                       .arg(controller));
+        m_status->reportDone(
+            QStringLiteral("CAN %1 enabled and selected: Send, SDO, LSS and upgrades now "
+                           "go to CAN %1")
+                .arg(controller));
     });
     connect(controllerPanel, &ControllerPanel::rateChosen, this, [this] { cmdFollowRate->hide(); });
 
@@ -111,21 +123,22 @@ void FrmMain::buildWindow()
     sdoPanel->bus = this;
     txtAbort = sdoPanel->txtAbort;
     txtSDOTimeOut = sdoPanel->txtSDOTimeOut;
-    connect(sdoPanel, &SdoPanel::done, this, &FrmMain::reportDone);
+    connect(sdoPanel, &SdoPanel::done, m_status, &StatusLine::reportDone);
     nmtPanel = new NmtPanel(this, controllerPanel, txtAbort, central);
     cmdNMT = nmtPanel->cmdNMT;
     txtFWNode = nmtPanel->txtFWNode;
     cmdLSSGet = nmtPanel->cmdLSSGet;
     cmdLSSSet = nmtPanel->cmdLSSSet;
-    connect(nmtPanel, &NmtPanel::done, this, &FrmMain::reportDone);
+    connect(nmtPanel, &NmtPanel::done, m_status, &StatusLine::reportDone);
     connect(nmtPanel, &NmtPanel::rateOffered, this,
             [this](int controller, int rate) { m_status->offerRate(controller, rate); });
-    connect(txtAbort, &QLineEdit::textChanged, this, &FrmMain::explainResult);
+    connect(txtAbort, &QLineEdit::textChanged, m_status,
+            [this](const QString& result) { m_status->explain(txtAbort, result); });
 
     txtFWNode->setText(QStringLiteral("1"));
     upgradePanel = new UpgradePanel(&m_link, &m_history, txtFWNode, txtAbort, central);
-    connect(upgradePanel, &UpgradePanel::done, this, &FrmMain::reportDone);
-    connect(upgradePanel, &UpgradePanel::failed, this, &FrmMain::reportDone);
+    connect(upgradePanel, &UpgradePanel::done, m_status, &StatusLine::reportDone);
+    connect(upgradePanel, &UpgradePanel::failed, m_status, &StatusLine::reportDone);
     upgradePanel->showTarget();
     upgradePanel->bus = this;
     connect(upgradePanel, &UpgradePanel::message, this, &FrmMain::showMessage);
@@ -160,13 +173,6 @@ void FrmMain::buildWindow()
             group->layout()->setSpacing(4);
         }
 
-    m_status = new StatusLine(statusBar());
-    sbrStato = m_status->sbrStato;
-    sbrDone = m_status->sbrDone;
-    cmdFollowRate = m_status->cmdFollowRate;
-    prbStato = m_status->prbStato;
-    connect(m_status, &StatusLine::rateFollowed, this,
-            [this](int controller, int rate) { cmbBaud[controller]->setCurrentIndex(rate); });
     setTabOrderByLayout();
 }
 
@@ -197,16 +203,6 @@ void FrmMain::hideAbortDialog()
 {
     if (m_abort)
         m_abort->hideFromMainWindow();
-}
-
-void FrmMain::reportDone(const QString& text)
-{
-    m_status->reportDone(text);
-}
-
-void FrmMain::explainResult(const QString& result)
-{
-    m_status->explain(txtAbort, result);
 }
 
 void FrmMain::setMessageHandler(std::function<void(const QString&)> handler)
@@ -337,6 +333,16 @@ void FrmMain::showBitRate(int bitRateIndex)
     controllerPanel->showBitRate(selectedController(), bitRateIndex);
 }
 
+void FrmMain::setTraceHeld(bool held)
+{
+    m_monitorLink->setTraceHeld(held);
+}
+
+bool FrmMain::traceHeld() const
+{
+    return m_monitorLink->traceHeld();
+}
+
 void FrmMain::setMonitorSwitch(bool on)
 {
     if (m_monitor)
@@ -353,11 +359,6 @@ void FrmMain::onConnectionLost()
     m_status->showServerLost();
     showMessage(QStringLiteral("The CAN server was lost. Tessel connects again at the next "
                                "operation and restores the controllers as they were."));
-}
-
-void FrmMain::onReconnected()
-{
-    m_status->showServer(m_link.isRemote() ? m_link.machineName() : QStringLiteral("localhost"));
 }
 
 void FrmMain::keyPressEvent(QKeyEvent* event)

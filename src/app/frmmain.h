@@ -64,6 +64,8 @@ public:
     CanLink* link() { return &m_link; }
     FrmDiagno* monitor() const { return m_monitor; }
     int selectedController() const override;
+    // Whether the frames received stay out of the trace (an upgrade or a vector read runs).
+    bool traceHeld() const;
     int controllerCount() const;
 
     // Where messages for the user go; a message box titled with the caption unless replaced.
@@ -113,15 +115,13 @@ private:
     void showAbortDialog();
     int bitRateShown() const override;
     void showBitRate(int bitRateIndex) override;
+    void setTraceHeld(bool held) override;
     void setMonitorSwitch(bool on) override;
     bool monitorSwitchState() const override;
     void hideAbortDialog();
     void onConnectionLost();
-    void onReconnected();
     void showMessage(const QString& text);
     // Says in the status bar what was done (or what went wrong), until the next operation.
-    void reportDone(const QString& text);
-    void explainResult(const QString& result);
 
     CanLink m_link;
     StatusLine* m_status = nullptr;

@@ -107,10 +107,8 @@ void MonitorLink::connectReplay(TraceReplay* replay)
 
 void MonitorLink::onFramesReceived(int controller, const QByteArray& records, int count)
 {
-    // While the upgrade (or the vector read) is busy, its many answers stay out of the trace.
     if (controller < 0 || controller >= ControllerPanel::kRows ||
-        !m_controllers->chkCanEnable[controller]->isChecked() || !m_monitor ||
-        m_link->upgradeBusy)
+        !m_controllers->chkCanEnable[controller]->isChecked() || !m_monitor || m_traceHeld)
         return;
     m_monitor->receiveRecords(controller, records, count);
 }

@@ -29,6 +29,9 @@ public:
     bool sendRemote(quint32 id, int length);
     // The monitor's "Enable": while cleared, frames sent are not echoed into the trace.
     bool echoOff() const { return m_echoOff; }
+    // While held (an upgrade or a vector read runs), the frames received stay out of the trace.
+    void setTraceHeld(bool held) { m_traceHeld = held; }
+    bool traceHeld() const { return m_traceHeld; }
 
 signals:
     void message(const QString& text);
@@ -43,6 +46,7 @@ private:
     FrmDiagno* m_monitor = nullptr;
     int m_replayController = 0; // the controller a running replay sends on
     bool m_echoOff = false;
+    bool m_traceHeld = false;
 };
 
 } // namespace tessel

@@ -166,10 +166,6 @@ public:
     QString setSdoTimeout(int milliseconds);
     int sdoTimeoutMs() const { return m_sdoTimeoutMs; }
 
-    // The upgrade busy flag (the firmware upgrade and the vector read set it): while set, the
-    // main window does not pass received frames to the monitor's trace.
-    bool upgradeBusy = false;
-
     // ProgressNotify's rule: the fraction clamped to 0..1, as a percentage.
     static float progressPercent(double fraction);
 

@@ -274,7 +274,8 @@ void UpgradePanel::cmdUpgrade_Click()
         return;
 
     // The image's many segments stay out of the trace, and the server keeps its frame events.
-    m_link->upgradeBusy = true;
+    if (bus)
+        bus->setTraceHeld(true);
     QString error = m_link->unadvise();
     const int node = hexToNumber(txtFWNode->text());
     const int index = hexToNumber(txtDWIndex->text());
@@ -298,7 +299,8 @@ void UpgradePanel::cmdUpgrade_Click()
     reattach();
     if (bus)
         bus->setMonitorSwitch(bus->monitorSwitchState());
-    m_link->upgradeBusy = false;
+    if (bus)
+        bus->setTraceHeld(false);
     AddRecentFile(cmbFileName->currentText(), txtPostProcOpt->text());
     if (result.abortCode == 0)
         emit done(QStringLiteral("Upgraded node %1 on CAN %2 with %3 (%4 bytes)")

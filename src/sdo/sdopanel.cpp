@@ -310,7 +310,8 @@ void SdoPanel::cmdGetVect_Click()
     if (bus)
         bus->setMonitorSwitch(bus->monitorSwitchState());
     txtVectGet->clear();
-    m_link->upgradeBusy = true;
+    if (bus)
+        bus->setTraceHeld(true);
     QString lines;
     address.subIndex = 0;
     QByteArray count;
@@ -327,7 +328,8 @@ void SdoPanel::cmdGetVect_Click()
             lines += QLatin1String("\r\n");
         }
     }
-    m_link->upgradeBusy = false;
+    if (bus)
+        bus->setTraceHeld(false);
     txtVectGet->setPlainText(QString(lines).replace(QLatin1String("\r\n"), QLatin1String("\n")));
     if (bus)
         bus->setMonitorSwitch(true);

@@ -99,7 +99,7 @@ void TstUpgrade::catchUpgradeReleaseAndReadBack()
     QVERIFY(!t.window.upgradePanel->procedure().benchPending());
     QString error;
     QCOMPARE(t.window.link()->boardCommand(17, 0, &error), std::optional<int>(0));
-    QVERIFY(!t.window.link()->upgradeBusy);
+    QVERIFY(!t.window.traceHeld());
     QCOMPARE(p->cmbFileName->itemText(0), sample("drive-2.1.7.sx"));
     // The image's segments stayed out of the trace.
     QVERIFY(t.trace().mid(traceBefore).count(QLatin1String("581")) < 5);
@@ -228,7 +228,7 @@ void TstUpgrade::failures()
                                                                        "folder of PATH ("),
                  qPrintable(t.window.sbrDone->text()));
     // An abort counts as done: the history has the file and the busy flag is down.
-    QVERIFY(!t.window.link()->upgradeBusy);
+    QVERIFY(!t.window.traceHeld());
     QCOMPARE(p->cmbFileName->count(), sent ? 1 : 0);
     if (sent)
         QCOMPARE(p->cmbFileName->itemText(0), path);
@@ -268,7 +268,7 @@ void TstUpgrade::serverGoesAwayDuringTheDownload()
     p->cmdUpgrade_Click();
     QCOMPARE(t.window.txtAbort->text(), QStringLiteral("CAN server not reachable"));
     // The busy flag stays set and the history is not updated.
-    QVERIFY(t.window.link()->upgradeBusy);
+    QVERIFY(t.window.traceHeld());
     QCOMPARE(p->cmbFileName->count(), 0);
     // One message says so, after the transfer's wait has ended, and a click answers it.
     QTRY_COMPARE(t.messages.size(), 1);
