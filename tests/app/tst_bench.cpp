@@ -1,6 +1,7 @@
 // The bench panel, the fixture windows and the alarm log end to end, against the real server
 // with each of its simulated benches: what the panel shows, the drive going silent and booting
-// again with its supply, the read-outs, the alarm log with an alarm raised by the bench.
+// again with its supply, auto refresh stopping once when the server goes, the alarm log with an
+// alarm raised by the bench.
 #include "benchpanel.h"
 #include "fixture.h"
 #include "frmacq.h"

@@ -1,6 +1,5 @@
-// The CAN monitor's trace files end to end: the trace saved as a candump log and as an ASC file
-// and read back; the frames kept in step with the trace's bounds; a recorded log replayed on
-// the paced bus with its spacing, checked from the server's time stamps; the replay's failures.
+// The CAN monitor's trace files end to end: a recorded log replayed on the paced bus with its
+// spacing, checked from the server's time stamps, and traced once; the replay's failures.
 #include "candumplog.h"
 #include "frmdiagno.h"
 #include "tesselharness.h"

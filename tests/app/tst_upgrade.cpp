@@ -1,7 +1,7 @@
 // The firmware panel end to end, against the real server and its simulated drive: the boot
 // catch, the upgrade with its progress, the release and the new version read back; a raw image
-// post-processed by the stand-in first; every failure of the upgrade; the tool tip; the file
-// history.
+// post-processed by the stand-in first; every failure of the upgrade; the server lost during
+// the download.
 #include "canlink.h"
 #include "controllerpanel.h"
 #include "frmmain.h"

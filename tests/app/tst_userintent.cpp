@@ -1,7 +1,6 @@
 // The main window sends only what the user meant and keeps the user's place: input made while
-// a call waits is dropped, long waits can be aborted, refused values are said and not changed,
-// the wheel changes nothing that was not clicked into, addresses are not completed, every view
-// can be typed back, closing the main window ends the program.
+// a call waits is dropped, long waits can be aborted, the wheel changes nothing that was not
+// clicked into, addresses are not completed, a transfer's progress and end are shown.
 #include "frmabort.h"
 #include "frmdiagno.h"
 #include "frmio.h"

@@ -1,5 +1,5 @@
-// A fixture window on a recording bench: the calls its boxes and buttons make, a refused
-// output, and auto refresh that never runs a refresh inside another one.
+// A fixture window on a recording bench: a refused output, and auto refresh that never runs a
+// refresh inside another one.
 #include "benchcontrol.h"
 #include "frmacq.h"
 #include "recordingbench.h"

@@ -1,5 +1,5 @@
-// Reading firmware image files: the words at fixed addresses, the kind and identification, the
-// tool tip, and the post-processor call, on hand-made S-record files.
+// Reading firmware image files: the words at fixed addresses, the kind and identification, and
+// the post-processor call, on hand-made S-record files.
 #include "firmwaretip.h"
 #include "imagefile.h"
 #include "srecords.h"

@@ -1,5 +1,5 @@
-// Production runs of one unit: the exact command lines, the serial taken once and reused on a
-// retry, the failures that stop a run; the identity files made by the stand-in programs.
+// Production runs of one unit: the exact command lines, the firmware base, the failures that stop
+// a run before a serial is taken, the serial programming.
 #include "commandlines.h"
 #include "processrunner.h"
 #include "productionrun.h"

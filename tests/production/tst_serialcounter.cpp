@@ -1,5 +1,5 @@
-// The serial counter against real databases: an SQLite file (made on first use, or the line's
-// own), its faults, four stations drawing at once; and a PostgreSQL server when the test runs
+// The serial counter against real databases: an SQLite file, its faults, four stations drawing
+// at once, a station waiting out another's lock; and a PostgreSQL server when the test runs
 // inside one (pg_virtualenv), else skipped with a note.
 #include "serialcounter.h"
 

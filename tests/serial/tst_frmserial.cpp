@@ -1,5 +1,5 @@
 // The serial console against a pseudo-terminal standing for the device: received bytes shown,
-// typed bytes sent without local echo, nothing while closed, the settings text, a device that
+// typed bytes sent without local echo, the settings text, bad settings and ports, a device that
 // goes away.
 #include "frmserial.h"
 #include "pty.h"

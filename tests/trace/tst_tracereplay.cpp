@@ -1,6 +1,5 @@
 // The replay's schedule against a recording stand-in for the server: each frame's server time
-// from its recorded time and the speed, handed over ahead but not too far, a hold-up moving the
-// rest of the file with its spacing kept, a stop taking back what waits, a refused frame ending
+// from its recorded time and the speed, handed over ahead but not too far, a refused frame ending
 // the replay; loops, a channel map and the bus's pace shaping the schedule.
 
 #include "bittiming.h"
