@@ -37,14 +37,16 @@ void LssMaster::next(qint64 nowUs)
     finish();
 }
 
-void LssMaster::finish(const QString& error)
+void LssMaster::finish(const QString& error, ErrorKind kind)
 {
     m_busy = false;
     m_scanning = false;
     m_deadlineUs = -1;
     m_plan.clear();
-    if (m_result.error.isEmpty())
+    if (m_result.error.isEmpty()) {
         m_result.error = error;
+        m_result.kind = error.isEmpty() ? ErrorKind::None : kind;
+    }
     if (done)
         done(m_result);
 }
@@ -161,7 +163,7 @@ void LssMaster::onAnswer(const CanFrame& f, qint64 nowUs)
     case StoreConfiguration:
         m_result.errorCode = f.data[1];
         if (f.data[1] != 0) {
-            finish(errorText(cs, f.data[1], f.data[2]));
+            finish(errorText(cs, f.data[1], f.data[2]), ErrorKind::Abort);
             return;
         }
         break;
@@ -194,7 +196,7 @@ void LssMaster::onTimer(qint64 nowUs)
     }
     switch (m_current.wait) {
     case Wait::Answer:
-        finish(kNoAnswer);
+        finish(kNoAnswer, ErrorKind::TimeOut);
         return;
     case Wait::Collect:
     case Wait::Pause:
@@ -245,7 +247,8 @@ void LssMaster::fastscanStep(bool answered, qint64 nowUs)
     }
     if (m_confirming) {
         if (!answered) {
-            finish(QStringLiteral("the LSS slave stopped answering during Fastscan"));
+            finish(QStringLiteral("the LSS slave stopped answering during Fastscan"),
+                   ErrorKind::TimeOut);
             return;
         }
         m_result.address[size_t(m_sub)] = m_id;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "errorkind.h"
 #include "lss.h"
 
 #include <deque>
@@ -24,6 +25,7 @@ public:
         bool answered = false;  // identify services, Fastscan: some slave answered
         quint32 value = 0;      // inquired value, node-ID
         lss::Address address{}; // inquired or found by Fastscan
+        ErrorKind kind = ErrorKind::None; // with an error
     };
     static inline const QString kNoAnswer = QStringLiteral("no LSS slave answered");
 
@@ -68,7 +70,7 @@ private:
     };
     void start(std::deque<Step> plan, qint64 nowUs);
     void next(qint64 nowUs);
-    void finish(const QString& error = {});
+    void finish(const QString& error = {}, ErrorKind kind = ErrorKind::None);
     void onAnswer(const CanFrame& frame, qint64 nowUs);
     void fastscanStep(bool answered, qint64 nowUs);
     void probe(qint64 nowUs);

@@ -27,6 +27,10 @@ void SdoClient::finish(quint32 abortCode, const QString& error)
     Result result;
     result.abortCode = abortCode;
     result.error = error;
+    // A time-out sends abort 05040000 too, yet what the user meets is the node's silence.
+    result.kind = !error.isEmpty() ? ErrorKind::TimeOut
+                  : abortCode      ? ErrorKind::Abort
+                                   : ErrorKind::None;
     // A download's data went to the node; only an upload has data to report.
     if (abortCode == 0 && error.isEmpty() && m_upload)
         result.data = m_data;

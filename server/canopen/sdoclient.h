@@ -1,5 +1,6 @@
 #pragma once
 
+#include "errorkind.h"
 #include "sdo.h"
 
 #include <functional>
@@ -35,6 +36,7 @@ public:
         QByteArray data;
         quint32 abortCode = 0;
         QString error; // "SDO timeout", or empty
+        ErrorKind kind = ErrorKind::None; // Abort with an abort code
     };
     static inline const QString kTimeoutText = QStringLiteral("SDO timeout");
     // The most an upload may bring: more would not fit in one answer to the client. A node that

@@ -63,10 +63,10 @@ bool BootRunner::cancel(quint64 session, int requestId)
     static const QString cancelled = QStringLiteral("boot catch cancelled");
     if (m_current && m_current->session == session && m_current->requestId == requestId) {
         m_catcher.cancel();
-        finish({cancelled});
+        finish({cancelled, 0, 0, ErrorKind::Abort});
         return true;
     }
-    return m_queue.cancelWaiting(session, requestId, Outcome{cancelled});
+    return m_queue.cancelWaiting(session, requestId, Outcome{cancelled, 0, 0, ErrorKind::Abort});
 }
 
 void BootRunner::startNext()
@@ -78,11 +78,11 @@ void BootRunner::startNext()
     if (m_channel->bitRateIndex() != m_current->bitRateIndex &&
         (!m_core->setBitRate(m_controller, m_current->bitRateIndex, &error) ||
          (m_channel->isRunning() && !m_core->restartController(m_controller, &error)))) {
-        finish({error});
+        finish({error, 0, 0, ErrorKind::BusError});
         return;
     }
     if (!m_channel->isRunning() && !m_core->startController(m_controller, &error)) {
-        finish({error});
+        finish({error, 0, 0, ErrorKind::BusError});
         return;
     }
     m_catcher.start(m_current->node, m_catchMs, serverTimeUs());

@@ -2,6 +2,7 @@
 
 #include "bootcatch.h"
 #include "canchannel.h"
+#include "errorkind.h"
 #include "requestqueue.h"
 
 #include <QObject>
@@ -29,6 +30,7 @@ public:
         QString error; // empty when the catch ran, caught or not
         quint8 node = 0;
         quint32 version = 0; // 0: no boot loader answered
+        ErrorKind kind = ErrorKind::None;
     };
     struct Request
     {

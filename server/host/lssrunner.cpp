@@ -56,10 +56,10 @@ bool LssRunner::cancel(quint64 session, int requestId)
     if (m_current && m_current->session == session && m_current->requestId == requestId) {
         m_master.cancel();
         m_master.done = nullptr;
-        finish({cancelled});
+        finish(failure(ErrorKind::Abort, cancelled));
         return true;
     }
-    return m_queue.cancelWaiting(session, requestId, Outcome{cancelled});
+    return m_queue.cancelWaiting(session, requestId, failure(ErrorKind::Abort, cancelled));
 }
 
 void LssRunner::startNext()
@@ -73,7 +73,7 @@ void LssRunner::startNext()
     if (!m_wasRunning) {
         QString error;
         if (!m_core->startController(m_controller, &error)) {
-            finish({error});
+            finish(failure(ErrorKind::BusError, error));
             return;
         }
         // A device that has just joined its bus may not hear the first answers yet (a virtual
@@ -102,13 +102,15 @@ void LssRunner::begin()
         run([this] { m_master.identifyNonConfigured(serverTimeUs()); },
             [this](const LssMaster::Result& r) {
                 if (!r.answered) {
-                    finish({kNoneWaiting});
+                    finish(failure(ErrorKind::Failed, kNoneWaiting));
                     return;
                 }
                 run([this] { m_master.fastscan(serverTimeUs()); },
                     [this](const LssMaster::Result& f) {
                         if (!f.error.isEmpty() || !f.answered)
-                            finish({f.error.isEmpty() ? LssMaster::kNoAnswer : f.error});
+                            finish(f.error.isEmpty()
+                                       ? failure(ErrorKind::TimeOut, LssMaster::kNoAnswer)
+                                       : failure(f.kind, f.error));
                         else
                             configureSelected();
                     });
@@ -146,7 +148,7 @@ void LssRunner::setRate(int bitRateIndex)
 void LssRunner::inquireAt(size_t i)
 {
     if (i >= m_rates.size()) {
-        finish({LssMaster::kNoAnswer});
+        finish(failure(ErrorKind::TimeOut, LssMaster::kNoAnswer));
         return;
     }
     if (m_channel->bitRateIndex() != m_rates[i]) {
@@ -208,22 +210,24 @@ void LssRunner::configureSelected()
     const quint8 node = m_current->nodeId;
     const int rate = m_current->bitRateIndex;
     // On an error the node is switched back to waiting, unchanged.
-    const auto fail = [this](const QString& error) {
+    const auto fail = [this](const LssMaster::Result& refused) {
         run([this] { m_master.switchGlobal(false, serverTimeUs()); },
-            [this, error](const LssMaster::Result&) { finish({error}); });
+            [this, refused](const LssMaster::Result&) {
+                finish(failure(refused.kind, refused.error));
+            });
     };
     run([this, node] { m_master.configureNodeId(node, serverTimeUs()); },
         [=, this](const LssMaster::Result& c) {
             if (!c.error.isEmpty())
-                return fail(c.error);
+                return fail(c);
             run([this, rate] { m_master.configureBitTiming(quint8(rate), serverTimeUs()); },
                 [=, this](const LssMaster::Result& b) {
                     if (!b.error.isEmpty())
-                        return fail(b.error);
+                        return fail(b);
                     run([this] { m_master.storeConfiguration(serverTimeUs()); },
                         [=, this](const LssMaster::Result& s) {
                             if (!s.error.isEmpty())
-                                return fail(s.error);
+                                return fail(s);
                             run(
                                 [this] {
                                     m_master.activateBitTiming(kSwitchDelayMs, serverTimeUs());

@@ -44,6 +44,7 @@ public:
         QString error; // empty on success
         quint8 nodeId = 0;
         int bitRateIndex = -1;
+        ErrorKind kind = ErrorKind::None;
     };
     struct Request
     {
@@ -78,6 +79,13 @@ private:
     void run(const std::function<void()>& service, Next next);
     void setRate(int bitRateIndex);
     void finish(Outcome outcome);
+    static Outcome failure(ErrorKind kind, const QString& error)
+    {
+        Outcome o;
+        o.error = error;
+        o.kind = kind;
+        return o;
+    }
     void inquireAt(size_t i);
     void askAt(size_t i);
     void inquireConfigured(size_t i);

@@ -44,6 +44,7 @@ void SdoRunner::send(NodeChannel& c, const CanFrame& frame)
     // The controller cannot send: the transfer ends here with the reason.
     SdoClient::Result result;
     result.error = error;
+    result.kind = ErrorKind::BusError;
     NodeChannel* channel = &c;
     QMetaObject::invokeMethod(
         this,
@@ -96,6 +97,7 @@ bool SdoRunner::cancel(quint64 session, int requestId)
     }
     SdoClient::Result result;
     result.error = QStringLiteral("SDO transfer cancelled");
+    result.kind = ErrorKind::Abort;
     return m_queue.cancelWaiting(session, requestId, result);
 }
 
@@ -126,6 +128,7 @@ void SdoRunner::start(NodeChannel& c, Request request)
     if (!m_channel->isRunning()) {
         SdoClient::Result result;
         result.error = QStringLiteral("controller %1 is not started").arg(m_channel->name());
+        result.kind = ErrorKind::BusError;
         complete(c, result);
         return;
     }

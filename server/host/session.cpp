@@ -15,6 +15,29 @@ namespace qorcalib {
 
 namespace {
 
+// The number an answer carries for its error: 0 when there is none; a failure whose kind its
+// source left open is a plain failure.
+int kindOf(const QString& error, ErrorKind kind)
+{
+    if (error.isEmpty())
+        return 0;
+    return int(kind == ErrorKind::None ? ErrorKind::Failed : kind);
+}
+
+// A controller's call failed: naming a controller that does not exist is the request's fault,
+// any other failure is the bus's.
+int controllerKind(const ServerCore* core, int controller, const QString& error)
+{
+    return kindOf(error, core->checkController(controller).isEmpty() ? ErrorKind::BusError
+                                                                     : ErrorKind::BadArgument);
+}
+
+// A started controller refuses a client's frame only while its queue is full.
+ErrorKind transmitKind(const CanChannel* channel)
+{
+    return channel->isRunning() ? ErrorKind::Busy : ErrorKind::BusError;
+}
+
 // A client's text quoted in an error description is cut to a readable length.
 QString clipped(const QString& text)
 {
@@ -70,12 +93,14 @@ public:
     ObjectReply GetService(QString selector) override
     {
         if (!selector.isEmpty() && selector.compare(QLatin1String("CANopen"), Qt::CaseInsensitive))
-            return ObjectReply({}, QStringLiteral("unknown service '%1' (this server offers "
-                                                  "\"CANopen\")")
-                                       .arg(clipped(selector)));
-        return ObjectReply(m_s->objectName("QCSService"), {});
+            return ObjectReply({},
+                               QStringLiteral("unknown service '%1' (this server offers "
+                                              "\"CANopen\")")
+                                   .arg(clipped(selector)),
+                               int(ErrorKind::NotSupported));
+        return ObjectReply(m_s->objectName("QCSService"), {}, 0);
     }
-    ObjectReply GetBus(QString) override { return ObjectReply(m_s->objectName("QCSBus"), {}); }
+    ObjectReply GetBus(QString) override { return ObjectReply(m_s->objectName("QCSBus"), {}, 0); }
 
 private:
     Session* m_s;
@@ -89,29 +114,29 @@ public:
     {
         QString error;
         m_s->core()->startController(controller, &error);
-        return Reply(error);
+        return Reply(error, controllerKind(m_s->core(), controller, error));
     }
     Reply RestartController(int controller) override
     {
         QString error;
         m_s->core()->restartController(controller, &error);
-        return Reply(error);
+        return Reply(error, controllerKind(m_s->core(), controller, error));
     }
     Reply StopController(int controller) override
     {
         QString error;
         m_s->core()->stopController(controller, &error);
-        return Reply(error);
+        return Reply(error, controllerKind(m_s->core(), controller, error));
     }
     Reply Advise() override
     {
         m_s->attached = true;
-        return Reply();
+        return Reply({}, 0);
     }
     Reply Unadvise() override
     {
         m_s->attached = false;
-        return Reply();
+        return Reply({}, 0);
     }
     Reply setallrxflag(int flag) override
     {
@@ -121,21 +146,24 @@ public:
             m_s->receiveAll = false;
         else
             return Reply(
-                QStringLiteral("receive-all flag %1 not understood (-1 or 32767)").arg(flag));
-        return Reply();
+                QStringLiteral("receive-all flag %1 not understood (-1 or 32767)").arg(flag),
+                int(ErrorKind::BadArgument));
+        return Reply({}, 0);
     }
     Reply Send(int controller, CanMsg msg, int) override { return send(controller, msg, false); }
     Reply SendRemote(int controller, CanMsg msg) override { return send(controller, msg, true); }
-    IntReply GetTime() override { return IntReply(int(quint32(quint64(serverTimeUs()))), {}); }
+    IntReply GetTime() override { return IntReply(int(quint32(quint64(serverTimeUs()))), {}, 0); }
     IntReply SendTimed(int controller, QByteArray frames, int count) override
     {
         QString error = m_s->core()->checkController(controller);
         if (!error.isEmpty())
-            return IntReply(0, error);
+            return IntReply(0, error, int(ErrorKind::BadArgument));
         if (count < 0 || count > recordCount(frames))
-            return IntReply(0, QStringLiteral("%1 frame records announced, %2 bytes sent")
-                                   .arg(count)
-                                   .arg(frames.size()));
+            return IntReply(0,
+                            QStringLiteral("%1 frame records announced, %2 bytes sent")
+                                .arg(count)
+                                .arg(frames.size()),
+                            int(ErrorKind::BadArgument));
         CanChannel* channel = m_s->core()->channel(controller);
         const qint64 now = serverTimeUs();
         for (int i = 0; i < count; ++i) {
@@ -145,67 +173,74 @@ public:
             // nearest to now.
             const qint64 due = now + qint32(frame.timeUs - quint32(quint64(now)));
             if (error.isEmpty())
-                channel->transmitAt(frame, m_s->id(), due, &error);
+                error = leadError(due, now);
             if (!error.isEmpty())
-                return IntReply(i, error);
+                return IntReply(i, error, int(ErrorKind::BadArgument));
+            if (!channel->transmitAt(frame, m_s->id(), due, &error))
+                return IntReply(i, error, int(transmitKind(channel)));
         }
-        return IntReply(count, {});
+        return IntReply(count, {}, 0);
     }
     IntReply DropQueued(int controller) override
     {
         const QString error = m_s->core()->checkController(controller);
         if (!error.isEmpty())
-            return IntReply(0, error);
-        return IntReply(m_s->core()->channel(controller)->dropSession(m_s->id()), {});
+            return IntReply(0, error, int(ErrorKind::BadArgument));
+        return IntReply(m_s->core()->channel(controller)->dropSession(m_s->id()), {}, 0);
     }
     IntReply GetUncarried(int controller) override
     {
         const QString error = m_s->core()->checkController(controller);
         if (!error.isEmpty())
-            return IntReply(0, error);
-        return IntReply(int(m_s->core()->channel(controller)->uncarried()), {});
+            return IntReply(0, error, int(ErrorKind::BadArgument));
+        return IntReply(int(m_s->core()->channel(controller)->uncarried()), {}, 0);
     }
     IntReply GetStatus(int controller) override
     {
         const QString error = m_s->core()->checkController(controller);
         if (!error.isEmpty())
-            return IntReply(0, error);
+            return IntReply(0, error, int(ErrorKind::BadArgument));
         return IntReply(
-            int(m_s->core()->channel(controller)->status() | m_s->takeOverrun(controller)), {});
+            int(m_s->core()->channel(controller)->status() | m_s->takeOverrun(controller)), {}, 0);
     }
     IntReply GetBitRate(int controller) override
     {
         const QString error = m_s->core()->checkController(controller);
         if (!error.isEmpty())
-            return IntReply(0, error);
-        return IntReply(m_s->core()->channel(controller)->bitRateIndex(), {});
+            return IntReply(0, error, int(ErrorKind::BadArgument));
+        return IntReply(m_s->core()->channel(controller)->bitRateIndex(), {}, 0);
     }
     Reply SetBitRate(int controller, int bitRateIndex) override
     {
         QString error;
         m_s->core()->setBitRate(controller, bitRateIndex, &error);
-        return Reply(error);
+        if (!error.isEmpty() && bitRateOfIndex(bitRateIndex) < 0)
+            return Reply(error, int(ErrorKind::BadArgument));
+        return Reply(error, controllerKind(m_s->core(), controller, error));
     }
-    IntReply GetControllerCount() override { return IntReply(m_s->core()->controllerCount(), {}); }
+    IntReply GetControllerCount() override
+    {
+        return IntReply(m_s->core()->controllerCount(), {}, 0);
+    }
     Reply SetSdoTimeout(int milliseconds) override;
     Reply SetTxNotify(bool on) override
     {
         m_s->txNotify = on;
-        return Reply();
+        return Reply({}, 0);
     }
 
 private:
     Reply send(int controller, const CanMsg& msg, bool remote)
     {
         QString error = m_s->core()->checkController(controller);
-        if (!error.isEmpty())
-            return Reply(error);
         CanFrame frame;
-        error = frameFromMsg(msg, remote, &frame);
+        if (error.isEmpty())
+            error = frameFromMsg(msg, remote, &frame);
         if (!error.isEmpty())
-            return Reply(error);
-        m_s->core()->channel(controller)->transmit(frame, m_s->id(), &error);
-        return Reply(error);
+            return Reply(error, int(ErrorKind::BadArgument));
+        CanChannel* channel = m_s->core()->channel(controller);
+        channel->transmit(frame, m_s->id(), &error);
+        return Reply(error, kindOf(error, transmitKind(channel)));
     }
     Session* m_s;
 };
@@ -220,7 +255,8 @@ QString setSdoTimeout(Session* s, int milliseconds)
 
 Reply Bus::SetSdoTimeout(int milliseconds)
 {
-    return Reply(setSdoTimeout(m_s, milliseconds));
+    const QString error = setSdoTimeout(m_s, milliseconds);
+    return Reply(error, kindOf(error, ErrorKind::BadArgument));
 }
 
 class Notify : public QCSNotifySource
@@ -236,12 +272,13 @@ public:
     Reply Start(int) override
     {
         m_s->serviceStarted = true;
-        return Reply();
+        return Reply({}, 0);
     }
-    IntReply GetSdoTimeOut() override { return IntReply(m_s->sdoTimeoutMs, {}); }
+    IntReply GetSdoTimeOut() override { return IntReply(m_s->sdoTimeoutMs, {}, 0); }
     Reply SetSdoTimeout(int milliseconds) override
     {
-        return Reply(setSdoTimeout(m_s, milliseconds));
+        const QString error = setSdoTimeout(m_s, milliseconds);
+        return Reply(error, kindOf(error, ErrorKind::BadArgument));
     }
     RequestReply SdoDownload(int channel, int node, int index, int subIndex,
                              QByteArray data) override
@@ -261,16 +298,21 @@ public:
     {
         return m_s->startLss(channel, true, nodeId, bitRateIndex);
     }
-    Reply CancelRequest(int requestId) override { return Reply(m_s->cancelRequest(requestId)); }
+    Reply CancelRequest(int requestId) override
+    {
+        const QString error = m_s->cancelRequest(requestId);
+        return Reply(error, kindOf(error, ErrorKind::BadArgument));
+    }
     Reply SetLssTimeout(int milliseconds) override
     {
         if (milliseconds < LssRunner::kMinTimeoutMs || milliseconds > LssRunner::kMaxTimeoutMs)
             return Reply(QStringLiteral("LSS time-out %1 ms out of range (%2..%3)")
                              .arg(milliseconds)
                              .arg(LssRunner::kMinTimeoutMs)
-                             .arg(LssRunner::kMaxTimeoutMs));
+                             .arg(LssRunner::kMaxTimeoutMs),
+                         int(ErrorKind::BadArgument));
         m_s->lssTimeoutMs = milliseconds;
-        return Reply();
+        return Reply({}, 0);
     }
 
 private:
@@ -283,16 +325,16 @@ public:
     explicit TestConnector(Session* s) : m_s(s) {}
     ObjectReply GetBenchBoard() override
     {
-        return ObjectReply(m_s->objectName("QCSBenchBoard"), {});
+        return ObjectReply(m_s->objectName("QCSBenchBoard"), {}, 0);
     }
-    ObjectReply GetBenchIo() override { return ObjectReply(m_s->objectName("QCSBenchIo"), {}); }
+    ObjectReply GetBenchIo() override { return ObjectReply(m_s->objectName("QCSBenchIo"), {}, 0); }
     ObjectReply GetServerWindow() override
     {
-        return ObjectReply(m_s->objectName("QCSServerWindow"), {});
+        return ObjectReply(m_s->objectName("QCSServerWindow"), {}, 0);
     }
     IntReply GetShutdownRequest() override
     {
-        return IntReply(m_s->core()->shutdownRequested() ? -1 : 0, {});
+        return IntReply(m_s->core()->shutdownRequested() ? -1 : 0, {}, 0);
     }
 
 private:
@@ -308,22 +350,22 @@ public:
         int status = 0;
         QString error;
         m_s->core()->bench()->command(command, argument, &status, &error, m_s->id());
-        return IntReply(status, error);
+        return IntReply(status, error, kindOf(error, ErrorKind::BadArgument));
     }
     Reply SetBoardParam(int parameter, double value) override
     {
         QString error;
         m_s->core()->bench()->setParameter(parameter, value, &error);
-        return Reply(error);
+        return Reply(error, kindOf(error, ErrorKind::BadArgument));
     }
     BenchInfoReply GetBenchInfo() override
     {
         const SimBench* bench = m_s->core()->bench();
         return BenchInfoReply(bench->identity().kind, bench->identity().type, bench->boardVersion(),
-                              {});
+                              {}, 0);
     }
     RequestReply LoadSerialImage(QByteArray image) override { return m_s->startSerialLoad(image); }
-    IntReply GetTestState() override { return IntReply(m_s->core()->bench()->testState(), {}); }
+    IntReply GetTestState() override { return IntReply(m_s->core()->bench()->testState(), {}, 0); }
 
 private:
     Session* m_s;
@@ -336,37 +378,37 @@ public:
     Reply InitIo() override
     {
         m_s->core()->bench()->initIo();
-        return Reply();
+        return Reply({}, 0);
     }
     Reply Acquire() override
     {
         m_s->core()->bench()->acquire();
-        return Reply();
+        return Reply({}, 0);
     }
     Reply Arm() override
     {
         m_s->core()->bench()->arm();
-        return Reply();
+        return Reply({}, 0);
     }
     DoubleReply ReadAnalog(int channel) override
     {
         double value = 0.0;
         QString error;
         m_s->core()->bench()->readAnalog(channel, &value, &error);
-        return DoubleReply(value, error);
+        return DoubleReply(value, error, kindOf(error, ErrorKind::BadArgument));
     }
     BoolReply ReadInput(int channel) override
     {
         bool state = false;
         QString error;
         m_s->core()->bench()->readInput(channel, &state, &error);
-        return BoolReply(state, error);
+        return BoolReply(state, error, kindOf(error, ErrorKind::BadArgument));
     }
     Reply SetOutput(int channel, bool state) override
     {
         QString error;
         m_s->core()->bench()->setOutput(channel, state, &error);
-        return Reply(error);
+        return Reply(error, kindOf(error, ErrorKind::BadArgument));
     }
 
 private:
@@ -380,11 +422,11 @@ public:
     Reply Show() override
     {
         emit m_s->core()->showWindowRequested();
-        return Reply();
+        return Reply({}, 0);
     }
     TextListReply Sessions() override
     {
-        return TextListReply(m_s->host()->sessionDescriptions(), {});
+        return TextListReply(m_s->host()->sessionDescriptions(), {}, 0);
     }
 
 private:
@@ -497,7 +539,7 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
         error =
             QStringLiteral("%1 bytes to download, at most %2").arg(data.size()).arg(kMaxSdoBytes);
     if (!error.isEmpty())
-        return RequestReply(0, error);
+        return RequestReply(0, error, int(ErrorKind::BadArgument));
     const int requestId = m_nextRequest++;
     SdoRunner::Request request;
     request.session = m_id;
@@ -514,13 +556,14 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
         // The end of a transfer brings the progress back to 0, as the client's bar and a bench
         // waiting for the transfer's end expect.
         emit notify->ProgressNotify(0.0);
-        emit notify->OperationDone(
-            OperationResult(requestId, result.data, 0, result.abortCode, result.error));
+        emit notify->OperationDone(OperationResult(requestId, result.data, 0, result.abortCode,
+                                                   result.error, int(result.kind)));
     };
+    // The request itself was checked above: the runner refuses it only for its full queue.
     error = m_core->sdoRunner(channel)->submit(std::move(request));
     if (!error.isEmpty())
-        return RequestReply(0, error);
-    return RequestReply(requestId, {});
+        return RequestReply(0, error, int(ErrorKind::Busy));
+    return RequestReply(requestId, {}, 0);
 }
 
 RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitRateIndex)
@@ -529,8 +572,12 @@ RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitR
     if (error.isEmpty() && configure && (nodeId < 1 || nodeId > 127))
         error = QStringLiteral("node-ID 0x%1 out of range (1..0x7F)")
                     .arg(QString::number(nodeId, 16).toUpper());
+    if (error.isEmpty() && configure && bitRateOfIndex(bitRateIndex) < 0)
+        error = QStringLiteral("bit-rate index %1 out of range (0..%2)")
+                    .arg(bitRateIndex)
+                    .arg(kBitRateCount - 1);
     if (!error.isEmpty())
-        return RequestReply(0, error);
+        return RequestReply(0, error, int(ErrorKind::BadArgument));
     const int requestId = m_nextRequest++;
     LssRunner::Request request;
     request.session = m_id;
@@ -543,12 +590,13 @@ RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitR
     request.done = [notify, requestId, configure](const LssRunner::Outcome& o) {
         const QByteArray rate =
             configure || !o.error.isEmpty() ? QByteArray() : QByteArray(1, char(o.bitRateIndex));
-        emit notify->OperationDone(OperationResult(requestId, rate, o.nodeId, 0, o.error));
+        emit notify->OperationDone(
+            OperationResult(requestId, rate, o.nodeId, 0, o.error, kindOf(o.error, o.kind)));
     };
     error = m_core->lssRunner(channel)->submit(std::move(request));
     if (!error.isEmpty())
-        return RequestReply(0, error);
-    return RequestReply(requestId, {});
+        return RequestReply(0, error, int(ErrorKind::Busy));
+    return RequestReply(requestId, {}, 0);
 }
 
 RequestReply Session::startSerialLoad(const QByteArray& image)
@@ -561,11 +609,13 @@ RequestReply Session::startSerialLoad(const QByteArray& image)
             // The state has changed when the progress comes back to 0: a client waiting for the
             // load reads it then.
             emit notify->ProgressNotify(0.0);
-            emit notify->OperationDone(OperationResult(requestId, {}, state, 0, {}));
+            emit notify->OperationDone(OperationResult(requestId, {}, state, 0, {}, 0));
         });
     if (!error.isEmpty())
-        return RequestReply(0, error);
-    return RequestReply(requestId, {});
+        return RequestReply(0, error,
+                            int(m_core->bench()->serialLoader()->busy() ? ErrorKind::Busy
+                                                                        : ErrorKind::BadArgument));
+    return RequestReply(requestId, {}, 0);
 }
 
 RequestReply Session::startBootCatch(int channel, int node, int bitRateIndex)
@@ -573,8 +623,12 @@ RequestReply Session::startBootCatch(int channel, int node, int bitRateIndex)
     QString error = m_core->checkController(channel);
     if (error.isEmpty() && (node < 0 || node > 127))
         error = QStringLiteral("node-ID %1 out of range (0..127; 0: any node)").arg(node);
+    if (error.isEmpty() && bitRateOfIndex(bitRateIndex) < 0)
+        error = QStringLiteral("bit-rate index %1 out of range (0..%2)")
+                    .arg(bitRateIndex)
+                    .arg(kBitRateCount - 1);
     if (!error.isEmpty())
-        return RequestReply(0, error);
+        return RequestReply(0, error, int(ErrorKind::BadArgument));
     const int requestId = m_nextRequest++;
     BootRunner::Request request;
     request.session = m_id;
@@ -584,12 +638,13 @@ RequestReply Session::startBootCatch(int channel, int node, int bitRateIndex)
     auto* notify = &m_objects->notify;
     request.done = [notify, requestId](const BootRunner::Outcome& o) {
         const QByteArray node = o.error.isEmpty() ? QByteArray(1, char(o.node)) : QByteArray();
-        emit notify->OperationDone(OperationResult(requestId, node, qint32(o.version), 0, o.error));
+        emit notify->OperationDone(OperationResult(requestId, node, qint32(o.version), 0, o.error,
+                                                   kindOf(o.error, o.kind)));
     };
     error = m_core->bootRunner(channel)->submit(std::move(request));
     if (!error.isEmpty())
-        return RequestReply(0, error);
-    return RequestReply(requestId, {});
+        return RequestReply(0, error, int(ErrorKind::Busy));
+    return RequestReply(requestId, {}, 0);
 }
 
 QString Session::cancelRequest(int requestId)

@@ -58,8 +58,8 @@ FrmMain::FrmMain(QWidget* parent) : QMainWindow(parent)
     connect(&m_link, &CanLink::configChanged, controllerPanel,
             &ControllerPanel::followChangedConfig);
     connect(&m_link, &CanLink::progressChanged, m_status, &StatusLine::showProgress);
-    connect(&m_link, &CanLink::longWaitStarted, this, &FrmMain::showAbortDialog);
-    connect(&m_link, &CanLink::longWaitEnded, this, &FrmMain::hideAbortDialog);
+    connect(m_link.operation(), &LongOperation::longWaitStarted, this, &FrmMain::showAbortDialog);
+    connect(m_link.operation(), &LongOperation::longWaitEnded, this, &FrmMain::hideAbortDialog);
     WheelGuard::install();
     connect(&m_link, &CanLink::connectionLost, this, &FrmMain::onConnectionLost);
     connect(&m_link, &CanLink::reconnected, this, [this] {
@@ -194,7 +194,8 @@ void FrmMain::showAbortDialog()
 {
     if (!m_abort) {
         m_abort = new FrmAbort(this, centralWidget());
-        connect(m_abort->cmdAbort, &QPushButton::clicked, &m_link, &CanLink::requestAbort);
+        connect(m_abort->cmdAbort, &QPushButton::clicked, m_link.operation(),
+                &LongOperation::requestAbort);
     }
     m_abort->showOverMainWindow();
 }

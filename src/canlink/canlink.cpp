@@ -1,13 +1,10 @@
 #include "canlink.h"
 
-#include "inputblocker.h"
-
 #include "canmsg.h"
 #include "handshake.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QEventLoop>
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
@@ -30,6 +27,7 @@ CanLink::CanLink(QObject* parent)
 {
     m_reaper.setInterval(100);
     connect(&m_reaper, &QTimer::timeout, this, &CanLink::reapRetired);
+    connect(&m_operation, &LongOperation::progressChanged, this, &CanLink::progressChanged);
 }
 
 CanLink::~CanLink() = default;
@@ -50,6 +48,7 @@ bool CanLink::isConnected() const
 
 bool CanLink::connectToServer(const QString& answer, QString* error)
 {
+    m_lastKind = ErrorKind::Unreachable;
     const qsizetype hash = answer.indexOf(QLatin1Char('#'));
     m_machine = hash < 0 ? answer : answer.left(hash);
     m_selector = hash < 0 ? QString() : answer.mid(hash + 1);
@@ -96,7 +95,7 @@ bool CanLink::finishOpening(QString* error)
             // Progress belongs to the running transfer or serial load; a report that arrives
             // after its end would leave the bar full. The bar first: the rules that follow may
             // end the load.
-            if (m_waitLoop || productionRun)
+            if (m_operation.isWaiting() || productionRun)
                 emit progressChanged(progressPercent(fraction));
             emit progressNotified(fraction);
         },
@@ -112,13 +111,8 @@ bool CanLink::finishOpening(QString* error)
     // answers only confirms that the service exists.
     const auto service =
         m_connection->wait(m_connection->connector()->GetService(m_selector), error);
-    if (!service)
-        return false;
-    if (!service->error().isEmpty()) {
-        *error = service->error();
-        return false;
-    }
-    return true;
+    *error = replyError(service, *error);
+    return error->isEmpty();
 }
 
 void CanLink::replaceConnection(std::unique_ptr<ServerConnection> next)
@@ -156,8 +150,11 @@ void CanLink::onLost()
 
 ServerConnection* CanLink::live(QString* error, bool background)
 {
+    // Every call starts here: the kind of an earlier call's error is forgotten.
+    m_lastKind = ErrorKind::None;
     if (m_connection && m_connection->isConnected())
         return m_connection.get();
+    m_lastKind = ErrorKind::Unreachable;
     // A poll tries again now and then, an operation the user asked for every time.
     if (!m_everConnected || m_reconnecting ||
         (background && m_lastAttempt.isValid() && m_lastAttempt.elapsed() < kRetryMs)) {
@@ -165,7 +162,10 @@ ServerConnection* CanLink::live(QString* error, bool background)
         return nullptr;
     }
     m_lastAttempt.start();
-    return reconnect(error) ? m_connection.get() : nullptr;
+    if (!reconnect(error))
+        return nullptr;
+    m_lastKind = ErrorKind::None;
+    return m_connection.get();
 }
 
 bool CanLink::reconnect(QString* error)
@@ -272,6 +272,17 @@ bool CanLink::startLocalServer(QString* error)
     return false;
 }
 
+template <typename R>
+QString CanLink::replyError(const std::optional<R>& reply, const QString& waitError)
+{
+    if (!reply) {
+        m_lastKind = ErrorKind::Unreachable;
+        return waitError;
+    }
+    m_lastKind = qorcalib::errorKindOf(!reply->error().isEmpty(), reply->kind());
+    return reply->error();
+}
+
 #define LINK_CALL(expression)                                                                      \
     do {                                                                                           \
         QString callError;                                                                         \
@@ -279,7 +290,7 @@ bool CanLink::startLocalServer(QString* error)
         if (!c)                                                                                    \
             return callError;                                                                      \
         const auto reply = c->wait(c->expression, &callError);                                     \
-        return reply ? reply->error() : callError;                                                 \
+        return replyError(reply, callError);                                                       \
     } while (0)
 
 QString CanLink::startController(int controller)
@@ -372,19 +383,17 @@ QString CanLink::setLssTimeout(int milliseconds)
 
 #undef LINK_CALL
 
-namespace {
 template <typename R, typename V>
-std::optional<V> valueOf(const std::optional<R>& reply, QString* error, V (R::*get)() const)
+std::optional<V> CanLink::valueOf(const std::optional<R>& reply, QString* error,
+                                  V (R::*get)() const)
 {
-    if (!reply)
-        return std::nullopt;
-    if (!reply->error().isEmpty()) {
-        *error = reply->error();
+    QString failure = replyError(reply, error ? *error : QString());
+    if (!failure.isEmpty()) {
+        *error = failure;
         return std::nullopt;
     }
     return ((*reply).*get)();
 }
-} // namespace
 
 std::optional<int> CanLink::controllerCount(QString* error)
 {
@@ -423,16 +432,14 @@ QString CanLink::setSdoTimeout(int milliseconds)
         return error;
     const auto service =
         m_connection->wait(m_connection->service()->SetSdoTimeout(milliseconds), &error);
-    if (!service)
+    error = replyError(service, error);
+    if (!error.isEmpty())
         return error;
-    if (!service->error().isEmpty())
-        return service->error();
     const auto bus = m_connection->wait(m_connection->bus()->SetSdoTimeout(milliseconds), &error);
-    if (!bus)
-        return error;
-    if (bus->error().isEmpty())
+    error = replyError(bus, error);
+    if (error.isEmpty())
         m_sdoTimeoutMs = milliseconds;
-    return bus->error();
+    return error;
 }
 
 CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, int index,
@@ -446,6 +453,7 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
                                                                  data);
         },
         m_sdoTimeoutMs + kSdoGraceMs, &result.error);
+    result.kind = m_lastKind;
     if (!finished)
         return result;
     result.data = finished->data();
@@ -460,6 +468,7 @@ CanLink::LssResult CanLink::lssInquire(int controller)
     const auto finished =
         runOperation([&]() { return m_connection->service()->LssInquire(controller); },
                      kLssWatchdogMs, &result.error);
+    result.kind = m_lastKind;
     if (!finished)
         return result;
     result.error = finished->error();
@@ -476,6 +485,7 @@ CanLink::LssResult CanLink::lssConfigure(int controller, int nodeId, int bitRate
     const auto finished = runOperation(
         [&]() { return m_connection->service()->LssConfigure(controller, nodeId, bitRateIndex); },
         kLssWatchdogMs, &result.error);
+    result.kind = m_lastKind;
     if (finished) {
         result.error = finished->error();
         result.nodeId = finished->value();
@@ -484,99 +494,16 @@ CanLink::LssResult CanLink::lssConfigure(int controller, int nodeId, int bitRate
     return result;
 }
 
-std::optional<OperationResult>
-CanLink::runOperation(const std::function<QRemoteObjectPendingReply<RequestReply>()>& ask,
-                      int watchdogMs, QString* error)
+std::optional<OperationResult> CanLink::runOperation(const LongOperation::Ask& ask, int watchdogMs,
+                                                     QString* error)
 {
     if (!live(error))
         return std::nullopt;
-    // Watch for the end before asking, so that a quick answer is not missed.
-    std::optional<OperationResult> finished;
-    int requestId = -1;
-    QList<OperationResult> early;
-    QEventLoop loop;
-    QTimer watchdog;
-    watchdog.setSingleShot(true);
-    watchdog.setInterval(watchdogMs);
-    const auto doneConnection = connect(m_connection->notify(), &QCSNotifyReplica::OperationDone,
-                                        &loop, [&](const OperationResult& r) {
-                                            if (requestId < 0)
-                                                early << r;
-                                            else if (r.requestId() == requestId) {
-                                                finished = r;
-                                                loop.quit();
-                                            }
-                                        });
-    const auto progressConnection =
-        connect(m_connection->notify(), &QCSNotifyReplica::ProgressNotify, &watchdog,
-                qOverload<>(&QTimer::start));
-    connect(&watchdog, &QTimer::timeout, &loop, &QEventLoop::quit);
-    connect(m_connection.get(), &ServerConnection::connectionLost, &loop, &QEventLoop::quit);
-
-    const auto request = m_connection->wait(ask(), error);
-    if (!request || !request->error().isEmpty()) {
-        disconnect(doneConnection);
-        disconnect(progressConnection);
-        if (request)
-            *error = request->error();
-        return std::nullopt;
-    }
-    requestId = request->requestId();
-    emit progressChanged(0.0f);
-    for (const OperationResult& r : std::as_const(early))
-        if (r.requestId() == requestId)
-            finished = r;
-    if (!finished) {
-        QTimer longWait;
-        longWait.setSingleShot(true);
-        bool announced = false;
-        connect(&longWait, &QTimer::timeout, this, [this, &announced] {
-            announced = true;
-            emit longWaitStarted();
-        });
-        longWait.start(kLongWaitMs);
-        watchdog.start();
-        m_abortRequested = false;
-        m_waitLoop = &loop;
-        {
-            InputBlocker blocker;
-            loop.exec();
-        }
-        m_waitLoop = nullptr;
-        longWait.stop();
-        if (!finished && m_abortRequested && m_connection && m_connection->isConnected()) {
-            // The server aborts the transfer on the bus and reports it at once.
-            QString cancelError;
-            m_connection->wait(m_connection->service()->CancelRequest(requestId), &cancelError);
-            if (!finished) {
-                watchdog.start(kSdoGraceMs);
-                InputBlocker blocker;
-                loop.exec();
-            }
-        }
-        if (announced)
-            emit longWaitEnded();
-    }
-    // The bar stays full after a transfer that worked, until the next one starts; empty after
-    // one that did not.
-    emit progressChanged(
-        finished && finished->error().isEmpty() && finished->abortCode() == 0 ? 100.0f : 0.0f);
-    // The operation's own events (its last progress comes just before its end) are handled
-    // before the call returns, not during whatever the caller waits for next.
-    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
-    disconnect(doneConnection);
-    disconnect(progressConnection);
-    if (!finished)
-        *error = ServerConnection::kNotReachable;
+    auto finished = m_operation.run(m_connection.get(), ask, watchdogMs, error, &m_lastKind);
+    if (finished)
+        m_lastKind = qorcalib::errorKindOf(
+            !finished->error().isEmpty() || finished->abortCode() != 0, finished->kind());
     return finished;
-}
-
-void CanLink::requestAbort()
-{
-    if (!m_waitLoop)
-        return;
-    m_abortRequested = true;
-    m_waitLoop->quit();
 }
 
 std::optional<CanLink::BenchInfo> CanLink::benchInfo(QString* error)
@@ -584,11 +511,10 @@ std::optional<CanLink::BenchInfo> CanLink::benchInfo(QString* error)
     if (!live(error))
         return std::nullopt;
     const auto reply = m_connection->wait(m_connection->benchBoard()->GetBenchInfo(), error);
-    if (!reply)
-        return std::nullopt;
-    if (!reply->error().isEmpty())
-        return (*error = reply->error(), std::nullopt);
-    return BenchInfo{reply->kind(), reply->type(), reply->third()};
+    const QString failure = replyError(reply, *error);
+    if (!failure.isEmpty())
+        return (*error = failure, std::nullopt);
+    return BenchInfo{reply->benchKind(), reply->type(), reply->third()};
 }
 
 CanLink::BootResult CanLink::stopOnBoot(int controller, int nodeId, int bitRateIndex)
@@ -597,6 +523,7 @@ CanLink::BootResult CanLink::stopOnBoot(int controller, int nodeId, int bitRateI
     const auto finished = runOperation(
         [&]() { return m_connection->service()->StopOnBoot(controller, nodeId, bitRateIndex); },
         kBootWatchdogMs, &result.error);
+    result.kind = m_lastKind;
     if (finished) {
         result.error = finished->error();
         result.version = quint32(finished->value());
@@ -621,7 +548,7 @@ QString CanLink::loadSerialImage(const QByteArray& image)
     if (!c)
         return error;
     const auto reply = c->wait(c->benchBoard()->LoadSerialImage(image), &error, 30000);
-    return reply ? reply->error() : error;
+    return replyError(reply, error);
 }
 
 std::optional<int> CanLink::testState(QString* error)
@@ -690,7 +617,7 @@ QString CanLink::send(int controller, quint16 id, int length, const QByteArray& 
     }
     // A frame refused is never reported: it was the last one remembered.
     m_echoes.forgetLast(EchoFilter::Kind::Now);
-    return reply ? reply->error() : error;
+    return replyError(reply, error);
 }
 
 std::optional<quint32> CanLink::serverTime(QString* error)
@@ -744,8 +671,7 @@ int CanLink::sendTimed(int controller, const QVector<qorcalib::CanFrame>& frames
     // The frames refused are the last ones remembered.
     m_echoes.forgetLast(EchoFilter::Kind::Timed, frames.size() - taken);
     m_echoes.bound(EchoFilter::Kind::Timed);
-    if (reply)
-        *error = reply->error();
+    *error = replyError(reply, *error);
     return taken;
 }
 

@@ -2,11 +2,12 @@
 
 #include "canmsg.h"
 #include "echofilter.h"
+#include "errorkind.h"
+#include "longoperation.h"
 #include "serverconnection.h"
 
 #include <QByteArray>
 #include <QElapsedTimer>
-#include <QEventLoop>
 #include <QObject>
 #include <QTimer>
 
@@ -21,7 +22,8 @@ using qorcalib::ServerConnection;
 
 // The program's link to the CAN server: the connection made from the name the user answers at
 // start-up, the calls the windows make (each returns the server's error description, empty on
-// success), and the notify sink's rules. It holds no widgets; the main window binds to it.
+// success, and keeps its kind for lastErrorKind), and the notify sink's rules. It holds no widgets;
+// the main window binds to it.
 class CanLink : public QObject
 {
     Q_OBJECT
@@ -52,6 +54,11 @@ public:
     QString selector() const { return m_selector; }
     bool isConnected() const;
     ServerConnection* connection() const { return m_connection.get(); }
+    // The kind of the error that the last call returned; None after one that worked.
+    ErrorKind lastErrorKind() const { return m_lastKind; }
+    // The wait of the SDO transfers, LSS services and boot catches: its progress, its
+    // announcement of a long wait and the user's abort.
+    LongOperation* operation() { return &m_operation; }
 
     // After the server was lost, every call first connects again (starting the local server
     // when it is gone) and restores the session as it was: the sink attached, the receive-all
@@ -99,22 +106,18 @@ public:
     std::optional<quint32> uncarried(int controller, QString* error);
 
     // One SDO transfer on a controller: the uploaded bytes, the abort code (0 when none) and
-    // the error description (empty when the call itself worked). The wait lets events run and
-    // drops the user's input; it ends when the server reports the end, when the server goes
-    // away, or when nothing at all happened for the SDO time-out plus kSdoGraceMs. A wait
-    // longer than kLongWaitMs is announced (longWaitStarted), so that the user can abort it:
-    // requestAbort() has the server abort the transfer on the bus, and the result carries the
-    // abort code it sent.
+    // the error description (empty when the call itself worked) with its kind. The wait is a
+    // LongOperation's, ended when nothing happened for the SDO time-out plus kSdoGraceMs; an
+    // abort by the user has the server abort the transfer on the bus, and the result carries
+    // the abort code it sent.
     struct SdoResult
     {
         QByteArray data;
         quint32 abortCode = 0;
         QString error;
+        ErrorKind kind = ErrorKind::None;
     };
     static constexpr int kSdoGraceMs = 5000;
-    static constexpr int kLongWaitMs = 500;
-    // Ends the running wait of sdoTransfer at once (see there); does nothing without one.
-    void requestAbort();
     SdoResult sdoTransfer(int controller, bool upload, int node, int index, int subIndex,
                           const QByteArray& data = {});
     // LSS on a controller. Inquire: found (error empty), the node-ID (FF when it has none yet)
@@ -124,6 +127,7 @@ public:
         QString error;
         int nodeId = -1;
         int bitRateIndex = -1;
+        ErrorKind kind = ErrorKind::None;
     };
     static constexpr int kLssWatchdogMs = 30000;
     // How long the server's LSS services wait for answers (1..5000 ms; 0: the server's own);
@@ -140,6 +144,7 @@ public:
         QString error;
         quint32 version = 0;
         int nodeId = 0;
+        ErrorKind kind = ErrorKind::None;
     };
     static constexpr int kBootWatchdogMs = 610000;
     BootResult stopOnBoot(int controller, int nodeId, int bitRateIndex);
@@ -182,17 +187,18 @@ signals:
     // The server went away; said once until the link is back (reconnected).
     void connectionLost();
     void reconnected();
-    // A transfer has waited kLongWaitMs and still waits; longWaitEnded follows it.
-    void longWaitStarted();
-    void longWaitEnded();
 
 private:
-    // A long operation: asks with `request`, then waits for its OperationDone (see
-    // sdoTransfer); nullopt with *error set when the request is refused or no end comes.
-    std::optional<OperationResult>
-    runOperation(const std::function<QRemoteObjectPendingReply<RequestReply>()>& request,
-                 int watchdogMs, QString* error);
+    // A long operation on the live connection (see LongOperation::run); its error's kind is
+    // the last one.
+    std::optional<OperationResult> runOperation(const LongOperation::Ask& ask, int watchdogMs,
+                                                QString* error);
     bool openSession(QString* error);
+    // An answer's error, its kind kept as the last one; waitError when no answer came.
+    template <typename R>
+    QString replyError(const std::optional<R>& reply, const QString& waitError);
+    template <typename R, typename V>
+    std::optional<V> valueOf(const std::optional<R>& reply, QString* error, V (R::*get)() const);
     // The connection, connected again when it was lost; null with the reason when it cannot be.
     ServerConnection* live(QString* error, bool background = false);
     void onLost();
@@ -228,7 +234,8 @@ private:
     QList<HeldBatch> m_held;
     int m_sdoTimeoutMs = 1000;
     int m_lssTimeoutMs = 0;
-    QEventLoop* m_waitLoop = nullptr; // the running transfer's wait
+    LongOperation m_operation{this};
+    ErrorKind m_lastKind = ErrorKind::None;
     // What the session had set, to be set again on a new connection.
     static constexpr int kRetryMs = 2000;
     QElapsedTimer m_lastAttempt;
@@ -241,7 +248,6 @@ private:
     bool m_advised = false;
     bool m_rxAll = false;
     bool m_txNotify = true;
-    bool m_abortRequested = false;
 };
 
 } // namespace tessel

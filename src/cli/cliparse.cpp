@@ -7,6 +7,28 @@
 
 namespace tessel::cli {
 
+Exit exitStatusOf(qorcalib::ErrorKind kind)
+{
+    using qorcalib::ErrorKind;
+    switch (kind) {
+    case ErrorKind::None:
+        return kOk;
+    case ErrorKind::BadArgument:
+        return kBadArguments;
+    case ErrorKind::Unreachable:
+        return kUnreachable;
+    case ErrorKind::NotSupported:
+        return kNotSupported;
+    case ErrorKind::Busy:
+    case ErrorKind::TimeOut:
+    case ErrorKind::Abort:
+    case ErrorKind::BusError:
+    case ErrorKind::Failed:
+        break;
+    }
+    return kFailed;
+}
+
 namespace {
 bool hexField(const QString& text, int maxDigits, int* value)
 {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "errorkind.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -17,6 +19,12 @@ enum Exit
     kFailed = 4,       // the service ran and failed: no node answered, bus error, file error
     kNotSupported = 5, // the server does not offer the service
 };
+
+// The exit status for a failure of the server or the link, by its kind: a request the server
+// found wrong is a bad argument like one found here; a refused or cancelled operation, a
+// time-out or a bus error is a service that failed. (An SDO abort code is told apart by the
+// command, which prints it.)
+Exit exitStatusOf(qorcalib::ErrorKind kind);
 
 // "NODE,INDEX[,SUB]" in hexadecimal, as the SDO panel writes it; with two fields the sub-index
 // is the index's low byte, as there. Strict: anything but hexadecimal digits is refused.

@@ -79,8 +79,6 @@ const QString kUsage = QStringLiteral(
     "  4  the service failed (no answer, bus or file error)\n"
     "  5  not supported by this server\n");
 
-const QString kNotSupportedText = QStringLiteral("not supported by this server");
-
 // Runs `onInterrupt` from the event loop once the user interrupts (SIGINT) or the system asks
 // the program to end (SIGTERM): the handler itself only sets a flag.
 class InterruptWatch
@@ -197,11 +195,12 @@ int TesselCli::fail(int code, const QString& message)
 
 int TesselCli::linkFailure(const QString& error)
 {
-    if (error.contains(kNotSupportedText))
-        return fail(kNotSupported, error);
-    if (error.startsWith(ServerConnection::kNotReachable))
-        return fail(kUnreachable, error);
-    return fail(kFailed, error);
+    return linkFailure(error, m_link.lastErrorKind());
+}
+
+int TesselCli::linkFailure(const QString& error, qorcalib::ErrorKind kind)
+{
+    return fail(exitStatusOf(kind), error);
 }
 
 bool TesselCli::wantsHelp(const QStringList& args, const QString& help)
@@ -316,7 +315,7 @@ int TesselCli::connectAndStart()
     m_link.setServerSecret(secret, secretProblem);
     QString error;
     if (!m_link.connectToServer(m_server, &error))
-        return fail(kUnreachable, error);
+        return linkFailure(error);
     if (m_controller >= CanLink::kControllerRows)
         return bad(QStringLiteral("controller %1 does not exist").arg(m_controller));
     const auto count = m_link.controllerCount(&error);
@@ -326,9 +325,10 @@ int TesselCli::connectAndStart()
         return bad(QStringLiteral("controller %1 does not exist: the server has %2")
                        .arg(m_controller)
                        .arg(*count));
-    for (const QString& e : {m_link.startController(m_controller), m_link.startService()})
-        if (!e.isEmpty())
-            return linkFailure(e);
+    if (const QString e = m_link.startController(m_controller); !e.isEmpty())
+        return linkFailure(e);
+    if (const QString e = m_link.startService(); !e.isEmpty())
+        return linkFailure(e);
     if (m_timeoutMs > 0)
         if (const QString e = m_link.setSdoTimeout(m_timeoutMs); !e.isEmpty())
             return linkFailure(e);
@@ -428,7 +428,7 @@ int TesselCli::sdo(QStringList args)
                      {QStringLiteral("sub"), address->subIndex}};
     m_context = json;
     if (!r.error.isEmpty())
-        return linkFailure(r.error);
+        return linkFailure(r.error, r.kind);
     if (r.abortCode != 0) {
         const QString code = hexField(r.abortCode, 8);
         const QString meaning = qorcalib::sdoAbortText(r.abortCode);
@@ -762,10 +762,10 @@ int TesselCli::bitrate(QStringList args)
     m_controller = controller;
     if (const int code = connectAndStart(); code >= 0)
         return code;
-    for (const QString& e :
-         {m_link.setBitRate(controller, rate), m_link.restartController(controller)})
-        if (!e.isEmpty())
-            return linkFailure(e);
+    if (const QString e = m_link.setBitRate(controller, rate); !e.isEmpty())
+        return linkFailure(e);
+    if (const QString e = m_link.restartController(controller); !e.isEmpty())
+        return linkFailure(e);
     print({{QStringLiteral("command"), QStringLiteral("bitrate")},
            {QStringLiteral("controller"), controller},
            {QStringLiteral("bitrate"), bitRateText(rate)}},
@@ -814,7 +814,7 @@ int TesselCli::lss(QStringList args)
     const CanLink::LssResult r =
         set ? m_link.lssConfigure(m_controller, node, rate) : m_link.lssInquire(m_controller);
     if (!r.error.isEmpty())
-        return linkFailure(r.error);
+        return linkFailure(r.error, r.kind);
     if (set) {
         print({{QStringLiteral("command"), QStringLiteral("lss set")},
                {QStringLiteral("node"), node},
@@ -889,7 +889,7 @@ int TesselCli::upgrade(QStringList args)
     if (progress)
         progress->end(outcome.error.isEmpty() && outcome.abortCode == 0);
     if (!outcome.error.isEmpty())
-        return linkFailure(outcome.error);
+        return linkFailure(outcome.error, outcome.kind);
     if (outcome.bootVersion == 0)
         return fail(
             kFailed,

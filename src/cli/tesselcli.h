@@ -33,7 +33,10 @@ private:
 
     int bad(const QString& message);
     int fail(int code, const QString& message);
+    // The link's error, with the exit status its kind calls for (the last call's kind, or one
+    // a result carried).
     int linkFailure(const QString& error);
+    int linkFailure(const QString& error, qorcalib::ErrorKind kind);
     bool wantsHelp(const QStringList& args, const QString& help);
     // Connects and readies the controller; an exit code on failure, else -1.
     int connectAndStart();

@@ -63,6 +63,7 @@ FirmwareUpgrade::Outcome FirmwareUpgrade::run(int controller, int node, int bitR
     if (!caught.error.isEmpty() || caught.version == 0) {
         endBench();
         outcome.error = caught.error;
+        outcome.kind = caught.kind;
         return outcome;
     }
     const CanLink::SdoResult loaded = load(controller, node, image);
@@ -70,11 +71,13 @@ FirmwareUpgrade::Outcome FirmwareUpgrade::run(int controller, int node, int bitR
     if (!loaded.error.isEmpty() || loaded.abortCode != 0) {
         release(controller, node);
         outcome.error = loaded.error;
+        outcome.kind = loaded.kind;
         outcome.abortCode = loaded.abortCode;
         return outcome;
     }
     const CanLink::SdoResult released = release(controller, node);
     outcome.error = released.error;
+    outcome.kind = released.kind;
     outcome.abortCode = released.abortCode;
     outcome.releaseFailed = released.abortCode != 0;
     return outcome;

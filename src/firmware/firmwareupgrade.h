@@ -48,6 +48,7 @@ public:
     struct Outcome
     {
         QString error;          // the link's error; empty when the server answered throughout
+        ErrorKind kind = ErrorKind::None; // the error's
         quint32 abortCode = 0;  // of the load, or of the release when the load went through
         bool releaseFailed = false; // the abort code is the release's
         quint32 bootVersion = 0;    // 0: no boot loader answered

@@ -117,6 +117,9 @@ void TstTesselCli::abortsAndBadArguments_data()
                                   "object)\n";
     QTest::newRow("node that does not answer")
         << QStringList{"sdo", "read", "5,1000,0"} << 4 << "tessel-cli: SDO timeout\n";
+    QTest::newRow("service the server does not offer")
+        << QStringList{"--server", "localhost#LSSonly", "sdo", "read", "1,1000,0"} << 5
+        << "tessel-cli: unknown service 'LSSonly' (this server offers \"CANopen\")\n";
     QTest::newRow("no loop") << QStringList{"replay", "x.log", "--loop", "0"} << 2
                              << "tessel-cli: --loop takes a count from 1 to 1000000\n";
     QTest::newRow("a channel mapped twice") << QStringList{"replay", "x.log", "can1=0", "can1=2"}

@@ -87,7 +87,7 @@ void TstPacketRules::incoming_data()
         << wire::invoke(kBus, wire::Send, {0, canMsg(0x123, 2, "\x01\x02"), 0}) << "";
     QTest::newRow("Send with another record where the frame belongs")
         << QByteArrayList{acquireBus}
-        << wire::invoke(kBus, wire::Send, {0, QVariant::fromValue(Reply("x")), 0})
+        << wire::invoke(kBus, wire::Send, {0, QVariant::fromValue(Reply("x", 0)), 0})
         << "where CanMsg is expected";
     QTest::newRow("frame record holding a huge list")
         << QByteArrayList{acquireBus} << wire::packet(6, canMsgWithHugeList())

@@ -1,3 +1,4 @@
+#include "errorkind.h"
 #include "handshake.h"
 #include "serverprocess.h"
 
@@ -209,9 +210,11 @@ void TstServer::badInputIsRefused()
     const QStringList w = operation.split(' ');
     const auto n = [&w](int i) { return w[i].toInt(nullptr, 0); };
     QString error, description;
+    int kind = 0;
     const auto take = [&](const auto& reply) {
         QVERIFY2(reply, qPrintable(error));
         description = reply->error();
+        kind = reply->kind();
     };
     if (w[0] == "send")
         take(a->wait(a->bus()->Send(n(1), CanMsg(n(2), n(3), QByteArray(8, '\x55')), 0), &error));
@@ -255,6 +258,8 @@ void TstServer::badInputIsRefused()
         take(a->wait(a->connector()->GetService(w[1]), &error));
     QVERIFY2(!description.isEmpty(), "the server accepted it");
     QVERIFY2(description.contains(mentions, Qt::CaseInsensitive), qPrintable(description));
+    // A client reacts to the kind: the request was wrong, or asks for what the server lacks.
+    QCOMPARE(ErrorKind(kind), w[0] == "service" ? ErrorKind::NotSupported : ErrorKind::BadArgument);
     // What the client sent is quoted, never echoed whole.
     QVERIFY2(description.size() < 200, qPrintable(description.left(300)));
 
@@ -369,6 +374,7 @@ void TstServer::sdoAborts()
     QVERIFY(result);
     QCOMPARE(result->abortCode(), abort);
     QVERIFY(result->error().isEmpty());
+    QCOMPARE(ErrorKind(result->kind()), ErrorKind::Abort);
     // The next transfer works.
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
 }
