@@ -29,14 +29,11 @@ private slots:
     void init();
     void cleanup();
 
-    void driveFollowsNmtCommands_data();
-    void driveFollowsNmtCommands();
     void badInputIsRefused_data();
     void badInputIsRefused();
     void sdoWithTheDrive();
     void sdoAborts_data();
     void sdoAborts();
-    void sdoBounds();
     void absentNodeHoldsUpOnlyItself();
     void refusesToStart_data();
     void refusesToStart();
@@ -99,43 +96,6 @@ std::optional<TstServer::Running> TstServer::withRunningDrive()
     return running;
 }
 
-void TstServer::driveFollowsNmtCommands_data()
-{
-    QTest::addColumn<QByteArray>("command");
-    QTest::addColumn<QByteArray>("heartbeat");
-    QTest::addColumn<bool>("bootUp");
-    QTest::newRow("start") << hex("0101") << hex("05") << false;
-    QTest::newRow("start all") << hex("0100") << hex("05") << false;
-    QTest::newRow("stop") << hex("0201") << hex("04") << false;
-    QTest::newRow("pre-operational") << hex("8001") << hex("7f") << false;
-    QTest::newRow("reset node") << hex("8101") << hex("7f") << true;
-    QTest::newRow("reset communication") << hex("8200") << hex("7f") << true;
-    QTest::newRow("another node's start") << hex("0102") << hex("7f") << false;
-}
-
-void TstServer::driveFollowsNmtCommands()
-{
-    QFETCH(QByteArray, command);
-    QFETCH(QByteArray, heartbeat);
-    QFETCH(bool, bootUp);
-
-    auto running = withRunningDrive();
-    QVERIFY(running);
-    auto& a = running->connection;
-    FrameRecorder& ra = *running->frames;
-    ra.clear();
-    CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, command), 0));
-    QVERIFY(ra.waitFor(0x701, heartbeat, 3000));
-    const int bootUpAt = ra.find(0x701, hex("00"));
-    QCOMPARE(bootUpAt >= 0, bootUp);
-    if (bootUp) { // boot-up first, then the heartbeats of the new life
-        QVERIFY(bootUpAt < ra.find(0x701, heartbeat));
-    } else if (heartbeat != hex("7f")) { // the old state does not come back
-        QTest::qWait(300);
-        QCOMPARE(ra.find(0x701, hex("7f"), ra.find(0x701, heartbeat)), -1);
-    }
-}
-
 void TstServer::badInputIsRefused_data()
 {
     QTest::addColumn<QString>("operation");
@@ -146,43 +106,23 @@ void TstServer::badInputIsRefused_data()
                                      << "9 bytes";
     QTest::newRow("a megabyte of data") << "senddata 0 0x100 8 1048576"
                                         << "1048576 bytes";
-    QTest::newRow("length -1") << "send 0 0x100 -1"
-                               << "-1";
     QTest::newRow("COB-ID 0x800") << "send 0 0x800 1"
                                   << "0x800";
     QTest::newRow("controller 2") << "send 2 0x100 1"
                                   << "2";
-    QTest::newRow("controller -1") << "remote -1 0x100 1"
-                                   << "-1";
-    QTest::newRow("remote length 9") << "remote 0 0x100 9"
-                                     << "9";
     // Timed frames: controller, COB-ID, length, milliseconds ahead, records announced.
-    QTest::newRow("timed COB-ID 0x800") << "timed 0 0x800 1 10 1"
-                                        << "0x800";
-    QTest::newRow("timed length 9") << "timed 0 0x100 9 10 1"
-                                    << "9";
     QTest::newRow("timed 3 s ahead") << "timed 0 0x100 1 3000 1"
                                      << "at most 2000 ms";
     QTest::newRow("timed, more records announced") << "timed 0 0x100 1 10 2"
                                                    << "2 frame records announced, 16 bytes";
-    QTest::newRow("timed on controller 2") << "timed 2 0x100 1 10 1"
-                                           << "2";
     QTest::newRow("bit rate 9") << "rate 0 9"
                                 << "9";
-    QTest::newRow("bit rate -1") << "rate 0 -1"
-                                 << "-1";
-    QTest::newRow("bit rate of controller 4") << "rate 4 0"
-                                              << "4";
     QTest::newRow("start controller 7") << "start 7"
                                         << "7";
-    QTest::newRow("status of controller 3") << "status 3"
-                                            << "3";
     QTest::newRow("receive-all 0") << "rxall 0"
                                    << "0";
     QTest::newRow("SDO time-out 0") << "sdotimeout 0"
                                     << "0";
-    QTest::newRow("SDO time-out 70000") << "sdotimeout 70000"
-                                        << "70000";
     QTest::newRow("LSS time-out 5001") << "lsstimeout 5001"
                                        << "5001";
     QTest::newRow("bench command 99") << "command 99"
@@ -221,8 +161,6 @@ void TstServer::badInputIsRefused()
     else if (w[0] == "senddata")
         take(
             a->wait(a->bus()->Send(n(1), CanMsg(n(2), n(3), QByteArray(n(4), '\x55')), 0), &error));
-    else if (w[0] == "remote")
-        take(a->wait(a->bus()->SendRemote(n(1), CanMsg(n(2), n(3), {})), &error));
     else if (w[0] == "timed") {
         const auto now = a->wait(a->bus()->GetTime(), &error);
         QVERIFY2(now, qPrintable(error));
@@ -238,8 +176,6 @@ void TstServer::badInputIsRefused()
         take(a->wait(a->bus()->SetBitRate(n(1), n(2)), &error));
     else if (w[0] == "start")
         take(a->wait(a->bus()->StartController(n(1)), &error));
-    else if (w[0] == "status")
-        take(a->wait(a->bus()->GetStatus(n(1)), &error));
     else if (w[0] == "rxall")
         take(a->wait(a->bus()->setallrxflag(n(1)), &error));
     else if (w[0] == "sdotimeout")
@@ -252,8 +188,6 @@ void TstServer::badInputIsRefused()
         take(a->wait(a->benchIo()->SetOutput(n(1), true), &error));
     else if (w[0] == "analog")
         take(a->wait(a->benchIo()->ReadAnalog(n(1)), &error));
-    else if (w[0] == "sdo")
-        take(a->wait(a->service()->SdoUpload(0, n(1), 0x1018, 1), &error));
     else if (w[0] == "service")
         take(a->wait(a->connector()->GetService(w[1]), &error));
     QVERIFY2(!description.isEmpty(), "the server accepted it");
@@ -345,19 +279,9 @@ void TstServer::sdoAborts_data()
     QTest::addColumn<QByteArray>("data");
     QTest::addColumn<quint32>("abort");
     QTest::newRow("missing object") << true << 0x3000 << 0 << QByteArray() << 0x06020000u;
-    QTest::newRow("missing sub-index") << true << 0x1018 << 9 << QByteArray() << 0x06090011u;
-    QTest::newRow("read a write-only entry") << true << 0x2020 << 0 << QByteArray() << 0x06010001u;
     QTest::newRow("write a read-only entry") << false << 0x1018 << 1 << le32(1) << 0x06010002u;
-    QTest::newRow("write a constant") << false << 0x1008 << 0 << QByteArray("X") << 0x06010002u;
     QTest::newRow("too high") << false << 0x2000 << 0 << le32(30000) << 0x06090031u;
-    QTest::newRow("too low") << false << 0x2000 << 0 << le32(50) << 0x06090032u;
-    QTest::newRow("signed too low")
-        << false << 0x6071 << 0 << QByteArray("\x00\xf0", 2) << 0x06090032u;
-    QTest::newRow("too short") << false << 0x2000 << 0 << QByteArray("\x01\x02", 2) << 0x06070013u;
     QTest::newRow("too long") << false << 0x2002 << 0 << QByteArray("\x01\x02", 2) << 0x06070012u;
-    QTest::newRow("boolean other than 0 or 1")
-        << false << 0x2050 << 0 << QByteArray("\x02", 1) << 0x06090030u;
-    QTest::newRow("string too long") << false << 0x2030 << 0 << QByteArray(300, 'x') << 0x06070012u;
 }
 
 void TstServer::sdoAborts()
@@ -377,23 +301,6 @@ void TstServer::sdoAborts()
     QCOMPARE(ErrorKind(result->kind()), ErrorKind::Abort);
     // The next transfer works.
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x1018, 1)->abortCode(), 0u);
-}
-
-void TstServer::sdoBounds()
-{
-    QVERIFY(startServer());
-    auto a = attach();
-    QVERIFY(a);
-    CALL_OK(a, service()->SetSdoTimeout(1));
-    CALL_OK(a, service()->SetSdoTimeout(65535));
-    CALL_OK(a, bus()->SetSdoTimeout(1));
-    CALL_OK(a, bus()->SetSdoTimeout(65535));
-    QString error;
-    QCOMPARE(a->wait(a->service()->GetSdoTimeOut(), &error)->value(), 65535);
-    // The highest node-ID is asked (nobody answers it here); one past it is refused above.
-    CALL_OK(a, service()->SetSdoTimeout(50));
-    const auto request = a->wait(a->service()->SdoUpload(0, 127, 0x1018, 1), &error);
-    QVERIFY(request && request->error().isEmpty() && request->requestId() > 0);
 }
 
 void TstServer::absentNodeHoldsUpOnlyItself()
@@ -430,15 +337,12 @@ void TstServer::refusesToStart_data()
     QTest::addColumn<QString>("mentions");
     QTest::newRow("unknown plugin")
         << QStringList{"--channel", "nosuchplugin:can0"} << "nosuchplugin";
-    QTest::newRow("no interface") << QStringList{"--channel", "socketcan"} << "socketcan";
     QTest::newRow("bad bench") << QStringList{"--bench", "bigbench"} << "bigbench";
     QTest::newRow("missing EDS") << QStringList{"--eds", "/nonexistent/drive.eds"}
                                  << "/nonexistent";
     QTest::newRow("bad listen address") << QStringList{"--listen", "udp://1.2.3.4"} << "udp://";
     QTest::newRow("LSS window of 0 ms")
         << QStringList{"--lss-timeout", "0"} << "--lss-timeout takes a number of milliseconds";
-    QTest::newRow("LSS window not a number")
-        << QStringList{"--lss-timeout", "25ms"} << "from 1 to 5000";
     QTest::newRow("backlog too small") << QStringList{"--client-backlog", "15"} << "KiB from 16";
     QTest::newRow("five controllers")
         << QStringList{"--channel", "sim",       "--channel", "sim",       "--channel",
