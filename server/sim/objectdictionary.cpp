@@ -215,6 +215,7 @@ std::optional<ObjectDictionary> ObjectDictionary::fromEds(const QString& path, q
             return;
         }
         e.access = *access;
+        e.pdoMapping = s.value(QStringLiteral("pdomapping")).trimmed() == QLatin1String("1");
         if (odTypeSize(e.dataType) == 0 && OdType(e.dataType) != OdType::VisibleString &&
             OdType(e.dataType) != OdType::OctetString && OdType(e.dataType) != OdType::Domain) {
             warn(QStringLiteral("[%1]: data type 0x%2 is not simulated")

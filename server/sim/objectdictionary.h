@@ -52,6 +52,7 @@ struct OdEntry
     QString nodeIdDefault;
     std::optional<qint64> lowLimit;
     std::optional<qint64> highLimit;
+    bool pdoMapping = false; // the EDS's PDOMapping=1: the entry may be mapped into PDOs
 
     bool readable() const { return access != OdAccess::WriteOnly; }
     bool writable() const { return access == OdAccess::ReadWrite || access == OdAccess::WriteOnly; }
