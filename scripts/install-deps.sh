@@ -16,6 +16,7 @@ packages=(
   libgl-dev
   xvfb xauth
   help2man lintian fakeroot dpkg-dev gzip
+  python3 python3-can
 )
 
 missing=()

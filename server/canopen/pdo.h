@@ -1,6 +1,7 @@
 #pragma once
 
 #include "canmsg.h"
+#include "objectvalues.h"
 
 #include <QByteArray>
 #include <QList>
@@ -13,17 +14,13 @@ namespace qorcalib {
 // What the PDO engine needs of its node's object dictionary. The PDOs' communication and mapping
 // parameters are entries of that dictionary too: their defaults come from the EDS, resets bring
 // them back, and SDO reads and writes them like any entry (through PdoEngine::checkWrite).
-class PdoDictionary
+class PdoDictionary : public ObjectValues
 {
 public:
-    virtual ~PdoDictionary() = default;
-    // An entry's value, little-endian; empty when there is no such entry.
-    virtual QByteArray value(quint16 index, quint8 subIndex) const = 0;
     // An entry's size in bits when it may be mapped into a receive (RPDO) or a transmit PDO
-    // (TPDO); 0 when it exists and may not be; -1 when there is no such entry.
+    // (TPDO); 0 when it exists and may not be; -1 when there is no such entry. A received PDO's
+    // share for a mapped entry comes through write.
     virtual int mappableBits(quint16 index, quint8 subIndex, bool receive) const = 0;
-    // Takes a received PDO's share for a mapped entry.
-    virtual void write(quint16 index, quint8 subIndex, const QByteArray& value) = 0;
 };
 
 // The process data objects of a node (CiA 301): four receive PDOs (communication 1400-1403,

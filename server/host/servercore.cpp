@@ -85,7 +85,7 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
     });
     connect(core->m_bench.get(), &SimBench::overvoltage, raw, [raw](double volts) {
         for (const auto& drive : raw->m_drives)
-            drive->raiseAlarm(kOvervoltageAlarm, quint32(volts * 10.0 + 0.5));
+            drive->raiseAlarm(SimDrive::kOvervoltageAlarm, quint32(volts * 10.0 + 0.5));
     });
     for (const int door : SimBench::kDoorInputs)
         core->m_bench->setInput(door, !config.doorsOpen);

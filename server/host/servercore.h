@@ -65,7 +65,6 @@ public:
 
     // Every powered simulated drive raises the alarm; how many did.
     int raiseAlarm(quint32 alarmNumber);
-    static constexpr quint32 kOvervoltageAlarm = 2;
 
     int lssTimeoutMs() const { return m_lssTimeoutMs; }
     bool shutdownRequested() const { return m_shutdownRequested; }

@@ -15,8 +15,15 @@ void giveOwnSerial(ObjectDictionary* dictionary, int i)
 SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint8 nodeId,
                    int bitRateIndex, QObject* parent)
     : QObject(parent), m_segment(segment), m_dictionary(std::move(dictionary)),
-      m_access(&m_dictionary), m_applicationAccess(&m_access, &m_alarms),
-      m_bootLoader(&m_dictionary),
+      m_access(&m_dictionary), m_engineObjects(&m_dictionary),
+      m_pdo(&m_engineObjects,
+            PdoEngine::Hooks{[this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
+                             [this](quint16 code) {
+                                 m_emcy.raise(code, EmcyProducer::kCommunication, serverTimeUs());
+                             }}),
+      m_emcy(&m_engineObjects,
+             [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); }),
+      m_applicationAccess(&m_access, &m_alarms, &m_pdo, &m_emcy), m_bootLoader(&m_dictionary),
       m_nmt(NmtSlave::Hooks{[this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
                             [this] {
                                 // A reset node restarts the processor: boot loader first, values
@@ -24,6 +31,7 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
                                 m_lss.applyPendingNodeId();
                                 takeNodeId(m_lss.activeNodeId());
                                 m_sdo.reset();
+                                m_emcy.reset();
                                 m_dictionary.restoreDefaults(0x0000, 0xFFFF);
                                 startBootLoader();
                             },
@@ -31,7 +39,9 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
                                 m_lss.applyPendingNodeId();
                                 takeNodeId(m_lss.activeNodeId());
                                 m_sdo.reset();
+                                m_emcy.reset();
                                 m_dictionary.restoreDefaults(0x1000, 0x1FFF);
+                                m_pdo.parametersChanged(serverTimeUs());
                                 applyHeartbeatPeriod();
                             }}),
       m_sdo(&m_applicationAccess,
@@ -58,10 +68,7 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
       m_bitRateIndex(bitRateIndex), m_startNodeId(nodeId), m_startBitRate(bitRateIndex)
 {
     takeNodeId(nodeId);
-    m_access.written = [this](quint16 index, quint8) {
-        if (index == 0x1017)
-            applyHeartbeatPeriod();
-    };
+    m_access.written = [this](quint16 index, quint8 subIndex) { onWritten(index, subIndex); };
     m_bootLoader.flashed = [this](const FirmwareIdentity& identity) { takeFirmware(identity); };
     // The answer to the release goes out before the application starts.
     m_bootLoader.release = [this] {
@@ -74,6 +81,8 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
     connect(&m_timer, &QTimer::timeout, this, [this] {
         const qint64 now = serverTimeUs();
         m_nmt.onTimer(now);
+        m_pdo.onTimer(now);
+        m_emcy.onTimer(now);
         m_sdo.onTimer(now);
         m_bootSdo.onTimer(now);
         m_lss.onTimer(now);
@@ -95,6 +104,8 @@ void SimDrive::setPowered(bool powered)
     m_timer.stop();
     m_bootTimer.stop();
     m_nmt.powerOff();
+    followNmtState(serverTimeUs());
+    m_emcy.reset();
     m_sdo.reset();
     m_bootSdo.reset();
     m_mode = Mode::Off;
@@ -114,6 +125,9 @@ bool SimDrive::raiseAlarm(quint32 alarmNumber, quint32 busDeciVolts)
         return false;
     m_alarms.raise(alarmNumber, busDeciVolts,
                    AlarmLog::kOperatingSecondsAtStart + quint32(serverTimeUs() / 1000000));
+    if (alarmNumber == kOvervoltageAlarm && m_mode == Mode::Application)
+        m_emcy.raise(kOvervoltageEmcy, EmcyProducer::kVoltage, serverTimeUs());
+    rearm();
     return true;
 }
 
@@ -180,6 +194,24 @@ void SimDrive::boot()
     rearm();
 }
 
+void SimDrive::followNmtState(qint64 nowUs)
+{
+    m_pdo.setOperational(m_nmt.state() == NmtSlave::State::Operational, nowUs);
+}
+
+void SimDrive::onWritten(quint16 index, quint8 subIndex)
+{
+    const qint64 now = serverTimeUs();
+    if (index == 0x1017)
+        applyHeartbeatPeriod();
+    else if (PdoEngine::isParameter(index))
+        m_pdo.parametersChanged(now);
+    else if (EmcyProducer::isParameter(index))
+        m_emcy.written(index, subIndex);
+    else
+        m_pdo.objectChanged(index, subIndex, now);
+}
+
 void SimDrive::applyHeartbeatPeriod()
 {
     m_nmt.setHeartbeatPeriodMs(quint16(m_dictionary.unsignedValue(0x1017, 0, 0)), serverTimeUs());
@@ -198,17 +230,22 @@ void SimDrive::receive(const BusFrame& frame)
         return;
     }
     m_nmt.onFrame(frame.frame, now);
-    // A stopped node, or one still booting, has no SDO service.
-    if (m_nmt.acceptsSdo())
-        m_sdo.onFrame(frame.frame, now);
+    followNmtState(now);
+    const CanFrame& f = frame.frame;
+    const quint32 syncId = quint32(m_dictionary.unsignedValue(0x1005, 0, 0x80));
+    if (!f.remote && f.id == (syncId & 0x7FF) && f.len <= 1)
+        m_pdo.onSync(f.len == 1 ? f.data[0] : 0, now);
+    else if (!m_pdo.onFrame(f, now) && m_nmt.acceptsSdo())
+        m_sdo.onFrame(f, now); // a stopped node, or one still booting, has no SDO service
     rearm();
 }
 
 void SimDrive::rearm()
 {
     qint64 deadline = -1;
-    for (const qint64 d : {m_nmt.nextDeadlineUs(), m_sdo.nextDeadlineUs(),
-                           m_bootSdo.nextDeadlineUs(), m_lss.nextDeadlineUs()})
+    for (const qint64 d :
+         {m_nmt.nextDeadlineUs(), m_pdo.nextDeadlineUs(), m_emcy.nextDeadlineUs(),
+          m_sdo.nextDeadlineUs(), m_bootSdo.nextDeadlineUs(), m_lss.nextDeadlineUs()})
         if (d >= 0 && (deadline < 0 || d < deadline))
             deadline = d;
     if (deadline < 0) {
@@ -252,8 +289,40 @@ quint32 SimDrive::ApplicationAccess::download(quint16 index, quint8 subIndex,
 {
     if (AlarmLog::handles(index))
         return m_alarms->download(index, subIndex, data);
-    return bootLoaderObject(index) ? kNotInThisState
-                                   : m_dictionary->download(index, subIndex, data);
+    if (bootLoaderObject(index))
+        return kNotInThisState;
+    // The engines' parameters: the entry's own checks first, then the engine's rules.
+    if (PdoEngine::isParameter(index) || EmcyProducer::isParameter(index)) {
+        if (const quint32 code = m_dictionary->checkDownload(index, subIndex, data.size()))
+            return code;
+        const quint32 code = PdoEngine::isParameter(index)
+                                 ? m_pdo->checkWrite(index, subIndex, data)
+                                 : m_emcy->checkWrite(index, subIndex, data);
+        if (code)
+            return code;
+    }
+    return m_dictionary->download(index, subIndex, data);
+}
+
+QByteArray SimDrive::EngineObjects::value(quint16 index, quint8 subIndex) const
+{
+    const OdEntry* entry = m_dictionary->find(index, subIndex);
+    return entry ? entry->value : QByteArray();
+}
+
+void SimDrive::EngineObjects::write(quint16 index, quint8 subIndex, const QByteArray& value)
+{
+    if (OdEntry* entry = m_dictionary->find(index, subIndex))
+        entry->value = value;
+}
+
+int SimDrive::EngineObjects::mappableBits(quint16 index, quint8 subIndex, bool receive) const
+{
+    const OdEntry* entry = m_dictionary->find(index, subIndex);
+    if (!entry)
+        return -1;
+    const bool allowed = entry->pdoMapping && (receive ? entry->writable() : entry->readable());
+    return allowed ? odTypeSize(entry->dataType) * 8 : 0;
 }
 
 } // namespace qorcalib

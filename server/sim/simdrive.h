@@ -4,9 +4,11 @@
 #include "bootcatch.h"
 #include "bootloader.h"
 #include "dictionaryaccess.h"
+#include "emcy.h"
 #include "lssslave.h"
 #include "nmtslave.h"
 #include "objectdictionary.h"
+#include "pdo.h"
 #include "sdoserver.h"
 #include "simulatedsegment.h"
 
@@ -26,7 +28,9 @@ namespace qorcalib {
 // image into 0x1F50 sub 1 and starts the application when "QorS" is written to 0x5EF0. The
 // application then reports the flashed firmware: "FW major.minor.build" in 0x100A and the
 // version in 0x1018 sub 3. The application itself refuses both objects with 08000022. The
-// application also offers the drive's alarm log (alarmlog.h).
+// application also offers the drive's alarm log (alarmlog.h), and while operational its PDOs
+// (pdo.h) on the SYNC of 1005. Its emergencies (emcy.h): an RPDO of the wrong length, the
+// bus's over-voltage.
 // The i-th simulated drive of a world gets the data sheet's serial number plus i, so that no two
 // drives share an LSS address (LSS tells waiting drives apart by it).
 void giveOwnSerial(ObjectDictionary* dictionary, int i);
@@ -36,6 +40,10 @@ class SimDrive : public QObject, public SimPort
     Q_OBJECT
 public:
     static constexpr int kBootLoaderWindowMs = boot::kWindowMs;
+    // The bench's over-voltage: alarm 2 in the log, and the drive profile's EMCY 3210 (DC link
+    // over-voltage) while the application runs.
+    static constexpr quint32 kOvervoltageAlarm = 2;
+    static constexpr quint16 kOvervoltageEmcy = 0x3210;
     enum class Mode
     {
         Off,
@@ -57,6 +65,7 @@ public:
     Mode mode() const { return m_mode; }
     const ObjectDictionary& dictionary() const { return m_dictionary; }
     const AlarmLog& alarmLog() const { return m_alarms; }
+    const EmcyProducer& emergencies() const { return m_emcy; }
     // The running drive raises an alarm (AlarmLog); false when it has no power to do so.
     bool raiseAlarm(quint32 alarmNumber, quint32 busDeciVolts);
     ObjectDictionary& dictionary() { return m_dictionary; }
@@ -71,8 +80,9 @@ private:
     class ApplicationAccess : public SdoObjectAccess
     {
     public:
-        ApplicationAccess(DictionaryAccess* dictionary, AlarmLog* alarms)
-            : m_dictionary(dictionary), m_alarms(alarms)
+        ApplicationAccess(DictionaryAccess* dictionary, AlarmLog* alarms, PdoEngine* pdo,
+                          EmcyProducer* emcy)
+            : m_dictionary(dictionary), m_alarms(alarms), m_pdo(pdo), m_emcy(emcy)
         {
         }
         quint32 upload(quint16 index, quint8 subIndex, QByteArray* data) override;
@@ -82,6 +92,21 @@ private:
     private:
         DictionaryAccess* m_dictionary;
         AlarmLog* m_alarms;
+        PdoEngine* m_pdo;
+        EmcyProducer* m_emcy;
+    };
+    // The dictionary as the PDO and EMCY engines see it: a PDO maps entries the EDS marks, of a
+    // fixed size, that it may read (TPDO) or write (RPDO).
+    class EngineObjects : public PdoDictionary
+    {
+    public:
+        explicit EngineObjects(ObjectDictionary* dictionary) : m_dictionary(dictionary) {}
+        QByteArray value(quint16 index, quint8 subIndex) const override;
+        void write(quint16 index, quint8 subIndex, const QByteArray& value) override;
+        int mappableBits(quint16 index, quint8 subIndex, bool receive) const override;
+
+    private:
+        ObjectDictionary* m_dictionary;
     };
 
     void startBootLoader();
@@ -91,11 +116,17 @@ private:
     void applyHeartbeatPeriod();
     void takeNodeId(quint8 nodeId);
     void rearm();
+    // What follows a change of the NMT state: PDOs run while operational.
+    void followNmtState(qint64 nowUs);
+    void onWritten(quint16 index, quint8 subIndex);
 
     SimulatedSegment* m_segment;
     ObjectDictionary m_dictionary;
     DictionaryAccess m_access;
     AlarmLog m_alarms;
+    EngineObjects m_engineObjects;
+    PdoEngine m_pdo;
+    EmcyProducer m_emcy;
     ApplicationAccess m_applicationAccess;
     BootLoader m_bootLoader;
     NmtSlave m_nmt;

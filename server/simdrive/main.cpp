@@ -70,7 +70,8 @@ int main(int argc, char** argv)
     parser.setApplicationDescription(QStringLiteral(
         "The simulated servo drive of Tessel's CAN server, on any QCanBus channel: one or more\n"
         "drives that answer NMT, send their heartbeat, serve SDO (expedited, segmented and\n"
-        "block transfers), take a node-ID and bit rate by LSS and load firmware through their\n"
+        "block transfers), run four receive and four transmit PDOs on SYNC and on events,\n"
+        "send emergencies, take a node-ID and bit rate by LSS and load firmware through their\n"
         "boot loader, exactly as on the server's simulated bus. Any CANopen master on the same\n"
         "bus talks to them, qorcalib-server included.\n"
         "\n"

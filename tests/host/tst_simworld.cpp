@@ -75,7 +75,7 @@ void TstSimWorld::overvoltageIsLogged()
     QString error;
     QVERIFY(core->bench()->setParameter(26, 57.5, &error));
     QCOMPARE(log.size(), before + 1);
-    QCOMPARE(log.record(before)[AlarmLog::AlarmNumber - 1], ServerCore::kOvervoltageAlarm);
+    QCOMPARE(log.record(before)[AlarmLog::AlarmNumber - 1], SimDrive::kOvervoltageAlarm);
     QCOMPARE(log.record(before)[AlarmLog::BusVoltage - 1], 575u);
     QVERIFY(log.record(before)[AlarmLog::TimeStamp - 1] >= AlarmLog::kOperatingSecondsAtStart);
     QCOMPARE(log.countWord() >> 16, quint32(before));
