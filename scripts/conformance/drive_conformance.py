@@ -78,7 +78,7 @@ def main():
         bus = QtVirtualCanBus("can0", port=port)
         network = canopen.Network(bus)
         network.connect()
-        node = canopen.RemoteNode(1, args.eds)
+        node = canopen.BaseNode402(1, args.eds)
         network.add_node(node)
         node.sdo.RESPONSE_TIMEOUT = 1.0
 
@@ -170,6 +170,47 @@ def main():
             return "EMCY 8210 register 0x%02X; 1003 holds it, writing 0 empties it" % (
                 error.register)
         steps.run("EMCY on an RPDO of the wrong length, and 1003", emcy)
+
+        network.sync.start(0.01)  # TPDO1, the statusword, comes on every SYNC
+
+        def enable():
+            node.setup_402_state_machine()
+            node.state = "OPERATION ENABLED"
+            return "state %s, statusword 0x%04X" % (node.state, node.statusword)
+        steps.run("drive profile: operation enabled", enable)
+
+        def homing():
+            expect(node.is_op_mode_supported("HOMING"), "6502 says no homing")
+            expect(node.homing(timeout=5), "homing did not end")
+            position = node.sdo["Position Actual Value"].raw
+            expect(position == 0, "position %d after homing" % position)
+            return "homed, position 0"
+        steps.run("drive profile: homing", homing)
+
+        def move():
+            node.op_mode = "PROFILED POSITION"
+            node.sdo["Profile Velocity"].raw = 200000
+            node.sdo["Target Position"].raw = 50000
+            node.rpdo[1]["Target Position"].raw = 50000
+            node.controlword = 0x000F  # homing left its start bit set: a new set-point rises
+            started = time.monotonic()
+            node.controlword = 0x001F  # enable operation, new set-point
+            deadline = started + 5
+            acknowledged = False
+            while time.monotonic() < deadline:
+                word = node.sdo["Statusword"].raw
+                acknowledged = acknowledged or bool(word & 0x1000)
+                if acknowledged and word & 0x0400:
+                    break
+                time.sleep(0.02)
+            node.controlword = 0x000F
+            position = node.sdo["Position Actual Value"].raw
+            expect(acknowledged, "set-point never acknowledged")
+            expect(position == 50000, "position %d, not 50000 (statusword 0x%04X after %.2f s)" % (
+                position, word, time.monotonic() - started))
+            return "50000 increments in %.2f s, target reached" % (time.monotonic() - started)
+        steps.run("drive profile: profile position move", move)
+        network.sync.stop()
     finally:
         if network is not None:
             network.disconnect()

@@ -23,6 +23,16 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
                              }}),
       m_emcy(&m_engineObjects,
              [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); }),
+      m_profile(&m_engineObjects,
+                DriveProfile::Hooks{
+                    [this](quint16 index) { m_pdo.objectChanged(index, 0, serverTimeUs()); },
+                    [this](quint16 code) {
+                        m_emcy.raise(code,
+                                     code == kOvervoltageEmcy ? EmcyProducer::kVoltage
+                                                              : EmcyProducer::kProfile,
+                                     serverTimeUs());
+                    },
+                    [this](quint16 code) { m_emcy.clear(code, serverTimeUs()); }}),
       m_applicationAccess(&m_access, &m_alarms, &m_pdo, &m_emcy), m_bootLoader(&m_dictionary),
       m_nmt(NmtSlave::Hooks{[this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
                             [this] {
@@ -69,6 +79,7 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
 {
     takeNodeId(nodeId);
     m_access.written = [this](quint16 index, quint8 subIndex) { onWritten(index, subIndex); };
+    m_engineObjects.written = [this](quint16 index) { onProfileInput(index); };
     m_bootLoader.flashed = [this](const FirmwareIdentity& identity) { takeFirmware(identity); };
     // The answer to the release goes out before the application starts.
     m_bootLoader.release = [this] {
@@ -83,6 +94,7 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
         m_nmt.onTimer(now);
         m_pdo.onTimer(now);
         m_emcy.onTimer(now);
+        m_profile.step(now);
         m_sdo.onTimer(now);
         m_bootSdo.onTimer(now);
         m_lss.onTimer(now);
@@ -126,7 +138,7 @@ bool SimDrive::raiseAlarm(quint32 alarmNumber, quint32 busDeciVolts)
     m_alarms.raise(alarmNumber, busDeciVolts,
                    AlarmLog::kOperatingSecondsAtStart + quint32(serverTimeUs() / 1000000));
     if (alarmNumber == kOvervoltageAlarm && m_mode == Mode::Application)
-        m_emcy.raise(kOvervoltageEmcy, EmcyProducer::kVoltage, serverTimeUs());
+        m_profile.raiseFault(kOvervoltageEmcy, serverTimeUs());
     rearm();
     return true;
 }
@@ -189,6 +201,7 @@ void SimDrive::boot()
         return;
     m_mode = Mode::Application;
     m_bootSdo.reset();
+    m_profile.start(serverTimeUs());
     applyHeartbeatPeriod();
     m_nmt.bootUp(serverTimeUs());
     rearm();
@@ -208,8 +221,19 @@ void SimDrive::onWritten(quint16 index, quint8 subIndex)
         m_pdo.parametersChanged(now);
     else if (EmcyProducer::isParameter(index))
         m_emcy.written(index, subIndex);
-    else
+    else {
+        onProfileInput(index);
         m_pdo.objectChanged(index, subIndex, now);
+    }
+    rearm();
+}
+
+void SimDrive::onProfileInput(quint16 index)
+{
+    if (index == 0x6040)
+        m_profile.controlwordWritten(serverTimeUs());
+    else if (index == 0x6060)
+        m_profile.modeWritten();
 }
 
 void SimDrive::applyHeartbeatPeriod()
@@ -243,9 +267,9 @@ void SimDrive::receive(const BusFrame& frame)
 void SimDrive::rearm()
 {
     qint64 deadline = -1;
-    for (const qint64 d :
-         {m_nmt.nextDeadlineUs(), m_pdo.nextDeadlineUs(), m_emcy.nextDeadlineUs(),
-          m_sdo.nextDeadlineUs(), m_bootSdo.nextDeadlineUs(), m_lss.nextDeadlineUs()})
+    for (const qint64 d : {m_nmt.nextDeadlineUs(), m_pdo.nextDeadlineUs(), m_emcy.nextDeadlineUs(),
+                           m_profile.nextDeadlineUs(), m_sdo.nextDeadlineUs(),
+                           m_bootSdo.nextDeadlineUs(), m_lss.nextDeadlineUs()})
         if (d >= 0 && (deadline < 0 || d < deadline))
             deadline = d;
     if (deadline < 0) {
@@ -312,8 +336,11 @@ QByteArray SimDrive::EngineObjects::value(quint16 index, quint8 subIndex) const
 
 void SimDrive::EngineObjects::write(quint16 index, quint8 subIndex, const QByteArray& value)
 {
-    if (OdEntry* entry = m_dictionary->find(index, subIndex))
+    if (OdEntry* entry = m_dictionary->find(index, subIndex)) {
         entry->value = value;
+        if (written)
+            written(index);
+    }
 }
 
 int SimDrive::EngineObjects::mappableBits(quint16 index, quint8 subIndex, bool receive) const

@@ -4,6 +4,7 @@
 #include "bootcatch.h"
 #include "bootloader.h"
 #include "dictionaryaccess.h"
+#include "driveprofile.h"
 #include "emcy.h"
 #include "lssslave.h"
 #include "nmtslave.h"
@@ -29,8 +30,10 @@ namespace qorcalib {
 // application then reports the flashed firmware: "FW major.minor.build" in 0x100A and the
 // version in 0x1018 sub 3. The application itself refuses both objects with 08000022. The
 // application also offers the drive's alarm log (alarmlog.h), and while operational its PDOs
-// (pdo.h) on the SYNC of 1005. Its emergencies (emcy.h): an RPDO of the wrong length, the
-// bus's over-voltage.
+// (pdo.h) on the SYNC of 1005, and the drive profile (driveprofile.h): its state machine, and
+// motion in profile position, profile velocity and homing. Its emergencies (emcy.h): an RPDO of
+// the wrong length, the bus's over-voltage and a following error (both faults of the profile,
+// cleared by its fault reset).
 // The i-th simulated drive of a world gets the data sheet's serial number plus i, so that no two
 // drives share an LSS address (LSS tells waiting drives apart by it).
 void giveOwnSerial(ObjectDictionary* dictionary, int i);
@@ -66,6 +69,7 @@ public:
     const ObjectDictionary& dictionary() const { return m_dictionary; }
     const AlarmLog& alarmLog() const { return m_alarms; }
     const EmcyProducer& emergencies() const { return m_emcy; }
+    const DriveProfile& profile() const { return m_profile; }
     // The running drive raises an alarm (AlarmLog); false when it has no power to do so.
     bool raiseAlarm(quint32 alarmNumber, quint32 busDeciVolts);
     ObjectDictionary& dictionary() { return m_dictionary; }
@@ -101,6 +105,8 @@ private:
     {
     public:
         explicit EngineObjects(ObjectDictionary* dictionary) : m_dictionary(dictionary) {}
+        // An entry written by a received PDO.
+        std::function<void(quint16 index)> written;
         QByteArray value(quint16 index, quint8 subIndex) const override;
         void write(quint16 index, quint8 subIndex, const QByteArray& value) override;
         int mappableBits(quint16 index, quint8 subIndex, bool receive) const override;
@@ -119,6 +125,8 @@ private:
     // What follows a change of the NMT state: PDOs run while operational.
     void followNmtState(qint64 nowUs);
     void onWritten(quint16 index, quint8 subIndex);
+    // The controlword or the mode of operation changed (by SDO or by a PDO).
+    void onProfileInput(quint16 index);
 
     SimulatedSegment* m_segment;
     ObjectDictionary m_dictionary;
@@ -127,6 +135,7 @@ private:
     EngineObjects m_engineObjects;
     PdoEngine m_pdo;
     EmcyProducer m_emcy;
+    DriveProfile m_profile;
     ApplicationAccess m_applicationAccess;
     BootLoader m_bootLoader;
     NmtSlave m_nmt;
