@@ -9,6 +9,7 @@
 #include "simdrive.h"
 #include "simulatedchannel.h"
 #include "simulatedsegment.h"
+#include "syncproducer.h"
 
 #include <algorithm>
 
@@ -77,6 +78,7 @@ std::unique_ptr<ServerCore> ServerCore::create(const Config& config, QString* er
         core->m_lssRunners.push_back(std::make_unique<LssRunner>(core.get(), c));
         core->m_bootRunners.push_back(
             std::make_unique<BootRunner>(core.get(), c, config.bootCatchMs));
+        core->m_syncProducers.push_back(std::make_unique<SyncProducer>(core->m_channels[c].get()));
     }
     ServerCore* raw = core.get();
     connect(core->m_bench.get(), &SimBench::drivePowerChanged, raw, [raw](bool powered) {
@@ -133,6 +135,12 @@ SdoRunner* ServerCore::sdoRunner(int controller) const
 LssRunner* ServerCore::lssRunner(int controller) const
 {
     return controller >= 0 && controller < controllerCount() ? m_lssRunners[controller].get()
+                                                             : nullptr;
+}
+
+SyncProducer* ServerCore::syncProducer(int controller) const
+{
+    return controller >= 0 && controller < controllerCount() ? m_syncProducers[controller].get()
                                                              : nullptr;
 }
 

@@ -16,6 +16,7 @@ class LssRunner;
 class SdoRunner;
 class SimulatedSegment;
 class SimDrive;
+class SyncProducer;
 
 // Everything the server owns that outlives a client: the controllers, the simulated segments
 // with their drives, and the bench. Controller configuration changes go through here so that
@@ -49,6 +50,7 @@ public:
     SdoRunner* sdoRunner(int controller) const;
     LssRunner* lssRunner(int controller) const;
     BootRunner* bootRunner(int controller) const;
+    SyncProducer* syncProducer(int controller) const;
     SimDrive* drive(int i) const
     {
         return i >= 0 && i < int(m_drives.size()) ? m_drives[i].get() : nullptr;
@@ -87,6 +89,7 @@ private:
     std::vector<std::unique_ptr<SdoRunner>> m_sdoRunners;
     std::vector<std::unique_ptr<LssRunner>> m_lssRunners;
     std::vector<std::unique_ptr<BootRunner>> m_bootRunners;
+    std::vector<std::unique_ptr<SyncProducer>> m_syncProducers;
     bool m_shutdownRequested = false;
     int m_lssTimeoutMs = 25;
 };

@@ -7,6 +7,7 @@
 #include "serverclock.h"
 #include "servercore.h"
 #include "serverhost.h"
+#include "syncproducer.h"
 
 #include <QIODevice>
 #include <QRemoteObjectHost>
@@ -227,6 +228,22 @@ public:
     {
         m_s->txNotify = on;
         return Reply({}, 0);
+    }
+    Reply SetSyncPeriod(int controller, int periodUs) override
+    {
+        QString error = m_s->core()->checkController(controller);
+        if (!error.isEmpty())
+            return Reply(error, int(ErrorKind::BadArgument));
+        SyncProducer* sync = m_s->core()->syncProducer(controller);
+        error = sync->start(m_s->id(), periodUs);
+        if (error.isEmpty())
+            return Reply({}, 0);
+        const bool badPeriod = periodUs != 0 && (periodUs < SyncProducer::kMinPeriodUs ||
+                                                 periodUs > SyncProducer::kMaxPeriodUs);
+        const bool taken = sync->owner() != 0 && sync->owner() != m_s->id();
+        return Reply(error, int(badPeriod ? ErrorKind::BadArgument
+                                : taken   ? ErrorKind::Busy
+                                          : ErrorKind::BusError));
     }
 
 private:
@@ -485,6 +502,7 @@ Session::~Session()
         m_core->sdoRunner(c)->dropSession(m_id);
         m_core->lssRunner(c)->dropSession(m_id);
         m_core->bootRunner(c)->dropSession(m_id);
+        m_core->syncProducer(c)->dropSession(m_id);
         m_core->channel(c)->dropSession(m_id);
     }
     m_core->bench()->serialLoader()->dropOwner(m_id);

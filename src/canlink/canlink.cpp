@@ -332,6 +332,11 @@ QString CanLink::setRxAll(bool enable)
     LINK_CALL(bus()->setallrxflag(enable ? -1 : 32767));
 }
 
+QString CanLink::setSyncPeriod(int controller, int periodUs)
+{
+    LINK_CALL(bus()->SetSyncPeriod(controller, periodUs));
+}
+
 QString CanLink::setTxNotify(bool on)
 {
     m_txNotify = on;

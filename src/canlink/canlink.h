@@ -77,6 +77,8 @@ public:
     QString unadvise();
     QString setRxAll(bool enable);
     QString setTxNotify(bool on);
+    // This session's SYNC on a controller every periodUs microseconds; 0 stops it.
+    QString setSyncPeriod(int controller, int periodUs);
     QString startService();
     std::optional<int> controllerCount(QString* error);
     std::optional<quint32> status(int controller, QString* error);

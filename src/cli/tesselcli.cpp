@@ -56,6 +56,8 @@ const QString kUsage = QStringLiteral(
     "                                                node-ID and rate\n"
     "  upgrade FILE [--node N]                       load firmware through the boot loader\n"
     "  bitrate CONTROLLER RATE                       switch a controller's bit rate\n"
+    "  sync PERIOD_MS [--seconds S]                  send SYNC every PERIOD_MS until S seconds\n"
+    "                                                or an interrupt\n"
     "  replay FILE [canN=C ...] [--speed X] [--loop N] [--ignore-times]\n"
     "                                                send a candump log or ASC file's frames\n"
     "                                                with their recorded spacing\n"
@@ -305,6 +307,8 @@ int TesselCli::runCommand(QStringList args)
         return replay(args);
     if (command == QLatin1String("bitrate"))
         return bitrate(args);
+    if (command == QLatin1String("sync"))
+        return sync(args);
     return bad(QStringLiteral("unknown command '%1' (see --help)").arg(command));
 }
 
@@ -620,6 +624,54 @@ int TesselCli::dump(QStringList args)
                      .arg(uncarried);
         m_err.flush();
     }
+    return kOk;
+}
+
+int TesselCli::sync(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli sync PERIOD_MS [--seconds S]\n"
+                                       "Sends SYNC (COB-ID 080) on the controller every PERIOD_MS "
+                                       "milliseconds (0.5 to 10000, e.g. 2 or 0.5) until S "
+                                       "seconds have passed or an interrupt; then says how many "
+                                       "went out.\n")))
+        return kOk;
+    bool ok = true;
+    const double seconds =
+        takeOption(&args, QStringLiteral("--seconds"), QStringLiteral("0")).toDouble(&ok);
+    if (!ok || seconds < 0)
+        return bad(QStringLiteral("--seconds takes a number of seconds"));
+    if (args.size() != 1)
+        return bad(QStringLiteral("sync takes a period in milliseconds (see sync --help)"));
+    const double periodMs = args[0].toDouble(&ok);
+    if (!ok || periodMs < 0.5 || periodMs > 10000)
+        return bad(
+            QStringLiteral("SYNC period '%1' is not 0.5 to 10000 milliseconds").arg(args[0]));
+    const int periodUs = int(std::lround(periodMs * 1000));
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    if (const QString e = m_link.setSyncPeriod(m_controller, periodUs); !e.isEmpty())
+        return linkFailure(e);
+    QElapsedTimer clock;
+    clock.start();
+    QEventLoop loop;
+    QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] { loop.exit(1); });
+    InterruptWatch watch(&loop, [&] { loop.quit(); });
+    if (seconds > 0)
+        QTimer::singleShot(int(seconds * 1000), &loop, &QEventLoop::quit);
+    if (loop.exec() != 0)
+        return fail(kUnreachable, ServerConnection::kNotReachable);
+    if (const QString e = m_link.setSyncPeriod(m_controller, 0); !e.isEmpty())
+        return linkFailure(e);
+    const qint64 sent = clock.elapsed() * 1000 / periodUs;
+    print({{QStringLiteral("command"), QStringLiteral("sync")},
+           {QStringLiteral("controller"), m_controller},
+           {QStringLiteral("periodUs"), periodUs},
+           {QStringLiteral("seconds"), double(clock.elapsed()) / 1000.0}},
+          QStringLiteral("SYNC every %1 ms on controller %2 for %3 s (about %4)")
+              .arg(periodMs)
+              .arg(m_controller)
+              .arg(double(clock.elapsed()) / 1000.0, 0, 'f', 1)
+              .arg(sent));
     return kOk;
 }
 

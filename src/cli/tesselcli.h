@@ -30,6 +30,7 @@ private:
     int upgrade(QStringList args);
     int replay(QStringList args);
     int bitrate(QStringList args);
+    int sync(QStringList args);
 
     int bad(const QString& message);
     int fail(int code, const QString& message);

@@ -35,6 +35,7 @@ private slots:
     void sdoAborts_data();
     void sdoAborts();
     void absentNodeHoldsUpOnlyItself();
+    void syncForOneSessionAtATime();
     void refusesToStart_data();
     void refusesToStart();
 
@@ -329,6 +330,38 @@ void TstServer::absentNodeHoldsUpOnlyItself()
     QCOMPARE(bDone.size(), 0);
     CALL_OK(b, service()->CancelRequest(waiting->requestId()));
     QTRY_COMPARE(bDone.size(), 1);
+}
+
+void TstServer::syncForOneSessionAtATime()
+{
+    QVERIFY(m_server->start({})); // paced: the frames' stamps are their times on the bus
+    auto a = attach(), b = attach();
+    QVERIFY(a && b);
+    FrameRecorder rb(b.get());
+    CALL_OK(a, bus()->StartController(0));
+    CALL_OK(a, bus()->SetSyncPeriod(0, 5000));
+    QString error;
+    for (const auto& [period, kind] :
+         {std::pair{1000, ErrorKind::Busy}, std::pair{100, ErrorKind::BadArgument}}) {
+        const auto refused = b->wait(b->bus()->SetSyncPeriod(0, period), &error);
+        QVERIFY2(refused && !refused->error().isEmpty(), qPrintable(error));
+        QCOMPARE(ErrorKind(refused->kind()), kind);
+    }
+    QTest::qWait(300);
+    a.reset(); // its SYNCs end with it
+    QTest::qWait(100);
+    QList<quint32> stamps;
+    for (const auto& f : rb.received)
+        if (f.frame.id == 0x080 && f.frame.len == 0)
+            stamps << f.frame.timeUs;
+    QVERIFY2(stamps.size() >= 55 && stamps.size() <= 75,
+             qPrintable(QString::number(stamps.size())));
+    // Each on its time, or after the frame that held the bus then (at most 135 us at 1000K).
+    for (int i = 1; i < stamps.size(); ++i)
+        QVERIFY2(std::abs(qint32(stamps[i] - stamps[i - 1]) - 5000) <= 135,
+                 qPrintable(QString::number(stamps[i] - stamps[i - 1])));
+    // Free again: the other session produces its own.
+    CALL_OK(b, bus()->SetSyncPeriod(0, 2000));
 }
 
 void TstServer::refusesToStart_data()

@@ -41,7 +41,7 @@ enum BusMethod
     Advise = 3,
     Send = 6,
     GetControllerCount = 11,
-    BusMethodCount = 18
+    BusMethodCount = 19
 };
 enum ServiceMethod
 {
