@@ -171,6 +171,42 @@ def main():
                 error.register)
         steps.run("EMCY on an RPDO of the wrong length, and 1003", emcy)
 
+        def guarding():
+            answers = []
+            network.subscribe(0x701, lambda cob, data, ts: answers.append(data[0]))
+            node.sdo["Guard Time"].raw = 100
+            node.sdo["Life Time Factor"].raw = 3
+            node.nmt.start_node_guarding(0.1)
+            time.sleep(0.45)
+            node.nmt.stop_node_guarding()
+            guarded = [a for a in answers if a & 0x7F == 0x05]
+            toggles = [a >> 7 for a in guarded]
+            expect(len(guarded) >= 3, "%d guarding answers" % len(guarded))
+            expect(all(t != u for t, u in zip(toggles, toggles[1:])), "toggle %s" % toggles)
+            node.emcy.reset()
+            lost = node.emcy.wait(0x8130, timeout=1)
+            expect(lost is not None, "no EMCY 8130 once guarding stopped")
+            node.nmt.start_node_guarding(0.1)
+            back = node.emcy.wait(0x0000, timeout=1)
+            node.nmt.stop_node_guarding()
+            node.sdo["Life Time Factor"].raw = 0
+            expect(back is not None, "no EMCY 0000 when guarding came back")
+            return "%d answers, toggle alternating; life guarding lost: EMCY 8130, back: 0000" % (
+                len(guarded))
+        steps.run("node guarding and life guarding", guarding)
+
+        def heartbeat_consumer():
+            node.sdo[0x1016][1].raw = (0x7F << 16) | 200  # node 7F, 200 ms
+            beat = network.send_periodic(0x77F, b"\x05", 0.05)
+            time.sleep(0.4)
+            node.emcy.reset()
+            beat.stop()
+            lost = node.emcy.wait(0x8130, timeout=1)
+            node.sdo[0x1016][1].raw = 0
+            expect(lost is not None, "no EMCY 8130 once node 7F fell silent")
+            return "node 7F silent for 200 ms: EMCY 8130"
+        steps.run("heartbeat consumer", heartbeat_consumer)
+
         network.sync.start(0.01)  # TPDO1, the statusword, comes on every SYNC
 
         def enable():

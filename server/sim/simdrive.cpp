@@ -33,6 +33,8 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
                                      serverTimeUs());
                     },
                     [this](quint16 code) { m_emcy.clear(code, serverTimeUs()); }}),
+      m_errorControl(&m_engineObjects,
+                     [this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); }),
       m_applicationAccess(&m_access, &m_alarms, &m_pdo, &m_emcy), m_bootLoader(&m_dictionary),
       m_nmt(NmtSlave::Hooks{[this](const CanFrame& frame) { m_segment->transmit(this, frame, 0); },
                             [this] {
@@ -50,6 +52,7 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
                                 takeNodeId(m_lss.activeNodeId());
                                 m_sdo.reset();
                                 m_emcy.reset();
+                                m_errorControl.reset();
                                 m_dictionary.restoreDefaults(0x1000, 0x1FFF);
                                 m_pdo.parametersChanged(serverTimeUs());
                                 applyHeartbeatPeriod();
@@ -80,6 +83,13 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
     takeNodeId(nodeId);
     m_access.written = [this](quint16 index, quint8 subIndex) { onWritten(index, subIndex); };
     m_engineObjects.written = [this](quint16 index) { onProfileInput(index); };
+    m_errorControl.changed = [this] {
+        constexpr quint16 code = ErrorControl::kLifeGuardOrHeartbeatError;
+        if (m_errorControl.anyLost())
+            m_emcy.raise(code, EmcyProducer::kCommunication, serverTimeUs());
+        else
+            m_emcy.clear(code, serverTimeUs());
+    };
     m_bootLoader.flashed = [this](const FirmwareIdentity& identity) { takeFirmware(identity); };
     // The answer to the release goes out before the application starts.
     m_bootLoader.release = [this] {
@@ -95,6 +105,7 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
         m_pdo.onTimer(now);
         m_emcy.onTimer(now);
         m_profile.step(now);
+        m_errorControl.onTimer(now);
         m_sdo.onTimer(now);
         m_bootSdo.onTimer(now);
         m_lss.onTimer(now);
@@ -118,6 +129,7 @@ void SimDrive::setPowered(bool powered)
     m_nmt.powerOff();
     followNmtState(serverTimeUs());
     m_emcy.reset();
+    m_errorControl.reset();
     m_sdo.reset();
     m_bootSdo.reset();
     m_mode = Mode::Off;
@@ -202,6 +214,7 @@ void SimDrive::boot()
     m_mode = Mode::Application;
     m_bootSdo.reset();
     m_profile.start(serverTimeUs());
+    m_errorControl.reset();
     applyHeartbeatPeriod();
     m_nmt.bootUp(serverTimeUs());
     rearm();
@@ -253,6 +266,13 @@ void SimDrive::receive(const BusFrame& frame)
         rearm();
         return;
     }
+    // Guarding requests and the heartbeats it monitors are for error control alone.
+    if (m_nmt.acceptsSdo() || m_nmt.state() == NmtSlave::State::Stopped) {
+        if (m_errorControl.onFrame(frame.frame, m_nmt.nodeId(), quint8(m_nmt.state()), now)) {
+            rearm();
+            return;
+        }
+    }
     m_nmt.onFrame(frame.frame, now);
     followNmtState(now);
     const CanFrame& f = frame.frame;
@@ -267,9 +287,10 @@ void SimDrive::receive(const BusFrame& frame)
 void SimDrive::rearm()
 {
     qint64 deadline = -1;
-    for (const qint64 d : {m_nmt.nextDeadlineUs(), m_pdo.nextDeadlineUs(), m_emcy.nextDeadlineUs(),
-                           m_profile.nextDeadlineUs(), m_sdo.nextDeadlineUs(),
-                           m_bootSdo.nextDeadlineUs(), m_lss.nextDeadlineUs()})
+    for (const qint64 d :
+         {m_nmt.nextDeadlineUs(), m_pdo.nextDeadlineUs(), m_emcy.nextDeadlineUs(),
+          m_profile.nextDeadlineUs(), m_errorControl.nextDeadlineUs(), m_sdo.nextDeadlineUs(),
+          m_bootSdo.nextDeadlineUs(), m_lss.nextDeadlineUs()})
         if (d >= 0 && (deadline < 0 || d < deadline))
             deadline = d;
     if (deadline < 0) {

@@ -6,6 +6,7 @@
 #include "dictionaryaccess.h"
 #include "driveprofile.h"
 #include "emcy.h"
+#include "errorcontrol.h"
 #include "lssslave.h"
 #include "nmtslave.h"
 #include "objectdictionary.h"
@@ -33,7 +34,8 @@ namespace qorcalib {
 // (pdo.h) on the SYNC of 1005, and the drive profile (driveprofile.h): its state machine, and
 // motion in profile position, profile velocity and homing. Its emergencies (emcy.h): an RPDO of
 // the wrong length, the bus's over-voltage and a following error (both faults of the profile,
-// cleared by its fault reset).
+// cleared by its fault reset), a lost master (life guarding) or a lost heartbeat it consumes
+// (errorcontrol.h).
 // The i-th simulated drive of a world gets the data sheet's serial number plus i, so that no two
 // drives share an LSS address (LSS tells waiting drives apart by it).
 void giveOwnSerial(ObjectDictionary* dictionary, int i);
@@ -136,6 +138,7 @@ private:
     PdoEngine m_pdo;
     EmcyProducer m_emcy;
     DriveProfile m_profile;
+    ErrorControl m_errorControl;
     ApplicationAccess m_applicationAccess;
     BootLoader m_bootLoader;
     NmtSlave m_nmt;
