@@ -4,9 +4,12 @@
 
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDoubleSpinBox>
 #include <QGridLayout>
 #include <QRadioButton>
 #include <QSignalBlocker>
+
+#include <cmath>
 
 namespace tessel {
 
@@ -38,6 +41,30 @@ ControllerPanel::ControllerPanel(CanLink* link, QWidget* parent)
         cmbBaud[i]->setEnabled(false);
     }
     grid->setColumnMinimumWidth(3, 16);
+    grid->setColumnMinimumWidth(7, 16);
+    chkSync = new QCheckBox(QStringLiteral("SYNC"), this);
+    chkSync->setObjectName(QStringLiteral("chkSync"));
+    chkSync->setToolTip(QStringLiteral("Send SYNC (COB-ID 080) on the selected controller at "
+                                       "the period below; untick to stop"));
+    spnSyncPeriod = new QDoubleSpinBox(this);
+    spnSyncPeriod->setObjectName(QStringLiteral("spnSyncPeriod"));
+    spnSyncPeriod->setRange(0.5, 10000.0);
+    spnSyncPeriod->setDecimals(1);
+    spnSyncPeriod->setValue(10.0);
+    spnSyncPeriod->setSuffix(QStringLiteral(" ms"));
+    spnSyncPeriod->setToolTip(QStringLiteral("SYNC period, 0.5 to 10000 ms"));
+    grid->addWidget(chkSync, 0, 8);
+    grid->addWidget(spnSyncPeriod, 1, 8);
+    connect(chkSync, &QCheckBox::toggled, this, &ControllerPanel::chkSync_Click);
+    // A new period, or another controller, while SYNC runs: it follows at once.
+    connect(spnSyncPeriod, &QDoubleSpinBox::editingFinished, this, [this] {
+        if (chkSync->isChecked())
+            chkSync_Click();
+    });
+    connect(this, &ControllerPanel::selectionChanged, this, [this] {
+        if (chkSync->isChecked())
+            chkSync_Click();
+    });
     // The design-time state: controller 0 is the one normally used.
     chkCanEnable[0]->setChecked(true);
     for (int i = 0; i < kRows; ++i) {
@@ -48,6 +75,24 @@ ControllerPanel::ControllerPanel(CanLink* link, QWidget* parent)
                 optSelCanCtrl_Click(i);
         });
     }
+}
+
+void ControllerPanel::chkSync_Click()
+{
+    const bool on = chkSync->isChecked();
+    const int periodUs = on ? int(std::lround(spnSyncPeriod->value() * 1000.0)) : 0;
+    const QString error = m_controllers.produceSync(m_selected, periodUs);
+    if (!error.isEmpty()) {
+        const QSignalBlocker blocker(chkSync);
+        chkSync->setChecked(false);
+        m_controllers.produceSync(m_selected, 0);
+        emit message(QStringLiteral("SYNC: %1").arg(error));
+        return;
+    }
+    emit done(on ? QStringLiteral("SYNC every %1 ms on CAN %2")
+                       .arg(spnSyncPeriod->value())
+                       .arg(m_selected)
+                 : QStringLiteral("SYNC stopped"));
 }
 
 int ControllerPanel::bitRateShown(int controller) const
@@ -96,6 +141,9 @@ void ControllerPanel::restore()
         if (chkCanEnable[i]->isChecked())
             if (const QString e = m_controllers.start(i, cmbBaud[i]->currentIndex()); !e.isEmpty())
                 emit message(e);
+    // The SYNC ended with the session that was lost; the new one produces it again.
+    if (chkSync->isChecked())
+        chkSync_Click();
 }
 
 void ControllerPanel::followChangedConfig(int controller, bool enabled, int bitRateIndex)

@@ -9,6 +9,7 @@
 
 class QCheckBox;
 class QComboBox;
+class QDoubleSpinBox;
 class QRadioButton;
 
 namespace tessel {
@@ -27,6 +28,9 @@ public:
     std::array<QCheckBox*, kRows> chkCanEnable{};
     std::array<QComboBox*, kRows> cmbBaud{};
     std::array<QRadioButton*, kRows> optSelCanCtrl{};
+    // SYNC on the selected controller at the period beside it.
+    QCheckBox* chkSync = nullptr;
+    QDoubleSpinBox* spnSyncPeriod = nullptr;
 
     ControllerSet& controllers() { return m_controllers; }
     int selected() const { return m_selected; }
@@ -51,6 +55,7 @@ public:
     void chkCanEnable_Click(int index);
     void cmbBaud_Click(int index);
     void optSelCanCtrl_Click(int index);
+    void chkSync_Click();
 
 signals:
     // Whether any controller runs: the buttons that need the bus follow.
@@ -61,6 +66,8 @@ signals:
     // The user chose a rate in a list.
     void rateChosen(int controller);
     void message(const QString& text);
+    // What the user asked for was done (SYNC started or stopped), for the status line.
+    void done(const QString& text);
 
 private:
     ControllerSet m_controllers;

@@ -108,6 +108,7 @@ void FrmMain::buildWindow()
     cmbBaud = controllerPanel->cmbBaud;
     optSelCanCtrl = controllerPanel->optSelCanCtrl;
     connect(controllerPanel, &ControllerPanel::message, this, &FrmMain::showMessage);
+    connect(controllerPanel, &ControllerPanel::done, m_status, &StatusLine::reportDone);
     connect(controllerPanel, &ControllerPanel::selectionChanged, this,
             [this] { upgradePanel->showTarget(); });
     // Enabling selects the controller; said, so that the next transfer's target is no surprise.

@@ -53,4 +53,19 @@ ControllerSet::LssSetResult ControllerSet::lssSet(int controller, int nodeId, in
     return result;
 }
 
+QString ControllerSet::produceSync(int controller, int periodUs)
+{
+    if (m_syncController >= 0 && (m_syncController != controller || periodUs == 0)) {
+        if (const QString e = m_link->setSyncPeriod(m_syncController, 0); !e.isEmpty())
+            return e;
+        m_syncController = -1;
+    }
+    if (periodUs == 0)
+        return {};
+    const QString error = m_link->setSyncPeriod(controller, periodUs);
+    if (error.isEmpty())
+        m_syncController = controller;
+    return error;
+}
+
 } // namespace tessel

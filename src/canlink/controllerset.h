@@ -44,10 +44,16 @@ public:
     };
     LssSetResult lssSet(int controller, int nodeId, int newBitRateIndex);
 
+    // SYNC on one controller at a time, from this program: a period in microseconds starts it
+    // there (stopping it where it ran before), 0 stops it.
+    QString produceSync(int controller, int periodUs);
+    int syncController() const { return m_syncController; }
+
 private:
     CanLink* m_link;
     std::array<int, kControllers> m_bitRate{};
     std::array<int, kControllers> m_previous{};
+    int m_syncController = -1;
 };
 
 } // namespace tessel

@@ -52,6 +52,37 @@ void TstObjectDictionary::driveEds()
     QVERIFY(!od->find(0x1018, 5));
     for (quint8 sub = 1; sub <= 8; ++sub)
         QCOMPARE(od->find(0x2100, sub)->dataType, quint16(OdType::Unsigned32));
+    // What the drive's engines read and write is there, with the access they need; what a PDO
+    // carries may be mapped, and the default mappings name such entries at their size.
+    const QList<std::tuple<quint16, OdAccess, bool>> used{
+        {0x1001, OdAccess::ReadOnly, true},   {0x1005, OdAccess::ReadWrite, false},
+        {0x100C, OdAccess::ReadWrite, false}, {0x100D, OdAccess::ReadWrite, false},
+        {0x1014, OdAccess::ReadWrite, false}, {0x1015, OdAccess::ReadWrite, false},
+        {0x1017, OdAccess::ReadWrite, false}, {0x603F, OdAccess::ReadOnly, true},
+        {0x6040, OdAccess::ReadWrite, true},  {0x6041, OdAccess::ReadOnly, true},
+        {0x6060, OdAccess::ReadWrite, true},  {0x6061, OdAccess::ReadOnly, true},
+        {0x6064, OdAccess::ReadOnly, true},   {0x6065, OdAccess::ReadWrite, true},
+        {0x606C, OdAccess::ReadOnly, true},   {0x6072, OdAccess::ReadWrite, false},
+        {0x607A, OdAccess::ReadWrite, true},  {0x6081, OdAccess::ReadWrite, false},
+        {0x6083, OdAccess::ReadWrite, false}, {0x6084, OdAccess::ReadWrite, false},
+        {0x6085, OdAccess::ReadWrite, false}, {0x6098, OdAccess::ReadWrite, true},
+        {0x60FF, OdAccess::ReadWrite, true}};
+    for (const auto& [index, access, mappable] : used) {
+        const OdEntry* e = od->find(index, 0);
+        QVERIFY2(e && e->access == access && e->pdoMapping == mappable,
+                 qPrintable(QString::number(index, 16)));
+    }
+    for (quint16 mapping : {0x1600, 0x1601, 0x1602, 0x1603, 0x1A00, 0x1A01, 0x1A02, 0x1A03}) {
+        for (quint8 sub = 1; sub <= od->unsignedValue(mapping, 0); ++sub) {
+            const quint64 m = od->unsignedValue(mapping, sub);
+            const OdEntry* e = od->find(quint16(m >> 16), quint8(m >> 8));
+            QVERIFY2(e && e->pdoMapping && odTypeSize(e->dataType) * 8 == int(m & 0xFF),
+                     qPrintable(QString::number(m, 16)));
+        }
+        QVERIFY(od->find(mapping, 8)); // room for eight entries
+    }
+    QCOMPARE(od->unsignedValue(0x6502, 0), 0x25u); // profile position, profile velocity, homing
+    QVERIFY(!od->hasObject(0x6071));               // no torque mode
 }
 
 void TstObjectDictionary::encodeValue_data()
