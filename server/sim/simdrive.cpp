@@ -277,9 +277,13 @@ void SimDrive::receive(const BusFrame& frame)
     followNmtState(now);
     const CanFrame& f = frame.frame;
     const quint32 syncId = quint32(m_dictionary.unsignedValue(0x1005, 0, 0x80));
-    if (!f.remote && f.id == (syncId & 0x7FF) && f.len <= 1)
-        m_pdo.onSync(f.len == 1 ? f.data[0] : 0, now);
-    else if (!m_pdo.onFrame(f, now) && m_nmt.acceptsSdo())
+    if (!f.remote && f.id == (syncId & 0x7FF)) {
+        // This drive counts no SYNC (it has no 1019): a SYNC with data is not one it takes.
+        if (f.len == 0)
+            m_pdo.onSync(0, now);
+        else if (m_nmt.acceptsSdo())
+            m_emcy.raise(kSyncLengthEmcy, EmcyProducer::kCommunication, now);
+    } else if (!m_pdo.onFrame(f, now) && m_nmt.acceptsSdo())
         m_sdo.onFrame(f, now); // a stopped node, or one still booting, has no SDO service
     rearm();
 }

@@ -49,6 +49,8 @@ public:
     // over-voltage) while the application runs.
     static constexpr quint32 kOvervoltageAlarm = 2;
     static constexpr quint16 kOvervoltageEmcy = 0x3210;
+    // A SYNC with a counter, which this drive does not take (it has no 1019).
+    static constexpr quint16 kSyncLengthEmcy = 0x8240;
     enum class Mode
     {
         Off,
