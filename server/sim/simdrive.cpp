@@ -81,6 +81,8 @@ SimDrive::SimDrive(SimulatedSegment* segment, ObjectDictionary dictionary, quint
       m_bitRateIndex(bitRateIndex), m_startNodeId(nodeId), m_startBitRate(bitRateIndex)
 {
     takeNodeId(nodeId);
+    for (auto it = m_dictionary.entries().cbegin(); it != m_dictionary.entries().cend(); ++it)
+        m_factory.insert(it.key(), it.value().defaultValue);
     m_access.written = [this](quint16 index, quint8 subIndex) { onWritten(index, subIndex); };
     m_engineObjects.written = [this](quint16 index) { onProfileInput(index); };
     m_errorControl.changed = [this] {
@@ -230,6 +232,8 @@ void SimDrive::onWritten(quint16 index, quint8 subIndex)
     const qint64 now = serverTimeUs();
     if (index == 0x1017)
         applyHeartbeatPeriod();
+    else if ((index == 0x1010 || index == 0x1011) && subIndex == 1)
+        storeOrRestore(index == 0x1010);
     else if (PdoEngine::isParameter(index))
         m_pdo.parametersChanged(now);
     else if (EmcyProducer::isParameter(index))
@@ -239,6 +243,26 @@ void SimDrive::onWritten(quint16 index, quint8 subIndex)
         m_pdo.objectChanged(index, subIndex, now);
     }
     rearm();
+}
+
+void SimDrive::storeOrRestore(bool store)
+{
+    // Parameters are the entries a master may write; what they hold survives resets and power
+    // loss once stored. Restoring brings back the EDS's values from the next reset on.
+    for (auto it = m_dictionary.entries().cbegin(); it != m_dictionary.entries().cend(); ++it) {
+        const OdEntry& e = it.value();
+        if (!e.writable() || e.index == 0x1010 || e.index == 0x1011)
+            continue;
+        OdEntry* entry = m_dictionary.find(e.index, e.subIndex);
+        if (store)
+            entry->defaultValue = entry->value;
+        else if (m_factory.contains(it.key()))
+            entry->defaultValue = m_factory.value(it.key());
+    }
+    // The entry reads as before: the drive saves (restores) on command.
+    for (const quint16 index : {quint16(0x1010), quint16(0x1011)})
+        if (OdEntry* entry = m_dictionary.find(index, 1))
+            entry->value = entry->defaultValue;
 }
 
 void SimDrive::onProfileInput(quint16 index)
@@ -340,6 +364,10 @@ quint32 SimDrive::ApplicationAccess::download(quint16 index, quint8 subIndex,
         return m_alarms->download(index, subIndex, data);
     if (bootLoaderObject(index))
         return kNotInThisState;
+    // Store and restore take their signature only: "save", "load".
+    if ((index == 0x1010 || index == 0x1011) && subIndex == 1 &&
+        data != QByteArray(index == 0x1010 ? "save" : "load"))
+        return quint32(SdoAbort::DataTransfer);
     // The engines' parameters: the entry's own checks first, then the engine's rules.
     if (PdoEngine::isParameter(index) || EmcyProducer::isParameter(index)) {
         if (const quint32 code = m_dictionary->checkDownload(index, subIndex, data.size()))

@@ -131,6 +131,9 @@ private:
     void onWritten(quint16 index, quint8 subIndex);
     // The controlword or the mode of operation changed (by SDO or by a PDO).
     void onProfileInput(quint16 index);
+    // 1010 sub 1 "save": the parameters as they are become the drive's own; 1011 sub 1 "load":
+    // the EDS's values again, from the next reset on.
+    void storeOrRestore(bool store);
 
     SimulatedSegment* m_segment;
     ObjectDictionary m_dictionary;
@@ -141,6 +144,7 @@ private:
     EmcyProducer m_emcy;
     DriveProfile m_profile;
     ErrorControl m_errorControl;
+    QMap<quint32, QByteArray> m_factory; // the EDS's defaults, by the dictionary's keys
     ApplicationAccess m_applicationAccess;
     BootLoader m_bootLoader;
     NmtSlave m_nmt;

@@ -265,6 +265,19 @@ void TstServer::sdoWithTheDrive()
     CALL_OK(a, benchBoard()->BoardCommand(10, 0));
     QVERIFY(ra.waitFor(0x701, hex("00"), 3000, powerOff)); // booted again
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(4200));
+    // Stored, it survives the power loss; restored, the EDS's value is back at the next reset.
+    QCOMPARE(sdoTransfer(a.get(), false, 1, 0x2000, 0, le32(5000))->abortCode(), 0u);
+    QCOMPARE(sdoTransfer(a.get(), false, 1, 0x1010, 1, "save")->abortCode(), 0u);
+    CALL_OK(a, benchBoard()->BoardCommand(11, 0));
+    const int secondPowerOff = int(ra.received.size());
+    CALL_OK(a, benchBoard()->BoardCommand(10, 0));
+    QVERIFY(ra.waitFor(0x701, hex("00"), 3000, secondPowerOff));
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(5000));
+    QCOMPARE(sdoTransfer(a.get(), false, 1, 0x1011, 1, "load")->abortCode(), 0u);
+    const int beforeReset = int(ra.received.size());
+    CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, hex("8101")), 0));
+    QVERIFY(ra.waitFor(0x701, hex("00"), 3000, beforeReset));
+    QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(4200));
     // The trace of the exchange reached this session: its request as TxCan, the answer as
     // a received frame.
     QTRY_VERIFY(!ra.transmitted.isEmpty());
@@ -282,6 +295,8 @@ void TstServer::sdoAborts_data()
     QTest::newRow("missing object") << true << 0x3000 << 0 << QByteArray() << 0x06020000u;
     QTest::newRow("write a read-only entry") << false << 0x1018 << 1 << le32(1) << 0x06010002u;
     QTest::newRow("too high") << false << 0x2000 << 0 << le32(30000) << 0x06090031u;
+    QTest::newRow("store without its signature")
+        << false << 0x1010 << 1 << QByteArray("safe") << 0x08000020u;
     QTest::newRow("too long") << false << 0x2002 << 0 << QByteArray("\x01\x02", 2) << 0x06070012u;
 }
 
