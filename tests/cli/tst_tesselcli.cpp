@@ -120,6 +120,9 @@ void TstTesselCli::abortsAndBadArguments_data()
     QTest::newRow("service the server does not offer")
         << QStringList{"--server", "localhost#LSSonly", "sdo", "read", "1,1000,0"} << 5
         << "tessel-cli: unknown service 'LSSonly' (this server offers \"CANopen\")\n";
+    QTest::newRow("SYNC faster than the server sends it")
+        << QStringList{"sync", "0.1"} << 2
+        << "tessel-cli: SYNC period '0.1' is not 0.5 to 10000 milliseconds\n";
     QTest::newRow("no loop") << QStringList{"replay", "x.log", "--loop", "0"} << 2
                              << "tessel-cli: --loop takes a count from 1 to 1000000\n";
     QTest::newRow("a channel mapped twice") << QStringList{"replay", "x.log", "can1=0", "can1=2"}
