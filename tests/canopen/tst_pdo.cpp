@@ -55,6 +55,7 @@ struct Node : PdoDictionary
         set(0x6041, 0, 0x0250, 2);
         set(0x607A, 0, 0, 4);
         set(0x6064, 0, 0, 4);
+        set(0x6060, 0, 1, 1);
         set(0x1008, 0, 0, 4); // a name: never mapped
         pdo.setOperational(true, 0);
     }
@@ -138,9 +139,9 @@ void TstPdo::parameterWrites_data()
         << QStringList{"1A01,1=607A0010"} << quint32(SdoAbort::CannotMap);
     QTest::newRow("read-only entry into an RPDO")
         << QStringList{"1601,1=60410010"} << quint32(SdoAbort::CannotMap);
-    QTest::newRow("more than 64 bits")
-        << QStringList{"1A01,1=607A0020", "1A01,2=60640020", "1A01,3=60410010", "1A01,0=3"}
-        << quint32(SdoAbort::PdoTooLong);
+    QTest::newRow("72 bits") << QStringList{"1A01,1=607A0020", "1A01,2=60640020", "1A01,3=60600008",
+                                            "1A01,0=3"}
+                             << quint32(SdoAbort::PdoTooLong);
     QTest::newRow("more than 8 entries")
         << QStringList{"1A01,0=9"} << quint32(SdoAbort::PdoTooLong);
     QTest::newRow("sub 0 counting an empty entry")
