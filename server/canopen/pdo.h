@@ -47,7 +47,6 @@ public:
     static constexpr int kCount = 4;
     static constexpr int kMaxEntries = 8;
     static constexpr quint32 kNotValid = 0x80000000u;
-    static constexpr quint32 kNoRemote = 0x40000000u;
     static constexpr quint32 kExtended = 0x20000000u;
     static constexpr quint16 kLengthShort = 0x8210;
     static constexpr quint16 kLengthLong = 0x8220;

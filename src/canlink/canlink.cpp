@@ -392,8 +392,8 @@ template <typename R, typename V>
 std::optional<V> CanLink::valueOf(const std::optional<R>& reply, QString* error,
                                   V (R::*get)() const)
 {
-    QString failure = replyError(reply, error ? *error : QString());
-    if (!failure.isEmpty()) {
+    const QString failure = replyError(reply, *error);
+    if (!reply || !failure.isEmpty()) {
         *error = failure;
         return std::nullopt;
     }

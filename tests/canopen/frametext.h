@@ -3,6 +3,7 @@
 #include "canmsg.h"
 
 #include <QString>
+#include <QtEndian>
 
 namespace qorcalib::test {
 
@@ -25,6 +26,14 @@ inline CanFrame fromHex(quint16 id, const char* hex)
     for (int i = 0; i < f.len; ++i)
         f.data[i] = quint8(bytes[i]);
     return f;
+}
+
+// A value as the bus carries it: little-endian, its first `bytes` bytes.
+inline QByteArray le(qint64 value, int bytes)
+{
+    QByteArray b(8, '\0');
+    qToLittleEndian(value, b.data());
+    return b.left(bytes);
 }
 
 } // namespace qorcalib::test

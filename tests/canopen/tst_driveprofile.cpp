@@ -2,23 +2,18 @@
 // transition, and commands a state does not take), profile position, profile velocity and
 // homing moves in time, quick stop, and the following error fault with its reset.
 #include "driveprofile.h"
+#include "frametext.h"
 
 #include <QMap>
 #include <QTest>
 #include <QtEndian>
 
 using namespace qorcalib;
+using namespace qorcalib::test;
 
 namespace {
 
 using State = DriveProfile::State;
-
-QByteArray le(qint64 value, int bytes)
-{
-    QByteArray b(8, '\0');
-    qToLittleEndian(value, b.data());
-    return b.left(bytes);
-}
 
 // The profile's entries with the drive's defaults.
 struct Drive : ObjectValues

@@ -15,13 +15,6 @@ using namespace qorcalib::test;
 
 namespace {
 
-QByteArray le(quint32 value, int bytes)
-{
-    QByteArray b(4, '\0');
-    qToLittleEndian(value, b.data());
-    return b.left(bytes);
-}
-
 // Node 5's error entries as its EDS gives them.
 struct Node : ObjectValues
 {

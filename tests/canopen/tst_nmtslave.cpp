@@ -1,28 +1,17 @@
+#include "frametext.h"
 #include "nmtslave.h"
 
 #include <QTest>
 
 using namespace qorcalib;
+using namespace qorcalib::test;
 
 namespace {
-
-QByteArray bytesOf(const CanFrame& f)
-{
-    return QByteArray(reinterpret_cast<const char*>(f.data.data()), f.len);
-}
-
-// Frames as "ID:HEX" strings, so that expected exchanges read like a bus trace.
-QString traceOf(const CanFrame& f)
-{
-    return QStringLiteral("%1:%2")
-        .arg(f.id, 3, 16, QLatin1Char('0'))
-        .arg(QString::fromLatin1(bytesOf(f).toHex(' ')));
-}
 
 struct Node
 {
     explicit Node(quint8 id = 5, quint16 heartbeatMs = 100)
-        : nmt({[this](const CanFrame& f) { sent << traceOf(f); }, [this] { ++resetNodes; },
+        : nmt({[this](const CanFrame& f) { sent << hexOf(f); }, [this] { ++resetNodes; },
                [this] { ++resetComms; }})
     {
         nmt.setNodeId(id);

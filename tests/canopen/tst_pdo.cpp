@@ -15,13 +15,6 @@ using namespace qorcalib::test;
 
 namespace {
 
-QByteArray le(quint32 value, int bytes)
-{
-    QByteArray b(4, '\0');
-    qToLittleEndian(value, b.data());
-    return b.left(bytes);
-}
-
 // A drive's PDO-related entries as its EDS gives them: node 5, TPDO1 statusword on change,
 // RPDO1 controlword at once, the other PDOs not valid.
 struct Node : PdoDictionary
