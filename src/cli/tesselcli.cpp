@@ -1,12 +1,14 @@
 #include "tesselcli.h"
 
 #include "canmsg.h"
+#include "canopendecoder.h"
 #include "cliparse.h"
 #include "firmwareupgrade.h"
 #include "imagefile.h"
 #include "machinesettings.h"
 #include "numbers.h"
 #include "sdoabort.h"
+#include "tracefile.h"
 #include "tracereplay.h"
 
 #include <QCoreApplication>
@@ -58,6 +60,8 @@ const QString kUsage = QStringLiteral(
     "  bitrate CONTROLLER RATE                       switch a controller's bit rate\n"
     "  sync PERIOD_MS [--seconds S]                  send SYNC every PERIOD_MS until S seconds\n"
     "                                                or an interrupt\n"
+    "  decode FILE                                   a candump log's or ASC file's frames with\n"
+    "                                                their CANopen meaning (no server needed)\n"
     "  replay FILE [canN=C ...] [--speed X] [--loop N] [--ignore-times]\n"
     "                                                send a candump log or ASC file's frames\n"
     "                                                with their recorded spacing\n"
@@ -309,6 +313,8 @@ int TesselCli::runCommand(QStringList args)
         return bitrate(args);
     if (command == QLatin1String("sync"))
         return sync(args);
+    if (command == QLatin1String("decode"))
+        return decode(args);
     return bad(QStringLiteral("unknown command '%1' (see --help)").arg(command));
 }
 
@@ -624,6 +630,63 @@ int TesselCli::dump(QStringList args)
                      .arg(uncarried);
         m_err.flush();
     }
+    return kOk;
+}
+
+int TesselCli::decode(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli decode FILE\n"
+                                       "Writes a candump log's (.log) or ASC file's (.asc) frames "
+                                       "one a line, each with its CANopen meaning:\n"
+                                       "  (SECONDS.MICRO) canN ID#DATA  SERVICE node N: MEANING\n"
+                                       "SDO transfers are followed across their frames. A frame "
+                                       "that fits no service says so (malformed, unknown).\n")))
+        return kOk;
+    if (args.size() != 1)
+        return bad(QStringLiteral("decode takes one trace file (see decode --help)"));
+    TraceFormat format{};
+    if (!traceFormatOf(args[0], &format))
+        return bad(QStringLiteral("%1: a trace file is a candump log (.log) or an ASC file (.asc)")
+                       .arg(args[0]));
+    QFile file(args[0]);
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(kFailed, QStringLiteral("%1: %2").arg(args[0], file.errorString()));
+    const auto reader = TraceReader::create(&file, format);
+    CanopenDecoder decoder;
+    TraceRecord r;
+    QString error;
+    TraceReader::Result result;
+    while ((result = reader->next(&r, &error)) == TraceReader::Frame) {
+        const DecodedFrame d = decoder.decode(r.id, r.remote, r.data.left(r.length));
+        const QString time = QStringLiteral("%1.%2")
+                                 .arg(r.timeUs / 1000000)
+                                 .arg(r.timeUs % 1000000, 6, 10, QLatin1Char('0'));
+        if (m_json) {
+            m_out << QJsonDocument(QJsonObject{{QStringLiteral("time"), double(r.timeUs) / 1e6},
+                                               {QStringLiteral("channel"), r.channel},
+                                               {QStringLiteral("id"), r.id},
+                                               {QStringLiteral("idHex"), hexField(r.id, 3)},
+                                               {QStringLiteral("remote"), r.remote},
+                                               {QStringLiteral("data"),
+                                                QString::fromLatin1(r.data.toHex().toUpper())},
+                                               {QStringLiteral("service"), d.service},
+                                               {QStringLiteral("node"), d.node},
+                                               {QStringLiteral("meaning"), d.meaning},
+                                               {QStringLiteral("malformed"), d.malformed}})
+                         .toJson(QJsonDocument::Compact)
+                  << "\n";
+        } else {
+            m_out << QStringLiteral("(%1) can%2 %3  %4\n")
+                         .arg(time)
+                         .arg(r.channel)
+                         .arg(frameText(r.id, r.data, r.remote, r.length), CanopenDecoder::text(d));
+        }
+        if (!outputWritten())
+            return kFailed;
+    }
+    m_out.flush();
+    if (result == TraceReader::Error)
+        return fail(kFailed, QStringLiteral("%1: %2").arg(args[0], error));
     return kOk;
 }
 

@@ -31,6 +31,7 @@ private:
     int replay(QStringList args);
     int bitrate(QStringList args);
     int sync(QStringList args);
+    int decode(QStringList args);
 
     int bad(const QString& message);
     int fail(int code, const QString& message);

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QString>
+
+namespace tessel {
+
+// What a frame is in CANopen's pre-defined connection set (CiA 301, LSS of CiA 305), and what
+// it says. A frame whose length does not fit its service is "malformed", with the reason; an
+// identifier no service uses is "unknown". Nothing is guessed: a PDO's bytes are shown as they
+// are, an emergency code no table has is said to be unknown.
+struct DecodedFrame
+{
+    QString service; // NMT, SYNC, EMCY, TIME, TPDO1..4, RPDO1..4, SDO request, SDO answer,
+                     // heartbeat, boot-up, guarding, LSS, unknown
+    int node = 0;    // the node the frame is from or for; 0 for the bus's own services
+    QString meaning;
+    bool malformed = false;
+};
+
+// Decodes frames in bus order. SDO transfers are followed per node, so that the segments of a
+// segmented or block transfer name the entry their transfer began with, and the transfer's end
+// says how many bytes went.
+class CanopenDecoder
+{
+public:
+    DecodedFrame decode(quint16 id, bool remote, const QByteArray& data);
+    // "SERVICE node N: MEANING" (no node for the bus's own services); "malformed" before the
+    // reason of a malformed frame.
+    static QString text(const DecodedFrame& frame);
+    void clear() { m_transfers.clear(); }
+
+private:
+    struct Transfer
+    {
+        quint16 index = 0;
+        quint8 subIndex = 0;
+        bool started = false; // its first frame was seen
+        bool upload = false;
+        bool block = false;
+        bool blockData = false; // the block's segments are on the bus
+        bool lastBlock = false; // the segment marked last has been seen
+        qint64 bytes = 0;       // carried so far
+    };
+    DecodedFrame sdo(int node, bool request, const QByteArray& data);
+    QString entry(const Transfer& t) const;
+
+    QHash<int, Transfer> m_transfers;
+};
+
+// The text of an emergency error code: the generic codes of CiA 301 and those of the drive
+// profile (CiA 402), the most specific known; empty when no table has it.
+QString emcyText(quint16 code);
+// The error register's bits by name ("generic, voltage").
+QString errorRegisterText(quint8 bits);
+// An NMT state as heartbeats and guarding answers carry it; empty when it is none.
+QString nmtStateText(quint8 state);
+
+} // namespace tessel
