@@ -60,6 +60,8 @@ const QString kUsage = QStringLiteral(
     "  bitrate CONTROLLER RATE                       switch a controller's bit rate\n"
     "  sync PERIOD_MS [--seconds S]                  send SYNC every PERIOD_MS until S seconds\n"
     "                                                or an interrupt\n"
+    "  monitor [--decode] [--node N] [--service S]   received frames, decoded, of a node or a\n"
+    "                                                service\n"
     "  decode FILE                                   a candump log's or ASC file's frames with\n"
     "                                                their CANopen meaning (no server needed)\n"
     "  replay FILE [canN=C ...] [--speed X] [--loop N] [--ignore-times]\n"
@@ -315,6 +317,8 @@ int TesselCli::runCommand(QStringList args)
         return sync(args);
     if (command == QLatin1String("decode"))
         return decode(args);
+    if (command == QLatin1String("monitor"))
+        return monitor(args);
     return bad(QStringLiteral("unknown command '%1' (see --help)").arg(command));
 }
 
@@ -551,17 +555,74 @@ int TesselCli::dump(QStringList args)
         takeOption(&args, QStringLiteral("--filter"), QStringLiteral("000:000")), &filterError);
     if (!filters)
         return bad(filterError);
-    bool ok = true;
-    const qint64 count =
-        takeOption(&args, QStringLiteral("--count"), QStringLiteral("0")).toLongLong(&ok);
-    if (!ok || count < 0)
-        return bad(QStringLiteral("--count takes a number of frames"));
-    const double seconds =
-        takeOption(&args, QStringLiteral("--seconds"), QStringLiteral("0")).toDouble(&ok);
-    if (!ok || seconds < 0)
-        return bad(QStringLiteral("--seconds takes a number of seconds"));
+    StreamLimits limits;
+    if (const int code = takeLimits(&args, &limits); code >= 0)
+        return code;
     if (!args.isEmpty())
         return bad(QStringLiteral("dump does not take '%1'").arg(args.first()));
+    return streamFrames(limits, [&](const CanFrame& f) {
+        return passes(*filters, f.id) ? QString() : QStringLiteral("-");
+    });
+}
+
+int TesselCli::monitor(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli monitor [--decode] [--node N] "
+                                       "[--service S] [--count N] [--seconds S]\n"
+                                       "Writes the frames the controller receives as dump does; "
+                                       "with --decode each with its CANopen meaning:\n"
+                                       "  (SECONDS.MICRO) canN ID#DATA  SERVICE node N: MEANING\n"
+                                       "--node N (1 to 127) keeps the frames of that node, "
+                                       "--service S those of a service (NMT, SYNC, EMCY, TIME, "
+                                       "PDO, TPDO1, SDO, heartbeat, LSS, ...; a prefix: PDO is "
+                                       "every TPDO and RPDO).\n")))
+        return kOk;
+    const bool decoded = args.removeAll(QStringLiteral("--decode")) > 0;
+    bool ok = true;
+    const int node = takeOption(&args, QStringLiteral("--node"), QStringLiteral("0")).toInt(&ok);
+    if (!ok || node < 0 || node > 127)
+        return bad(QStringLiteral("--node takes a node-ID, 1 to 127"));
+    const QString service = takeOption(&args, QStringLiteral("--service"), {});
+    StreamLimits limits;
+    if (const int code = takeLimits(&args, &limits); code >= 0)
+        return code;
+    if (!args.isEmpty())
+        return bad(QStringLiteral("monitor does not take '%1'").arg(args.first()));
+    CanopenDecoder decoder;
+    // Every frame goes through the decoder, shown or not: a transfer's segments need its start.
+    return streamFrames(limits, [&, decoded](const CanFrame& f) {
+        const DecodedFrame d = decoder.decode(
+            f.id, f.remote, QByteArray(reinterpret_cast<const char*>(f.data.data()), f.len));
+        const bool shown =
+            (node == 0 || d.node == node) &&
+            (service.isEmpty() || d.service.startsWith(service, Qt::CaseInsensitive) ||
+             (service.compare(QLatin1String("PDO"), Qt::CaseInsensitive) == 0 &&
+              d.service.contains(QLatin1String("PDO"))));
+        if (!shown)
+            return QStringLiteral("-");
+        return decoded ? CanopenDecoder::text(d) : QString();
+    });
+}
+
+int TesselCli::takeLimits(QStringList* args, StreamLimits* limits)
+{
+    bool ok = true;
+    limits->count =
+        takeOption(args, QStringLiteral("--count"), QStringLiteral("0")).toLongLong(&ok);
+    if (!ok || limits->count < 0)
+        return bad(QStringLiteral("--count takes a number of frames"));
+    limits->seconds =
+        takeOption(args, QStringLiteral("--seconds"), QStringLiteral("0")).toDouble(&ok);
+    if (!ok || limits->seconds < 0)
+        return bad(QStringLiteral("--seconds takes a number of seconds"));
+    return -1;
+}
+
+int TesselCli::streamFrames(const StreamLimits& limits,
+                            const std::function<QString(const CanFrame&)>& annotate)
+{
+    const qint64 count = limits.count;
+    const double seconds = limits.seconds;
     if (const int code = connectAndStart(); code >= 0)
         return code;
     if (const QString e = m_link.advise(); !e.isEmpty())
@@ -580,7 +641,8 @@ int TesselCli::dump(QStringList args)
                              return;
                          for (int i = 0; i < n && (count == 0 || written < count); ++i) {
                              const CanFrame f = recordAt(records, i);
-                             if (!passes(*filters, f.id))
+                             const QString note = annotate(f);
+                             if (note == QLatin1String("-"))
                                  continue;
                              if (epochUs < 0) {
                                  epochUs = QDateTime::currentMSecsSinceEpoch() * 1000;
@@ -590,7 +652,7 @@ int TesselCli::dump(QStringList args)
                              const QByteArray data(reinterpret_cast<const char*>(f.data.data()),
                                                    f.len);
                              if (m_json) {
-                                 const QJsonObject frame{
+                                 QJsonObject frame{
                                      {QStringLiteral("time"), double(us) / 1e6},
                                      {QStringLiteral("controller"), m_controller},
                                      {QStringLiteral("id"), f.id},
@@ -600,6 +662,8 @@ int TesselCli::dump(QStringList args)
                                      {QStringLiteral("data"),
                                       QString::fromLatin1(f.remote ? QByteArray()
                                                                    : data.toHex().toUpper())}};
+                                 if (!note.isEmpty())
+                                     frame.insert(QStringLiteral("decoded"), note);
                                  m_out << QJsonDocument(frame).toJson(QJsonDocument::Compact)
                                        << "\n";
                              } else {
@@ -607,7 +671,9 @@ int TesselCli::dump(QStringList args)
                                               .arg(us / 1000000)
                                               .arg(us % 1000000, 6, 10, QLatin1Char('0'))
                                               .arg(m_controller)
-                                       << frameText(f.id, data, f.remote, f.len) << "\n";
+                                       << frameText(f.id, data, f.remote, f.len)
+                                       << (note.isEmpty() ? QString() : QStringLiteral("  ") + note)
+                                       << "\n";
                              }
                              ++written;
                          }

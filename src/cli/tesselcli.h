@@ -32,6 +32,17 @@ private:
     int bitrate(QStringList args);
     int sync(QStringList args);
     int decode(QStringList args);
+    int monitor(QStringList args);
+    // The frames the controller receives, each written as a candump line with the note that
+    // annotate gives it ("-": the frame is not written), until the limits or an interrupt.
+    struct StreamLimits
+    {
+        qint64 count = 0;     // frames written; 0: no limit
+        double seconds = 0.0; // 0: no limit
+    };
+    int takeLimits(QStringList* args, StreamLimits* limits);
+    int streamFrames(const StreamLimits& limits,
+                     const std::function<QString(const qorcalib::CanFrame&)>& annotate);
 
     int bad(const QString& message);
     int fail(int code, const QString& message);

@@ -254,6 +254,11 @@ void TstTesselCli::nmtStartSeenInTheDump()
     const Run heartbeats = cli({"dump", "--count", "2", "--filter", "700:780"});
     QCOMPARE(heartbeats.exit, 0);
     QCOMPARE(heartbeats.out.count(" 701#"), 2);
+    // The monitor keeps one service and says what its frames mean.
+    const Run decoded = cli({"monitor", "--decode", "--service", "heartbeat", "--count", "1"});
+    QCOMPARE(decoded.exit, 0);
+    QVERIFY2(decoded.out.endsWith(" 701#7F  heartbeat node 1: pre-operational\n"),
+             qPrintable(decoded.out));
 }
 
 void TstTesselCli::jsonLines()
