@@ -20,6 +20,7 @@
 #include <QSaveFile>
 #include <QThread>
 #include <QTimer>
+#include <QtEndian>
 
 #include <atomic>
 #include <cerrno>
@@ -62,6 +63,8 @@ const QString kUsage = QStringLiteral(
     "                                                or an interrupt\n"
     "  monitor [--decode] [--node N] [--service S]   received frames, decoded, of a node or a\n"
     "                                                service\n"
+    "  scan [--wait MS]                              the nodes that answer SDO, with device\n"
+    "                                                type and identity\n"
     "  decode FILE                                   a candump log's or ASC file's frames with\n"
     "                                                their CANopen meaning (no server needed)\n"
     "  replay FILE [canN=C ...] [--speed X] [--loop N] [--ignore-times]\n"
@@ -319,6 +322,8 @@ int TesselCli::runCommand(QStringList args)
         return decode(args);
     if (command == QLatin1String("monitor"))
         return monitor(args);
+    if (command == QLatin1String("scan"))
+        return scan(args);
     return bad(QStringLiteral("unknown command '%1' (see --help)").arg(command));
 }
 
@@ -696,6 +701,72 @@ int TesselCli::streamFrames(const StreamLimits& limits,
                      .arg(uncarried);
         m_err.flush();
     }
+    return kOk;
+}
+
+int TesselCli::scan(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli scan [--wait MS]\n"
+                                       "Reads the device type (1000) of nodes 1 to 127, waiting "
+                                       "MS milliseconds for each (default 50), and of each that "
+                                       "answers its identity (1018 sub 1 to 4); one line a node "
+                                       "found. Progress on standard error when it is a "
+                                       "terminal.\n")))
+        return kOk;
+    bool ok = true;
+    const int waitMs = takeOption(&args, QStringLiteral("--wait"), QStringLiteral("50")).toInt(&ok);
+    if (!ok || waitMs < 1 || waitMs > 65535)
+        return bad(QStringLiteral("--wait takes milliseconds, 1 to 65535"));
+    if (!args.isEmpty())
+        return bad(QStringLiteral("scan does not take '%1'").arg(args.first()));
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    if (const QString e = m_link.setSdoTimeout(waitMs); !e.isEmpty())
+        return linkFailure(e);
+    const bool terminal = isatty(STDERR_FILENO);
+    const auto u32 = [](const QByteArray& b) {
+        return b.size() == 4 ? qFromLittleEndian<quint32>(b.constData()) : 0u;
+    };
+    int found = 0;
+    for (int node = 1; node <= 127; ++node) {
+        if (terminal) {
+            m_err << QStringLiteral("\r%1 %").arg(node * 100 / 127, 3);
+            m_err.flush();
+        }
+        const CanLink::SdoResult type = m_link.sdoTransfer(m_controller, true, node, 0x1000, 0);
+        if (!type.error.isEmpty() && type.kind != qorcalib::ErrorKind::TimeOut)
+            return linkFailure(type.error, type.kind);
+        if (!type.error.isEmpty() || type.abortCode != 0)
+            continue;
+        quint32 identity[4] = {};
+        for (int sub = 1; sub <= 4; ++sub) {
+            const CanLink::SdoResult r = m_link.sdoTransfer(m_controller, true, node, 0x1018, sub);
+            identity[sub - 1] = r.error.isEmpty() && r.abortCode == 0 ? u32(r.data) : 0;
+        }
+        ++found;
+        if (terminal) {
+            m_err << "\r      \r";
+            m_err.flush();
+        }
+        print({{QStringLiteral("node"), node},
+               {QStringLiteral("deviceType"), double(u32(type.data))},
+               {QStringLiteral("vendorId"), double(identity[0])},
+               {QStringLiteral("productCode"), double(identity[1])},
+               {QStringLiteral("revision"), double(identity[2])},
+               {QStringLiteral("serial"), double(identity[3])}},
+              QStringLiteral("node %1: device type %2, vendor %3, product %4, revision %5, "
+                             "serial %6")
+                  .arg(node)
+                  .arg(hexField(u32(type.data), 8), hexField(identity[0], 8),
+                       hexField(identity[1], 8), hexField(identity[2], 8),
+                       hexField(identity[3], 8)));
+    }
+    if (terminal) {
+        m_err << "\r      \r";
+        m_err.flush();
+    }
+    if (found == 0)
+        return fail(kFailed, QStringLiteral("no node answered on controller %1").arg(m_controller));
     return kOk;
 }
 

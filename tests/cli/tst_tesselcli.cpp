@@ -259,6 +259,11 @@ void TstTesselCli::nmtStartSeenInTheDump()
     QCOMPARE(decoded.exit, 0);
     QVERIFY2(decoded.out.endsWith(" 701#7F  heartbeat node 1: pre-operational\n"),
              qPrintable(decoded.out));
+    // The scan finds the drive, and only it.
+    const Run found = cli({"scan", "--wait", "10"});
+    QCOMPARE(found.exit, 0);
+    QCOMPARE(found.out, QString("node 1: device type 00020192, vendor 000003A1, product 00030001, "
+                                "revision 00020003, serial 00012345\n"));
 }
 
 void TstTesselCli::jsonLines()
