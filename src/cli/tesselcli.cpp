@@ -51,7 +51,9 @@ const QString kUsage = QStringLiteral(
     "  sdo write NODE,INDEX[,SUB] VALUE [--type T]   write one (T: hex, u8, u16, u32, i8, i16,\n"
     "                                                i32, str; hex by default)\n"
     "  sdo read|write NODE,INDEX[,SUB] --file FILE   the entry's bytes to or from a file\n"
-    "  nmt start|stop|preop|reset|resetcomm [NODE]   NMT command (NODE hexadecimal; 0: all)\n"
+    "  nmt start|stop|preop|reset|resetcomm [NODE] [--wait]\n"
+    "                                                NMT command (NODE hexadecimal; 0: all);\n"
+    "                                                --wait: until the node confirms\n"
     "  send ID#DATA                                  send a frame (candump syntax; ID#R remote)\n"
     "  dump [--count N] [--seconds S] [--filter F]   received frames as a candump log\n"
     "  lss get | lss set NODE RATE [--lss-timeout MS]\n"
@@ -491,9 +493,18 @@ int TesselCli::sdo(QStringList args)
 int TesselCli::nmt(QStringList args)
 {
     if (wantsHelp(args, QStringLiteral("Usage: tessel-cli nmt start|stop|preop|reset|resetcomm "
-                                       "[NODE]\nNODE hexadecimal, 0 (the default) for every "
-                                       "node.\n")))
+                                       "[NODE] [--wait] [--wait-ms MS]\nNODE hexadecimal, 0 (the "
+                                       "default) for every node.\n--wait: done only once the "
+                                       "node confirms, by its heartbeat in the new state or, "
+                                       "after a reset, its boot-up, within MS milliseconds "
+                                       "(default 5000); otherwise a failure (exit 4).\n")))
         return kOk;
+    const bool confirm = args.removeAll(QStringLiteral("--wait")) > 0;
+    bool waitOk = true;
+    const int waitMs =
+        takeOption(&args, QStringLiteral("--wait-ms"), QStringLiteral("5000")).toInt(&waitOk);
+    if (!waitOk || waitMs < 1)
+        return bad(QStringLiteral("--wait-ms takes milliseconds"));
     static const QMap<QString, int> commands{{QStringLiteral("start"), 0x01},
                                              {QStringLiteral("stop"), 0x02},
                                              {QStringLiteral("preop"), 0x80},
@@ -505,17 +516,53 @@ int TesselCli::nmt(QStringList args)
     const int node = args.size() == 2 ? args[1].toInt(&ok, 16) : 0;
     if (!ok || node < 0 || node > 0x7F)
         return bad(QStringLiteral("node '%1' is not 0 to 7F").arg(args.value(1)));
+    if (confirm && node == 0)
+        return bad(QStringLiteral("--wait needs the node that is to confirm"));
     if (const int code = connectAndStart(); code >= 0)
         return code;
+    const int command = commands[args[0]];
+    // What the node says once it has done it: its heartbeat in the new state, or its boot-up.
+    const quint8 expected = command == 0x01   ? 0x05
+                            : command == 0x02 ? 0x04
+                            : command == 0x80 ? 0x7F
+                                              : 0x00;
+    if (confirm)
+        if (const QString e = m_link.advise(); !e.isEmpty())
+            return linkFailure(e);
+    QEventLoop loop;
+    QObject::connect(&m_link, &CanLink::framesReceived, &loop,
+                     [&](int controller, const QByteArray& records, int n) {
+                         for (int i = 0; i < n && controller == m_controller; ++i) {
+                             const CanFrame f = recordAt(records, i);
+                             if (f.id == 0x700 + node && !f.remote && f.len == 1 &&
+                                 f.data[0] == expected)
+                                 loop.exit(0);
+                         }
+                     });
+    QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] { loop.exit(2); });
     QByteArray data(2, '\0');
-    data[0] = char(commands[args[0]]);
+    data[0] = char(command);
     data[1] = char(node);
     if (const int code = sendFrame(0x000, data, false, 2); code >= 0)
         return code;
+    if (confirm) {
+        QTimer::singleShot(waitMs, &loop, [&] { loop.exit(1); });
+        const int outcome = loop.exec();
+        if (outcome == 2)
+            return fail(kUnreachable, ServerConnection::kNotReachable);
+        if (outcome == 1)
+            return fail(kFailed, QStringLiteral("node %1 did not confirm within %2 ms (no %3 %4)")
+                                     .arg(hexField(quint32(node), 2))
+                                     .arg(waitMs)
+                                     .arg(expected == 0x00 ? QStringLiteral("boot-up")
+                                                           : QStringLiteral("heartbeat"))
+                                     .arg(hexField(expected, 2)));
+    }
     print({{QStringLiteral("command"), QStringLiteral("nmt")},
            {QStringLiteral("service"), args[0]},
-           {QStringLiteral("node"), node}},
-          QStringLiteral("ok"));
+           {QStringLiteral("node"), node},
+           {QStringLiteral("confirmed"), confirm}},
+          confirm ? QStringLiteral("ok, confirmed") : QStringLiteral("ok"));
     return kOk;
 }
 

@@ -123,6 +123,9 @@ void TstTesselCli::abortsAndBadArguments_data()
     QTest::newRow("SYNC faster than the server sends it")
         << QStringList{"sync", "0.1"} << 2
         << "tessel-cli: SYNC period '0.1' is not 0.5 to 10000 milliseconds\n";
+    QTest::newRow("NMT that no node confirms")
+        << QStringList{"nmt", "start", "5", "--wait", "--wait-ms", "300"} << 4
+        << "tessel-cli: node 05 did not confirm within 300 ms (no heartbeat 05)\n";
     QTest::newRow("no loop") << QStringList{"replay", "x.log", "--loop", "0"} << 2
                              << "tessel-cli: --loop takes a count from 1 to 1000000\n";
     QTest::newRow("a channel mapped twice") << QStringList{"replay", "x.log", "can1=0", "can1=2"}
@@ -245,7 +248,8 @@ void TstTesselCli::nmtStartSeenInTheDump()
     for (const char* frame : {" 123#R3", " 124#R", " 125#"})
         QVERIFY2(lines.indexOf(QRegularExpression(QStringLiteral(".*%1$").arg(frame))) > nmt,
                  qPrintable(lines.join('\n')));
-    QCOMPARE(cli({"nmt", "preop", "1"}).exit, 0);
+    // Confirmed by the node's heartbeat in its new state.
+    QCOMPARE(cli({"nmt", "preop", "1", "--wait"}).out, QString("ok, confirmed\n"));
     // --count ends the dump.
     const Run three = cli({"dump", "--count", "3"});
     QCOMPARE(three.exit, 0);
