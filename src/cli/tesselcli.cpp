@@ -6,6 +6,7 @@
 #include "firmwareupgrade.h"
 #include "imagefile.h"
 #include "machinesettings.h"
+#include "networkwatch.h"
 #include "numbers.h"
 #include "sdoabort.h"
 #include "tracefile.h"
@@ -67,6 +68,8 @@ const QString kUsage = QStringLiteral(
     "                                                service\n"
     "  scan [--wait MS]                              the nodes that answer SDO, with device\n"
     "                                                type and identity\n"
+    "  watch heartbeat|emcy [--seconds S]            nodes' state changes, boot-ups, missed\n"
+    "                                                heartbeats / emergencies as they come\n"
     "  decode FILE                                   a candump log's or ASC file's frames with\n"
     "                                                their CANopen meaning (no server needed)\n"
     "  replay FILE [canN=C ...] [--speed X] [--loop N] [--ignore-times]\n"
@@ -326,6 +329,8 @@ int TesselCli::runCommand(QStringList args)
         return monitor(args);
     if (command == QLatin1String("scan"))
         return scan(args);
+    if (command == QLatin1String("watch"))
+        return watch(args);
     return bad(QStringLiteral("unknown command '%1' (see --help)").arg(command));
 }
 
@@ -748,6 +753,75 @@ int TesselCli::streamFrames(const StreamLimits& limits,
                      .arg(uncarried);
         m_err.flush();
     }
+    return kOk;
+}
+
+int TesselCli::watch(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli watch heartbeat|emcy [--seconds S]\n"
+                                       "heartbeat: each node's state changes, boot-ups, a "
+                                       "heartbeat missed (none for 1.5 periods) and back;\n"
+                                       "emcy: the emergencies with their meaning; one line each, "
+                                       "until S seconds or an interrupt:\n"
+                                       "  (SECONDS.MICRO) node N: WHAT\n")))
+        return kOk;
+    bool ok = true;
+    const double seconds =
+        takeOption(&args, QStringLiteral("--seconds"), QStringLiteral("0")).toDouble(&ok);
+    if (!ok || seconds < 0)
+        return bad(QStringLiteral("--seconds takes a number of seconds"));
+    if (args.size() != 1 ||
+        (args[0] != QLatin1String("heartbeat") && args[0] != QLatin1String("emcy")))
+        return bad(QStringLiteral("watch takes heartbeat or emcy"));
+    const bool emergencies = args[0] == QLatin1String("emcy");
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    if (const QString e = m_link.advise(); !e.isEmpty())
+        return linkFailure(e);
+    NetworkWatch network;
+    // Events are timed by this program's clock, on the wall clock of the start: a missed
+    // heartbeat has no frame to take a time from.
+    const qint64 epochUs = QDateTime::currentMSecsSinceEpoch() * 1000;
+    QElapsedTimer clock;
+    clock.start();
+    const auto show = [&](const QList<NetworkWatch::Event>& events) {
+        for (const NetworkWatch::Event& e : events) {
+            if ((e.kind == NetworkWatch::Event::Emergency) != emergencies)
+                continue;
+            const qint64 us = epochUs + e.timeUs;
+            print({{QStringLiteral("time"), double(us) / 1e6},
+                   {QStringLiteral("node"), e.node},
+                   {QStringLiteral("event"), e.text}},
+                  QStringLiteral("(%1.%2) node %3: %4")
+                      .arg(us / 1000000)
+                      .arg(us % 1000000, 6, 10, QLatin1Char('0'))
+                      .arg(e.node)
+                      .arg(e.text));
+        }
+    };
+    QEventLoop loop;
+    QObject::connect(&m_link, &CanLink::framesReceived, &loop,
+                     [&](int controller, const QByteArray& records, int n) {
+                         if (controller != m_controller)
+                             return;
+                         for (int i = 0; i < n; ++i) {
+                             const CanFrame f = recordAt(records, i);
+                             show(network.onFrame(
+                                 f.id, f.remote,
+                                 QByteArray(reinterpret_cast<const char*>(f.data.data()), f.len),
+                                 clock.nsecsElapsed() / 1000));
+                         }
+                     });
+    QTimer check;
+    QObject::connect(&check, &QTimer::timeout, &loop,
+                     [&] { show(network.check(clock.nsecsElapsed() / 1000)); });
+    check.start(100);
+    QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] { loop.exit(1); });
+    InterruptWatch interrupt(&loop, [&] { loop.quit(); });
+    if (seconds > 0)
+        QTimer::singleShot(int(seconds * 1000), &loop, &QEventLoop::quit);
+    if (loop.exec() != 0)
+        return fail(kUnreachable, ServerConnection::kNotReachable);
     return kOk;
 }
 

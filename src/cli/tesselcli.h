@@ -34,6 +34,7 @@ private:
     int decode(QStringList args);
     int monitor(QStringList args);
     int scan(QStringList args);
+    int watch(QStringList args);
     // The frames the controller receives, each written as a candump line with the note that
     // annotate gives it ("-": the frame is not written), until the limits or an interrupt.
     struct StreamLimits

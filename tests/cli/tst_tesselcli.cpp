@@ -263,6 +263,10 @@ void TstTesselCli::nmtStartSeenInTheDump()
     QCOMPARE(decoded.exit, 0);
     QVERIFY2(decoded.out.endsWith(" 701#7F  heartbeat node 1: pre-operational\n"),
              qPrintable(decoded.out));
+    // The watch says the state the drive's heartbeat shows.
+    const Run watched = cli({"watch", "heartbeat", "--seconds", "1.2"});
+    QCOMPARE(watched.exit, 0);
+    QVERIFY2(watched.out.endsWith(" node 1: pre-operational\n"), qPrintable(watched.out));
     // The scan finds the drive, and only it.
     const Run found = cli({"scan", "--wait", "10"});
     QCOMPARE(found.exit, 0);

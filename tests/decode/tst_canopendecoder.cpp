@@ -1,7 +1,8 @@
 // The CANopen decoder byte by byte: each service's frames and what they say, frames whose length
 // fits no service, identifiers no service uses, and SDO transfers followed across their frames
-// with two nodes interleaved.
+// with two nodes interleaved; the network watch's states, missed heartbeats and emergencies.
 #include "canopendecoder.h"
+#include "networkwatch.h"
 
 #include <QTest>
 
@@ -16,6 +17,7 @@ private slots:
     void transfersAcrossFrames();
     void emergencyTexts_data();
     void emergencyTexts();
+    void networkWatch();
 };
 
 void TstCanopenDecoder::frames_data()
@@ -153,6 +155,39 @@ void TstCanopenDecoder::emergencyTexts()
     QFETCH(int, code);
     QFETCH(QString, text);
     QCOMPARE(emcyText(quint16(code)), text);
+}
+
+void TstCanopenDecoder::networkWatch()
+{
+    NetworkWatch w;
+    QStringList said;
+    const auto take = [&](const QList<NetworkWatch::Event>& events) {
+        for (const auto& e : events)
+            said << QStringLiteral("%1 node %2: %3").arg(e.timeUs / 1000).arg(e.node).arg(e.text);
+    };
+    const auto frame = [&](int id, const char* hex, qint64 ms) {
+        take(w.onFrame(quint16(id), false, QByteArray::fromHex(hex), ms * 1000));
+    };
+    frame(0x705, "00", 0);      // boot-up
+    frame(0x705, "7F", 500);    // its first heartbeat: no period yet
+    frame(0x705, "7F", 1500);   // period 1 s
+    frame(0x000, "0105", 1600); // NMT: not a node's own frame
+    frame(0x705, "05", 2500);
+    take(w.check(3700 * 1000)); // within 1.5 periods
+    take(w.check(4100 * 1000)); // missed, said once
+    take(w.check(5000 * 1000));
+    frame(0x085, "1086210000000000", 4200);
+    frame(0x705, "05", 5000);
+    frame(0x706, "0500", 5000); // malformed: not taken
+    QCOMPARE(said, (QStringList{"0 node 5: boot-up", "500 node 5: pre-operational",
+                                "2500 node 5: pre-operational -> operational",
+                                "4100 node 5: heartbeat missed: none for 1.6 s (every 1.0 s "
+                                "before)",
+                                "4200 node 5: EMCY 8610 positioning controller (8610); register "
+                                "21 (generic, device profile)",
+                                "5000 node 5: heartbeat back: operational"}));
+    QCOMPARE(w.nodes().value(5).state, quint8(0x05));
+    QVERIFY(!w.nodes().contains(6));
 }
 
 QTEST_GUILESS_MAIN(TstCanopenDecoder)
