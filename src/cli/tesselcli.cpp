@@ -902,13 +902,14 @@ int TesselCli::decode(QStringList args)
         return kOk;
     if (args.size() != 1)
         return bad(QStringLiteral("decode takes one trace file (see decode --help)"));
-    TraceFormat format{};
-    if (!traceFormatOf(args[0], &format))
-        return bad(QStringLiteral("%1: a trace file is a candump log (.log) or an ASC file (.asc)")
-                       .arg(args[0]));
     QFile file(args[0]);
     if (!file.open(QIODevice::ReadOnly))
         return fail(kFailed, QStringLiteral("%1: %2").arg(args[0], file.errorString()));
+    TraceFormat format{};
+    if (!traceFormatOfContent(&file, &format) && !traceFormatOf(args[0], &format))
+        return bad(QStringLiteral("%1: a trace file is a candump log (.log), an ASC file (.asc) "
+                                  "or a PCAN-View trace (.trc)")
+                       .arg(args[0]));
     const auto reader = TraceReader::create(&file, format);
     CanopenDecoder decoder;
     TraceRecord r;
@@ -1002,7 +1003,8 @@ int TesselCli::replay(QStringList args)
                   QStringLiteral(
                       "Usage: tessel-cli replay FILE [canN=CONTROLLER ...] [--speed X] "
                       "[--loop N] [--ignore-times]\n"
-                      "Sends the frames of a candump log (.log) or an ASC file (.asc) with their "
+                      "Sends the frames of a candump log (.log), an ASC file (.asc) or a PCAN-View "
+                      "trace (.trc, read by its content) with their "
                       "recorded spacing,\ndivided by X (0.01 to 100, default 1); then prints how "
                       "many went out.\n"
                       "  canN=CONTROLLER  frames recorded on canN (ASC: channel N+1) go out on "

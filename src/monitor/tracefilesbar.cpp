@@ -89,9 +89,9 @@ void TraceFilesBar::cmdReplay_Click()
         replay.stop();
         return;
     }
-    const QString name = chooseOpenFile
-                             ? chooseOpenFile(QStringLiteral("Replay trace"), kFilter, QString())
-                             : QString();
+    const QString name =
+        chooseOpenFile ? chooseOpenFile(QStringLiteral("Replay trace"), kReplayFilter, QString())
+                       : QString();
     if (name.isEmpty())
         return;
     QString error;

@@ -36,6 +36,10 @@ public:
 
     static inline const QString kFilter =
         QStringLiteral("candump log (*.log)|*.log|ASC files (*.asc)|*.asc|All Files (*.*)|*.*");
+    // A replay also reads PCAN-View's traces (not written here).
+    static inline const QString kReplayFilter =
+        QStringLiteral("candump log (*.log)|*.log|ASC files (*.asc)|*.asc|PCAN-View traces "
+                       "(*.trc)|*.trc|All Files (*.*)|*.*");
 
 private:
     void say(const QString& text);

@@ -211,6 +211,125 @@ private:
     bool m_relative = false; // "timestamps relative" in the header
     qint64 m_clockUs = 0;    // the time of the last event read
 };
+class TrcReader : public TraceReader
+{
+public:
+    explicit TrcReader(QIODevice* device) : TraceReader(device) {}
+    Result next(TraceRecord* r, QString* error) override
+    {
+        QByteArray raw;
+        while (readLine(&raw)) {
+            if (raw == kOverlong)
+                return fail(error, QStringLiteral("longer than %1 characters").arg(kMaxLine));
+            const QString line = QString::fromLatin1(raw).trimmed();
+            if (line.isEmpty())
+                continue;
+            if (line.startsWith(QLatin1Char(';'))) {
+                header(line);
+                continue;
+            }
+            QStringList w =
+                line.split(QRegularExpression(QStringLiteral("\\s+")), Qt::SkipEmptyParts);
+            const Result result = m_version < 2 ? frame11(w, r, error) : frame2(w, r, error);
+            if (result == End) // an event without a frame
+                continue;
+            return result;
+        }
+        return End;
+    }
+
+private:
+    void header(const QString& line)
+    {
+        if (line.startsWith(QLatin1String(";$FILEVERSION="))) {
+            m_version = int(line.mid(14).toDouble());
+            if (m_version >= 2)
+                m_columns = QStringLiteral("NOTIdlD");
+        } else if (line.startsWith(QLatin1String(";$COLUMNS="))) {
+            m_columns = line.mid(10).remove(QLatin1Char(','));
+        } else {
+            ++m_comments;
+        }
+    }
+    // "1)  1059.9  Rx  0300  8  00 11 ..." ("RTR" for the data of a remote request).
+    Result frame11(const QStringList& w, TraceRecord* r, QString* error)
+    {
+        if (w.size() < 5 || !w[0].endsWith(QLatin1Char(')')))
+            return fail(error, QStringLiteral("not a trace line: '%1'").arg(w.join(' ').left(60)));
+        const QString type = w[2].toLower();
+        if (type != QLatin1String("rx") && type != QLatin1String("tx")) {
+            ++m_errorFrames; // Error, Warng: the bus's state, no frame
+            return End;
+        }
+        const bool remote = w.value(5).compare(QLatin1String("RTR"), Qt::CaseInsensitive) == 0;
+        return take(w[1], w[3], type, w[4], remote, w.mid(5), 0, r, error);
+    }
+    // The columns of $COLUMNS: N number, O time offset (ms), T type, B bus, I identifier,
+    // d direction, R reserved, l or L length, D data.
+    Result frame2(const QStringList& w, TraceRecord* r, QString* error)
+    {
+        const auto at = [&](QChar column) {
+            const qsizetype i = m_columns.indexOf(column);
+            return i < 0 ? QString() : w.value(i);
+        };
+        const QString type = at(QLatin1Char('T')).toUpper();
+        if (type == QLatin1String("FD") || type == QLatin1String("FB") ||
+            type == QLatin1String("FE") || type == QLatin1String("BI"))
+            return fail(error, QStringLiteral("CAN FD frames are not carried by the server"));
+        if (type != QLatin1String("DT") && type != QLatin1String("RR")) {
+            ++m_errorFrames; // status, error counters, errors, events
+            return End;
+        }
+        const qsizetype dataAt = m_columns.indexOf(QLatin1Char('D'));
+        const QString length =
+            m_columns.contains(QLatin1Char('L')) ? at(QLatin1Char('L')) : at(QLatin1Char('l'));
+        const QString bus = at(QLatin1Char('B'));
+        return take(at(QLatin1Char('O')), at(QLatin1Char('I')), at(QLatin1Char('d')).toLower(),
+                    length, type == QLatin1String("RR"), dataAt < 0 ? QStringList() : w.mid(dataAt),
+                    bus.isEmpty() ? 0 : std::max(0, bus.toInt() - 1), r, error);
+    }
+    Result take(const QString& offsetMs, const QString& id, const QString& direction,
+                const QString& length, bool remote, const QStringList& bytes, int channel,
+                TraceRecord* r, QString* error)
+    {
+        bool ok = false;
+        const double ms = offsetMs.toDouble(&ok);
+        if (!ok || !(ms >= 0 && ms / 1000 <= double(kMaxTraceSeconds)))
+            return fail(error, timeOutOfRange(offsetMs));
+        const uint value = id.toUInt(&ok, 16);
+        if (ok && (id.size() > 4 || value > 0x7FF))
+            return fail(error, QStringLiteral("identifier %1 is extended (29-bit): the server "
+                                              "carries 11-bit identifiers")
+                                   .arg(id));
+        if (!ok)
+            return fail(error, QStringLiteral("identifier '%1' is not 000 to 7FF").arg(id));
+        r->length = length.toInt(&ok);
+        if (!ok || r->length < 0 || r->length > 8)
+            return fail(error, QStringLiteral("length '%1' is not 0 to 8").arg(length));
+        r->timeUs = qint64(ms * 1000.0 + 0.5);
+        r->channel = channel;
+        r->id = quint16(value);
+        r->remote = remote;
+        r->transmitted = direction == QLatin1String("tx");
+        r->data.clear();
+        if (remote)
+            return Frame;
+        if (bytes.size() < r->length)
+            return fail(error, QStringLiteral("%1 data bytes announced, %2 there")
+                                   .arg(r->length)
+                                   .arg(bytes.size()));
+        for (int i = 0; i < r->length; ++i) {
+            const uint b = bytes[i].toUInt(&ok, 16);
+            if (!ok || b > 0xFF)
+                return fail(error, QStringLiteral("data byte '%1'").arg(bytes[i]));
+            r->data.append(char(b));
+        }
+        return Frame;
+    }
+
+    int m_version = 1;
+    QString m_columns;
+};
 } // namespace
 
 bool traceFormatOf(const QString& fileName, TraceFormat* format)
@@ -219,9 +338,37 @@ bool traceFormatOf(const QString& fileName, TraceFormat* format)
         *format = TraceFormat::CandumpLog;
     else if (fileName.endsWith(QLatin1String(".asc"), Qt::CaseInsensitive))
         *format = TraceFormat::Asc;
+    else if (fileName.endsWith(QLatin1String(".trc"), Qt::CaseInsensitive))
+        *format = TraceFormat::PcanTrc;
     else
         return false;
     return true;
+}
+
+bool traceFormatOfContent(QIODevice* device, TraceFormat* format)
+{
+    const QByteArray head = device->peek(4096);
+    if (head.contains(";$FILEVERSION=")) {
+        *format = TraceFormat::PcanTrc;
+        return true;
+    }
+    for (QByteArray line : head.split('\n')) {
+        line = line.trimmed();
+        if (line.isEmpty())
+            continue;
+        if (line.startsWith('(')) {
+            *format = TraceFormat::CandumpLog;
+            return true;
+        }
+        const QByteArray first = line.left(5).toLower();
+        if (first.startsWith("date ") || first.startsWith("base ")) {
+            *format = TraceFormat::Asc;
+            return true;
+        }
+        if (!line.startsWith('#') && !line.startsWith("//"))
+            return false;
+    }
+    return false;
 }
 
 TraceWriter::TraceWriter(QIODevice* device, TraceFormat format) : m_device(device), m_format(format)
@@ -286,6 +433,8 @@ std::unique_ptr<TraceReader> TraceReader::create(QIODevice* device, TraceFormat 
 {
     if (format == TraceFormat::Asc)
         return std::make_unique<AscReader>(device);
+    if (format == TraceFormat::PcanTrc)
+        return std::make_unique<TrcReader>(device);
     return std::make_unique<CandumpReader>(device);
 }
 

@@ -23,17 +23,24 @@ struct TraceRecord
     QByteArray data;
 };
 
-// The trace file formats other CAN tools read and write, chosen by the file's extension:
+// The trace file formats other CAN tools read and write:
 //   .log  candump's log: "(SECONDS.MICROS) canN ID#DATA" (ID#R for a remote frame)
 //   .asc  the ASC text format: a header, then "TIME CHANNEL ID Rx|Tx d LEN BYTES" (r: remote)
+//   .trc  PCAN-View's trace (read only), file versions 1.1 and 2.x: ";$FILEVERSION=..." and a
+//         header of ';' lines, then a numbered line a frame ("1) 1059.9 Rx 0300 8 00 ..." in
+//         1.1; in 2.x the columns $COLUMNS names, by default N O T I d l D)
 // The server carries 11-bit identifiers: extended and FD frames are refused with the line.
 enum class TraceFormat
 {
     CandumpLog,
     Asc,
+    PcanTrc,
 };
-// nullopt-like: false when the extension is neither.
+// By the file's extension: false when it is none of the three.
 bool traceFormatOf(const QString& fileName, TraceFormat* format);
+// By the file's first lines, as the reader sees them; false when they are none of the three.
+// A file is read by what it holds: a trace saved under another name is still read.
+bool traceFormatOfContent(QIODevice* device, TraceFormat* format);
 
 // Writes a trace file, frame by frame.
 class TraceWriter

@@ -24,14 +24,16 @@ qorcalib::CanFrame ScheduledFrame::busFrame() const
 bool TraceReplay::start(const QString& fileName, const ReplayOptions& options, QString* error)
 {
     stop();
-    if (!traceFormatOf(fileName, &m_format)) {
-        *error = QStringLiteral("%1: a trace file is a candump log (.log) or an ASC file (.asc)")
-                     .arg(fileName);
-        return false;
-    }
     m_file.setFileName(fileName);
     if (!m_file.open(QIODevice::ReadOnly)) {
         *error = QStringLiteral("%1: %2").arg(fileName, m_file.errorString());
+        return false;
+    }
+    if (!traceFormatOfContent(&m_file, &m_format) && !traceFormatOf(fileName, &m_format)) {
+        m_file.close();
+        *error = QStringLiteral("%1: a trace file is a candump log (.log), an ASC file (.asc) or "
+                                "a PCAN-View trace (.trc)")
+                     .arg(fileName);
         return false;
     }
     m_reader = TraceReader::create(&m_file, m_format);

@@ -80,8 +80,9 @@ void TstTraceFiles::replayFailures_data()
     QTest::addColumn<int>("sent");
     QTest::newRow("empty") << QByteArray() << "empty.log"
                            << "no frames in it" << 0;
-    QTest::newRow("not a trace") << QByteArray("x") << "notes.txt"
-                                 << "a trace file is a candump log (.log) or an ASC file" << 0;
+    QTest::newRow("not a trace")
+        << QByteArray("x") << "notes.txt"
+        << "a trace file is a candump log (.log), an ASC file (.asc) or a PCAN-View trace" << 0;
     QTest::newRow("bad third line")
         << QByteArray("(1.000000) can0 123#01\n(1.001000) can0 124#02\n(1.002) can0 "
                       "12345678#03\n")

@@ -55,6 +55,8 @@ class TstTraceFile : public QObject
 private slots:
     void candumpByHand();
     void ascByHand();
+    void pcanTraceByHand_data();
+    void pcanTraceByHand();
     void refused_data();
     void refused();
     void roundTrip_data();
@@ -125,6 +127,49 @@ void TstTraceFile::ascByHand()
     QCOMPARE(dec.frames.size(), 1);
     QCOMPARE(dec.frames[0].id, quint16(0x701));
     QCOMPARE(dec.frames[0].data, QByteArray("\x7F"));
+}
+
+void TstTraceFile::pcanTraceByHand_data()
+{
+    QTest::addColumn<QByteArray>("trc");
+    QTest::newRow("1.1") << QByteArray(
+        ";$FILEVERSION=1.1\r\n;$STARTTIME=46348.4166666667\r\n;\r\n;   Message Number\r\n"
+        ";---+--   ----+----  --+--  ----+---  +  -+ -- -- -- -- -- -- --\r\n"
+        "     1)         1.2  Rx         0701  1  7F \r\n"
+        "     2)       500.0  Tx         0601  8  40 18 10 01 00 00 00 00 \r\n"
+        "     3)       600.0  Rx         0123  0  RTR \r\n"
+        "     4)       650.0  Error      0000  4  00 00 08 00 \r\n");
+    QTest::newRow("2.0") << QByteArray(
+        ";$FILEVERSION=2.0\n;$STARTTIME=46348.4166666667\n;   Message   Time    Type ID\n"
+        "      1         1.200 DT     0701 Rx 1  7F\n"
+        "      2       500.000 DT     0601 Tx 8  40 18 10 01 00 00 00 00\n"
+        "      3       600.000 RR     0123 Rx 0\n"
+        "      4       650.000 ST          Rx    00 00 00 08\n");
+    QTest::newRow("2.1 with its columns") << QByteArray(
+        ";$FILEVERSION=2.1\n;$STARTTIME=46348.4166666667\n;$COLUMNS=N,O,T,B,I,d,R,L,D\n"
+        "      1         1.200 DT 1     0701 Rx - 1  7F\n"
+        "      2       500.000 DT 1     0601 Tx - 8  40 18 10 01 00 00 00 00\n"
+        "      3       600.000 RR 1     0123 Rx - 0\n"
+        "      4       650.000 ER 1        - Rx - 5  00 00 08 01 00\n");
+}
+
+void TstTraceFile::pcanTraceByHand()
+{
+    QFETCH(QByteArray, trc);
+    QBuffer buffer(&trc);
+    buffer.open(QIODevice::ReadOnly);
+    // Known by what it holds, whatever its name.
+    TraceFormat format = TraceFormat::CandumpLog;
+    QVERIFY(traceFormatOfContent(&buffer, &format));
+    QCOMPARE(format, TraceFormat::PcanTrc);
+    const ReadAll r = readAll(trc, format);
+    QCOMPARE(r.error, QString());
+    QStringList shown;
+    for (const auto& f : r.frames)
+        shown << show(f);
+    QCOMPARE(shown, QStringList({"1200 ch0 701 7f rx", "500000 ch0 601 4018100100000000 tx",
+                                 "600000 ch0 123 R0 rx"}));
+    QCOMPARE(r.errorFrames, 1);
 }
 
 void TstTraceFile::refused_data()
