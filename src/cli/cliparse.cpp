@@ -155,10 +155,25 @@ bool passes(const QList<IdFilter>& filters, quint16 id)
 
 QString frameText(quint16 id, const QByteArray& data, bool remote, int length)
 {
-    const QString idText = QStringLiteral("%1").arg(id, 3, 16, QLatin1Char('0')).toUpper();
-    if (remote)
-        return idText + (length ? QStringLiteral("#R%1").arg(length) : QStringLiteral("#R"));
-    return idText + QLatin1Char('#') + QString::fromLatin1(data.left(length).toHex().toUpper());
+    // Written for every frame of a dump or a decode: built directly, not by formatting.
+    static constexpr char digits[] = "0123456789ABCDEF";
+    QString text;
+    text.reserve(4 + 2 * 8 + 2);
+    for (int shift = 8; shift >= 0; shift -= 4)
+        text += QLatin1Char(digits[(id >> shift) & 0xF]);
+    text += QLatin1Char('#');
+    if (remote) {
+        text += QLatin1Char('R');
+        if (length)
+            text += QString::number(length);
+        return text;
+    }
+    const int n = std::min<int>(length, int(data.size()));
+    for (int i = 0; i < n; ++i) {
+        text += QLatin1Char(digits[quint8(data[i]) >> 4]);
+        text += QLatin1Char(digits[quint8(data[i]) & 0xF]);
+    }
+    return text;
 }
 
 bool knownType(const QString& type)

@@ -917,9 +917,9 @@ int TesselCli::decode(QStringList args)
     TraceReader::Result result;
     while ((result = reader->next(&r, &error)) == TraceReader::Frame) {
         const DecodedFrame d = decoder.decode(r.id, r.remote, r.data.left(r.length));
-        const QString time = QStringLiteral("%1.%2")
-                                 .arg(r.timeUs / 1000000)
-                                 .arg(r.timeUs % 1000000, 6, 10, QLatin1Char('0'));
+        const QString micros = QString::number(r.timeUs % 1000000);
+        const QString time = QString::number(r.timeUs / 1000000) + QLatin1Char('.') +
+                             QString(6 - micros.size(), QLatin1Char('0')) + micros;
         if (m_json) {
             m_out << QJsonDocument(QJsonObject{{QStringLiteral("time"), double(r.timeUs) / 1e6},
                                                {QStringLiteral("channel"), r.channel},
@@ -935,10 +935,9 @@ int TesselCli::decode(QStringList args)
                          .toJson(QJsonDocument::Compact)
                   << "\n";
         } else {
-            m_out << QStringLiteral("(%1) can%2 %3  %4\n")
-                         .arg(time)
-                         .arg(r.channel)
-                         .arg(frameText(r.id, r.data, r.remote, r.length), CanopenDecoder::text(d));
+            m_out << '(' << time << ") can" << r.channel << ' '
+                  << frameText(r.id, r.data, r.remote, r.length) << "  " << CanopenDecoder::text(d)
+                  << '\n';
         }
         if (!outputWritten())
             return kFailed;

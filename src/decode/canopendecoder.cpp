@@ -26,7 +26,11 @@ quint32 le(const QByteArray& data, int at, int bytes)
 
 QString hex(quint32 value, int digits)
 {
-    return QStringLiteral("%1").arg(value, digits, 16, QLatin1Char('0')).toUpper();
+    static constexpr char table[] = "0123456789ABCDEF";
+    QString text(digits, Qt::Uninitialized);
+    for (int i = digits - 1; i >= 0; --i, value >>= 4)
+        text[i] = QLatin1Char(table[value & 0xF]);
+    return text;
 }
 
 DecodedFrame malformed(const QString& service, int node, const QString& why)

@@ -39,6 +39,19 @@ QString timeOutOfRange(const QString& text)
         .arg(kMaxTraceSeconds);
 }
 
+// A hexadecimal digit's value; -1 for any other character.
+int hexDigit(QChar c)
+{
+    const char16_t u = c.unicode();
+    if (u >= '0' && u <= '9')
+        return u - '0';
+    if (u >= 'a' && u <= 'f')
+        return u - 'a' + 10;
+    if (u >= 'A' && u <= 'F')
+        return u - 'A' + 10;
+    return -1;
+}
+
 class CandumpReader : public TraceReader
 {
 public:
@@ -62,9 +75,9 @@ public:
             if (!m.hasMatch())
                 return fail(error,
                             QStringLiteral("not a candump log line: '%1'").arg(line.left(60)));
-            if (m.captured(5) == QLatin1String("##"))
+            if (m.capturedView(5) == QLatin1String("##"))
                 return fail(error, QStringLiteral("CAN FD frames are not carried by the server"));
-            const QString id = m.captured(4);
+            const QStringView id = m.capturedView(4);
             // candump writes an error frame with the error flag in an 8-digit identifier.
             constexpr uint kErrorFrameFlag = 0x20000000;
             if (id.size() == 8 && (id.toUInt(nullptr, 16) & kErrorFrameFlag)) {
@@ -78,17 +91,25 @@ public:
             r->id = quint16(id.toUInt(nullptr, 16));
             if (r->id > 0x7FF)
                 return fail(error, QStringLiteral("identifier %1 is not 000 to 7FF").arg(id));
-            const QString micros = m.captured(2).leftJustified(6, QLatin1Char('0')).left(6);
+            // The fraction's first six digits, as many as there are, are the microseconds.
+            const QStringView fraction = m.capturedView(2).left(6);
+            qint64 micros = fraction.toLongLong();
+            for (qsizetype d = fraction.size(); d < 6; ++d)
+                micros *= 10;
             bool secondsOk = false;
-            const qint64 seconds = m.captured(1).toLongLong(&secondsOk);
+            const qint64 seconds = m.capturedView(1).toLongLong(&secondsOk);
             if (!secondsOk || seconds > kMaxTraceSeconds)
                 return fail(error, timeOutOfRange(m.captured(1)));
-            r->timeUs = seconds * 1000000 + micros.toLongLong();
-            static const QRegularExpression digits(QStringLiteral("(\\d+)$"));
-            const auto channel = digits.match(m.captured(3));
-            r->channel = channel.hasMatch() ? channel.captured(1).toInt() : 0;
+            r->timeUs = seconds * 1000000 + micros;
+            // The channel's number is the interface name's last digits (can1, vcan0).
+            const QStringView interface = m.capturedView(3);
+            qsizetype digitsAt = interface.size();
+            while (digitsAt > 0 && interface[digitsAt - 1] >= QLatin1Char('0') &&
+                   interface[digitsAt - 1] <= QLatin1Char('9'))
+                --digitsAt;
+            r->channel = digitsAt < interface.size() ? interface.mid(digitsAt).toInt() : 0;
             r->transmitted = false;
-            const QString data = m.captured(6);
+            const QStringView data = m.capturedView(6);
             r->remote = data.startsWith(QLatin1Char('R'), Qt::CaseInsensitive);
             if (r->remote) {
                 r->data.clear();
@@ -99,10 +120,13 @@ public:
             }
             if (data.size() % 2 != 0 || data.size() > 16)
                 return fail(error, QStringLiteral("data '%1' is not 0 to 8 whole bytes").arg(data));
-            // fromHex skips what is not a digit: "1G" would be read as 01.
-            r->data = QByteArray::fromHex(data.toLatin1());
-            if (r->data.toHex() != data.toLatin1().toLower())
-                return fail(error, QStringLiteral("data '%1' is not hexadecimal").arg(data));
+            r->data.resize(data.size() / 2);
+            for (qsizetype i = 0; i < r->data.size(); ++i) {
+                const int high = hexDigit(data[2 * i]), low = hexDigit(data[2 * i + 1]);
+                if (high < 0 || low < 0)
+                    return fail(error, QStringLiteral("data '%1' is not hexadecimal").arg(data));
+                r->data[i] = char(high << 4 | low);
+            }
             r->length = int(r->data.size());
             return Frame;
         }
