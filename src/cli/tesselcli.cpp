@@ -3,6 +3,7 @@
 #include "canmsg.h"
 #include "canopendecoder.h"
 #include "cliparse.h"
+#include "edsreader.h"
 #include "firmwareupgrade.h"
 #include "imagefile.h"
 #include "machinesettings.h"
@@ -405,12 +406,61 @@ int TesselCli::sdo(QStringList args)
                             "u8, u16, u32, i8, i16, i32 (little-endian), str.\nWith --file "
                             "the entry's bytes come from FILE, or go to it, as they are "
                             "(15 MiB at most, what one transfer carries).\n"
+                            "       tessel-cli sdo read|write --eds FILE [--node N] NAME ...\n"
+                            "NAME: the entry as FILE names it, \"Object/Sub-entry\" for a "
+                            "sub-entry (\"Identity Object/Vendor-ID\"); its type is FILE's "
+                            "unless --type says; N hexadecimal, 1 by default.\n"
                             "A read prints the value; an abort prints its code (8 hexadecimal "
                             "digits) and exits 1.\nA transfer that takes longer than half a "
                             "second shows its progress when standard error is a terminal.\n")))
         return kOk;
-    const bool typed = args.contains(QLatin1String("--type"));
-    const QString type = takeOption(&args, QStringLiteral("--type"), QStringLiteral("hex"));
+    // By name from an EDS: the entry's address, and its type unless one is given.
+    const QString edsFile = takeOption(&args, QStringLiteral("--eds"));
+    bool nodeOk = true;
+    const int edsNode =
+        takeOption(&args, QStringLiteral("--node"), QStringLiteral("1")).toInt(&nodeOk, 16);
+    QString edsType;
+    if (!edsFile.isEmpty()) {
+        if (!nodeOk || edsNode < 1 || edsNode > 0x7F)
+            return bad(QStringLiteral("--node takes a node-ID, 1 to 7F"));
+        if (args.size() < 2)
+            return bad(QStringLiteral("sdo --eds takes an entry's name (see sdo --help)"));
+        QString note;
+        const QList<EdsEntry> entries = readEds(edsFile, &note);
+        if (entries.isEmpty())
+            return fail(kFailed,
+                        QStringLiteral("%1: %2").arg(
+                            edsFile, note.isEmpty() ? QStringLiteral("no entries") : note));
+        const QString wanted = QString(args[1]).replace(QLatin1Char('\\'), QLatin1Char('/'));
+        const auto found = std::find_if(entries.begin(), entries.end(), [&](const EdsEntry& e) {
+            return QString(e.name)
+                       .replace(QLatin1Char('\\'), QLatin1Char('/'))
+                       .compare(wanted, Qt::CaseInsensitive) == 0;
+        });
+        if (found == entries.end())
+            return bad(QStringLiteral("'%1' is no entry of %2 (names as the EDS gives them, "
+                                      "\"Object/Sub-entry\" for a sub-entry)")
+                           .arg(args[1], edsFile));
+        args[1] = QStringLiteral("%1,%2,%3")
+                      .arg(edsNode, 0, 16)
+                      .arg(found->index, 4, 16, QLatin1Char('0'))
+                      .arg(found->subIndex, 0, 16);
+        const IniFile ini(edsFile);
+        const QString section = QStringLiteral("%1").arg(found->index, 4, 16, QLatin1Char('0')) +
+                                (found->name.contains(QLatin1Char('\\'))
+                                     ? QStringLiteral("sub%1").arg(found->subIndex, 0, 16)
+                                     : QString());
+        static const QHash<int, QString> types{
+            {0x0002, QStringLiteral("i8")},  {0x0003, QStringLiteral("i16")},
+            {0x0004, QStringLiteral("i32")}, {0x0005, QStringLiteral("u8")},
+            {0x0006, QStringLiteral("u16")}, {0x0007, QStringLiteral("u32")},
+            {0x0009, QStringLiteral("str")}};
+        edsType = types.value(edsNumber(ini.value(section, QStringLiteral("DataType"))),
+                              QStringLiteral("hex"));
+    }
+    const bool typed = args.contains(QLatin1String("--type")) || !edsType.isEmpty();
+    const QString type = takeOption(&args, QStringLiteral("--type"),
+                                    edsType.isEmpty() ? QStringLiteral("hex") : edsType);
     if (!knownType(type))
         return bad(
             QStringLiteral("type '%1' is not hex, u8, u16, u32, i8, i16, i32 or str").arg(type));

@@ -80,6 +80,13 @@ void TstTesselCli::readsAndWrites_data()
     QTest::newRow("u32 within its limits") << QStringList{"1,2000,0", "5000", "--type", "u32"}
                                            << QStringList{"1,2000,0", "--type", "u32"} << "5000\n";
     QTest::newRow("signed") << QStringList{} << QStringList{"1,2011,0", "--type", "i16"} << "31\n";
+    // By the EDS's names, typed as the EDS says.
+    const QString eds = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
+    QTest::newRow("sub-entry by name")
+        << QStringList{} << QStringList{"--eds", eds, "Identity Object/Vendor-ID"} << "929\n";
+    QTest::newRow("entry by name")
+        << QStringList{"--eds", eds, "--node", "1", "Producer Heartbeat Time", "600"}
+        << QStringList{"--eds", eds, "producer heartbeat time"} << "600\n";
     // More than four bytes: segmented, or block-sized data.
     QTest::newRow("segmented text")
         << QStringList{"1,2030,0", "line station 7", "--type", "str"}
@@ -126,6 +133,13 @@ void TstTesselCli::abortsAndBadArguments_data()
     QTest::newRow("NMT that no node confirms")
         << QStringList{"nmt", "start", "5", "--wait", "--wait-ms", "300"} << 4
         << "tessel-cli: node 05 did not confirm within 300 ms (no heartbeat 05)\n";
+    QTest::newRow("name the EDS does not have")
+        << QStringList{"sdo", "read", "--eds", QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"),
+                       "Torque"}
+        << 2
+        << QStringLiteral("tessel-cli: 'Torque' is no entry of %1 (names as the EDS gives them, "
+                          "\"Object/Sub-entry\" for a sub-entry)\n")
+               .arg(QORCALIB_DATA_DIR "/drive.eds");
     QTest::newRow("no loop") << QStringList{"replay", "x.log", "--loop", "0"} << 2
                              << "tessel-cli: --loop takes a count from 1 to 1000000\n";
     QTest::newRow("a channel mapped twice") << QStringList{"replay", "x.log", "can1=0", "can1=2"}
