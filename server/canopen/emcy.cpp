@@ -15,13 +15,6 @@ constexpr quint16 kInhibit = 0x1015;
 constexpr quint32 kNotValid = 0x80000000u;
 constexpr quint32 kExtended = 0x20000000u;
 
-quint32 u32(const QByteArray& data)
-{
-    QByteArray padded = data.left(4);
-    padded.append(4 - padded.size(), '\0');
-    return qFromLittleEndian<quint32>(padded.constData());
-}
-
 QByteArray le32(quint32 value)
 {
     QByteArray b(4, '\0');
@@ -63,7 +56,7 @@ void EmcyProducer::raise(quint16 errorCode, quint8 registerBits, qint64 nowUs)
         return;
     m_active.append({errorCode, registerBits});
     // The error field: the newest first, the oldest falls out.
-    const int kept = int(std::min<quint32>(u32(m_dictionary->value(kErrorField, 0)), kHistory));
+    const int kept = int(std::min<quint32>(m_dictionary->unsignedValue(kErrorField, 0), kHistory));
     for (int s = std::min(kept, kHistory - 1); s >= 1; --s)
         m_dictionary->write(kErrorField, quint8(s + 1),
                             m_dictionary->value(kErrorField, quint8(s)));
@@ -91,7 +84,7 @@ void EmcyProducer::reset()
 
 void EmcyProducer::queue(quint16 errorCode, qint64 nowUs)
 {
-    const quint32 cobId = u32(m_dictionary->value(kCobId, 0));
+    const quint32 cobId = m_dictionary->unsignedValue(kCobId, 0);
     if (cobId & kNotValid)
         return;
     CanFrame frame;
@@ -106,7 +99,7 @@ void EmcyProducer::queue(quint16 errorCode, qint64 nowUs)
 
 void EmcyProducer::sendDue(qint64 nowUs)
 {
-    const qint64 inhibitUs = qint64(u32(m_dictionary->value(kInhibit, 0)) & 0xFFFF) * 100;
+    const qint64 inhibitUs = qint64(m_dictionary->unsignedValue(kInhibit, 0) & 0xFFFF) * 100;
     while (!m_waiting.isEmpty() &&
            (m_lastSentUs < 0 || inhibitUs == 0 || nowUs - m_lastSentUs >= inhibitUs)) {
         m_lastSentUs = nowUs;
@@ -119,7 +112,7 @@ void EmcyProducer::sendDue(qint64 nowUs)
 
 quint32 EmcyProducer::checkWrite(quint16 index, quint8 subIndex, const QByteArray& data) const
 {
-    const quint32 value = u32(data);
+    const quint32 value = unsignedOf(data);
     // Only 0 may be written to the error field's count: it empties the field.
     if (index == kErrorField)
         return subIndex == 0 && value != 0 ? quint32(SdoAbort::InvalidValue) : 0;
@@ -127,7 +120,7 @@ quint32 EmcyProducer::checkWrite(quint16 index, quint8 subIndex, const QByteArra
         return 0;
     if (value & kExtended)
         return quint32(SdoAbort::InvalidValue);
-    const quint32 now = u32(m_dictionary->value(kCobId, 0));
+    const quint32 now = m_dictionary->unsignedValue(kCobId, 0);
     // A valid EMCY keeps its CAN-ID: it is made not valid first.
     if (!(value & kNotValid) && !(now & kNotValid) && (value & 0x7FF) != (now & 0x7FF))
         return quint32(SdoAbort::InvalidValue);
@@ -150,7 +143,7 @@ qint64 EmcyProducer::nextDeadlineUs() const
 {
     if (m_waiting.isEmpty())
         return -1;
-    const qint64 inhibitUs = qint64(u32(m_dictionary->value(kInhibit, 0)) & 0xFFFF) * 100;
+    const qint64 inhibitUs = qint64(m_dictionary->unsignedValue(kInhibit, 0) & 0xFFFF) * 100;
     return m_lastSentUs + inhibitUs;
 }
 

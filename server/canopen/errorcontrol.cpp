@@ -1,7 +1,5 @@
 #include "errorcontrol.h"
 
-#include <QtEndian>
-
 namespace qorcalib {
 
 namespace {
@@ -15,17 +13,10 @@ ErrorControl::ErrorControl(ObjectValues* dictionary, std::function<void(const Ca
 {
 }
 
-quint32 ErrorControl::unsignedValue(quint16 index, quint8 subIndex) const
-{
-    QByteArray raw = m_dictionary->value(index, subIndex).left(4);
-    raw.append(4 - raw.size(), '\0');
-    return qFromLittleEndian<quint32>(raw.constData());
-}
-
 qint64 ErrorControl::lifeTimeUs() const
 {
-    return qint64(unsignedValue(kGuardTime, 0) & 0xFFFF) * 1000 *
-           qint64(unsignedValue(kLifeTimeFactor, 0) & 0xFF);
+    return qint64(m_dictionary->unsignedValue(kGuardTime, 0) & 0xFFFF) * 1000 *
+           qint64(m_dictionary->unsignedValue(kLifeTimeFactor, 0) & 0xFF);
 }
 
 void ErrorControl::reset()
@@ -43,7 +34,7 @@ bool ErrorControl::heartbeatLost(quint8 node) const
 {
     for (int i = 0; i < kConsumers; ++i)
         if (m_consumers[i].lost &&
-            quint8(unsignedValue(kConsumerTimes, quint8(i + 1)) >> 16) == node)
+            quint8(m_dictionary->unsignedValue(kConsumerTimes, quint8(i + 1)) >> 16) == node)
             return true;
     return false;
 }
@@ -81,7 +72,7 @@ bool ErrorControl::onFrame(const CanFrame& frame, quint8 nodeId, quint8 nmtState
     const quint8 node = quint8(frame.id - 0x700);
     bool monitored = false;
     for (int i = 0; i < kConsumers; ++i) {
-        const quint32 entry = unsignedValue(kConsumerTimes, quint8(i + 1));
+        const quint32 entry = m_dictionary->unsignedValue(kConsumerTimes, quint8(i + 1));
         if ((entry & 0xFFFF) == 0 || quint8(entry >> 16) != node)
             continue;
         monitored = true;
@@ -107,7 +98,8 @@ void ErrorControl::onTimer(qint64 nowUs)
     }
     for (int i = 0; i < kConsumers; ++i) {
         Monitored& m = m_consumers[i];
-        const qint64 time = qint64(unsignedValue(kConsumerTimes, quint8(i + 1)) & 0xFFFF) * 1000;
+        const qint64 time =
+            qint64(m_dictionary->unsignedValue(kConsumerTimes, quint8(i + 1)) & 0xFFFF) * 1000;
         if (!m.lost && time > 0 && m.lastUs >= 0 && nowUs - m.lastUs >= time) {
             m.lost = true;
             changedNow = true;
@@ -129,7 +121,8 @@ qint64 ErrorControl::nextDeadlineUs() const
         consider(m_lastGuardUs + life);
     for (int i = 0; i < kConsumers; ++i) {
         const Monitored& m = m_consumers[i];
-        const qint64 time = qint64(unsignedValue(kConsumerTimes, quint8(i + 1)) & 0xFFFF) * 1000;
+        const qint64 time =
+            qint64(m_dictionary->unsignedValue(kConsumerTimes, quint8(i + 1)) & 0xFFFF) * 1000;
         if (!m.lost && time > 0 && m.lastUs >= 0)
             consider(m.lastUs + time);
     }

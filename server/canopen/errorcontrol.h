@@ -41,7 +41,6 @@ public:
     bool anyLost() const;
 
 private:
-    quint32 unsignedValue(quint16 index, quint8 subIndex) const;
     qint64 lifeTimeUs() const;
 
     ObjectValues* m_dictionary;

@@ -2,8 +2,6 @@
 
 #include "sdoabort.h"
 
-#include <QtEndian>
-
 namespace qorcalib {
 
 namespace {
@@ -26,13 +24,6 @@ bool restrictedId(quint32 id)
            (id >= 0x601 && id <= 0x67F) || (id >= 0x6E0 && id <= 0x6FF) || id >= 0x701;
 }
 
-quint32 u32(const QByteArray& data)
-{
-    QByteArray padded = data.left(4);
-    padded.append(4 - padded.size(), '\0');
-    return qFromLittleEndian<quint32>(padded.constData());
-}
-
 } // namespace
 
 PdoEngine::PdoEngine(PdoDictionary* dictionary, Hooks hooks)
@@ -46,28 +37,28 @@ bool PdoEngine::isParameter(quint16 index)
            inBlock(index, kTpdoCommunication) || inBlock(index, kTpdoMapping);
 }
 
-quint32 PdoEngine::unsignedValue(quint16 index, quint8 subIndex) const
-{
-    return u32(m_dictionary->value(index, subIndex));
-}
-
 bool PdoEngine::valid(quint16 communicationIndex) const
 {
     const QByteArray id = m_dictionary->value(communicationIndex, 1);
-    return !id.isEmpty() && !(u32(id) & kNotValid);
+    return !id.isEmpty() && !(unsignedOf(id) & kNotValid);
+}
+
+qint64 PdoEngine::inhibitUs(quint16 communicationIndex) const
+{
+    return qint64(m_dictionary->unsignedValue(communicationIndex, 3) & 0xFFFF) * 100;
 }
 
 quint16 PdoEngine::cobId(quint16 communicationIndex) const
 {
-    return quint16(unsignedValue(communicationIndex, 1) & 0x7FF);
+    return quint16(m_dictionary->unsignedValue(communicationIndex, 1) & 0x7FF);
 }
 
 QList<PdoEngine::Mapped> PdoEngine::mapping(quint16 mappingIndex) const
 {
     QList<Mapped> out;
-    const quint32 count = unsignedValue(mappingIndex, 0);
+    const quint32 count = m_dictionary->unsignedValue(mappingIndex, 0);
     for (quint32 s = 1; s <= count && s <= quint32(kMaxEntries); ++s) {
-        const quint32 entry = unsignedValue(mappingIndex, quint8(s));
+        const quint32 entry = m_dictionary->unsignedValue(mappingIndex, quint8(s));
         out.append({quint16(entry >> 16), quint8(entry >> 8), int(entry & 0xFF)});
     }
     return out;
@@ -87,7 +78,7 @@ quint32 PdoEngine::checkMappingWrite(quint16 index, quint8 subIndex, quint32 val
             return quint32(SdoAbort::PdoTooLong);
         int bits = 0;
         for (quint32 s = 1; s <= value; ++s) {
-            const quint32 entry = unsignedValue(index, quint8(s));
+            const quint32 entry = m_dictionary->unsignedValue(index, quint8(s));
             const int have =
                 m_dictionary->mappableBits(quint16(entry >> 16), quint8(entry >> 8), receive);
             if (have < 0)
@@ -98,7 +89,7 @@ quint32 PdoEngine::checkMappingWrite(quint16 index, quint8 subIndex, quint32 val
         }
         return bits > 64 ? quint32(SdoAbort::PdoTooLong) : 0;
     }
-    if (unsignedValue(index, 0) != 0)
+    if (m_dictionary->unsignedValue(index, 0) != 0)
         return quint32(SdoAbort::UnsupportedAccess);
     const int have = m_dictionary->mappableBits(quint16(value >> 16), quint8(value >> 8), receive);
     if (have < 0)
@@ -111,7 +102,7 @@ quint32 PdoEngine::checkMappingWrite(quint16 index, quint8 subIndex, quint32 val
 
 quint32 PdoEngine::checkWrite(quint16 index, quint8 subIndex, const QByteArray& data) const
 {
-    const quint32 value = u32(data);
+    const quint32 value = unsignedOf(data);
     if (inBlock(index, kRpdoMapping) || inBlock(index, kTpdoMapping))
         return checkMappingWrite(index, subIndex, value);
     if (!inBlock(index, kRpdoCommunication) && !inBlock(index, kTpdoCommunication))
@@ -136,7 +127,7 @@ quint32 PdoEngine::checkWrite(quint16 index, quint8 subIndex, const QByteArray& 
         // PDOs are not.
         return quint32(SdoAbort::InvalidValue);
     case 3:
-        return !receive && valid(index) && value != unsignedValue(index, 3)
+        return !receive && valid(index) && value != m_dictionary->unsignedValue(index, 3)
                    ? quint32(SdoAbort::InvalidValue)
                    : 0;
     default:
@@ -169,8 +160,8 @@ void PdoEngine::setOperational(bool operational, qint64 nowUs)
 void PdoEngine::armEventTimer(int i, qint64 nowUs)
 {
     const quint16 communication = quint16(kTpdoCommunication + i);
-    const quint32 type = unsignedValue(communication, 2);
-    const quint32 periodMs = unsignedValue(communication, 5) & 0xFFFF;
+    const quint32 type = m_dictionary->unsignedValue(communication, 2);
+    const quint32 periodMs = m_dictionary->unsignedValue(communication, 5) & 0xFFFF;
     m_tpdo[i].eventDueUs = m_operational && valid(communication) && type >= 254 && periodMs > 0
                                ? nowUs + qint64(periodMs) * 1000
                                : -1;
@@ -216,7 +207,7 @@ void PdoEngine::onSync(quint8 counter, qint64 nowUs)
         const quint16 communication = quint16(kTpdoCommunication + i);
         if (!valid(communication))
             continue;
-        const quint32 type = unsignedValue(communication, 2);
+        const quint32 type = m_dictionary->unsignedValue(communication, 2);
         Transmit& t = m_tpdo[i];
         if (type == 0) {
             if (t.changed)
@@ -263,7 +254,7 @@ bool PdoEngine::onFrame(const CanFrame& frame, qint64 nowUs)
         if (frame.len > bytes && m_hooks.lengthError)
             m_hooks.lengthError(kLengthLong);
         const QByteArray data(reinterpret_cast<const char*>(frame.data.data()), bytes);
-        if (unsignedValue(communication, 2) <= 240) {
+        if (m_dictionary->unsignedValue(communication, 2) <= 240) {
             m_latched[i] = data;
             m_hasLatched[i] = true;
         } else {
@@ -289,11 +280,11 @@ void PdoEngine::objectChanged(quint16 index, quint8 subIndex, qint64 nowUs)
             continue;
         Transmit& t = m_tpdo[i];
         t.changed = true;
-        if (unsignedValue(communication, 2) < 254)
+        if (m_dictionary->unsignedValue(communication, 2) < 254)
             continue;
-        const qint64 inhibitUs = qint64(unsignedValue(communication, 3) & 0xFFFF) * 100;
-        if (t.lastSentUs >= 0 && nowUs - t.lastSentUs < inhibitUs)
-            t.inhibitEndUs = t.lastSentUs + inhibitUs;
+        const qint64 inhibit = inhibitUs(communication);
+        if (t.lastSentUs >= 0 && nowUs - t.lastSentUs < inhibit)
+            t.inhibitEndUs = t.lastSentUs + inhibit;
         else
             sendTpdo(i, nowUs);
     }
@@ -309,9 +300,9 @@ void PdoEngine::onTimer(qint64 nowUs)
             sendTpdo(i, nowUs);
         else if (t.eventDueUs >= 0 && nowUs >= t.eventDueUs) {
             const quint16 communication = quint16(kTpdoCommunication + i);
-            const qint64 inhibitUs = qint64(unsignedValue(communication, 3) & 0xFFFF) * 100;
-            if (t.lastSentUs >= 0 && nowUs - t.lastSentUs < inhibitUs) {
-                t.inhibitEndUs = t.lastSentUs + inhibitUs;
+            const qint64 inhibit = inhibitUs(communication);
+            if (t.lastSentUs >= 0 && nowUs - t.lastSentUs < inhibit) {
+                t.inhibitEndUs = t.lastSentUs + inhibit;
                 t.eventDueUs = -1;
             } else {
                 sendTpdo(i, nowUs);

@@ -98,10 +98,11 @@ private:
         qint64 inhibitEndUs = -1; // a change waits for the inhibit time to pass
     };
 
-    quint32 unsignedValue(quint16 index, quint8 subIndex) const;
     QList<Mapped> mapping(quint16 mappingIndex) const;
     bool valid(quint16 communicationIndex) const;
     quint16 cobId(quint16 communicationIndex) const;
+    // A TPDO's inhibit time (sub 3, in 100 us).
+    qint64 inhibitUs(quint16 communicationIndex) const;
     void sendTpdo(int i, qint64 nowUs);
     void takeRpdo(int i, const QByteArray& data);
     void armEventTimer(int i, qint64 nowUs);

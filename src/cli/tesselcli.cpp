@@ -718,10 +718,26 @@ int TesselCli::takeLimits(QStringList* args, StreamLimits* limits)
         takeOption(args, QStringLiteral("--count"), QStringLiteral("0")).toLongLong(&ok);
     if (!ok || limits->count < 0)
         return bad(QStringLiteral("--count takes a number of frames"));
-    limits->seconds =
-        takeOption(args, QStringLiteral("--seconds"), QStringLiteral("0")).toDouble(&ok);
-    if (!ok || limits->seconds < 0)
+    return takeSeconds(args, &limits->seconds);
+}
+
+int TesselCli::takeSeconds(QStringList* args, double* seconds)
+{
+    bool ok = true;
+    *seconds = takeOption(args, QStringLiteral("--seconds"), QStringLiteral("0")).toDouble(&ok);
+    if (!ok || *seconds < 0)
         return bad(QStringLiteral("--seconds takes a number of seconds"));
+    return -1;
+}
+
+int TesselCli::runUntilEnd(QEventLoop* loop, double seconds)
+{
+    QObject::connect(&m_link, &CanLink::connectionLost, loop, [loop] { loop->exit(1); });
+    InterruptWatch interrupt(loop, [loop] { loop->quit(); });
+    if (seconds > 0)
+        QTimer::singleShot(int(seconds * 1000), loop, &QEventLoop::quit);
+    if (loop->exec() != 0)
+        return fail(kUnreachable, ServerConnection::kNotReachable);
     return -1;
 }
 
@@ -788,12 +804,8 @@ int TesselCli::streamFrames(const StreamLimits& limits,
                          if (!outputWritten() || (count > 0 && written >= count))
                              loop.quit();
                      });
-    QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] { loop.exit(1); });
-    InterruptWatch watch(&loop, [&] { loop.quit(); });
-    if (seconds > 0)
-        QTimer::singleShot(int(seconds * 1000), &loop, &QEventLoop::quit);
-    if (loop.exec() != 0)
-        return fail(kUnreachable, ServerConnection::kNotReachable);
+    if (const int code = runUntilEnd(&loop, seconds); code >= 0)
+        return code;
     if (const quint32 uncarried =
             m_link.uncarried(m_controller, &uncarriedError).value_or(uncarriedBefore) -
             uncarriedBefore;
@@ -815,11 +827,9 @@ int TesselCli::watch(QStringList args)
                                        "until S seconds or an interrupt:\n"
                                        "  (SECONDS.MICRO) node N: WHAT\n")))
         return kOk;
-    bool ok = true;
-    const double seconds =
-        takeOption(&args, QStringLiteral("--seconds"), QStringLiteral("0")).toDouble(&ok);
-    if (!ok || seconds < 0)
-        return bad(QStringLiteral("--seconds takes a number of seconds"));
+    double seconds = 0;
+    if (const int code = takeSeconds(&args, &seconds); code >= 0)
+        return code;
     if (args.size() != 1 ||
         (args[0] != QLatin1String("heartbeat") && args[0] != QLatin1String("emcy")))
         return bad(QStringLiteral("watch takes heartbeat or emcy"));
@@ -866,12 +876,8 @@ int TesselCli::watch(QStringList args)
     QObject::connect(&check, &QTimer::timeout, &loop,
                      [&] { show(network.check(clock.nsecsElapsed() / 1000)); });
     check.start(100);
-    QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] { loop.exit(1); });
-    InterruptWatch interrupt(&loop, [&] { loop.quit(); });
-    if (seconds > 0)
-        QTimer::singleShot(int(seconds * 1000), &loop, &QEventLoop::quit);
-    if (loop.exec() != 0)
-        return fail(kUnreachable, ServerConnection::kNotReachable);
+    if (const int code = runUntilEnd(&loop, seconds); code >= 0)
+        return code;
     return kOk;
 }
 
@@ -1006,11 +1012,10 @@ int TesselCli::sync(QStringList args)
                                        "seconds have passed or an interrupt; then says how many "
                                        "went out.\n")))
         return kOk;
+    double seconds = 0;
+    if (const int code = takeSeconds(&args, &seconds); code >= 0)
+        return code;
     bool ok = true;
-    const double seconds =
-        takeOption(&args, QStringLiteral("--seconds"), QStringLiteral("0")).toDouble(&ok);
-    if (!ok || seconds < 0)
-        return bad(QStringLiteral("--seconds takes a number of seconds"));
     if (args.size() != 1)
         return bad(QStringLiteral("sync takes a period in milliseconds (see sync --help)"));
     const double periodMs = args[0].toDouble(&ok);
@@ -1025,12 +1030,8 @@ int TesselCli::sync(QStringList args)
     QElapsedTimer clock;
     clock.start();
     QEventLoop loop;
-    QObject::connect(&m_link, &CanLink::connectionLost, &loop, [&] { loop.exit(1); });
-    InterruptWatch watch(&loop, [&] { loop.quit(); });
-    if (seconds > 0)
-        QTimer::singleShot(int(seconds * 1000), &loop, &QEventLoop::quit);
-    if (loop.exec() != 0)
-        return fail(kUnreachable, ServerConnection::kNotReachable);
+    if (const int code = runUntilEnd(&loop, seconds); code >= 0)
+        return code;
     if (const QString e = m_link.setSyncPeriod(m_controller, 0); !e.isEmpty())
         return linkFailure(e);
     const qint64 sent = clock.elapsed() * 1000 / periodUs;

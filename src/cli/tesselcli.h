@@ -6,6 +6,8 @@
 #include <QStringList>
 #include <QTextStream>
 
+class QEventLoop;
+
 namespace tessel::cli {
 
 // tessel-cli: the CAN server's services for line scripts, one subcommand a run, with exit codes
@@ -43,6 +45,11 @@ private:
         double seconds = 0.0; // 0: no limit
     };
     int takeLimits(QStringList* args, StreamLimits* limits);
+    // --seconds S (0, the default: no limit); -1, or the exit status of a bad value.
+    int takeSeconds(QStringList* args, double* seconds);
+    // Runs the loop until its own end, S seconds (0: none), an interrupt or the server's loss;
+    // -1 when it ended as asked, else the failure's exit status.
+    int runUntilEnd(QEventLoop* loop, double seconds);
     int streamFrames(const StreamLimits& limits,
                      const std::function<QString(const qorcalib::CanFrame&)>& annotate);
 
