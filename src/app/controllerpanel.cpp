@@ -4,8 +4,8 @@
 
 #include <QCheckBox>
 #include <QComboBox>
-#include <QDoubleSpinBox>
 #include <QGridLayout>
+#include <QLineEdit>
 #include <QRadioButton>
 #include <QSignalBlocker>
 
@@ -46,18 +46,15 @@ ControllerPanel::ControllerPanel(CanLink* link, QWidget* parent)
     chkSync->setObjectName(QStringLiteral("chkSync"));
     chkSync->setToolTip(QStringLiteral("Send SYNC (COB-ID 080) on the selected controller at "
                                        "the period below; untick to stop"));
-    spnSyncPeriod = new QDoubleSpinBox(this);
-    spnSyncPeriod->setObjectName(QStringLiteral("spnSyncPeriod"));
-    spnSyncPeriod->setRange(0.5, 10000.0);
-    spnSyncPeriod->setDecimals(1);
-    spnSyncPeriod->setValue(10.0);
-    spnSyncPeriod->setSuffix(QStringLiteral(" ms"));
-    spnSyncPeriod->setToolTip(QStringLiteral("SYNC period, 0.5 to 10000 ms"));
+    txtSyncPeriod = new QLineEdit(QStringLiteral("10"), this);
+    txtSyncPeriod->setObjectName(QStringLiteral("txtSyncPeriod"));
+    txtSyncPeriod->setToolTip(QStringLiteral("SYNC period in milliseconds, 0.5 to 10000"));
+    txtSyncPeriod->setMaximumWidth(70);
     grid->addWidget(chkSync, 0, 8);
-    grid->addWidget(spnSyncPeriod, 1, 8);
+    grid->addWidget(txtSyncPeriod, 1, 8);
     connect(chkSync, &QCheckBox::toggled, this, &ControllerPanel::chkSync_Click);
     // A new period, or another controller, while SYNC runs: it follows at once.
-    connect(spnSyncPeriod, &QDoubleSpinBox::editingFinished, this, [this] {
+    connect(txtSyncPeriod, &QLineEdit::editingFinished, this, [this] {
         if (chkSync->isChecked())
             chkSync_Click();
     });
@@ -80,7 +77,17 @@ ControllerPanel::ControllerPanel(CanLink* link, QWidget* parent)
 void ControllerPanel::chkSync_Click()
 {
     const bool on = chkSync->isChecked();
-    const int periodUs = on ? int(std::lround(spnSyncPeriod->value() * 1000.0)) : 0;
+    bool ok = false;
+    const double periodMs = txtSyncPeriod->text().trimmed().toDouble(&ok);
+    if (on && (!ok || periodMs < 0.5 || periodMs > 10000.0)) {
+        const QSignalBlocker blocker(chkSync);
+        chkSync->setChecked(false);
+        m_controllers.produceSync(m_selected, 0);
+        emit message(QStringLiteral("SYNC period '%1' is not 0.5 to 10000 milliseconds")
+                         .arg(txtSyncPeriod->text()));
+        return;
+    }
+    const int periodUs = on ? int(std::lround(periodMs * 1000.0)) : 0;
     const QString error = m_controllers.produceSync(m_selected, periodUs);
     if (!error.isEmpty()) {
         const QSignalBlocker blocker(chkSync);
@@ -89,9 +96,7 @@ void ControllerPanel::chkSync_Click()
         emit message(QStringLiteral("SYNC: %1").arg(error));
         return;
     }
-    emit done(on ? QStringLiteral("SYNC every %1 ms on CAN %2")
-                       .arg(spnSyncPeriod->value())
-                       .arg(m_selected)
+    emit done(on ? QStringLiteral("SYNC every %1 ms on CAN %2").arg(periodMs).arg(m_selected)
                  : QStringLiteral("SYNC stopped"));
 }
 

@@ -9,7 +9,7 @@
 
 class QCheckBox;
 class QComboBox;
-class QDoubleSpinBox;
+class QLineEdit;
 class QRadioButton;
 
 namespace tessel {
@@ -28,9 +28,10 @@ public:
     std::array<QCheckBox*, kRows> chkCanEnable{};
     std::array<QComboBox*, kRows> cmbBaud{};
     std::array<QRadioButton*, kRows> optSelCanCtrl{};
-    // SYNC on the selected controller at the period beside it.
+    // SYNC on the selected controller at the period beside it (milliseconds, as typed: a
+    // period outside 0.5 to 10000 is refused, never rounded or clamped).
     QCheckBox* chkSync = nullptr;
-    QDoubleSpinBox* spnSyncPeriod = nullptr;
+    QLineEdit* txtSyncPeriod = nullptr;
 
     ControllerSet& controllers() { return m_controllers; }
     int selected() const { return m_selected; }
