@@ -10,20 +10,6 @@
 
 namespace tessel {
 
-namespace {
-bool g_abort = false;
-}
-
-bool abortRequested()
-{
-    return g_abort;
-}
-
-void setAbortRequested(bool requested)
-{
-    g_abort = requested;
-}
-
 FrmAbort::FrmAbort(QWidget* mainWindow, QWidget* inputArea)
     : QDialog(mainWindow), m_mainWindow(mainWindow), m_inputArea(inputArea)
 {
@@ -38,12 +24,10 @@ FrmAbort::FrmAbort(QWidget* mainWindow, QWidget* inputArea)
     layout->addWidget(text);
     layout->addWidget(cmdAbort, 0, Qt::AlignHCenter);
     setMinimumWidth(260);
-    connect(cmdAbort, &QPushButton::clicked, this, [] { setAbortRequested(true); });
 }
 
 void FrmAbort::showEvent(QShowEvent* event)
 {
-    setAbortRequested(false);
     if (m_inputArea)
         m_inputArea->setEnabled(false);
     QDialog::showEvent(event);

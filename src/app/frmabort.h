@@ -6,10 +6,6 @@ class QPushButton;
 
 namespace tessel {
 
-// The abort flag long operations poll: set by the abort dialog's button.
-bool abortRequested();
-void setAbortRequested(bool requested);
-
 // The abort dialog: while it is open the main window takes no input; its button asks the
 // running operation to stop. Its owner closes it.
 class FrmAbort : public QDialog

@@ -41,15 +41,12 @@ private slots:
     void init();
     void cleanup();
 
-    void startUp();
-    void nmtButtons();
+    void walk();
     void serverKilledWhileRunning();
     void reconnectWhileTheLossIsShown();
-    void lssGetAndSet();
     void promptAnswers_data();
     void promptAnswers();
     void overTcpCaption();
-    void sdoPanelWithTheDrive();
 
 private:
     WindowTestBench m_bench;
@@ -72,22 +69,17 @@ void TstFrmMain::cleanup()
     m_server.reset();
 }
 
-void TstFrmMain::startUp()
+void TstFrmMain::walk()
 {
     Tessel t(m_server->socketPath());
     QVERIFY(t.load());
     FrmMain& w = t.window;
     QCOMPARE(w.windowTitle(), QStringLiteral("Tessel"));
-    QCOMPARE(w.controllerCount(), 2);
     QCOMPARE(w.txtSDOTimeOut->text(), QStringLiteral("1000"));
     // Rows for the server's two controllers; controller 0 enabled and selected.
     QVERIFY(w.chkCanEnable[0]->isEnabled() && w.chkCanEnable[1]->isEnabled());
     QVERIFY(!w.chkCanEnable[2]->isEnabled() && !w.cmbBaud[3]->isEnabled());
-    QVERIFY(w.chkCanEnable[0]->isChecked());
-    QVERIFY(w.optSelCanCtrl[0]->isChecked());
-    QCOMPARE(w.selectedController(), 0);
-    for (QPushButton* b : w.cmdNMT)
-        QVERIFY(b->isEnabled());
+    QVERIFY(w.chkCanEnable[0]->isChecked() && w.optSelCanCtrl[0]->isChecked());
     // The monitor is loaded hidden and already traces the drive's heartbeats.
     QVERIFY(!w.monitor()->isVisible());
     QTRY_VERIFY_WITH_TIMEOUT(
@@ -101,11 +93,9 @@ void TstFrmMain::startUp()
                  768 - 40 - 30,
              qPrintable(QString::number(scroll->widget()->sizeHint().height())));
     QVERIFY(scroll->widget()->sizeHint().width() <= 1366);
-    const QRect room = w.screen()->availableGeometry();
-    if (room.height() < scroll->widget()->sizeHint().height()) {
-        QVERIFY(w.height() <= room.height());
-        QVERIFY(scroll->verticalScrollBar()->maximum() > 0);
-    }
+    if (w.screen()->availableGeometry().height() < scroll->widget()->sizeHint().height())
+        QVERIFY(w.height() <= w.screen()->availableGeometry().height() &&
+                scroll->verticalScrollBar()->maximum() > 0);
     // Enabling a controller selects it, and says so.
     w.chkCanEnable[1]->setChecked(true);
     QVERIFY(w.optSelCanCtrl[1]->isChecked());
@@ -120,23 +110,10 @@ void TstFrmMain::startUp()
     w.chkCanEnable[0]->setChecked(true);
     QTest::mouseClick(w.cmdDiagno, Qt::LeftButton);
     QVERIFY(w.monitor()->isVisible());
-    // The screen follows the trace text in batches.
     QTRY_VERIFY(w.monitor()->screenText().contains("> 7F"));
-    QCOMPARE(w.sbrStato[1]->text(), QString());
-    QVERIFY(t.messages.isEmpty());
-    // The answer was the whole name: the settings remember it for the next start.
-    w.formUnload();
-    QSettings user(QSettings::IniFormat, QSettings::UserScope, "Qor", "Qor.Tessel");
-    QCOMPARE(user.value("filename/fwupdcnt").toInt(), 0);
-}
 
-void TstFrmMain::nmtButtons()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
-    // Each button's command, then the drive's answer after it in the trace, as on the bus:
-    // its new state, or for the resets its boot-up message.
+    // Each NMT button's command, then the drive's answer after it in the trace, as on the
+    // bus: its new state, or for the resets its boot-up message.
     const QList<std::pair<QString, QString>> steps{{"01 00 ", "> 05 "},
                                                    {"02 00 ", "> 04 "},
                                                    {"80 00 ", "> 7F "},
@@ -144,14 +121,98 @@ void TstFrmMain::nmtButtons()
                                                    {"82 00 ", "> 00 "}};
     for (int button = 0; button < int(steps.size()); ++button) {
         const qsizetype from = t.trace().size();
-        QTest::mouseClick(t.window.cmdNMT[button], Qt::LeftButton);
-        QCOMPARE(t.window.txtAbort->text(), QString());
+        QTest::mouseClick(w.cmdNMT[button], Qt::LeftButton);
+        QCOMPARE(w.txtAbort->text(), QString());
         const qsizetype at =
             t.trace().indexOf("T0 000 2 000s000.000 > " + steps[button].first, from);
         QVERIFY2(at >= 0, qPrintable(t.trace().right(300)));
         QTRY_VERIFY_WITH_TIMEOUT(t.trace().indexOf(steps[button].second, at) > at, 5000);
     }
+    QTest::qWait(100); // the last reset's boot
+
+    SdoPanel* p = w.sdoPanel;
+    p->cmbIndex->setCurrentText("1,1018,1");
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(w.txtAbort->text(), QString());
+    QCOMPARE(p->txtDataHex->text(), QString("A1030000"));
+    QCOMPARE(p->txtLong->text(), QString("929"));
+    // Write a 32-bit parameter through the long view and read it back.
+    p->cmbIndex->setCurrentText("1,2101,3");
+    p->txtLong->setText("12345");
+    emit p->txtLong->textEdited("12345");
+    QCOMPARE(p->txtDataHex->text(), QString("39300000"));
+    QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
+    QCOMPARE(w.txtAbort->text(), QString());
+    QVERIFY2(w.sbrDone->text().startsWith("Downloaded 4 bytes to 1,2101,3 in "),
+             qPrintable(w.sbrDone->text()));
+    QTest::mouseClick(p->cmdClear, Qt::LeftButton);
+    QCOMPARE(p->txtDataHex->text(), QString());
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(p->txtLong->text(), QString("12345"));
+    // A missing entry: the bare code in its box, its meaning beside it, the data as they were,
+    // and the progress bar empty.
+    p->cmbIndex->setCurrentText("1,3000,0");
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(w.txtAbort->text(), QString("06020000"));
+    QCOMPARE(w.sbrDone->text(),
+             QString("SDO abort 06020000: Object does not exist in the object dictionary"));
+    QCOMPARE(w.txtAbort->toolTip(), w.sbrDone->text());
+    QCOMPARE(p->txtLong->text(), QString("12345"));
+    QCOMPARE(w.prbStato->value(), 0);
+    // The history brings back the data of an address.
+    p->cmbIndex_Click(p->cmbIndex->findText("1,1018,1"));
+    QCOMPARE(p->txtDataHex->text(), QString("A1030000"));
+    // What is typed is not completed from the history, and Enter uploads it: "1,1018" is
+    // index 0x1018 sub-index 0x18, which the drive does not have.
+    p->cmbIndex->setFocus();
+    p->cmbIndex->lineEdit()->clear();
+    QTest::keyClicks(p->cmbIndex->lineEdit(), "1,1018");
+    QTest::keyClick(p->cmbIndex->lineEdit(), Qt::Key_Return);
+    QCOMPARE(w.txtAbort->text(), QString("06090011"));
+    QCOMPARE(p->cmbIndex->currentText(), QString("1,1018"));
+    // The exchange shows in the monitor with the server's transmit reports on.
+    w.monitor()->chkEnShowTx->setChecked(true);
+    p->cmbIndex->setCurrentText("1,1018,2");
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QTRY_VERIFY(t.trace().contains("T0 601 8 000s000.000 > A4 18 10 02 7F 04 00 00 "));
+    QVERIFY(t.trace().contains("R0 581 8 "));
+
+    // LSS on controller 1, with the drive that has no node-ID yet, at 250K.
+    w.cmbBaud[1]->setCurrentIndex(3);
+    w.chkCanEnable[1]->setChecked(true);
+    QTest::qWait(300); // the drive boots
+    w.txtFWNode->setText("5");
+    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
+    QCOMPARE(w.txtFWNode->text(), QString("FF"));
+    QTRY_VERIFY(t.trace().contains("T1 7E5 8 ") && t.trace().contains("R1 7E4 8 "));
+    QCOMPARE(w.sbrDone->text(), QString("LSS Get: node-ID FF (waiting for one) at 250K on CAN 1"));
+    // The user chooses 500K for it, and node-ID 22.
+    w.cmbBaud[1]->setCurrentIndex(2);
+    w.txtFWNode->setText("22");
+    QTest::mouseClick(w.cmdLSSSet, Qt::LeftButton);
+    QCOMPARE(w.txtAbort->text(), QString());
+    QCOMPARE(w.sbrDone->text(), QString("LSS Set: the waiting drive on CAN 1 now has node-ID 22 "
+                                        "at 500K (CAN 1 still runs at 250K)"));
+    // It started up as node 0x22 at 500K; the controller is back at 250K until the user
+    // switches it with the button offered.
+    QTRY_VERIFY(t.trace().contains(QRegularExpression("R1 722 1 \\d{3}s\\d{3}\\.\\d{3} > 00 ")));
+    QTRY_COMPARE(w.cmbBaud[1]->currentIndex(), 3);
+    QCOMPARE(w.cmdFollowRate->text(), QString("Switch CAN 1 to 500K"));
+    const qsizetype from = t.trace().size();
+    QTest::mouseClick(w.cmdFollowRate, Qt::LeftButton);
+    QCOMPARE(w.cmbBaud[1]->currentIndex(), 2);
+    QVERIFY(!w.cmdFollowRate->isVisibleTo(&w));
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().mid(from).contains("R1 722 1"), 3000);
+    p->cmbIndex->setCurrentText("22,1018,1");
+    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
+    QCOMPARE(p->txtDataHex->text(), QString("A1030000"));
+    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
+    QCOMPARE(w.txtFWNode->text(), QString("22"));
     QVERIFY(t.messages.isEmpty());
+    // The answer at the prompt was the whole name: the settings remember it for the next start.
+    w.formUnload();
+    QSettings user(QSettings::IniFormat, QSettings::UserScope, "Qor", "Qor.Tessel");
+    QCOMPARE(user.value("filename/fwupdcnt").toInt(), 0);
 }
 
 void TstFrmMain::serverKilledWhileRunning()
@@ -231,59 +292,6 @@ void TstFrmMain::reconnectWhileTheLossIsShown()
     const auto sessions = other->wait(other->serverWindow()->Sessions(), &error);
     QVERIFY2(sessions, qPrintable(error));
     QCOMPARE(sessions->value().filter("attached receive-all").size(), 1);
-}
-
-namespace {
-// Controller 1, with the drive that has no node-ID yet, at 250K, enabled and selected.
-void selectTheUnconfiguredDrive(FrmMain& w)
-{
-    w.cmbBaud[1]->setCurrentIndex(3);
-    w.chkCanEnable[1]->setChecked(true);
-    w.optSelCanCtrl[1]->setChecked(true);
-    QTest::qWait(300); // the drive boots
-}
-} // namespace
-
-void TstFrmMain::lssGetAndSet()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    FrmMain& w = t.window;
-    selectTheUnconfiguredDrive(w);
-    w.txtFWNode->setText("5");
-    t.window.monitor()->chkEnShowTx->setChecked(true);
-    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
-    QCOMPARE(w.txtFWNode->text(), QString("FF"));
-    // The requests show in the trace beside the answers.
-    QTRY_VERIFY(t.trace().contains("T1 7E5 8 "));
-    QTRY_VERIFY(t.trace().contains("R1 7E4 8 "));
-    QCOMPARE(w.sbrDone->text(), QString("LSS Get: node-ID FF (waiting for one) at 250K on CAN 1"));
-    // The user chooses 500K for it, and node-ID 22.
-    w.cmbBaud[1]->setCurrentIndex(2);
-    w.txtFWNode->setText("22");
-    QTest::mouseClick(w.cmdLSSSet, Qt::LeftButton);
-    QCOMPARE(w.txtAbort->text(), QString());
-    QCOMPARE(w.sbrDone->text(), QString("LSS Set: the waiting drive on CAN 1 now has node-ID 22 "
-                                        "at 500K (CAN 1 still runs at 250K)"));
-    // It started up as node 0x22 at 500K; the controller is back at 250K until the user
-    // switches it.
-    QTRY_VERIFY(t.trace().contains(QRegularExpression("R1 722 1 \\d{3}s\\d{3}\\.\\d{3} > 00 ")));
-    QTRY_COMPARE(w.cmbBaud[1]->currentIndex(), 3);
-    // The switch is offered; one click makes it.
-    QVERIFY(w.cmdFollowRate->isVisibleTo(&w));
-    QCOMPARE(w.cmdFollowRate->text(), QString("Switch CAN 1 to 500K"));
-    const qsizetype from = t.trace().size();
-    QTest::mouseClick(w.cmdFollowRate, Qt::LeftButton);
-    QCOMPARE(w.cmbBaud[1]->currentIndex(), 2);
-    QVERIFY(!w.cmdFollowRate->isVisibleTo(&w));
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().mid(from).contains("R1 722 1"), 3000);
-    w.sdoPanel->cmbIndex->setCurrentText("22,1018,1");
-    QTest::mouseClick(w.sdoPanel->cmdUpload, Qt::LeftButton);
-    QCOMPARE(w.txtAbort->text(), QString());
-    QCOMPARE(w.sdoPanel->txtDataHex->text(), QString("A1030000"));
-    // LSS Get finds it there now.
-    QTest::mouseClick(w.cmdLSSGet, Qt::LeftButton);
-    QCOMPARE(w.txtFWNode->text(), QString("22"));
 }
 
 void TstFrmMain::promptAnswers_data()
@@ -369,54 +377,6 @@ void TstFrmMain::overTcpCaption()
     // "localhost" in capitals is a name like any other: over TCP, and in the caption.
     Tessel upper(QStringLiteral("/nonexistent/socket"));
     QVERIFY(!upper.load("LOCALHOST:1"));
-}
-
-void TstFrmMain::sdoPanelWithTheDrive()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
-    SdoPanel* p = t.window.sdoPanel;
-
-    p->cmbIndex->setCurrentText("1,1018,1");
-    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString());
-    QCOMPARE(p->txtDataHex->text(), QString("A1030000"));
-    QCOMPARE(p->txtLong->text(), QString("929"));
-
-    // Write a 32-bit parameter through the long view and read it back.
-    p->cmbIndex->setCurrentText("1,2101,3");
-    p->txtLong->setText("12345");
-    emit p->txtLong->textEdited("12345");
-    QCOMPARE(p->txtDataHex->text(), QString("39300000"));
-    QTest::mouseClick(p->cmdDownload, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString());
-    // Done is said, with what and where.
-    QVERIFY2(t.window.sbrDone->text().startsWith("Downloaded 4 bytes to 1,2101,3 in "),
-             qPrintable(t.window.sbrDone->text()));
-    QTest::mouseClick(p->cmdClear, Qt::LeftButton);
-    QCOMPARE(p->txtDataHex->text(), QString());
-    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
-    QCOMPARE(p->txtLong->text(), QString("12345"));
-
-    // A missing entry: the abort code, and the data stay as they were.
-    p->cmbIndex->setCurrentText("1,3000,0");
-    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString("06020000"));
-    // The bare code stays in its box; its meaning is beside it.
-    QCOMPARE(t.window.sbrDone->text(),
-             QString("SDO abort 06020000: Object does not exist in the object dictionary"));
-    QCOMPARE(t.window.txtAbort->toolTip(), t.window.sbrDone->text());
-    QCOMPARE(p->txtLong->text(), QString("12345"));
-    // The history brings back the data of an address.
-    p->cmbIndex_Click(p->cmbIndex->findText("1,1018,1"));
-    QCOMPARE(p->txtDataHex->text(), QString("A1030000"));
-    // The exchange shows in the monitor with the server's transmit reports on.
-    t.window.monitor()->chkEnShowTx->setChecked(true);
-    p->cmbIndex->setCurrentText("1,1018,2");
-    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
-    QTRY_VERIFY(t.trace().contains("T0 601 8 000s000.000 > A4 18 10 02 7F 04 00 00 "));
-    QVERIFY(t.trace().contains("R0 581 8 "));
 }
 
 QTEST_MAIN(TstFrmMain)

@@ -1,6 +1,6 @@
 // The main window sends only what the user meant and keeps the user's place: input made while
 // a call waits is dropped, long waits can be aborted, the wheel changes nothing that was not
-// clicked into, addresses are not completed, a transfer's progress and end are shown.
+// clicked into, a transfer's progress and end are shown.
 #include "frmabort.h"
 #include "frmdiagno.h"
 #include "frmio.h"
@@ -64,7 +64,6 @@ private slots:
     void abortEndsTheWaitAndTheTransferOnTheBus();
     void wheelChangesOnlyWhatWasClickedInto_data();
     void wheelChangesOnlyWhatWasClickedInto();
-    void addressIsNotCompletedAndEnterUploads();
     void progressShowsTheTransferAndItsEnd();
 
 private:
@@ -230,26 +229,6 @@ void TstUserIntent::wheelChangesOnlyWhatWasClickedInto()
     QVERIFY(value() != before);
 }
 
-void TstUserIntent::addressIsNotCompletedAndEnterUploads()
-{
-    Tessel t(m_server->socketPath());
-    QVERIFY(t.load());
-    QTRY_VERIFY_WITH_TIMEOUT(t.trace().contains("> 7F "), 5000);
-    SdoPanel* p = t.window.sdoPanel;
-    p->cmbIndex->setCurrentText("1,1018,1");
-    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString());
-
-    p->cmbIndex->setFocus();
-    p->cmbIndex->lineEdit()->clear();
-    QTest::keyClicks(p->cmbIndex->lineEdit(), "1,1018");
-    QCOMPARE(p->cmbIndex->currentText(), QString("1,1018"));
-    QTest::keyClick(p->cmbIndex->lineEdit(), Qt::Key_Return);
-    // "1,1018" is index 0x1018 sub-index 0x18, which the drive does not have.
-    QCOMPARE(t.window.txtAbort->text(), QString("06090011"));
-    QCOMPARE(p->cmbIndex->currentText(), QString("1,1018"));
-}
-
 void TstUserIntent::progressShowsTheTransferAndItsEnd()
 {
     // The bus at its real pace, segmented: 16 KiB take about half a second.
@@ -271,11 +250,6 @@ void TstUserIntent::progressShowsTheTransferAndItsEnd()
     // ...stays full, saying so, once it has ended...
     QCOMPARE(t.window.prbStato->value(), 100);
     QCOMPARE(t.window.prbStato->text(), QString("100 % done"));
-    // ...and the next operation starts from empty; one that fails leaves it so.
-    p->cmbIndex->setCurrentText("1,3000,0");
-    QTest::mouseClick(p->cmdUpload, Qt::LeftButton);
-    QCOMPARE(t.window.txtAbort->text(), QString("06020000"));
-    QCOMPARE(t.window.prbStato->value(), 0);
 }
 
 QTEST_MAIN(TstUserIntent)
