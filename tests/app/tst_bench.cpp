@@ -3,6 +3,7 @@
 // again with its supply, auto refresh stopping once when the server goes, the alarm log with an
 // alarm raised by the bench.
 #include "benchpanel.h"
+#include "datatable.h"
 #include "fixture.h"
 #include "frmacq.h"
 #include "frmalarms.h"
@@ -16,6 +17,9 @@
 #include <QRegularExpression>
 #include <QTest>
 #include <QTreeWidget>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 using tessel::test::Tessel;
@@ -60,16 +64,13 @@ private:
 
 void TstBench::panelPerBench_data()
 {
-    QTest::addColumn<QString>("bench");
-    QTest::addColumn<bool>("assembly");
-    QTest::addColumn<bool>("reset");
-    QTest::addColumn<bool>("brakeSupply");
-    QTest::addColumn<QString>("captions"); // the power boxes of the visible group
-    QTest::addColumn<bool>("powerWalk");   // the supplies switched through, on one of a kind
-    QTest::newRow("asm:3") << "asm:3" << true << false << true << "Sgnl AuxPwr Aux In Brake"
-                           << true;
-    QTest::newRow("pcb:33") << "pcb:33" << false << true << false << "PCB Main PCB RS" << true;
-    QTest::newRow("pcb:34") << "pcb:34" << false << false << false << "PCB Main" << false;
+    // captions: the power boxes of the visible group
+    // powerWalk: the supplies switched through, on one of a kind
+    columns<QString, bool, bool, bool, QString, bool>(
+        {"bench", "assembly", "reset", "brakeSupply", "captions", "powerWalk"});
+    row("asm:3", "asm:3", true, false, true, "Sgnl AuxPwr Aux In Brake", true);
+    row("pcb:33", "pcb:33", false, true, false, "PCB Main PCB RS", true);
+    row("pcb:34", "pcb:34", false, false, false, "PCB Main", false);
 }
 
 void TstBench::panelPerBench()

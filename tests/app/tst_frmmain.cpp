@@ -1,5 +1,6 @@
 #include "benchpanel.h"
 #include "canmsg.h"
+#include "datatable.h"
 #include "frmdiagno.h"
 #include "frmmain.h"
 #include "handshake.h"
@@ -296,16 +297,13 @@ void TstFrmMain::reconnectWhileTheLossIsShown()
 
 void TstFrmMain::promptAnswers_data()
 {
-    QTest::addColumn<bool>("cancel");
-    QTest::addColumn<QString>("answer");
-    QTest::addColumn<bool>("runs");
-    QTest::addColumn<int>("exitCode");
-    QTest::newRow("cancel") << true << "" << false << 0;
-    QTest::newRow("empty answer") << false << "" << false << 0;
-    QTest::newRow("localhost") << false << "localhost" << true << 0;
-    QTest::newRow("unknown service") << false << "localhost#LSSonly" << false << 1;
-    QTest::newRow("no such host") << false << "nohost.invalid" << false << 1;
-    QTest::newRow("nobody listens") << false << "127.0.0.1:1" << false << 1;
+    columns<bool, QString, bool, int>({"cancel", "answer", "runs", "exitCode"});
+    row("cancel", true, "", false, 0);
+    row("empty answer", false, "", false, 0);
+    row("localhost", false, "localhost", true, 0);
+    row("unknown service", false, "localhost#LSSonly", false, 1);
+    row("no such host", false, "nohost.invalid", false, 1);
+    row("nobody listens", false, "127.0.0.1:1", false, 1);
 }
 
 void TstFrmMain::promptAnswers()

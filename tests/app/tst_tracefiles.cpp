@@ -1,6 +1,7 @@
 // The CAN monitor's trace files end to end: a recorded log replayed on the paced bus with its
 // spacing, checked from the server's time stamps, and traced once; the replay's failures.
 #include "candumplog.h"
+#include "datatable.h"
 #include "frmdiagno.h"
 #include "tesselharness.h"
 #include "tracefile.h"
@@ -10,6 +11,9 @@
 #include <QFile>
 #include <QPushButton>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 using tessel::test::Tessel;
@@ -74,24 +78,16 @@ void TstTraceFiles::replayedFramesAreTracedOnceAtTheirTimes()
 
 void TstTraceFiles::replayFailures_data()
 {
-    QTest::addColumn<QByteArray>("content");
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<int>("sent");
-    QTest::newRow("empty") << QByteArray() << "empty.log"
-                           << "no frames in it" << 0;
-    QTest::newRow("not a trace")
-        << QByteArray("x") << "notes.txt"
-        << "a trace file is a candump log (.log), an ASC file (.asc) or a PCAN-View trace" << 0;
-    QTest::newRow("bad third line")
-        << QByteArray("(1.000000) can0 123#01\n(1.001000) can0 124#02\n(1.002) can0 "
-                      "12345678#03\n")
-        << "bad.log"
-        << "Replay stopped after 2 frames: line 3: identifier 12345678 is extended" << 2;
-    QTest::newRow("asc fd") << QByteArray(
-                                   "   0.001 1 123 Rx d 1 00\n   0.002 CANFD 1 Rx 123 1 0 8 8 00\n")
-                            << "fd.asc"
-                            << "Replay stopped after 1 frames: line 2: CAN FD frames" << 1;
+    columns<QByteArray, QString, QString, int>({"content", "name", "message", "sent"});
+    row("empty", QByteArray(), "empty.log", "no frames in it", 0);
+    row("not a trace", QByteArray("x"), "notes.txt",
+        "a trace file is a candump log (.log), an ASC file (.asc) or a PCAN-View trace", 0);
+    row("bad third line",
+        QByteArray("(1.000000) can0 123#01\n(1.001000) can0 124#02\n(1.002) can0 "
+                   "12345678#03\n"),
+        "bad.log", "Replay stopped after 2 frames: line 3: identifier 12345678 is extended", 2);
+    row("asc fd", QByteArray("   0.001 1 123 Rx d 1 00\n   0.002 CANFD 1 Rx 123 1 0 8 8 00\n"),
+        "fd.asc", "Replay stopped after 1 frames: line 2: CAN FD frames", 1);
 }
 
 void TstTraceFiles::replayFailures()

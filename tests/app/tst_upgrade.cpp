@@ -4,6 +4,7 @@
 // download.
 #include "canlink.h"
 #include "controllerpanel.h"
+#include "datatable.h"
 #include "frmmain.h"
 #include "sdopanel.h"
 #include "srecords.h"
@@ -20,6 +21,9 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 using tessel::test::Tessel;
@@ -128,37 +132,19 @@ void TstUpgrade::catchUpgradeReleaseAndReadBack()
 
 void TstUpgrade::failures_data()
 {
-    QTest::addColumn<QString>("file");
-    QTest::addColumn<QString>("options");
-    QTest::addColumn<QString>("postProcessor");
-    QTest::addColumn<bool>("catchFirst");
-    QTest::addColumn<QString>("result");
-    QTest::addColumn<bool>("sent");
+    columns<QString, QString, QString, bool, QString, bool>(
+        {"file", "options", "postProcessor", "catchFirst", "result", "sent"});
 
-    QTest::newRow("post-processor exits non-zero") << "raw-2.2.0.S"
-                                                   << "--fail"
-                                                   << "" << true << "PostProc err" << false;
-    QTest::newRow("post-processor missing")
-        << "raw-2.2.0.S"
-        << ""
-        << "/nonexistent/postprocess" << true << "PostProc err" << false;
-    QTest::newRow("post-processor not in PATH")
-        << "raw-2.2.0.S"
-        << ""
-        << "no-such-postprocessor" << true << "PostProc err" << false;
-    QTest::newRow("image missing") << "missing.sx"
-                                   << ""
-                                   << "" << true << "File - err" << false;
-    QTest::newRow("image is a folder") << "."
-                                       << ""
-                                       << "" << true << "File - err" << false;
-    QTest::newRow("drive not in its boot loader") << "drive-2.1.7.sx"
-                                                  << ""
-                                                  << "" << false << "08000022" << true;
-    QTest::newRow("kind 0 is sent as it is, and refused by the drive")
-        << "garbage.S"
-        << ""
-        << "" << true << "08000020" << true;
+    row("post-processor exits non-zero", "raw-2.2.0.S", "--fail", "", true, "PostProc err", false);
+    row("post-processor missing", "raw-2.2.0.S", "", "/nonexistent/postprocess", true,
+        "PostProc err", false);
+    row("post-processor not in PATH", "raw-2.2.0.S", "", "no-such-postprocessor", true,
+        "PostProc err", false);
+    row("image missing", "missing.sx", "", "", true, "File - err", false);
+    row("image is a folder", ".", "", "", true, "File - err", false);
+    row("drive not in its boot loader", "drive-2.1.7.sx", "", "", false, "08000022", true);
+    row("kind 0 is sent as it is, and refused by the drive", "garbage.S", "", "", true, "08000020",
+        true);
 }
 
 void TstUpgrade::failures()

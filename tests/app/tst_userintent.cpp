@@ -1,6 +1,7 @@
 // The main window sends only what the user meant and keeps the user's place: input made while
 // a call waits is dropped, long waits can be aborted, the wheel changes nothing that was not
 // clicked into, a transfer's progress and end are shown.
+#include "datatable.h"
 #include "frmabort.h"
 #include "frmdiagno.h"
 #include "frmio.h"
@@ -166,10 +167,10 @@ void TstUserIntent::abortEndsTheWaitAndTheTransferOnTheBus()
 void TstUserIntent::wheelChangesOnlyWhatWasClickedInto_data()
 {
     QTest::addColumn<QString>("kind");
-    QTest::newRow("bit-rate list") << "combo";
-    QTest::newRow("spin box") << "spin";
-    QTest::newRow("slider") << "slider";
-    QTest::newRow("a view scrolls") << "view";
+    row("bit-rate list", "combo");
+    row("spin box", "spin");
+    row("slider", "slider");
+    row("a view scrolls", "view");
 }
 
 void TstUserIntent::wheelChangesOnlyWhatWasClickedInto()

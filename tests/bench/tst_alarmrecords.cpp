@@ -1,8 +1,12 @@
 // The alarm log's reading rules: the text table, the record text, the sort, and the record
 // loop against a scripted drive, including a drive that fails half-way.
 #include "alarmrecords.h"
+#include "datatable.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -90,13 +94,12 @@ void TstAlarmRecords::recordText()
 
 void TstAlarmRecords::key_data()
 {
-    QTest::addColumn<QVector<quint32>>("entries");
-    QTest::addColumn<int>("key");
-    QTest::newRow("entry 12") << record(2, 1250460) << 1250460;
-    QTest::newRow("signed") << record(2, -5) << -5;
-    QTest::newRow("more entries") << (record(2, 77) << 99 << 98) << 77;
-    QTest::newRow("fewer than 12") << record(2, 0, 11) << 0;
-    QTest::newRow("none") << QVector<quint32>() << 0;
+    columns<QVector<quint32>, int>({"entries", "key"});
+    row("entry 12", record(2, 1250460), 1250460);
+    row("signed", record(2, -5), -5);
+    row("more entries", (record(2, 77) << 99 << 98), 77);
+    row("fewer than 12", record(2, 0, 11), 0);
+    row("none", QVector<quint32>(), 0);
 }
 
 void TstAlarmRecords::key()
@@ -107,16 +110,16 @@ void TstAlarmRecords::key()
 
 void TstAlarmRecords::sortKeepsEqualKeysInReadOrder_data()
 {
-    QTest::addColumn<QList<int>>("keys");
-    QTest::addColumn<QString>("order"); // the records' read positions, sorted
-    QTest::newRow("sorted") << QList<int>{1, 2, 3} << "012";
-    QTest::newRow("reversed") << QList<int>{3, 2, 1} << "210";
-    QTest::newRow("two equal") << QList<int>{5, 5} << "01";
+    // order: the records' read positions, sorted
+    columns<QList<int>, QString>({"keys", "order"});
+    row("sorted", QList<int>{1, 2, 3}, "012");
+    row("reversed", QList<int>{3, 2, 1}, "210");
+    row("two equal", QList<int>{5, 5}, "01");
     // An exchange sort would put record 2 before record 1 here.
-    QTest::newRow("equal behind a greater") << QList<int>{9, 4, 4, 1} << "3120";
-    QTest::newRow("three equal apart") << QList<int>{7, 2, 7, 2, 7} << "13024";
-    QTest::newRow("negative first") << QList<int>{0, -1, 0} << "102";
-    QTest::newRow("none") << QList<int>{} << "";
+    row("equal behind a greater", QList<int>{9, 4, 4, 1}, "3120");
+    row("three equal apart", QList<int>{7, 2, 7, 2, 7}, "13024");
+    row("negative first", QList<int>{0, -1, 0}, "102");
+    row("none", QList<int>{}, "");
 }
 
 void TstAlarmRecords::sortKeepsEqualKeysInReadOrder()

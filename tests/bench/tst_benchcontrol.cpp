@@ -1,10 +1,14 @@
 // The bench panel's rules on a recording bench: what each control sends per bench, the I/O
 // initialised once, the supply sequences with what users type.
 #include "benchcontrol.h"
+#include "datatable.h"
 #include "recordingbench.h"
 
 #include <QSignalSpy>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 using tessel::test::RecordingBench;
@@ -27,29 +31,26 @@ Q_DECLARE_METATYPE(BoxAction)
 
 void TstBenchControl::boxes_data()
 {
-    QTest::addColumn<int>("type");
-    QTest::addColumn<BoxAction>("action");
-    QTest::addColumn<bool>("ticked");
-    QTest::addColumn<QString>("sent");
+    columns<int, BoxAction, bool, QString>({"type", "action", "ticked", "sent"});
     const BoxAction main = &BenchControl::powerMain, aux = &BenchControl::powerAux,
                     auxIn = &BenchControl::powerAuxIn, brake = &BenchControl::powerBrake,
                     pcbMain = &BenchControl::pcbMain, reset = &BenchControl::pcbReset;
-    QTest::newRow("main") << 3 << main << true << "out 5 1";
-    QTest::newRow("main off") << 33 << main << false << "out 5 0";
-    QTest::newRow("aux on type 3") << 3 << aux << true << "out 8 1";
-    QTest::newRow("aux elsewhere") << 1 << aux << true << "out 2 1";
-    QTest::newRow("aux in") << 34 << auxIn << false << "out 6 0";
+    row("main", 3, main, true, "out 5 1");
+    row("main off", 33, main, false, "out 5 0");
+    row("aux on type 3", 3, aux, true, "out 8 1");
+    row("aux elsewhere", 1, aux, true, "out 2 1");
+    row("aux in", 34, auxIn, false, "out 6 0");
     // The second assembly bench has a programmable brake supply: commands, never output 1.
-    QTest::newRow("brake on type 3") << 3 << brake << true << "cmd 13";
-    QTest::newRow("brake off type 3") << 3 << brake << false << "cmd 12";
-    QTest::newRow("brake elsewhere") << 1 << brake << true << "out 1 1";
-    QTest::newRow("brake off elsewhere") << 34 << brake << false << "out 1 0";
-    QTest::newRow("pcb main 33") << 33 << pcbMain << true << "out 5 1";
-    QTest::newRow("pcb main 34") << 34 << pcbMain << true << "out 9 1";
-    QTest::newRow("pcb main 3") << 3 << pcbMain << false << "out 9 0";
+    row("brake on type 3", 3, brake, true, "cmd 13");
+    row("brake off type 3", 3, brake, false, "cmd 12");
+    row("brake elsewhere", 1, brake, true, "out 1 1");
+    row("brake off elsewhere", 34, brake, false, "out 1 0");
+    row("pcb main 33", 33, pcbMain, true, "out 5 1");
+    row("pcb main 34", 34, pcbMain, true, "out 9 1");
+    row("pcb main 3", 3, pcbMain, false, "out 9 0");
     // The reset line is inverted.
-    QTest::newRow("reset ticked") << 33 << reset << true << "out 2 0";
-    QTest::newRow("reset cleared") << 33 << reset << false << "out 2 1";
+    row("reset ticked", 33, reset, true, "out 2 0");
+    row("reset cleared", 33, reset, false, "out 2 1");
 }
 
 void TstBenchControl::boxes()
@@ -67,9 +68,9 @@ void TstBenchControl::boxes()
 void TstBenchControl::firstActionInitialisesOnce_data()
 {
     QTest::addColumn<QString>("initError");
-    QTest::newRow("init works") << "";
+    row("init works", "");
     // A failed initialisation is said, and not tried again at the next action.
-    QTest::newRow("init fails") << "bench I/O not ready";
+    row("init fails", "bench I/O not ready");
 }
 
 void TstBenchControl::firstActionInitialisesOnce()
@@ -122,10 +123,9 @@ void TstBenchControl::refusedVoltageSwitchesNothing()
 
 void TstBenchControl::shutdown_data()
 {
-    QTest::addColumn<bool>("brakeShown");
-    QTest::addColumn<QStringList>("sent");
-    QTest::newRow("brake shown") << true << QStringList{"init", "cmd 12", "cmd 11"};
-    QTest::newRow("brake hidden") << false << QStringList{"init", "cmd 11"};
+    columns<bool, QStringList>({"brakeShown", "sent"});
+    row("brake shown", true, QStringList{"init", "cmd 12", "cmd 11"});
+    row("brake hidden", false, QStringList{"init", "cmd 11"});
 }
 
 void TstBenchControl::shutdown()

@@ -1,9 +1,13 @@
 // The fixture windows' rules: read-out formats, padded names, door lines, the boxes per bench,
 // and a whole refresh on a recording bench, with the failures each window meets.
+#include "datatable.h"
 #include "fixture.h"
 #include "recordingbench.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 using tessel::test::RecordingBench;
@@ -26,23 +30,14 @@ private slots:
 
 void TstFixture::fixedPoint_data()
 {
-    QTest::addColumn<double>("value");
-    QTest::addColumn<QString>("two");
-    QTest::addColumn<QString>("three");
-    QTest::newRow("1.5") << 1.5 << "01.500"
-                         << "001.500";
-    QTest::newRow("100") << 100.0 << "100.000"
-                         << "100.000";
-    QTest::newRow("-3.25") << -3.25 << "-03.250"
-                           << "-003.250";
-    QTest::newRow("0") << 0.0 << "00.000"
-                       << "000.000";
-    QTest::newRow("rounds up into a digit") << 9.9996 << "10.000"
-                                            << "010.000";
-    QTest::newRow("tiny negative has no sign") << -0.0004 << "00.000"
-                                               << "000.000";
-    QTest::newRow("thousands") << 1234.5678 << "1234.568"
-                               << "1234.568";
+    columns<double, QString, QString>({"value", "two", "three"});
+    row("1.5", 1.5, "01.500", "001.500");
+    row("100", 100.0, "100.000", "100.000");
+    row("-3.25", -3.25, "-03.250", "-003.250");
+    row("0", 0.0, "00.000", "000.000");
+    row("rounds up into a digit", 9.9996, "10.000", "010.000");
+    row("tiny negative has no sign", -0.0004, "00.000", "000.000");
+    row("thousands", 1234.5678, "1234.568", "1234.568");
 }
 
 void TstFixture::fixedPoint()
@@ -54,22 +49,15 @@ void TstFixture::fixedPoint()
 
 void TstFixture::channelLines_data()
 {
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<int>("channel");
-    QTest::addColumn<double>("value");
-    QTest::addColumn<QString>("line");
-    QTest::newRow("asm") << int(FixtureKind::Assembly) << 3 << 1.5 << "ch 3 cont canL = 01.500";
-    QTest::newRow("asm negative") << int(FixtureKind::Assembly) << 0 << -3.25
-                                  << "ch 0 pwr short = -03.250";
-    QTest::newRow("asm last") << int(FixtureKind::Assembly) << 5 << 100.0
-                              << "ch 5 cont aux pwr = 100.000";
-    QTest::newRow("pcb") << int(FixtureKind::Pcb) << 12 << 0.0 << "ch 12 = 000.000";
-    QTest::newRow("pcb 1.5") << int(FixtureKind::Pcb) << 0 << 1.5 << "ch 0 = 001.500";
-    QTest::newRow("zd3") << int(FixtureKind::PcbZd3) << 0 << 48.0 << "vdcbus       = 048.000";
-    QTest::newRow("zd3 unit") << int(FixtureKind::PcbZd3) << 15 << 109.0
-                              << "isupply [mA] = 109.000";
-    QTest::newRow("zd3 negative") << int(FixtureKind::PcbZd3) << 14 << -3.25
-                                  << "-5v_dig      = -003.250";
+    columns<int, int, double, QString>({"kind", "channel", "value", "line"});
+    row("asm", int(FixtureKind::Assembly), 3, 1.5, "ch 3 cont canL = 01.500");
+    row("asm negative", int(FixtureKind::Assembly), 0, -3.25, "ch 0 pwr short = -03.250");
+    row("asm last", int(FixtureKind::Assembly), 5, 100.0, "ch 5 cont aux pwr = 100.000");
+    row("pcb", int(FixtureKind::Pcb), 12, 0.0, "ch 12 = 000.000");
+    row("pcb 1.5", int(FixtureKind::Pcb), 0, 1.5, "ch 0 = 001.500");
+    row("zd3", int(FixtureKind::PcbZd3), 0, 48.0, "vdcbus       = 048.000");
+    row("zd3 unit", int(FixtureKind::PcbZd3), 15, 109.0, "isupply [mA] = 109.000");
+    row("zd3 negative", int(FixtureKind::PcbZd3), 14, -3.25, "-5v_dig      = -003.250");
 }
 
 void TstFixture::channelLines()
@@ -94,11 +82,11 @@ void TstFixture::doorLines()
 
 void TstFixture::assemblyBoxes_data()
 {
-    QTest::addColumn<int>("benchType");
-    QTest::addColumn<QString>("enabled"); // one character per box 0..10
-    QTest::newRow("version 1 (type 19)") << 19 << "11111111000";
-    QTest::newRow("version 1 (type 1)") << 1 << "11111111000";
-    QTest::newRow("version 2") << 3 << "00011111111";
+    // enabled: one character per box 0..10
+    columns<int, QString>({"benchType", "enabled"});
+    row("version 1 (type 19)", 19, "11111111000");
+    row("version 1 (type 1)", 1, "11111111000");
+    row("version 2", 3, "00011111111");
 }
 
 void TstFixture::assemblyBoxes()
@@ -118,19 +106,11 @@ void TstFixture::assemblyBoxes()
 
 void TstFixture::refresh_data()
 {
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<int>("benchType");
-    QTest::addColumn<int>("lines");
-    QTest::addColumn<QString>("first");
-    QTest::addColumn<QString>("firstCall");
-    QTest::newRow("asm") << int(FixtureKind::Assembly) << 3 << 6 << "ch 0 pwr short = 48.000"
-                         << "acquire";
-    QTest::newRow("pcb") << int(FixtureKind::Pcb) << 0 << 14 << "Door = H"
-                         << "input 0";
-    QTest::newRow("zd3") << int(FixtureKind::PcbZd3) << 35 << 25 << "Door SW1     = H"
-                         << "input 0";
-    QTest::newRow("zd3 type 34") << int(FixtureKind::PcbZd3) << 34 << 24 << "Door SW1     = H"
-                                 << "input 0";
+    columns<int, int, int, QString, QString>({"kind", "benchType", "lines", "first", "firstCall"});
+    row("asm", int(FixtureKind::Assembly), 3, 6, "ch 0 pwr short = 48.000", "acquire");
+    row("pcb", int(FixtureKind::Pcb), 0, 14, "Door = H", "input 0");
+    row("zd3", int(FixtureKind::PcbZd3), 35, 25, "Door SW1     = H", "input 0");
+    row("zd3 type 34", int(FixtureKind::PcbZd3), 34, 24, "Door SW1     = H", "input 0");
 }
 
 void TstFixture::refresh()

@@ -1,7 +1,11 @@
+#include "datatable.h"
 #include "simbench.h"
 
 #include <QSignalSpy>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 
@@ -20,12 +24,10 @@ private slots:
 
 void TstSimBench::drivePower_data()
 {
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<int>("type");
-    QTest::addColumn<int>("relay");
-    QTest::newRow("assembly 3") << 1 << 3 << 5;
-    QTest::newRow("pcb 33") << 2 << 33 << 5;
-    QTest::newRow("pcb 34") << 2 << 34 << 9;
+    columns<int, int, int>({"kind", "type", "relay"});
+    row("assembly 3", 1, 3, 5);
+    row("pcb 33", 2, 33, 5);
+    row("pcb 34", 2, 34, 9);
 }
 
 void TstSimBench::drivePower()
@@ -95,21 +97,19 @@ void TstSimBench::analogFollowsSupplies()
 
 void TstSimBench::refusedSupplyValues_data()
 {
-    QTest::addColumn<int>("parameter");
-    QTest::addColumn<double>("value");
-    QTest::addColumn<QString>("error");
-    QTest::newRow("negative") << 26 << -5.0
-                              << "bench parameter 26 (main supply voltage): -5 V is out of range "
-                                 "(0 to 60 V)";
-    QTest::newRow("huge") << 29 << 1e9
-                          << "bench parameter 29 (brake supply voltage): 1000000000 V is out of "
-                             "range (0 to 60 V)";
-    QTest::newRow("current") << 27 << 20.5
-                             << "bench parameter 27 (main supply current limit): 20.5 A is out "
-                                "of range (0 to 20 A)";
-    QTest::newRow("not a number") << 26 << qQNaN()
-                                  << "bench parameter 26 (main supply voltage): nan V is out of "
-                                     "range (0 to 60 V)";
+    columns<int, double, QString>({"parameter", "value", "error"});
+    row("negative", 26, -5.0,
+        "bench parameter 26 (main supply voltage): -5 V is out of range "
+        "(0 to 60 V)");
+    row("huge", 29, 1e9,
+        "bench parameter 29 (brake supply voltage): 1000000000 V is out of "
+        "range (0 to 60 V)");
+    row("current", 27, 20.5,
+        "bench parameter 27 (main supply current limit): 20.5 A is out "
+        "of range (0 to 20 A)");
+    row("not a number", 26, qQNaN(),
+        "bench parameter 26 (main supply voltage): nan V is out of "
+        "range (0 to 60 V)");
 }
 
 void TstSimBench::refusedSupplyValues()

@@ -1,4 +1,5 @@
 #include "canmsg.h"
+#include "datatable.h"
 #include "qcanbuschannel.h"
 #include "serverclock.h"
 
@@ -6,6 +7,8 @@
 #include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
+
+using tessel::test::row;
 
 using namespace qorcalib;
 
@@ -79,8 +82,8 @@ private slots:
 void TstQCanBusChannel::ownFramesComeBackInOrderWithTheirOrigin_data()
 {
     QTest::addColumn<bool>("whileWriting");
-    QTest::newRow("reported later") << false;
-    QTest::newRow("reported while writing") << true;
+    row("reported later", false);
+    row("reported while writing", true);
 }
 
 void TstQCanBusChannel::ownFramesComeBackInOrderWithTheirOrigin()

@@ -1,7 +1,11 @@
 #include "bittiming.h"
+#include "datatable.h"
 #include "simulatedsegment.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 
@@ -57,14 +61,11 @@ private slots:
 
 void TstSimulatedSegment::deliveryByBitRate_data()
 {
-    QTest::addColumn<int>("senderRate");
-    QTest::addColumn<int>("receiverRate");
-    QTest::addColumn<bool>("receiverActive");
-    QTest::addColumn<bool>("delivered");
+    columns<int, int, bool, bool>({"senderRate", "receiverRate", "receiverActive", "delivered"});
 
-    QTest::newRow("same rate") << 0 << 0 << true << true;
-    QTest::newRow("other rate") << 0 << 2 << true << false;
-    QTest::newRow("same rate, receiver stopped") << 3 << 3 << false << false;
+    row("same rate", 0, 0, true, true);
+    row("other rate", 0, 2, true, false);
+    row("same rate, receiver stopped", 3, 3, false, false);
 }
 
 void TstSimulatedSegment::deliveryByBitRate()

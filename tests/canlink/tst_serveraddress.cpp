@@ -1,6 +1,10 @@
+#include "datatable.h"
 #include "serverconnection.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 
@@ -14,20 +18,17 @@ private slots:
 
 void TstServerAddress::fromMachineName_data()
 {
-    QTest::addColumn<QString>("machine");
-    QTest::addColumn<bool>("local");
-    QTest::addColumn<QString>("host");
-    QTest::addColumn<int>("port");
-    QTest::newRow("localhost") << "localhost" << true << "" << 0;
+    columns<QString, bool, QString, int>({"machine", "local", "host", "port"});
+    row("localhost", "localhost", true, "", 0);
     // Only the exact spelling is the local server; anything else goes over the network.
-    QTest::newRow("LOCALHOST") << "LOCALHOST" << false << "LOCALHOST" << 17420;
-    QTest::newRow("name") << "bench7" << false << "bench7" << 17420;
-    QTest::newRow("name and port") << "bench7:5000" << false << "bench7" << 5000;
-    QTest::newRow("ipv4 and port") << "10.1.2.3:6000" << false << "10.1.2.3" << 6000;
-    QTest::newRow("bare ipv6") << "fe80::1" << false << "fe80::1" << 17420;
-    QTest::newRow("bracketed ipv6") << "[::1]:7000" << false << "::1" << 7000;
-    QTest::newRow("bad port") << "bench7:http" << false << "bench7" << 0;
-    QTest::newRow("port too big") << "bench7:70000" << false << "bench7" << 0;
+    row("LOCALHOST", "LOCALHOST", false, "LOCALHOST", 17420);
+    row("name", "bench7", false, "bench7", 17420);
+    row("name and port", "bench7:5000", false, "bench7", 5000);
+    row("ipv4 and port", "10.1.2.3:6000", false, "10.1.2.3", 6000);
+    row("bare ipv6", "fe80::1", false, "fe80::1", 17420);
+    row("bracketed ipv6", "[::1]:7000", false, "::1", 7000);
+    row("bad port", "bench7:http", false, "bench7", 0);
+    row("port too big", "bench7:70000", false, "bench7", 0);
 }
 
 void TstServerAddress::fromMachineName()

@@ -1,9 +1,13 @@
 // The boot catch, against frames written out by hand: the catcher's requests and how it takes
 // (or ignores) answers, and which requests a boot loader must take.
 #include "bootcatch.h"
+#include "datatable.h"
 #include "frametext.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using qorcalib::test::fromHex;
@@ -56,26 +60,17 @@ void TstBootCatch::repeatsItsRequestUntilTheTimeIsUp()
 
 void TstBootCatch::answers_data()
 {
-    QTest::addColumn<int>("node");
-    QTest::addColumn<quint16>("id");
-    QTest::addColumn<QByteArray>("data");
-    QTest::addColumn<bool>("caught");
-    QTest::addColumn<int>("caughtNode");
-    QTest::addColumn<quint32>("version");
+    columns<int, quint16, QByteArray, bool, int, quint32>(
+        {"node", "id", "data", "caught", "caughtNode", "version"});
 
-    QTest::newRow("any node") << 0 << quint16(0x6A1) << QByteArray("0703020100") << true << 7
-                              << 0x00010203u;
-    QTest::newRow("the named node")
-        << 5 << quint16(0x6A1) << QByteArray("05010a0200") << true << 5 << 0x00020A01u;
-    QTest::newRow("another node than the named one")
-        << 5 << quint16(0x6A1) << QByteArray("0603020100") << false << 0 << 0u;
-    QTest::newRow("too short") << 0 << quint16(0x6A1) << QByteArray("07030201") << false << 0 << 0u;
-    QTest::newRow("longer is fine")
-        << 0 << quint16(0x6A1) << QByteArray("0704030201ffff") << true << 7 << 0x01020304u;
-    QTest::newRow("not the answer's COB-ID")
-        << 0 << quint16(0x6A0) << QByteArray("0703020100") << false << 0 << 0u;
-    QTest::newRow("version 0 is still an answer")
-        << 0 << quint16(0x6A1) << QByteArray("0100000000") << true << 1 << 0u;
+    row("any node", 0, quint16(0x6A1), QByteArray("0703020100"), true, 7, 0x00010203u);
+    row("the named node", 5, quint16(0x6A1), QByteArray("05010a0200"), true, 5, 0x00020A01u);
+    row("another node than the named one", 5, quint16(0x6A1), QByteArray("0603020100"), false, 0,
+        0u);
+    row("too short", 0, quint16(0x6A1), QByteArray("07030201"), false, 0, 0u);
+    row("longer is fine", 0, quint16(0x6A1), QByteArray("0704030201ffff"), true, 7, 0x01020304u);
+    row("not the answer's COB-ID", 0, quint16(0x6A0), QByteArray("0703020100"), false, 0, 0u);
+    row("version 0 is still an answer", 0, quint16(0x6A1), QByteArray("0100000000"), true, 1, 0u);
 }
 
 void TstBootCatch::answers()

@@ -1,12 +1,16 @@
 // The drive profile against controlwords written out by hand: its state machine (every
 // transition, and commands a state does not take), profile position, profile velocity and
 // homing moves in time, quick stop, and the following error fault with its reset.
+#include "datatable.h"
 #include "driveprofile.h"
 #include "frametext.h"
 
 #include <QMap>
 #include <QTest>
 #include <QtEndian>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -102,35 +106,27 @@ private slots:
 void TstDriveProfile::stateMachine_data()
 {
     // Controlwords in order from switch on disabled; the state after the last, its statusword.
-    QTest::addColumn<QList<int>>("words");
-    QTest::addColumn<State>("state");
-    QTest::addColumn<int>("status");
-    QTest::newRow("start") << QList<int>{} << State::SwitchOnDisabled << 0x0240;
-    QTest::newRow("shutdown") << QList<int>{0x06} << State::ReadyToSwitchOn << 0x0231;
-    QTest::newRow("switch on") << QList<int>{0x06, 0x07} << State::SwitchedOn << 0x0233;
-    QTest::newRow("enable operation")
-        << QList<int>{0x06, 0x07, 0x0F} << State::OperationEnabled << 0x0637;
-    QTest::newRow("switch on and enable at once")
-        << QList<int>{0x06, 0x0F} << State::OperationEnabled << 0x0637;
-    QTest::newRow("disable operation")
-        << QList<int>{0x06, 0x0F, 0x07} << State::SwitchedOn << 0x0233;
-    QTest::newRow("shutdown from enabled")
-        << QList<int>{0x06, 0x0F, 0x06} << State::ReadyToSwitchOn << 0x0231;
-    QTest::newRow("disable voltage from enabled")
-        << QList<int>{0x06, 0x0F, 0x00} << State::SwitchOnDisabled << 0x0240;
-    QTest::newRow("quick stop from switched on")
-        << QList<int>{0x06, 0x07, 0x02} << State::SwitchOnDisabled << 0x0240;
-    QTest::newRow("quick stop from enabled, standing")
-        << QList<int>{0x06, 0x0F, 0x02} << State::QuickStopActive << 0x0217;
-    QTest::newRow("back from quick stop")
-        << QList<int>{0x06, 0x0F, 0x02, 0x0F} << State::OperationEnabled << 0x0637;
+    columns<QList<int>, State, int>({"words", "state", "status"});
+    row("start", QList<int>{}, State::SwitchOnDisabled, 0x0240);
+    row("shutdown", QList<int>{0x06}, State::ReadyToSwitchOn, 0x0231);
+    row("switch on", QList<int>{0x06, 0x07}, State::SwitchedOn, 0x0233);
+    row("enable operation", QList<int>{0x06, 0x07, 0x0F}, State::OperationEnabled, 0x0637);
+    row("switch on and enable at once", QList<int>{0x06, 0x0F}, State::OperationEnabled, 0x0637);
+    row("disable operation", QList<int>{0x06, 0x0F, 0x07}, State::SwitchedOn, 0x0233);
+    row("shutdown from enabled", QList<int>{0x06, 0x0F, 0x06}, State::ReadyToSwitchOn, 0x0231);
+    row("disable voltage from enabled", QList<int>{0x06, 0x0F, 0x00}, State::SwitchOnDisabled,
+        0x0240);
+    row("quick stop from switched on", QList<int>{0x06, 0x07, 0x02}, State::SwitchOnDisabled,
+        0x0240);
+    row("quick stop from enabled, standing", QList<int>{0x06, 0x0F, 0x02}, State::QuickStopActive,
+        0x0217);
+    row("back from quick stop", QList<int>{0x06, 0x0F, 0x02, 0x0F}, State::OperationEnabled,
+        0x0637);
     // Commands the state does not take change nothing.
-    QTest::newRow("switch on without shutdown")
-        << QList<int>{0x07} << State::SwitchOnDisabled << 0x0240;
-    QTest::newRow("enable without shutdown")
-        << QList<int>{0x0F} << State::SwitchOnDisabled << 0x0240;
-    QTest::newRow("fault reset without a fault disables the voltage")
-        << QList<int>{0x06, 0x80} << State::SwitchOnDisabled << 0x0240;
+    row("switch on without shutdown", QList<int>{0x07}, State::SwitchOnDisabled, 0x0240);
+    row("enable without shutdown", QList<int>{0x0F}, State::SwitchOnDisabled, 0x0240);
+    row("fault reset without a fault disables the voltage", QList<int>{0x06, 0x80},
+        State::SwitchOnDisabled, 0x0240);
 }
 
 void TstDriveProfile::stateMachine()

@@ -1,6 +1,7 @@
 // A node's error reporting against frames written out by hand: emergencies with their register,
 // error field, inhibit time and parameter checks; node guarding's answers and toggle, life
 // guarding and the heartbeat consumer losing and finding their peer.
+#include "datatable.h"
 #include "emcy.h"
 #include "errorcontrol.h"
 #include "frametext.h"
@@ -9,6 +10,9 @@
 #include <QMap>
 #include <QTest>
 #include <QtEndian>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -114,18 +118,12 @@ void TstErrorControl::emergencies()
 
 void TstErrorControl::emergencyParameters_data()
 {
-    QTest::addColumn<int>("index");
-    QTest::addColumn<int>("sub");
-    QTest::addColumn<quint32>("value");
-    QTest::addColumn<quint32>("abort");
-    QTest::newRow("error field emptied") << 0x1003 << 0 << 0u << 0u;
-    QTest::newRow("error field count other than 0")
-        << 0x1003 << 0 << 2u << quint32(SdoAbort::InvalidValue);
-    QTest::newRow("COB-ID made not valid") << 0x1014 << 0 << 0x80000085u << 0u;
-    QTest::newRow("new COB-ID while valid")
-        << 0x1014 << 0 << 0x86u << quint32(SdoAbort::InvalidValue);
-    QTest::newRow("extended COB-ID")
-        << 0x1014 << 0 << 0x20000085u << quint32(SdoAbort::InvalidValue);
+    columns<int, int, quint32, quint32>({"index", "sub", "value", "abort"});
+    row("error field emptied", 0x1003, 0, 0u, 0u);
+    row("error field count other than 0", 0x1003, 0, 2u, quint32(SdoAbort::InvalidValue));
+    row("COB-ID made not valid", 0x1014, 0, 0x80000085u, 0u);
+    row("new COB-ID while valid", 0x1014, 0, 0x86u, quint32(SdoAbort::InvalidValue));
+    row("extended COB-ID", 0x1014, 0, 0x20000085u, quint32(SdoAbort::InvalidValue));
 }
 
 void TstErrorControl::emergencyParameters()

@@ -1,3 +1,4 @@
+#include "datatable.h"
 #include "frametext.h"
 #include "lssmaster.h"
 #include "lssslave.h"
@@ -6,6 +7,9 @@
 
 #include <deque>
 #include <optional>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -146,49 +150,32 @@ private slots:
 
 void TstLss::masterConfirmedServices_data()
 {
-    QTest::addColumn<int>("service"); // 0 node-ID, 1 bit timing, 2 store, 3 inquire node-ID
-    QTest::addColumn<QStringList>("script");
-    QTest::addColumn<QString>("request");
-    QTest::addColumn<QString>("error");
+    // service: 0 node-ID, 1 bit timing, 2 store, 3 inquire node-ID
+    columns<int, QStringList, QString, QString>({"service", "script", "request", "error"});
 
-    QTest::newRow("node-ID") << 0 << QStringList{"1100000000000000"}
-                             << "7e5:11 22 00 00 00 00 00 00"
-                             << "";
-    QTest::newRow("node-ID out of range")
-        << 0 << QStringList{"1101000000000000"} << "7e5:11 22 00 00 00 00 00 00"
-        << "LSS error 01: node-ID out of range";
-    QTest::newRow("node-ID, specific error")
-        << 0 << QStringList{"11ff050000000000"} << "7e5:11 22 00 00 00 00 00 00"
-        << "LSS error FF: implementation specific error 05";
-    QTest::newRow("node-ID, no answer") << 0 << QStringList{"-"} << "7e5:11 22 00 00 00 00 00 00"
-                                        << "no LSS slave answered";
-    QTest::newRow("bit timing") << 1 << QStringList{"1300000000000000"}
-                                << "7e5:13 00 02 00 00 00 00 00"
-                                << "";
-    QTest::newRow("bit timing not supported")
-        << 1 << QStringList{"1301000000000000"} << "7e5:13 00 02 00 00 00 00 00"
-        << "LSS error 01: bit timing not supported";
-    QTest::newRow("store") << 2 << QStringList{"1700000000000000"} << "7e5:17 00 00 00 00 00 00 00"
-                           << "";
-    QTest::newRow("store not supported")
-        << 2 << QStringList{"1701000000000000"} << "7e5:17 00 00 00 00 00 00 00"
-        << "LSS error 01: storing the configuration is not supported";
-    QTest::newRow("store failed") << 2 << QStringList{"1702000000000000"}
-                                  << "7e5:17 00 00 00 00 00 00 00"
-                                  << "LSS error 02: storage media access error";
-    QTest::newRow("store, reserved code")
-        << 2 << QStringList{"1707000000000000"} << "7e5:17 00 00 00 00 00 00 00"
-        << "LSS error 07 (reserved)";
-    QTest::newRow("inquire node-ID")
-        << 3 << QStringList{"5e22000000000000"} << "7e5:5e 00 00 00 00 00 00 00"
-        << "";
-    QTest::newRow("inquire node-ID, no answer")
-        << 3 << QStringList{"-"} << "7e5:5e 00 00 00 00 00 00 00"
-        << "no LSS slave answered";
+    row("node-ID", 0, QStringList{"1100000000000000"}, "7e5:11 22 00 00 00 00 00 00", "");
+    row("node-ID out of range", 0, QStringList{"1101000000000000"}, "7e5:11 22 00 00 00 00 00 00",
+        "LSS error 01: node-ID out of range");
+    row("node-ID, specific error", 0, QStringList{"11ff050000000000"},
+        "7e5:11 22 00 00 00 00 00 00", "LSS error FF: implementation specific error 05");
+    row("node-ID, no answer", 0, QStringList{"-"}, "7e5:11 22 00 00 00 00 00 00",
+        "no LSS slave answered");
+    row("bit timing", 1, QStringList{"1300000000000000"}, "7e5:13 00 02 00 00 00 00 00", "");
+    row("bit timing not supported", 1, QStringList{"1301000000000000"},
+        "7e5:13 00 02 00 00 00 00 00", "LSS error 01: bit timing not supported");
+    row("store", 2, QStringList{"1700000000000000"}, "7e5:17 00 00 00 00 00 00 00", "");
+    row("store not supported", 2, QStringList{"1701000000000000"}, "7e5:17 00 00 00 00 00 00 00",
+        "LSS error 01: storing the configuration is not supported");
+    row("store failed", 2, QStringList{"1702000000000000"}, "7e5:17 00 00 00 00 00 00 00",
+        "LSS error 02: storage media access error");
+    row("store, reserved code", 2, QStringList{"1707000000000000"}, "7e5:17 00 00 00 00 00 00 00",
+        "LSS error 07 (reserved)");
+    row("inquire node-ID", 3, QStringList{"5e22000000000000"}, "7e5:5e 00 00 00 00 00 00 00", "");
+    row("inquire node-ID, no answer", 3, QStringList{"-"}, "7e5:5e 00 00 00 00 00 00 00",
+        "no LSS slave answered");
     // An answer to another service is not the one awaited.
-    QTest::newRow("answer of another service")
-        << 3 << QStringList{"1100000000000000"} << "7e5:5e 00 00 00 00 00 00 00"
-        << "no LSS slave answered";
+    row("answer of another service", 3, QStringList{"1100000000000000"},
+        "7e5:5e 00 00 00 00 00 00 00", "no LSS slave answered");
 }
 
 void TstLss::masterConfirmedServices()
@@ -314,9 +301,9 @@ void TstLss::slaveAgainstScriptedMaster()
 void TstLss::fastscanFindsEachSlave_data()
 {
     QTest::addColumn<QList<quint32>>("serials");
-    QTest::newRow("one") << QList<quint32>{0x12345678};
-    QTest::newRow("two") << QList<quint32>{0x80000001, 0x00000002};
-    QTest::newRow("three") << QList<quint32>{5, 3, 9};
+    row("one", QList<quint32>{0x12345678});
+    row("two", QList<quint32>{0x80000001, 0x00000002});
+    row("three", QList<quint32>{5, 3, 9});
 }
 
 void TstLss::fastscanFindsEachSlave()

@@ -1,7 +1,11 @@
+#include "datatable.h"
 #include "frametext.h"
 #include "nmtslave.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -72,18 +76,19 @@ void TstNmtSlave::bootUpThenHeartbeats()
 
 void TstNmtSlave::commands_data()
 {
-    QTest::addColumn<QByteArray>("command"); // NMT frame data, in hex
-    QTest::addColumn<int>("state");          // state after the command, as the heartbeat says
+    // command: NMT frame data, in hex
+    // state: state after the command, as the heartbeat says
+    columns<QByteArray, int>({"command", "state"});
 
-    QTest::newRow("start") << QByteArray("0105") << 0x05;
-    QTest::newRow("start all") << QByteArray("0100") << 0x05;
-    QTest::newRow("stop") << QByteArray("0205") << 0x04;
-    QTest::newRow("pre-operational after start") << QByteArray("0105|8005") << 0x7F;
-    QTest::newRow("start after stop") << QByteArray("0205|0105") << 0x05;
-    QTest::newRow("other node") << QByteArray("0106") << 0x7F;
-    QTest::newRow("unknown specifier") << QByteArray("0305") << 0x7F;
-    QTest::newRow("one byte is no command") << QByteArray("01") << 0x7F;
-    QTest::newRow("three bytes is no command") << QByteArray("010500") << 0x7F;
+    row("start", QByteArray("0105"), 0x05);
+    row("start all", QByteArray("0100"), 0x05);
+    row("stop", QByteArray("0205"), 0x04);
+    row("pre-operational after start", QByteArray("0105|8005"), 0x7F);
+    row("start after stop", QByteArray("0205|0105"), 0x05);
+    row("other node", QByteArray("0106"), 0x7F);
+    row("unknown specifier", QByteArray("0305"), 0x7F);
+    row("one byte is no command", QByteArray("01"), 0x7F);
+    row("three bytes is no command", QByteArray("010500"), 0x7F);
 }
 
 void TstNmtSlave::commands()

@@ -1,6 +1,7 @@
 // The PDO engine against frames written out by hand: the mapping procedure and its refusals,
 // TPDOs on SYNC, on change, on the event timer within the inhibit time, RPDOs at once or at the
 // next SYNC, and RPDOs of the wrong length.
+#include "datatable.h"
 #include "frametext.h"
 #include "pdo.h"
 #include "sdoabort.h"
@@ -9,6 +10,9 @@
 #include <QRegularExpression>
 #include <QTest>
 #include <QtEndian>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -113,46 +117,36 @@ private slots:
 void TstPdo::parameterWrites_data()
 {
     // Writes "INDEX,SUB=VALUE" in order; the abort code of the last one.
-    QTest::addColumn<QStringList>("writes");
-    QTest::addColumn<quint32>("abort");
+    columns<QStringList, quint32>({"writes", "abort"});
     const quint32 none = 0;
-    QTest::newRow("the whole procedure")
-        << QStringList{"1800,1=80000185", "1A00,0=0", "1A00,1=60410010",
-                       "1A00,2=607A0020", "1A00,0=2", "1800,1=00000185"}
-        << none;
-    QTest::newRow("mapping of a valid PDO")
-        << QStringList{"1A00,0=0"} << quint32(SdoAbort::UnsupportedAccess);
-    QTest::newRow("entry while sub 0 is not 0")
-        << QStringList{"1A01,1=60410010", "1A01,0=1", "1A01,1=607A0020"}
-        << quint32(SdoAbort::UnsupportedAccess);
-    QTest::newRow("missing entry") << QStringList{"1A01,1=60990010"} << quint32(SdoAbort::NoObject);
-    QTest::newRow("entry that may not be mapped")
-        << QStringList{"1A01,1=10080020"} << quint32(SdoAbort::CannotMap);
-    QTest::newRow("part of an entry")
-        << QStringList{"1A01,1=607A0010"} << quint32(SdoAbort::CannotMap);
-    QTest::newRow("read-only entry into an RPDO")
-        << QStringList{"1601,1=60410010"} << quint32(SdoAbort::CannotMap);
-    QTest::newRow("72 bits") << QStringList{"1A01,1=607A0020", "1A01,2=60640020", "1A01,3=60600008",
-                                            "1A01,0=3"}
-                             << quint32(SdoAbort::PdoTooLong);
-    QTest::newRow("more than 8 entries")
-        << QStringList{"1A01,0=9"} << quint32(SdoAbort::PdoTooLong);
-    QTest::newRow("sub 0 counting an empty entry")
-        << QStringList{"1A01,0=1"} << quint32(SdoAbort::NoObject);
-    QTest::newRow("new CAN-ID while valid")
-        << QStringList{"1800,1=00000186"} << quint32(SdoAbort::InvalidValue);
-    QTest::newRow("new CAN-ID after not valid")
-        << QStringList{"1800,1=80000185", "1800,1=00000186"} << none;
-    QTest::newRow("CAN-ID of the SDO server")
-        << QStringList{"1800,1=80000185", "1800,1=00000585"} << quint32(SdoAbort::InvalidValue);
-    QTest::newRow("extended frame")
-        << QStringList{"1800,1=A0000185"} << quint32(SdoAbort::InvalidValue);
-    QTest::newRow("reserved transmission type")
-        << QStringList{"1800,2=000000F1"} << quint32(SdoAbort::InvalidValue);
-    QTest::newRow("transmission type on request")
-        << QStringList{"1800,2=000000FD"} << quint32(SdoAbort::InvalidValue);
-    QTest::newRow("inhibit time while valid")
-        << QStringList{"1800,3=00000064"} << quint32(SdoAbort::InvalidValue);
+    row("the whole procedure",
+        QStringList{"1800,1=80000185", "1A00,0=0", "1A00,1=60410010", "1A00,2=607A0020", "1A00,0=2",
+                    "1800,1=00000185"},
+        none);
+    row("mapping of a valid PDO", QStringList{"1A00,0=0"}, quint32(SdoAbort::UnsupportedAccess));
+    row("entry while sub 0 is not 0", QStringList{"1A01,1=60410010", "1A01,0=1", "1A01,1=607A0020"},
+        quint32(SdoAbort::UnsupportedAccess));
+    row("missing entry", QStringList{"1A01,1=60990010"}, quint32(SdoAbort::NoObject));
+    row("entry that may not be mapped", QStringList{"1A01,1=10080020"},
+        quint32(SdoAbort::CannotMap));
+    row("part of an entry", QStringList{"1A01,1=607A0010"}, quint32(SdoAbort::CannotMap));
+    row("read-only entry into an RPDO", QStringList{"1601,1=60410010"},
+        quint32(SdoAbort::CannotMap));
+    row("72 bits", QStringList{"1A01,1=607A0020", "1A01,2=60640020", "1A01,3=60600008", "1A01,0=3"},
+        quint32(SdoAbort::PdoTooLong));
+    row("more than 8 entries", QStringList{"1A01,0=9"}, quint32(SdoAbort::PdoTooLong));
+    row("sub 0 counting an empty entry", QStringList{"1A01,0=1"}, quint32(SdoAbort::NoObject));
+    row("new CAN-ID while valid", QStringList{"1800,1=00000186"}, quint32(SdoAbort::InvalidValue));
+    row("new CAN-ID after not valid", QStringList{"1800,1=80000185", "1800,1=00000186"}, none);
+    row("CAN-ID of the SDO server", QStringList{"1800,1=80000185", "1800,1=00000585"},
+        quint32(SdoAbort::InvalidValue));
+    row("extended frame", QStringList{"1800,1=A0000185"}, quint32(SdoAbort::InvalidValue));
+    row("reserved transmission type", QStringList{"1800,2=000000F1"},
+        quint32(SdoAbort::InvalidValue));
+    row("transmission type on request", QStringList{"1800,2=000000FD"},
+        quint32(SdoAbort::InvalidValue));
+    row("inhibit time while valid", QStringList{"1800,3=00000064"},
+        quint32(SdoAbort::InvalidValue));
 }
 
 void TstPdo::parameterWrites()

@@ -1,3 +1,4 @@
+#include "datatable.h"
 #include "frametext.h"
 #include "sdoclient.h"
 #include "sdoserver.h"
@@ -7,6 +8,9 @@
 
 #include <deque>
 #include <optional>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -162,38 +166,31 @@ private slots:
 // reports is its result; a transfer still waiting when the script ends meets its time-out.
 void TstSdo::answersThatAreNotOurs_data()
 {
-    QTest::addColumn<bool>("upload");
-    QTest::addColumn<bool>("block");
-    QTest::addColumn<int>("size");
-    QTest::addColumn<QStringList>("script");
-    QTest::addColumn<QString>("outcome"); // data as hex, "abort CODE" or "timeout"
+    // outcome: data as hex, "abort CODE" or "timeout"
+    columns<bool, bool, int, QStringList, QString>(
+        {"upload", "block", "size", "script", "outcome"});
 
-    QTest::newRow("upload answered first with another object's value")
-        << true << false << 0
-        << QStringList{"585:43 41 20 00 11 22 33 44|585:43 40 20 00 aa bb cc dd"} << "aabbccdd";
-    QTest::newRow("download confirmed only for another object")
-        << false << false << 4 << QStringList{"585:60 00 10 00 00 00 00 00"} << "timeout";
-    QTest::newRow("abort naming another object, then the answer")
-        << true << false << 0
-        << QStringList{"585:80 41 20 00 00 00 02 06|585:4f 40 20 00 07 00 00 00"} << "07";
-    QTest::newRow("abort naming the object ends the transfer")
-        << true << false << 0 << QStringList{"585:80 40 20 00 00 00 02 06"} << "abort 06020000";
-    QTest::newRow("another node's answer")
-        << true << false << 0
-        << QStringList{"586:43 40 20 00 11 22 33 44|585:4b 40 20 00 34 12 00 00"} << "3412";
-    QTest::newRow("late segment of a transfer that timed out")
-        << true << false << 0
-        << QStringList{"585:00 61 62 63 64 65 66 67|585:4b 40 20 00 34 12 00 00"} << "3412";
-    QTest::newRow("block upload offered for another object")
-        << true << true << 0 << QStringList{"585:c6 41 20 00 1e 00 00 00"} << "timeout";
-    QTest::newRow("block download accepted for another object")
-        << false << true << 30 << QStringList{"585:a4 41 20 00 7f 00 00 00"} << "timeout";
-    QTest::newRow("segmented upload announcing 16 MiB")
-        << true << false << 0 << QStringList{"585:41 40 20 00 00 00 00 01"} << "abort 05040005";
-    QTest::newRow("segment answer during the segments with the wrong command")
-        << false << false << 20
-        << QStringList{"585:60 40 20 00 00 00 00 00", "585:60 40 20 00 00 00 00 00"}
-        << "abort 05040001";
+    row("upload answered first with another object's value", true, false, 0,
+        QStringList{"585:43 41 20 00 11 22 33 44|585:43 40 20 00 aa bb cc dd"}, "aabbccdd");
+    row("download confirmed only for another object", false, false, 4,
+        QStringList{"585:60 00 10 00 00 00 00 00"}, "timeout");
+    row("abort naming another object, then the answer", true, false, 0,
+        QStringList{"585:80 41 20 00 00 00 02 06|585:4f 40 20 00 07 00 00 00"}, "07");
+    row("abort naming the object ends the transfer", true, false, 0,
+        QStringList{"585:80 40 20 00 00 00 02 06"}, "abort 06020000");
+    row("another node's answer", true, false, 0,
+        QStringList{"586:43 40 20 00 11 22 33 44|585:4b 40 20 00 34 12 00 00"}, "3412");
+    row("late segment of a transfer that timed out", true, false, 0,
+        QStringList{"585:00 61 62 63 64 65 66 67|585:4b 40 20 00 34 12 00 00"}, "3412");
+    row("block upload offered for another object", true, true, 0,
+        QStringList{"585:c6 41 20 00 1e 00 00 00"}, "timeout");
+    row("block download accepted for another object", false, true, 30,
+        QStringList{"585:a4 41 20 00 7f 00 00 00"}, "timeout");
+    row("segmented upload announcing 16 MiB", true, false, 0,
+        QStringList{"585:41 40 20 00 00 00 00 01"}, "abort 05040005");
+    row("segment answer during the segments with the wrong command", false, false, 20,
+        QStringList{"585:60 40 20 00 00 00 00 00", "585:60 40 20 00 00 00 00 00"},
+        "abort 05040001");
 }
 
 void TstSdo::answersThatAreNotOurs()
@@ -242,35 +239,31 @@ void TstSdo::answersThatAreNotOurs()
 
 void TstSdo::clientFacingAForeignNode_data()
 {
-    QTest::addColumn<bool>("upload");
-    QTest::addColumn<bool>("block");
-    QTest::addColumn<int>("size"); // bytes to download
-    QTest::addColumn<QStringList>("script");
-    QTest::addColumn<quint32>("abortCode");
-    QTest::addColumn<QString>("abortFrame"); // the client's last frame
+    // size: bytes to download
+    // abortFrame: the client's last frame
+    columns<bool, bool, int, QStringList, quint32, QString>(
+        {"upload", "block", "size", "script", "abortCode", "abortFrame"});
 
-    QTest::newRow("download segment acknowledged with the wrong toggle")
-        << false << false << 20 << QStringList{"6040200000000000", "3000000000000000"}
-        << 0x05030000u << "605:80 40 20 00 00 00 03 05";
-    QTest::newRow("upload that announces more than it sends")
-        << true << false << 0 << QStringList{"4140200014000000", "0941424300000000"} << 0x06070013u
-        << "605:80 40 20 00 13 00 07 06";
-    QTest::newRow("upload that sends more than it announces")
-        << true << false << 0 << QStringList{"4140200002000000", "0941424300000000"} << 0x06070012u
-        << "605:80 40 20 00 12 00 07 06";
-    QTest::newRow("upload that announces no bytes and sends some")
-        << true << false << 0 << QStringList{"4140200000000000", "0941424300000000"} << 0x06070012u
-        << "605:80 40 20 00 12 00 07 06";
-    QTest::newRow("block size 0 offered") << false << true << 30 << QStringList{"a440200000000000"}
-                                          << 0x05040002u << "605:80 40 20 00 02 00 04 05";
-    QTest::newRow("block size 128 offered")
-        << false << true << 30 << QStringList{"a440200080000000"} << 0x05040002u
-        << "605:80 40 20 00 02 00 04 05";
+    row("download segment acknowledged with the wrong toggle", false, false, 20,
+        QStringList{"6040200000000000", "3000000000000000"}, 0x05030000u,
+        "605:80 40 20 00 00 00 03 05");
+    row("upload that announces more than it sends", true, false, 0,
+        QStringList{"4140200014000000", "0941424300000000"}, 0x06070013u,
+        "605:80 40 20 00 13 00 07 06");
+    row("upload that sends more than it announces", true, false, 0,
+        QStringList{"4140200002000000", "0941424300000000"}, 0x06070012u,
+        "605:80 40 20 00 12 00 07 06");
+    row("upload that announces no bytes and sends some", true, false, 0,
+        QStringList{"4140200000000000", "0941424300000000"}, 0x06070012u,
+        "605:80 40 20 00 12 00 07 06");
+    row("block size 0 offered", false, true, 30, QStringList{"a440200000000000"}, 0x05040002u,
+        "605:80 40 20 00 02 00 04 05");
+    row("block size 128 offered", false, true, 30, QStringList{"a440200080000000"}, 0x05040002u,
+        "605:80 40 20 00 02 00 04 05");
     // 30 bytes are 5 segments; the node claims to have received 9.
-    QTest::newRow("sequence number past the segments sent")
-        << false << true << 30
-        << QStringList{"a44020007f000000", "-", "-", "-", "-", "a2097f0000000000"} << 0x05040003u
-        << "605:80 40 20 00 03 00 04 05";
+    row("sequence number past the segments sent", false, true, 30,
+        QStringList{"a44020007f000000", "-", "-", "-", "-", "a2097f0000000000"}, 0x05040003u,
+        "605:80 40 20 00 03 00 04 05");
 }
 
 void TstSdo::clientFacingAForeignNode()
@@ -337,8 +330,7 @@ void TstSdo::serverRefusesASegmentPastTheIndicatedSize()
 
 void TstSdo::roundTrip_data()
 {
-    QTest::addColumn<int>("size");
-    QTest::addColumn<bool>("block");
+    columns<int, bool>({"size", "block"});
     for (bool block : {true, false})
         for (int size : {0, 1, 4, 5, 7, 8, 14, 15, 127 * 7, 127 * 7 + 1, 3000, 100 * 1024})
             QTest::addRow("%d bytes, %s", size, block ? "block" : "segmented") << size << block;
@@ -462,17 +454,14 @@ void TstSdo::nodeWithoutBlockTransfer()
 
 void TstSdo::aborts_data()
 {
-    QTest::addColumn<bool>("upload");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<int>("size");
-    QTest::addColumn<quint32>("code");
-    QTest::newRow("missing object") << true << 0x3000 << 0 << 0x06020000u;
-    QTest::newRow("write-only") << true << 0x2020 << 0 << 0x06010001u;
-    QTest::newRow("read-only, expedited") << false << 0x1018 << 4 << 0x06010002u;
-    QTest::newRow("read-only, block") << false << 0x1018 << 40 << 0x06010002u;
-    QTest::newRow("too long, expedited") << false << 0x1017 << 3 << 0x06070012u;
-    QTest::newRow("too short, expedited") << false << 0x1017 << 1 << 0x06070013u;
-    QTest::newRow("too long, block") << false << 0x1017 << 20 << 0x06070012u;
+    columns<bool, int, int, quint32>({"upload", "index", "size", "code"});
+    row("missing object", true, 0x3000, 0, 0x06020000u);
+    row("write-only", true, 0x2020, 0, 0x06010001u);
+    row("read-only, expedited", false, 0x1018, 4, 0x06010002u);
+    row("read-only, block", false, 0x1018, 40, 0x06010002u);
+    row("too long, expedited", false, 0x1017, 3, 0x06070012u);
+    row("too short, expedited", false, 0x1017, 1, 0x06070013u);
+    row("too long, block", false, 0x1017, 20, 0x06070012u);
 }
 
 void TstSdo::aborts()
@@ -512,8 +501,8 @@ void TstSdo::wrongToggleFromTheServer()
 void TstSdo::corruptedBlockCrc_data()
 {
     QTest::addColumn<bool>("upload");
-    QTest::newRow("download") << false;
-    QTest::newRow("upload") << true;
+    row("download", false);
+    row("upload", true);
 }
 
 void TstSdo::corruptedBlockCrc()
@@ -537,12 +526,11 @@ void TstSdo::corruptedBlockCrc()
 
 void TstSdo::nodeFallsSilentMidTransfer_data()
 {
-    QTest::addColumn<bool>("upload");
-    QTest::addColumn<bool>("block");
-    QTest::newRow("segmented upload") << true << false;
-    QTest::newRow("segmented download") << false << false;
-    QTest::newRow("block upload") << true << true;
-    QTest::newRow("block download") << false << true;
+    columns<bool, bool>({"upload", "block"});
+    row("segmented upload", true, false);
+    row("segmented download", false, false);
+    row("block upload", true, true);
+    row("block download", false, true);
 }
 
 void TstSdo::nodeFallsSilentMidTransfer()

@@ -1,7 +1,11 @@
 // tessel-cli's parsing: addresses, frames in candump syntax, typed values.
 #include "cliparse.h"
+#include "datatable.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel::cli;
 
@@ -19,22 +23,20 @@ private slots:
 
 void TstCliParse::address_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<int>("node"); // 0: refused
-    QTest::addColumn<int>("index");
-    QTest::addColumn<int>("sub");
-    QTest::newRow("full") << "1,1018,1" << 1 << 0x1018 << 1;
-    QTest::newRow("two fields: sub is the index's low byte") << "1,1018" << 1 << 0x1018 << 0x18;
-    QTest::newRow("blanks") << " 7F , 2000 , FF " << 0x7F << 0x2000 << 0xFF;
-    QTest::newRow("lower case") << "a,1f50,1" << 10 << 0x1F50 << 1;
-    QTest::newRow("node 0") << "0,1018,1" << 0 << 0 << 0;
-    QTest::newRow("node 80") << "80,1018,1" << 0 << 0 << 0;
-    QTest::newRow("not hex") << "1,10G8,1" << 0 << 0 << 0;
-    QTest::newRow("one field") << "1" << 0 << 0 << 0;
-    QTest::newRow("four fields") << "1,1018,1,2" << 0 << 0 << 0;
-    QTest::newRow("empty sub") << "1,1018," << 0 << 0 << 0;
-    QTest::newRow("index too long") << "1,10180,1" << 0 << 0 << 0;
-    QTest::newRow("sub too long") << "1,1018,100" << 0 << 0 << 0;
+    // node: 0: refused
+    columns<QString, int, int, int>({"text", "node", "index", "sub"});
+    row("full", "1,1018,1", 1, 0x1018, 1);
+    row("two fields: sub is the index's low byte", "1,1018", 1, 0x1018, 0x18);
+    row("blanks", " 7F , 2000 , FF ", 0x7F, 0x2000, 0xFF);
+    row("lower case", "a,1f50,1", 10, 0x1F50, 1);
+    row("node 0", "0,1018,1", 0, 0, 0);
+    row("node 80", "80,1018,1", 0, 0, 0);
+    row("not hex", "1,10G8,1", 0, 0, 0);
+    row("one field", "1", 0, 0, 0);
+    row("four fields", "1,1018,1,2", 0, 0, 0);
+    row("empty sub", "1,1018,", 0, 0, 0);
+    row("index too long", "1,10180,1", 0, 0, 0);
+    row("sub too long", "1,1018,100", 0, 0, 0);
 }
 
 void TstCliParse::address()
@@ -55,51 +57,22 @@ void TstCliParse::address()
 
 void TstCliParse::frame_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("back"); // "": refused
-    QTest::addColumn<QString>("says");
-    QTest::newRow("data") << "601#4018100100000000"
-                          << "601#4018100100000000"
-                          << "";
-    QTest::newRow("dots") << "123#11.22.33"
-                          << "123#112233"
-                          << "";
-    QTest::newRow("empty data") << "7FF#"
-                                << "7FF#"
-                                << "";
-    QTest::newRow("short id") << "5#AA"
-                              << "005#AA"
-                              << "";
-    QTest::newRow("remote") << "701#R"
-                            << "701#R"
-                            << "";
-    QTest::newRow("remote with length") << "701#r4"
-                                        << "701#R4"
-                                        << "";
-    QTest::newRow("nine bytes") << "123#001122334455667788"
-                                << ""
-                                << "9 data bytes";
-    QTest::newRow("odd digits") << "123#123"
-                                << ""
-                                << "not whole bytes";
-    QTest::newRow("not hex") << "123#ZZ"
-                             << ""
-                             << "not hexadecimal";
-    QTest::newRow("extended") << "12345678#00"
-                              << ""
-                              << "extended (29-bit)";
-    QTest::newRow("fd") << "123##1AA"
-                        << ""
-                        << "CAN FD";
-    QTest::newRow("id beyond 7FF") << "800#00"
-                                   << ""
-                                   << "000 to 7FF";
-    QTest::newRow("no hash") << "12300"
-                             << ""
-                             << "not ID#DATA";
-    QTest::newRow("remote length 9") << "123#R9"
-                                     << ""
-                                     << "remote length";
+    // back: "": refused
+    columns<QString, QString, QString>({"text", "back", "says"});
+    row("data", "601#4018100100000000", "601#4018100100000000", "");
+    row("dots", "123#11.22.33", "123#112233", "");
+    row("empty data", "7FF#", "7FF#", "");
+    row("short id", "5#AA", "005#AA", "");
+    row("remote", "701#R", "701#R", "");
+    row("remote with length", "701#r4", "701#R4", "");
+    row("nine bytes", "123#001122334455667788", "", "9 data bytes");
+    row("odd digits", "123#123", "", "not whole bytes");
+    row("not hex", "123#ZZ", "", "not hexadecimal");
+    row("extended", "12345678#00", "", "extended (29-bit)");
+    row("fd", "123##1AA", "", "CAN FD");
+    row("id beyond 7FF", "800#00", "", "000 to 7FF");
+    row("no hash", "12300", "", "not ID#DATA");
+    row("remote length 9", "123#R9", "", "remote length");
 }
 
 void TstCliParse::frame()
@@ -120,38 +93,22 @@ void TstCliParse::frame()
 
 void TstCliParse::values_data()
 {
-    QTest::addColumn<QString>("type");
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QByteArray>("bytes"); // empty: refused
-    QTest::addColumn<QString>("shown");
-    QTest::newRow("u8") << "u8"
-                        << "255" << QByteArray("\xFF") << "255";
-    QTest::newRow("u16") << "u16"
-                         << "500" << QByteArray("\xF4\x01") << "500";
-    QTest::newRow("u32 hex") << "u32"
-                             << "0x12345678" << QByteArray("\x78\x56\x34\x12") << "305419896";
-    QTest::newRow("i8 negative") << "i8"
-                                 << "-1" << QByteArray("\xFF") << "-1";
-    QTest::newRow("i16 negative") << "i16"
-                                  << "-300" << QByteArray("\xD4\xFE") << "-300";
-    QTest::newRow("i32 min") << "i32"
-                             << "-2147483648" << QByteArray("\x00\x00\x00\x80", 4) << "-2147483648";
-    QTest::newRow("str") << "str"
-                         << "QD-300" << QByteArray("QD-300") << "QD-300";
-    QTest::newRow("hex") << "hex"
-                         << "0a0B" << QByteArray("\x0A\x0B") << "0A0B";
-    QTest::newRow("u8 too big") << "u8"
-                                << "256" << QByteArray() << "";
-    QTest::newRow("u16 negative") << "u16"
-                                  << "-1" << QByteArray() << "";
-    QTest::newRow("i8 too small") << "i8"
-                                  << "-129" << QByteArray() << "";
-    QTest::newRow("u32 words") << "u32"
-                               << "many" << QByteArray() << "";
-    QTest::newRow("hex odd") << "hex"
-                             << "ABC" << QByteArray() << "";
-    QTest::newRow("hex empty") << "hex"
-                               << "" << QByteArray() << "";
+    // bytes: empty: refused
+    columns<QString, QString, QByteArray, QString>({"type", "text", "bytes", "shown"});
+    row("u8", "u8", "255", QByteArray("\xFF"), "255");
+    row("u16", "u16", "500", QByteArray("\xF4\x01"), "500");
+    row("u32 hex", "u32", "0x12345678", QByteArray("\x78\x56\x34\x12"), "305419896");
+    row("i8 negative", "i8", "-1", QByteArray("\xFF"), "-1");
+    row("i16 negative", "i16", "-300", QByteArray("\xD4\xFE"), "-300");
+    row("i32 min", "i32", "-2147483648", QByteArray("\x00\x00\x00\x80", 4), "-2147483648");
+    row("str", "str", "QD-300", QByteArray("QD-300"), "QD-300");
+    row("hex", "hex", "0a0B", QByteArray("\x0A\x0B"), "0A0B");
+    row("u8 too big", "u8", "256", QByteArray(), "");
+    row("u16 negative", "u16", "-1", QByteArray(), "");
+    row("i8 too small", "i8", "-129", QByteArray(), "");
+    row("u32 words", "u32", "many", QByteArray(), "");
+    row("hex odd", "hex", "ABC", QByteArray(), "");
+    row("hex empty", "hex", "", QByteArray(), "");
 }
 
 void TstCliParse::values()

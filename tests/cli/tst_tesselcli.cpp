@@ -1,6 +1,7 @@
 // tessel-cli as a line script runs it: a process against the real server and its simulated
 // drive; what it prints, and its exit codes.
 #include "bittiming.h"
+#include "datatable.h"
 #include "pty.h"
 #include "serverprocess.h"
 #include "srecords.h"
@@ -16,6 +17,9 @@
 
 #include <cmath>
 #include <csignal>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using qorcalib::test::ServerProcess;
 using Run = qorcalib::test::ProgramRun;
@@ -68,32 +72,26 @@ void TstTesselCli::initTestCase()
 
 void TstTesselCli::readsAndWrites_data()
 {
-    QTest::addColumn<QStringList>("write"); // empty: read only
-    QTest::addColumn<QStringList>("read");
-    QTest::addColumn<QString>("out");
-    QTest::newRow("identity u32") << QStringList{} << QStringList{"1,1018,1", "--type", "u32"}
-                                  << "929\n";
-    QTest::newRow("device name str")
-        << QStringList{} << QStringList{"1,1008,0", "--type", "str"} << "QD-300\n";
-    QTest::newRow("expedited u16") << QStringList{"1,1017,0", "750", "--type", "u16"}
-                                   << QStringList{"1,1017,0", "--type", "u16"} << "750\n";
-    QTest::newRow("u32 within its limits") << QStringList{"1,2000,0", "5000", "--type", "u32"}
-                                           << QStringList{"1,2000,0", "--type", "u32"} << "5000\n";
-    QTest::newRow("signed") << QStringList{} << QStringList{"1,2011,0", "--type", "i16"} << "31\n";
+    // write: empty: read only
+    columns<QStringList, QStringList, QString>({"write", "read", "out"});
+    row("identity u32", QStringList{}, QStringList{"1,1018,1", "--type", "u32"}, "929\n");
+    row("device name str", QStringList{}, QStringList{"1,1008,0", "--type", "str"}, "QD-300\n");
+    row("expedited u16", QStringList{"1,1017,0", "750", "--type", "u16"},
+        QStringList{"1,1017,0", "--type", "u16"}, "750\n");
+    row("u32 within its limits", QStringList{"1,2000,0", "5000", "--type", "u32"},
+        QStringList{"1,2000,0", "--type", "u32"}, "5000\n");
+    row("signed", QStringList{}, QStringList{"1,2011,0", "--type", "i16"}, "31\n");
     // By the EDS's names, typed as the EDS says.
     const QString eds = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
-    QTest::newRow("sub-entry by name")
-        << QStringList{} << QStringList{"--eds", eds, "Identity Object/Vendor-ID"} << "929\n";
-    QTest::newRow("entry by name")
-        << QStringList{"--eds", eds, "--node", "1", "Producer Heartbeat Time", "600"}
-        << QStringList{"--eds", eds, "producer heartbeat time"} << "600\n";
+    row("sub-entry by name", QStringList{}, QStringList{"--eds", eds, "Identity Object/Vendor-ID"},
+        "929\n");
+    row("entry by name", QStringList{"--eds", eds, "--node", "1", "Producer Heartbeat Time", "600"},
+        QStringList{"--eds", eds, "producer heartbeat time"}, "600\n");
     // More than four bytes: segmented, or block-sized data.
-    QTest::newRow("segmented text")
-        << QStringList{"1,2030,0", "line station 7", "--type", "str"}
-        << QStringList{"1,2030,0", "--type", "str"} << "line station 7\n";
-    QTest::newRow("block-sized hex")
-        << QStringList{"1,2040,0", QString(QByteArray(200, '\x5A').toHex())}
-        << QStringList{"1,2040,0"} << QString(QByteArray(200, '\x5A').toHex().toUpper()) + "\n";
+    row("segmented text", QStringList{"1,2030,0", "line station 7", "--type", "str"},
+        QStringList{"1,2030,0", "--type", "str"}, "line station 7\n");
+    row("block-sized hex", QStringList{"1,2040,0", QString(QByteArray(200, '\x5A').toHex())},
+        QStringList{"1,2040,0"}, QString(QByteArray(200, '\x5A').toHex().toUpper()) + "\n");
 }
 
 void TstTesselCli::readsAndWrites()
@@ -113,108 +111,95 @@ void TstTesselCli::readsAndWrites()
 
 void TstTesselCli::abortsAndBadArguments_data()
 {
-    QTest::addColumn<QStringList>("args");
-    QTest::addColumn<int>("exit");
-    QTest::addColumn<QString>("err");
-    QTest::newRow("no such object")
-        << QStringList{"sdo", "read", "1,2222,0"} << 1
-        << "tessel-cli: SDO abort 06020000 (Object does not exist in the object dictionary)\n";
-    QTest::newRow("read-only") << QStringList{"sdo", "write", "1,1000,0", "00000000"} << 1
-                               << "tessel-cli: SDO abort 06010002 (Attempt to write a read only "
-                                  "object)\n";
-    QTest::newRow("node that does not answer")
-        << QStringList{"sdo", "read", "5,1000,0"} << 4 << "tessel-cli: SDO timeout\n";
-    QTest::newRow("service the server does not offer")
-        << QStringList{"--server", "localhost#LSSonly", "sdo", "read", "1,1000,0"} << 5
-        << "tessel-cli: unknown service 'LSSonly' (this server offers \"CANopen\")\n";
-    QTest::newRow("SYNC faster than the server sends it")
-        << QStringList{"sync", "0.1"} << 2
-        << "tessel-cli: SYNC period '0.1' is not 0.5 to 10000 milliseconds\n";
-    QTest::newRow("NMT that no node confirms")
-        << QStringList{"nmt", "start", "5", "--wait", "--wait-ms", "300"} << 4
-        << "tessel-cli: node 05 did not confirm within 300 ms (no heartbeat 05)\n";
-    QTest::newRow("name the EDS does not have")
-        << QStringList{"sdo", "read", "--eds", QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"),
-                       "Torque"}
-        << 2
-        << QStringLiteral("tessel-cli: 'Torque' is no entry of %1 (names as the EDS gives them, "
-                          "\"Object/Sub-entry\" for a sub-entry)\n")
-               .arg(QORCALIB_DATA_DIR "/drive.eds");
-    QTest::newRow("no loop") << QStringList{"replay", "x.log", "--loop", "0"} << 2
-                             << "tessel-cli: --loop takes a count from 1 to 1000000\n";
-    QTest::newRow("a channel mapped twice") << QStringList{"replay", "x.log", "can1=0", "can1=2"}
-                                            << 2 << "tessel-cli: can1 is mapped twice\n";
-    QTest::newRow("pace and speed")
-        << QStringList{"replay", "x.log", "--ignore-times", "--speed", "2"} << 2
-        << "tessel-cli: --ignore-times sends at the bus's pace: --speed does not go with it\n";
-    QTest::newRow("unknown command")
-        << QStringList{"frob"} << 2 << "tessel-cli: unknown command 'frob' (see --help)\n";
-    QTest::newRow("malformed address")
-        << QStringList{"sdo", "read", "1;1018"} << 2
-        << "tessel-cli: address '1;1018' is not NODE,INDEX[,SUB] in hexadecimal (for example "
-           "1,1018,1)\n";
-    QTest::newRow("nine bytes") << QStringList{"send", "123#001122334455667788"} << 2
-                                << "tessel-cli: frame '123#001122334455667788': 9 data bytes, a "
-                                   "frame carries 8 at most\n";
-    QTest::newRow("malformed frame") << QStringList{"send", "xyz"} << 2
-                                     << "tessel-cli: frame 'xyz': not ID#DATA (for example "
-                                        "601#4018100100000000)\n";
-    QTest::newRow("bad type") << QStringList{"sdo", "read", "1,1000,0", "--type", "f64"} << 2
-                              << "tessel-cli: type 'f64' is not hex, u8, u16, u32, i8, i16, i32 "
-                                 "or str\n";
-    QTest::newRow("file that is not there")
-        << QStringList{"sdo", "write", "1,2040,0", "--file", "/nonexistent/block.bin"} << 4
-        << "tessel-cli: /nonexistent/block.bin: No such file or directory\n";
-    QTest::newRow("file and type")
-        << QStringList{"sdo", "read", "1,2040,0", "--file", "x.bin", "--type", "u8"} << 2
-        << "tessel-cli: --file takes the bytes as they are: --type "
-           "does not go with it\n";
-    QTest::newRow("file and value")
-        << QStringList{"sdo", "write", "1,2040,0", "00", "--file", "x.bin"} << 2 << "";
-    QTest::newRow("replay of a file that is not there")
-        << QStringList{"replay", "/nonexistent/trace.log"} << 4
-        << "tessel-cli: /nonexistent/trace.log: No such file or directory\n";
-    QTest::newRow("replay of an extended frame")
-        << QStringList{"replay", m_files.filePath("extended.log")} << 4
-        << QStringLiteral("tessel-cli: %1: line 2: identifier 12345678 is extended (29-bit): the "
-                          "server "
-                          "carries 11-bit identifiers (after 1 frames)\n")
-               .arg(m_files.filePath("extended.log"));
-    QTest::newRow("decode up to a line it cannot read")
-        << QStringList{"decode", m_files.filePath("extended.log")} << 4
-        << QStringLiteral("tessel-cli: %1: line 2: identifier 12345678 is extended (29-bit): the "
-                          "server carries 11-bit identifiers\n")
-               .arg(m_files.filePath("extended.log"));
-    QTest::newRow("file past what one transfer carries")
-        << QStringList{"sdo", "write", "1,2040,0", "--file", m_files.filePath("16mib.bin")} << 4
-        << QStringLiteral("tessel-cli: %1: 16777216 bytes, more than one transfer carries (at "
-                          "most 15728640)\n")
-               .arg(m_files.filePath("16mib.bin"));
-    QTest::newRow("upgrade with a file that is no image")
-        << QStringList{"upgrade", m_files.filePath("player.log")} << 4
-        << QStringLiteral("tessel-cli: %1: no identification and no version word: not a "
-                          "firmware image the boot loader takes\n")
-               .arg(m_files.filePath("player.log"));
-    QTest::newRow("upgrade with a raw image")
-        << QStringList{"upgrade", QStringLiteral(QORCALIB_DATA_DIR "/firmware/raw-2.2.0.S")} << 4
-        << QStringLiteral("tessel-cli: %1: a raw image; post-process it first (the "
-                          "post-processor makes the .sx the boot loader takes)\n")
-               .arg(QORCALIB_DATA_DIR "/firmware/raw-2.2.0.S");
-    QTest::newRow("upgrade with a file that is not there")
-        << QStringList{"upgrade", "/nonexistent/drive.sx"} << 4
-        << "tessel-cli: /nonexistent/drive.sx: No such file or directory\n";
-    QTest::newRow("replay speed 0") << QStringList{"replay", "x.log", "--speed", "0"} << 2
-                                    << "tessel-cli: --speed takes a factor from 0.01 to 100\n";
-    QTest::newRow("no command") << QStringList{} << 2 << "";
-    QTest::newRow("type narrower than the entry")
-        << QStringList{"sdo", "read", "1,1018,1", "--type", "u8"} << 2
-        << "tessel-cli: 1,1018,1 holds 4 bytes (A1030000); --type u8 takes 1\n";
-    QTest::newRow("time-out past what SDO takes")
-        << QStringList{"--timeout", "70000", "sdo", "read", "1,1000,0"} << 2
-        << "tessel-cli: --timeout takes milliseconds, 1 to 65535\n";
-    QTest::newRow("LSS window past its range")
-        << QStringList{"lss", "get", "--lss-timeout", "6000"} << 2
-        << "tessel-cli: --lss-timeout takes milliseconds, 1 to 5000\n";
+    columns<QStringList, int, QString>({"args", "exit", "err"});
+    row("no such object", QStringList{"sdo", "read", "1,2222,0"}, 1,
+        "tessel-cli: SDO abort 06020000 (Object does not exist in the object dictionary)\n");
+    row("read-only", QStringList{"sdo", "write", "1,1000,0", "00000000"}, 1,
+        "tessel-cli: SDO abort 06010002 (Attempt to write a read only "
+        "object)\n");
+    row("node that does not answer", QStringList{"sdo", "read", "5,1000,0"}, 4,
+        "tessel-cli: SDO timeout\n");
+    row("service the server does not offer",
+        QStringList{"--server", "localhost#LSSonly", "sdo", "read", "1,1000,0"}, 5,
+        "tessel-cli: unknown service 'LSSonly' (this server offers \"CANopen\")\n");
+    row("SYNC faster than the server sends it", QStringList{"sync", "0.1"}, 2,
+        "tessel-cli: SYNC period '0.1' is not 0.5 to 10000 milliseconds\n");
+    row("NMT that no node confirms", QStringList{"nmt", "start", "5", "--wait", "--wait-ms", "300"},
+        4, "tessel-cli: node 05 did not confirm within 300 ms (no heartbeat 05)\n");
+    row("name the EDS does not have",
+        QStringList{"sdo", "read", "--eds", QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"),
+                    "Torque"},
+        2,
+        QStringLiteral("tessel-cli: 'Torque' is no entry of %1 (names as the EDS gives them, "
+                       "\"Object/Sub-entry\" for a sub-entry)\n")
+            .arg(QORCALIB_DATA_DIR "/drive.eds"));
+    row("no loop", QStringList{"replay", "x.log", "--loop", "0"}, 2,
+        "tessel-cli: --loop takes a count from 1 to 1000000\n");
+    row("a channel mapped twice", QStringList{"replay", "x.log", "can1=0", "can1=2"}, 2,
+        "tessel-cli: can1 is mapped twice\n");
+    row("pace and speed", QStringList{"replay", "x.log", "--ignore-times", "--speed", "2"}, 2,
+        "tessel-cli: --ignore-times sends at the bus's pace: --speed does not go with it\n");
+    row("unknown command", QStringList{"frob"}, 2,
+        "tessel-cli: unknown command 'frob' (see --help)\n");
+    row("malformed address", QStringList{"sdo", "read", "1;1018"}, 2,
+        "tessel-cli: address '1;1018' is not NODE,INDEX[,SUB] in hexadecimal (for example "
+        "1,1018,1)\n");
+    row("nine bytes", QStringList{"send", "123#001122334455667788"}, 2,
+        "tessel-cli: frame '123#001122334455667788': 9 data bytes, a "
+        "frame carries 8 at most\n");
+    row("malformed frame", QStringList{"send", "xyz"}, 2,
+        "tessel-cli: frame 'xyz': not ID#DATA (for example "
+        "601#4018100100000000)\n");
+    row("bad type", QStringList{"sdo", "read", "1,1000,0", "--type", "f64"}, 2,
+        "tessel-cli: type 'f64' is not hex, u8, u16, u32, i8, i16, i32 "
+        "or str\n");
+    row("file that is not there",
+        QStringList{"sdo", "write", "1,2040,0", "--file", "/nonexistent/block.bin"}, 4,
+        "tessel-cli: /nonexistent/block.bin: No such file or directory\n");
+    row("file and type", QStringList{"sdo", "read", "1,2040,0", "--file", "x.bin", "--type", "u8"},
+        2,
+        "tessel-cli: --file takes the bytes as they are: --type "
+        "does not go with it\n");
+    row("file and value", QStringList{"sdo", "write", "1,2040,0", "00", "--file", "x.bin"}, 2, "");
+    row("replay of a file that is not there", QStringList{"replay", "/nonexistent/trace.log"}, 4,
+        "tessel-cli: /nonexistent/trace.log: No such file or directory\n");
+    row("replay of an extended frame", QStringList{"replay", m_files.filePath("extended.log")}, 4,
+        QStringLiteral("tessel-cli: %1: line 2: identifier 12345678 is extended (29-bit): the "
+                       "server "
+                       "carries 11-bit identifiers (after 1 frames)\n")
+            .arg(m_files.filePath("extended.log")));
+    row("decode up to a line it cannot read",
+        QStringList{"decode", m_files.filePath("extended.log")}, 4,
+        QStringLiteral("tessel-cli: %1: line 2: identifier 12345678 is extended (29-bit): the "
+                       "server carries 11-bit identifiers\n")
+            .arg(m_files.filePath("extended.log")));
+    row("file past what one transfer carries",
+        QStringList{"sdo", "write", "1,2040,0", "--file", m_files.filePath("16mib.bin")}, 4,
+        QStringLiteral("tessel-cli: %1: 16777216 bytes, more than one transfer carries (at "
+                       "most 15728640)\n")
+            .arg(m_files.filePath("16mib.bin")));
+    row("upgrade with a file that is no image",
+        QStringList{"upgrade", m_files.filePath("player.log")}, 4,
+        QStringLiteral("tessel-cli: %1: no identification and no version word: not a "
+                       "firmware image the boot loader takes\n")
+            .arg(m_files.filePath("player.log")));
+    row("upgrade with a raw image",
+        QStringList{"upgrade", QStringLiteral(QORCALIB_DATA_DIR "/firmware/raw-2.2.0.S")}, 4,
+        QStringLiteral("tessel-cli: %1: a raw image; post-process it first (the "
+                       "post-processor makes the .sx the boot loader takes)\n")
+            .arg(QORCALIB_DATA_DIR "/firmware/raw-2.2.0.S"));
+    row("upgrade with a file that is not there", QStringList{"upgrade", "/nonexistent/drive.sx"}, 4,
+        "tessel-cli: /nonexistent/drive.sx: No such file or directory\n");
+    row("replay speed 0", QStringList{"replay", "x.log", "--speed", "0"}, 2,
+        "tessel-cli: --speed takes a factor from 0.01 to 100\n");
+    row("no command", QStringList{}, 2, "");
+    row("type narrower than the entry", QStringList{"sdo", "read", "1,1018,1", "--type", "u8"}, 2,
+        "tessel-cli: 1,1018,1 holds 4 bytes (A1030000); --type u8 takes 1\n");
+    row("time-out past what SDO takes",
+        QStringList{"--timeout", "70000", "sdo", "read", "1,1000,0"}, 2,
+        "tessel-cli: --timeout takes milliseconds, 1 to 65535\n");
+    row("LSS window past its range", QStringList{"lss", "get", "--lss-timeout", "6000"}, 2,
+        "tessel-cli: --lss-timeout takes milliseconds, 1 to 5000\n");
 }
 
 void TstTesselCli::abortsAndBadArguments()

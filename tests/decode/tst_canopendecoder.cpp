@@ -2,9 +2,13 @@
 // fits no service, identifiers no service uses, and SDO transfers followed across their frames
 // with two nodes interleaved; the network watch's states, missed heartbeats and emergencies.
 #include "canopendecoder.h"
+#include "datatable.h"
 #include "networkwatch.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -22,60 +26,58 @@ private slots:
 
 void TstCanopenDecoder::frames_data()
 {
-    QTest::addColumn<int>("id");
-    QTest::addColumn<bool>("remote");
-    QTest::addColumn<QByteArray>("data"); // hexadecimal
-    QTest::addColumn<QString>("text");
-    const auto row = [](const char* tag, int id, const char* hex, const char* text,
+    // data: hexadecimal
+    columns<int, bool, QByteArray, QString>({"id", "remote", "data", "text"});
+    const auto add = [](const char* tag, int id, const char* hex, const char* text,
                         bool remote = false) {
-        QTest::newRow(tag) << id << remote << QByteArray(hex) << QString::fromUtf8(text);
+        tessel::test::row(tag, id, remote, QByteArray(hex), QString::fromUtf8(text));
     };
-    row("NMT start", 0x000, "0105", "NMT node 5: start");
-    row("NMT reset all", 0x000, "8100", "NMT: reset node, all nodes");
-    row("NMT unknown command", 0x000, "0701", "NMT node 1: malformed: unknown command 07");
-    row("NMT of 3 bytes", 0x000, "010500", "NMT: malformed: 3 bytes (2 expected)");
-    row("SYNC", 0x080, "", "SYNC: no counter");
-    row("SYNC with counter", 0x080, "2A", "SYNC: counter 42");
-    row("SYNC of 2 bytes", 0x080, "0102", "SYNC: malformed: 2 bytes (0, or 1 with a counter)");
-    row("EMCY following error", 0x081, "1186210000000000",
+    add("NMT start", 0x000, "0105", "NMT node 5: start");
+    add("NMT reset all", 0x000, "8100", "NMT: reset node, all nodes");
+    add("NMT unknown command", 0x000, "0701", "NMT node 1: malformed: unknown command 07");
+    add("NMT of 3 bytes", 0x000, "010500", "NMT: malformed: 3 bytes (2 expected)");
+    add("SYNC", 0x080, "", "SYNC: no counter");
+    add("SYNC with counter", 0x080, "2A", "SYNC: counter 42");
+    add("SYNC of 2 bytes", 0x080, "0102", "SYNC: malformed: 2 bytes (0, or 1 with a counter)");
+    add("EMCY following error", 0x081, "1186210000000000",
         "EMCY node 1: 8611 following error; register 21 (generic, device profile)");
-    row("EMCY reset", 0x0A2, "0000000000000000",
+    add("EMCY reset", 0x0A2, "0000000000000000",
         "EMCY node 34: 0000 error reset or no error; register 00 (no error)");
-    row("EMCY class only", 0x081, "4532050000000000",
+    add("EMCY class only", 0x081, "4532050000000000",
         "EMCY node 1: 3245 voltage inside the device (3245); register 05 (generic, voltage)");
-    row("EMCY in no table", 0x081, "34A2010000000000",
+    add("EMCY in no table", 0x081, "34A2010000000000",
         "EMCY node 1: A234 (in no table); register 01 (generic)");
-    row("EMCY of 4 bytes", 0x081, "10320500", "EMCY node 1: malformed: 4 bytes (8 expected)");
-    row("TIME", 0x100, "E8030000803A", "TIME: 2025-01-01 00:00:01.000");
-    row("TPDO1", 0x181, "3702", "TPDO1 node 1: 37 02");
-    row("RPDO4", 0x57F, "0F00A0860100", "RPDO4 node 127: 0F 00 A0 86 01 00");
-    row("TPDO remote request", 0x285, "", "TPDO2 node 5: remote request", true);
-    row("SDO expedited upload", 0x601, "4018100100000000", "SDO request node 1: upload 1018:01");
-    row("SDO expedited answer", 0x581, "4318100 1A1030000",
+    add("EMCY of 4 bytes", 0x081, "10320500", "EMCY node 1: malformed: 4 bytes (8 expected)");
+    add("TIME", 0x100, "E8030000803A", "TIME: 2025-01-01 00:00:01.000");
+    add("TPDO1", 0x181, "3702", "TPDO1 node 1: 37 02");
+    add("RPDO4", 0x57F, "0F00A0860100", "RPDO4 node 127: 0F 00 A0 86 01 00");
+    add("TPDO remote request", 0x285, "", "TPDO2 node 5: remote request", true);
+    add("SDO expedited upload", 0x601, "4018100100000000", "SDO request node 1: upload 1018:01");
+    add("SDO expedited answer", 0x581, "4318100 1A1030000",
         "SDO answer node 1: upload 1018:01 = A1 03 00 00 (929)");
-    row("SDO expedited download of 2 bytes", 0x605, "2B17100064000000",
+    add("SDO expedited download of 2 bytes", 0x605, "2B17100064000000",
         "SDO request node 5: download 1017:00, expedited: 64 00");
-    row("SDO download accepted", 0x585, "6017100000000000",
+    add("SDO download accepted", 0x585, "6017100000000000",
         "SDO answer node 5: download 1017:00 accepted");
-    row("SDO abort", 0x581, "8000300000000206",
+    add("SDO abort", 0x581, "8000300000000206",
         "SDO answer node 1: abort 3000:00 06020000 (Object does not exist in the object "
         "dictionary)");
-    row("SDO of 3 bytes", 0x601, "400018", "SDO request node 1: malformed: 3 bytes (8 expected)");
-    row("SDO unknown command", 0x601, "E000000000000000",
+    add("SDO of 3 bytes", 0x601, "400018", "SDO request node 1: malformed: 3 bytes (8 expected)");
+    add("SDO unknown command", 0x601, "E000000000000000",
         "SDO request node 1: malformed: unknown command E0");
-    row("boot-up", 0x701, "00", "boot-up node 1: started");
-    row("heartbeat", 0x77F, "7F", "heartbeat node 127: pre-operational");
-    row("guarding request", 0x705, "", "guarding node 5: request", true);
-    row("guarding answer", 0x705, "85", "guarding node 5: answer: operational, toggle 1");
-    row("heartbeat of no state", 0x701, "03", "heartbeat node 1: malformed: state 03 is none");
-    row("heartbeat of 2 bytes", 0x701, "0505", "heartbeat node 1: malformed: 2 bytes (1 expected)");
-    row("LSS switch global", 0x7E5, "0401000000000000",
+    add("boot-up", 0x701, "00", "boot-up node 1: started");
+    add("heartbeat", 0x77F, "7F", "heartbeat node 127: pre-operational");
+    add("guarding request", 0x705, "", "guarding node 5: request", true);
+    add("guarding answer", 0x705, "85", "guarding node 5: answer: operational, toggle 1");
+    add("heartbeat of no state", 0x701, "03", "heartbeat node 1: malformed: state 03 is none");
+    add("heartbeat of 2 bytes", 0x701, "0505", "heartbeat node 1: malformed: 2 bytes (1 expected)");
+    add("LSS switch global", 0x7E5, "0401000000000000",
         "LSS: master switch state global: 01 00 00 00 00 00 00");
-    row("LSS node-ID confirmed", 0x7E4, "1100000000000000",
+    add("LSS node-ID confirmed", 0x7E4, "1100000000000000",
         "LSS: slave configure node-ID: confirmed: 00 00 00 00 00 00 00");
-    row("LSS unknown", 0x7E5, "9900000000000000", "LSS: malformed: unknown command 99");
-    row("no service", 0x123, "01", "unknown: no CANopen service uses identifier 123");
-    row("reserved range", 0x7F0, "", "unknown: no CANopen service uses identifier 7F0");
+    add("LSS unknown", 0x7E5, "9900000000000000", "LSS: malformed: unknown command 99");
+    add("no service", 0x123, "01", "unknown: no CANopen service uses identifier 123");
+    add("reserved range", 0x7F0, "", "unknown: no CANopen service uses identifier 7F0");
 }
 
 void TstCanopenDecoder::frames()
@@ -141,13 +143,12 @@ void TstCanopenDecoder::transfersAcrossFrames()
 
 void TstCanopenDecoder::emergencyTexts_data()
 {
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("exact 301") << 0x8130 << "life guard error or heartbeat error";
-    QTest::newRow("exact 402") << 0x3210 << "DC link over-voltage";
-    QTest::newRow("sub-class") << 0x2350 << "current, device output side (2350)";
-    QTest::newRow("class") << 0x4999 << "temperature (4999)";
-    QTest::newRow("none") << 0xA000 << "";
+    columns<int, QString>({"code", "text"});
+    row("exact 301", 0x8130, "life guard error or heartbeat error");
+    row("exact 402", 0x3210, "DC link over-voltage");
+    row("sub-class", 0x2350, "current, device output side (2350)");
+    row("class", 0x4999, "temperature (4999)");
+    row("none", 0xA000, "");
 }
 
 void TstCanopenDecoder::emergencyTexts()

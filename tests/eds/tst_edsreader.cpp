@@ -1,3 +1,4 @@
+#include "datatable.h"
 #include "edsreader.h"
 #include "filedialogfilter.h"
 #include "frmeds.h"
@@ -9,6 +10,9 @@
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -49,17 +53,16 @@ QString TstEdsReader::write(const QByteArray& content)
 
 void TstEdsReader::edsNumber_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<qint32>("value");
-    QTest::newRow("hex") << "0x1000" << 0x1000;
-    QTest::newRow("decimal") << "4096" << 4096;
-    QTest::newRow("octal") << "010000" << 4096;
-    QTest::newRow("zero") << "0" << 0;
-    QTest::newRow("010 is eight") << "010" << 8;
-    QTest::newRow("upper X is not hex") << "0X10" << 0;
-    QTest::newRow("blanks") << "  0x1a  " << 26;
-    QTest::newRow("stops at junk") << "12ab" << 12;
-    QTest::newRow("empty") << "" << 0;
+    columns<QString, qint32>({"text", "value"});
+    row("hex", "0x1000", 0x1000);
+    row("decimal", "4096", 4096);
+    row("octal", "010000", 4096);
+    row("zero", "0", 0);
+    row("010 is eight", "010", 8);
+    row("upper X is not hex", "0X10", 0);
+    row("blanks", "  0x1a  ", 26);
+    row("stops at junk", "12ab", 12);
+    row("empty", "", 0);
 }
 
 void TstEdsReader::edsNumber()
@@ -99,16 +102,14 @@ void TstEdsReader::keySpellings()
 
 void TstEdsReader::unreadableFiles_data()
 {
-    QTest::addColumn<QByteArray>("content");
-    QTest::addColumn<bool>("exists");
-    QTest::newRow("missing") << QByteArray() << false;
-    QTest::newRow("empty") << QByteArray() << true;
+    columns<QByteArray, bool>({"content", "exists"});
+    row("missing", QByteArray(), false);
+    row("empty", QByteArray(), true);
     QByteArray garbage(8192, '\0');
     for (int i = 0; i < garbage.size(); ++i)
         garbage[i] = char((i * 7919 + 13) & 0xFF);
-    QTest::newRow("binary garbage") << garbage << true;
-    QTest::newRow("count without entries")
-        << QByteArray("[OptionalObjects]\nSupportedObjects=500\n") << true;
+    row("binary garbage", garbage, true);
+    row("count without entries", QByteArray("[OptionalObjects]\nSupportedObjects=500\n"), true);
 }
 
 void TstEdsReader::unreadableFiles()
@@ -121,23 +122,22 @@ void TstEdsReader::unreadableFiles()
 
 void TstEdsReader::costBoundedByTheFile_data()
 {
-    QTest::addColumn<QByteArray>("content"); // empty: a sparse 2 GiB file
-    QTest::addColumn<int>("entries");
-    QTest::addColumn<QString>("note");
+    // content: empty: a sparse 2 GiB file
+    columns<QByteArray, int, QString>({"content", "entries", "note"});
     QByteArray sameObject = "[OptionalObjects]\nSupportedObjects=1000\n";
     for (int i = 1; i <= 1000; ++i)
         sameObject += QByteArray::number(i) + "=0x2100\n";
     sameObject += "[2100]\nParameterName=T\nSubNumber=65535\n";
-    QTest::newRow("one object listed 1000 times") << sameObject << 65535 << QString();
-    QTest::newRow("the same object in two lists")
-        << QByteArray("[MandatoryObjects]\nSupportedObjects=1\n1=0x1000\n"
-                      "[OptionalObjects]\nSupportedObjects=1\n1=0x1000\n[1000]\nParameterName=D\n")
-        << 1 << QString();
-    QTest::newRow("two objects of 65535 entries")
-        << QByteArray("[OptionalObjects]\nSupportedObjects=2\n1=0x2100\n2=0x2200\n"
-                      "[2100]\nSubNumber=65535\n[2200]\nSubNumber=65535\n")
-        << 65536 << "lists more than 65536 entries; the first 65536 are shown";
-    QTest::newRow("2 GiB") << QByteArray() << 0 << "holds 2048 MiB";
+    row("one object listed 1000 times", sameObject, 65535, QString());
+    row("the same object in two lists",
+        QByteArray("[MandatoryObjects]\nSupportedObjects=1\n1=0x1000\n"
+                   "[OptionalObjects]\nSupportedObjects=1\n1=0x1000\n[1000]\nParameterName=D\n"),
+        1, QString());
+    row("two objects of 65535 entries",
+        QByteArray("[OptionalObjects]\nSupportedObjects=2\n1=0x2100\n2=0x2200\n"
+                   "[2100]\nSubNumber=65535\n[2200]\nSubNumber=65535\n"),
+        65536, "lists more than 65536 entries; the first 65536 are shown");
+    row("2 GiB", QByteArray(), 0, "holds 2048 MiB");
 }
 
 void TstEdsReader::costBoundedByTheFile()
@@ -163,21 +163,16 @@ void TstEdsReader::costBoundedByTheFile()
 
 void TstEdsReader::countsBeyondTheKeys_data()
 {
-    QTest::addColumn<QByteArray>("count");
-    QTest::addColumn<QByteArray>("keys");
-    QTest::addColumn<QList<int>>("indexes");
+    columns<QByteArray, QByteArray, QList<int>>({"count", "keys", "indexes"});
     const QByteArray two = "1=0x2001\n2=0x2002\n";
-    QTest::newRow("2^31 - 1 with two objects")
-        << QByteArray("2147483647") << two << QList<int>{0x2001, 0x2002};
-    QTest::newRow("2^31 - 1 and no object")
-        << QByteArray("2147483647") << QByteArray() << QList<int>{};
-    QTest::newRow("ten million") << QByteArray("10000000") << two << QList<int>{0x2001, 0x2002};
-    QTest::newRow("sparse keys up to the last index")
-        << QByteArray("2147483647") << QByteArray("1=0x2001\n65535=0x2002\n")
-        << QList<int>{0x2001, 0x2002};
-    QTest::newRow("a key past what an index can address")
-        << QByteArray("2147483647") << QByteArray("1=0x2001\n65536=0x2002\n") << QList<int>{0x2001};
-    QTest::newRow("count below the keys") << QByteArray("1") << two << QList<int>{0x2001};
+    row("2^31 - 1 with two objects", QByteArray("2147483647"), two, QList<int>{0x2001, 0x2002});
+    row("2^31 - 1 and no object", QByteArray("2147483647"), QByteArray(), QList<int>{});
+    row("ten million", QByteArray("10000000"), two, QList<int>{0x2001, 0x2002});
+    row("sparse keys up to the last index", QByteArray("2147483647"),
+        QByteArray("1=0x2001\n65535=0x2002\n"), QList<int>{0x2001, 0x2002});
+    row("a key past what an index can address", QByteArray("2147483647"),
+        QByteArray("1=0x2001\n65536=0x2002\n"), QList<int>{0x2001});
+    row("count below the keys", QByteArray("1"), two, QList<int>{0x2001});
 }
 
 void TstEdsReader::countsBeyondTheKeys()
@@ -195,16 +190,14 @@ void TstEdsReader::countsBeyondTheKeys()
 
 void TstEdsReader::subNumberRule_data()
 {
-    QTest::addColumn<QByteArray>("supported");
-    QTest::addColumn<QByteArray>("subNumber");
-    QTest::addColumn<int>("entries");
-    QTest::addColumn<int>("lastSubIndex");
-    QTest::newRow("three") << QByteArray("2") << QByteArray("3") << 3 << 3;
-    QTest::newRow("past 0xFF") << QByteArray("2") << QByteArray("300") << 300 << 300;
-    QTest::newRow("zero: the object itself") << QByteArray("2") << QByteArray("0") << 1 << 0;
-    QTest::newRow("negative: nothing") << QByteArray("2") << QByteArray("-1") << 0 << -1;
+    columns<QByteArray, QByteArray, int, int>(
+        {"supported", "subNumber", "entries", "lastSubIndex"});
+    row("three", QByteArray("2"), QByteArray("3"), 3, 3);
+    row("past 0xFF", QByteArray("2"), QByteArray("300"), 300, 300);
+    row("zero: the object itself", QByteArray("2"), QByteArray("0"), 1, 0);
+    row("negative: nothing", QByteArray("2"), QByteArray("-1"), 0, -1);
     // "1e1" is 1, not ten: only the first key is read, and the object at key 2 is not listed.
-    QTest::newRow("count with an exponent") << QByteArray("1e1") << QByteArray("0") << 0 << -1;
+    row("count with an exponent", QByteArray("1e1"), QByteArray("0"), 0, -1);
 }
 
 void TstEdsReader::subNumberRule()
@@ -237,15 +230,13 @@ void TstEdsReader::driveEds()
 
 void TstEdsReader::browserPutsTheAddress_data()
 {
-    QTest::addColumn<QString>("node");
-    QTest::addColumn<bool>("doubleClick");
-    QTest::addColumn<QString>("address");
-    QTest::newRow("button") << "1" << false << "1,1018,1";
-    QTest::newRow("double click") << "1" << true << "1,1018,1";
-    QTest::newRow("empty node") << "" << false << "0,1018,1";
+    columns<QString, bool, QString>({"node", "doubleClick", "address"});
+    row("button", "1", false, "1,1018,1");
+    row("double click", "1", true, "1,1018,1");
+    row("empty node", "", false, "0,1018,1");
     // Decimal in the box, hexadecimal in the address, which reads it so.
-    QTest::newRow("node 12") << "12" << true << "C,1018,1";
-    QTest::newRow("node 127") << "127" << false << "7F,1018,1";
+    row("node 12", "12", true, "C,1018,1");
+    row("node 127", "127", false, "7F,1018,1");
 }
 
 void TstEdsReader::browserPutsTheAddress()

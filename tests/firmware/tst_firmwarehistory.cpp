@@ -1,10 +1,14 @@
 // The firmware file history: how an upgrade moves a file to the top, and how the list is kept
 // in the per-user settings.
+#include "datatable.h"
 #include "firmwarehistory.h"
 
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -19,35 +23,25 @@ private slots:
 
 void TstFirmwareHistory::add_data()
 {
-    QTest::addColumn<QStringList>("names");
-    QTest::addColumn<QStringList>("options");
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("option");
-    QTest::addColumn<QStringList>("namesAfter");
-    QTest::addColumn<QStringList>("optionsAfter");
+    columns<QStringList, QStringList, QString, QString, QStringList, QStringList>(
+        {"names", "options", "name", "option", "namesAfter", "optionsAfter"});
 
     const QStringList abc{"a.S", "b.S", "c.S"};
     const QStringList opts{"-1", "-2", "-3"};
-    QTest::newRow("third to the top, the others keep their order")
-        << abc << opts << "c.S"
-        << "-9" << QStringList{"c.S", "a.S", "b.S"} << QStringList{"-9", "-1", "-2"};
-    QTest::newRow("second to the top")
-        << abc << opts << "b.S"
-        << "-2" << QStringList{"b.S", "a.S", "c.S"} << QStringList{"-2", "-1", "-3"};
-    QTest::newRow("the top again: only its options change")
-        << abc << opts << "a.S"
-        << "-x" << abc << QStringList{"-x", "-2", "-3"};
-    QTest::newRow("a new file goes on top")
-        << abc << opts << "d.S"
-        << "" << QStringList{"d.S", "a.S", "b.S", "c.S"} << QStringList{"", "-1", "-2", "-3"};
-    QTest::newRow("names compare exactly")
-        << abc << opts << "A.S"
-        << "" << QStringList{"A.S", "a.S", "b.S", "c.S"} << QStringList{"", "-1", "-2", "-3"};
-    QTest::newRow("into an empty list") << QStringList() << QStringList() << "a.S"
-                                        << "-x" << QStringList{"a.S"} << QStringList{"-x"};
-    QTest::newRow("fewer options than names: the rest are empty")
-        << abc << QStringList{"-1"} << "c.S"
-        << "-3" << QStringList{"c.S", "a.S", "b.S"} << QStringList{"-3", "-1", ""};
+    row("third to the top, the others keep their order", abc, opts, "c.S", "-9",
+        QStringList{"c.S", "a.S", "b.S"}, QStringList{"-9", "-1", "-2"});
+    row("second to the top", abc, opts, "b.S", "-2", QStringList{"b.S", "a.S", "c.S"},
+        QStringList{"-2", "-1", "-3"});
+    row("the top again: only its options change", abc, opts, "a.S", "-x", abc,
+        QStringList{"-x", "-2", "-3"});
+    row("a new file goes on top", abc, opts, "d.S", "", QStringList{"d.S", "a.S", "b.S", "c.S"},
+        QStringList{"", "-1", "-2", "-3"});
+    row("names compare exactly", abc, opts, "A.S", "", QStringList{"A.S", "a.S", "b.S", "c.S"},
+        QStringList{"", "-1", "-2", "-3"});
+    row("into an empty list", QStringList(), QStringList(), "a.S", "-x", QStringList{"a.S"},
+        QStringList{"-x"});
+    row("fewer options than names: the rest are empty", abc, QStringList{"-1"}, "c.S", "-3",
+        QStringList{"c.S", "a.S", "b.S"}, QStringList{"-3", "-1", ""});
 }
 
 void TstFirmwareHistory::add()

@@ -1,5 +1,6 @@
 // Reading firmware image files: the words at fixed addresses, the kind and identification, and
 // the post-processor call, on hand-made S-record files.
+#include "datatable.h"
 #include "firmwaretip.h"
 #include "imagefile.h"
 #include "srecords.h"
@@ -8,6 +9,9 @@
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 using tessel::test::identificationBlock;
@@ -64,50 +68,45 @@ QString TstImageFile::write(const QString& name, const QByteArray& content)
 
 void TstImageFile::readImageWords_data()
 {
-    QTest::addColumn<QByteArray>("image");
-    QTest::addColumn<quint32>("address");
-    QTest::addColumn<int>("words");
-    QTest::addColumn<QByteArray>("expected");
+    columns<QByteArray, quint32, int, QByteArray>({"image", "address", "words", "expected"});
 
     const QByteArray eight = "0102030405060708";
-    QTest::newRow("record at the address")
-        << s3Record(0x86, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray("01020304");
-    QTest::newRow("more words than the record has: what it has")
-        << s3Record(0x86, QByteArray::fromHex(eight)) << 0x86u << 10 << eight;
-    QTest::newRow("the next record begins after the address: not read")
-        << s3Record(0x86, QByteArray::fromHex("0102")) + s3Record(0x87, QByteArray::fromHex("0304"))
-        << 0x86u << 2 << QByteArray("0102");
+    row("record at the address", s3Record(0x86, QByteArray::fromHex(eight)), 0x86u, 2,
+        QByteArray("01020304"));
+    row("more words than the record has: what it has", s3Record(0x86, QByteArray::fromHex(eight)),
+        0x86u, 10, eight);
+    row("the next record begins after the address: not read",
+        s3Record(0x86, QByteArray::fromHex("0102")) + s3Record(0x87, QByteArray::fromHex("0304")),
+        0x86u, 2, QByteArray("0102"));
     // Deliberately from the record's first byte, not from the wanted word inside it.
-    QTest::newRow("address inside a record: from its first byte")
-        << s3Record(0x84, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray("01020304");
-    QTest::newRow("record after the address is skipped")
-        << s3Record(0x87, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray();
+    row("address inside a record: from its first byte", s3Record(0x84, QByteArray::fromHex(eight)),
+        0x86u, 2, QByteArray("01020304"));
+    row("record after the address is skipped", s3Record(0x87, QByteArray::fromHex(eight)), 0x86u, 2,
+        QByteArray());
     // Nine bytes are four words (the count truncates): the odd last byte does not reach 0x86.
-    QTest::newRow("odd record ending just before the address")
-        << s3Record(0x82, QByteArray::fromHex("010203040506070809")) << 0x86u << 2 << QByteArray();
-    QTest::newRow("record ending before the address")
-        << s3Record(0x80, QByteArray::fromHex(eight)) << 0x86u << 2 << QByteArray();
-    QTest::newRow("16-byte block, 10 words asked: 16 bytes")
-        << s3Record(0x8000000, kBlock.left(16)) << 0x8000000u << 10
-        << kBlock.left(16).toHex().toUpper();
-    QTest::newRow("lower-case digits")
-        << "S3" + s3Record(0x86, QByteArray::fromHex(eight)).mid(2).toLower() << 0x86u << 2
-        << QByteArray("01020304");
-    QTest::newRow("malformed byte count reads as 0: skipped")
-        << QByteArray("S3ZZ000000860102030405\r\n") << 0x86u << 2 << QByteArray();
-    QTest::newRow("malformed address reads as 0")
-        << QByteArray("S30900000G860102030405\r\n") << 0x86u << 2 << QByteArray();
-    QTest::newRow("byte count running past the line takes the next line")
-        << QByteArray("S3FF000000860102\r\nS7") << 0x86u << 2 << QByteArray("0102\r\nS7");
-    QTest::newRow("record cut short by the end of the file")
-        << QByteArray("S30D0000008601") << 0x86u << 2 << QByteArray("01");
-    QTest::newRow("records after STX are not looked at")
-        << QByteArray("S00300FC\r\n\x02") + s3Record(0x86, QByteArray::fromHex(eight)) << 0x86u << 2
-        << QByteArray();
-    QTest::newRow("data of a record before STX may run into it")
-        << QByteArray("S30D000000860102\x02") << 0x86u << 2 << QByteArray("0102\x02");
-    QTest::newRow("empty") << QByteArray() << 0x86u << 2 << QByteArray();
-    QTest::newRow("S3 at the very end") << QByteArray("xxS3") << 0x86u << 2 << QByteArray();
+    row("odd record ending just before the address",
+        s3Record(0x82, QByteArray::fromHex("010203040506070809")), 0x86u, 2, QByteArray());
+    row("record ending before the address", s3Record(0x80, QByteArray::fromHex(eight)), 0x86u, 2,
+        QByteArray());
+    row("16-byte block, 10 words asked: 16 bytes", s3Record(0x8000000, kBlock.left(16)), 0x8000000u,
+        10, kBlock.left(16).toHex().toUpper());
+    row("lower-case digits", "S3" + s3Record(0x86, QByteArray::fromHex(eight)).mid(2).toLower(),
+        0x86u, 2, QByteArray("01020304"));
+    row("malformed byte count reads as 0: skipped", QByteArray("S3ZZ000000860102030405\r\n"), 0x86u,
+        2, QByteArray());
+    row("malformed address reads as 0", QByteArray("S30900000G860102030405\r\n"), 0x86u, 2,
+        QByteArray());
+    row("byte count running past the line takes the next line",
+        QByteArray("S3FF000000860102\r\nS7"), 0x86u, 2, QByteArray("0102\r\nS7"));
+    row("record cut short by the end of the file", QByteArray("S30D0000008601"), 0x86u, 2,
+        QByteArray("01"));
+    row("records after STX are not looked at",
+        QByteArray("S00300FC\r\n\x02") + s3Record(0x86, QByteArray::fromHex(eight)), 0x86u, 2,
+        QByteArray());
+    row("data of a record before STX may run into it", QByteArray("S30D000000860102\x02"), 0x86u, 2,
+        QByteArray("0102\x02"));
+    row("empty", QByteArray(), 0x86u, 2, QByteArray());
+    row("S3 at the very end", QByteArray("xxS3"), 0x86u, 2, QByteArray());
 }
 
 void TstImageFile::readImageWords()
@@ -121,45 +120,33 @@ void TstImageFile::readImageWords()
 
 void TstImageFile::classify_data()
 {
-    QTest::addColumn<QByteArray>("image");
-    QTest::addColumn<ImageKind>("kind");
-    QTest::addColumn<quint32>("app");
-    QTest::addColumn<quint32>("version");
-    QTest::addColumn<quint32>("sf");
-    QTest::addColumn<quint32>("hf");
+    columns<QByteArray, ImageKind, quint32, quint32, quint32, quint32>(
+        {"image", "kind", "app", "version", "sf", "hf"});
 
     const QByteArray block = s3Record(0x8000000, kBlock);
-    QTest::newRow("full block") << block << ImageKind::Identified << 0x12u << 0x00020107u
-                                << 0x0001A2B3u << 4u;
-    QTest::newRow("raw code wins over a block")
-        << block + kCode << ImageKind::Raw << 0u << 0u << 0u << 0u;
-    QTest::newRow("16-byte block: every field")
-        << s3Record(0x8000000, kBlock.left(16)) << ImageKind::Identified << 0x12u << 0x00020107u
-        << 0x0001A2B3u << 4u;
-    QTest::newRow("8-byte block: the fingerprints read 0")
-        << s3Record(0x8000000, kBlock.left(8)) << ImageKind::Identified << 0x12u << 0x00020107u
-        << 0u << 0u;
-    QTest::newRow("version word") << s3Record(0x100, QByteArray(32, 'x')) +
-                                         s3Record(0x86, le32(0x00020009))
-                                  << ImageKind::VersionOnly << 0u << 0x00020009u << 0u << 0u;
-    QTest::newRow("block before a version word")
-        << s3Record(0x86, le32(0x00020009)) + block << ImageKind::Identified << 0x12u << 0x00020107u
-        << 0x0001A2B3u << 4u;
-    QTest::newRow("hybrid: records before STX count")
-        << block + "\x02" + QByteArray(100, '\xFF') << ImageKind::Identified << 0x12u << 0x00020107u
-        << 0x0001A2B3u << 4u;
-    QTest::newRow("hybrid: records only after STX")
-        << QByteArray("\x02") + block + kCode << ImageKind::Unknown << 0u << 0u << 0u << 0u;
-    QTest::newRow("version word running past its line reads 0")
-        << QByteArray("S3FF000000860900\r\nS70500000000FA\r\n") << ImageKind::VersionOnly << 0u
-        << 0u << 0u << 0u;
-    QTest::newRow("no records") << QByteArray("hello\r\n") << ImageKind::Unknown << 0u << 0u << 0u
-                                << 0u;
-    QTest::newRow("empty") << QByteArray() << ImageKind::Unknown << 0u << 0u << 0u << 0u;
+    row("full block", block, ImageKind::Identified, 0x12u, 0x00020107u, 0x0001A2B3u, 4u);
+    row("raw code wins over a block", block + kCode, ImageKind::Raw, 0u, 0u, 0u, 0u);
+    row("16-byte block: every field", s3Record(0x8000000, kBlock.left(16)), ImageKind::Identified,
+        0x12u, 0x00020107u, 0x0001A2B3u, 4u);
+    row("8-byte block: the fingerprints read 0", s3Record(0x8000000, kBlock.left(8)),
+        ImageKind::Identified, 0x12u, 0x00020107u, 0u, 0u);
+    row("version word", s3Record(0x100, QByteArray(32, 'x')) + s3Record(0x86, le32(0x00020009)),
+        ImageKind::VersionOnly, 0u, 0x00020009u, 0u, 0u);
+    row("block before a version word", s3Record(0x86, le32(0x00020009)) + block,
+        ImageKind::Identified, 0x12u, 0x00020107u, 0x0001A2B3u, 4u);
+    row("hybrid: records before STX count", block + "\x02" + QByteArray(100, '\xFF'),
+        ImageKind::Identified, 0x12u, 0x00020107u, 0x0001A2B3u, 4u);
+    row("hybrid: records only after STX", QByteArray("\x02") + block + kCode, ImageKind::Unknown,
+        0u, 0u, 0u, 0u);
+    row("version word running past its line reads 0",
+        QByteArray("S3FF000000860900\r\nS70500000000FA\r\n"), ImageKind::VersionOnly, 0u, 0u, 0u,
+        0u);
+    row("no records", QByteArray("hello\r\n"), ImageKind::Unknown, 0u, 0u, 0u, 0u);
+    row("empty", QByteArray(), ImageKind::Unknown, 0u, 0u, 0u, 0u);
     QByteArray garbage(4096, '\0');
     for (int i = 0; i < garbage.size(); ++i)
         garbage[i] = char((i * 131 + 7) % 256);
-    QTest::newRow("binary garbage") << garbage << ImageKind::Unknown << 0u << 0u << 0u << 0u;
+    row("binary garbage", garbage, ImageKind::Unknown, 0u, 0u, 0u, 0u);
 }
 
 void TstImageFile::classify()
@@ -183,12 +170,11 @@ void TstImageFile::classify()
 
 void TstImageFile::versionText_data()
 {
-    QTest::addColumn<quint32>("value");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("1.2.3") << 0x00010203u << "1.2.3";
-    QTest::newRow("two-digit minor") << 0x00020A01u << "2.10.1";
-    QTest::newRow("zero") << 0u << "0.0.0";
-    QTest::newRow("all bits") << 0xFFFFFFFFu << "65535.255.255";
+    columns<quint32, QString>({"value", "text"});
+    row("1.2.3", 0x00010203u, "1.2.3");
+    row("two-digit minor", 0x00020A01u, "2.10.1");
+    row("zero", 0u, "0.0.0");
+    row("all bits", 0xFFFFFFFFu, "65535.255.255");
 }
 
 void TstImageFile::versionText()
@@ -200,21 +186,20 @@ void TstImageFile::versionText()
 
 void TstImageFile::unreadableFiles_data()
 {
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<int>("error");
-    QTest::newRow("missing") << m_dir.filePath("missing.S") << int(FileNotFound);
-    QTest::newRow("empty name") << QString() << int(FileNotFound);
-    QTest::newRow("a folder") << m_dir.path() << int(FileNotReadable);
+    columns<QString, int>({"path", "error"});
+    row("missing", m_dir.filePath("missing.S"), int(FileNotFound));
+    row("empty name", QString(), int(FileNotFound));
+    row("a folder", m_dir.path(), int(FileNotReadable));
     // Sparse: 2 GiB that take no room, refused by their size before anything is read.
     const QString huge = m_dir.filePath("huge.S");
     QFile file(huge);
     if (file.open(QIODevice::WriteOnly) && file.resize(qint64(2) << 30))
-        QTest::newRow("2 GiB") << huge << int(FileTooLarge);
+        row("2 GiB", huge, int(FileTooLarge));
     // One byte past the largest image there is.
     const QString over = m_dir.filePath("over.S");
     QFile past(over);
     if (past.open(QIODevice::WriteOnly) && past.resize(kMaxImageFileBytes + 1))
-        QTest::newRow("16 MiB + 1") << over << int(FileTooLarge);
+        row("16 MiB + 1", over, int(FileTooLarge));
 }
 
 void TstImageFile::unreadableFiles()
@@ -228,17 +213,12 @@ void TstImageFile::unreadableFiles()
 
 void TstImageFile::postProcessOutputName_data()
 {
-    QTest::addColumn<QString>("file");
-    QTest::addColumn<QString>("output");
-    QTest::newRow(".S") << "/fw/app.S"
-                        << "/fw/app.sx";
-    QTest::newRow(".s") << "/fw/app.s"
-                        << "/fw/app.sx";
-    QTest::newRow(".sre") << "/fw/app.sre"
-                          << "/fw/app.sx";
-    QTest::newRow("the last .s") << "/fw.s/app.S"
-                                 << "/fw.s/app.sx";
-    QTest::newRow("no .s") << "/fw/image.bin" << QString();
+    columns<QString, QString>({"file", "output"});
+    row(".S", "/fw/app.S", "/fw/app.sx");
+    row(".s", "/fw/app.s", "/fw/app.sx");
+    row(".sre", "/fw/app.sre", "/fw/app.sx");
+    row("the last .s", "/fw.s/app.S", "/fw.s/app.sx");
+    row("no .s", "/fw/image.bin", QString());
 }
 
 void TstImageFile::postProcessOutputName()
@@ -250,25 +230,15 @@ void TstImageFile::postProcessOutputName()
 
 void TstImageFile::postProcessCommandLine_data()
 {
-    QTest::addColumn<QString>("file");
-    QTest::addColumn<QString>("options");
-    QTest::addColumn<QString>("line");
-    QTest::newRow("options") << "/fw/app.S"
-                             << "-x"
-                             << "postprocess.exe /fw/app.S /fw/app.sx -x";
-    QTest::newRow("no options: the blank stays") << "/fw/app.S"
-                                                 << ""
-                                                 << "postprocess.exe /fw/app.S /fw/app.sx ";
-    QTest::newRow("options as they stand") << "/fw/app.S"
-                                           << "-a  'b c'"
-                                           << "postprocess.exe /fw/app.S /fw/app.sx -a  'b c'";
-    QTest::newRow("a blank in the name is quoted")
-        << "/my fw/app.S"
-        << ""
-        << "postprocess.exe '/my fw/app.S' '/my fw/app.sx' ";
-    QTest::newRow("a quote in the name") << "/fw/it's.S"
-                                         << ""
-                                         << "postprocess.exe '/fw/it'\\''s.S' '/fw/it'\\''s.sx' ";
+    columns<QString, QString, QString>({"file", "options", "line"});
+    row("options", "/fw/app.S", "-x", "postprocess.exe /fw/app.S /fw/app.sx -x");
+    row("no options: the blank stays", "/fw/app.S", "", "postprocess.exe /fw/app.S /fw/app.sx ");
+    row("options as they stand", "/fw/app.S", "-a  'b c'",
+        "postprocess.exe /fw/app.S /fw/app.sx -a  'b c'");
+    row("a blank in the name is quoted", "/my fw/app.S", "",
+        "postprocess.exe '/my fw/app.S' '/my fw/app.sx' ");
+    row("a quote in the name", "/fw/it's.S", "",
+        "postprocess.exe '/fw/it'\\''s.S' '/fw/it'\\''s.sx' ");
 }
 
 void TstImageFile::postProcessCommandLine()
@@ -283,21 +253,13 @@ void TstImageFile::postProcessCommandLine()
 
 void TstImageFile::postProcessRunsTheStandIn_data()
 {
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("options");
-    QTest::addColumn<bool>("succeeds");
-    QTest::newRow("plain") << "raw.S"
-                           << "" << true;
-    QTest::newRow("-x") << "raw.s"
-                        << "-x" << true;
-    QTest::newRow("a blank in the name") << "my raw.S"
-                                         << "-x" << true;
-    QTest::newRow("non-zero exit") << "raw.S"
-                                   << "--fail" << false;
-    QTest::newRow("refused option") << "raw.S"
-                                    << "-q" << false;
-    QTest::newRow("no .s: never run") << "raw.bin"
-                                      << "" << false;
+    columns<QString, QString, bool>({"name", "options", "succeeds"});
+    row("plain", "raw.S", "", true);
+    row("-x", "raw.s", "-x", true);
+    row("a blank in the name", "my raw.S", "-x", true);
+    row("non-zero exit", "raw.S", "--fail", false);
+    row("refused option", "raw.S", "-q", false);
+    row("no .s: never run", "raw.bin", "", false);
 }
 
 void TstImageFile::postProcessRunsTheStandIn()

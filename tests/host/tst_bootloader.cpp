@@ -1,6 +1,7 @@
 // The simulated drive's boot loader and the server's boot catch: frames written out by hand
 // against the drive, then the server's own runners against it, on an unpaced segment.
 #include "bootrunner.h"
+#include "datatable.h"
 #include "frametext.h"
 #include "sdorunner.h"
 #include "servercore.h"
@@ -11,6 +12,9 @@
 
 #include <QFile>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using qorcalib::test::fromHex;
@@ -149,31 +153,24 @@ void TstBootLoader::heldAndReleasedByHandWrittenFrames()
 
 void TstBootLoader::images_data()
 {
-    QTest::addColumn<QByteArray>("image");
-    QTest::addColumn<quint32>("abortCode");
-    QTest::addColumn<QString>("version");
-    QTest::addColumn<quint32>("revision");
+    columns<QByteArray, quint32, QString, quint32>({"image", "abortCode", "version", "revision"});
 
     using tessel::test::identificationBlock;
     using tessel::test::s3Record;
-    QTest::newRow("hybrid sample") << sample("drive-2.1.7.sx") << 0u << "FW 2.1.7" << 0x00020107u;
-    QTest::newRow("version-word sample")
-        << sample("drive-2.0.9.S") << 0u << "FW 2.0.9" << 0x00020009u;
-    QTest::newRow("raw sample: not post-processed")
-        << sample("raw-2.2.0.S") << 0x08000020u << "FW 3.4.12" << 0x00020003u;
+    row("hybrid sample", sample("drive-2.1.7.sx"), 0u, "FW 2.1.7", 0x00020107u);
+    row("version-word sample", sample("drive-2.0.9.S"), 0u, "FW 2.0.9", 0x00020009u);
+    row("raw sample: not post-processed", sample("raw-2.2.0.S"), 0x08000020u, "FW 3.4.12",
+        0x00020003u);
     const QByteArray block = s3Record(0x8000000, identificationBlock(1, 0x00050607, 0, 0));
-    QTest::newRow("bad checksum") << QByteArray(block).replace(block.size() - 4, 2, "00")
-                                  << 0x08000020u << "FW 3.4.12" << 0x00020003u;
-    QTest::newRow("malformed hexadecimal")
-        << "S3GG" + block.mid(4) << 0x08000020u << "FW 3.4.12" << 0x00020003u;
-    QTest::newRow("no identification")
-        << s3Record(0x100, QByteArray(16, 'x')) << 0x08000020u << "FW 3.4.12" << 0x00020003u;
-    QTest::newRow("records only after STX")
-        << "\x02" + block << 0x08000020u << "FW 3.4.12" << 0x00020003u;
-    QTest::newRow("binary garbage")
-        << QByteArray(300, '\xA5') << 0x08000020u << "FW 3.4.12" << 0x00020003u;
-    QTest::newRow("larger than the flash")
-        << QByteArray(3 * 1024 * 1024, 'S') << 0x05040005u << "FW 3.4.12" << 0x00020003u;
+    row("bad checksum", QByteArray(block).replace(block.size() - 4, 2, "00"), 0x08000020u,
+        "FW 3.4.12", 0x00020003u);
+    row("malformed hexadecimal", "S3GG" + block.mid(4), 0x08000020u, "FW 3.4.12", 0x00020003u);
+    row("no identification", s3Record(0x100, QByteArray(16, 'x')), 0x08000020u, "FW 3.4.12",
+        0x00020003u);
+    row("records only after STX", "\x02" + block, 0x08000020u, "FW 3.4.12", 0x00020003u);
+    row("binary garbage", QByteArray(300, '\xA5'), 0x08000020u, "FW 3.4.12", 0x00020003u);
+    row("larger than the flash", QByteArray(3 * 1024 * 1024, 'S'), 0x05040005u, "FW 3.4.12",
+        0x00020003u);
 }
 
 void TstBootLoader::images()
@@ -208,13 +205,11 @@ void TstBootLoader::images()
 
 void TstBootLoader::runnerCatches_data()
 {
-    QTest::addColumn<bool>("cycle");
-    QTest::addColumn<int>("node");
-    QTest::addColumn<quint32>("version");
-    QTest::newRow("any node, supply cycled") << true << 0 << BootLoader::kVersion;
-    QTest::newRow("node 1, supply cycled") << true << 1 << BootLoader::kVersion;
-    QTest::newRow("node 5 is not there") << true << 5 << 0u;
-    QTest::newRow("nothing boots") << false << 0 << 0u;
+    columns<bool, int, quint32>({"cycle", "node", "version"});
+    row("any node, supply cycled", true, 0, BootLoader::kVersion);
+    row("node 1, supply cycled", true, 1, BootLoader::kVersion);
+    row("node 5 is not there", true, 5, 0u);
+    row("nothing boots", false, 0, 0u);
 }
 
 void TstBootLoader::runnerCatches()

@@ -1,10 +1,14 @@
 // LSS through the server against the simulated drives: the unconfigured drive on controller 1
 // (250K), the configured one on controller 0 (node 1, 1000K).
+#include "datatable.h"
 #include "serverprocess.h"
 
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -87,14 +91,12 @@ void TstLssService::cleanup()
 
 void TstLssService::inquireFindsEachDrive_data()
 {
-    QTest::addColumn<int>("controller");
-    QTest::addColumn<int>("ownRate"); // the controller's rate before asking (-1: as it is)
-    QTest::addColumn<int>("node");
-    QTest::addColumn<int>("rate");
-    QTest::newRow("unconfigured drive at its rate") << 1 << -1 << 0xFF << 3;
-    QTest::newRow("unconfigured drive, controller at 500K") << 1 << 2 << 0xFF << 3;
-    QTest::newRow("drive with node-ID 1") << 0 << -1 << 1 << 0;
-    QTest::newRow("drive with node-ID 1, controller at 125K") << 0 << 4 << 1 << 0;
+    // ownRate: the controller's rate before asking (-1: as it is)
+    columns<int, int, int, int>({"controller", "ownRate", "node", "rate"});
+    row("unconfigured drive at its rate", 1, -1, 0xFF, 3);
+    row("unconfigured drive, controller at 500K", 1, 2, 0xFF, 3);
+    row("drive with node-ID 1", 0, -1, 1, 0);
+    row("drive with node-ID 1, controller at 125K", 0, 4, 1, 0);
 }
 
 void TstLssService::inquireFindsEachDrive()
@@ -160,15 +162,12 @@ void TstLssService::configureGivesNodeIdAndRate()
 
 void TstLssService::badArgumentsAreRefused_data()
 {
-    QTest::addColumn<int>("node");
-    QTest::addColumn<int>("rate");
-    QTest::addColumn<int>("controller");
-    QTest::addColumn<QString>("mentions");
-    QTest::newRow("node-ID 0") << 0 << 2 << 1 << "node-ID 0x0 out of range";
-    QTest::newRow("node-ID 0x80") << 0x80 << 2 << 1 << "node-ID 0x80 out of range";
-    QTest::newRow("bit-rate index 9") << 0x22 << 9 << 1 << "bit-rate index 9";
-    QTest::newRow("bit-rate index -1") << 0x22 << -1 << 1 << "bit-rate index -1";
-    QTest::newRow("controller 7") << 0x22 << 2 << 7 << "controller index 7";
+    columns<int, int, int, QString>({"node", "rate", "controller", "mentions"});
+    row("node-ID 0", 0, 2, 1, "node-ID 0x0 out of range");
+    row("node-ID 0x80", 0x80, 2, 1, "node-ID 0x80 out of range");
+    row("bit-rate index 9", 0x22, 9, 1, "bit-rate index 9");
+    row("bit-rate index -1", 0x22, -1, 1, "bit-rate index -1");
+    row("controller 7", 0x22, 2, 7, "controller index 7");
 }
 
 void TstLssService::badArgumentsAreRefused()

@@ -1,9 +1,13 @@
+#include "datatable.h"
 #include "packetrules.h"
 #include "rep_qorcalibtypes_source.h"
 #include "wire.h"
 
 #include <QRandomGenerator>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -49,72 +53,59 @@ private slots:
 
 void TstPacketRules::incoming_data()
 {
-    QTest::addColumn<QByteArrayList>("before"); // accepted first
-    QTest::addColumn<QByteArray>("packet");     // then this one
-    QTest::addColumn<QString>("refusal");       // empty: accepted
+    // before: accepted first
+    // packet: then this one
+    // refusal: empty: accepted
+    columns<QByteArrayList, QByteArray, QString>({"before", "packet", "refusal"});
 
     const QByteArray acquireBus = wire::addObject(kBus);
     const QByteArray acquireService = wire::addObject(kService);
     const QByteArray start = wire::invoke(kBus, wire::StartController, {0});
 
-    QTest::newRow("acquire own object") << QByteArrayList{} << acquireBus << "";
-    QTest::newRow("acquire another session's object")
-        << QByteArrayList{} << wire::addObject("session-1/QCSBus") << "not one of this session's";
-    QTest::newRow("acquire an object the contract lacks")
-        << QByteArrayList{} << wire::addObject("session-7/QCSShell") << "not one of this session's";
-    QTest::newRow("call before acquiring") << QByteArrayList{} << start << "not acquired";
-    QTest::newRow("call") << QByteArrayList{acquireBus} << start << "";
-    QTest::newRow("call after releasing")
-        << QByteArrayList{acquireBus, wire::removeObject(kBus)} << start << "not acquired";
-    QTest::newRow("StartController with no argument")
-        << QByteArrayList{acquireBus} << wire::invoke(kBus, wire::StartController, {})
-        << "takes 1 arguments, not 0";
-    QTest::newRow("SdoDownload with one argument")
-        << QByteArrayList{acquireService} << wire::invoke(kService, wire::SdoDownload, {0})
-        << "takes 5 arguments, not 1";
-    QTest::newRow("SdoDownload") << QByteArrayList{acquireService}
-                                 << wire::invoke(kService, wire::SdoDownload,
-                                                 {0, 1, 0x2000, 0, QByteArray(300, 'x')})
-                                 << "";
-    QTest::newRow("argument count of 0x7FFFFFFF")
-        << QByteArrayList{acquireBus}
-        << wire::invoke(kBus, wire::StartController, {0}, 1, 0, 0x7FFFFFFF) << "not 2147483647";
-    QTest::newRow("text where a number belongs")
-        << QByteArrayList{acquireBus} << wire::invoke(kBus, wire::StartController, {QString("0")})
-        << "where int is expected";
-    QTest::newRow("Send with a frame record")
-        << QByteArrayList{acquireBus}
-        << wire::invoke(kBus, wire::Send, {0, canMsg(0x123, 2, "\x01\x02"), 0}) << "";
-    QTest::newRow("Send with another record where the frame belongs")
-        << QByteArrayList{acquireBus}
-        << wire::invoke(kBus, wire::Send, {0, QVariant::fromValue(Reply("x", 0)), 0})
-        << "where CanMsg is expected";
-    QTest::newRow("frame record holding a huge list")
-        << QByteArrayList{acquireBus} << wire::packet(6, canMsgWithHugeList())
-        << "where QByteArray is expected";
-    QTest::newRow("method index past the last")
-        << QByteArrayList{acquireBus} << wire::invoke(kBus, wire::BusMethodCount, {}) << "does not exist";
-    QTest::newRow("negative method index")
-        << QByteArrayList{acquireBus} << wire::invoke(kBus, -1, {}) << "does not exist";
-    QTest::newRow("property write")
-        << QByteArrayList{acquireBus} << wire::invoke(kBus, 0, {0}, 1, 2) << "call kind 2";
-    QTest::newRow("bytes after the packet's contents")
-        << QByteArrayList{acquireBus} << wire::packet(6, wire::body(start).mid(2) + "!")
-        << "longer than its contents";
-    QTest::newRow("cut short") << QByteArrayList{acquireBus}
-                               << wire::packet(6, wire::body(start).mid(2).chopped(5))
-                               << "cut short";
-    QTest::newRow("name of odd length")
-        << QByteArrayList{} << wire::packet(4, QByteArray::fromHex("03000000410042"))
-        << "cut short";
-    QTest::newRow("handshake from a client")
-        << QByteArrayList{} << wire::packet(1, wire::string("QtRO 2.0")) << "type 1";
-    QTest::newRow("property change from a client")
-        << QByteArrayList{acquireBus} << wire::packet(8, wire::string(kBus)) << "type 8";
-    QTest::newRow("object list from a client")
-        << QByteArrayList{} << wire::objectList({kBus}) << "type 9";
-    QTest::newRow("ping") << QByteArrayList{acquireBus} << wire::packet(10, wire::string(kBus))
-                          << "";
+    row("acquire own object", QByteArrayList{}, acquireBus, "");
+    row("acquire another session's object", QByteArrayList{}, wire::addObject("session-1/QCSBus"),
+        "not one of this session's");
+    row("acquire an object the contract lacks", QByteArrayList{},
+        wire::addObject("session-7/QCSShell"), "not one of this session's");
+    row("call before acquiring", QByteArrayList{}, start, "not acquired");
+    row("call", QByteArrayList{acquireBus}, start, "");
+    row("call after releasing", QByteArrayList{acquireBus, wire::removeObject(kBus)}, start,
+        "not acquired");
+    row("StartController with no argument", QByteArrayList{acquireBus},
+        wire::invoke(kBus, wire::StartController, {}), "takes 1 arguments, not 0");
+    row("SdoDownload with one argument", QByteArrayList{acquireService},
+        wire::invoke(kService, wire::SdoDownload, {0}), "takes 5 arguments, not 1");
+    row("SdoDownload", QByteArrayList{acquireService},
+        wire::invoke(kService, wire::SdoDownload, {0, 1, 0x2000, 0, QByteArray(300, 'x')}), "");
+    row("argument count of 0x7FFFFFFF", QByteArrayList{acquireBus},
+        wire::invoke(kBus, wire::StartController, {0}, 1, 0, 0x7FFFFFFF), "not 2147483647");
+    row("text where a number belongs", QByteArrayList{acquireBus},
+        wire::invoke(kBus, wire::StartController, {QString("0")}), "where int is expected");
+    row("Send with a frame record", QByteArrayList{acquireBus},
+        wire::invoke(kBus, wire::Send, {0, canMsg(0x123, 2, "\x01\x02"), 0}), "");
+    row("Send with another record where the frame belongs", QByteArrayList{acquireBus},
+        wire::invoke(kBus, wire::Send, {0, QVariant::fromValue(Reply("x", 0)), 0}),
+        "where CanMsg is expected");
+    row("frame record holding a huge list", QByteArrayList{acquireBus},
+        wire::packet(6, canMsgWithHugeList()), "where QByteArray is expected");
+    row("method index past the last", QByteArrayList{acquireBus},
+        wire::invoke(kBus, wire::BusMethodCount, {}), "does not exist");
+    row("negative method index", QByteArrayList{acquireBus}, wire::invoke(kBus, -1, {}),
+        "does not exist");
+    row("property write", QByteArrayList{acquireBus}, wire::invoke(kBus, 0, {0}, 1, 2),
+        "call kind 2");
+    row("bytes after the packet's contents", QByteArrayList{acquireBus},
+        wire::packet(6, wire::body(start).mid(2) + "!"), "longer than its contents");
+    row("cut short", QByteArrayList{acquireBus},
+        wire::packet(6, wire::body(start).mid(2).chopped(5)), "cut short");
+    row("name of odd length", QByteArrayList{},
+        wire::packet(4, QByteArray::fromHex("03000000410042")), "cut short");
+    row("handshake from a client", QByteArrayList{}, wire::packet(1, wire::string("QtRO 2.0")),
+        "type 1");
+    row("property change from a client", QByteArrayList{acquireBus},
+        wire::packet(8, wire::string(kBus)), "type 8");
+    row("object list from a client", QByteArrayList{}, wire::objectList({kBus}), "type 9");
+    row("ping", QByteArrayList{acquireBus}, wire::packet(10, wire::string(kBus)), "");
 }
 
 void TstPacketRules::incoming()

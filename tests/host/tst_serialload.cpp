@@ -1,11 +1,14 @@
 // The bench's serial loader through the server, as a client meets it: a request that returns at
 // once, progress on the session's sink, the test state while it runs and after, and the ways a
 // load fails.
+#include "datatable.h"
 #include "serverprocess.h"
 
 #include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QTest>
+
+using tessel::test::row;
 
 using namespace qorcalib;
 using qorcalib::test::ServerProcess;
@@ -74,10 +77,10 @@ private:
 void TstSerialLoad::refusedImages_data()
 {
     QTest::addColumn<QByteArray>("image");
-    QTest::newRow("empty") << QByteArray();
-    QTest::newRow("one byte") << QByteArray("x");
-    QTest::newRow("text") << QByteArray("hello world, not a loader");
-    QTest::newRow("S then no hex") << QByteArray("S1zz00000000");
+    row("empty", QByteArray());
+    row("one byte", QByteArray("x"));
+    row("text", QByteArray("hello world, not a loader"));
+    row("S then no hex", QByteArray("S1zz00000000"));
 }
 
 void TstSerialLoad::refusedImages()

@@ -1,3 +1,4 @@
+#include "datatable.h"
 #include "errorkind.h"
 #include "handshake.h"
 #include "serverprocess.h"
@@ -9,6 +10,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QtEndian>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -99,43 +103,26 @@ std::optional<TstServer::Running> TstServer::withRunningDrive()
 
 void TstServer::badInputIsRefused_data()
 {
-    QTest::addColumn<QString>("operation");
-    QTest::addColumn<QString>("mentions");
-    QTest::newRow("length 9") << "send 0 0x100 9"
-                              << "9";
-    QTest::newRow("nine data bytes") << "senddata 0 0x100 8 9"
-                                     << "9 bytes";
-    QTest::newRow("a megabyte of data") << "senddata 0 0x100 8 1048576"
-                                        << "1048576 bytes";
-    QTest::newRow("COB-ID 0x800") << "send 0 0x800 1"
-                                  << "0x800";
-    QTest::newRow("controller 2") << "send 2 0x100 1"
-                                  << "2";
+    columns<QString, QString>({"operation", "mentions"});
+    row("length 9", "send 0 0x100 9", "9");
+    row("nine data bytes", "senddata 0 0x100 8 9", "9 bytes");
+    row("a megabyte of data", "senddata 0 0x100 8 1048576", "1048576 bytes");
+    row("COB-ID 0x800", "send 0 0x800 1", "0x800");
+    row("controller 2", "send 2 0x100 1", "2");
     // Timed frames: controller, COB-ID, length, milliseconds ahead, records announced.
-    QTest::newRow("timed 3 s ahead") << "timed 0 0x100 1 3000 1"
-                                     << "at most 2000 ms";
-    QTest::newRow("timed, more records announced") << "timed 0 0x100 1 10 2"
-                                                   << "2 frame records announced, 16 bytes";
-    QTest::newRow("bit rate 9") << "rate 0 9"
-                                << "9";
-    QTest::newRow("start controller 7") << "start 7"
-                                        << "7";
-    QTest::newRow("receive-all 0") << "rxall 0"
-                                   << "0";
-    QTest::newRow("SDO time-out 0") << "sdotimeout 0"
-                                    << "0";
-    QTest::newRow("LSS time-out 5001") << "lsstimeout 5001"
-                                       << "5001";
-    QTest::newRow("bench command 99") << "command 99"
-                                      << "99";
-    QTest::newRow("output 40") << "output 40"
-                               << "40";
-    QTest::newRow("analog 6") << "analog 6"
-                              << "6";
-    QTest::newRow("service selector") << "service LSSonly"
-                                      << "LSSonly";
-    QTest::newRow("service selector of a megabyte")
-        << "service " + QString(1 << 20, 'S') << "SSS...";
+    row("timed 3 s ahead", "timed 0 0x100 1 3000 1", "at most 2000 ms");
+    row("timed, more records announced", "timed 0 0x100 1 10 2",
+        "2 frame records announced, 16 bytes");
+    row("bit rate 9", "rate 0 9", "9");
+    row("start controller 7", "start 7", "7");
+    row("receive-all 0", "rxall 0", "0");
+    row("SDO time-out 0", "sdotimeout 0", "0");
+    row("LSS time-out 5001", "lsstimeout 5001", "5001");
+    row("bench command 99", "command 99", "99");
+    row("output 40", "output 40", "40");
+    row("analog 6", "analog 6", "6");
+    row("service selector", "service LSSonly", "LSSonly");
+    row("service selector of a megabyte", "service " + QString(1 << 20, 'S'), "SSS...");
 }
 
 void TstServer::badInputIsRefused()
@@ -287,17 +274,12 @@ void TstServer::sdoWithTheDrive()
 
 void TstServer::sdoAborts_data()
 {
-    QTest::addColumn<bool>("upload");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<int>("sub");
-    QTest::addColumn<QByteArray>("data");
-    QTest::addColumn<quint32>("abort");
-    QTest::newRow("missing object") << true << 0x3000 << 0 << QByteArray() << 0x06020000u;
-    QTest::newRow("write a read-only entry") << false << 0x1018 << 1 << le32(1) << 0x06010002u;
-    QTest::newRow("too high") << false << 0x2000 << 0 << le32(30000) << 0x06090031u;
-    QTest::newRow("store without its signature")
-        << false << 0x1010 << 1 << QByteArray("safe") << 0x08000020u;
-    QTest::newRow("too long") << false << 0x2002 << 0 << QByteArray("\x01\x02", 2) << 0x06070012u;
+    columns<bool, int, int, QByteArray, quint32>({"upload", "index", "sub", "data", "abort"});
+    row("missing object", true, 0x3000, 0, QByteArray(), 0x06020000u);
+    row("write a read-only entry", false, 0x1018, 1, le32(1), 0x06010002u);
+    row("too high", false, 0x2000, 0, le32(30000), 0x06090031u);
+    row("store without its signature", false, 0x1010, 1, QByteArray("safe"), 0x08000020u);
+    row("too long", false, 0x2002, 0, QByteArray("\x01\x02", 2), 0x06070012u);
 }
 
 void TstServer::sdoAborts()
@@ -381,21 +363,18 @@ void TstServer::syncForOneSessionAtATime()
 
 void TstServer::refusesToStart_data()
 {
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QString>("mentions");
-    QTest::newRow("unknown plugin")
-        << QStringList{"--channel", "nosuchplugin:can0"} << "nosuchplugin";
-    QTest::newRow("bad bench") << QStringList{"--bench", "bigbench"} << "bigbench";
-    QTest::newRow("missing EDS") << QStringList{"--eds", "/nonexistent/drive.eds"}
-                                 << "/nonexistent";
-    QTest::newRow("bad listen address") << QStringList{"--listen", "udp://1.2.3.4"} << "udp://";
-    QTest::newRow("LSS window of 0 ms")
-        << QStringList{"--lss-timeout", "0"} << "--lss-timeout takes a number of milliseconds";
-    QTest::newRow("backlog too small") << QStringList{"--client-backlog", "15"} << "KiB from 16";
-    QTest::newRow("five controllers")
-        << QStringList{"--channel", "sim",       "--channel", "sim",       "--channel",
-                       "sim",       "--channel", "sim",       "--channel", "sim"}
-        << "four";
+    columns<QStringList, QString>({"arguments", "mentions"});
+    row("unknown plugin", QStringList{"--channel", "nosuchplugin:can0"}, "nosuchplugin");
+    row("bad bench", QStringList{"--bench", "bigbench"}, "bigbench");
+    row("missing EDS", QStringList{"--eds", "/nonexistent/drive.eds"}, "/nonexistent");
+    row("bad listen address", QStringList{"--listen", "udp://1.2.3.4"}, "udp://");
+    row("LSS window of 0 ms", QStringList{"--lss-timeout", "0"},
+        "--lss-timeout takes a number of milliseconds");
+    row("backlog too small", QStringList{"--client-backlog", "15"}, "KiB from 16");
+    row("five controllers",
+        QStringList{"--channel", "sim", "--channel", "sim", "--channel", "sim", "--channel", "sim",
+                    "--channel", "sim"},
+        "four");
 }
 
 void TstServer::refusesToStart()

@@ -1,6 +1,7 @@
 // What a client may not do to the server: crash it, reach another session, make it hold
 // unbounded memory, starve the bus, keep a dead session's work running, or come in over TCP
 // without the secret. Each case runs against a real server process.
+#include "datatable.h"
 #include "handshake.h"
 #include "serverprocess.h"
 #include "wire.h"
@@ -23,6 +24,9 @@
 
 #include <sys/stat.h>
 #include <unistd.h>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using namespace qorcalib::test;
@@ -613,12 +617,11 @@ void TstServerBoundary::unfinishedPacketsAreBounded()
 
 void TstServerBoundary::socketFolderMustBePrivate_data()
 {
-    QTest::addColumn<QString>("setup");
-    QTest::addColumn<bool>("starts");
-    QTest::newRow("no folder yet") << "none" << true;
-    QTest::newRow("another user's folder") << "owner" << false;
-    QTest::newRow("a folder open to others") << "mode" << false;
-    QTest::newRow("a symbolic link to a folder") << "link" << false;
+    columns<QString, bool>({"setup", "starts"});
+    row("no folder yet", "none", true);
+    row("another user's folder", "owner", false);
+    row("a folder open to others", "mode", false);
+    row("a symbolic link to a folder", "link", false);
 }
 
 void TstServerBoundary::socketFolderMustBePrivate()

@@ -1,10 +1,14 @@
 #include "acquisition.h"
+#include "datatable.h"
 
 #include <QBuffer>
 #include <QFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -20,20 +24,16 @@ private slots:
 
 void TstAcquisition::lines_data()
 {
-    QTest::addColumn<quint32>("id");
-    QTest::addColumn<quint32>("time");
-    QTest::addColumn<QByteArray>("data");
-    QTest::addColumn<QByteArray>("line");
-    QTest::newRow("two bytes") << 0x181u << 5123456u << QByteArray("\x12\x34", 2)
-                               << QByteArray("385;5123456;2;18;52;\r\n");
-    QTest::newRow("no data") << 0x701u << 0u << QByteArray() << QByteArray("1793;0;0;\r\n");
-    QTest::newRow("eight bytes") << 0x7FFu << 1u
-                                 << QByteArray("\x00\xFF\x01\x80\x7F\x10\x20\x30", 8)
-                                 << QByteArray("2047;1;8;0;255;1;128;127;16;32;48;\r\n");
+    columns<quint32, quint32, QByteArray, QByteArray>({"id", "time", "data", "line"});
+    row("two bytes", 0x181u, 5123456u, QByteArray("\x12\x34", 2),
+        QByteArray("385;5123456;2;18;52;\r\n"));
+    row("no data", 0x701u, 0u, QByteArray(), QByteArray("1793;0;0;\r\n"));
+    row("eight bytes", 0x7FFu, 1u, QByteArray("\x00\xFF\x01\x80\x7F\x10\x20\x30", 8),
+        QByteArray("2047;1;8;0;255;1;128;127;16;32;48;\r\n"));
     // The time stamp is kept as 32 bits read signed: past 2^31 µs it reads negative.
-    QTest::newRow("time past 2^31")
-        << 0x80u << 0x80000000u << QByteArray("\x05", 1) << QByteArray("128;-2147483648;1;5;\r\n");
-    QTest::newRow("time 2^32-1") << 0u << 0xFFFFFFFFu << QByteArray() << QByteArray("0;-1;0;\r\n");
+    row("time past 2^31", 0x80u, 0x80000000u, QByteArray("\x05", 1),
+        QByteArray("128;-2147483648;1;5;\r\n"));
+    row("time 2^32-1", 0u, 0xFFFFFFFFu, QByteArray(), QByteArray("0;-1;0;\r\n"));
 }
 
 void TstAcquisition::lines()
@@ -56,12 +56,12 @@ void TstAcquisition::lines()
 void TstAcquisition::fileFaultsKeepTheBuffer_data()
 {
     QTest::addColumn<QString>("where");
-    QTest::newRow("missing folder") << "missing/acq.csv";
-    QTest::newRow("read-only folder") << "readonly/acq.csv";
-    QTest::newRow("a folder as file") << "readonly";
+    row("missing folder", "missing/acq.csv");
+    row("read-only folder", "readonly/acq.csv");
+    row("a folder as file", "readonly");
     // Even root cannot create a file there.
-    QTest::newRow("read-only file system") << "/proc/acq.csv";
-    QTest::newRow("no name") << "";
+    row("read-only file system", "/proc/acq.csv");
+    row("no name", "");
 }
 
 void TstAcquisition::fileFaultsKeepTheBuffer()

@@ -1,4 +1,5 @@
 #include "canmsg.h"
+#include "datatable.h"
 #include "frmdiagno.h"
 #include "frminviamesg.h"
 #include "frmio.h"
@@ -18,6 +19,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QtEndian>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -86,13 +90,12 @@ private slots:
 
 void TstFrmDiagno::recordsOfNoFrameLengthAreDropped_data()
 {
-    QTest::addColumn<int>("length");
-    QTest::addColumn<bool>("traced");
-    QTest::newRow("0") << 0 << true;
-    QTest::newRow("8") << 8 << true;
-    QTest::newRow("9") << 9 << false;
-    QTest::newRow("300") << 300 << false;
-    QTest::newRow("-1") << -1 << false;
+    columns<int, bool>({"length", "traced"});
+    row("0", 0, true);
+    row("8", 8, true);
+    row("9", 9, false);
+    row("300", 300, false);
+    row("-1", -1, false);
 }
 
 void TstFrmDiagno::recordsOfNoFrameLengthAreDropped()

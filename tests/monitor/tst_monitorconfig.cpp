@@ -1,6 +1,10 @@
+#include "datatable.h"
 #include "monitorconfig.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -91,23 +95,21 @@ void TstMonitorConfig::writesTheFileFormat()
 
 void TstMonitorConfig::versions_data()
 {
-    QTest::addColumn<QByteArray>("file");
-    QTest::addColumn<bool>("filters");
-    QTest::addColumn<bool>("sequences");
+    columns<QByteArray, bool, bool>({"file", "filters", "sequences"});
     const QByteArray tail = "\"701\",\"702\",\"703\",\"704\",\"705\",\"706\"";
-    QTest::newRow("CANDIA") << "\";CANDIA\"\r\n" + slotLines() << false << false;
-    QTest::newRow("COPDIA") << "\";COPDIA config file\"\r\n" + slotLines() + tail << true << false;
-    QTest::newRow("COPDIBxyz") << "\";COPDIBxyz\"\r\n" + slotLines() + tail +
-                                      ",\"M1\",\"M2\",\"M3\",\"M4\",\"M5\",\"M6\""
-                               << true << true;
+    row("CANDIA", "\";CANDIA\"\r\n" + slotLines(), false, false);
+    row("COPDIA", "\";COPDIA config file\"\r\n" + slotLines() + tail, true, false);
+    row("COPDIBxyz",
+        "\";COPDIBxyz\"\r\n" + slotLines() + tail + ",\"M1\",\"M2\",\"M3\",\"M4\",\"M5\",\"M6\"",
+        true, true);
     // Fields are read one by one, whatever the line breaks: all on one line, LF only.
     QByteArray oneLine = slotLines();
     oneLine.replace("\r\n", ",");
-    QTest::newRow("one line") << "\";CANDIA\"," + oneLine << false << false;
+    row("one line", "\";CANDIA\"," + oneLine, false, false);
     QByteArray unix = "\";CANDIA\"\n" + slotLines();
     unix.replace("\r\n", "\n");
-    QTest::newRow("LF line ends") << unix << false << false;
-    QTest::newRow("bare header, blanks") << ";CANDIA ,  " + slotLines() << false << false;
+    row("LF line ends", unix, false, false);
+    row("bare header, blanks", ";CANDIA ,  " + slotLines(), false, false);
 }
 
 void TstMonitorConfig::versions()
@@ -129,34 +131,30 @@ void TstMonitorConfig::versions()
 
 void TstMonitorConfig::badFiles_data()
 {
-    QTest::addColumn<QByteArray>("file");
-    QTest::addColumn<int>("result");
+    columns<QByteArray, int>({"file", "result"});
     // How many slots' identifiers the failed load had set before it stopped.
     QTest::addColumn<int>("slotsRead");
     const int unknown = MonitorConfigLoad::UnknownHeader, failed = MonitorConfigLoad::Failed;
-    QTest::newRow("empty file") << QByteArray() << unknown << 0;
-    QTest::newRow("unknown header") << QByteArray("\";COPDIC\"\r\n") + slotLines() << unknown << 0;
-    QTest::newRow("header of six characters")
-        << QByteArray("\";COPDI\"\r\n") + slotLines() << unknown << 0;
+    row("empty file", QByteArray(), unknown, 0);
+    row("unknown header", QByteArray("\";COPDIC\"\r\n") + slotLines(), unknown, 0);
+    row("header of six characters", QByteArray("\";COPDI\"\r\n") + slotLines(), unknown, 0);
     QByteArray garbage(4096, '\0');
     for (int i = 0; i < garbage.size(); ++i)
         garbage[i] = char((i * 7919 + 13) % 256);
-    QTest::newRow("binary garbage") << garbage << unknown << 0;
-    QTest::newRow("header only") << QByteArray("\";COPDIB\"\r\n") << failed << 0;
-    QTest::newRow("cut in slot 3")
-        << QByteArray("\";CANDIA\"\r\n") + slotLines().left(130) << failed << 3;
+    row("binary garbage", garbage, unknown, 0);
+    row("header only", QByteArray("\";COPDIB\"\r\n"), failed, 0);
+    row("cut in slot 3", QByteArray("\";CANDIA\"\r\n") + slotLines().left(130), failed, 3);
     QByteArray badBox = slotLines();
     badBox.replace(",1\r\n\"185\"", ",2\r\n\"185\"");
-    QTest::newRow("remote box 2") << "\";CANDIA\"\r\n" + badBox << failed << 4;
+    row("remote box 2", "\";CANDIA\"\r\n" + badBox, failed, 4);
     QByteArray wordBox = slotLines();
     wordBox.replace(",0\r\n\"183\"", ",yes\r\n\"183\"");
-    QTest::newRow("remote box yes") << "\";CANDIA\"\r\n" + wordBox << failed << 2;
+    row("remote box yes", "\";CANDIA\"\r\n" + wordBox, failed, 2);
     QByteArray strayQuote = slotLines();
     strayQuote.replace("\"183\"", "\"1\"83\"");
-    QTest::newRow("embedded quote") << "\";CANDIA\"\r\n" + strayQuote << failed << 2;
-    QTest::newRow("no closing quote")
-        << "\";CANDIA\"\r\n" + slotLines().left(40) + "\"abc" << failed << 1;
-    QTest::newRow("filters missing") << "\";COPDIA\"\r\n" + slotLines() + "\"701\"" << failed << 8;
+    row("embedded quote", "\";CANDIA\"\r\n" + strayQuote, failed, 2);
+    row("no closing quote", "\";CANDIA\"\r\n" + slotLines().left(40) + "\"abc", failed, 1);
+    row("filters missing", "\";COPDIA\"\r\n" + slotLines() + "\"701\"", failed, 8);
 }
 
 void TstMonitorConfig::badFiles()

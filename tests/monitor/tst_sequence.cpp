@@ -1,8 +1,12 @@
+#include "datatable.h"
 #include "sequence.h"
 
 #include <QTest>
 
 #include <memory>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -77,19 +81,16 @@ private slots:
 
 void TstSequence::tokens_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<int>("start");
-    QTest::addColumn<QString>("token");
-    QTest::addColumn<int>("position");
-    QTest::newRow("first") << "M1 T0.5" << 1 << "M1" << 3;
-    QTest::newRow("blanks skipped") << "M1   T0.5" << 3 << "T0.5" << 10;
-    QTest::newRow("lower case") << "m1 t1" << 4 << "T1" << 6;
-    QTest::newRow("comma ends a token") << "M1,M2" << 1 << "M1" << 3;
-    QTest::newRow("comma: empty, stays") << "M1,M2" << 3 << "" << 3;
-    QTest::newRow("past the end") << "M1 " << 3 << "" << 4;
-    QTest::newRow("empty text") << "" << 1 << "" << 1;
-    QTest::newRow("tab is no blank") << "\tM1" << 1 << "" << 1;
-    QTest::newRow("letters run on") << "MT5 M2" << 1 << "MT5" << 4;
+    columns<QString, int, QString, int>({"text", "start", "token", "position"});
+    row("first", "M1 T0.5", 1, "M1", 3);
+    row("blanks skipped", "M1   T0.5", 3, "T0.5", 10);
+    row("lower case", "m1 t1", 4, "T1", 6);
+    row("comma ends a token", "M1,M2", 1, "M1", 3);
+    row("comma: empty, stays", "M1,M2", 3, "", 3);
+    row("past the end", "M1 ", 3, "", 4);
+    row("empty text", "", 1, "", 1);
+    row("tab is no blank", "\tM1", 1, "", 1);
+    row("letters run on", "MT5 M2", 1, "MT5", 4);
 }
 
 void TstSequence::tokens()
@@ -105,10 +106,8 @@ void TstSequence::tokens()
 
 void TstSequence::rows_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<qint64>("until");
-    QTest::addColumn<QString>("sends");
-    QTest::addColumn<QString>("stop"); // the message of a row that stopped by itself
+    // stop: the message of a row that stopped by itself
+    columns<QString, qint64, QString, QString>({"text", "until", "sends", "stop"});
     const QString running = QStringLiteral("(running)");
     const auto bad = [](const QString& at) {
         return QStringLiteral("Sequence stopped at \"%1\": a row holds Mn (send slot n, 1 to 8) "
@@ -116,24 +115,21 @@ void TstSequence::rows_data()
             .arg(at);
     };
     // Ticking starts 1 ms later; the end of each pass gives the event loop one turn (0 ms).
-    QTest::newRow("M1 T0.5 M2 T1")
-        << "M1 T0.5 M2 T1" << qint64(3100) << "0@1 1@501 0@1501 1@2001 0@3001" << running;
-    QTest::newRow("lower case") << "m1 t1" << qint64(2500) << "0@1 0@1001 0@2001" << running;
-    QTest::newRow("comma stops after the first") << "M1,M2" << qint64(1000) << "0@1" << bad(",M2");
-    QTest::newRow("T0 hangs") << "M1 T0 M2" << qint64(5000) << "0@1" << running;
-    QTest::newRow("M9: no such slot")
-        << "M3 M9 T1" << qint64(1500) << "2@1"
-        << "Sequence stopped at \"M9\": there is no slot 9 (M1 to M8).";
-    QTest::newRow("M0: no such slot")
-        << "M0 M3" << qint64(1500) << ""
-        << "Sequence stopped at \"M0\": there is no slot 0 (M1 to M8).";
-    QTest::newRow("digit first stops") << "M1 5" << qint64(1000) << "0@1" << bad("5");
-    QTest::newRow("blank text stops") << "   " << qint64(1000) << "" << QString();
-    QTest::newRow("empty text stops") << "" << qint64(1000) << "" << QString();
-    QTest::newRow("rounding M1.5 is slot 0") << "M1.5 T2" << qint64(100) << "0@1" << running;
-    QTest::newRow("T0.0004 rounds to 0, hangs") << "M2 T0.0004" << qint64(100) << "1@1" << running;
-    QTest::newRow("longest wait") << "M1 T65.535" << qint64(70000) << "0@1 0@65536" << running;
-    QTest::newRow("trailing blanks") << "M1 T1 " << qint64(1500) << "0@1 0@1001" << running;
+    row("M1 T0.5 M2 T1", "M1 T0.5 M2 T1", qint64(3100), "0@1 1@501 0@1501 1@2001 0@3001", running);
+    row("lower case", "m1 t1", qint64(2500), "0@1 0@1001 0@2001", running);
+    row("comma stops after the first", "M1,M2", qint64(1000), "0@1", bad(",M2"));
+    row("T0 hangs", "M1 T0 M2", qint64(5000), "0@1", running);
+    row("M9: no such slot", "M3 M9 T1", qint64(1500), "2@1",
+        "Sequence stopped at \"M9\": there is no slot 9 (M1 to M8).");
+    row("M0: no such slot", "M0 M3", qint64(1500), "",
+        "Sequence stopped at \"M0\": there is no slot 0 (M1 to M8).");
+    row("digit first stops", "M1 5", qint64(1000), "0@1", bad("5"));
+    row("blank text stops", "   ", qint64(1000), "", QString());
+    row("empty text stops", "", qint64(1000), "", QString());
+    row("rounding M1.5 is slot 0", "M1.5 T2", qint64(100), "0@1", running);
+    row("T0.0004 rounds to 0, hangs", "M2 T0.0004", qint64(100), "1@1", running);
+    row("longest wait", "M1 T65.535", qint64(70000), "0@1 0@65536", running);
+    row("trailing blanks", "M1 T1 ", qint64(1500), "0@1 0@1001", running);
 }
 
 void TstSequence::rows()

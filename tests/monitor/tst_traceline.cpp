@@ -1,7 +1,11 @@
+#include "datatable.h"
 #include "receivefilter.h"
 #include "traceline.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -20,37 +24,26 @@ private slots:
 
 void TstTraceLine::line_data()
 {
-    QTest::addColumn<int>("channel");
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<quint32>("id");
-    QTest::addColumn<quint32>("time");
-    QTest::addColumn<QByteArray>("data");
-    QTest::addColumn<QString>("decimalPoint");
-    QTest::addColumn<QString>("expected");
+    columns<int, int, quint32, quint32, QByteArray, QString, QString>(
+        {"channel", "kind", "id", "time", "data", "decimalPoint", "expected"});
 
-    QTest::newRow("received") << 0 << 1 << 0x181u << 5123456u << QByteArray::fromHex("1234") << "."
-                              << "R0 181 2 005s123.456 > 12 34 ";
-    QTest::newRow("server's transmit report")
-        << 0 << 2 << 0x601u << 0u << QByteArray::fromHex("4000100000000000") << "."
-        << "T0 601 8 000s000.000 > 40 00 10 00 00 00 00 00 ";
-    QTest::newRow("NMT reset node") << 0 << 2 << 0u << 0u << QByteArray::fromHex("8100") << "."
-                                    << "T0 000 2 000s000.000 > 81 00 ";
-    QTest::newRow("remote request has no data")
-        << 1 << 3 << 0x701u << 0u << QByteArray::fromHex("0102") << "."
-        << "M1 701 0 000s000.000 > ";
-    QTest::newRow("unknown kind has no letter") << 2 << 7 << 0x10u << 0u << QByteArray() << "."
-                                                << "2 010 0 000s000.000 > ";
-    QTest::newRow("seconds wrap after 999")
-        << 0 << 1 << 0x701u << 1000000999u << QByteArray::fromHex("7f") << "."
-        << "R0 701 1 000s000.999 > 7F ";
-    QTest::newRow("half a millisecond") << 3 << 1 << 0x80u << 5500u << QByteArray() << "."
-                                        << "R3 080 0 000s005.500 > ";
-    QTest::newRow("largest time") << 0 << 1 << 0x7FFu << 4294967295u << QByteArray() << "."
-                                  << "R0 7FF 0 294s967.295 > ";
-    QTest::newRow("long id keeps its last digits") << 0 << 1 << 0x1ABCu << 0u << QByteArray() << "."
-                                                   << "R0 ABC 0 000s000.000 > ";
-    QTest::newRow("locale decimal comma") << 0 << 1 << 0x181u << 5123456u << QByteArray() << ","
-                                          << "R0 181 0 005s123,456 > ";
+    row("received", 0, 1, 0x181u, 5123456u, QByteArray::fromHex("1234"), ".",
+        "R0 181 2 005s123.456 > 12 34 ");
+    row("server's transmit report", 0, 2, 0x601u, 0u, QByteArray::fromHex("4000100000000000"), ".",
+        "T0 601 8 000s000.000 > 40 00 10 00 00 00 00 00 ");
+    row("NMT reset node", 0, 2, 0u, 0u, QByteArray::fromHex("8100"), ".",
+        "T0 000 2 000s000.000 > 81 00 ");
+    row("remote request has no data", 1, 3, 0x701u, 0u, QByteArray::fromHex("0102"), ".",
+        "M1 701 0 000s000.000 > ");
+    row("unknown kind has no letter", 2, 7, 0x10u, 0u, QByteArray(), ".", "2 010 0 000s000.000 > ");
+    row("seconds wrap after 999", 0, 1, 0x701u, 1000000999u, QByteArray::fromHex("7f"), ".",
+        "R0 701 1 000s000.999 > 7F ");
+    row("half a millisecond", 3, 1, 0x80u, 5500u, QByteArray(), ".", "R3 080 0 000s005.500 > ");
+    row("largest time", 0, 1, 0x7FFu, 4294967295u, QByteArray(), ".", "R0 7FF 0 294s967.295 > ");
+    row("long id keeps its last digits", 0, 1, 0x1ABCu, 0u, QByteArray(), ".",
+        "R0 ABC 0 000s000.000 > ");
+    row("locale decimal comma", 0, 1, 0x181u, 5123456u, QByteArray(), ",",
+        "R0 181 0 005s123,456 > ");
 }
 
 void TstTraceLine::line()
@@ -69,13 +62,13 @@ void TstTraceLine::line()
 
 void TstTraceLine::trimBoundary_data()
 {
-    QTest::addColumn<int>("first");  // length of a first line
-    QTest::addColumn<int>("second"); // length of the line that follows it
-    QTest::addColumn<bool>("cut");
+    // first: length of a first line
+    // second: length of the line that follows it
+    columns<int, int, bool>({"first", "second", "cut"});
     // The cut comes when text + line + 2 reaches 65000.
-    QTest::newRow("one below the limit") << 40000 << 64999 - 40002 - 2 << false;
-    QTest::newRow("at the limit") << 40000 << 65000 - 40002 - 2 << true;
-    QTest::newRow("a short line after a long one") << 64991 << 5 << true;
+    row("one below the limit", 40000, 64999 - 40002 - 2, false);
+    row("at the limit", 40000, 65000 - 40002 - 2, true);
+    row("a short line after a long one", 64991, 5, true);
 }
 
 void TstTraceLine::trimBoundary()
@@ -106,26 +99,21 @@ void TstTraceLine::trimKeepsTheTraceBounded()
 
 void TstTraceLine::filter_data()
 {
-    QTest::addColumn<QStringList>("boxes");
-    QTest::addColumn<bool>("invert");
-    QTest::addColumn<quint32>("id");
-    QTest::addColumn<bool>("passes");
+    columns<QStringList, bool, quint32, bool>({"boxes", "invert", "id", "passes"});
     const QStringList none{"", "", "", "", "", ""};
-    QTest::newRow("empty list passes all") << none << false << 0x181u << true;
-    QTest::newRow("empty list inverted passes none") << none << true << 0x181u << false;
-    QTest::newRow("empty boxes never match id 0") << none << true << 0x000u << false;
-    QTest::newRow("listed is hidden") << QStringList{"181"} << false << 0x181u << false;
-    QTest::newRow("unlisted shows") << QStringList{"181"} << false << 0x182u << true;
-    QTest::newRow("listed shows when inverted")
-        << QStringList{"", "", "701"} << true << 0x701u << true;
-    QTest::newRow("blanks around") << QStringList{" 181 "} << false << 0x181u << false;
-    QTest::newRow("lower case") << QStringList{"7e5"} << false << 0x7E5u << false;
-    QTest::newRow("0x prefix reads as 0") << QStringList{"0x181"} << false << 0x000u << false;
-    QTest::newRow("0x prefix does not match the id")
-        << QStringList{"0x181"} << false << 0x181u << true;
-    QTest::newRow("not hexadecimal reads as 0") << QStringList{"zz"} << false << 0x000u << false;
-    QTest::newRow("leading digits count") << QStringList{"18g"} << false << 0x18u << false;
-    QTest::newRow("sixth box") << QStringList{"", "", "", "", "", "80"} << false << 0x80u << false;
+    row("empty list passes all", none, false, 0x181u, true);
+    row("empty list inverted passes none", none, true, 0x181u, false);
+    row("empty boxes never match id 0", none, true, 0x000u, false);
+    row("listed is hidden", QStringList{"181"}, false, 0x181u, false);
+    row("unlisted shows", QStringList{"181"}, false, 0x182u, true);
+    row("listed shows when inverted", QStringList{"", "", "701"}, true, 0x701u, true);
+    row("blanks around", QStringList{" 181 "}, false, 0x181u, false);
+    row("lower case", QStringList{"7e5"}, false, 0x7E5u, false);
+    row("0x prefix reads as 0", QStringList{"0x181"}, false, 0x000u, false);
+    row("0x prefix does not match the id", QStringList{"0x181"}, false, 0x181u, true);
+    row("not hexadecimal reads as 0", QStringList{"zz"}, false, 0x000u, false);
+    row("leading digits count", QStringList{"18g"}, false, 0x18u, false);
+    row("sixth box", QStringList{"", "", "", "", "", "80"}, false, 0x80u, false);
 }
 
 void TstTraceLine::filter()

@@ -1,6 +1,7 @@
 // Production runs of one unit: the exact command lines, the firmware base, the failures that stop
 // a run before a serial is taken, the serial programming.
 #include "commandlines.h"
+#include "datatable.h"
 #include "processrunner.h"
 #include "productionrun.h"
 
@@ -9,6 +10,9 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 using namespace tessel::production;
@@ -72,33 +76,16 @@ private:
 
 void TstProductionRun::firmwareBase_data()
 {
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<QString>("base"); // "-": none
-    QTest::addColumn<QString>("kickstart");
-    QTest::newRow(".s") << "/fw/app.s"
-                        << "/fw/app"
-                        << "/fw/kickstart";
-    QTest::newRow(".S") << "/fw/app.S"
-                        << "/fw/app"
-                        << "/fw/kickstart";
-    QTest::newRow(".sx cut too") << "/fw/app.sx"
-                                 << "/fw/app"
-                                 << "/fw/kickstart";
-    QTest::newRow("folder with .s") << "/x.src/app.hex"
-                                    << "/x"
-                                    << "/kickstart";
-    QTest::newRow("last of two") << "/a.s/b.s"
-                                 << "/a.s/b"
-                                 << "/a.s/kickstart";
-    QTest::newRow("no folder") << "app.s"
-                               << "app"
-                               << "-";
-    QTest::newRow("none") << "/fw/app.hex"
-                          << "-"
-                          << "-";
-    QTest::newRow("empty") << ""
-                           << "-"
-                           << "-";
+    // base: "-": none
+    columns<QString, QString, QString>({"path", "base", "kickstart"});
+    row(".s", "/fw/app.s", "/fw/app", "/fw/kickstart");
+    row(".S", "/fw/app.S", "/fw/app", "/fw/kickstart");
+    row(".sx cut too", "/fw/app.sx", "/fw/app", "/fw/kickstart");
+    row("folder with .s", "/x.src/app.hex", "/x", "/kickstart");
+    row("last of two", "/a.s/b.s", "/a.s/b", "/a.s/kickstart");
+    row("no folder", "app.s", "app", "-");
+    row("none", "/fw/app.hex", "-", "-");
+    row("empty", "", "-", "-");
 }
 
 void TstProductionRun::firmwareBase()
@@ -137,31 +124,19 @@ void TstProductionRun::commandLines()
 
 void TstProductionRun::refusedBeforeASerialIsTaken_data()
 {
-    QTest::addColumn<QString>("firmware");
-    QTest::addColumn<QString>("configuration");
-    QTest::addColumn<QString>("databaseError");
-    QTest::addColumn<QString>("message");
-    QTest::newRow("no .s") << "/fw/app.hex"
-                           << "/fw/d.cfg"
-                           << ""
-                           << "Err: 52 firmware file '/fw/app.hex' has no .s extension: "
-                              "nothing run";
-    QTest::newRow("blank in firmware")
-        << "/my fw/app.s"
-        << "/fw/d.cfg"
-        << ""
-        << "Err: 52 '/my fw/app' holds a blank: the programming commands take paths without "
-           "blanks; nothing run";
-    QTest::newRow("blank in configuration")
-        << "/fw/app.s"
-        << "/fw/my d.cfg"
-        << ""
-        << "Err: 52 '/fw/my d.cfg' holds a blank: the programming commands take paths without "
-           "blanks; nothing run";
-    QTest::newRow("database") << "/fw/app.s"
-                              << "/fw/d.cfg"
-                              << "SQLite database /line/tessel.db not found"
-                              << "Err: 3024 SQLite database /line/tessel.db not found";
+    columns<QString, QString, QString, QString>(
+        {"firmware", "configuration", "databaseError", "message"});
+    row("no .s", "/fw/app.hex", "/fw/d.cfg", "",
+        "Err: 52 firmware file '/fw/app.hex' has no .s extension: "
+        "nothing run");
+    row("blank in firmware", "/my fw/app.s", "/fw/d.cfg", "",
+        "Err: 52 '/my fw/app' holds a blank: the programming commands take paths without "
+        "blanks; nothing run");
+    row("blank in configuration", "/fw/app.s", "/fw/my d.cfg", "",
+        "Err: 52 '/fw/my d.cfg' holds a blank: the programming commands take paths without "
+        "blanks; nothing run");
+    row("database", "/fw/app.s", "/fw/d.cfg", "SQLite database /line/tessel.db not found",
+        "Err: 3024 SQLite database /line/tessel.db not found");
 }
 
 void TstProductionRun::refusedBeforeASerialIsTaken()
@@ -183,10 +158,9 @@ void TstProductionRun::refusedBeforeASerialIsTaken()
 
 void TstProductionRun::serialProgramming_data()
 {
-    QTest::addColumn<int>("finalState");
-    QTest::addColumn<int>("kind");
-    QTest::newRow("loaded") << 3 << int(ProductionRun::Outcome::Done);
-    QTest::newRow("unit unpowered") << 5 << int(ProductionRun::Outcome::LoadFailed);
+    columns<int, int>({"finalState", "kind"});
+    row("loaded", 3, int(ProductionRun::Outcome::Done));
+    row("unit unpowered", 5, int(ProductionRun::Outcome::LoadFailed));
 }
 
 void TstProductionRun::serialProgramming()

@@ -1,6 +1,7 @@
 // The serial counter against real databases: an SQLite file, its faults, four stations drawing
 // at once, a station waiting out another's lock; and a PostgreSQL server when the test runs
 // inside one (pg_virtualenv), else skipped with a note.
+#include "datatable.h"
 #include "serialcounter.h"
 
 #include <QDir>
@@ -17,6 +18,9 @@
 
 #include <future>
 #include <thread>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -113,17 +117,16 @@ private:
 
 void TstSerialCounter::faults_data()
 {
-    QTest::addColumn<QString>("setup"); // what the folder holds
-    QTest::addColumn<int>("number");
-    QTest::addColumn<QString>("says");
-    QTest::newRow("folder missing") << "nothing" << 3024 << "not found";
-    QTest::newRow("file missing") << "empty folder" << 3024 << "not found";
-    QTest::newRow("table missing") << "other table" << 3078 << "no such table";
-    QTest::newRow("no row") << "empty table" << 3078 << "holds no serial";
-    QTest::newRow("read-only file") << "read-only" << 3051 << "readonly";
-    QTest::newRow("not a database") << "garbage" << 3051 << "";
-    QTest::newRow("counter at the highest serial") << "2147483647" << 3349 << "highest serial";
-    QTest::newRow("counter below zero") << "-5" << 3349 << "holds -5";
+    // setup: what the folder holds
+    columns<QString, int, QString>({"setup", "number", "says"});
+    row("folder missing", "nothing", 3024, "not found");
+    row("file missing", "empty folder", 3024, "not found");
+    row("table missing", "other table", 3078, "no such table");
+    row("no row", "empty table", 3078, "holds no serial");
+    row("read-only file", "read-only", 3051, "readonly");
+    row("not a database", "garbage", 3051, "");
+    row("counter at the highest serial", "2147483647", 3349, "highest serial");
+    row("counter below zero", "-5", 3349, "holds -5");
 }
 
 void TstSerialCounter::faults()

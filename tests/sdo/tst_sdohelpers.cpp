@@ -1,7 +1,11 @@
+#include "datatable.h"
 #include "hexhelpers.h"
 #include "sdoaddress.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -26,14 +30,13 @@ private slots:
 
 void TstSdoHelpers::hexToNumber_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<qint32>("value");
-    QTest::newRow("1f50") << "1f50" << 0x1F50;
-    QTest::newRow("empty") << "" << 0;
-    QTest::newRow("upper") << "FF" << 255;
-    QTest::newRow("a bad digit counts -1") << "1G" << 15; // 1 * 16 - 1
-    QTest::newRow("prefix is not accepted") << "0x1" << -15; // (0 * 16 - 1) * 16 + 1
-    QTest::newRow("eight digits") << "FFFFFFFF" << -1;
+    columns<QString, qint32>({"text", "value"});
+    row("1f50", "1f50", 0x1F50);
+    row("empty", "", 0);
+    row("upper", "FF", 255);
+    row("a bad digit counts -1", "1G", 15);    // 1 * 16 - 1
+    row("prefix is not accepted", "0x1", -15); // (0 * 16 - 1) * 16 + 1
+    row("eight digits", "FFFFFFFF", -1);
 }
 
 void TstSdoHelpers::hexToNumber()
@@ -45,14 +48,13 @@ void TstSdoHelpers::hexToNumber()
 
 void TstSdoHelpers::bytesToNumber_data()
 {
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<qint32>("value");
-    QTest::newRow("FF") << QByteArray::fromHex("ff") << -1;
-    QTest::newRow("80") << QByteArray::fromHex("80") << -128;
-    QTest::newRow("00 80") << QByteArray::fromHex("0080") << -32768;
-    QTest::newRow("D2 04") << QByteArray::fromHex("d204") << 1234;
-    QTest::newRow("4 bytes") << QByteArray::fromHex("78563412") << 0x12345678;
-    QTest::newRow("4 bytes negative") << QByteArray::fromHex("feffffff") << -2;
+    columns<QByteArray, qint32>({"bytes", "value"});
+    row("FF", QByteArray::fromHex("ff"), -1);
+    row("80", QByteArray::fromHex("80"), -128);
+    row("00 80", QByteArray::fromHex("0080"), -32768);
+    row("D2 04", QByteArray::fromHex("d204"), 1234);
+    row("4 bytes", QByteArray::fromHex("78563412"), 0x12345678);
+    row("4 bytes negative", QByteArray::fromHex("feffffff"), -2);
 }
 
 void TstSdoHelpers::bytesToNumber()
@@ -66,27 +68,19 @@ void TstSdoHelpers::bytesToNumber()
 
 void TstSdoHelpers::views_data()
 {
-    QTest::addColumn<int>("view");
-    QTest::addColumn<QString>("typed");
-    QTest::addColumn<QString>("hex");
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("byteValue");
-    QTest::addColumn<QString>("word");
-    QTest::addColumn<QString>("longValue");
+    columns<int, QString, QString, QString, QString, QString, QString>(
+        {"view", "typed", "hex", "text", "byteValue", "word", "longValue"});
     // The text view shows each byte as the character of that code.
     const auto latin1 = [](const char* bytes) { return QString::fromLatin1(bytes); };
-    QTest::newRow("word 1234") << 4 << "1234" << "D204" << latin1("\xd2\x04") << "210" << "1234"
-                               << "1234";
-    QTest::newRow("hex 4142") << 1 << "4142" << "4142" << "AB" << "65" << "16961" << "16961";
-    QTest::newRow("odd hex digit alone") << 1 << "ABC" << "AB0C" << latin1("\xab\x0c") << "171" << "3243"
-                                         << "3243";
-    QTest::newRow("text") << 2 << "Qor" << "516F72" << "Qor" << "81" << "28497" << "7499601";
-    QTest::newRow("byte keeps one byte") << 3 << "300" << "2C" << "," << "44" << "44" << "44";
-    QTest::newRow("long negative") << 5 << "-2" << "FEFFFFFF" << latin1("\xfe\xff\xff\xff") << "254"
-                                   << "65534" << "4294967294";
-    QTest::newRow("not a number") << 4 << "abc" << "0000" << QString(2, QChar(0)) << "0" << "0"
-                                  << "0";
-    QTest::newRow("empty hex") << 1 << "" << "" << "" << "0" << "0" << "0";
+    row("word 1234", 4, "1234", "D204", latin1("\xd2\x04"), "210", "1234", "1234");
+    row("hex 4142", 1, "4142", "4142", "AB", "65", "16961", "16961");
+    row("odd hex digit alone", 1, "ABC", "AB0C", latin1("\xab\x0c"), "171", "3243", "3243");
+    row("text", 2, "Qor", "516F72", "Qor", "81", "28497", "7499601");
+    row("byte keeps one byte", 3, "300", "2C", ",", "44", "44", "44");
+    row("long negative", 5, "-2", "FEFFFFFF", latin1("\xfe\xff\xff\xff"), "254", "65534",
+        "4294967294");
+    row("not a number", 4, "abc", "0000", QString(2, QChar(0)), "0", "0", "0");
+    row("empty hex", 1, "", "", "", "0", "0", "0");
 }
 
 void TstSdoHelpers::views()
@@ -109,13 +103,11 @@ void TstSdoHelpers::views()
 
 void TstSdoHelpers::resultText_data()
 {
-    QTest::addColumn<quint32>("code");
-    QTest::addColumn<QString>("error");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("success") << 0u << "" << "";
-    QTest::newRow("06020000") << 0x06020000u << "" << "06020000";
-    QTest::newRow("leading zero") << 0x5030000u << "" << "05030000";
-    QTest::newRow("error wins") << 0x05040000u << "SDO timeout" << "SDO timeout";
+    columns<quint32, QString, QString>({"code", "error", "text"});
+    row("success", 0u, "", "");
+    row("06020000", 0x06020000u, "", "06020000");
+    row("leading zero", 0x5030000u, "", "05030000");
+    row("error wins", 0x05040000u, "SDO timeout", "SDO timeout");
 }
 
 void TstSdoHelpers::resultText()
@@ -128,20 +120,17 @@ void TstSdoHelpers::resultText()
 
 void TstSdoHelpers::parseAddress_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<int>("node");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<int>("sub");
-    QTest::newRow("three fields") << "1,2000,3" << 1 << 0x2000 << 3;
-    QTest::newRow("blanks around") << "7f , 1018 , 01" << 0x7F << 0x1018 << 1;
-    QTest::newRow("two fields: sub from the index") << "1,2000" << 1 << 0x2000 << 0x2000;
-    QTest::newRow("1,1018 is sub-index 0x18") << "1,1018" << 1 << 0x1018 << 0x1018;
-    QTest::newRow("node only") << "1" << 1 << 0 << 0;
-    QTest::newRow("empty") << "" << 0 << 0 << 0;
+    columns<QString, int, int, int>({"text", "node", "index", "sub"});
+    row("three fields", "1,2000,3", 1, 0x2000, 3);
+    row("blanks around", "7f , 1018 , 01", 0x7F, 0x1018, 1);
+    row("two fields: sub from the index", "1,2000", 1, 0x2000, 0x2000);
+    row("1,1018 is sub-index 0x18", "1,1018", 1, 0x1018, 0x1018);
+    row("node only", "1", 1, 0, 0);
+    row("empty", "", 0, 0, 0);
     // The comma is the last character: the rest is the whole text, index 1, no sub-index.
-    QTest::newRow("trailing comma") << "1," << 1 << 1 << 0;
-    QTest::newRow("high index is negative") << "1,FFFF,0" << 1 << -1 << 0;
-    QTest::newRow("garbage") << "x,y,z" << 0 << 0 << 0;
+    row("trailing comma", "1,", 1, 1, 0);
+    row("high index is negative", "1,FFFF,0", 1, -1, 0);
+    row("garbage", "x,y,z", 0, 0, 0);
 }
 
 void TstSdoHelpers::parseAddress()
@@ -176,17 +165,13 @@ void TstSdoHelpers::history()
 
 void TstSdoHelpers::vectorLine_data()
 {
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<bool>("hex");
-    QTest::addColumn<bool>("decimal");
-    QTest::addColumn<QString>("line");
-    QTest::newRow("FE FF both") << QByteArray::fromHex("feff") << true << true << "FFFE -2";
-    QTest::newRow("80 both") << QByteArray::fromHex("80") << true << true << "80 -128";
-    QTest::newRow("4 bytes both") << QByteArray::fromHex("78563412") << true << true
-                                  << "12345678 305419896";
-    QTest::newRow("hex only") << QByteArray::fromHex("0a00") << true << false << "000A";
-    QTest::newRow("decimal only") << QByteArray::fromHex("0a00") << false << true << "10";
-    QTest::newRow("neither") << QByteArray::fromHex("0a00") << false << false << "";
+    columns<QByteArray, bool, bool, QString>({"bytes", "hex", "decimal", "line"});
+    row("FE FF both", QByteArray::fromHex("feff"), true, true, "FFFE -2");
+    row("80 both", QByteArray::fromHex("80"), true, true, "80 -128");
+    row("4 bytes both", QByteArray::fromHex("78563412"), true, true, "12345678 305419896");
+    row("hex only", QByteArray::fromHex("0a00"), true, false, "000A");
+    row("decimal only", QByteArray::fromHex("0a00"), false, true, "10");
+    row("neither", QByteArray::fromHex("0a00"), false, false, "");
 }
 
 void TstSdoHelpers::vectorLine()

@@ -1,6 +1,7 @@
 // The serial console against a pseudo-terminal standing for the device: received bytes shown,
 // typed bytes sent without local echo, the settings text, bad settings and ports, a device that
 // goes away.
+#include "datatable.h"
 #include "frmserial.h"
 #include "pty.h"
 #include "serialsettings.h"
@@ -12,6 +13,9 @@
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 using tessel::test::Pty;
@@ -57,29 +61,24 @@ void TstFrmSerial::initTestCase()
 
 void TstFrmSerial::settingsText_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<int>("baud"); // 0: refused
-    QTest::addColumn<int>("parity");
-    QTest::addColumn<int>("data");
-    QTest::addColumn<int>("stop");
-    QTest::addColumn<QString>("says");
-    QTest::newRow("default") << "115200,n,8,1" << 115200 << int(QSerialPort::NoParity) << 8
-                             << int(QSerialPort::OneStop) << "";
-    QTest::newRow("even 7 2") << "9600,E,7,2" << 9600 << int(QSerialPort::EvenParity) << 7
-                              << int(QSerialPort::TwoStop) << "";
-    QTest::newRow("odd") << "19200,o,8,1" << 19200 << int(QSerialPort::OddParity) << 8
-                         << int(QSerialPort::OneStop) << "";
-    QTest::newRow("mark 5 1.5") << "300,m,5,1.5" << 300 << int(QSerialPort::MarkParity) << 5
-                                << int(QSerialPort::OneAndHalfStop) << "";
-    QTest::newRow("space, blanks")
-        << " 57600 , s , 6 , 1 " << 57600 << int(QSerialPort::SpaceParity) << 6
-        << int(QSerialPort::OneStop) << "";
-    QTest::newRow("abc") << "abc" << 0 << 0 << 0 << 0 << "four fields";
-    QTest::newRow("9600,x,9,3") << "9600,x,9,3" << 0 << 0 << 0 << 0 << "parity 'x'";
-    QTest::newRow("data 9") << "9600,n,9,1" << 0 << 0 << 0 << 0 << "data bits '9'";
-    QTest::newRow("stop 3") << "9600,n,8,3" << 0 << 0 << 0 << 0 << "stop bits '3'";
-    QTest::newRow("baud 0") << "0,n,8,1" << 0 << 0 << 0 << 0 << "baud rate '0'";
-    QTest::newRow("empty") << "" << 0 << 0 << 0 << 0 << "four fields";
+    // baud: 0: refused
+    columns<QString, int, int, int, int, QString>(
+        {"text", "baud", "parity", "data", "stop", "says"});
+    row("default", "115200,n,8,1", 115200, int(QSerialPort::NoParity), 8, int(QSerialPort::OneStop),
+        "");
+    row("even 7 2", "9600,E,7,2", 9600, int(QSerialPort::EvenParity), 7, int(QSerialPort::TwoStop),
+        "");
+    row("odd", "19200,o,8,1", 19200, int(QSerialPort::OddParity), 8, int(QSerialPort::OneStop), "");
+    row("mark 5 1.5", "300,m,5,1.5", 300, int(QSerialPort::MarkParity), 5,
+        int(QSerialPort::OneAndHalfStop), "");
+    row("space, blanks", " 57600 , s , 6 , 1 ", 57600, int(QSerialPort::SpaceParity), 6,
+        int(QSerialPort::OneStop), "");
+    row("abc", "abc", 0, 0, 0, 0, "four fields");
+    row("9600,x,9,3", "9600,x,9,3", 0, 0, 0, 0, "parity 'x'");
+    row("data 9", "9600,n,9,1", 0, 0, 0, 0, "data bits '9'");
+    row("stop 3", "9600,n,8,3", 0, 0, 0, 0, "stop bits '3'");
+    row("baud 0", "0,n,8,1", 0, 0, 0, 0, "baud rate '0'");
+    row("empty", "", 0, 0, 0, 0, "four fields");
 }
 
 void TstFrmSerial::settingsText()
@@ -144,21 +143,12 @@ void TstFrmSerial::receivesAndSendsWithoutEcho()
 
 void TstFrmSerial::badSettingsAndPorts_data()
 {
-    QTest::addColumn<QString>("port");
-    QTest::addColumn<QString>("params");
-    QTest::addColumn<QString>("says");
-    QTest::newRow("settings abc") << "PTY"
-                                  << "abc"
-                                  << "line settings 'abc'";
-    QTest::newRow("settings 9600,x,9,3") << "PTY"
-                                         << "9600,x,9,3"
-                                         << "parity 'x'";
-    QTest::newRow("no such port") << "/dev/ttyNOTHERE7"
-                                  << "115200,n,8,1"
-                                  << "serial port /dev/ttyNOTHERE7 cannot be opened";
-    QTest::newRow("no port named") << ""
-                                   << "115200,n,8,1"
-                                   << "no serial port named";
+    columns<QString, QString, QString>({"port", "params", "says"});
+    row("settings abc", "PTY", "abc", "line settings 'abc'");
+    row("settings 9600,x,9,3", "PTY", "9600,x,9,3", "parity 'x'");
+    row("no such port", "/dev/ttyNOTHERE7", "115200,n,8,1",
+        "serial port /dev/ttyNOTHERE7 cannot be opened");
+    row("no port named", "", "115200,n,8,1", "no serial port named");
 }
 
 void TstFrmSerial::badSettingsAndPorts()

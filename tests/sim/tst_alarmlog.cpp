@@ -1,10 +1,14 @@
 // The simulated drive's alarm log as a master meets it: SDO requests written out by hand and
 // the drive's answers on the bus.
 #include "alarmlog.h"
+#include "datatable.h"
 #include "frametext.h"
 #include "sdoserver.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 using qorcalib::test::fromHex;
@@ -41,34 +45,27 @@ private slots:
 
 void TstAlarmLog::exchanges_data()
 {
-    QTest::addColumn<QStringList>("requests");
-    QTest::addColumn<QString>("answer"); // to the last request
+    // answer: to the last request
+    columns<QStringList, QString>({"requests", "answer"});
     // Six records: the last is number 5; six alarms raised so far.
-    QTest::newRow("status") << QStringList{"4010580000000000"} << "581:43 10 58 00 06 00 05 00";
-    QTest::newRow("select record 3")
-        << QStringList{"2b0b520003000000"} << "581:60 0b 52 00 00 00 00 00";
-    QTest::newRow("selection read back")
-        << QStringList{"2b0b520003000000", "400b520000000000"} << "581:4b 0b 52 00 03 00 00 00";
-    QTest::newRow("entry count") << QStringList{"2b0b520003000000", "400c520000000000"}
-                                 << "581:4f 0c 52 00 0c 00 00 00";
-    QTest::newRow("alarm number of record 3")
-        << QStringList{"2b0b520003000000", "400c520100000000"} << "581:43 0c 52 01 0d 00 00 00";
-    QTest::newRow("time stamp of record 3")
-        << QStringList{"2b0b520003000000", "400c520c00000000"} << "581:43 0c 52 0c 34 13 13 00";
-    QTest::newRow("one-byte selector")
-        << QStringList{"2f0b520001000000", "400c520100000000"} << "581:43 0c 52 01 02 00 00 00";
-    QTest::newRow("no entry 13") << QStringList{"400c520d00000000"}
-                                 << "581:80 0c 52 0d 11 00 09 06";
-    QTest::newRow("no such record")
-        << QStringList{"2b0b520006000000"} << "581:80 0b 52 00 30 00 09 06";
-    QTest::newRow("selector too long")
-        << QStringList{"230b520001000000"} << "581:80 0b 52 00 12 00 07 06";
-    QTest::newRow("records are read-only")
-        << QStringList{"230c520101000000"} << "581:80 0c 52 01 02 00 01 06";
-    QTest::newRow("status is read-only")
-        << QStringList{"2310580001000000"} << "581:80 10 58 00 02 00 01 06";
-    QTest::newRow("status has no sub 1")
-        << QStringList{"4010580100000000"} << "581:80 10 58 01 11 00 09 06";
+    row("status", QStringList{"4010580000000000"}, "581:43 10 58 00 06 00 05 00");
+    row("select record 3", QStringList{"2b0b520003000000"}, "581:60 0b 52 00 00 00 00 00");
+    row("selection read back", QStringList{"2b0b520003000000", "400b520000000000"},
+        "581:4b 0b 52 00 03 00 00 00");
+    row("entry count", QStringList{"2b0b520003000000", "400c520000000000"},
+        "581:4f 0c 52 00 0c 00 00 00");
+    row("alarm number of record 3", QStringList{"2b0b520003000000", "400c520100000000"},
+        "581:43 0c 52 01 0d 00 00 00");
+    row("time stamp of record 3", QStringList{"2b0b520003000000", "400c520c00000000"},
+        "581:43 0c 52 0c 34 13 13 00");
+    row("one-byte selector", QStringList{"2f0b520001000000", "400c520100000000"},
+        "581:43 0c 52 01 02 00 00 00");
+    row("no entry 13", QStringList{"400c520d00000000"}, "581:80 0c 52 0d 11 00 09 06");
+    row("no such record", QStringList{"2b0b520006000000"}, "581:80 0b 52 00 30 00 09 06");
+    row("selector too long", QStringList{"230b520001000000"}, "581:80 0b 52 00 12 00 07 06");
+    row("records are read-only", QStringList{"230c520101000000"}, "581:80 0c 52 01 02 00 01 06");
+    row("status is read-only", QStringList{"2310580001000000"}, "581:80 10 58 00 02 00 01 06");
+    row("status has no sub 1", QStringList{"4010580100000000"}, "581:80 10 58 01 11 00 09 06");
 }
 
 void TstAlarmLog::exchanges()

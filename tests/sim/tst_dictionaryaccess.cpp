@@ -1,7 +1,11 @@
+#include "datatable.h"
 #include "dictionaryaccess.h"
 
 #include <QTest>
 #include <QtEndian>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 
@@ -58,45 +62,35 @@ private slots:
 
 void TstDictionaryAccess::rules_data()
 {
-    QTest::addColumn<bool>("upload");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<int>("sub");
-    QTest::addColumn<QByteArray>("data");
-    QTest::addColumn<quint32>("abortCode");
+    columns<bool, int, int, QByteArray, quint32>({"upload", "index", "sub", "data", "abortCode"});
 
-    QTest::newRow("read") << true << 0x1000 << 0 << QByteArray() << 0u;
-    QTest::newRow("no object") << true << 0x3000 << 0 << QByteArray() << 0x06020000u;
-    QTest::newRow("no sub-index") << true << 0x2100 << 2 << QByteArray() << 0x06090011u;
-    QTest::newRow("no object, download") << false << 0x3000 << 0 << le(1, 4) << 0x06020000u;
-    QTest::newRow("no sub-index, download") << false << 0x2100 << 9 << le(1, 1) << 0x06090011u;
-    QTest::newRow("read a write-only entry") << true << 0x2002 << 0 << QByteArray() << 0x06010001u;
-    QTest::newRow("write a read-only entry") << false << 0x1000 << 0 << le(1, 4) << 0x06010002u;
-    QTest::newRow("write a constant") << false << 0x1008 << 0 << QByteArray("x") << 0x06010002u;
-    QTest::newRow("too long") << false << 0x2000 << 0 << le(200, 4) << 0x06070012u;
-    QTest::newRow("too short") << false << 0x2000 << 0 << le(200, 1) << 0x06070013u;
-    QTest::newRow("string too long") << false << 0x2030 << 0 << QByteArray(256, 'x') << 0x06070012u;
-    QTest::newRow("string at its limit") << false << 0x2030 << 0 << QByteArray(255, 'x') << 0u;
-    QTest::newRow("domain at its limit")
-        << false << 0x2040 << 0 << QByteArray(1024 * 1024, 'd') << 0u;
-    QTest::newRow("domain past its limit")
-        << false << 0x2040 << 0 << QByteArray(1024 * 1024 + 1, 'd') << 0x06070012u;
+    row("read", true, 0x1000, 0, QByteArray(), 0u);
+    row("no object", true, 0x3000, 0, QByteArray(), 0x06020000u);
+    row("no sub-index", true, 0x2100, 2, QByteArray(), 0x06090011u);
+    row("no object, download", false, 0x3000, 0, le(1, 4), 0x06020000u);
+    row("no sub-index, download", false, 0x2100, 9, le(1, 1), 0x06090011u);
+    row("read a write-only entry", true, 0x2002, 0, QByteArray(), 0x06010001u);
+    row("write a read-only entry", false, 0x1000, 0, le(1, 4), 0x06010002u);
+    row("write a constant", false, 0x1008, 0, QByteArray("x"), 0x06010002u);
+    row("too long", false, 0x2000, 0, le(200, 4), 0x06070012u);
+    row("too short", false, 0x2000, 0, le(200, 1), 0x06070013u);
+    row("string too long", false, 0x2030, 0, QByteArray(256, 'x'), 0x06070012u);
+    row("string at its limit", false, 0x2030, 0, QByteArray(255, 'x'), 0u);
+    row("domain at its limit", false, 0x2040, 0, QByteArray(1024 * 1024, 'd'), 0u);
+    row("domain past its limit", false, 0x2040, 0, QByteArray(1024 * 1024 + 1, 'd'), 0x06070012u);
     // Limits, exactly at them and one beyond, unsigned and signed.
-    QTest::newRow("unsigned at its low limit") << false << 0x2000 << 0 << le(100, 2) << 0u;
-    QTest::newRow("unsigned below its low limit")
-        << false << 0x2000 << 0 << le(99, 2) << 0x06090032u;
-    QTest::newRow("unsigned at its high limit") << false << 0x2000 << 0 << le(5000, 2) << 0u;
-    QTest::newRow("unsigned above its high limit")
-        << false << 0x2000 << 0 << le(5001, 2) << 0x06090031u;
-    QTest::newRow("signed at its low limit") << false << 0x2001 << 0 << le(-300, 2) << 0u;
-    QTest::newRow("signed below its low limit")
-        << false << 0x2001 << 0 << le(-301, 2) << 0x06090032u;
-    QTest::newRow("signed at its high limit") << false << 0x2001 << 0 << le(300, 2) << 0u;
-    QTest::newRow("signed above its high limit")
-        << false << 0x2001 << 0 << le(301, 2) << 0x06090031u;
-    QTest::newRow("signed byte -128") << false << 0x2004 << 0 << le(-128, 1) << 0u;
-    QTest::newRow("highest unsigned 64") << false << 0x2005 << 0 << le(-1, 8) << 0u;
-    QTest::newRow("boolean 1") << false << 0x2003 << 0 << le(1, 1) << 0u;
-    QTest::newRow("boolean 2") << false << 0x2003 << 0 << le(2, 1) << 0x06090030u;
+    row("unsigned at its low limit", false, 0x2000, 0, le(100, 2), 0u);
+    row("unsigned below its low limit", false, 0x2000, 0, le(99, 2), 0x06090032u);
+    row("unsigned at its high limit", false, 0x2000, 0, le(5000, 2), 0u);
+    row("unsigned above its high limit", false, 0x2000, 0, le(5001, 2), 0x06090031u);
+    row("signed at its low limit", false, 0x2001, 0, le(-300, 2), 0u);
+    row("signed below its low limit", false, 0x2001, 0, le(-301, 2), 0x06090032u);
+    row("signed at its high limit", false, 0x2001, 0, le(300, 2), 0u);
+    row("signed above its high limit", false, 0x2001, 0, le(301, 2), 0x06090031u);
+    row("signed byte -128", false, 0x2004, 0, le(-128, 1), 0u);
+    row("highest unsigned 64", false, 0x2005, 0, le(-1, 8), 0u);
+    row("boolean 1", false, 0x2003, 0, le(1, 1), 0u);
+    row("boolean 2", false, 0x2003, 0, le(2, 1), 0x06090030u);
 }
 
 void TstDictionaryAccess::rules()

@@ -1,9 +1,13 @@
+#include "datatable.h"
 #include "objectdictionary.h"
 
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QtEndian>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace qorcalib;
 
@@ -87,23 +91,22 @@ void TstObjectDictionary::driveEds()
 
 void TstObjectDictionary::encodeValue_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QByteArray>("bytes"); // hex, or "-" when the text does not fit
-    QTest::newRow("u8") << "255" << 0x5 << QByteArray("ff");
-    QTest::newRow("u8 too big") << "256" << 0x5 << QByteArray("-");
-    QTest::newRow("i8 negative") << "-128" << 0x2 << QByteArray("80");
-    QTest::newRow("i8 too small") << "-129" << 0x2 << QByteArray("-");
-    QTest::newRow("u16 hex") << "0x1234" << 0x6 << QByteArray("3412");
-    QTest::newRow("u32 node id") << "$NODEID+0x180" << 0x7 << QByteArray("85010000");
-    QTest::newRow("node id alone") << "$NODEID" << 0x5 << QByteArray("05");
-    QTest::newRow("i32 -1") << "-1" << 0x4 << QByteArray("ffffffff");
-    QTest::newRow("empty is zero") << "" << 0x6 << QByteArray("0000");
-    QTest::newRow("not a number") << "twelve" << 0x7 << QByteArray("-");
-    QTest::newRow("real32") << "1.5" << 0x8 << QByteArray("0000c03f");
-    QTest::newRow("string") << "axis 1" << 0x9 << QByteArray("6178697320 31").replace(' ', "");
-    QTest::newRow("u64") << "0x0102030405060708" << 0x1B << QByteArray("0807060504030201");
-    QTest::newRow("unknown type") << "1" << 0x7777 << QByteArray("-");
+    // bytes: hex, or "-" when the text does not fit
+    columns<QString, int, QByteArray>({"text", "type", "bytes"});
+    row("u8", "255", 0x5, QByteArray("ff"));
+    row("u8 too big", "256", 0x5, QByteArray("-"));
+    row("i8 negative", "-128", 0x2, QByteArray("80"));
+    row("i8 too small", "-129", 0x2, QByteArray("-"));
+    row("u16 hex", "0x1234", 0x6, QByteArray("3412"));
+    row("u32 node id", "$NODEID+0x180", 0x7, QByteArray("85010000"));
+    row("node id alone", "$NODEID", 0x5, QByteArray("05"));
+    row("i32 -1", "-1", 0x4, QByteArray("ffffffff"));
+    row("empty is zero", "", 0x6, QByteArray("0000"));
+    row("not a number", "twelve", 0x7, QByteArray("-"));
+    row("real32", "1.5", 0x8, QByteArray("0000c03f"));
+    row("string", "axis 1", 0x9, QByteArray("6178697320 31").replace(' ', ""));
+    row("u64", "0x0102030405060708", 0x1B, QByteArray("0807060504030201"));
+    row("unknown type", "1", 0x7777, QByteArray("-"));
 }
 
 void TstObjectDictionary::encodeValue()
@@ -143,42 +146,19 @@ void TstObjectDictionary::badObjectsAreLeftOutWithWarnings()
 
 void TstObjectDictionary::valuesMustFitTheirType_data()
 {
-    QTest::addColumn<QString>("type");
-    QTest::addColumn<QString>("key");
-    QTest::addColumn<QString>("value");
-    QTest::addColumn<bool>("fits");
-    QTest::newRow("300 in 8 bits") << "0x0005"
-                                   << "DefaultValue"
-                                   << "300" << false;
-    QTest::newRow("lowest 64-bit signed") << "0x0015"
-                                          << "DefaultValue"
-                                          << "-0x8000000000000000" << true;
-    QTest::newRow("below the lowest 64-bit signed") << "0x0015"
-                                                    << "DefaultValue"
-                                                    << "-0x8000000000000001" << false;
-    QTest::newRow("highest 64-bit unsigned") << "0x001B"
-                                             << "DefaultValue"
-                                             << "0xFFFFFFFFFFFFFFFF" << true;
-    QTest::newRow("negative unsigned limit") << "0x001B"
-                                             << "LowLimit"
-                                             << "-0x8000000000000000" << false;
-    QTest::newRow("node-ID past the highest 64-bit signed")
-        << "0x0015"
-        << "HighLimit"
-        << "$NODEID+0x7FFFFFFFFFFFFFFF" << false;
-    QTest::newRow("node-ID up to the highest 64-bit signed")
-        << "0x0015"
-        << "HighLimit"
-        << "$NODEID+0x7FFFFFFFFFFFFFFE" << true;
-    QTest::newRow("16-bit limit of 65536") << "0x0006"
-                                           << "HighLimit"
-                                           << "65536" << false;
-    QTest::newRow("sign twice") << "0x0004"
-                                << "LowLimit"
-                                << "--5" << false;
-    QTest::newRow("more digits than 64 bits") << "0x001B"
-                                              << "DefaultValue"
-                                              << "0x1FFFFFFFFFFFFFFFF" << false;
+    columns<QString, QString, QString, bool>({"type", "key", "value", "fits"});
+    row("300 in 8 bits", "0x0005", "DefaultValue", "300", false);
+    row("lowest 64-bit signed", "0x0015", "DefaultValue", "-0x8000000000000000", true);
+    row("below the lowest 64-bit signed", "0x0015", "DefaultValue", "-0x8000000000000001", false);
+    row("highest 64-bit unsigned", "0x001B", "DefaultValue", "0xFFFFFFFFFFFFFFFF", true);
+    row("negative unsigned limit", "0x001B", "LowLimit", "-0x8000000000000000", false);
+    row("node-ID past the highest 64-bit signed", "0x0015", "HighLimit",
+        "$NODEID+0x7FFFFFFFFFFFFFFF", false);
+    row("node-ID up to the highest 64-bit signed", "0x0015", "HighLimit",
+        "$NODEID+0x7FFFFFFFFFFFFFFE", true);
+    row("16-bit limit of 65536", "0x0006", "HighLimit", "65536", false);
+    row("sign twice", "0x0004", "LowLimit", "--5", false);
+    row("more digits than 64 bits", "0x001B", "DefaultValue", "0x1FFFFFFFFFFFFFFFF", false);
 }
 
 void TstObjectDictionary::valuesMustFitTheirType()
@@ -205,14 +185,13 @@ void TstObjectDictionary::valuesMustFitTheirType()
 
 void TstObjectDictionary::unreadableFiles_data()
 {
-    QTest::addColumn<QByteArray>("content");
-    QTest::addColumn<bool>("exists");
-    QTest::newRow("missing") << QByteArray() << false;
-    QTest::newRow("empty") << QByteArray() << true;
+    columns<QByteArray, bool>({"content", "exists"});
+    row("missing", QByteArray(), false);
+    row("empty", QByteArray(), true);
     QByteArray garbage(4096, '\0');
     for (int i = 0; i < garbage.size(); ++i)
         garbage[i] = char((i * 7919) & 0xFF);
-    QTest::newRow("binary garbage") << garbage << true;
+    row("binary garbage", garbage, true);
 }
 
 void TstObjectDictionary::unreadableFiles()

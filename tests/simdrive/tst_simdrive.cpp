@@ -1,6 +1,7 @@
 // tessel-simdrive as a developer of CANopen masters uses it: the simulated drive on a channel of
 // Qt's virtual CAN bus, reached by the server's own SDO client and NMT on another channel of
 // the same bus, and what it says when its channel, its EDS or its options are wrong.
+#include "datatable.h"
 #include "serverprocess.h"
 
 #include <QCanBus>
@@ -10,6 +11,9 @@
 #include <QSet>
 #include <QTcpServer>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using qorcalib::test::FrameRecorder;
 using qorcalib::test::ProgramRun;
@@ -131,27 +135,18 @@ void TstSimDrive::initTestCase()
 
 void TstSimDrive::transferModes_data()
 {
-    QTest::addColumn<bool>("blocks");
-    QTest::addColumn<QStringList>("write");
-    QTest::addColumn<QStringList>("read");
-    QTest::addColumn<QString>("out");
+    columns<bool, QStringList, QStringList, QString>({"blocks", "write", "read", "out"});
     // The command byte of the drive's answer to the read: which transfer it took part in.
-    QTest::addColumn<int>("answerMask");
-    QTest::addColumn<int>("answer");
+    columns<int, int>({"answerMask", "answer"});
     const QString block = QString(QByteArray(200, '\xA5').toHex());
-    QTest::newRow("expedited") << true << QStringList{"1,2000,0", "4321", "--type", "u32"}
-                               << QStringList{"1,2000,0", "--type", "u32"} << "4321\n"
-                               << 0xE3 << 0x43;
-    QTest::newRow("segmented") << false
-                               << QStringList{"5,2030,0", "bench 4 on vcan", "--type", "str"}
-                               << QStringList{"5,2030,0", "--type", "str"} << "bench 4 on vcan\n"
-                               << 0xE3 << 0x41;
-    QTest::newRow("segmented, 200 bytes") << false << QStringList{"1,2040,0", block}
-                                          << QStringList{"1,2040,0"} << block.toUpper() + "\n"
-                                          << 0xE3 << 0x41;
-    QTest::newRow("block, 200 bytes") << true << QStringList{"5,2040,0", block}
-                                      << QStringList{"5,2040,0"} << block.toUpper() + "\n"
-                                      << 0xE0 << 0xC0;
+    row("expedited", true, QStringList{"1,2000,0", "4321", "--type", "u32"},
+        QStringList{"1,2000,0", "--type", "u32"}, "4321\n", 0xE3, 0x43);
+    row("segmented", false, QStringList{"5,2030,0", "bench 4 on vcan", "--type", "str"},
+        QStringList{"5,2030,0", "--type", "str"}, "bench 4 on vcan\n", 0xE3, 0x41);
+    row("segmented, 200 bytes", false, QStringList{"1,2040,0", block}, QStringList{"1,2040,0"},
+        block.toUpper() + "\n", 0xE3, 0x41);
+    row("block, 200 bytes", true, QStringList{"5,2040,0", block}, QStringList{"5,2040,0"},
+        block.toUpper() + "\n", 0xE0, 0xC0);
 }
 
 void TstSimDrive::transferModes()
@@ -228,8 +223,8 @@ void TstSimDrive::heartbeatAndNmt()
 
 void TstSimDrive::badStart_data()
 {
-    QTest::addColumn<QStringList>("args");
-    QTest::addColumn<QString>("named"); // what the one message must name
+    // named: what the one message must name
+    columns<QStringList, QString>({"args", "named"});
 
     QFile garbage(m_dir.filePath("garbage.eds"));
     QVERIFY(garbage.open(QIODevice::WriteOnly));
@@ -237,23 +232,21 @@ void TstSimDrive::badStart_data()
     garbage.close();
     const QString port = QString::number(freePort());
 
-    QTest::newRow("no such plugin") << QStringList{"--channel", "nosuchbus:can0"} << "nosuchbus";
-    QTest::newRow("no such virtual interface")
-        << QStringList{"--channel", "virtualcan:tcp://127.0.0.1:" + port + "/can7"} << "can7";
-    QTest::newRow("not plugin:interface") << QStringList{"--channel", "vcan0"} << "vcan0";
-    QTest::newRow("no channel") << QStringList{} << "--channel";
-    QTest::newRow("missing EDS") << QStringList{"--channel", "virtualcan:can0", "--eds",
-                                                m_dir.filePath("missing.eds")}
-                                 << m_dir.filePath("missing.eds");
-    QTest::newRow("malformed EDS")
-        << QStringList{"--channel", "virtualcan:can0", "--eds", garbage.fileName()}
-        << garbage.fileName();
-    QTest::newRow("node-ID out of range")
-        << QStringList{"--channel", "virtualcan:can0", "--node", "1,128"} << "'128'";
-    QTest::newRow("node-ID twice")
-        << QStringList{"--channel", "virtualcan:can0", "--node", "3", "--node", "3"} << "node-ID 3";
-    QTest::newRow("bit rate") << QStringList{"--channel", "virtualcan:can0", "--bit-rate", "2M"}
-                              << "'2M'";
+    row("no such plugin", QStringList{"--channel", "nosuchbus:can0"}, "nosuchbus");
+    row("no such virtual interface",
+        QStringList{"--channel", "virtualcan:tcp://127.0.0.1:" + port + "/can7"}, "can7");
+    row("not plugin:interface", QStringList{"--channel", "vcan0"}, "vcan0");
+    row("no channel", QStringList{}, "--channel");
+    row("missing EDS",
+        QStringList{"--channel", "virtualcan:can0", "--eds", m_dir.filePath("missing.eds")},
+        m_dir.filePath("missing.eds"));
+    row("malformed EDS", QStringList{"--channel", "virtualcan:can0", "--eds", garbage.fileName()},
+        garbage.fileName());
+    row("node-ID out of range", QStringList{"--channel", "virtualcan:can0", "--node", "1,128"},
+        "'128'");
+    row("node-ID twice", QStringList{"--channel", "virtualcan:can0", "--node", "3", "--node", "3"},
+        "node-ID 3");
+    row("bit rate", QStringList{"--channel", "virtualcan:can0", "--bit-rate", "2M"}, "'2M'");
 }
 
 void TstSimDrive::badStart()

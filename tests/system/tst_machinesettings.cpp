@@ -1,9 +1,13 @@
+#include "datatable.h"
 #include "firmwarehistory.h"
 #include "machinesettings.h"
 
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -31,13 +35,13 @@ void TstMachineSettings::init()
 
 void TstMachineSettings::remoteServer_data()
 {
-    QTest::addColumn<QString>("stored"); // "-" for no value at all
-    QTest::addColumn<QString>("read");
-    QTest::newRow("absent") << "-" << "localhost";
-    QTest::newRow("empty") << "" << "localhost";
-    QTest::newRow("one character counts as absent") << "x" << "localhost";
-    QTest::newRow("two characters") << "pc" << "pc";
-    QTest::newRow("name with selector") << "bench7#CANopen" << "bench7#CANopen";
+    // stored: "-" for no value at all
+    columns<QString, QString>({"stored", "read"});
+    row("absent", "-", "localhost");
+    row("empty", "", "localhost");
+    row("one character counts as absent", "x", "localhost");
+    row("two characters", "pc", "pc");
+    row("name with selector", "bench7#CANopen", "bench7#CANopen");
 }
 
 void TstMachineSettings::remoteServer()

@@ -1,6 +1,10 @@
+#include "datatable.h"
 #include "numbers.h"
 
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -18,34 +22,33 @@ private slots:
 
 void TstNumbers::lenientValue_data()
 {
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<double>("value");
-    QTest::newRow("empty") << "" << 0.0;
-    QTest::newRow("blanks") << "   " << 0.0;
-    QTest::newRow("integer") << "42" << 42.0;
-    QTest::newRow("leading blanks") << "  42" << 42.0;
-    QTest::newRow("stops at a letter") << "12abc" << 12.0;
-    QTest::newRow("stops at an inner blank") << "1 2" << 1.0;
-    QTest::newRow("negative") << "-7.5" << -7.5;
-    QTest::newRow("plus") << "+3" << 3.0;
-    QTest::newRow("decimal point only once") << "1.2.3" << 1.2;
-    QTest::newRow("leading point") << ".5" << 0.5;
-    QTest::newRow("no exponent") << "1.5E3" << 1.5;
-    QTest::newRow("no lower-case exponent") << "1e3" << 1.0;
-    QTest::newRow("exponent without digits") << "2E" << 2.0;
-    QTest::newRow("comma is not a decimal point") << "3,5" << 3.0;
-    QTest::newRow("not a number") << "abc" << 0.0;
-    QTest::newRow("sign alone") << "-" << 0.0;
-    QTest::newRow("hex") << "&H1F" << 31.0;
-    QTest::newRow("hex lower case") << "&hff" << 255.0;
-    QTest::newRow("hex stops") << "&H1Fz9" << 31.0;
-    QTest::newRow("hex 0x text is 0") << "&H0x181" << 0.0;
-    QTest::newRow("hex without digits") << "&H" << 0.0;
-    QTest::newRow("hex wraps at 32 bits") << "&HFFFFFFFF" << -1.0;
-    QTest::newRow("octal") << "&O17" << 15.0;
-    QTest::newRow("octal stops at 8") << "&O178" << 15.0;
-    QTest::newRow("ampersand alone") << "&" << 0.0;
-    QTest::newRow("unknown radix") << "&X12" << 0.0;
+    columns<QString, double>({"text", "value"});
+    row("empty", "", 0.0);
+    row("blanks", "   ", 0.0);
+    row("integer", "42", 42.0);
+    row("leading blanks", "  42", 42.0);
+    row("stops at a letter", "12abc", 12.0);
+    row("stops at an inner blank", "1 2", 1.0);
+    row("negative", "-7.5", -7.5);
+    row("plus", "+3", 3.0);
+    row("decimal point only once", "1.2.3", 1.2);
+    row("leading point", ".5", 0.5);
+    row("no exponent", "1.5E3", 1.5);
+    row("no lower-case exponent", "1e3", 1.0);
+    row("exponent without digits", "2E", 2.0);
+    row("comma is not a decimal point", "3,5", 3.0);
+    row("not a number", "abc", 0.0);
+    row("sign alone", "-", 0.0);
+    row("hex", "&H1F", 31.0);
+    row("hex lower case", "&hff", 255.0);
+    row("hex stops", "&H1Fz9", 31.0);
+    row("hex 0x text is 0", "&H0x181", 0.0);
+    row("hex without digits", "&H", 0.0);
+    row("hex wraps at 32 bits", "&HFFFFFFFF", -1.0);
+    row("octal", "&O17", 15.0);
+    row("octal stops at 8", "&O178", 15.0);
+    row("ampersand alone", "&", 0.0);
+    row("unknown radix", "&X12", 0.0);
 }
 
 void TstNumbers::lenientValue()
@@ -57,18 +60,16 @@ void TstNumbers::lenientValue()
 
 void TstNumbers::rounding_data()
 {
-    QTest::addColumn<double>("value");
-    QTest::addColumn<int>("int16");
-    QTest::addColumn<qint64>("int32");
-    QTest::newRow("half to even, down") << 2.5 << 2 << qint64(2);
-    QTest::newRow("half to even, up") << 3.5 << 4 << qint64(4);
-    QTest::newRow("negative half") << -2.5 << -2 << qint64(-2);
-    QTest::newRow("just above half") << 2.5000001 << 3 << qint64(3);
-    QTest::newRow("16-bit top") << 32767.4 << 32767 << qint64(32767);
-    QTest::newRow("past 16 bits saturates") << 40000.0 << 32767 << qint64(40000);
-    QTest::newRow("below 16 bits saturates") << -40000.0 << -32768 << qint64(-40000);
-    QTest::newRow("past 32 bits saturates") << 1e12 << 32767 << qint64(2147483647);
-    QTest::newRow("nan") << qQNaN() << 0 << qint64(0);
+    columns<double, int, qint64>({"value", "int16", "int32"});
+    row("half to even, down", 2.5, 2, qint64(2));
+    row("half to even, up", 3.5, 4, qint64(4));
+    row("negative half", -2.5, -2, qint64(-2));
+    row("just above half", 2.5000001, 3, qint64(3));
+    row("16-bit top", 32767.4, 32767, qint64(32767));
+    row("past 16 bits saturates", 40000.0, 32767, qint64(40000));
+    row("below 16 bits saturates", -40000.0, -32768, qint64(-40000));
+    row("past 32 bits saturates", 1e12, 32767, qint64(2147483647));
+    row("nan", qQNaN(), 0, qint64(0));
 }
 
 void TstNumbers::rounding()
@@ -82,14 +83,12 @@ void TstNumbers::rounding()
 
 void TstNumbers::hexField_data()
 {
-    QTest::addColumn<quint32>("value");
-    QTest::addColumn<int>("width");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("zero") << 0u << 3 << "000";
-    QTest::newRow("pads") << 0x1Au << 3 << "01A";
-    QTest::newRow("exact") << 0x181u << 3 << "181";
-    QTest::newRow("keeps the last digits") << 0x12345u << 3 << "345";
-    QTest::newRow("upper case") << 0xabcdu << 4 << "ABCD";
+    columns<quint32, int, QString>({"value", "width", "text"});
+    row("zero", 0u, 3, "000");
+    row("pads", 0x1Au, 3, "01A");
+    row("exact", 0x181u, 3, "181");
+    row("keeps the last digits", 0x12345u, 3, "345");
+    row("upper case", 0xabcdu, 4, "ABCD");
 }
 
 void TstNumbers::hexField()

@@ -1,3 +1,4 @@
+#include "datatable.h"
 #include "processrunner.h"
 
 #include <QFile>
@@ -6,6 +7,9 @@
 #include <QTest>
 
 #include <unistd.h>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -27,13 +31,12 @@ private:
 
 void TstProcessRunner::exitCodes_data()
 {
-    QTest::addColumn<QString>("commandLine");
-    QTest::addColumn<int>("exitCode");
-    QTest::newRow("success") << "true" << 0;
-    QTest::newRow("exit code 3") << "sh -c \"exit 3\"" << 3;
-    QTest::newRow("missing program") << "/nonexistent/postprocess" << -1;
-    QTest::newRow("empty line") << "" << -1;
-    QTest::newRow("killed by a signal") << "sh -c \"kill -9 $$\"" << -1;
+    columns<QString, int>({"commandLine", "exitCode"});
+    row("success", "true", 0);
+    row("exit code 3", "sh -c \"exit 3\"", 3);
+    row("missing program", "/nonexistent/postprocess", -1);
+    row("empty line", "", -1);
+    row("killed by a signal", "sh -c \"kill -9 $$\"", -1);
 }
 
 void TstProcessRunner::exitCodes()
@@ -45,19 +48,17 @@ void TstProcessRunner::exitCodes()
 
 void TstProcessRunner::splitCommandLine_data()
 {
-    QTest::addColumn<QString>("line");
-    QTest::addColumn<QStringList>("words");
-    QTest::newRow("blanks") << "  fflash  -p 1\tx " << QStringList{"fflash", "-p", "1", "x"};
-    QTest::newRow("double quotes") << "pp \"my file.S\"" << QStringList{"pp", "my file.S"};
-    QTest::newRow("single quotes") << "pp 'a \"b\" c'" << QStringList{"pp", "a \"b\" c"};
-    QTest::newRow("joined parts") << "pp -o\"x y\"'z'" << QStringList{"pp", "-ox yz"};
-    QTest::newRow("escapes in double quotes")
-        << "pp \"a\\\"b\\\\c\\n\"" << QStringList{"pp", "a\"b\\c\\n"};
-    QTest::newRow("backslash outside quotes") << "pp a\\ b" << QStringList{"pp", "a b"};
-    QTest::newRow("empty quotes are a word") << "pp \"\" ''" << QStringList{"pp", "", ""};
-    QTest::newRow("nothing is expanded") << "pp $HOME *" << QStringList{"pp", "$HOME", "*"};
-    QTest::newRow("unclosed quote") << "pp \"a b" << QStringList{"pp", "a b"};
-    QTest::newRow("empty") << "   " << QStringList{};
+    columns<QString, QStringList>({"line", "words"});
+    row("blanks", "  fflash  -p 1\tx ", QStringList{"fflash", "-p", "1", "x"});
+    row("double quotes", "pp \"my file.S\"", QStringList{"pp", "my file.S"});
+    row("single quotes", "pp 'a \"b\" c'", QStringList{"pp", "a \"b\" c"});
+    row("joined parts", "pp -o\"x y\"'z'", QStringList{"pp", "-ox yz"});
+    row("escapes in double quotes", "pp \"a\\\"b\\\\c\\n\"", QStringList{"pp", "a\"b\\c\\n"});
+    row("backslash outside quotes", "pp a\\ b", QStringList{"pp", "a b"});
+    row("empty quotes are a word", "pp \"\" ''", QStringList{"pp", "", ""});
+    row("nothing is expanded", "pp $HOME *", QStringList{"pp", "$HOME", "*"});
+    row("unclosed quote", "pp \"a b", QStringList{"pp", "a b"});
+    row("empty", "   ", QStringList{});
 }
 
 void TstProcessRunner::splitCommandLine()
@@ -84,9 +85,9 @@ void TstProcessRunner::tempFiles()
 void TstProcessRunner::tempFolderUnusable_data()
 {
     QTest::addColumn<QString>("folder");
-    QTest::newRow("missing") << "/nonexistent/folder";
-    QTest::newRow("read-only") << "readonly";
-    QTest::newRow("set but empty") << "";
+    row("missing", "/nonexistent/folder");
+    row("read-only", "readonly");
+    row("set but empty", "");
 }
 
 void TstProcessRunner::tempFolderUnusable()

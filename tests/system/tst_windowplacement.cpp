@@ -1,3 +1,4 @@
+#include "datatable.h"
 #include "windowplacement.h"
 
 #include <QGuiApplication>
@@ -6,6 +7,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QWidget>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -31,17 +35,15 @@ void TstWindowPlacement::initTestCase()
 
 void TstWindowPlacement::onScreen_data()
 {
-    QTest::addColumn<QRect>("frame");
-    QTest::addColumn<QPoint>("place");
+    columns<QRect, QPoint>({"frame", "place"});
     const QRect screen(0, 0, 1920, 1080);
-    QTest::newRow("inside stays") << QRect(100, 100, 720, 420) << QPoint(100, 100);
-    QTest::newRow("past the right edge") << QRect(1328, 40, 720, 420) << QPoint(1200, 40);
-    QTest::newRow("above the top") << QRect(200, -20, 720, 420) << QPoint(200, 0);
-    QTest::newRow("below the bottom") << QRect(200, 900, 720, 420) << QPoint(200, 660);
-    QTest::newRow("left of the screen") << QRect(-3000, 10, 720, 420) << QPoint(0, 10);
-    QTest::newRow("larger than the screen") << QRect(500, 500, 2500, 1500) << QPoint(0, 0);
-    QTest::newRow("exactly fitting at the corner")
-        << QRect(1200, 660, 720, 420) << QPoint(1200, 660);
+    row("inside stays", QRect(100, 100, 720, 420), QPoint(100, 100));
+    row("past the right edge", QRect(1328, 40, 720, 420), QPoint(1200, 40));
+    row("above the top", QRect(200, -20, 720, 420), QPoint(200, 0));
+    row("below the bottom", QRect(200, 900, 720, 420), QPoint(200, 660));
+    row("left of the screen", QRect(-3000, 10, 720, 420), QPoint(0, 10));
+    row("larger than the screen", QRect(500, 500, 2500, 1500), QPoint(0, 0));
+    row("exactly fitting at the corner", QRect(1200, 660, 720, 420), QPoint(1200, 660));
 }
 
 void TstWindowPlacement::onScreen()
@@ -77,14 +79,14 @@ void TstWindowPlacement::restoredPlaceIsTheSavedOne()
 
 void TstWindowPlacement::firstShowGoesBesideTheMainWindow_data()
 {
-    QTest::addColumn<double>("mainAt"); // the main window's left, as a share of the screen
-    QTest::addColumn<int>("toolWidth"); // as a share of the screen, in percent
-    QTest::addColumn<QString>("side");
-    QTest::newRow("room on the right") << 0.0 << 30 << "right";
-    QTest::newRow("room on the left") << 0.6 << 30 << "left";
+    // mainAt: the main window's left, as a share of the screen
+    // toolWidth: as a share of the screen, in percent
+    columns<double, int, QString>({"mainAt", "toolWidth", "side"});
+    row("room on the right", 0.0, 30, "right");
+    row("room on the left", 0.6, 30, "left");
     // Too wide for either side: against the screen's edge, over the main window as little as
     // it can be.
-    QTest::newRow("no room") << 0.0 << 80 << "edge";
+    row("no room", 0.0, 80, "edge");
 }
 
 void TstWindowPlacement::firstShowGoesBesideTheMainWindow()

@@ -1,11 +1,15 @@
 // Trace files as other CAN tools write them, written out by hand from the formats; round trips;
 // the lines a reader refuses, with their numbers.
+#include "datatable.h"
 #include "tracefile.h"
 
 #include <QBuffer>
 #include <QDateTime>
 #include <QTemporaryFile>
 #include <QTest>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -132,25 +136,27 @@ void TstTraceFile::ascByHand()
 void TstTraceFile::pcanTraceByHand_data()
 {
     QTest::addColumn<QByteArray>("trc");
-    QTest::newRow("1.1") << QByteArray(
-        ";$FILEVERSION=1.1\r\n;$STARTTIME=46348.4166666667\r\n;\r\n;   Message Number\r\n"
-        ";---+--   ----+----  --+--  ----+---  +  -+ -- -- -- -- -- -- --\r\n"
-        "     1)         1.2  Rx         0701  1  7F \r\n"
-        "     2)       500.0  Tx         0601  8  40 18 10 01 00 00 00 00 \r\n"
-        "     3)       600.0  Rx         0123  0  RTR \r\n"
-        "     4)       650.0  Error      0000  4  00 00 08 00 \r\n");
-    QTest::newRow("2.0") << QByteArray(
-        ";$FILEVERSION=2.0\n;$STARTTIME=46348.4166666667\n;   Message   Time    Type ID\n"
-        "      1         1.200 DT     0701 Rx 1  7F\n"
-        "      2       500.000 DT     0601 Tx 8  40 18 10 01 00 00 00 00\n"
-        "      3       600.000 RR     0123 Rx 0\n"
-        "      4       650.000 ST          Rx    00 00 00 08\n");
-    QTest::newRow("2.1 with its columns") << QByteArray(
-        ";$FILEVERSION=2.1\n;$STARTTIME=46348.4166666667\n;$COLUMNS=N,O,T,B,I,d,R,L,D\n"
-        "      1         1.200 DT 1     0701 Rx - 1  7F\n"
-        "      2       500.000 DT 1     0601 Tx - 8  40 18 10 01 00 00 00 00\n"
-        "      3       600.000 RR 1     0123 Rx - 0\n"
-        "      4       650.000 ER 1        - Rx - 5  00 00 08 01 00\n");
+    row("1.1",
+        QByteArray(
+            ";$FILEVERSION=1.1\r\n;$STARTTIME=46348.4166666667\r\n;\r\n;   Message Number\r\n"
+            ";---+--   ----+----  --+--  ----+---  +  -+ -- -- -- -- -- -- --\r\n"
+            "     1)         1.2  Rx         0701  1  7F \r\n"
+            "     2)       500.0  Tx         0601  8  40 18 10 01 00 00 00 00 \r\n"
+            "     3)       600.0  Rx         0123  0  RTR \r\n"
+            "     4)       650.0  Error      0000  4  00 00 08 00 \r\n"));
+    row("2.0",
+        QByteArray(
+            ";$FILEVERSION=2.0\n;$STARTTIME=46348.4166666667\n;   Message   Time    Type ID\n"
+            "      1         1.200 DT     0701 Rx 1  7F\n"
+            "      2       500.000 DT     0601 Tx 8  40 18 10 01 00 00 00 00\n"
+            "      3       600.000 RR     0123 Rx 0\n"
+            "      4       650.000 ST          Rx    00 00 00 08\n"));
+    row("2.1 with its columns",
+        QByteArray(";$FILEVERSION=2.1\n;$STARTTIME=46348.4166666667\n;$COLUMNS=N,O,T,B,I,d,R,L,D\n"
+                   "      1         1.200 DT 1     0701 Rx - 1  7F\n"
+                   "      2       500.000 DT 1     0601 Tx - 8  40 18 10 01 00 00 00 00\n"
+                   "      3       600.000 RR 1     0123 Rx - 0\n"
+                   "      4       650.000 ER 1        - Rx - 5  00 00 08 01 00\n"));
 }
 
 void TstTraceFile::pcanTraceByHand()
@@ -174,50 +180,46 @@ void TstTraceFile::pcanTraceByHand()
 
 void TstTraceFile::refused_data()
 {
-    QTest::addColumn<int>("format");
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QString>("error");
+    columns<int, QByteArray, QString>({"format", "text", "error"});
     const int log = int(TraceFormat::CandumpLog), asc = int(TraceFormat::Asc);
-    QTest::newRow("log extended") << log
-                                  << QByteArray("(1.000001) can0 701#7F\n(1.1) can0 "
-                                                "12345678#00\n")
-                                  << "line 2: identifier 12345678 is extended (29-bit): the "
-                                     "server carries 11-bit identifiers";
-    QTest::newRow("log identifier past 11 bits")
-        << log << QByteArray("(1.1) can0 800#00\n") << "line 1: identifier 800";
-    QTest::newRow("log remote length 9")
-        << log << QByteArray("(1.1) can0 123#R9\n") << "line 1: remote length 'R9'";
-    QTest::newRow("log fd") << log << QByteArray("(1.1) can0 123##1AABB\n")
-                            << "line 1: CAN FD frames are not carried by the server";
-    QTest::newRow("log truncated") << log << QByteArray("(1.1) can0 701#7F\n(1.2) can0\n")
-                                   << "line 2: not a candump log line: '(1.2) can0'";
-    QTest::newRow("log garbage") << log << QByteArray("\x00\xFF garbage\n", 11)
-                                 << "line 1: not a candump log line";
-    QTest::newRow("log odd data") << log << QByteArray("(1.1) can0 123#ABC\n")
-                                  << "line 1: data 'ABC' is not 0 to 8 whole bytes";
-    QTest::newRow("log data not hexadecimal")
-        << log << QByteArray("(1.1) can0 123#1G\n") << "line 1: data '1G' is not hexadecimal";
-    QTest::newRow("log time past any recording")
-        << log << QByteArray("(9223372036855.000000) can0 123#00\n")
-        << "line 1: time stamp '9223372036855' is not 0 to 1000000000000 s";
-    QTest::newRow("asc time nan") << asc << QByteArray("  nan 1 123 Rx d 1 00\n")
-                                  << "line 1: time stamp 'nan' is not 0 to";
-    QTest::newRow("asc time 1e300") << asc << QByteArray("  1e300 1 123 Rx d 1 00\n")
-                                    << "line 1: time stamp '1e300' is not 0 to";
-    QTest::newRow("log nine bytes") << log << QByteArray("(1.1) can0 123#001122334455667788\n")
-                                    << "line 1: data '001122334455667788' is not 0 to 8 whole "
-                                       "bytes";
-    QTest::newRow("asc extended") << asc << QByteArray("  0.1 1 12345678x Rx d 1 00\n")
-                                  << "line 1: identifier 12345678x is extended (29-bit): the "
-                                     "server carries 11-bit identifiers";
-    QTest::newRow("asc fd") << asc << QByteArray("  0.1 CANFD 1 Rx 123 1 0 8 8 00 ...\n")
-                            << "line 1: CAN FD frames are not carried by the server";
-    QTest::newRow("asc truncated") << asc << QByteArray("  0.1 1 123 Rx d 4 01 02\n")
-                                   << "line 1: 4 data bytes announced, 2 there";
-    QTest::newRow("asc garbage") << asc << QByteArray("Begin\nhello world\n")
-                                 << "line 2: not an ASC line: 'hello world'";
-    QTest::newRow("asc length 9") << asc << QByteArray("  0.1 1 123 Rx d 9 01\n")
-                                  << "line 1: length '9' is not 0 to 8";
+    row("log extended", log,
+        QByteArray("(1.000001) can0 701#7F\n(1.1) can0 "
+                   "12345678#00\n"),
+        "line 2: identifier 12345678 is extended (29-bit): the "
+        "server carries 11-bit identifiers");
+    row("log identifier past 11 bits", log, QByteArray("(1.1) can0 800#00\n"),
+        "line 1: identifier 800");
+    row("log remote length 9", log, QByteArray("(1.1) can0 123#R9\n"),
+        "line 1: remote length 'R9'");
+    row("log fd", log, QByteArray("(1.1) can0 123##1AABB\n"),
+        "line 1: CAN FD frames are not carried by the server");
+    row("log truncated", log, QByteArray("(1.1) can0 701#7F\n(1.2) can0\n"),
+        "line 2: not a candump log line: '(1.2) can0'");
+    row("log garbage", log, QByteArray("\x00\xFF garbage\n", 11), "line 1: not a candump log line");
+    row("log odd data", log, QByteArray("(1.1) can0 123#ABC\n"),
+        "line 1: data 'ABC' is not 0 to 8 whole bytes");
+    row("log data not hexadecimal", log, QByteArray("(1.1) can0 123#1G\n"),
+        "line 1: data '1G' is not hexadecimal");
+    row("log time past any recording", log, QByteArray("(9223372036855.000000) can0 123#00\n"),
+        "line 1: time stamp '9223372036855' is not 0 to 1000000000000 s");
+    row("asc time nan", asc, QByteArray("  nan 1 123 Rx d 1 00\n"),
+        "line 1: time stamp 'nan' is not 0 to");
+    row("asc time 1e300", asc, QByteArray("  1e300 1 123 Rx d 1 00\n"),
+        "line 1: time stamp '1e300' is not 0 to");
+    row("log nine bytes", log, QByteArray("(1.1) can0 123#001122334455667788\n"),
+        "line 1: data '001122334455667788' is not 0 to 8 whole "
+        "bytes");
+    row("asc extended", asc, QByteArray("  0.1 1 12345678x Rx d 1 00\n"),
+        "line 1: identifier 12345678x is extended (29-bit): the "
+        "server carries 11-bit identifiers");
+    row("asc fd", asc, QByteArray("  0.1 CANFD 1 Rx 123 1 0 8 8 00 ...\n"),
+        "line 1: CAN FD frames are not carried by the server");
+    row("asc truncated", asc, QByteArray("  0.1 1 123 Rx d 4 01 02\n"),
+        "line 1: 4 data bytes announced, 2 there");
+    row("asc garbage", asc, QByteArray("Begin\nhello world\n"),
+        "line 2: not an ASC line: 'hello world'");
+    row("asc length 9", asc, QByteArray("  0.1 1 123 Rx d 9 01\n"),
+        "line 1: length '9' is not 0 to 8");
 }
 
 void TstTraceFile::refused()
@@ -232,8 +234,8 @@ void TstTraceFile::refused()
 void TstTraceFile::roundTrip_data()
 {
     QTest::addColumn<int>("format");
-    QTest::newRow("candump log") << int(TraceFormat::CandumpLog);
-    QTest::newRow("asc") << int(TraceFormat::Asc);
+    row("candump log", int(TraceFormat::CandumpLog));
+    row("asc", int(TraceFormat::Asc));
 }
 
 void TstTraceFile::roundTrip()

@@ -4,6 +4,7 @@
 
 #include "bittiming.h"
 #include "candumplog.h"
+#include "datatable.h"
 #include "serverprocess.h"
 #include "tracereplay.h"
 
@@ -12,6 +13,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
+
+using tessel::test::columns;
+using tessel::test::row;
 
 using namespace tessel;
 
@@ -107,9 +111,9 @@ private:
 void TstTraceReplay::framesGetTheirServerTimes_data()
 {
     QTest::addColumn<double>("speed");
-    QTest::newRow("as recorded") << 1.0;
-    QTest::newRow("twice as fast") << 2.0;
-    QTest::newRow("a third as fast") << 1.0 / 3;
+    row("as recorded", 1.0);
+    row("twice as fast", 2.0);
+    row("a third as fast", 1.0 / 3);
 }
 
 void TstTraceReplay::framesGetTheirServerTimes()
@@ -151,38 +155,35 @@ void TstTraceReplay::framesGetTheirServerTimes()
 
 void TstTraceReplay::optionsShapeTheSchedule_data()
 {
-    QTest::addColumn<QByteArray>("log");
-    QTest::addColumn<ReplayOptions>("options");
+    columns<QByteArray, ReplayOptions>({"log", "options"});
     // Each frame handed over: ID@CONTROLLER+MICROSECONDS after the first.
-    QTest::addColumn<QString>("schedule");
-    QTest::addColumn<int>("unmapped");
+    columns<QString, int>({"schedule", "unmapped"});
     const QByteArray three = "(5.000000) can0 101#01\n(5.100000) can0 102#02\n"
                              "(5.250000) can0 103#03\n";
     // Stamps 2.0, 1.0, 1.5, 1.6: the second goes right after the first, in the file's order,
     // and the rest keep their spacing from it.
-    QTest::newRow("stamps going back")
-        << QByteArray("(2.000000) can0 101#01\n(1.000000) can0 102#02\n(1.500000) can0 103#03\n"
-                      "(1.600000) can0 104#04\n")
-        << ReplayOptions{} << "101@0+0 102@0+0 103@0+500000 104@0+600000" << 0;
+    row("stamps going back",
+        QByteArray("(2.000000) can0 101#01\n(1.000000) can0 102#02\n(1.500000) can0 103#03\n"
+                   "(1.600000) can0 104#04\n"),
+        ReplayOptions{}, "101@0+0 102@0+0 103@0+500000 104@0+600000", 0);
     ReplayOptions twice;
     twice.loops = 2;
-    QTest::newRow("two passes, the second right after the first")
-        << three << twice
-        << "101@0+0 102@0+100000 103@0+250000 101@0+250000 102@0+350000 "
-           "103@0+500000"
-        << 0;
+    row("two passes, the second right after the first", three, twice,
+        "101@0+0 102@0+100000 103@0+250000 101@0+250000 102@0+350000 "
+        "103@0+500000",
+        0);
     ReplayOptions mapped;
     mapped.channels = {{1, 0}, {2, 3}};
     mapped.controller = 5;
-    QTest::newRow("channel map")
-        << QByteArray("(1.000000) can0 100#\n(1.000100) can1 101#R2\n(1.000200) can2 102#\n"
-                      "(1.000300) can0 103#\n(1.000400) can2 104#AA\n")
-        << mapped << "101@0+0 102@3+100 104@3+300" << 2;
+    row("channel map",
+        QByteArray("(1.000000) can0 100#\n(1.000100) can1 101#R2\n(1.000200) can2 102#\n"
+                   "(1.000300) can0 103#\n(1.000400) can2 104#AA\n"),
+        mapped, "101@0+0 102@3+100 104@3+300", 2);
     ReplayOptions unmappedOnly;
     unmappedOnly.controller = 2;
-    QTest::newRow("no map: every frame on the controller")
-        << QByteArray("(1.000000) can4 100#\n(1.000100) can1 101#\n") << unmappedOnly
-        << "100@2+0 101@2+100" << 0;
+    row("no map: every frame on the controller",
+        QByteArray("(1.000000) can4 100#\n(1.000100) can1 101#\n"), unmappedOnly,
+        "100@2+0 101@2+100", 0);
     // Times far apart, left aside: each frame follows the one before by its bus time at
     // 500 kbit/s (2 us a bit), stuff bits included.
     ReplayOptions paced;
@@ -193,13 +194,13 @@ void TstTraceReplay::optionsShapeTheSchedule_data()
     const auto none = qorcalib::CanFrame::make(0x000, {});
     const int fullUs = 2 * qorcalib::frameBitCount(full);
     const int noneUs = 2 * qorcalib::frameBitCount(none);
-    QTest::newRow("at the bus's pace")
-        << QByteArray("(1.000000) can0 7FF#FFFFFFFFFFFFFFFF\n(9.000000) can0 000#\n") << paced
-        << QStringLiteral("7ff@0+0 0@0+%1 7ff@0+%2 0@0+%3")
-               .arg(fullUs)
-               .arg(fullUs + noneUs)
-               .arg(2 * fullUs + noneUs)
-        << 0;
+    row("at the bus's pace",
+        QByteArray("(1.000000) can0 7FF#FFFFFFFFFFFFFFFF\n(9.000000) can0 000#\n"), paced,
+        QStringLiteral("7ff@0+0 0@0+%1 7ff@0+%2 0@0+%3")
+            .arg(fullUs)
+            .arg(fullUs + noneUs)
+            .arg(2 * fullUs + noneUs),
+        0);
 }
 
 void TstTraceReplay::optionsShapeTheSchedule()
