@@ -1,6 +1,7 @@
 #include "frmmain.h"
 
 #include "benchpanel.h"
+#include "canmsg.h"
 #include "controllerpanel.h"
 #include "frmabort.h"
 #include "frmdiagno.h"
@@ -312,6 +313,11 @@ void FrmMain::tmrStato_Timer()
         QString error;
         m_status->showControllerStatus(i, enabled,
                                        enabled ? m_link.status(i, &error) : std::nullopt);
+        // The monitor measures the load of the controllers that run.
+        if (m_monitor)
+            m_monitor->busView->setBitRate(
+                i,
+                enabled ? qorcalib::bitRateOfIndex(controllerPanel->controllers().bitRate(i)) : 0);
     }
 }
 

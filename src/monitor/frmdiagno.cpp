@@ -26,6 +26,8 @@
 #include <QPushButton>
 #include <QSaveFile>
 #include <QScrollBar>
+#include <QTabWidget>
+#include <QTableView>
 #include <QVBoxLayout>
 
 namespace tessel {
@@ -87,6 +89,9 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
                                           "clients' SDO and LSS exchanges"));
     top->addWidget(chkEnAllRx);
     top->addStretch();
+    // Filled in once the bus view exists, below.
+    auto* loadSlot = new QHBoxLayout;
+    top->addLayout(loadSlot);
 
     edTrace = new QPlainTextEdit(this);
     edTrace->setObjectName(QStringLiteral("edTrace"));
@@ -116,8 +121,23 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     filterLayout->addStretch();
     connect(chkInvert, &QCheckBox::toggled, this, [this](bool on) { m_filter.setInvert(on); });
 
+    busView = new BusView(this);
+    tabView = new QTabWidget(this);
+    tabView->setObjectName(QStringLiteral("tabView"));
+    tabView->addTab(edTrace, QStringLiteral("&Trace"));
+    tabView->addTab(busView->edDecoded, QStringLiteral("&Decoded"));
+    tabView->addTab(busView->tblIds, QStringLiteral("&Identifiers"));
+    tabView->setTabToolTip(0, QStringLiteral("The frames exactly as they came"));
+    tabView->setTabToolTip(1, QStringLiteral("The same frames as CANopen reads them"));
+    tabView->setTabToolTip(2, QStringLiteral("Each identifier with its count, cycle time and "
+                                             "last data"));
+    connect(tabView, &QTabWidget::currentChanged, this, [this] {
+        if (!cmdPause->isChecked())
+            busView->refresh(0);
+    });
+    loadSlot->addWidget(busView->lblLoad);
     auto* middle = new QHBoxLayout;
-    middle->addWidget(edTrace, 1);
+    middle->addWidget(tabView, 1);
     middle->addWidget(filter);
 
     QLayout* bottom = buildSendTools();
@@ -155,6 +175,7 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     connect(btnRes, &QPushButton::clicked, this, [this] {
         m_trace.clear();
         m_traceFrames.clear();
+        busView->clear();
         refreshTrace();
     });
     connect(chTrace, &QCheckBox::toggled, this, &FrmDiagno::traceSwitchChanged);
@@ -167,7 +188,12 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     resize(860, 680);
     m_loadSize = size();
     m_refresh.setInterval(kRefreshMs);
-    connect(&m_refresh, &QTimer::timeout, this, &FrmDiagno::refreshTrace);
+    connect(&m_refresh, &QTimer::timeout, this, [this] {
+        if (cmdPause->isChecked())
+            return;
+        refreshTrace();
+        busView->refresh(kRefreshMs);
+    });
     m_refresh.start();
 }
 
@@ -236,6 +262,8 @@ void FrmDiagno::traceFrame(int channel, int kind, quint32 id, quint32 timeUs, in
     m_trace.append(line);
     keepTraceFrame(channel, kind, id, timeUs, qMin(length, 8), data,
                    m_trace.text().size() < before + line.size());
+    busView->addFrame(channel, kind, quint16(id & 0x7FF), m_traceFrames.back().timeUs,
+                      qMin(length, 8), data, line.left(line.indexOf(QLatin1String(" > "))));
 }
 
 void FrmDiagno::keepTraceFrame(int channel, int kind, quint32 id, quint32 timeUs, int length,
@@ -308,26 +336,8 @@ void FrmDiagno::receiveRecords(int channel, const QByteArray& records, int count
 void FrmDiagno::refreshTrace()
 {
     // Paused, the changes add up in the buffer and show at once on resuming.
-    if (cmdPause->isChecked())
-        return;
-    const TraceBuffer::Change change = m_trace.takeChange();
-    if (!change.replaced && change.added == 0)
-        return;
-    QScrollBar* bar = edTrace->verticalScrollBar();
-    // The view follows the newest line only while it shows it: a user who scrolled up to read
-    // keeps the lines in view.
-    const bool atBottom = bar->value() >= bar->maximum();
-    const int kept = bar->value();
-    QString text = change.replaced ? m_trace.text() : m_trace.text().right(change.added);
-    text.replace(QLatin1String("\r\n"), QLatin1String("\n"));
-    if (change.replaced) {
-        edTrace->setPlainText(text);
-    } else {
-        QTextCursor cursor(edTrace->document());
-        cursor.movePosition(QTextCursor::End);
-        cursor.insertText(text);
-    }
-    bar->setValue(atBottom ? bar->maximum() : std::min(kept, bar->maximum()));
+    if (!cmdPause->isChecked())
+        showTraceChange(edTrace, m_trace);
 }
 
 namespace {

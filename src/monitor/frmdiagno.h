@@ -1,6 +1,7 @@
 #pragma once
 
 #include "acquisitionbar.h"
+#include "busview.h"
 #include "monitorconfig.h"
 #include "receivefilter.h"
 #include "slotgrid.h"
@@ -21,6 +22,7 @@ class QLayout;
 class QLineEdit;
 class QPlainTextEdit;
 class QPushButton;
+class QTabWidget;
 
 namespace tessel {
 
@@ -32,7 +34,8 @@ class WindowPlacement;
 // the eight transmit slots, the acquisition and the monitor's configuration file; it opens the
 // sequencer and the composer. Closing it only hides it, so its trace, slots and texts live as
 // long as the program. The screen follows the trace text in batches, a few times a second, so
-// a saturated bus never freezes it.
+// a saturated bus never freezes it. Beside the exact trace it shows the same frames decoded and
+// the bus by identifier.
 class FrmDiagno : public QWidget
 {
     Q_OBJECT
@@ -98,6 +101,9 @@ public:
     QCheckBox* chkInvert = nullptr;
     QPushButton* btnRes = nullptr;
     QPlainTextEdit* edTrace = nullptr;
+    // The exact trace, the decoded frames and the bus by identifier, one tab each.
+    QTabWidget* tabView = nullptr;
+    BusView* busView = nullptr;
     SlotGrid* slotGrid = nullptr;
     AcquisitionBar* acquisition = nullptr;
     TraceFilesBar* traceFiles = nullptr;

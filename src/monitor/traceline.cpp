@@ -53,8 +53,8 @@ QString traceLine(int channel, int kind, quint32 id, quint32 timeUs, int length,
 
 void TraceBuffer::append(const QString& line)
 {
-    if (m_text.size() + line.size() + 2 >= kMaxLength) {
-        m_text = m_text.right(kKeepLength);
+    if (m_text.size() + line.size() + 2 >= m_maxLength) {
+        m_text = m_text.right(m_keepLength);
         m_replaced = true;
     }
     m_text += line;

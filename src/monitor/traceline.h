@@ -30,6 +30,11 @@ public:
     static constexpr int kMaxLength = 65000;
     static constexpr int kKeepLength = 16300;
 
+    // Other bounds serve texts of longer lines.
+    explicit TraceBuffer(qsizetype maxLength = kMaxLength, qsizetype keepLength = kKeepLength)
+        : m_maxLength(maxLength), m_keepLength(keepLength)
+    {
+    }
     void append(const QString& line);
     void clear();
     const QString& text() const { return m_text; }
@@ -43,6 +48,8 @@ public:
     Change takeChange();
 
 private:
+    qsizetype m_maxLength;
+    qsizetype m_keepLength;
     QString m_text;
     bool m_replaced = false;
     qsizetype m_shown = 0;

@@ -3,18 +3,23 @@
 #include "frmio.h"
 #include "frmmain.h"
 #include "frmseq.h"
+#include "identifiertable.h"
+#include "sdopanel.h"
 #include "serverprocess.h"
 #include "tesselharness.h"
 
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFile>
+#include <QLabel>
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QSlider>
+#include <QTabWidget>
+#include <QTableView>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -64,6 +69,7 @@ private slots:
     void composerListGoesOutCompleteAndInOrder();
     void acquisitionOfTenThousandFramesExports();
     void runningToolsStopWhenTheServerGoes();
+    void busViewDecodesAndCounts();
 
 private:
     WindowTestBench m_bench;
@@ -174,6 +180,63 @@ void TstMonitorTools::runningToolsStopWhenTheServerGoes()
     // The rows can be edited again, and the monitor still traces what was sent.
     QVERIFY(seq->txtSeq[0]->isEnabled());
     QVERIFY(t.trace().contains("T0 181 1 "));
+}
+
+void TstMonitorTools::busViewDecodesAndCounts()
+{
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    FrmDiagno* m = t.window.monitor();
+    m->chkEnShowTx->setChecked(true);
+    m->show();
+    QTRY_VERIFY_WITH_TIMEOUT(t.trace().count("> 7F ") >= 2, 5000);
+    QTest::mouseClick(t.window.cmdNMT[0], Qt::LeftButton);
+    t.window.sdoPanel->cmbIndex->setCurrentText("1,1018,1");
+    t.window.sdoPanel->cmdUpload_Click();
+    QCOMPARE(t.window.txtAbort->text(), QString());
+    // The same frames, decoded behind the start of their trace lines.
+    const QRegularExpression lines(
+        "R0 701 1 \\d{3}s\\d{3}\\.\\d{3}  heartbeat node 1: pre-operational\r\n(.*\r\n)*"
+        "T0 000 2 000s000.000  NMT: start, all nodes\r\n(.*\r\n)*"
+        "T0 601 8 000s000.000  SDO request node 1: block upload 1018:01, 127 segments a "
+        "block\r\n(.*\r\n)*"
+        "R0 581 8 \\d{3}s\\d{3}\\.\\d{3}  SDO answer node 1: upload 1018:01 = A1 03 00 00 "
+        "\\(929\\)");
+    QTRY_VERIFY2(lines.match(m->busView->decodedText()).hasMatch(),
+                 qPrintable(m->busView->decodedText()));
+    m->tabView->setCurrentWidget(m->busView->edDecoded);
+    QTRY_VERIFY(m->busView->edDecoded->toPlainText().contains("NMT: start, all nodes"));
+
+    // By identifier: what came, how often, at which cycle; the rows published when shown.
+    m->tabView->setCurrentWidget(m->busView->tblIds);
+    const QAbstractItemModel* rows = m->busView->tblIds->model();
+    const auto cell = [rows](const QString& can, const QString& id, int column) {
+        for (int r = 0; r < rows->rowCount(); ++r)
+            if (rows->index(r, 0).data().toString() == can &&
+                rows->index(r, 1).data().toString() == id)
+                return rows->index(r, column).data().toString();
+        return QString("no row");
+    };
+    QTRY_COMPARE(cell("0", "701", IdentifierTable::Service), QString("heartbeat"));
+    QTRY_COMPARE(cell("0", "701", IdentifierTable::Meaning), QString("operational"));
+    QVERIFY(cell("0", "701", IdentifierTable::Count).toInt() >= 3);
+    // The drive's heartbeat every second, by the server's stamps.
+    const double cycle = cell("0", "701", IdentifierTable::CycleLast).toDouble();
+    QVERIFY2(cycle > 900 && cycle < 1100, qPrintable(QString::number(cycle)));
+    QVERIFY(cell("0", "701", IdentifierTable::CycleMin).toDouble() <= cycle);
+    QCOMPARE(cell("0 Tx", "000", IdentifierTable::Data), QString("01 00"));
+    QCOMPARE(cell("0", "581", IdentifierTable::Service), QString("SDO answer"));
+    // Sorted by count, the heartbeat comes first among the drive's frames.
+    m->busView->tblIds->sortByColumn(IdentifierTable::Count, Qt::DescendingOrder);
+    QCOMPARE(rows->index(0, 1).data().toString(), QString("701"));
+    // The load of the running controller, measured every second.
+    QTRY_VERIFY2_WITH_TIMEOUT(m->busView->lblLoad->text().startsWith("CAN 0: 0."),
+                              qPrintable(m->busView->lblLoad->text()), 3000);
+    // Cleared with the trace.
+    QTest::mouseClick(m->btnRes, Qt::LeftButton);
+    QCOMPARE(rows->rowCount(), 0);
+    QCOMPARE(m->busView->decodedText(), QString());
 }
 
 QTEST_MAIN(TstMonitorTools)

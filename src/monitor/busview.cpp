@@ -1,0 +1,118 @@
+#include "busview.h"
+
+#include <QFontDatabase>
+#include <QHeaderView>
+#include <QLabel>
+#include <QPlainTextEdit>
+#include <QScrollBar>
+#include <QSortFilterProxyModel>
+#include <QTableView>
+
+namespace tessel {
+
+void showTraceChange(QPlainTextEdit* view, TraceBuffer& buffer)
+{
+    const TraceBuffer::Change change = buffer.takeChange();
+    if (!change.replaced && change.added == 0)
+        return;
+    QScrollBar* bar = view->verticalScrollBar();
+    // The view follows the newest line only while it shows it: a user who scrolled up to read
+    // keeps the lines in view.
+    const bool atBottom = bar->value() >= bar->maximum();
+    const int kept = bar->value();
+    QString text = change.replaced ? buffer.text() : buffer.text().right(change.added);
+    text.replace(QLatin1String("\r\n"), QLatin1String("\n"));
+    if (change.replaced) {
+        view->setPlainText(text);
+    } else {
+        QTextCursor cursor(view->document());
+        cursor.movePosition(QTextCursor::End);
+        cursor.insertText(text);
+    }
+    bar->setValue(atBottom ? bar->maximum() : std::min(kept, bar->maximum()));
+}
+
+BusView::BusView(QWidget* parent) : QObject(parent)
+{
+    m_clock.start();
+    edDecoded = new QPlainTextEdit(parent);
+    edDecoded->setObjectName(QStringLiteral("edDecoded"));
+    edDecoded->setReadOnly(true);
+    edDecoded->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
+    edDecoded->setLineWrapMode(QPlainTextEdit::NoWrap);
+    edDecoded->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+    edDecoded->setUndoRedoEnabled(false);
+    edDecoded->setToolTip(QStringLiteral("The traced frames as CANopen reads them"));
+
+    auto* sorted = new QSortFilterProxyModel(this);
+    sorted->setSourceModel(&m_table);
+    sorted->setSortRole(IdentifierTable::SortRole);
+    tblIds = new QTableView(parent);
+    tblIds->setObjectName(QStringLiteral("tblIds"));
+    tblIds->setModel(sorted);
+    tblIds->setSortingEnabled(true);
+    tblIds->sortByColumn(IdentifierTable::Identifier, Qt::AscendingOrder);
+    tblIds->setSelectionBehavior(QAbstractItemView::SelectRows);
+    tblIds->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    tblIds->setWordWrap(false);
+    tblIds->verticalHeader()->hide();
+    tblIds->verticalHeader()->setDefaultSectionSize(tblIds->fontMetrics().height() + 4);
+    tblIds->horizontalHeader()->setStretchLastSection(true);
+    tblIds->horizontalHeader()->setSectionResizeMode(QHeaderView::Interactive);
+    const int digit = tblIds->fontMetrics().horizontalAdvance(QLatin1Char('0'));
+    const int widths[IdentifierTable::ColumnCount] = {4, 6, 12, 8, 8, 8, 8, 4, 24, 10};
+    for (int c = 0; c < IdentifierTable::ColumnCount; ++c)
+        tblIds->setColumnWidth(c, digit * widths[c] + 16);
+    tblIds->setToolTip(QStringLiteral("Each identifier seen on each controller; click a heading "
+                                      "to sort"));
+
+    lblLoad = new QLabel(parent);
+    lblLoad->setObjectName(QStringLiteral("lblLoad"));
+    lblLoad->setToolTip(QStringLiteral("Bus load over the last second: the time the traced "
+                                       "frames took on each running controller's bus"));
+}
+
+void BusView::addFrame(int controller, int kind, quint16 id, qint64 timeUs, int length,
+                       const quint8* data, const QString& head)
+{
+    if (controller < 0 || controller >= kControllers)
+        return;
+    const bool remote = kind == int(TraceKind::RemoteRequest);
+    const QByteArray bytes =
+        remote || !data ? QByteArray()
+                        : QByteArray::fromRawData(reinterpret_cast<const char*>(data), length);
+    const DecodedFrame decoded = m_decoders[size_t(controller)].decode(id, remote, bytes);
+    m_decoded.append(head + QStringLiteral("  ") + CanopenDecoder::text(decoded));
+    // The server stamps the frames it receives; those this program sent come back without a
+    // time of the server's, and are timed by the clock of this program as they arrive.
+    const bool sent = kind != int(TraceKind::Received);
+    m_table.add(controller, sent, id, remote, sent ? m_clock.nsecsElapsed() / 1000 : timeUs, length,
+                data, decoded);
+}
+
+void BusView::clear()
+{
+    for (CanopenDecoder& d : m_decoders)
+        d.clear();
+    m_decoded.clear();
+    m_table.clear();
+}
+
+void BusView::refresh(int elapsedMs)
+{
+    if (edDecoded->isVisible())
+        showTraceChange(edDecoded, m_decoded);
+    m_sinceTable += elapsedMs;
+    if (m_sinceTable >= kTableRefreshMs && tblIds->isVisible()) {
+        m_sinceTable = 0;
+        m_table.publish();
+    }
+    m_sinceLoad += elapsedMs;
+    if (m_sinceLoad >= kLoadPeriodMs) {
+        m_sinceLoad = 0;
+        m_table.measureLoad();
+        lblLoad->setText(m_table.loadText());
+    }
+}
+
+} // namespace tessel

@@ -1,0 +1,65 @@
+#pragma once
+
+#include "canopendecoder.h"
+#include "identifiertable.h"
+#include "traceline.h"
+
+#include <QElapsedTimer>
+#include <QObject>
+
+#include <array>
+
+class QLabel;
+class QPlainTextEdit;
+class QTableView;
+class QWidget;
+
+namespace tessel {
+
+// Brings a text view up to date with its buffer's changes, following the newest line only while
+// the view shows it.
+void showTraceChange(QPlainTextEdit* view, TraceBuffer& buffer);
+
+// The CAN monitor's CANopen view of the frames it traces: the same frames decoded, one line
+// each, and the bus by identifier with each controller's load. The views are brought up to date
+// by refresh(), a few times a second and only while they are shown; the frames are decoded and
+// counted as they come, so a view opened later shows what came before.
+class BusView : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr int kControllers = IdentifierTable::kControllers;
+    // The decoded text keeps more than the exact trace: its lines are longer.
+    static constexpr qsizetype kMaxDecodedLength = 1000000;
+    static constexpr qsizetype kKeepDecodedLength = 250000;
+    // The table redraws at most this often, the load is measured over this period.
+    static constexpr int kTableRefreshMs = 100;
+    static constexpr int kLoadPeriodMs = 1000;
+
+    explicit BusView(QWidget* parent);
+
+    // One traced frame: `head` is the start of its exact trace line (direction, controller,
+    // identifier, length, time), `timeUs` its time on a clock that does not wrap.
+    void addFrame(int controller, int kind, quint16 id, qint64 timeUs, int length,
+                  const quint8* data, const QString& head);
+    void clear();
+    void setBitRate(int controller, int bitsPerSecond) { m_table.setBitRate(controller, bitsPerSecond); }
+    // Called by the monitor's refresh timer (every `elapsedMs`).
+    void refresh(int elapsedMs);
+    const QString& decodedText() const { return m_decoded.text(); }
+    IdentifierTable* table() { return &m_table; }
+
+    QPlainTextEdit* edDecoded = nullptr;
+    QTableView* tblIds = nullptr;
+    QLabel* lblLoad = nullptr;
+
+private:
+    std::array<CanopenDecoder, kControllers> m_decoders;
+    IdentifierTable m_table;
+    TraceBuffer m_decoded{kMaxDecodedLength, kKeepDecodedLength};
+    QElapsedTimer m_clock;
+    int m_sinceTable = 0;
+    int m_sinceLoad = 0;
+};
+
+} // namespace tessel
