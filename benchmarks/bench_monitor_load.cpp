@@ -5,7 +5,9 @@
 // worst), the frames Tessel received per second, and the process's resident memory (Tessel and
 // the server together) after the first minute and at the end.
 //
-//   bench_monitor_load [--minutes N]      (default 2; 60 for the hour-long run)
+//   bench_monitor_load [--minutes N] [--tab T]
+//     N: default 2, 60 for the hour-long run; T: the monitor's tab on screen, 0 the trace
+//     (default), 1 the decoded frames, 2 the identifiers.
 
 #include "floodserver.h"
 #include "frmdiagno.h"
@@ -20,6 +22,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSettings>
+#include <QTabWidget>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -61,9 +64,13 @@ int main(int argc, char** argv)
     qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
     double minutes = 2;
-    for (int i = 1; i + 1 < argc; ++i)
+    int tab = 0;
+    for (int i = 1; i + 1 < argc; ++i) {
         if (QByteArray(argv[i]) == "--minutes")
             minutes = QByteArray(argv[i + 1]).toDouble();
+        if (QByteArray(argv[i]) == "--tab")
+            tab = QByteArray(argv[i + 1]).toInt();
+    }
     QTemporaryDir dir;
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, dir.filePath("settings"));
     QSettings::setPath(QSettings::IniFormat, QSettings::SystemScope, dir.filePath("system"));
@@ -90,6 +97,7 @@ int main(int argc, char** argv)
         monitor->slotGrid->edID0[s]->setText(QString::number(0x281 + s, 16));
         monitor->slotGrid->edLen0[s]->setText(QStringLiteral("8"));
     }
+    monitor->tabView->setCurrentIndex(tab);
     monitor->setSequenceText(0, QStringLiteral("M1 T0.01 M2 T0.01"));
     monitor->cmdSeq_Click();
     monitor->sequencer()->chkEn[0]->setChecked(true);

@@ -193,7 +193,7 @@ QVariant IdentifierTable::headerData(int section, Qt::Orientation orientation, i
     if (orientation != Qt::Horizontal)
         return {};
     static const char* const names[ColumnCount] = {
-        "CAN", "ID", "Service", "Count", "Cycle ms", "Min ms", "Max ms", "Len", "Data", "Meaning"};
+        "CAN", "ID", "Service", "Count", "Cycle ms", "Min ms", "Max ms", "Len", "Meaning", "Data"};
     static const char* const tips[ColumnCount] = {
         "The controller; Tx: frames this program sent, timed as their reports came",
         "The COB-ID in hexadecimal; R: remote requests",
@@ -203,8 +203,8 @@ QVariant IdentifierTable::headerData(int section, Qt::Orientation orientation, i
         "Shortest time between two frames",
         "Longest time between two frames",
         "Length of the last frame",
-        "Data of the last frame",
-        "What the last frame said"};
+        "What the last frame said",
+        "Data of the last frame"};
     if (section < 0 || section >= ColumnCount)
         return {};
     if (role == Qt::DisplayRole)

@@ -31,8 +31,8 @@ public:
         CycleMin,
         CycleMax,
         Length,
-        Data,
         Meaning,
+        Data,
         ColumnCount
     };
     // The value a column sorts by (numbers as numbers, the identifier by controller first).

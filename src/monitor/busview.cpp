@@ -60,7 +60,7 @@ BusView::BusView(QWidget* parent) : QObject(parent)
     tblIds->horizontalHeader()->setStretchLastSection(true);
     tblIds->horizontalHeader()->setSectionResizeMode(QHeaderView::Interactive);
     const int digit = tblIds->fontMetrics().horizontalAdvance(QLatin1Char('0'));
-    const int widths[IdentifierTable::ColumnCount] = {4, 6, 12, 8, 8, 8, 8, 4, 24, 10};
+    const int widths[IdentifierTable::ColumnCount] = {4, 4, 10, 6, 6, 6, 6, 3, 30, 23};
     for (int c = 0; c < IdentifierTable::ColumnCount; ++c)
         tblIds->setColumnWidth(c, digit * widths[c] + 16);
     tblIds->setToolTip(QStringLiteral("Each identifier seen on each controller; click a heading "
@@ -68,6 +68,12 @@ BusView::BusView(QWidget* parent) : QObject(parent)
 
     lblLoad = new QLabel(parent);
     lblLoad->setObjectName(QStringLiteral("lblLoad"));
+    // A width of its own, so that the text changing every second never lays the window out
+    // again.
+    lblLoad->setMinimumWidth(
+        lblLoad->fontMetrics().horizontalAdvance(QStringLiteral("CAN 0: 100.0 %  CAN 1: 100.0 %")));
+    lblLoad->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    lblLoad->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
     lblLoad->setToolTip(QStringLiteral("Bus load over the last second: the time the traced "
                                        "frames took on each running controller's bus"));
 }
