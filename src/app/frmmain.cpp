@@ -313,11 +313,9 @@ void FrmMain::tmrStato_Timer()
         QString error;
         m_status->showControllerStatus(i, enabled,
                                        enabled ? m_link.status(i, &error) : std::nullopt);
-        // The monitor measures the load of the controllers that run.
-        if (m_monitor)
-            m_monitor->busView->setBitRate(
-                i,
-                enabled ? qorcalib::bitRateOfIndex(controllerPanel->controllers().bitRate(i)) : 0);
+        const int rate = qorcalib::bitRateOfIndex(controllerPanel->controllers().bitRate(i));
+        if (m_monitor) // it measures the load of the controllers that run
+            m_monitor->busView->setBitRate(i, enabled ? rate : 0);
     }
 }
 
