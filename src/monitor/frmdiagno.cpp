@@ -125,7 +125,7 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     tabView = new QTabWidget(this);
     tabView->setObjectName(QStringLiteral("tabView"));
     tabView->addTab(edTrace, QStringLiteral("&Trace"));
-    tabView->addTab(busView->edDecoded, QStringLiteral("&Decoded"));
+    tabView->addTab(busView->edDecoded, QStringLiteral("De&coded"));
     tabView->addTab(busView->tblIds, QStringLiteral("&Identifiers"));
     tabView->setTabToolTip(0, QStringLiteral("The frames exactly as they came"));
     tabView->setTabToolTip(1, QStringLiteral("The same frames as CANopen reads them"));
