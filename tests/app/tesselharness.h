@@ -4,13 +4,8 @@
 #include "frmmain.h"
 #include "serverprocess.h"
 
-#include <QMessageBox>
-#include <QSettings>
-#include <QString>
-#include <QStringList>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QTimer>
+#include <QtTest>
+#include <QtWidgets>
 
 #include <memory>
 

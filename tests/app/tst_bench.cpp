@@ -9,14 +9,8 @@
 #include "frmalarms.h"
 #include "tesselharness.h"
 
-#include <QCheckBox>
-#include <QLabel>
-#include <QLineEdit>
-#include <QPlainTextEdit>
-#include <QPushButton>
-#include <QRegularExpression>
-#include <QTest>
-#include <QTreeWidget>
+#include <QtTest>
+#include <QtWidgets>
 
 using tessel::test::columns;
 using tessel::test::row;

@@ -8,20 +8,8 @@
 #include "serverprocess.h"
 #include "tesselharness.h"
 
-#include <QCheckBox>
-#include <QComboBox>
-#include <QFile>
-#include <QLabel>
-#include <QLineEdit>
-#include <QPlainTextEdit>
-#include <QPushButton>
-#include <QRegularExpression>
-#include <QSignalSpy>
-#include <QSlider>
-#include <QTabWidget>
-#include <QTableView>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
+#include <QtWidgets>
 
 using namespace tessel;
 using namespace tessel::test;

@@ -6,11 +6,8 @@
 #include "tesselharness.h"
 #include "tracefile.h"
 
-#include <QCheckBox>
-#include <QDoubleSpinBox>
-#include <QFile>
-#include <QPushButton>
-#include <QTest>
+#include <QtTest>
+#include <QtWidgets>
 
 using tessel::test::columns;
 using tessel::test::row;

@@ -11,16 +11,8 @@
 #include "tesselharness.h"
 #include "upgradepanel.h"
 
-#include <QComboBox>
-#include <QDir>
-#include <QFile>
-#include <QHelpEvent>
-#include <QLabel>
-#include <QLineEdit>
-#include <QMouseEvent>
-#include <QProgressBar>
-#include <QPushButton>
-#include <QTest>
+#include <QtTest>
+#include <QtWidgets>
 
 using tessel::test::columns;
 using tessel::test::row;

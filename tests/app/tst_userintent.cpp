@@ -10,26 +10,8 @@
 #include "tesselharness.h"
 #include "wheelguard.h"
 
-#include <QApplication>
-#include <QCheckBox>
-#include <QComboBox>
-#include <QElapsedTimer>
-#include <QLineEdit>
-#include <QPlainTextEdit>
-#include <QProgressBar>
-#include <QPushButton>
-#include <QScrollArea>
-#include <QScrollBar>
-#include <QSettings>
-#include <QSignalSpy>
-#include <QSlider>
-#include <QSpinBox>
-#include <QStyle>
-#include <QStyleOptionSlider>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QTimer>
-#include <QWheelEvent>
+#include <QtTest>
+#include <QtWidgets>
 
 using namespace tessel;
 using namespace tessel::test;

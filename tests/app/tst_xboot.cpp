@@ -3,15 +3,9 @@
 #include "frmxboot.h"
 #include "tesselharness.h"
 
-#include <QCheckBox>
-#include <QDir>
-#include <QFile>
-#include <QLineEdit>
-#include <QPushButton>
-#include <QSqlDatabase>
-#include <QSqlQuery>
-#include <QLabel>
-#include <QTest>
+#include <QtSql>
+#include <QtTest>
+#include <QtWidgets>
 
 using namespace tessel;
 using tessel::test::Tessel;

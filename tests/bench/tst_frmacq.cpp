@@ -4,11 +4,8 @@
 #include "frmacq.h"
 #include "recordingbench.h"
 
-#include <QCheckBox>
-#include <QPlainTextEdit>
-#include <QPushButton>
-#include <QTest>
-#include <QTimer>
+#include <QtTest>
+#include <QtWidgets>
 
 #include <utility>
 

@@ -3,10 +3,8 @@
 #include "qcanbuschannel.h"
 #include "serverclock.h"
 
-#include <QCanBusDevice>
-#include <QSignalSpy>
-#include <QTest>
-#include <QTimer>
+#include <QtSerialBus>
+#include <QtTest>
 
 using tessel::test::row;
 

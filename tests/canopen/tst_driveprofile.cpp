@@ -5,9 +5,7 @@
 #include "driveprofile.h"
 #include "frametext.h"
 
-#include <QMap>
-#include <QTest>
-#include <QtEndian>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

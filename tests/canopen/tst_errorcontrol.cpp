@@ -7,9 +7,7 @@
 #include "frametext.h"
 #include "sdoabort.h"
 
-#include <QMap>
-#include <QTest>
-#include <QtEndian>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

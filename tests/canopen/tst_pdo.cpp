@@ -6,10 +6,7 @@
 #include "pdo.h"
 #include "sdoabort.h"
 
-#include <QMap>
-#include <QRegularExpression>
-#include <QTest>
-#include <QtEndian>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

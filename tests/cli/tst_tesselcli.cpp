@@ -6,14 +6,7 @@
 #include "serverprocess.h"
 #include "srecords.h"
 
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <cmath>
 #include <csignal>

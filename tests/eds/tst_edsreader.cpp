@@ -3,13 +3,8 @@
 #include "filedialogfilter.h"
 #include "frmeds.h"
 
-#include <QElapsedTimer>
-#include <QLineEdit>
-#include <QListWidget>
-#include <QPushButton>
-#include <QRandomGenerator>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
+#include <QtWidgets>
 
 using tessel::test::columns;
 using tessel::test::row;

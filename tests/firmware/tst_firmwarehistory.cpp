@@ -3,9 +3,7 @@
 #include "datatable.h"
 #include "firmwarehistory.h"
 
-#include <QSettings>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

@@ -5,10 +5,7 @@
 #include "imagefile.h"
 #include "srecords.h"
 
-#include <QFile>
-#include <QSettings>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

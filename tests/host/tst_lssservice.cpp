@@ -3,9 +3,7 @@
 #include "datatable.h"
 #include "serverprocess.h"
 
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

@@ -4,9 +4,7 @@
 #include "datatable.h"
 #include "serverprocess.h"
 
-#include <QElapsedTimer>
-#include <QSignalSpy>
-#include <QTest>
+#include <QtTest>
 
 using tessel::test::row;
 

@@ -3,13 +3,8 @@
 #include "handshake.h"
 #include "serverprocess.h"
 
-#include <QElapsedTimer>
-#include <QFile>
-#include <QLocalSocket>
-#include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QtEndian>
+#include <QtNetwork>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

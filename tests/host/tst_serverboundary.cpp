@@ -6,19 +6,8 @@
 #include "serverprocess.h"
 #include "wire.h"
 
-#include <QElapsedTimer>
-#include <QFile>
-#include <QLocalSocket>
-#include <QRandomGenerator>
-#include <QScopeGuard>
-#include <QSslConfiguration>
-#include <QSslKey>
-#include <QSslSocket>
-#include <QTcpServer>
-#include <QTcpSocket>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QThread>
+#include <QtNetwork>
+#include <QtTest>
 
 #include <atomic>
 

@@ -5,11 +5,8 @@
 #include "simdrive.h"
 #include "statuswindow.h"
 
-#include <QCheckBox>
-#include <QLabel>
-#include <QPushButton>
-#include <QSpinBox>
-#include <QTest>
+#include <QtTest>
+#include <QtWidgets>
 
 using namespace qorcalib;
 

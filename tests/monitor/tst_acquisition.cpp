@@ -1,11 +1,7 @@
 #include "acquisition.h"
 #include "datatable.h"
 
-#include <QBuffer>
-#include <QFile>
-#include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

@@ -5,20 +5,8 @@
 #include "frmio.h"
 #include "frmseq.h"
 
-#include <QCheckBox>
-#include <QComboBox>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QLabel>
-#include <QLineEdit>
-#include <QPlainTextEdit>
-#include <QPushButton>
-#include <QScrollBar>
-#include <QSignalSpy>
-#include <QSlider>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QtEndian>
+#include <QtTest>
+#include <QtWidgets>
 
 using tessel::test::columns;
 using tessel::test::row;

@@ -5,11 +5,7 @@
 #include "processrunner.h"
 #include "productionrun.h"
 
-#include <QDir>
-#include <QFile>
-#include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

@@ -4,17 +4,8 @@
 #include "datatable.h"
 #include "serialcounter.h"
 
-#include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QSet>
-#include <QSqlDatabase>
-#include <QSqlError>
-#include <QSqlQuery>
-#include <QStandardPaths>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QThread>
+#include <QtSql>
+#include <QtTest>
 
 #include <future>
 #include <thread>

@@ -1,10 +1,7 @@
 #include "datatable.h"
 #include "objectdictionary.h"
 
-#include <QRandomGenerator>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QtEndian>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

@@ -4,13 +4,9 @@
 #include "datatable.h"
 #include "serverprocess.h"
 
-#include <QCanBus>
-#include <QFile>
-#include <QProcess>
-#include <QRegularExpression>
-#include <QSet>
-#include <QTcpServer>
-#include <QTest>
+#include <QtNetwork>
+#include <QtSerialBus>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

@@ -1,9 +1,6 @@
 #pragma once
 
-#include <QByteArray>
-#include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QString>
+#include <QtCore>
 
 #include <fcntl.h>
 #include <poll.h>

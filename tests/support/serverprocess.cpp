@@ -1,10 +1,7 @@
 #include "serverprocess.h"
 
-#include <QDeadlineTimer>
-#include <QFile>
-#include <QLocalSocket>
-#include <QRegularExpression>
-#include <QTest>
+#include <QtNetwork>
+#include <QtTest>
 
 #include <csignal>
 

@@ -3,10 +3,7 @@
 #include "canmsg.h"
 #include "serverconnection.h"
 
-#include <QProcess>
-#include <QSignalSpy>
-#include <QStringList>
-#include <QTemporaryDir>
+#include <QtTest>
 
 #include <memory>
 

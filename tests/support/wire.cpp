@@ -2,11 +2,8 @@
 
 #include "handshake.h"
 
-#include <QDataStream>
-#include <QDeadlineTimer>
-#include <QLocalSocket>
-#include <QRandomGenerator>
-#include <QTest>
+#include <QtNetwork>
+#include <QtTest>
 
 namespace qorcalib::test {
 

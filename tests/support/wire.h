@@ -1,9 +1,6 @@
 #pragma once
 
-#include <QByteArray>
-#include <QIODevice>
-#include <QString>
-#include <QVariantList>
+#include <QtCore>
 
 #include <memory>
 

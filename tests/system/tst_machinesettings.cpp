@@ -2,9 +2,7 @@
 #include "firmwarehistory.h"
 #include "machinesettings.h"
 
-#include <QSettings>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

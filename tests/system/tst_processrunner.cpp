@@ -1,10 +1,7 @@
 #include "datatable.h"
 #include "processrunner.h"
 
-#include <QFile>
-#include <QFileInfo>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <unistd.h>
 

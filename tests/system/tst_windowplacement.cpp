@@ -1,12 +1,8 @@
 #include "datatable.h"
 #include "windowplacement.h"
 
-#include <QGuiApplication>
-#include <QScreen>
-#include <QSettings>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QWidget>
+#include <QtTest>
+#include <QtWidgets>
 
 using tessel::test::columns;
 using tessel::test::row;

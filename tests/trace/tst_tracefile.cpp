@@ -3,10 +3,7 @@
 #include "datatable.h"
 #include "tracefile.h"
 
-#include <QBuffer>
-#include <QDateTime>
-#include <QTemporaryFile>
-#include <QTest>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;

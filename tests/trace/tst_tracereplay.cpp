@@ -8,11 +8,7 @@
 #include "serverprocess.h"
 #include "tracereplay.h"
 
-#include <QElapsedTimer>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
-#include <QThread>
+#include <QtTest>
 
 using tessel::test::columns;
 using tessel::test::row;
