@@ -259,7 +259,7 @@ bool FrmMain::formLoad(const QString& answer, QString* error)
 
     show();
     m_monitor = new FrmDiagno(&m_placement, this);
-    m_tools->setMonitor(m_monitor);
+    m_tools->setMonitor(m_monitor, m_monitorLink);
     // Laid out beside the main window's first position, unless the user placed it before.
     m_monitor->move(m_placement.reference() + QPoint(frameGeometry().width() + 8, 0));
     WindowPlacement::restoreGeometry(m_monitor, m_monitor->objectName());

@@ -38,6 +38,11 @@ void MonitorLink::attach(FrmDiagno* monitor)
     m_link->setTxNotify(monitor->showTransmit());
 }
 
+int MonitorLink::controller() const
+{
+    return m_controllers->selected();
+}
+
 bool MonitorLink::send(quint16 id, int length, const QByteArray& data)
 {
     const int controller = m_controllers->selected();

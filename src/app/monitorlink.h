@@ -32,6 +32,8 @@ public:
     // While held (an upgrade or a vector read runs), the frames received stay out of the trace.
     void setTraceHeld(bool held) { m_traceHeld = held; }
     bool traceHeld() const { return m_traceHeld; }
+    // The controller the sends go to: the one selected in the main window.
+    int controller() const;
 
 signals:
     void message(const QString& text);

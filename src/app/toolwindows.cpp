@@ -5,6 +5,7 @@
 #include "frmeds.h"
 #include "frminviamesg.h"
 #include "frmio.h"
+#include "frmnetwork.h"
 #include "frmseq.h"
 #include "frmserial.h"
 #include "frmxboot.h"
@@ -51,6 +52,10 @@ QHBoxLayout* ToolWindows::makeButtonRow(QWidget* parent)
            &ToolWindows::openProduction);
     button(&cmdSerial, "cmdSerial", QStringLiteral("Se&rial..."),
            QStringLiteral("Open a terminal on a serial port"), &ToolWindows::openSerial);
+    button(&cmdNetwork, "cmdNetwork", QStringLiteral("Net&work"),
+           QStringLiteral("Open the network: the nodes of the selected controller's bus, their "
+                          "states and heartbeats, Scan, NMT by node"),
+           &ToolWindows::openNetwork);
     row->addStretch();
     return row;
 }
@@ -111,6 +116,18 @@ void ToolWindows::openSlider()
     WindowPlacement::bringToFront(m_io);
 }
 
+void ToolWindows::openNetwork()
+{
+    if (!m_monitorLink)
+        return;
+    if (!m_network) {
+        m_network = new FrmNetwork(m_link, m_monitorLink, m_placement, m_main);
+        place(m_network, QPoint(m_main->frameGeometry().width() + 8, 120));
+        connect(m_network, &FrmNetwork::message, this, &ToolWindows::message);
+    }
+    WindowPlacement::bringToFront(m_network);
+}
+
 QList<QWidget*> ToolWindows::carried() const
 {
     QList<QWidget*> windows;
@@ -120,6 +137,8 @@ QList<QWidget*> ToolWindows::carried() const
         windows << m_eds;
     if (m_io)
         windows << m_io;
+    if (m_network)
+        windows << m_network;
     if (m_monitor && m_monitor->sequencer())
         windows << m_monitor->sequencer();
     if (m_monitor && m_monitor->composer())

@@ -15,6 +15,8 @@ class CanLink;
 class FrmDiagno;
 class FrmEDS;
 class FrmIO;
+class FrmNetwork;
+class MonitorLink;
 class FrmSerial;
 class FrmXBoot;
 class WindowPlacement;
@@ -36,20 +38,28 @@ public:
     QPushButton* cmdIO = nullptr;
     QPushButton* cmdXBoot = nullptr;
     QPushButton* cmdSerial = nullptr;
+    QPushButton* cmdNetwork = nullptr;
 
-    // The CAN monitor, made at start-up; the slider works on its slots.
-    void setMonitor(FrmDiagno* monitor) { m_monitor = monitor; }
+    // The CAN monitor, made at start-up, and its link: the slider works on the monitor's slots,
+    // the network window sends through the link.
+    void setMonitor(FrmDiagno* monitor, MonitorLink* link)
+    {
+        m_monitor = monitor;
+        m_monitorLink = link;
+    }
 
     void openMonitor();
     void openProduction();
     void openSerial();
     void openEds();
     void openSlider();
+    void openNetwork();
 
     FrmXBoot* production() const { return m_xboot; }
     FrmSerial* serial() const { return m_serial; }
     FrmEDS* eds() const { return m_eds; }
     FrmIO* slider() const { return m_io; }
+    FrmNetwork* network() const { return m_network; }
 
     // The windows that follow the main window.
     QList<QWidget*> carried() const;
@@ -71,6 +81,8 @@ private:
     WindowPlacement* m_placement;
     QWidget* m_main;
     FrmDiagno* m_monitor = nullptr;
+    MonitorLink* m_monitorLink = nullptr;
+    FrmNetwork* m_network = nullptr;
     FrmEDS* m_eds = nullptr;
     FrmIO* m_io = nullptr;
     FrmXBoot* m_xboot = nullptr;

@@ -8,6 +8,7 @@
 #include "imagefile.h"
 #include "machinesettings.h"
 #include "networkwatch.h"
+#include "nodescan.h"
 #include "numbers.h"
 #include "sdoabort.h"
 #include "tracefile.h"
@@ -901,42 +902,37 @@ int TesselCli::scan(QStringList args)
     if (const QString e = m_link.setSdoTimeout(waitMs); !e.isEmpty())
         return linkFailure(e);
     const bool terminal = isatty(STDERR_FILENO);
-    const auto u32 = [](const QByteArray& b) {
-        return b.size() == 4 ? qFromLittleEndian<quint32>(b.constData()) : 0u;
-    };
+    NodeScan scan(&m_link, m_controller);
     int found = 0;
     for (int node = 1; node <= 127; ++node) {
         if (terminal) {
             m_err << QStringLiteral("\r%1 %").arg(node * 100 / 127, 3);
             m_err.flush();
         }
-        const CanLink::SdoResult type = m_link.sdoTransfer(m_controller, true, node, 0x1000, 0);
-        if (!type.error.isEmpty() && type.kind != qorcalib::ErrorKind::TimeOut)
-            return linkFailure(type.error, type.kind);
-        if (!type.error.isEmpty() || type.abortCode != 0)
+        QString error;
+        qorcalib::ErrorKind kind = qorcalib::ErrorKind::None;
+        const std::optional<NodeIdentity> id = scan.read(node, &error, &kind);
+        if (!error.isEmpty())
+            return linkFailure(error, kind);
+        if (!id)
             continue;
-        quint32 identity[4] = {};
-        for (int sub = 1; sub <= 4; ++sub) {
-            const CanLink::SdoResult r = m_link.sdoTransfer(m_controller, true, node, 0x1018, sub);
-            identity[sub - 1] = r.error.isEmpty() && r.abortCode == 0 ? u32(r.data) : 0;
-        }
         ++found;
         if (terminal) {
             m_err << "\r      \r";
             m_err.flush();
         }
         print({{QStringLiteral("node"), node},
-               {QStringLiteral("deviceType"), double(u32(type.data))},
-               {QStringLiteral("vendorId"), double(identity[0])},
-               {QStringLiteral("productCode"), double(identity[1])},
-               {QStringLiteral("revision"), double(identity[2])},
-               {QStringLiteral("serial"), double(identity[3])}},
+               {QStringLiteral("deviceType"), double(id->deviceType)},
+               {QStringLiteral("vendorId"), double(id->vendorId)},
+               {QStringLiteral("productCode"), double(id->productCode)},
+               {QStringLiteral("revision"), double(id->revision)},
+               {QStringLiteral("serial"), double(id->serial)}},
               QStringLiteral("node %1: device type %2, vendor %3, product %4, revision %5, "
                              "serial %6")
                   .arg(node)
-                  .arg(hexField(u32(type.data), 8), hexField(identity[0], 8),
-                       hexField(identity[1], 8), hexField(identity[2], 8),
-                       hexField(identity[3], 8)));
+                  .arg(hexField(id->deviceType, 8), hexField(id->vendorId, 8),
+                       hexField(id->productCode, 8), hexField(id->revision, 8),
+                       hexField(id->serial, 8)));
     }
     if (terminal) {
         m_err << "\r      \r";

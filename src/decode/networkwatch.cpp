@@ -28,6 +28,8 @@ QList<NetworkWatch::Event> NetworkWatch::onFrame(quint16 id, bool remote, const 
         events.append({timeUs, d.node, Event::BootUp, QStringLiteral("boot-up")});
         return events;
     }
+    if (d.service == QLatin1String("SDO answer"))
+        m_nodes[d.node]; // seen, its state not known yet
     if (d.service != QLatin1String("heartbeat"))
         return events;
     Node& n = m_nodes[d.node];

@@ -8,9 +8,9 @@
 namespace tessel {
 
 // The nodes of a bus as their frames show them: each node's NMT state from its heartbeats and
-// boot-up, its heartbeat period as measured, a heartbeat missed (none for 1.5 periods once two
-// have come) and back, and its emergencies. Frames in with their time, events out; check() finds
-// heartbeats missed by a given time, frames or not.
+// boot-up (none yet for a node seen only by its SDO answers), its heartbeat period as measured, a
+// heartbeat missed (none for 1.5 periods once two have come) and back, and its emergencies. Frames
+// in with their time, events out; check() finds heartbeats missed by a given time, frames or not.
 class NetworkWatch
 {
 public:

@@ -1,7 +1,9 @@
+#include "benchpanel.h"
 #include "frmdiagno.h"
 #include "frminviamesg.h"
 #include "frmio.h"
 #include "frmmain.h"
+#include "frmnetwork.h"
 #include "frmseq.h"
 #include "identifiertable.h"
 #include "sdopanel.h"
@@ -58,6 +60,7 @@ private slots:
     void acquisitionOfTenThousandFramesExports();
     void runningToolsStopWhenTheServerGoes();
     void busViewDecodesAndCounts();
+    void networkWindow();
 
 private:
     WindowTestBench m_bench;
@@ -225,6 +228,50 @@ void TstMonitorTools::busViewDecodesAndCounts()
     QTest::mouseClick(m->btnRes, Qt::LeftButton);
     QCOMPARE(rows->rowCount(), 0);
     QCOMPARE(m->busView->decodedText(), QString());
+}
+
+void TstMonitorTools::networkWindow()
+{
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    t.window.findChild<QPushButton*>("cmdNetwork")->click();
+    auto* w = t.window.findChild<FrmNetwork*>();
+    QVERIFY(w && w->isVisible());
+    const auto cell = [w](int column) {
+        for (int r = 0; r < w->tblNodes->rowCount(); ++r)
+            if (w->tblNodes->item(r, FrmNetwork::Node)->text() == "1")
+                return w->tblNodes->item(r, column)->text();
+        return QString("no row");
+    };
+    // The drive, from its heartbeats: its state, then its period once two have come.
+    QTRY_COMPARE_WITH_TIMEOUT(cell(FrmNetwork::State), QString("pre-operational"), 3000);
+    QTRY_VERIFY_WITH_TIMEOUT(cell(FrmNetwork::Heartbeat).endsWith(" ms"), 5000);
+    const int period = cell(FrmNetwork::Heartbeat).chopped(3).toInt();
+    QVERIFY2(period > 900 && period < 1100, qPrintable(cell(FrmNetwork::Heartbeat)));
+    // Scan: its identity; the user's SDO time-out back afterwards.
+    QTest::mouseClick(w->cmdScan, Qt::LeftButton);
+    QCOMPARE(cell(FrmNetwork::DeviceType), QString("00020192"));
+    QCOMPARE(cell(FrmNetwork::Vendor), QString("000003A1"));
+    QVERIFY2(w->logText().contains("scan of CAN 0: 1 node(s) answered"), qPrintable(w->logText()));
+    QCOMPARE(t.window.link()->sdoTimeoutMs(), 1000);
+    QVERIFY(t.messages.isEmpty());
+    // NMT by node, seen in the next heartbeat.
+    w->sendNmt(1, 0x01);
+    QTRY_COMPARE_WITH_TIMEOUT(cell(FrmNetwork::State), QString("operational"), 3000);
+    QVERIFY(w->logText().contains("node 1: pre-operational -> operational"));
+    QVERIFY2(t.trace().contains("T0 000 2 000s000.000 > 01 01 "), qPrintable(t.trace().right(400)));
+    // Over-voltage: the drive's fault and its emergency, then the error history read.
+    t.window.benchPanel->txtVout->setText("58");
+    QTest::mouseClick(t.window.benchPanel->cmdDoVout, Qt::LeftButton);
+    QTRY_VERIFY_WITH_TIMEOUT(cell(FrmNetwork::Emergency).startsWith("3210"), 3000);
+    w->readErrorHistory(1);
+    QVERIFY2(w->logText().contains("node 1: error history, newest first: 1: 3210 "),
+             qPrintable(w->logText()));
+    // Power off: the heartbeat missed, said once and shown in the row.
+    QTest::mouseClick(t.window.benchPanel->cmdShutdown, Qt::LeftButton);
+    QTRY_COMPARE_WITH_TIMEOUT(cell(FrmNetwork::Alarm), QString("heartbeat missed"), 3000);
+    QCOMPARE(w->logText().count("heartbeat missed"), 1);
 }
 
 QTEST_MAIN(TstMonitorTools)
