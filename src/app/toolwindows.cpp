@@ -60,6 +60,21 @@ QHBoxLayout* ToolWindows::makeButtonRow(QWidget* parent)
     return row;
 }
 
+void ToolWindows::setMonitor(FrmDiagno* monitor, MonitorLink* link)
+{
+    m_monitor = monitor;
+    m_monitorLink = link;
+    // The monitor reads the bus by the EDS the browser opens with, until it opens another.
+    useEds(qorcalib::dataFile(QStringLiteral("drive.eds")));
+}
+
+void ToolWindows::useEds(const QString& path)
+{
+    if (m_monitor)
+        m_monitor->busView->setDictionary(
+            std::make_shared<const DeviceDictionary>(readDeviceDictionary(path)));
+}
+
 void ToolWindows::place(QWidget* window, QPoint offset) const
 {
     window->move(m_placement->reference() + offset);
@@ -100,6 +115,7 @@ void ToolWindows::openEds()
         place(m_eds, QPoint(m_main->frameGeometry().width() + 8, 40));
         m_eds->txtFileName->setText(qorcalib::dataFile(QStringLiteral("drive.eds")));
         m_eds->setAddress = [this](const QString& address) { emit addressChosen(address); };
+        connect(m_eds, &FrmEDS::loaded, this, &ToolWindows::useEds);
     }
     WindowPlacement::bringToFront(m_eds);
 }

@@ -42,11 +42,7 @@ public:
 
     // The CAN monitor, made at start-up, and its link: the slider works on the monitor's slots,
     // the network window sends through the link.
-    void setMonitor(FrmDiagno* monitor, MonitorLink* link)
-    {
-        m_monitor = monitor;
-        m_monitorLink = link;
-    }
+    void setMonitor(FrmDiagno* monitor, MonitorLink* link);
 
     void openMonitor();
     void openProduction();
@@ -76,6 +72,7 @@ signals:
 private:
     // Beside the main window, `offset` down its right edge (or below it), unless placed before.
     void place(QWidget* window, QPoint offset) const;
+    void useEds(const QString& path);
 
     CanLink* m_link;
     WindowPlacement* m_placement;

@@ -18,6 +18,7 @@
 #include <QDateTime>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <QSaveFile>
@@ -67,13 +68,14 @@ const QString kUsage = QStringLiteral(
     "  sync PERIOD_MS [--seconds S]                  send SYNC every PERIOD_MS until S seconds\n"
     "                                                or an interrupt\n"
     "  monitor [--decode] [--node N] [--service S]   received frames, decoded, of a node or a\n"
-    "                                                service\n"
+    "          [--eds FILE]                          service; names and PDO values by the EDS\n"
     "  scan [--wait MS]                              the nodes that answer SDO, with device\n"
     "                                                type and identity\n"
     "  watch heartbeat|emcy [--seconds S]            nodes' state changes, boot-ups, missed\n"
     "                                                heartbeats / emergencies as they come\n"
-    "  decode FILE                                   a candump log's or ASC file's frames with\n"
-    "                                                their CANopen meaning (no server needed)\n"
+    "  decode [--eds FILE] TRACE                     a candump log's, ASC file's or .trc trace's\n"
+    "                                                frames with their CANopen meaning (no\n"
+    "                                                server needed)\n"
     "  replay FILE [canN=C ...] [--speed X] [--loop N] [--ignore-times]\n"
     "                                                send a candump log or ASC file's frames\n"
     "                                                with their recorded spacing\n"
@@ -675,15 +677,17 @@ int TesselCli::dump(QStringList args)
 
 int TesselCli::monitor(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli monitor [--decode] [--node N] "
-                                       "[--service S] [--count N] [--seconds S]\n"
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli monitor [--decode] [--eds FILE] "
+                                       "[--node N] [--service S] [--count N] [--seconds S]\n"
                                        "Writes the frames the controller receives as dump does; "
                                        "with --decode each with its CANopen meaning:\n"
                                        "  (SECONDS.MICRO) canN ID#DATA  SERVICE node N: MEANING\n"
                                        "--node N (1 to 127) keeps the frames of that node, "
                                        "--service S those of a service (NMT, SYNC, EMCY, TIME, "
                                        "PDO, TPDO1, SDO, heartbeat, LSS, ...; a prefix: PDO is "
-                                       "every TPDO and RPDO).\n")))
+                                       "every TPDO and RPDO). With --eds, SDO transfers name "
+                                       "their entry and PDOs show their values by the EDS's "
+                                       "mappings.\n")))
         return kOk;
     const bool decoded = args.removeAll(QStringLiteral("--decode")) > 0;
     bool ok = true;
@@ -694,9 +698,11 @@ int TesselCli::monitor(QStringList args)
     StreamLimits limits;
     if (const int code = takeLimits(&args, &limits); code >= 0)
         return code;
+    CanopenDecoder decoder;
+    if (const int code = takeDictionary(&args, &decoder); code >= 0)
+        return code;
     if (!args.isEmpty())
         return bad(QStringLiteral("monitor does not take '%1'").arg(args.first()));
-    CanopenDecoder decoder;
     // Every frame goes through the decoder, shown or not: a transfer's segments need its start.
     return streamFrames(limits, [&, decoded](const CanFrame& f) {
         const DecodedFrame d = decoder.decode(
@@ -710,6 +716,22 @@ int TesselCli::monitor(QStringList args)
             return QStringLiteral("-");
         return decoded ? CanopenDecoder::text(d) : QString();
     });
+}
+
+int TesselCli::takeDictionary(QStringList* args, CanopenDecoder* decoder)
+{
+    const QString eds = takeOption(args, QStringLiteral("--eds"));
+    if (eds.isEmpty())
+        return -1;
+    if (!QFileInfo(eds).isFile())
+        return fail(kFailed, QStringLiteral("%1: no such file").arg(eds));
+    QString note;
+    auto dictionary = std::make_shared<DeviceDictionary>(readDeviceDictionary(eds, &note));
+    if (dictionary->names.isEmpty())
+        return fail(kFailed, QStringLiteral("%1: %2").arg(
+                                 eds, note.isEmpty() ? QStringLiteral("no entries in it") : note));
+    decoder->setDictionary(std::move(dictionary));
+    return -1;
 }
 
 int TesselCli::takeLimits(QStringList* args, StreamLimits* limits)
@@ -945,13 +967,19 @@ int TesselCli::scan(QStringList args)
 
 int TesselCli::decode(QStringList args)
 {
-    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli decode FILE\n"
-                                       "Writes a candump log's (.log) or ASC file's (.asc) frames "
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli decode [--eds FILE] TRACE\n"
+                                       "Writes a candump log's (.log), ASC file's (.asc) or "
+                                       "PCAN-View trace's (.trc) frames "
                                        "one a line, each with its CANopen meaning:\n"
                                        "  (SECONDS.MICRO) canN ID#DATA  SERVICE node N: MEANING\n"
                                        "SDO transfers are followed across their frames. A frame "
-                                       "that fits no service says so (malformed, unknown).\n")))
+                                       "that fits no service says so (malformed, unknown). With "
+                                       "--eds, SDO transfers name their entry and PDOs show their "
+                                       "values by the EDS's mappings.\n")))
         return kOk;
+    CanopenDecoder decoder;
+    if (const int code = takeDictionary(&args, &decoder); code >= 0)
+        return code;
     if (args.size() != 1)
         return bad(QStringLiteral("decode takes one trace file (see decode --help)"));
     QFile file(args[0]);
@@ -963,7 +991,6 @@ int TesselCli::decode(QStringList args)
                                   "or a PCAN-View trace (.trc)")
                        .arg(args[0]));
     const auto reader = TraceReader::create(&file, format);
-    CanopenDecoder decoder;
     TraceRecord r;
     QString error;
     TraceReader::Result result;

@@ -8,6 +8,10 @@
 
 class QEventLoop;
 
+namespace tessel {
+class CanopenDecoder;
+}
+
 namespace tessel::cli {
 
 // tessel-cli: the CAN server's services for line scripts, one subcommand a run, with exit codes
@@ -45,6 +49,8 @@ private:
         double seconds = 0.0; // 0: no limit
     };
     int takeLimits(QStringList* args, StreamLimits* limits);
+    // --eds FILE: the decoder names entries and reads PDOs by that EDS. -1 when it may go on.
+    int takeDictionary(QStringList* args, CanopenDecoder* decoder);
     // --seconds S (0, the default: no limit); -1, or the exit status of a bad value.
     int takeSeconds(QStringList* args, double* seconds);
     // Runs the loop until its own end, S seconds (0: none), an interrupt or the server's loss;

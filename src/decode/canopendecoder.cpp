@@ -245,7 +245,48 @@ QString CanopenDecoder::entry(const Transfer& t) const
 {
     if (!t.started)
         return QStringLiteral("a transfer whose start was not seen");
-    return QStringLiteral("%1:%2").arg(hex(t.index, 4), hex(t.subIndex, 2));
+    const QString address = QStringLiteral("%1:%2").arg(hex(t.index, 4), hex(t.subIndex, 2));
+    const QString name = m_dictionary ? m_dictionary->name(t.index, t.subIndex) : QString();
+    return name.isEmpty() ? address : QStringLiteral("%1 (%2)").arg(address, name);
+}
+
+DecodedFrame CanopenDecoder::pdo(const QString& service, int node,
+                                 const QList<DeviceDictionary::Field>& map,
+                                 const QByteArray& data) const
+{
+    int bits = 0;
+    for (const DeviceDictionary::Field& f : map)
+        bits += f.bits;
+    if (data.size() * 8 < bits)
+        return {service, node,
+                QStringLiteral("%1 bytes, its mapping takes %2: %3")
+                    .arg(data.size())
+                    .arg((bits + 7) / 8)
+                    .arg(data.isEmpty() ? QStringLiteral("no data") : hexBytes(data)),
+                true};
+    QStringList values;
+    int at = 0;
+    for (const DeviceDictionary::Field& f : map) {
+        // Little-endian, from the field's first bit: fields need not start on a byte.
+        quint64 raw = 0;
+        for (int b = 0; b < f.bits && b < 64; ++b)
+            if (quint8(data[(at + b) / 8]) >> ((at + b) % 8) & 1)
+                raw |= quint64(1) << b;
+        at += f.bits;
+        QString value;
+        if (f.isSigned && f.bits > 0 && f.bits < 64 && (raw >> (f.bits - 1) & 1))
+            value = QString::number(qint64(raw) - (qint64(1) << f.bits));
+        else
+            value = f.isSigned ? QString::number(qint64(raw)) : QString::number(raw);
+        const QString name = m_dictionary->name(f.index, f.subIndex);
+        values << QStringLiteral("%1 = %2").arg(
+            name.isEmpty() ? QStringLiteral("%1:%2").arg(hex(f.index, 4), hex(f.subIndex, 2))
+                           : name,
+            value);
+    }
+    if (data.size() * 8 >= bits + 8)
+        values << QStringLiteral("%1 bytes past the mapping").arg(data.size() - (bits + 7) / 8);
+    return {service, node, values.join(QStringLiteral("; ")), false};
 }
 
 DecodedFrame CanopenDecoder::decode(quint16 id, bool remote, const QByteArray& data)
@@ -298,6 +339,11 @@ DecodedFrame CanopenDecoder::decode(quint16 id, bool remote, const QByteArray& d
         const bool transmit = (function - 0x180) % 0x100 == 0;
         const QString service = QStringLiteral("%1%2").arg(
             transmit ? QStringLiteral("TPDO") : QStringLiteral("RPDO"), QString::number(n));
+        if (!remote && m_dictionary) {
+            const auto& maps = transmit ? m_dictionary->tpdo : m_dictionary->rpdo;
+            if (!maps[size_t(n - 1)].isEmpty())
+                return pdo(service, node, maps[size_t(n - 1)], data);
+        }
         return {service, node,
                 remote ? QStringLiteral("remote request")
                        : (len == 0 ? QStringLiteral("no data") : hexBytes(data)),

@@ -2,7 +2,11 @@
 
 #include <QByteArray>
 #include <QHash>
+#include <QList>
 #include <QString>
+
+#include <array>
+#include <memory>
 
 namespace tessel {
 
@@ -19,6 +23,26 @@ struct DecodedFrame
     bool malformed = false;
 };
 
+// What a device's EDS tells the decoder: the names of its entries, and what its PDOs carry by
+// their default mappings. A PDO's mapping can be changed on the drive; these are the EDS's.
+struct DeviceDictionary
+{
+    struct Field
+    {
+        quint16 index = 0;
+        quint8 subIndex = 0;
+        int bits = 0;
+        bool isSigned = false;
+    };
+    QHash<quint32, QString> names;    // index << 8 | sub-index: "Object" or "Object/Sub-entry"
+    std::array<QList<Field>, 4> tpdo; // TPDO1..4
+    std::array<QList<Field>, 4> rpdo; // RPDO1..4
+    QString name(quint16 index, quint8 subIndex) const
+    {
+        return names.value(quint32(index) << 8 | subIndex);
+    }
+};
+
 // Decodes frames in bus order. SDO transfers are followed per node, so that the segments of a
 // segmented or block transfer name the entry their transfer began with, and the transfer's end
 // says how many bytes went.
@@ -30,6 +54,12 @@ public:
     // reason of a malformed frame.
     static QString text(const DecodedFrame& frame);
     void clear() { m_transfers.clear(); }
+    // With a dictionary, SDO transfers name their entry and PDOs show their values, for every
+    // node (nodes of one kind share an EDS).
+    void setDictionary(std::shared_ptr<const DeviceDictionary> dictionary)
+    {
+        m_dictionary = std::move(dictionary);
+    }
 
 private:
     struct Transfer
@@ -45,8 +75,11 @@ private:
     };
     DecodedFrame sdo(int node, bool request, const QByteArray& data);
     QString entry(const Transfer& t) const;
+    DecodedFrame pdo(const QString& service, int node, const QList<DeviceDictionary::Field>& map,
+                     const QByteArray& data) const;
 
     QHash<int, Transfer> m_transfers;
+    std::shared_ptr<const DeviceDictionary> m_dictionary;
 };
 
 // The text of an emergency error code: the generic codes of CiA 301 and those of the drive

@@ -139,4 +139,41 @@ QList<EdsEntry> readEds(const QString& path, QString* note)
     return entries;
 }
 
+DeviceDictionary readDeviceDictionary(const QString& path, QString* note)
+{
+    DeviceDictionary dictionary;
+    for (const EdsEntry& e : readEds(path, note))
+        dictionary.names.insert(quint32(e.index) << 8 | quint32(e.subIndex),
+                                QString(e.name).replace(QLatin1Char('\\'), QLatin1Char('/')));
+    const IniFile ini(path);
+    const auto section = [&ini](int index, int sub) {
+        const QString object = QStringLiteral("%1").arg(index, 4, 16, QLatin1Char('0'));
+        const QString entry = object + QStringLiteral("sub%1").arg(sub, 0, 16);
+        return ini.keyCount(entry) > 0 ? entry : object;
+    };
+    const auto mapping = [&](int index) {
+        QList<DeviceDictionary::Field> fields;
+        const int count = edsNumber(ini.value(section(index, 0), QStringLiteral("DefaultValue")));
+        for (int sub = 1; sub <= qMin(count, 64); ++sub) {
+            const quint32 v =
+                quint32(edsNumber(ini.value(section(index, sub), QStringLiteral("DefaultValue"))));
+            DeviceDictionary::Field f;
+            f.index = quint16(v >> 16);
+            f.subIndex = quint8(v >> 8);
+            f.bits = int(v & 0xFF);
+            // INTEGER8, 16, 32, 24, 40, 48, 56, 64
+            static const QList<int> signedTypes{0x02, 0x03, 0x04, 0x10, 0x12, 0x13, 0x14, 0x15};
+            f.isSigned = signedTypes.contains(
+                edsNumber(ini.value(section(f.index, f.subIndex), QStringLiteral("DataType"))));
+            fields << f;
+        }
+        return fields;
+    };
+    for (int n = 0; n < 4; ++n) {
+        dictionary.rpdo[size_t(n)] = mapping(0x1600 + n);
+        dictionary.tpdo[size_t(n)] = mapping(0x1A00 + n);
+    }
+    return dictionary;
+}
+
 } // namespace tessel

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "canopendecoder.h"
+
 #include <QHash>
 #include <QList>
 #include <QString>
@@ -49,5 +51,9 @@ struct EdsEntry
 // then says so, as it says why a file was not read.
 constexpr int kMaxEdsEntries = 0x10000;
 QList<EdsEntry> readEds(const QString& path, QString* note = nullptr);
+
+// What the decoder needs of an EDS: its entries' names ("Object/Sub-entry") and its PDOs'
+// default mappings (1600-1603, 1A00-1A03), each mapped entry signed or not by its data type.
+DeviceDictionary readDeviceDictionary(const QString& path, QString* note = nullptr);
 
 } // namespace tessel

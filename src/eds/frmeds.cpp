@@ -73,6 +73,8 @@ void FrmEDS::loadList()
         auto* item = new QListWidgetItem(m_entries[k].name, lstKey);
         item->setData(Qt::UserRole, k);
     }
+    if (!m_entries.isEmpty())
+        emit loaded(txtFileName->text());
 }
 
 void FrmEDS::cmdFNApp_Click()

@@ -39,6 +39,10 @@ public:
     void cmdFNApp_Click();
     const QList<EdsEntry>& entries() const { return m_entries; }
 
+signals:
+    // A file with entries was read: the bus views name entries and read PDOs by it.
+    void loaded(const QString& path);
+
 protected:
     void showEvent(QShowEvent* event) override;
 

@@ -96,6 +96,12 @@ void BusView::addFrame(int controller, int kind, quint16 id, qint64 timeUs, int 
                 data, decoded);
 }
 
+void BusView::setDictionary(const std::shared_ptr<const DeviceDictionary>& dictionary)
+{
+    for (CanopenDecoder& d : m_decoders)
+        d.setDictionary(dictionary);
+}
+
 void BusView::clear()
 {
     for (CanopenDecoder& d : m_decoders)

@@ -43,6 +43,8 @@ public:
     void addFrame(int controller, int kind, quint16 id, qint64 timeUs, int length,
                   const quint8* data, const QString& head);
     void clear();
+    // Entries named and PDOs read by an EDS, on every controller, from the next frame on.
+    void setDictionary(const std::shared_ptr<const DeviceDictionary>& dictionary);
     void setBitRate(int controller, int bitsPerSecond) { m_table.setBitRate(controller, bitsPerSecond); }
     // Called by the monitor's refresh timer (every `elapsedMs`).
     void refresh(int elapsedMs);

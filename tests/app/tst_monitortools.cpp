@@ -186,14 +186,15 @@ void TstMonitorTools::busViewDecodesAndCounts()
     t.window.sdoPanel->cmbIndex->setCurrentText("1,1018,1");
     t.window.sdoPanel->cmdUpload_Click();
     QCOMPARE(t.window.txtAbort->text(), QString());
-    // The same frames, decoded behind the start of their trace lines.
+    // The same frames, decoded behind the start of their trace lines, entries named by the EDS
+    // the EDS browser opens with.
     const QRegularExpression lines(
         "R0 701 1 \\d{3}s\\d{3}\\.\\d{3}  heartbeat node 1: pre-operational\r\n(.*\r\n)*"
         "T0 000 2 000s000.000  NMT: start, all nodes\r\n(.*\r\n)*"
-        "T0 601 8 000s000.000  SDO request node 1: block upload 1018:01, 127 segments a "
-        "block\r\n(.*\r\n)*"
-        "R0 581 8 \\d{3}s\\d{3}\\.\\d{3}  SDO answer node 1: upload 1018:01 = A1 03 00 00 "
-        "\\(929\\)");
+        "T0 601 8 000s000.000  SDO request node 1: block upload 1018:01 \\(Identity "
+        "Object/Vendor-ID\\), 127 segments a block\r\n(.*\r\n)*"
+        "R0 581 8 \\d{3}s\\d{3}\\.\\d{3}  SDO answer node 1: upload 1018:01 \\(Identity "
+        "Object/Vendor-ID\\) = A1 03 00 00 \\(929\\)");
     QTRY_VERIFY2(lines.match(m->busView->decodedText()).hasMatch(),
                  qPrintable(m->busView->decodedText()));
     m->tabView->setCurrentWidget(m->busView->edDecoded);

@@ -27,6 +27,7 @@ private slots:
     void abortsAndBadArguments_data();
     void abortsAndBadArguments();
     void nmtStartSeenInTheDump();
+    void recordedDriveDecoded();
     void jsonLines();
     void upgradeAndLss();
     void readmeLineScriptWhereNoServerRuns();
@@ -212,6 +213,40 @@ void TstTesselCli::abortsAndBadArguments()
                         : QString());
     // Never past the SDO time-out (1 s) by much.
     QVERIFY2(clock.elapsed() < 4000, qPrintable(QString::number(clock.elapsed())));
+}
+
+void TstTesselCli::recordedDriveDecoded()
+{
+    // The simulated drive recorded as a candump log, its PDOs and an emergency among the
+    // frames, then decoded by the drive's EDS.
+    QProcess dump;
+    dump.start(QStringLiteral(TESSEL_CLI_PATH),
+               {"--socket", m_server.socketPath(), "dump", "--seconds", "2.5"});
+    QVERIFY(dump.waitForStarted());
+    QTest::qWait(700);
+    QCOMPARE(cli({"nmt", "start", "1"}).exit, 0);
+    // The controlword "shut down" by RPDO1: the statusword changes, TPDO1 tells it.
+    QCOMPARE(cli({"send", "201#0600"}).exit, 0);
+    // An RPDO shorter than its mapping: not taken, EMCY 8210.
+    QCOMPARE(cli({"send", "201#06"}).exit, 0);
+    QVERIFY(dump.waitForFinished(10000));
+    const QString log = m_files.filePath("drive.log");
+    QFile file(log);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(dump.readAllStandardOutput());
+    file.close();
+    const Run decoded = cli({"decode", "--eds", QORCALIB_DATA_DIR "/drive.eds", log});
+    QCOMPARE(decoded.exit, 0);
+    for (const char* line :
+         {" 000#0101  NMT node 1: start", " 201#0600  RPDO1 node 1: Controlword = 6",
+          " 181#3102  TPDO1 node 1: Statusword = 561",
+          " 201#06  RPDO1 node 1: malformed: 1 bytes, its mapping takes 2: 06",
+          "  EMCY node 1: 8210 PDO not processed due to length error"})
+        QVERIFY2(decoded.out.contains(line), qPrintable(line + ("\n" + decoded.out)));
+    const Run missing = cli({"decode", "--eds", "/nonexistent.eds", log});
+    QCOMPARE(missing.exit, 4);
+    QVERIFY2(missing.err.startsWith("tessel-cli: /nonexistent.eds: no such file"),
+             qPrintable(missing.err));
 }
 
 void TstTesselCli::nmtStartSeenInTheDump()

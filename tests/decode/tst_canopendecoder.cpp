@@ -18,6 +18,8 @@ class TstCanopenDecoder : public QObject
 private slots:
     void frames_data();
     void frames();
+    void withDictionary_data();
+    void withDictionary();
     void transfersAcrossFrames();
     void emergencyTexts_data();
     void emergencyTexts();
@@ -91,6 +93,44 @@ void TstCanopenDecoder::frames()
         decoder.decode(quint16(id), remote, QByteArray::fromHex(data.replace(' ', "")));
     QCOMPARE(CanopenDecoder::text(d), text);
     QCOMPARE(d.malformed, text.contains(QLatin1String("malformed")));
+}
+
+void TstCanopenDecoder::withDictionary_data()
+{
+    columns<int, QByteArray, QString>({"id", "data", "text"});
+    row("TPDO1 by its mapping", 0x181, QByteArray::fromHex("3702FF"),
+        "TPDO1 node 1: Statusword = 567; Modes of operation display = -1");
+    row("a negative 32-bit value", 0x281, QByteArray::fromHex("FEFFFFFF"),
+        "TPDO2 node 1: Position actual value = -2");
+    row("fields that do not start on a byte", 0x381, QByteArray::fromHex("B5"),
+        "TPDO3 node 1: 2000:01 = 5; 2000:02 = 6; 2000:03 = 1");
+    row("shorter than its mapping", 0x181, QByteArray::fromHex("3702"),
+        "TPDO1 node 1: malformed: 2 bytes, its mapping takes 3: 37 02");
+    row("longer than its mapping", 0x281, QByteArray::fromHex("0100000000"),
+        "TPDO2 node 1: Position actual value = 1; 1 bytes past the mapping");
+    row("no mapping in the EDS: the bytes", 0x481, QByteArray::fromHex("0102"),
+        "TPDO4 node 1: 01 02");
+    row("an SDO entry by its name", 0x605, QByteArray::fromHex("4018100100000000"),
+        "SDO request node 5: upload 1018:01 (Identity Object/Vendor-ID)");
+    row("an SDO entry the EDS does not have", 0x605, QByteArray::fromHex("4000300000000000"),
+        "SDO request node 5: upload 3000:00");
+}
+
+void TstCanopenDecoder::withDictionary()
+{
+    QFETCH(int, id);
+    QFETCH(QByteArray, data);
+    auto d = std::make_shared<DeviceDictionary>();
+    d->names.insert(0x604100, "Statusword");
+    d->names.insert(0x606100, "Modes of operation display");
+    d->names.insert(0x606400, "Position actual value");
+    d->names.insert(0x101801, "Identity Object/Vendor-ID");
+    d->tpdo[0] = {{0x6041, 0, 16, false}, {0x6061, 0, 8, true}};
+    d->tpdo[1] = {{0x6064, 0, 32, true}};
+    d->tpdo[2] = {{0x2000, 1, 3, false}, {0x2000, 2, 4, false}, {0x2000, 3, 1, false}};
+    CanopenDecoder decoder;
+    decoder.setDictionary(d);
+    QTEST(CanopenDecoder::text(decoder.decode(quint16(id), false, data)), "text");
 }
 
 void TstCanopenDecoder::transfersAcrossFrames()
