@@ -1,7 +1,8 @@
 // SDO throughput to the simulated drive on the paced bus: 256 KiB downloaded into and uploaded
 // from a domain entry, block and segmented, at 1000K and 125K. Prints bytes/s next to the
 // bus-limited rate: the same data divided by the bus time of exactly the frames the transfer
-// needs (their stuffed bit lengths at that bit rate), with no gap between frames.
+// needs (their stuffed bit lengths at that bit rate), with no gap between frames; the CPU time
+// the transfer cost (server and client, one process) and the progress messages the client got.
 //
 //   bench_sdo [kibibytes]     (default 256)
 
@@ -22,7 +23,9 @@
 #include <QTimer>
 
 #include <cstdio>
+
 #include <deque>
+#include <sys/resource.h>
 
 using namespace qorcalib;
 
@@ -31,8 +34,18 @@ namespace {
 struct Run
 {
     double seconds = 0;
+    double cpuSeconds = 0; // the process's: the server's and the client's work together
+    int progressMessages = 0;
     QString error;
 };
+
+double cpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
+}
 
 Run transfer(ServerConnection& c, bool upload, const QByteArray& data)
 {
@@ -51,8 +64,11 @@ Run transfer(ServerConnection& c, bool upload, const QByteArray& data)
                 run.error = QStringLiteral("uploaded data differ");
             loop.quit();
         });
+    QObject::connect(c.notify(), &QCSNotifyReplica::ProgressNotify, &loop,
+                     [&run](double) { ++run.progressMessages; });
     QElapsedTimer clock;
     clock.start();
+    const double cpuBefore = cpuSeconds();
     QString error;
     const auto reply = upload ? c.wait(c.service()->SdoUpload(0, 1, 0x2040, 0), &error)
                               : c.wait(c.service()->SdoDownload(0, 1, 0x2040, 0, data), &error);
@@ -65,6 +81,7 @@ Run transfer(ServerConnection& c, bool upload, const QByteArray& data)
     if (!done)
         loop.exec();
     run.seconds = clock.nsecsElapsed() * 1e-9;
+    run.cpuSeconds = cpuSeconds() - cpuBefore;
     if (!done)
         run.error = QStringLiteral("no end reported");
     return run;
@@ -81,8 +98,8 @@ int main(int argc, char** argv)
         data[i] = char((i * 7 + (i >> 10)) & 0xFF);
 
     std::printf("%d KiB to and from the simulated drive, paced bus\n", kib);
-    std::printf("%-6s %-10s %-9s %12s %14s %8s\n", "rate", "mode", "direction", "bytes/s",
-                "bus limit B/s", "of limit");
+    std::printf("%-6s %-10s %-9s %12s %14s %8s %9s %9s\n", "rate", "mode", "direction", "bytes/s",
+                "bus limit B/s", "of limit", "CPU ms", "progress");
     for (const int rateIndex : {0, 4}) {
         for (const bool block : {true, false}) {
             ServerCore::Config config;
@@ -114,9 +131,10 @@ int main(int argc, char** argv)
                 const double limit =
                     data.size() / (sdoBusTimeUs(upload, block, data, bitsPerSecond) * 1e-6);
                 const double rate = data.size() / run.seconds;
-                std::printf("%-6s %-10s %-9s %12.0f %14.0f %7.1f%%\n",
+                std::printf("%-6s %-10s %-9s %12.0f %14.0f %7.1f%% %9.0f %9d\n",
                             qPrintable(bitRateText(rateIndex)), block ? "block" : "segmented",
-                            upload ? "upload" : "download", rate, limit, 100.0 * rate / limit);
+                            upload ? "upload" : "download", rate, limit, 100.0 * rate / limit,
+                            run.cpuSeconds * 1e3, run.progressMessages);
                 std::fflush(stdout);
             }
         }

@@ -9,12 +9,28 @@
 #include "serverhost.h"
 #include "syncproducer.h"
 
+#include <QElapsedTimer>
 #include <QIODevice>
 #include <QRemoteObjectHost>
 
 namespace qorcalib {
 
 namespace {
+
+// At most 20 progress messages a second go to the client, the first and the last of a transfer
+// always: a segmented transfer would otherwise send one a segment, thousands a second, each
+// costing the server and the client more than the segment itself.
+constexpr int kProgressIntervalMs = 50;
+std::function<void(double)> coalescedProgress(QCSNotifySource* notify)
+{
+    auto last = std::make_shared<QElapsedTimer>();
+    return [notify, last](double fraction) {
+        if (last->isValid() && last->elapsed() < kProgressIntervalMs && fraction < 1.0)
+            return;
+        last->start();
+        emit notify->ProgressNotify(fraction);
+    };
+}
 
 // The number an answer carries for its error: 0 when there is none; a failure whose kind its
 // source left open is a plain failure.
@@ -569,7 +585,7 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
     request.data = data;
     request.timeoutMs = sdoTimeoutMs;
     auto* notify = &m_objects->notify;
-    request.progress = [notify](double fraction) { emit notify->ProgressNotify(fraction); };
+    request.progress = coalescedProgress(notify);
     request.done = [notify, requestId](const SdoClient::Result& result) {
         // The end of a transfer brings the progress back to 0, as the client's bar and a bench
         // waiting for the transfer's end expect.
@@ -622,8 +638,7 @@ RequestReply Session::startSerialLoad(const QByteArray& image)
     const int requestId = m_nextRequest++;
     auto* notify = &m_objects->notify;
     const QString error = m_core->bench()->serialLoader()->start(
-        image, m_id, [notify](double fraction) { emit notify->ProgressNotify(fraction); },
-        [notify, requestId](int state) {
+        image, m_id, coalescedProgress(notify), [notify, requestId](int state) {
             // The state has changed when the progress comes back to 0: a client waiting for the
             // load reads it then.
             emit notify->ProgressNotify(0.0);
