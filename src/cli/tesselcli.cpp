@@ -996,9 +996,6 @@ int TesselCli::decode(QStringList args)
     TraceReader::Result result;
     while ((result = reader->next(&r, &error)) == TraceReader::Frame) {
         const DecodedFrame d = decoder.decode(r.id, r.remote, r.data.left(r.length));
-        const QString micros = QString::number(r.timeUs % 1000000);
-        const QString time = QString::number(r.timeUs / 1000000) + QLatin1Char('.') +
-                             QString(6 - micros.size(), QLatin1Char('0')) + micros;
         if (m_json) {
             m_out << QJsonDocument(QJsonObject{{QStringLiteral("time"), double(r.timeUs) / 1e6},
                                                {QStringLiteral("channel"), r.channel},
@@ -1014,9 +1011,13 @@ int TesselCli::decode(QStringList args)
                          .toJson(QJsonDocument::Compact)
                   << "\n";
         } else {
-            m_out << '(' << time << ") can" << r.channel << ' '
-                  << frameText(r.id, r.data, r.remote, r.length) << "  " << CanopenDecoder::text(d)
-                  << '\n';
+            // Written without formatting: decoding a large log is mostly writing it out.
+            char head[64];
+            const int n = std::snprintf(head, sizeof head, "(%lld.%06lld) can%d ",
+                                        static_cast<long long>(r.timeUs / 1000000),
+                                        static_cast<long long>(r.timeUs % 1000000), r.channel);
+            m_out << QLatin1StringView(head, n) << frameText(r.id, r.data, r.remote, r.length)
+                  << "  " << CanopenDecoder::text(d) << '\n';
         }
         if (!outputWritten())
             return kFailed;
