@@ -75,7 +75,9 @@ void TstTraceFile::candumpByHand()
                            "(1436509052.650004) can0 123#DEADBEEF R\n"
                            "(1436509052.650104) can0 7FF#R\n"
                            "(1436509052.700000) can0 181#R4\n"
-                           "(1436509053.5) can0 000#0101\n";
+                           "(1436509053.5) can0 000#0101\n"
+                           "(1436509053.123456789) vcan12 1a2#ab\r\n"
+                           "(1436509053.7)\tcan3  7E5#01 \n";
     const ReadAll r = readAll(log, TraceFormat::CandumpLog);
     QCOMPARE(r.error, QString());
     QStringList shown;
@@ -84,7 +86,8 @@ void TstTraceFile::candumpByHand()
     QCOMPARE(shown,
              QStringList({"1436509052249713 ch0 044  rx", "1436509052449847 ch1 701 7f rx",
                           "1436509052650004 ch0 123 deadbeef rx", "1436509052650104 ch0 7ff R0 rx",
-                          "1436509052700000 ch0 181 R4 rx", "1436509053500000 ch0 000 0101 rx"}));
+                          "1436509052700000 ch0 181 R4 rx", "1436509053500000 ch0 000 0101 rx",
+                          "1436509053123456 ch12 1a2 ab rx", "1436509053700000 ch3 7e5 01 rx"}));
     // The error frame and the comment are passed over, and counted.
     QCOMPARE(r.errorFrames, 1);
     QCOMPARE(r.comments, 1);
