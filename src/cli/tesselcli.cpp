@@ -10,6 +10,7 @@
 #include "networkwatch.h"
 #include "nodescan.h"
 #include "numbers.h"
+#include "sampling.h"
 #include "sdoabort.h"
 #include "tracefile.h"
 #include "tracereplay.h"
@@ -65,6 +66,8 @@ const QString kUsage = QStringLiteral(
     "                                                node-ID and rate\n"
     "  upgrade FILE [--node N]                       load firmware through the boot loader\n"
     "  bitrate CONTROLLER RATE                       switch a controller's bit rate\n"
+    "  sample NODE,INDEX[,SUB] --period MS [--count N | --seconds S] [--type T]\n"
+    "                                                an entry read every MS ms, as CSV lines\n"
     "  sync PERIOD_MS [--seconds S]                  send SYNC every PERIOD_MS until S seconds\n"
     "                                                or an interrupt\n"
     "  monitor [--decode] [--node N] [--service S]   received frames, decoded, of a node or a\n"
@@ -327,6 +330,8 @@ int TesselCli::runCommand(QStringList args)
         return bitrate(args);
     if (command == QLatin1String("sync"))
         return sync(args);
+    if (command == QLatin1String("sample"))
+        return sample(args);
     if (command == QLatin1String("decode"))
         return decode(args);
     if (command == QLatin1String("monitor"))
@@ -1068,6 +1073,111 @@ int TesselCli::sync(QStringList args)
               .arg(m_controller)
               .arg(double(clock.elapsed()) / 1000.0, 0, 'f', 1)
               .arg(sent));
+    return kOk;
+}
+
+int TesselCli::sample(QStringList args)
+{
+    if (wantsHelp(args, QStringLiteral("Usage: tessel-cli sample NODE,INDEX[,SUB] --period MS "
+                                       "[--count N | --seconds S] [--type T]\n"
+                                       "Reads the entry by SDO every MS milliseconds and writes "
+                                       "one CSV line a read, after a header: the seconds since "
+                                       "the first read, the value (T: u8, u16, u32, i8, i16, "
+                                       "i32; by default unsigned, of the entry's size), and why "
+                                       "there is none when a read failed (a gap, not a zero). "
+                                       "Until N reads, S seconds or an interrupt. A period "
+                                       "shorter than the bus carries (at most half the bus for "
+                                       "the reads) is said and the shortest that fits is "
+                                       "used.\n")))
+        return kOk;
+    double seconds = 0;
+    if (const int code = takeSeconds(&args, &seconds); code >= 0)
+        return code;
+    bool ok = true;
+    const qint64 count =
+        takeOption(&args, QStringLiteral("--count"), QStringLiteral("0")).toLongLong(&ok);
+    if (!ok || count < 0)
+        return bad(QStringLiteral("--count takes a number of reads"));
+    const QString periodText = takeOption(&args, QStringLiteral("--period"));
+    int periodMs = periodText.toInt(&ok);
+    if (periodText.isEmpty() || !ok || periodMs < 1 || periodMs > 3600000)
+        return bad(QStringLiteral("sample takes --period MS, 1 to 3600000 milliseconds"));
+    const QString type = takeOption(&args, QStringLiteral("--type"));
+    if (!type.isEmpty() && typeBytes(type) == 0)
+        return bad(QStringLiteral("type '%1': sample writes numbers (u8, u16, u32, i8, i16, i32)")
+                       .arg(type));
+    if (args.size() != 1)
+        return bad(QStringLiteral("sample takes one NODE,INDEX[,SUB] (see sample --help)"));
+    QString error;
+    const auto address = parseAddress(args[0], &error);
+    if (!address)
+        return bad(error);
+    if (const int code = connectAndStart(); code >= 0)
+        return code;
+    const int rateIndex = m_link.bitRate(m_controller, &error).value_or(0);
+    const int smallest = smallestSamplePeriodMs(qorcalib::bitRateOfIndex(rateIndex));
+    if (periodMs < smallest) {
+        m_err << QStringLiteral("tessel-cli: %1 ms is below the shortest period at %2: every %3 "
+                                "ms\n")
+                     .arg(periodMs)
+                     .arg(qorcalib::bitRateText(rateIndex))
+                     .arg(smallest);
+        m_err.flush();
+        periodMs = smallest;
+    }
+    m_out << "time_s,value,error\n";
+    SampleSchedule schedule(periodMs);
+    QElapsedTimer clock;
+    clock.start();
+    bool stop = false;
+    InterruptWatch interrupt(&m_link, [&stop] { stop = true; });
+    for (qint64 taken = 0; !stop && (count == 0 || taken < count); ++taken) {
+        // Waits for the next read's time, in slices short enough for an interrupt to end it.
+        while (!stop && clock.elapsed() < schedule.dueMs()) {
+            QEventLoop wait;
+            QTimer::singleShot(int(qMin<qint64>(50, schedule.dueMs() - clock.elapsed())),
+                               Qt::PreciseTimer, &wait, &QEventLoop::quit);
+            wait.exec();
+        }
+        if (stop || (seconds > 0 && clock.elapsed() >= qint64(seconds * 1000)))
+            break;
+        const double at = double(clock.nsecsElapsed()) / 1e9;
+        const CanLink::SdoResult r = m_link.sdoTransfer(m_controller, true, address->node,
+                                                        address->index, address->subIndex);
+        schedule.taken(clock.elapsed());
+        QString value, why;
+        if (!r.error.isEmpty()) {
+            if (r.kind != qorcalib::ErrorKind::TimeOut)
+                return linkFailure(r.error, r.kind);
+            why = r.error;
+        } else if (r.abortCode != 0) {
+            why = qorcalib::sdoAbortDescription(r.abortCode);
+        } else {
+            const QString t = !type.isEmpty()      ? type
+                              : r.data.size() == 1 ? QStringLiteral("u8")
+                              : r.data.size() == 2 ? QStringLiteral("u16")
+                              : r.data.size() == 4 ? QStringLiteral("u32")
+                                                   : QString();
+            if (t.isEmpty() || r.data.size() != typeBytes(t))
+                why = QStringLiteral("%1 bytes are not a number").arg(r.data.size());
+            else
+                value = decodeValue(t, r.data);
+        }
+        // A reason is quoted as CSV quotes a field with commas.
+        if (why.contains(QLatin1Char(',')) || why.contains(QLatin1Char('"')))
+            why = QLatin1Char('"') + why.replace(QLatin1Char('"'), QLatin1String("\"\"")) +
+                  QLatin1Char('"');
+        m_out << QString::number(at, 'f', 6) << ',' << value << ',' << why << '\n';
+        m_out.flush();
+        if (!outputWritten())
+            return kFailed;
+    }
+    if (schedule.skipped() > 0) {
+        m_err << QStringLiteral("tessel-cli: %1 reads skipped: a read took longer than the "
+                                "period\n")
+                     .arg(schedule.skipped());
+        m_err.flush();
+    }
     return kOk;
 }
 

@@ -37,6 +37,7 @@ private:
     int replay(QStringList args);
     int bitrate(QStringList args);
     int sync(QStringList args);
+    int sample(QStringList args);
     int decode(QStringList args);
     int monitor(QStringList args);
     int scan(QStringList args);

@@ -28,6 +28,7 @@ private slots:
     void abortsAndBadArguments();
     void nmtStartSeenInTheDump();
     void recordedDriveDecoded();
+    void sampleWritesCsv();
     void jsonLines();
     void upgradeAndLss();
     void readmeLineScriptWhereNoServerRuns();
@@ -213,6 +214,37 @@ void TstTesselCli::abortsAndBadArguments()
                         : QString());
     // Never past the SDO time-out (1 s) by much.
     QVERIFY2(clock.elapsed() < 4000, qPrintable(QString::number(clock.elapsed())));
+}
+
+void TstTesselCli::sampleWritesCsv()
+{
+    const Run r = cli({"sample", "1,1018,1", "--period", "20", "--count", "5"});
+    QCOMPARE(r.exit, 0);
+    const QStringList lines = r.out.split('\n', Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 6);
+    QCOMPARE(lines[0], QString("time_s,value,error"));
+    double last = -1;
+    for (const QString& line : lines.mid(1)) {
+        const QStringList f = line.split(',');
+        QCOMPARE(f.mid(1), QStringList({"929", ""}));
+        // On the 20 ms grid, never closer together.
+        QVERIFY2(f[0].toDouble() - last >= 0.0195, qPrintable(r.out));
+        last = f[0].toDouble();
+    }
+    // Too short for the bus: said, and the shortest used. A failed read is a gap with its
+    // reason, quoted where it holds a comma.
+    const Run quick = cli({"sample", "1,3000,0", "--period", "2", "--count", "2", "--type", "i16"});
+    QCOMPARE(quick.exit, 0);
+    QCOMPARE(quick.err, QString("tessel-cli: 2 ms is below the shortest period at 1000K: every 10 "
+                                "ms\n"));
+    QVERIFY2(quick.out.endsWith(",,SDO abort 06020000 (Object does not exist in the object "
+                                "dictionary)\n"),
+             qPrintable(quick.out));
+    for (const QStringList& args :
+         {QStringList{"1,1018,1"}, QStringList{"1,1018,1", "--period", "x"},
+          QStringList{"1,1018,1", "--period", "10", "--type", "str"},
+          QStringList{"1,zz", "--period", "10"}})
+        QCOMPARE(cli(QStringList{"sample"} + args).exit, 2);
 }
 
 void TstTesselCli::recordedDriveDecoded()
