@@ -16,9 +16,7 @@ class TstXBoot : public QObject
 private slots:
     void initTestCase();
     void init();
-    void serialProgrammingLoadsTheUnit();
-    void identityLoading();
-    void failedRunKeepsTheSerialForTheRetry();
+    void walk();
 
 private:
     int counter() const;
@@ -99,13 +97,15 @@ QStringList TstXBoot::calls() const
     return QString::fromLocal8Bit(f.readAll()).split('\n', Qt::SkipEmptyParts);
 }
 
-void TstXBoot::serialProgrammingLoadsTheUnit()
+void TstXBoot::walk()
 {
     Tessel t(m_bench.server->socketPath());
     QVERIFY(t.load());
     FrmXBoot* x = open(t);
     QList<int> progress;
     connect(t.window.link(), &CanLink::progressChanged, this, [&](float p) { progress << int(p); });
+    // Serial programming: the next serial stamped into the image, merged with the kick-start,
+    // loaded over the bench's serial link with progress.
     QTest::mouseClick(x->cmdSerialPrg, Qt::LeftButton);
     QCOMPARE(t.messages, QStringList());
     QCOMPARE(x->txtIDSK->text(), QString("42"));
@@ -115,55 +115,40 @@ void TstXBoot::serialProgrammingLoadsTheUnit()
     QCOMPARE(calls(), QStringList({"postprocess.exe|" + m_fw + "/app.s|" + m_fw + "/app.sx|-i|42",
                                    "postprocess.exe|" + m_fw + "/kickstart.s|" + m_fw +
                                        "/kickstart.sl|-m|" + m_fw + "/app.sx|-p"}));
-    // The load took its time on the serial link, with progress on the bar.
     QVERIFY(progress.size() > 5);
     QVERIFY(*std::max_element(progress.begin(), progress.end()) == 100);
     QCOMPARE(m_beeps, 0);
     QVERIFY(!t.window.link()->productionRun);
-}
 
-void TstXBoot::identityLoading()
-{
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    FrmXBoot* x = open(t);
+    // Identity loading: the next serial, the temporary files gone afterwards.
+    QFile::remove(m_dir.filePath("calls.log"));
     QTest::mouseClick(x->cmdSerialLoc, Qt::LeftButton);
     QCOMPARE(t.messages, QStringList());
-    QCOMPARE(x->txtIDSK->text(), QString("42"));
+    QCOMPARE(x->txtIDSK->text(), QString("43"));
     QCOMPARE(calls().size(), 3);
     QVERIFY(calls()[0].startsWith("ZDProdInterface|CreateSBB|" + m_dir.path() + "/sbf"));
-    // The temporary files are gone after the load.
     QCOMPARE(QDir(m_dir.path()).entryList({"sbf*", "dbf*", "skf*", "dsf*"}), QStringList());
-    // The next unit gets the next serial.
-    QTest::mouseClick(x->cmdSerialLoc, Qt::LeftButton);
-    QCOMPARE(x->txtIDSK->text(), QString("43"));
-    QCOMPARE(counter(), 43);
-}
 
-void TstXBoot::failedRunKeepsTheSerialForTheRetry()
-{
-    Tessel t(m_bench.server->socketPath());
-    QVERIFY(t.load());
-    FrmXBoot* x = open(t);
+    // A JTAG run that fails keeps its serial for the retry, even across a restart of Tessel.
+    QFile::remove(m_dir.filePath("calls.log"));
     qputenv("FFLASH_EXIT", "7");
     QTest::mouseClick(x->cmdJtagPrg, Qt::LeftButton);
     qunsetenv("FFLASH_EXIT");
     QCOMPARE(t.messages, QStringList{"FFlash retval=7"});
     QCOMPARE(x->lblDone->text(), QString("JTAG programming failed: FFlash retval=7"));
-    QCOMPARE(x->idskTag, QString("42"));
-    QCOMPARE(x->txtIDSK->text(), QString());
+    QCOMPARE(x->idskTag, QString("44"));
+    QCOMPARE(x->txtIDSK->text(), QString("43")); // the last unit's, not the failed one's
     {
-        // Tessel started again for the retry: the unit keeps its serial.
         Tessel again(m_bench.server->socketPath());
         QVERIFY(again.load());
-        QCOMPARE(open(again)->idskTag, QString("42"));
+        QCOMPARE(open(again)->idskTag, QString("44"));
     }
     x->chkFR->setChecked(true);
     QTest::mouseClick(x->cmdJtagPrg, Qt::LeftButton);
     QCOMPARE(t.messages.size(), 1);
-    QCOMPARE(x->txtIDSK->text(), QString("42"));
-    QCOMPARE(x->lblDone->text(), QString("JTAG programming done: serial 42"));
-    QCOMPARE(counter(), 42); // taken once for the unit
+    QCOMPARE(x->txtIDSK->text(), QString("44"));
+    QCOMPARE(x->lblDone->text(), QString("JTAG programming done: serial 44"));
+    QCOMPARE(counter(), 44); // taken once for the unit
     const QStringList c = calls();
     QCOMPARE(c.size(), 4);
     QCOMPARE(c[2], c[0]);
@@ -175,7 +160,7 @@ void TstXBoot::failedRunKeepsTheSerialForTheRetry()
     QTest::mouseClick(x->cmdSerialPrg, Qt::LeftButton);
     QVERIFY(t.messages.last().startsWith("Err: 52 "));
     QCOMPARE(calls().size(), 4);
-    QCOMPARE(counter(), 42);
+    QCOMPARE(counter(), 44);
 }
 
 QTEST_MAIN(TstXBoot)

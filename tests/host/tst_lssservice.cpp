@@ -65,8 +65,6 @@ private slots:
     void inquireFindsEachDrive_data();
     void inquireFindsEachDrive();
     void configureGivesNodeIdAndRate();
-    void badArgumentsAreRefused_data();
-    void badArgumentsAreRefused();
     void noSlaveOnTheBus();
     void configuredDriveKeepsItsNodeId();
 
@@ -156,36 +154,6 @@ void TstLssService::configureGivesNodeIdAndRate()
     QVERIFY(found.result);
     QCOMPARE(found.result->value(), 0x22);
     QCOMPARE(found.result->data(), QByteArray(1, char(2)));
-}
-
-void TstLssService::badArgumentsAreRefused_data()
-{
-    columns<int, int, int, QString>({"node", "rate", "controller", "mentions"});
-    row("node-ID 0", 0, 2, 1, "node-ID 0x0 out of range");
-    row("node-ID 0x80", 0x80, 2, 1, "node-ID 0x80 out of range");
-    row("bit-rate index 9", 0x22, 9, 1, "bit-rate index 9");
-    row("bit-rate index -1", 0x22, -1, 1, "bit-rate index -1");
-    row("controller 7", 0x22, 2, 7, "controller index 7");
-}
-
-void TstLssService::badArgumentsAreRefused()
-{
-    QFETCH(int, node);
-    QFETCH(int, rate);
-    QFETCH(int, controller);
-    QFETCH(QString, mentions);
-    QVERIFY(m_server->start());
-    auto a = m_server->attach();
-    QVERIFY(a);
-    const Lss refused = lss(a.get(), true, controller, node, rate);
-    QVERIFY(!refused.result);
-    QVERIFY2(refused.refused.contains(mentions), qPrintable(refused.refused));
-    // Nothing was configured: the drive is still unconfigured at 250K.
-    CALL_OK(a, bus()->StartController(1));
-    QTest::qWait(300);
-    const Lss found = lss(a.get(), false, 1);
-    QVERIFY(found.result);
-    QCOMPARE(found.result->value(), 0xFF);
 }
 
 void TstLssService::noSlaveOnTheBus()

@@ -118,6 +118,12 @@ void TstServer::badInputIsRefused_data()
     row("analog 6", "analog 6", "6");
     row("service selector", "service LSSonly", "LSSonly");
     row("service selector of a megabyte", "service " + QString(1 << 20, 'S'), "SSS...");
+    // LSS configuration: controller, node-ID, bit-rate index.
+    row("LSS node-ID 0", "lss 1 0 2", "node-ID 0x0 out of range");
+    row("LSS node-ID 0x80", "lss 1 0x80 2", "node-ID 0x80 out of range");
+    row("LSS bit-rate index 9", "lss 1 0x22 9", "bit-rate index 9");
+    row("LSS bit-rate index -1", "lss 1 0x22 -1", "bit-rate index -1");
+    row("LSS on controller 7", "lss 7 0x22 2", "controller index 7");
 }
 
 void TstServer::badInputIsRefused()
@@ -173,6 +179,8 @@ void TstServer::badInputIsRefused()
         take(a->wait(a->benchIo()->ReadAnalog(n(1)), &error));
     else if (w[0] == "service")
         take(a->wait(a->connector()->GetService(w[1]), &error));
+    else if (w[0] == "lss")
+        take(a->wait(a->service()->LssConfigure(n(1), n(2), n(3)), &error));
     QVERIFY2(!description.isEmpty(), "the server accepted it");
     QVERIFY2(description.contains(mentions, Qt::CaseInsensitive), qPrintable(description));
     // A client reacts to the kind: the request was wrong, or asks for what the server lacks.
