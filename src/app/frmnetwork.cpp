@@ -59,12 +59,11 @@ FrmNetwork::FrmNetwork(CanLink* link, MonitorLink* monitorLink, const WindowPlac
 
     tblNodes = new QTableWidget(0, ColumnCount, this);
     tblNodes->setObjectName(QStringLiteral("tblNodes"));
-    tblNodes->setHorizontalHeaderLabels({QStringLiteral("Node"), QStringLiteral("State"),
-                                         QStringLiteral("Heartbeat"), QStringLiteral("Alarm"),
-                                         QStringLiteral("Last emergency"),
-                                         QStringLiteral("Device type"), QStringLiteral("Vendor"),
-                                         QStringLiteral("Product"), QStringLiteral("Revision"),
-                                         QStringLiteral("Serial")});
+    tblNodes->setHorizontalHeaderLabels(
+        {QStringLiteral("Node"), QStringLiteral("Name"), QStringLiteral("State"),
+         QStringLiteral("Heartbeat"), QStringLiteral("Alarm"), QStringLiteral("Last emergency"),
+         QStringLiteral("Device type"), QStringLiteral("Vendor"), QStringLiteral("Product"),
+         QStringLiteral("Revision"), QStringLiteral("Serial")});
     tblNodes->setEditTriggers(QAbstractItemView::NoEditTriggers);
     tblNodes->setSelectionBehavior(QAbstractItemView::SelectRows);
     tblNodes->setSelectionMode(QAbstractItemView::SingleSelection);
@@ -76,7 +75,7 @@ FrmNetwork::FrmNetwork(CanLink* link, MonitorLink* monitorLink, const WindowPlac
                                         "key) for NMT commands, its identity and its error "
                                         "history"));
     const int digit = tblNodes->fontMetrics().horizontalAdvance(QLatin1Char('0'));
-    const int widths[ColumnCount] = {4, 13, 8, 15, 24, 9, 9, 9, 9, 9};
+    const int widths[ColumnCount] = {4, 10, 13, 8, 15, 24, 9, 9, 9, 9, 9};
     for (int c = 0; c < ColumnCount; ++c)
         tblNodes->setColumnWidth(c, digit * widths[c] + 12);
     connect(tblNodes, &QTableWidget::customContextMenuRequested, this, &FrmNetwork::contextMenu);
@@ -211,6 +210,7 @@ void FrmNetwork::showNode(int node)
         item(Emergency)->setToolTip(n->lastEmergency);
     }
     if (const auto id = bus.identities.constFind(node); id != bus.identities.cend()) {
+        item(Name)->setText(id->deviceName);
         item(DeviceType)->setText(hex8(id->deviceType));
         item(Vendor)->setText(hex8(id->vendorId));
         item(Product)->setText(hex8(id->productCode));
@@ -248,7 +248,7 @@ void FrmNetwork::scan()
     int found = 0;
     for (int node = 1; node <= 127 && error.isEmpty(); ++node) {
         prbScan->setValue(node);
-        const std::optional<NodeIdentity> id = nodes.read(node, &error);
+        const std::optional<NodeIdentity> id = nodes.read(node, &error, nullptr, true);
         if (!id)
             continue;
         ++found;
@@ -269,7 +269,8 @@ void FrmNetwork::scan()
 void FrmNetwork::readIdentity(int node)
 {
     QString error;
-    const std::optional<NodeIdentity> id = NodeScan(m_link, m_shown).read(node, &error);
+    const std::optional<NodeIdentity> id =
+        NodeScan(m_link, m_shown).read(node, &error, nullptr, true);
     if (!error.isEmpty()) {
         emit message(error);
         return;

@@ -24,8 +24,9 @@ class WindowPlacement;
 
 // "Network": the nodes of the selected controller's bus as their frames show them (boot-up,
 // heartbeat, SDO answers, emergencies), each with its NMT state, heartbeat period, a heartbeat
-// missed, its last emergency, and on request its identity and error history; "Scan" asks nodes
-// 1 to 127 for their device type and identity. A node's context menu sends it NMT commands. What
+// missed, its last emergency, and on request its name, identity and error history; "Scan" asks
+// nodes 1 to 127 for their device type, name and identity. A node's context menu sends it NMT
+// commands. What
 // happens on the bus (boot-ups, state changes, missed heartbeats, emergencies) is logged below
 // the table with the server's time.
 class FrmNetwork : public QWidget
@@ -38,6 +39,7 @@ public:
     enum Column
     {
         Node,
+        Name,
         State,
         Heartbeat,
         Alarm,

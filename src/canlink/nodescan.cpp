@@ -13,7 +13,7 @@ quint32 u32(const CanLink::SdoResult& r)
 }
 } // namespace
 
-std::optional<NodeIdentity> NodeScan::read(int node, QString* error, ErrorKind* kind)
+std::optional<NodeIdentity> NodeScan::read(int node, QString* error, ErrorKind* kind, bool withName)
 {
     error->clear();
     const CanLink::SdoResult type = m_link->sdoTransfer(m_controller, true, node, 0x1000, 0);
@@ -31,6 +31,11 @@ std::optional<NodeIdentity> NodeScan::read(int node, QString* error, ErrorKind* 
     quint32* fields[4] = {&id.vendorId, &id.productCode, &id.revision, &id.serial};
     for (int sub = 1; sub <= 4; ++sub)
         *fields[sub - 1] = u32(m_link->sdoTransfer(m_controller, true, node, 0x1018, sub));
+    if (withName) {
+        const CanLink::SdoResult name = m_link->sdoTransfer(m_controller, true, node, 0x1008, 0);
+        if (name.error.isEmpty() && name.abortCode == 0)
+            id.deviceName = QString::fromLatin1(name.data).trimmed();
+    }
     return id;
 }
 

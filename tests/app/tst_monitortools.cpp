@@ -254,6 +254,7 @@ void TstMonitorTools::networkWindow()
     QTest::mouseClick(w->cmdScan, Qt::LeftButton);
     QCOMPARE(cell(FrmNetwork::DeviceType), QString("00020192"));
     QCOMPARE(cell(FrmNetwork::Vendor), QString("000003A1"));
+    QCOMPARE(cell(FrmNetwork::Name), QString("QD-300"));
     QVERIFY2(w->logText().contains("scan of CAN 0: 1 node(s) answered"), qPrintable(w->logText()));
     QCOMPARE(t.window.link()->sdoTimeoutMs(), 1000);
     QVERIFY(t.messages.isEmpty());
