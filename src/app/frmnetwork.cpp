@@ -162,8 +162,10 @@ void FrmNetwork::onTick()
 
 void FrmNetwork::log(qint64 timeUs, const QString& text)
 {
+    // Before the bus's first frame there is no time of the server's to give.
     edLog->appendPlainText(
-        QStringLiteral("%1 s  %2").arg(double(timeUs) / 1e6, 0, 'f', 3).arg(text));
+        timeUs < 0 ? text
+                   : QStringLiteral("%1 s  %2").arg(double(timeUs) / 1e6, 0, 'f', 3).arg(text));
 }
 
 QString FrmNetwork::logText() const
@@ -222,13 +224,12 @@ void FrmNetwork::showNode(int node)
 void FrmNetwork::showAll()
 {
     // Rows of nodes the bus shown does not have (another controller's) go.
-    const Bus& shown = m_buses[size_t(m_shown)];
+    const Bus& bus = m_buses[size_t(m_shown)];
     for (int row = tblNodes->rowCount() - 1; row >= 0; --row) {
         const int node = tblNodes->item(row, Node)->data(Qt::UserRole).toInt();
-        if (!shown.watch.nodes().contains(node) && !shown.identities.contains(node))
+        if (!bus.watch.nodes().contains(node) && !bus.identities.contains(node))
             tblNodes->removeRow(row);
     }
-    const Bus& bus = m_buses[size_t(m_shown)];
     for (auto it = bus.watch.nodes().cbegin(); it != bus.watch.nodes().cend(); ++it)
         showNode(it.key());
     for (auto it = bus.identities.cbegin(); it != bus.identities.cend(); ++it)

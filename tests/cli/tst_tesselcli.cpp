@@ -223,13 +223,11 @@ void TstTesselCli::sampleWritesCsv()
     const QStringList lines = r.out.split('\n', Qt::SkipEmptyParts);
     QCOMPARE(lines.size(), 6);
     QCOMPARE(lines[0], QString("time_s,value,error"));
-    double last = -1;
-    for (const QString& line : lines.mid(1)) {
-        const QStringList f = line.split(',');
+    for (int i = 1; i < lines.size(); ++i) {
+        const QStringList f = lines[i].split(',');
         QCOMPARE(f.mid(1), QStringList({"929", ""}));
-        // On the 20 ms grid, never closer together.
-        QVERIFY2(f[0].toDouble() - last >= 0.0195, qPrintable(r.out));
-        last = f[0].toDouble();
+        // On the 20 ms grid: a read never comes before its time (a late one may).
+        QVERIFY2(f[0].toDouble() >= 0.020 * (i - 1) - 0.0005, qPrintable(r.out));
     }
     // Too short for the bus: said, and the shortest used. A failed read is a gap with its
     // reason, quoted where it holds a comma.
