@@ -311,11 +311,11 @@ void FrmMain::tmrStato_Timer()
     for (int i = 0; i < controllerPanel->count(); ++i) {
         const bool enabled = chkCanEnable[i]->isChecked();
         QString error;
-        m_status->showControllerStatus(i, enabled,
-                                       enabled ? m_link.status(i, &error) : std::nullopt);
+        const auto bits = enabled ? m_link.status(i, &error) : std::nullopt;
+        m_status->showControllerStatus(i, enabled, bits);
         const int rate = qorcalib::bitRateOfIndex(controllerPanel->controllers().bitRate(i));
-        if (m_monitor) // it measures the load of the controllers that run
-            m_monitor->busView->setBitRate(i, enabled ? rate : 0);
+        if (m_monitor) // it measures the load of the controllers that run, and shows their state
+            m_monitor->busView->setController(i, enabled ? rate : 0, bits.value_or(0));
     }
 }
 

@@ -96,6 +96,12 @@ void IdentifierTable::setBitRate(int controller, int bitsPerSecond)
         m_bitRate[size_t(controller)] = bitsPerSecond;
 }
 
+void IdentifierTable::setStatus(int controller, quint32 status)
+{
+    if (controller >= 0 && controller < kControllers)
+        m_status[size_t(controller)] = status;
+}
+
 void IdentifierTable::measureLoad()
 {
     const qint64 elapsedUs = std::max<qint64>(1, m_period.nsecsElapsed() / 1000);
@@ -111,9 +117,18 @@ void IdentifierTable::measureLoad()
 QString IdentifierTable::loadText() const
 {
     QStringList parts;
-    for (int c = 0; c < kControllers; ++c)
-        if (m_load[size_t(c)] >= 0)
-            parts << QStringLiteral("CAN %1: %2 %").arg(c).arg(m_load[size_t(c)], 0, 'f', 1);
+    for (int c = 0; c < kControllers; ++c) {
+        if (m_load[size_t(c)] < 0)
+            continue;
+        const quint32 s = m_status[size_t(c)];
+        parts << QStringLiteral("CAN %1: %2 %%3%4")
+                     .arg(c)
+                     .arg(m_load[size_t(c)], 0, 'f', 1)
+                     .arg(s & qorcalib::StatusBusOff         ? QStringLiteral(" bus off")
+                          : s & qorcalib::StatusErrorWarning ? QStringLiteral(" error warning")
+                                                             : QString(),
+                          s & qorcalib::StatusOverrun ? QStringLiteral(" overrun") : QString());
+    }
     return parts.join(QStringLiteral("  "));
 }
 

@@ -52,10 +52,12 @@ public:
     // Bus load: the share of the last measuring period in which the frames counted occupied
     // the controller's bus (stuff bits included), in percent; -1 while the rate is unknown.
     void setBitRate(int controller, int bitsPerSecond);
+    void setStatus(int controller, quint32 status);
     // Ends a measuring period: the loads become those of the frames since the last call.
     void measureLoad();
     double loadPercent(int controller) const { return m_load.at(size_t(controller)); }
-    // "CAN 0: 12.5 %  CAN 1: 0.0 %" for the controllers whose rate is known.
+    // "CAN 0: 12.5 %  CAN 1: 0.0 % bus off" for the controllers whose rate is known, each with
+    // its error state where it has one.
     QString loadText() const;
 
     int rowCount(const QModelIndex& parent = {}) const override;
@@ -85,6 +87,7 @@ private:
     int m_published = 0;         // rows the view knows
     bool m_changed = false;
     std::array<int, kControllers> m_bitRate{};
+    std::array<quint32, kControllers> m_status{};
     std::array<qint64, kControllers> m_bits{};
     std::array<double, kControllers> m_load{-1, -1, -1, -1};
     QElapsedTimer m_period;

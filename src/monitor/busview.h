@@ -45,7 +45,13 @@ public:
     void clear();
     // Entries named and PDOs read by an EDS, on every controller, from the next frame on.
     void setDictionary(const std::shared_ptr<const DeviceDictionary>& dictionary);
-    void setBitRate(int controller, int bitsPerSecond) { m_table.setBitRate(controller, bitsPerSecond); }
+    // A controller's rate (0 while it does not run) and its status bits as the server reports
+    // them (error warning, bus off, overrun), shown beside its load.
+    void setController(int controller, int bitsPerSecond, quint32 status)
+    {
+        m_table.setBitRate(controller, bitsPerSecond);
+        m_table.setStatus(controller, status);
+    }
     // Called by the monitor's refresh timer (every `elapsedMs`).
     void refresh(int elapsedMs);
     const QString& decodedText() const { return m_decoded.text(); }

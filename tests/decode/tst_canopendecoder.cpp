@@ -3,6 +3,7 @@
 // with two nodes interleaved; the network watch's states, missed heartbeats and emergencies.
 #include "canopendecoder.h"
 #include "datatable.h"
+#include "identifiertable.h"
 #include "networkwatch.h"
 
 #include <QTest>
@@ -21,6 +22,8 @@ private slots:
     void withDictionary_data();
     void withDictionary();
     void transfersAcrossFrames();
+    void identifierTable_data();
+    void identifierTable();
     void emergencyTexts_data();
     void emergencyTexts();
     void networkWatch();
@@ -229,6 +232,48 @@ void TstCanopenDecoder::networkWatch()
                                 "5000 node 5: heartbeat back: operational"}));
     QCOMPARE(w.nodes().value(5).state, quint8(0x05));
     QVERIFY(!w.nodes().contains(6));
+}
+
+void TstCanopenDecoder::identifierTable_data()
+{
+    columns<quint32, QString>({"status", "load"});
+    row("running", 0u, "CAN 0: 0.0 %  CAN 2: 0.0 %");
+    row("error warning", 4u, "CAN 0: 0.0 %  CAN 2: 0.0 % error warning");
+    row("bus off and overrun", 10u, "CAN 0: 0.0 %  CAN 2: 0.0 % bus off overrun");
+}
+
+void TstCanopenDecoder::identifierTable()
+{
+    IdentifierTable table;
+    CanopenDecoder decoder;
+    const quint8 beat[] = {0x05};
+    for (qint64 us : {0, 1000, 3000})
+        table.add(0, false, 0x701, false, us, 1, beat, decoder.decode(0x701, false, "\x05"));
+    table.add(0, true, 0x701, false, 500, 1, beat, decoder.decode(0x701, false, "\x05"));
+    table.add(1, false, 0x181, false, 10, 9, beat, {}); // no frame: not counted
+    QCOMPARE(table.rowCount(), 0);                      // nothing shows before it is published
+    table.publish();
+    QCOMPARE(table.rowCount(), 2);
+    const auto cell = [&table](int row, int column) {
+        return table.data(table.index(row, column), Qt::DisplayRole).toString();
+    };
+    QCOMPARE(QStringList({cell(0, IdentifierTable::Controller), cell(0, IdentifierTable::Count),
+                          cell(0, IdentifierTable::CycleLast), cell(0, IdentifierTable::CycleMin),
+                          cell(0, IdentifierTable::CycleMax), cell(0, IdentifierTable::Meaning),
+                          cell(0, IdentifierTable::Data)}),
+             QStringList({"0", "3", "2.0", "1.0", "2.0", "operational", "05"}));
+    QCOMPARE(cell(1, IdentifierTable::Controller), QString("0 Tx"));
+    QCOMPARE(cell(1, IdentifierTable::CycleLast), QString());
+    // The load of the controllers whose rate is known, with the error state.
+    QFETCH(quint32, status);
+    table.setBitRate(0, 1000000);
+    table.setBitRate(2, 125000);
+    table.setStatus(2, status);
+    table.measureLoad(); // the frames above were counted in the period before
+    table.measureLoad();
+    QTEST(table.loadText(), "load");
+    table.clear();
+    QCOMPARE(table.rowCount(), 0);
 }
 
 QTEST_GUILESS_MAIN(TstCanopenDecoder)
