@@ -3,7 +3,8 @@
 // in the monitor on screen while a sequence sends two slots every 10 ms. Prints the lateness of
 // a 10 ms timer on Tessel's main thread (how late each expiry came: median, 99th percentile,
 // worst), the frames Tessel received per second, and the process's resident memory (Tessel and
-// the server together) after the first minute and at the end.
+// the server together) after the first minute and at the end, and the CPU time a frame received
+// of Tessel's main thread and of the rest of the process.
 //
 //   bench_monitor_load [--minutes N] [--tab T]
 //     N: default 2, 60 for the hour-long run; T: the monitor's tab on screen, 0 the trace
@@ -16,6 +17,7 @@
 #include "slotgrid.h"
 
 #include <QApplication>
+
 #include <QCheckBox>
 #include <QElapsedTimer>
 #include <QFile>
@@ -25,6 +27,7 @@
 #include <QTabWidget>
 #include <QTemporaryDir>
 #include <QTimer>
+#include <ctime>
 
 #include <algorithm>
 #include <array>
@@ -55,6 +58,13 @@ double percentile(std::vector<double> values, double p)
         return 0;
     std::sort(values.begin(), values.end());
     return values[size_t(p * double(values.size() - 1))];
+}
+
+double cpuSeconds(clockid_t clock)
+{
+    timespec t{};
+    clock_gettime(clock, &t);
+    return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
 }
 
 } // namespace
@@ -129,15 +139,23 @@ int main(int argc, char** argv)
             receivedAtMinute = received;
         }
     });
-    // The first seconds fill the trace and the buses; lateness counts from then on.
+    // The first seconds fill the trace and the buses; lateness and CPU count from then on.
+    double mainCpuFrom = 0, processCpuFrom = 0;
+    qint64 receivedFrom = 0;
     QTimer::singleShot(3000, &app, [&] {
         lateMs.clear();
         lastTick = 0;
         tick.start(10);
+        mainCpuFrom = cpuSeconds(CLOCK_THREAD_CPUTIME_ID);
+        processCpuFrom = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
+        receivedFrom = received;
     });
     QTimer::singleShot(qint64(minutes * 60000), &app, [&] { app.exit(0); });
     app.exec();
     tick.stop();
+    const double mainCpu = cpuSeconds(CLOCK_THREAD_CPUTIME_ID) - mainCpuFrom;
+    const double restCpu = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - processCpuFrom - mainCpu;
+    const double counted = double(std::max<qint64>(1, received - receivedFrom));
     const double seconds = clock.nsecsElapsed() * 1e-9;
     const qint64 memoryAtEnd = residentKib();
     monitor->sequencer()->chkEn[0]->setChecked(false);
@@ -150,6 +168,9 @@ int main(int argc, char** argv)
                 "percentile %.2f ms, worst %.2f ms\n",
                 lateMs.size(), percentile(lateMs, 0.5), percentile(lateMs, 0.99),
                 percentile(lateMs, 1.0));
+    std::printf("CPU a frame received: Tessel's main thread %.2f us; the rest of the process (the "
+                "server's thread with the simulated buses and their busy devices) %.2f us\n",
+                mainCpu * 1e6 / counted, restCpu * 1e6 / counted);
     if (memoryAfterMinute >= 0)
         std::printf("resident memory of Tessel and the server: %.1f MB after the first minute, "
                     "%.1f MB at the end "
