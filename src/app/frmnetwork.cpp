@@ -21,15 +21,6 @@
 
 namespace tessel {
 
-namespace {
-
-QString hex8(quint32 value)
-{
-    return QStringLiteral("%1").arg(value, 8, 16, QLatin1Char('0')).toUpper();
-}
-
-} // namespace
-
 FrmNetwork::FrmNetwork(CanLink* link, MonitorLink* monitorLink, const WindowPlacement* placement,
                        QWidget* mainWindow)
     : QWidget(mainWindow, Qt::Window), m_link(link), m_monitorLink(monitorLink),
@@ -95,6 +86,17 @@ FrmNetwork::FrmNetwork(CanLink* link, MonitorLink* monitorLink, const WindowPlac
 
     connect(cmdScan, &QPushButton::clicked, this, &FrmNetwork::scan);
     connect(m_link, &CanLink::framesReceived, this, &FrmNetwork::onFrames);
+    // Another server has a clock of its own: states, periods and times start anew; what Scan
+    // found stays.
+    connect(m_link, &CanLink::reconnected, this, [this] {
+        for (Bus& bus : m_buses) {
+            bus.watch = NetworkWatch();
+            bus.lastUs = -1;
+            bus.wrapUs = 0;
+        }
+        log(-1, QStringLiteral("CAN server connected again: states and heartbeats followed anew"));
+        showAll();
+    });
     m_tick.setInterval(kCheckMs);
     connect(&m_tick, &QTimer::timeout, this, &FrmNetwork::onTick);
     m_tick.start();
@@ -200,24 +202,25 @@ void FrmNetwork::showNode(int node)
     const Bus& bus = m_buses[size_t(m_shown)];
     const int row = rowOf(node, true);
     const auto item = [this, row](int column) { return tblNodes->item(row, column); };
-    if (const auto n = bus.watch.nodes().constFind(node); n != bus.watch.nodes().cend()) {
-        const QString state = nmtStateText(n->state);
-        item(State)->setText(state.isEmpty() ? QStringLiteral("not known") : state);
-        item(Heartbeat)->setText(n->periodUs > 0 ? QStringLiteral("%1 ms").arg(n->periodUs / 1000)
-                                                 : QString());
-        item(Alarm)->setText(n->missed ? QStringLiteral("heartbeat missed") : QString());
-        item(Alarm)->setForeground(n->missed ? QBrush(Qt::white) : QBrush());
-        item(Alarm)->setBackground(n->missed ? QBrush(QColor(0xC0, 0x20, 0x20)) : QBrush());
-        item(Emergency)->setText(n->lastEmergency);
-        item(Emergency)->setToolTip(n->lastEmergency);
-    }
+    // A node known only by its identity (found by Scan, or before the server came back) has
+    // no state yet.
+    const NetworkWatch::Node n = bus.watch.nodes().value(node);
+    const QString state = nmtStateText(n.state);
+    item(State)->setText(state.isEmpty() ? QStringLiteral("not known") : state);
+    item(Heartbeat)->setText(n.periodUs > 0 ? QStringLiteral("%1 ms").arg(n.periodUs / 1000)
+                                            : QString());
+    item(Alarm)->setText(n.missed ? QStringLiteral("heartbeat missed") : QString());
+    item(Alarm)->setForeground(n.missed ? QBrush(Qt::white) : QBrush());
+    item(Alarm)->setBackground(n.missed ? QBrush(QColor(0xC0, 0x20, 0x20)) : QBrush());
+    item(Emergency)->setText(n.lastEmergency);
+    item(Emergency)->setToolTip(n.lastEmergency);
     if (const auto id = bus.identities.constFind(node); id != bus.identities.cend()) {
         item(Name)->setText(id->deviceName);
-        item(DeviceType)->setText(hex8(id->deviceType));
-        item(Vendor)->setText(hex8(id->vendorId));
-        item(Product)->setText(hex8(id->productCode));
-        item(Revision)->setText(hex8(id->revision));
-        item(Serial)->setText(hex8(id->serial));
+        item(DeviceType)->setText(hexField(id->deviceType, 8));
+        item(Vendor)->setText(hexField(id->vendorId, 8));
+        item(Product)->setText(hexField(id->productCode, 8));
+        item(Revision)->setText(hexField(id->revision, 8));
+        item(Serial)->setText(hexField(id->serial, 8));
     }
 }
 
@@ -332,7 +335,10 @@ void FrmNetwork::sendNmt(int node, quint8 command)
 
 void FrmNetwork::contextMenu(const QPoint& at)
 {
+    // From the menu key the point may lie beside every row: the current node is meant.
     const QTableWidgetItem* clicked = tblNodes->itemAt(at);
+    if (!clicked)
+        clicked = tblNodes->currentItem();
     if (!clicked)
         return;
     const int node = tblNodes->item(clicked->row(), Node)->data(Qt::UserRole).toInt();
@@ -349,7 +355,8 @@ void FrmNetwork::contextMenu(const QPoint& at)
     menu.addAction(QStringLiteral("Read &identity"), this, [this, node] { readIdentity(node); });
     menu.addAction(QStringLiteral("Read &error history (1003)"), this,
                    [this, node] { readErrorHistory(node); });
-    menu.exec(tblNodes->viewport()->mapToGlobal(at));
+    menu.exec(tblNodes->viewport()->mapToGlobal(
+        tblNodes->itemAt(at) ? at : tblNodes->visualItemRect(clicked).center()));
 }
 
 } // namespace tessel

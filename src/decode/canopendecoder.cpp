@@ -9,12 +9,12 @@
 
 namespace tessel {
 
-namespace {
-
 QString hexBytes(const QByteArray& data)
 {
     return QString::fromLatin1(data.toHex(' ').toUpper());
 }
+
+namespace {
 
 quint32 le(const QByteArray& data, int at, int bytes)
 {

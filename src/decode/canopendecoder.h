@@ -85,6 +85,8 @@ private:
 // The text of an emergency error code: the generic codes of CiA 301 and those of the drive
 // profile (CiA 402), the most specific known; empty when no table has it.
 QString emcyText(quint16 code);
+// Bytes as the decoder shows them: "37 02 A0".
+QString hexBytes(const QByteArray& data);
 // The error register's bits by name ("generic, voltage").
 QString errorRegisterText(quint8 bits);
 // An NMT state as heartbeats and guarding answers carry it; empty when it is none.

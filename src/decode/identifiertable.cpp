@@ -12,14 +12,6 @@ QString milliseconds(qint64 us)
     return us < 0 ? QString() : QString::number(double(us) / 1000.0, 'f', 1);
 }
 
-QString hexBytes(const std::array<quint8, 8>& data, int length)
-{
-    QString text;
-    for (int i = 0; i < length; ++i)
-        text += QStringLiteral("%1 ").arg(data[size_t(i)], 2, 16, QLatin1Char('0')).toUpper();
-    return text.trimmed();
-}
-
 } // namespace
 
 IdentifierTable::IdentifierTable(QObject* parent) : QAbstractTableModel(parent)
@@ -195,7 +187,9 @@ QVariant IdentifierTable::data(const QModelIndex& index, int role) const
     case Length:
         return r.length;
     case Data:
-        return r.remote ? QStringLiteral("remote request") : hexBytes(r.data, r.length);
+        return r.remote ? QStringLiteral("remote request")
+                        : hexBytes(QByteArray::fromRawData(
+                              reinterpret_cast<const char*>(r.data.data()), r.length));
     case Meaning:
         return r.meaning;
     default:
