@@ -9,6 +9,7 @@ packages=(
   qt6-remoteobjects-dev libqt6remoteobjects6-bin
   qt6-serialbus-dev libqt6serialbus6
   qt6-serialport-dev
+  libqcustomplot-dev
   libqt6sql6-sqlite libqt6sql6-psql
   postgresql postgresql-common
   qt6-qpa-plugins

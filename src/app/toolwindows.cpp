@@ -6,9 +6,11 @@
 #include "frminviamesg.h"
 #include "frmio.h"
 #include "frmnetwork.h"
+#include "frmplot.h"
 #include "frmseq.h"
 #include "frmserial.h"
 #include "frmxboot.h"
+#include "monitorlink.h"
 #include "windowplacement.h"
 
 #include <QHBoxLayout>
@@ -56,6 +58,10 @@ QHBoxLayout* ToolWindows::makeButtonRow(QWidget* parent)
            QStringLiteral("Open the network: the nodes of the selected controller's bus, their "
                           "states and heartbeats, Scan, NMT by node"),
            &ToolWindows::openNetwork);
+    button(&cmdPlot, "cmdPlot", QStringLiteral("Pl&ot"),
+           QStringLiteral("Open the plot: entries, frame fields, fixture channels and recordings "
+                          "as curves over time"),
+           &ToolWindows::openPlot);
     row->addStretch();
     return row;
 }
@@ -63,6 +69,7 @@ QHBoxLayout* ToolWindows::makeButtonRow(QWidget* parent)
 void ToolWindows::setMonitor(FrmDiagno* monitor, MonitorLink* link)
 {
     m_monitor = monitor;
+    connect(m_monitor->busView, &BusView::plotRequested, this, &ToolWindows::plotSource);
     m_monitorLink = link;
     // The monitor reads the bus by the EDS the browser opens with, until it opens another.
     useEds(qorcalib::dataFile(QStringLiteral("drive.eds")));
@@ -116,6 +123,7 @@ void ToolWindows::openEds()
         m_eds->txtFileName->setText(qorcalib::dataFile(QStringLiteral("drive.eds")));
         m_eds->setAddress = [this](const QString& address) { emit addressChosen(address); };
         connect(m_eds, &FrmEDS::loaded, this, &ToolWindows::useEds);
+        connect(m_eds, &FrmEDS::plotRequested, this, &ToolWindows::plotSource);
     }
     WindowPlacement::bringToFront(m_eds);
 }
@@ -144,6 +152,30 @@ void ToolWindows::openNetwork()
     WindowPlacement::bringToFront(m_network);
 }
 
+void ToolWindows::openPlot()
+{
+    if (!m_plot) {
+        m_plot = new FrmPlot(m_link, m_main);
+        place(m_plot, QPoint(0, m_main->frameGeometry().height() + 8));
+        WindowPlacement::keepOnScreen(m_plot, m_main);
+        connect(m_plot, &FrmPlot::message, this, &ToolWindows::message);
+    }
+    if (m_monitorLink)
+        m_plot->setController(m_monitorLink->controller());
+    WindowPlacement::bringToFront(m_plot);
+}
+
+void ToolWindows::plotSource(const QString& text)
+{
+    openPlot();
+    if (text.endsWith(QLatin1String("..."))) {
+        m_plot->txtSource->setText(text.chopped(3));
+        m_plot->txtSource->setFocus();
+        return;
+    }
+    m_plot->addSource(text);
+}
+
 QList<QWidget*> ToolWindows::carried() const
 {
     QList<QWidget*> windows;
@@ -155,6 +187,8 @@ QList<QWidget*> ToolWindows::carried() const
         windows << m_io;
     if (m_network)
         windows << m_network;
+    if (m_plot)
+        windows << m_plot;
     if (m_monitor && m_monitor->sequencer())
         windows << m_monitor->sequencer();
     if (m_monitor && m_monitor->composer())
@@ -184,6 +218,8 @@ void ToolWindows::save() const
 {
     for (QWidget* w : carried())
         WindowPlacement::saveGeometry(w, w->objectName());
+    if (m_plot)
+        m_plot->saveSettings();
     if (m_serial) {
         m_serial->saveSettings();
         WindowPlacement::saveGeometry(m_serial, m_serial->objectName());

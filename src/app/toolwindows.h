@@ -16,6 +16,7 @@ class FrmDiagno;
 class FrmEDS;
 class FrmIO;
 class FrmNetwork;
+class FrmPlot;
 class MonitorLink;
 class FrmSerial;
 class FrmXBoot;
@@ -39,6 +40,7 @@ public:
     QPushButton* cmdXBoot = nullptr;
     QPushButton* cmdSerial = nullptr;
     QPushButton* cmdNetwork = nullptr;
+    QPushButton* cmdPlot = nullptr;
 
     // The CAN monitor, made at start-up, and its link: the slider works on the monitor's slots,
     // the network window sends through the link.
@@ -50,12 +52,17 @@ public:
     void openEds();
     void openSlider();
     void openNetwork();
+    void openPlot();
+    // Opens the plot with a new trace of the source (see PlotSource); a source ending in "..."
+    // is put in the plot's source box for the user to finish instead.
+    void plotSource(const QString& text);
 
     FrmXBoot* production() const { return m_xboot; }
     FrmSerial* serial() const { return m_serial; }
     FrmEDS* eds() const { return m_eds; }
     FrmIO* slider() const { return m_io; }
     FrmNetwork* network() const { return m_network; }
+    FrmPlot* plot() const { return m_plot; }
 
     // The windows that follow the main window.
     QList<QWidget*> carried() const;
@@ -80,6 +87,7 @@ private:
     FrmDiagno* m_monitor = nullptr;
     MonitorLink* m_monitorLink = nullptr;
     FrmNetwork* m_network = nullptr;
+    FrmPlot* m_plot = nullptr;
     FrmEDS* m_eds = nullptr;
     FrmIO* m_io = nullptr;
     FrmXBoot* m_xboot = nullptr;

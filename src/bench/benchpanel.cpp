@@ -290,6 +290,7 @@ void BenchPanel::cmdAcq_Click()
         window = new FrmAcq(fixtureDescription(kind), m_control.get(), m_placement, m_mainWindow,
                             m_mainWindow);
         connect(window, &FrmAcq::message, this, &BenchPanel::report);
+        connect(window, &FrmAcq::plotRequested, this, &BenchPanel::plotRequested);
         placeBesideMain(window, 60);
     }
     if (!window->isVisible())

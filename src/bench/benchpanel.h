@@ -106,6 +106,8 @@ private:
 signals:
     // What to tell the user; the main window shows it in a message box.
     void message(const QString& text);
+    // A fixture channel to plot (see FrmAcq::plotRequested).
+    void plotRequested(const QString& source);
 };
 
 } // namespace tessel

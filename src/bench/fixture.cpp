@@ -194,7 +194,7 @@ QList<FixtureLegendRow> fixtureLegend(const FixtureDescription& d, int benchType
     for (int ch = 0; ch <= fixtureLastChannel(d, benchType); ++ch) {
         const QString line = fixtureChannelLine(d, ch, 0.0);
         rows.append({line.left(line.lastIndexOf(QLatin1Char('='))).trimmed(),
-                     d.channelUnits.value(ch), d.channelMeanings.value(ch)});
+                     d.channelUnits.value(ch), d.channelMeanings.value(ch), ch});
     }
     return rows;
 }

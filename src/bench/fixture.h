@@ -74,6 +74,7 @@ struct FixtureLegendRow
     QString line;
     QString unit;
     QString meaning;
+    int channel = -1; // the analog channel; -1 for a door
 };
 QList<FixtureLegendRow> fixtureLegend(const FixtureDescription& d, int benchType);
 

@@ -8,6 +8,7 @@
 #include <QFontDatabase>
 #include <QGridLayout>
 #include <QHBoxLayout>
+#include <QMenu>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSignalBlocker>
@@ -56,7 +57,23 @@ FrmAcq::FrmAcq(const FixtureDescription& description, BenchControl* control,
     trvLegend->setHeaderLabels(
         {QStringLiteral("Line"), QStringLiteral("Unit"), QStringLiteral("Measures")});
     trvLegend->setRootIsDecorated(false);
-    trvLegend->setToolTip(QStringLiteral("What each line of the read-out measures"));
+    trvLegend->setToolTip(QStringLiteral("What each line of the read-out measures; the context "
+                                         "menu plots a channel"));
+    trvLegend->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(trvLegend, &QTreeWidget::customContextMenuRequested, this, [this](QPoint at) {
+        const QTreeWidgetItem* item = trvLegend->itemAt(at);
+        const int channel = item ? item->data(0, Qt::UserRole).toInt() : -1;
+        if (channel < 0)
+            return;
+        const QString source =
+            QStringLiteral("analog %1 as \"%2\"")
+                .arg(channel)
+                .arg(QString(item->text(0)).replace(QLatin1Char('"'), QLatin1Char('\'')));
+        QMenu menu(this);
+        menu.addAction(QStringLiteral("&Plot %1").arg(item->text(0)), this,
+                       [this, source] { emit plotRequested(source); });
+        menu.exec(trvLegend->viewport()->mapToGlobal(at));
+    });
 
     Check1 = new QCheckBox(QStringLiteral("Auto refresh"), this);
     Check1->setObjectName(QStringLiteral("Check1"));
@@ -125,6 +142,7 @@ void FrmAcq::showLegend()
     trvLegend->clear();
     for (const FixtureLegendRow& row : fixtureLegend(m_description, m_benchType)) {
         auto* item = new QTreeWidgetItem(trvLegend, {row.line, row.unit, row.meaning});
+        item->setData(0, Qt::UserRole, row.channel);
         item->setToolTip(2, row.meaning);
     }
     for (int column = 0; column < 2; ++column)

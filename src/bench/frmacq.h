@@ -74,6 +74,8 @@ private:
 signals:
     // What to tell the user; the main window shows it in a message box.
     void message(const QString& text);
+    // An analog channel to plot (a plot source: "analog 3 as ...").
+    void plotRequested(const QString& source);
 };
 
 } // namespace tessel

@@ -54,6 +54,9 @@ public:
     QString selector() const { return m_selector; }
     bool isConnected() const;
     ServerConnection* connection() const { return m_connection.get(); }
+    // The connection for a poll that asks without waiting: connected again when it was lost,
+    // but tried at most every kRetryMs; null with the reason meanwhile.
+    ServerConnection* pollConnection(QString* error) { return live(error, true); }
     // The kind of the error that the last call returned; None after one that worked.
     ErrorKind lastErrorKind() const { return m_lastKind; }
     // The wait of the SDO transfers, LSS services and boot catches: its progress, its

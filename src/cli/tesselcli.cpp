@@ -1152,16 +1152,8 @@ int TesselCli::sample(QStringList args)
             why = r.error;
         } else if (r.abortCode != 0) {
             why = qorcalib::sdoAbortDescription(r.abortCode);
-        } else {
-            const QString t = !type.isEmpty()      ? type
-                              : r.data.size() == 1 ? QStringLiteral("u8")
-                              : r.data.size() == 2 ? QStringLiteral("u16")
-                              : r.data.size() == 4 ? QStringLiteral("u32")
-                                                   : QString();
-            if (t.isEmpty() || r.data.size() != typeBytes(t))
-                why = QStringLiteral("%1 bytes are not a number").arg(r.data.size());
-            else
-                value = decodeValue(t, r.data);
+        } else if (const auto v = sampleValue(r.data, type, &why)) {
+            value = QString::number(qint64(*v));
         }
         // A reason is quoted as CSV quotes a field with commas.
         if (why.contains(QLatin1Char(',')) || why.contains(QLatin1Char('"')))

@@ -232,6 +232,22 @@ QString emcyText(quint16 code)
     return {};
 }
 
+quint64 bitField(const char* data, int first, int bits)
+{
+    quint64 raw = 0;
+    for (int b = 0; b < bits && b < 64; ++b)
+        if (quint8(data[(first + b) / 8]) >> ((first + b) % 8) & 1)
+            raw |= quint64(1) << b;
+    return raw;
+}
+
+qint64 signExtended(quint64 raw, int bits)
+{
+    if (bits > 0 && bits < 64 && (raw >> (bits - 1) & 1))
+        return qint64(raw) - (qint64(1) << bits);
+    return qint64(raw);
+}
+
 QString CanopenDecoder::text(const DecodedFrame& frame)
 {
     QString head = frame.service;
@@ -267,17 +283,10 @@ DecodedFrame CanopenDecoder::pdo(const QString& service, int node,
     QStringList values;
     int at = 0;
     for (const DeviceDictionary::Field& f : map) {
-        // Little-endian, from the field's first bit: fields need not start on a byte.
-        quint64 raw = 0;
-        for (int b = 0; b < f.bits && b < 64; ++b)
-            if (quint8(data[(at + b) / 8]) >> ((at + b) % 8) & 1)
-                raw |= quint64(1) << b;
+        const quint64 raw = bitField(data.constData(), at, f.bits);
         at += f.bits;
-        QString value;
-        if (f.isSigned && f.bits > 0 && f.bits < 64 && (raw >> (f.bits - 1) & 1))
-            value = QString::number(qint64(raw) - (qint64(1) << f.bits));
-        else
-            value = f.isSigned ? QString::number(qint64(raw)) : QString::number(raw);
+        const QString value =
+            f.isSigned ? QString::number(signExtended(raw, f.bits)) : QString::number(raw);
         const QString name = m_dictionary->name(f.index, f.subIndex);
         values << QStringLiteral("%1 = %2").arg(
             name.isEmpty() ? QStringLiteral("%1:%2").arg(hex(f.index, 4), hex(f.subIndex, 2))

@@ -82,6 +82,12 @@ private:
     std::shared_ptr<const DeviceDictionary> m_dictionary;
 };
 
+// The field of `bits` bits (at most 64) from bit `first` of little-endian data, which must hold
+// it: PDO fields need not start on a byte.
+quint64 bitField(const char* data, int first, int bits);
+// A field of `bits` bits read as two's complement.
+qint64 signExtended(quint64 raw, int bits);
+
 // The text of an emergency error code: the generic codes of CiA 301 and those of the drive
 // profile (CiA 402), the most specific known; empty when no table has it.
 QString emcyText(quint16 code);

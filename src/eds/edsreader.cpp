@@ -139,6 +139,33 @@ QList<EdsEntry> readEds(const QString& path, QString* note)
     return entries;
 }
 
+QString edsValueType(const QString& path, int index, int subIndex)
+{
+    const IniFile ini(path);
+    const QString object = QStringLiteral("%1").arg(index, 4, 16, QLatin1Char('0'));
+    QString type = ini.value(object + QStringLiteral("sub%1").arg(subIndex, 0, 16),
+                             QStringLiteral("DataType"));
+    if (type.isEmpty())
+        type = ini.value(object, QStringLiteral("DataType"));
+    switch (edsNumber(type)) {
+    case 0x02:
+        return QStringLiteral("i8");
+    case 0x03:
+        return QStringLiteral("i16");
+    case 0x04:
+        return QStringLiteral("i32");
+    case 0x01:
+    case 0x05:
+        return QStringLiteral("u8");
+    case 0x06:
+        return QStringLiteral("u16");
+    case 0x07:
+        return QStringLiteral("u32");
+    default:
+        return {};
+    }
+}
+
 DeviceDictionary readDeviceDictionary(const QString& path, QString* note)
 {
     DeviceDictionary dictionary;

@@ -55,5 +55,8 @@ QList<EdsEntry> readEds(const QString& path, QString* note = nullptr);
 // What the decoder needs of an EDS: its entries' names ("Object/Sub-entry") and its PDOs'
 // default mappings (1600-1603, 1A00-1A03), each mapped entry signed or not by its data type.
 DeviceDictionary readDeviceDictionary(const QString& path, QString* note = nullptr);
+// An entry's value type as the plot and tessel-cli name them (u8 u16 u32 i8 i16 i32) from its
+// DataType; empty for any other type or an entry the file does not describe.
+QString edsValueType(const QString& path, int index, int subIndex);
 
 } // namespace tessel

@@ -38,6 +38,10 @@ FrmEDS::FrmEDS(const WindowPlacement* placement, QWidget* mainWindow, QWidget* p
     cmdMove = new QPushButton(QStringLiteral("&Move"), this);
     cmdMove->setObjectName(QStringLiteral("cmdMove"));
     cmdMove->setToolTip(QStringLiteral("Put the chosen entry's address into the SDO panel"));
+    cmdPlot = new QPushButton(QStringLiteral("&Plot"), this);
+    cmdPlot->setObjectName(QStringLiteral("cmdPlot"));
+    cmdPlot->setToolTip(QStringLiteral("Plot the chosen entry of the node, read by SDO every "
+                                       "period of the plot"));
     // Says why a file was not read, or read only in part; hidden otherwise.
     lblNote = new QLabel(this);
     lblNote->setObjectName(QStringLiteral("lblNote"));
@@ -52,6 +56,7 @@ FrmEDS::FrmEDS(const WindowPlacement* placement, QWidget* mainWindow, QWidget* p
     grid->addWidget(lblNote, 2, 0, 1, 4);
     grid->addWidget(new QLabel(QStringLiteral("Node:"), this), 3, 0);
     grid->addWidget(txtNode, 3, 1);
+    grid->addWidget(cmdPlot, 3, 2);
     grid->addWidget(cmdMove, 3, 3);
     resize(420, 480);
 
@@ -59,6 +64,7 @@ FrmEDS::FrmEDS(const WindowPlacement* placement, QWidget* mainWindow, QWidget* p
     connect(cmdMove, &QPushButton::clicked, this, &FrmEDS::cmdMove_Click);
     connect(lstKey, &QListWidget::itemDoubleClicked, this, [this] { cmdMove_Click(); });
     connect(txtFileName, &QLineEdit::returnPressed, this, &FrmEDS::loadList);
+    connect(cmdPlot, &QPushButton::clicked, this, &FrmEDS::cmdPlot_Click);
 }
 
 void FrmEDS::loadList()
@@ -88,23 +94,42 @@ void FrmEDS::cmdFNApp_Click()
     loadList();
 }
 
-void FrmEDS::cmdMove_Click()
+const EdsEntry* FrmEDS::chosen(QString* address) const
 {
     QListWidgetItem* item = lstKey->currentItem();
     if (!item || !item->isSelected())
-        return;
+        return nullptr;
     const int k = item->data(Qt::UserRole).toInt();
     if (k < 0 || k >= m_entries.size())
-        return;
+        return nullptr;
     const qint32 node = roundToInt32(lenientValue(txtNode->text()));
     const EdsEntry& e = m_entries[k];
     // The address box reads every part in hexadecimal: node 12 is C there, not 0x12.
-    const QString address = QStringLiteral("%1,%2,%3")
-                                .arg(QString::number(quint32(node), 16).toUpper())
-                                .arg(QString::number(quint32(e.index), 16).toUpper())
-                                .arg(QString::number(quint32(e.subIndex), 16).toUpper());
-    if (setAddress)
+    *address = QStringLiteral("%1,%2,%3")
+                   .arg(QString::number(quint32(node), 16).toUpper())
+                   .arg(QString::number(quint32(e.index), 16).toUpper())
+                   .arg(QString::number(quint32(e.subIndex), 16).toUpper());
+    return &e;
+}
+
+void FrmEDS::cmdMove_Click()
+{
+    QString address;
+    if (chosen(&address) && setAddress)
         setAddress(address);
+}
+
+void FrmEDS::cmdPlot_Click()
+{
+    QString address;
+    const EdsEntry* e = chosen(&address);
+    if (!e)
+        return;
+    const QString type = edsValueType(txtFileName->text(), e->index, e->subIndex);
+    QString name = QString(e->name).replace(QLatin1Char('\\'), QLatin1Char('/'));
+    emit plotRequested(QStringLiteral("sdo %1%2 as \"%3\"")
+                           .arg(address, type.isEmpty() ? QString() : QLatin1Char(' ') + type,
+                                name.replace(QLatin1Char('"'), QLatin1Char('\''))));
 }
 
 void FrmEDS::showEvent(QShowEvent* event)

@@ -3,6 +3,7 @@
 #include <QFontDatabase>
 #include <QHeaderView>
 #include <QLabel>
+#include <QMenu>
 #include <QPlainTextEdit>
 #include <QScrollBar>
 #include <QSortFilterProxyModel>
@@ -64,7 +65,9 @@ BusView::BusView(QWidget* parent) : QObject(parent)
     for (int c = 0; c < IdentifierTable::ColumnCount; ++c)
         tblIds->setColumnWidth(c, digit * widths[c] + 16);
     tblIds->setToolTip(QStringLiteral("Each identifier seen on each controller; click a heading "
-                                      "to sort"));
+                                      "to sort; the context menu plots a PDO's values"));
+    tblIds->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(tblIds, &QTableView::customContextMenuRequested, this, &BusView::offerPlot);
 
     lblLoad = new QLabel(parent);
     lblLoad->setObjectName(QStringLiteral("lblLoad"));
@@ -96,8 +99,55 @@ void BusView::addFrame(int controller, int kind, quint16 id, qint64 timeUs, int 
                 data, decoded);
 }
 
+void BusView::offerPlot(const QPoint& at)
+{
+    const QModelIndex row = tblIds->indexAt(at);
+    if (!row.isValid())
+        return;
+    const int key =
+        row.siblingAtColumn(IdentifierTable::Identifier).data(IdentifierTable::SortRole).toInt();
+    const int controller = key >> 13;
+    const int id = (key >> 1) & 0x7FF;
+    QMenu menu(tblIds);
+    // A PDO's fields by the EDS's mapping: TPDOn at 180 + 100 (n - 1) + node, RPDOn at 200 + ...
+    const int function = id >> 7;
+    const int node = id & 0x7F;
+    if (m_dictionary && node > 0 && function >= 3 && function <= 10) {
+        const int n = (function - 3) / 2;
+        const bool transmit = function % 2 == 1;
+        const QList<DeviceDictionary::Field>& map =
+            transmit ? m_dictionary->tpdo[size_t(n)] : m_dictionary->rpdo[size_t(n)];
+        int bit = 0;
+        for (const DeviceDictionary::Field& f : map) {
+            QString name = m_dictionary->name(f.index, f.subIndex);
+            if (name.isEmpty())
+                name = QStringLiteral("%1:%2").arg(f.index, 4, 16).arg(f.subIndex).toUpper();
+            const QString source =
+                QStringLiteral("frame %1 %2:%3%4 on %5 as \"%6 (node %7)\"")
+                    .arg(QString::number(id, 16).toUpper())
+                    .arg(bit)
+                    .arg(f.bits)
+                    .arg(f.isSigned ? QStringLiteral(" signed") : QString())
+                    .arg(controller)
+                    .arg(QString(name).replace(QLatin1Char('"'), QLatin1Char('\'')))
+                    .arg(node);
+            if (bit + f.bits <= 64)
+                menu.addAction(QStringLiteral("Plot %1").arg(name), this,
+                               [this, source] { emit plotRequested(source); });
+            bit += f.bits;
+        }
+    }
+    const QString start = QStringLiteral("frame %1 0:8 on %2...")
+                              .arg(QString::number(id, 16).toUpper())
+                              .arg(controller);
+    menu.addAction(QStringLiteral("Plot a &field of %1...").arg(QString::number(id, 16).toUpper()),
+                   this, [this, start] { emit plotRequested(start); });
+    menu.exec(tblIds->viewport()->mapToGlobal(at));
+}
+
 void BusView::setDictionary(const std::shared_ptr<const DeviceDictionary>& dictionary)
 {
+    m_dictionary = dictionary;
     for (CanopenDecoder& d : m_decoders)
         d.setDictionary(dictionary);
 }

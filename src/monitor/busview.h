@@ -61,8 +61,16 @@ public:
     QTableView* tblIds = nullptr;
     QLabel* lblLoad = nullptr;
 
+signals:
+    // A field of a row's frames to plot (a plot source), or, ending in "...", a start for the
+    // user to finish.
+    void plotRequested(const QString& source);
+
 private:
+    void offerPlot(const QPoint& at);
+
     std::array<CanopenDecoder, kControllers> m_decoders;
+    std::shared_ptr<const DeviceDictionary> m_dictionary;
     IdentifierTable m_table;
     TraceBuffer m_decoded{kMaxDecodedLength, kKeepDecodedLength};
     QElapsedTimer m_clock;

@@ -12,8 +12,11 @@
 #include <QGridLayout>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
+
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <memory>
 
 #include <cmath>
 
@@ -46,7 +49,7 @@ SdoPanel::SdoPanel(CanLink* link, QWidget* parent)
     cmbIndex->setMinimumWidth(140);
     cmbIndex->setToolTip(QStringLiteral("Node, index and sub-index in hexadecimal, e.g. 1,1018,1; "
                                         "the list holds the addresses used before. Enter "
-                                        "uploads"));
+                                        "uploads; the context menu plots the entry"));
     // What is typed is what is read or written: the history stays in the list, never
     // completed into the text.
     cmbIndex->setCompleter(nullptr);
@@ -124,6 +127,17 @@ SdoPanel::SdoPanel(CanLink* link, QWidget* parent)
     connect(cmdGetVect, &QPushButton::clicked, this, &SdoPanel::cmdGetVect_Click);
     connect(cmbIndex, &QComboBox::activated, this, &SdoPanel::cmbIndex_Click);
     connect(cmbIndex->lineEdit(), &QLineEdit::returnPressed, this, &SdoPanel::cmdUpload_Click);
+    cmbIndex->lineEdit()->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(cmbIndex->lineEdit(), &QLineEdit::customContextMenuRequested, this, [this](QPoint at) {
+        QLineEdit* edit = cmbIndex->lineEdit();
+        std::unique_ptr<QMenu> menu(edit->createStandardContextMenu());
+        menu->addSeparator();
+        QAction* plot = menu->addAction(QStringLiteral("&Plot this entry"), this, [this] {
+            emit plotRequested(QStringLiteral("sdo ") + cmbIndex->currentText().trimmed());
+        });
+        plot->setEnabled(!cmbIndex->currentText().trimmed().isEmpty());
+        menu->exec(edit->mapToGlobal(at));
+    });
     const auto view = [this](QLineEdit* edit, DataView v) {
         m_tips[size_t(v)] = edit->toolTip();
         connect(edit, &QLineEdit::textEdited, this, [this, edit, v](const QString& text) {

@@ -74,6 +74,8 @@ public:
 signals:
     // A transfer worked: what was done, for the status bar.
     void done(const QString& what);
+    // The address box's entry, to be plotted (a plot source: "sdo 1,6064,0").
+    void plotRequested(const QString& source);
 
 private:
     void RememberAddress(const QString& address, const QString& data);
