@@ -181,6 +181,7 @@ FileTrace readFileTrace(const PlotSource& s, qsizetype capacity)
     Passed passed;
     TraceRecord r;
     QString error;
+    qint64 firstUs = -1;
     for (;;) {
         const TraceReader::Result result = reader->next(&r, &error);
         if (result == TraceReader::End)
@@ -189,8 +190,11 @@ FileTrace readFileTrace(const PlotSource& s, qsizetype capacity)
             passed.add(error);
             continue;
         }
+        if (firstUs < 0)
+            firstUs = r.timeUs;
         if (r.id == s.id && !r.remote)
-            addField(s, double(r.timeUs) / 1e6, r.data.constData(), int(r.data.size()), &out);
+            addField(s, double(r.timeUs - firstUs) / 1e6, r.data.constData(), int(r.data.size()),
+                     &out);
     }
     out.note = passed.note();
     return out;

@@ -4,6 +4,7 @@
 #include "frmio.h"
 #include "frmmain.h"
 #include "frmnetwork.h"
+#include "frmplot.h"
 #include "frmseq.h"
 #include "identifiertable.h"
 #include "sdopanel.h"
@@ -61,6 +62,7 @@ private slots:
     void runningToolsStopWhenTheServerGoes();
     void busViewDecodesAndCounts();
     void networkWindow();
+    void plotWindow();
 
 private:
     WindowTestBench m_bench;
@@ -274,6 +276,74 @@ void TstMonitorTools::networkWindow()
     QTest::mouseClick(t.window.benchPanel->cmdShutdown, Qt::LeftButton);
     QTRY_COMPARE_WITH_TIMEOUT(cell(FrmNetwork::Alarm), QString("heartbeat missed"), 3000);
     QCOMPARE(w->logText().count("heartbeat missed"), 1);
+}
+
+void TstMonitorTools::plotWindow()
+{
+    QVERIFY(m_bench.startServer());
+    Tessel t(m_bench.server->socketPath());
+    QVERIFY(t.load());
+    t.window.findChild<QPushButton*>("cmdPlot")->click();
+    auto* w = t.window.findChild<FrmPlot*>();
+    QVERIFY(w && w->isVisible());
+    // A typo is said, and nothing is added.
+    w->txtSource->setText("sdo 1,60x1,0");
+    QTest::mouseClick(w->cmdAdd, Qt::LeftButton);
+    QVERIFY2(w->lblStatus->text().startsWith("Not added: an entry is"),
+             qPrintable(w->lblStatus->text()));
+    QCOMPARE(w->traceCount(), 0);
+    // The drive's statusword by SDO, its heartbeat's state byte, a fixture channel.
+    w->txtSource->setText("sdo 1,6041,0 u16 every 20 as Statusword");
+    QTest::keyClick(w->txtSource, Qt::Key_Return);
+    QVERIFY(w->addSource("frame 701 0:7 as State"));
+    QVERIFY(w->addSource("analog 0 every 50"));
+    QCOMPARE(w->traceCount(), 3);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        w->ring(0).size() > 10 && w->ring(1).size() >= 1 && w->ring(2).size() > 3, 5000);
+    const CanLink::SdoResult status = t.window.link()->sdoTransfer(0, true, 1, 0x6041, 0);
+    QCOMPARE(w->ring(0).last().v, double(quint8(status.data[0]) | quint8(status.data[1]) << 8));
+    QCOMPARE(w->ring(1).last().v, 127.0); // pre-operational
+    // The reads keep to their period: about 50 a second, none of them failed.
+    const double span = w->ring(0).last().t - w->ring(0).at(0).t;
+    QVERIFY2(w->ring(0).size() >= span * 25 && w->ring(0).size() <= span * 50 + 2,
+             qPrintable(QString("%1 reads in %2 s").arg(w->ring(0).size()).arg(span)));
+    for (qsizetype i = 0; i < w->ring(0).size(); ++i)
+        QVERIFY(!w->ring(0).at(i).isGap());
+    // Cursors read every trace; the CSV holds the visible range's values.
+    w->setFollowing(false);
+    w->redraw();
+    w->setCursorAt(0, w->ring(0).at(2).t);
+    w->setCursorAt(1, w->ring(0).last().t);
+    QCOMPARE(w->grdTraces->item(0, FrmPlot::AtA)->text(), QString::number(w->ring(0).at(2).v));
+    QCOMPARE(w->grdTraces->item(0, FrmPlot::Difference)->text(), QString("0"));
+    QVERIFY(w->lblStatus->text().contains("B - A "));
+    QTemporaryDir dir;
+    QString error;
+    QVERIFY2(w->exportCsv(dir.filePath("plot.csv"), &error), qPrintable(error));
+    QFile csv(dir.filePath("plot.csv"));
+    QVERIFY(csv.open(QIODevice::ReadOnly));
+    const QList<QByteArray> lines = csv.readAll().split('\n');
+    QCOMPARE(lines[0], QByteArray("time_s,trace,value,error"));
+    QVERIFY(lines.size() > 10);
+    QVERIFY(w->exportPng(dir.filePath("plot.png"), &error));
+    QCOMPARE(QImage(dir.filePath("plot.png")).isNull(), false);
+    // The server gone: a gap with its reason, no line across it, no crash.
+    m_bench.server->kill();
+    QTRY_VERIFY_WITH_TIMEOUT(w->ring(0).last().isGap(), 5000);
+    QCOMPARE(w->ring(0).gapReason(w->ring(0).last().t), QString("CAN server not reachable"));
+    w->redraw();
+    QTRY_VERIFY(w->grdTraces->item(0, FrmPlot::Now)->text().startsWith("gap: "));
+    // Closed, the reads stop; the traces and the settings stay for the next window.
+    w->close();
+    const qsizetype kept = w->ring(0).size();
+    QTest::qWait(200);
+    QCOMPARE(w->ring(0).size(), kept);
+    FrmPlot again(t.window.link());
+    QCOMPARE(again.traceCount(), 3);
+    QCOMPARE(again.traceName(0), QString("Statusword"));
+    // The loss is said once, by the main window.
+    QCOMPARE(t.messages.size(), 1);
+    QVERIFY(t.messages[0].startsWith("The CAN server was lost."));
 }
 
 QTEST_MAIN(TstMonitorTools)
