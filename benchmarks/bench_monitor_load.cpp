@@ -6,13 +6,15 @@
 // the server together) after the first minute and at the end, and the CPU time a frame received
 // of Tessel's main thread and of the rest of the process.
 //
-//   bench_monitor_load [--minutes N] [--tab T]
+//   bench_monitor_load [--minutes N] [--tab T] [--plot]
 //     N: default 2, 60 for the hour-long run; T: the monitor's tab on screen, 0 the trace
-//     (default), 1 the decoded frames, 2 the identifiers.
+//     (default), 1 the decoded frames, 2 the identifiers. --plot: the plot window on screen
+//     too, with a trace of each controller's frames (their number, from the frame's data).
 
 #include "floodserver.h"
 #include "frmdiagno.h"
 #include "frmmain.h"
+#include "frmplot.h"
 #include "frmseq.h"
 #include "slotgrid.h"
 
@@ -75,11 +77,15 @@ int main(int argc, char** argv)
     QApplication app(argc, argv);
     double minutes = 2;
     int tab = 0;
-    for (int i = 1; i + 1 < argc; ++i) {
+    bool plot = false;
+    for (int i = 1; i < argc; ++i) {
+        const QByteArray value = i + 1 < argc ? QByteArray(argv[i + 1]) : QByteArray();
         if (QByteArray(argv[i]) == "--minutes")
-            minutes = QByteArray(argv[i + 1]).toDouble();
+            minutes = value.toDouble();
+        if (QByteArray(argv[i]) == "--plot")
+            plot = true;
         if (QByteArray(argv[i]) == "--tab")
-            tab = QByteArray(argv[i + 1]).toInt();
+            tab = value.toInt();
     }
     QTemporaryDir dir;
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, dir.filePath("settings"));
@@ -111,6 +117,12 @@ int main(int argc, char** argv)
     monitor->setSequenceText(0, QStringLiteral("M1 T0.01 M2 T0.01"));
     monitor->cmdSeq_Click();
     monitor->sequencer()->chkEn[0]->setChecked(true);
+    if (plot) {
+        window.findChild<QPushButton*>(QStringLiteral("cmdPlot"))->click();
+        auto* p = window.findChild<FrmPlot*>();
+        for (int c = 0; c < kControllers; ++c)
+            p->addSource(QStringLiteral("frame %1 0:32 on %2").arg(0x7F0 + c, 0, 16).arg(c));
+    }
 
     qint64 received = 0;
     std::array<qint64, kControllers> perController{};
@@ -171,6 +183,9 @@ int main(int argc, char** argv)
     std::printf("CPU a frame received: Tessel's main thread %.2f us; the rest of the process (the "
                 "server's thread with the simulated buses and their busy devices) %.2f us\n",
                 mainCpu * 1e6 / counted, restCpu * 1e6 / counted);
+    if (auto* p = window.findChild<FrmPlot*>())
+        std::printf("plot: %d traces, %lld values in the first\n", p->traceCount(),
+                    p->traceCount() > 0 ? qint64(p->ring(0).size()) : 0LL);
     if (memoryAfterMinute >= 0)
         std::printf("resident memory of Tessel and the server: %.1f MB after the first minute, "
                     "%.1f MB at the end "

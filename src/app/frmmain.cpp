@@ -126,7 +126,6 @@ void FrmMain::buildWindow()
     txtAbort = sdoPanel->txtAbort;
     txtSDOTimeOut = sdoPanel->txtSDOTimeOut;
     connect(sdoPanel, &SdoPanel::done, m_status, &StatusLine::reportDone);
-    connect(sdoPanel, &SdoPanel::plotRequested, m_tools, &ToolWindows::plotSource);
     nmtPanel = new NmtPanel(this, controllerPanel, txtAbort, central);
     cmdNMT = nmtPanel->cmdNMT;
     txtFWNode = nmtPanel->txtFWNode;
@@ -148,7 +147,7 @@ void FrmMain::buildWindow()
     benchPanel = new BenchPanel(&m_link, txtFWNode, txtAbort, &m_placement, this, central);
     benchPanel->bus = this;
     connect(benchPanel, &BenchPanel::message, this, &FrmMain::showMessage);
-    connect(benchPanel, &BenchPanel::plotRequested, m_tools, &ToolWindows::plotSource);
+    m_tools->plotFrom(sdoPanel, benchPanel);
     connect(controllerPanel, &ControllerPanel::busAvailable, nmtPanel, &NmtPanel::setBusEnabled);
     connect(controllerPanel, &ControllerPanel::busAvailable, sdoPanel, &SdoPanel::setBusEnabled);
     connect(controllerPanel, &ControllerPanel::busAvailable, upgradePanel,

@@ -1,5 +1,6 @@
 #include "toolwindows.h"
 
+#include "benchpanel.h"
 #include "datadir.h"
 #include "frmdiagno.h"
 #include "frmeds.h"
@@ -11,6 +12,7 @@
 #include "frmserial.h"
 #include "frmxboot.h"
 #include "monitorlink.h"
+#include "sdopanel.h"
 #include "windowplacement.h"
 
 #include <QHBoxLayout>
@@ -174,6 +176,12 @@ void ToolWindows::plotSource(const QString& text)
         return;
     }
     m_plot->addSource(text);
+}
+
+void ToolWindows::plotFrom(SdoPanel* sdo, BenchPanel* bench)
+{
+    connect(sdo, &SdoPanel::plotRequested, this, &ToolWindows::plotSource);
+    connect(bench, &BenchPanel::plotRequested, this, &ToolWindows::plotSource);
 }
 
 QList<QWidget*> ToolWindows::carried() const

@@ -11,6 +11,7 @@ class QWidget;
 
 namespace tessel {
 
+class BenchPanel;
 class CanLink;
 class FrmDiagno;
 class FrmEDS;
@@ -18,6 +19,7 @@ class FrmIO;
 class FrmNetwork;
 class FrmPlot;
 class MonitorLink;
+class SdoPanel;
 class FrmSerial;
 class FrmXBoot;
 class WindowPlacement;
@@ -56,6 +58,8 @@ public:
     // Opens the plot with a new trace of the source (see PlotSource); a source ending in "..."
     // is put in the plot's source box for the user to finish instead.
     void plotSource(const QString& text);
+    // The main window's panels that offer their values to the plot.
+    void plotFrom(SdoPanel* sdo, BenchPanel* bench);
 
     FrmXBoot* production() const { return m_xboot; }
     FrmSerial* serial() const { return m_serial; }

@@ -344,7 +344,7 @@ void FrmPlot::addTrace(const PlotSource& source, const QString& note, SampleRing
     t->controller = source.controller >= 0 ? source.controller : m_controller;
     const QColor color = kColors[m_traces.size() % std::size(kColors)];
     t->graph = plot->addGraph(plot->xAxis, plot->yAxis);
-    t->graph->setPen(QPen(color, 1.5));
+    t->graph->setPen(QPen(color, 1)); // a thin pen draws thousands of steep lines quickly
     t->graph->setName(source.label());
     t->graph->setAdaptiveSampling(false); // the window decimates, keeping the extremes
     const int row = grdTraces->rowCount();

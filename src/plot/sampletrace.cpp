@@ -23,6 +23,9 @@ void SampleRing::push(const Sample& s)
     if (!m_data.empty() && sample.t < last().t)
         sample.t = last().t;
     if (size() < m_capacity) {
+        // Grown by doubling, but never past the ring's bound.
+        if (m_data.size() == m_data.capacity())
+            m_data.reserve(size_t(qMin(m_capacity, qMax<qsizetype>(1024, 2 * size()))));
         m_data.push_back(sample);
         return;
     }
@@ -109,16 +112,15 @@ QVector<QPointF> decimate(const SampleRing& ring, double t0, double t1, int colu
     const qsizetype begin = qMax<qsizetype>(0, ring.lowerBound(t0) - 1);
     const qsizetype end = qMin(ring.size(), ring.lowerBound(t1) + 1);
     const double width = (t1 - t0) / columns;
-    const auto columnOf = [&](double t) {
-        return t < t0 ? -1 : qMin<qint64>(columns, qint64((t - t0) / width));
-    };
     out.reserve(int(qMin<qsizetype>(end - begin, qsizetype(columns) * 4 + 8)));
     bool lastWasGap = false;
-    qsizetype first = -1, low = -1, high = -1, lastIndex = -1;
+    // The stretch without a gap being scanned in the column: its first, lowest, highest, last.
+    qsizetype first = -1, low = 0, high = 0, last = 0;
+    double lowValue = 0, highValue = 0;
     const auto flush = [&] {
         if (first < 0)
             return;
-        qsizetype picks[4] = {first, low, high, lastIndex};
+        qsizetype picks[4] = {first, low, high, last};
         std::sort(picks, picks + 4);
         for (int k = 0; k < 4; ++k)
             if (k == 0 || picks[k] != picks[k - 1])
@@ -126,32 +128,47 @@ QVector<QPointF> decimate(const SampleRing& ring, double t0, double t1, int colu
         first = -1;
         lastWasGap = false;
     };
-    qint64 column = columnOf(ring.at(begin).t);
-    for (qsizetype i = begin; i < end; ++i) {
-        const Sample& s = ring.at(i);
-        const qint64 c = columnOf(s.t);
-        if (c != column) {
-            flush();
-            column = c;
-        }
-        if (s.isGap()) {
-            flush();
-            if (!lastWasGap)
-                out.append(QPointF(s.t, kNaN));
-            lastWasGap = true;
-            continue;
-        }
-        if (first < 0) {
-            first = low = high = lastIndex = i;
-            continue;
-        }
-        if (s.v < ring.at(low).v)
-            low = i;
-        if (s.v > ring.at(high).v)
-            high = i;
-        lastIndex = i;
+    // One column's samples, from..to-1.
+    const auto scan = [&](qsizetype from, qsizetype to) {
+        ring.forEach(from, to, [&](const Sample* p, qsizetype count, qsizetype index) {
+            for (qsizetype k = 0; k < count; ++k) {
+                const double v = p[k].v;
+                if (v != v) {
+                    flush();
+                    if (!lastWasGap)
+                        out.append(QPointF(p[k].t, v));
+                    lastWasGap = true;
+                } else if (first < 0) {
+                    first = low = high = last = index + k;
+                    lowValue = highValue = v;
+                } else {
+                    if (v < lowValue) {
+                        lowValue = v;
+                        low = index + k;
+                    }
+                    if (v > highValue) {
+                        highValue = v;
+                        high = index + k;
+                    }
+                    last = index + k;
+                }
+            }
+        });
+        flush();
+    };
+    qsizetype i = begin;
+    // The sample before the range is a column of its own, as is the one after it.
+    if (ring.at(i).t < t0) {
+        scan(i, i + 1);
+        ++i;
     }
-    flush();
+    for (int c = 0; c < columns && i < end; ++c) {
+        const qsizetype next = qMin(end, ring.lowerBound(t0 + (c + 1) * width));
+        scan(i, next);
+        i = qMax(i, next);
+    }
+    if (i < end)
+        scan(i, end);
     return out;
 }
 

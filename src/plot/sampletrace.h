@@ -47,6 +47,19 @@ public:
     const Sample& last() const { return at(size() - 1); }
     // The first sample at or after t (size() when none).
     qsizetype lowerBound(double t) const;
+    // Calls visit(samples, count, index) for the samples first..end-1 in at most two stretches
+    // that lie together in memory, so that a scan needs no index arithmetic per sample.
+    template <typename Visit> void forEach(qsizetype first, qsizetype end, Visit visit) const
+    {
+        const qsizetype n = size();
+        const qsizetype start = n < m_capacity ? 0 : m_head;
+        while (first < end) {
+            const qsizetype at = (start + first) % n;
+            const qsizetype count = qMin(end - first, n - at);
+            visit(m_data.data() + at, count, first);
+            first += count;
+        }
+    }
     // Samples pushed out since the last clear.
     qint64 dropped() const { return m_dropped; }
     // Why there was no value at the gap at t (or the last one before t).
