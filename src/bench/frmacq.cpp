@@ -66,8 +66,9 @@ FrmAcq::FrmAcq(const FixtureDescription& description, BenchControl* control,
         if (channel < 0)
             return;
         const QString source =
-            QStringLiteral("analog %1 as \"%2\"")
+            QStringLiteral("analog %1%2 as \"%3\"")
                 .arg(channel)
+                .arg(m_description.acquireFirst ? QStringLiteral(" latched") : QString())
                 .arg(QString(item->text(0)).replace(QLatin1Char('"'), QLatin1Char('\'')));
         QMenu menu(this);
         menu.addAction(QStringLiteral("&Plot %1").arg(item->text(0)), this,

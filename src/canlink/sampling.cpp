@@ -118,6 +118,10 @@ void LiveSampler::ask()
                        [this] { finish(std::nullopt, qorcalib::ServerConnection::kNotReachable); });
     m_watchdog.start(m_link->sdoTimeoutMs() + CanLink::kSdoGraceMs);
     if (m_target.analog) {
+        // The server takes one session's calls in order: the acquisition is done before the
+        // read.
+        if (m_target.acquireFirst)
+            c->benchIo()->Acquire();
         auto* watcher =
             new QRemoteObjectPendingCallWatcher(c->benchIo()->ReadAnalog(m_target.channel), this);
         m_watch << connect(watcher, &QRemoteObjectPendingCallWatcher::finished, this,

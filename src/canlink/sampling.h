@@ -66,6 +66,7 @@ public:
         int subIndex = 0;
         QString type;    // of the entry's value (see sampleValue)
         int channel = 0; // of the fixture, when analog
+        bool acquireFirst = false; // the board latches its readings: acquire before each read
     };
     // Times are read from `clock`, which the caller started (the plot's shared clock).
     LiveSampler(CanLink* link, const Target& target, int periodMs, const QElapsedTimer* clock,

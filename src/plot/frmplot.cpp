@@ -23,7 +23,6 @@
 #include <QSettings>
 #include <QShortcut>
 #include <QSpinBox>
-#include <QSplitter>
 #include <QTableWidget>
 #include <QThread>
 #include <QVBoxLayout>
@@ -37,6 +36,13 @@ namespace {
 const QColor kColors[] = {QColor(0, 90, 200),  QColor(210, 60, 20),  QColor(20, 150, 60),
                           QColor(140, 60, 170), QColor(200, 140, 0), QColor(0, 150, 160),
                           QColor(120, 120, 120), QColor(200, 40, 120)};
+
+// A value in the table: whole numbers as they are, others to seven significant digits (the
+// CSV export has them exactly).
+QString shownText(double v)
+{
+    return v == std::floor(v) && std::fabs(v) < 1e15 ? sampleText(v) : QString::number(v, 'g', 7);
+}
 
 QString secondsText(double t)
 {
@@ -160,12 +166,9 @@ FrmPlot::FrmPlot(CanLink* link, QWidget* parent) : QWidget(parent, Qt::Window), 
     grdTraces->setToolTip(QStringLiteral("Tick to show a trace; Delete or the context menu "
                                          "removes it"));
 
-    auto* split = new QSplitter(Qt::Vertical, this);
-    split->addWidget(plot);
-    split->addWidget(grdTraces);
-    split->setStretchFactor(0, 1);
-    split->setStretchFactor(1, 0);
-    split->setSizes({400, 110});
+    // The table is as tall as a few traces; the plot takes the rest.
+    grdTraces->setMinimumHeight(grdTraces->fontMetrics().height() * 5);
+    grdTraces->setMaximumHeight(grdTraces->fontMetrics().height() * 9);
     lblStatus = new QLabel(this);
     lblStatus->setObjectName(QStringLiteral("lblStatus"));
     lblStatus->setTextInteractionFlags(Qt::TextSelectableByMouse);
@@ -173,7 +176,8 @@ FrmPlot::FrmPlot(CanLink* link, QWidget* parent) : QWidget(parent, Qt::Window), 
 
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(top);
-    layout->addWidget(split, 1);
+    layout->addWidget(plot, 1);
+    layout->addWidget(grdTraces);
     layout->addLayout(bottom);
     layout->addWidget(lblStatus);
     resize(900, 560);
@@ -403,6 +407,7 @@ void FrmPlot::startSampler(Trace* t)
     target.subIndex = s.subIndex;
     target.type = s.type;
     target.channel = s.channel;
+    target.acquireFirst = s.latched;
     t->sampler = std::make_unique<LiveSampler>(m_link, target, period, &m_clock);
     connect(t->sampler.get(), &LiveSampler::sampled, this, [this, t](double at, double v) {
         t->ring.append(at, v);
@@ -432,6 +437,7 @@ void FrmPlot::removeTrace(int row)
 
 void FrmPlot::placeAxes()
 {
+    plot->legend->setVisible(!m_traces.empty());
     const bool shared = chkShared->isChecked();
     plot->yAxis->setVisible(shared && !m_traces.empty());
     for (auto& t : m_traces) {
@@ -575,7 +581,7 @@ QString FrmPlot::valueText(const Trace& t, double at) const
     const Sample* s = t.ring.valueAt(at);
     if (!s)
         return {};
-    return s->isGap() ? QStringLiteral("gap: ") + t.ring.gapReason(s->t) : sampleText(s->v);
+    return s->isGap() ? QStringLiteral("gap: ") + t.ring.gapReason(s->t) : shownText(s->v);
 }
 
 void FrmPlot::updateTable()
@@ -591,7 +597,7 @@ void FrmPlot::updateTable()
         const Sample* a = m_cursorAt[0] < 0 ? nullptr : r.valueAt(m_cursorAt[0]);
         const Sample* b = m_cursorAt[1] < 0 ? nullptr : r.valueAt(m_cursorAt[1]);
         grdTraces->item(row, Difference)
-            ->setText(a && b && !a->isGap() && !b->isGap() ? sampleText(b->v - a->v) : QString());
+            ->setText(a && b && !a->isGap() && !b->isGap() ? shownText(b->v - a->v) : QString());
         grdTraces->item(row, Samples)
             ->setText(QLocale().toString(r.size()) +
                       (r.dropped() > 0 ? QStringLiteral(" (+%1 gone)").arg(r.dropped())

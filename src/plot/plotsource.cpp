@@ -166,6 +166,10 @@ std::optional<PlotSource> PlotSource::parse(const QString& text, QString* error)
             return std::nullopt;
         }
         words.removeFirst();
+        if (!words.isEmpty() && words.first() == QLatin1String("latched")) {
+            s.latched = true;
+            words.removeFirst();
+        }
     } else if (kind == QLatin1String("file")) {
         s.path = words.isEmpty() ? QString() : words.takeFirst();
         const QString what = words.isEmpty() ? QString() : words.takeFirst();
@@ -220,6 +224,8 @@ QString PlotSource::text() const
         break;
     case Kind::Analog:
         t = QStringLiteral("analog %1").arg(channel);
+        if (latched)
+            t += QStringLiteral(" latched");
         break;
     case Kind::FileColumn:
         t = QStringLiteral("file %1 column %2").arg(quoted(path), quoted(column));

@@ -12,7 +12,9 @@ namespace tessel {
 //                                            TYPE u8 u16 u32 i8 i16 i32, else by its size)
 //   frame ID BIT:BITS [signed] [*SCALE]      a field of every frame with the identifier (hex),
 //                                            little-endian from its first bit
-//   analog CHANNEL                           a bench fixture's analog channel at the period
+//   analog CHANNEL [latched]                 a bench fixture's analog channel at the period;
+//                                            latched: the board holds its readings until told
+//                                            to acquire, which each read does first
 //   file PATH column NAME                    a column of a CSV with a header line whose first
 //                                            column is the time in seconds
 //   file PATH frame ID BIT:BITS [signed] [*SCALE]
@@ -44,6 +46,7 @@ struct PlotSource
     bool isSigned = false;
     double scale = 1;
     int channel = 0;
+    bool latched = false;
     QString path;
     QString column;
     QString name;

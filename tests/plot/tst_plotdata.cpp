@@ -157,6 +157,8 @@ void TstPlotData::sources_data()
     row("frame field", "frame 381 16:32 signed *0.5 as Position",
         "frame 381 16:32 signed *0.5 as Position");
     row("analog", "analog 3 every 500", "analog 3 every 500");
+    row("analog of a latching board", "analog 0 latched as \"pwr short\"",
+        "analog 0 latched as \"pwr short\"");
     row("file column", "file \"/tmp/a b.csv\" column value", "file \"/tmp/a b.csv\" column value");
     row("file frame", "file x.log frame 181 0:16", "file x.log frame 181 0:16");
     row("nothing", "", "!a source is sdo");
