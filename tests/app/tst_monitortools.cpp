@@ -330,7 +330,7 @@ void TstMonitorTools::plotWindow()
     // The server gone: a gap with its reason, no line across it, no crash.
     m_bench.server->kill();
     QTRY_VERIFY_WITH_TIMEOUT(w->ring(0).last().isGap(), 5000);
-    QCOMPARE(w->ring(0).gapReason(w->ring(0).last().t), QString("CAN server not reachable"));
+    QVERIFY(w->ring(0).gapReason(w->ring(0).last().t).startsWith("CAN server not reachable"));
     w->redraw();
     QTRY_VERIFY(w->grdTraces->item(0, FrmPlot::Now)->text().startsWith("gap: "));
     // Closed, the reads stop; the traces and the settings stay for the next window.

@@ -28,7 +28,7 @@ echo "Depends: $depends"
 names=$(tr ',' '\n' <<<"$depends" | awk '{print $1}')
 for lib in libc6 libstdc++6 libqt6core6 libqt6gui6 libqt6widgets6 libqt6network6 \
   libqt6remoteobjects6 libqt6serialbus6 libqt6serialport6 libqt6sql6 libqt6sql6-sqlite \
-  libqt6printsupport6 libqcustomplot2.1-qt6; do
+  libqcustomplot2.1-qt6; do
   grep -qxF "$lib" <<<"$names" || fail "Depends lacks $lib"
 done
 
