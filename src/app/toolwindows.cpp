@@ -12,6 +12,7 @@
 #include "frmserial.h"
 #include "frmxboot.h"
 #include "monitorlink.h"
+#include "nodescan.h"
 #include "sdopanel.h"
 #include "windowplacement.h"
 
@@ -72,6 +73,7 @@ void ToolWindows::setMonitor(FrmDiagno* monitor, MonitorLink* link)
 {
     m_monitor = monitor;
     connect(m_monitor->busView, &BusView::plotRequested, this, &ToolWindows::plotSource);
+    connect(m_monitor->busView, &BusView::mappingRequested, this, &ToolWindows::readMapping);
     m_monitorLink = link;
     // The monitor reads the bus by the EDS the browser opens with, until it opens another.
     useEds(qorcalib::dataFile(QStringLiteral("drive.eds")));
@@ -79,9 +81,38 @@ void ToolWindows::setMonitor(FrmDiagno* monitor, MonitorLink* link)
 
 void ToolWindows::useEds(const QString& path)
 {
+    m_edsPath = path;
+    m_dictionary = std::make_shared<const DeviceDictionary>(readDeviceDictionary(path));
     if (m_monitor)
-        m_monitor->busView->setDictionary(
-            std::make_shared<const DeviceDictionary>(readDeviceDictionary(path)));
+        m_monitor->busView->setDictionary(m_dictionary);
+}
+
+void ToolWindows::readMapping(int controller, int id)
+{
+    const int function = id >> 7;
+    const int pdo = (function - 3) / 2;
+    const bool transmit = function % 2 == 1;
+    QString error;
+    const auto mapping = readPdoMapping(m_link, controller, id & 0x7F, transmit, pdo, &error);
+    if (!mapping || !m_dictionary) {
+        emit message(error);
+        return;
+    }
+    // Every node's PDO is read by it from now on: nodes of one kind share a dictionary.
+    auto next = std::make_shared<DeviceDictionary>(*m_dictionary);
+    QList<DeviceDictionary::Field>& fields =
+        transmit ? next->tpdo[size_t(pdo)] : next->rpdo[size_t(pdo)];
+    fields.clear();
+    for (const quint32 entry : *mapping) {
+        DeviceDictionary::Field f;
+        f.index = quint16(entry >> 16);
+        f.subIndex = quint8(entry >> 8);
+        f.bits = int(entry & 0xFF);
+        f.isSigned = edsValueType(m_edsPath, f.index, f.subIndex).startsWith(QLatin1Char('i'));
+        fields << f;
+    }
+    m_dictionary = next;
+    m_monitor->busView->setDictionary(m_dictionary);
 }
 
 void ToolWindows::place(QWidget* window, QPoint offset) const

@@ -5,6 +5,8 @@
 #include <QPointer>
 #include <QString>
 
+#include <memory>
+
 class QHBoxLayout;
 class QPushButton;
 class QWidget;
@@ -13,6 +15,7 @@ namespace tessel {
 
 class BenchPanel;
 class CanLink;
+struct DeviceDictionary;
 class FrmDiagno;
 class FrmEDS;
 class FrmIO;
@@ -58,6 +61,8 @@ public:
     // Opens the plot with a new trace of the source (see PlotSource); a source ending in "..."
     // is put in the plot's source box for the user to finish instead.
     void plotSource(const QString& text);
+    // The PDO of the identifier as its node maps it now, in the dictionary the bus views read.
+    void readMapping(int controller, int id);
     // The main window's panels that offer their values to the plot.
     void plotFrom(SdoPanel* sdo, BenchPanel* bench);
 
@@ -89,6 +94,8 @@ private:
     WindowPlacement* m_placement;
     QWidget* m_main;
     FrmDiagno* m_monitor = nullptr;
+    QString m_edsPath;
+    std::shared_ptr<const DeviceDictionary> m_dictionary;
     MonitorLink* m_monitorLink = nullptr;
     FrmNetwork* m_network = nullptr;
     FrmPlot* m_plot = nullptr;

@@ -1,5 +1,8 @@
 #include "nodescan.h"
 
+#include "sampling.h"
+#include "sdoabort.h"
+
 #include <QtEndian>
 
 namespace tessel {
@@ -37,6 +40,41 @@ std::optional<NodeIdentity> NodeScan::read(int node, QString* error, ErrorKind* 
             id.deviceName = QString::fromLatin1(name.data).trimmed();
     }
     return id;
+}
+
+std::optional<QList<quint32>> readPdoMapping(CanLink* link, int controller, int node, bool transmit,
+                                             int pdo, QString* error)
+{
+    const int index = (transmit ? 0x1A00 : 0x1600) + pdo;
+    const auto entry = [&](int sub) -> std::optional<quint32> {
+        const CanLink::SdoResult r = link->sdoTransfer(controller, true, node, index, sub);
+        QString why = r.error;
+        if (why.isEmpty() && r.abortCode != 0)
+            why = qorcalib::sdoAbortDescription(r.abortCode);
+        std::optional<double> v;
+        if (why.isEmpty())
+            v = sampleValue(r.data, {}, &why);
+        if (!v) {
+            *error = QStringLiteral("%1 sub %2 of node %3: %4")
+                         .arg(QString::number(index, 16).toUpper())
+                         .arg(sub)
+                         .arg(node)
+                         .arg(why);
+            return std::nullopt;
+        }
+        return quint32(*v);
+    };
+    const auto count = entry(0);
+    if (!count)
+        return std::nullopt;
+    QList<quint32> mapping;
+    for (int sub = 1; sub <= qMin<int>(int(*count), 64); ++sub) {
+        const auto v = entry(sub);
+        if (!v)
+            return std::nullopt;
+        mapping << *v;
+    }
+    return mapping;
 }
 
 } // namespace tessel

@@ -35,4 +35,10 @@ private:
     int m_controller;
 };
 
+// A PDO's mapping as the node has it now (1600 + pdo for a receive PDO, 1A00 + pdo for a transmit
+// PDO, pdo 0 to 3): its entries, each index << 16 | sub-index << 8 | bits; nothing, with the
+// reason, when a read failed or the node holds no such mapping.
+std::optional<QList<quint32>> readPdoMapping(CanLink* link, int controller, int node, bool transmit,
+                                             int pdo, QString* error);
+
 } // namespace tessel

@@ -137,6 +137,9 @@ void BusView::offerPlot(const QPoint& at)
             bit += f.bits;
         }
     }
+    if (node > 0 && function >= 3 && function <= 10)
+        menu.addAction(QStringLiteral("&Read the mapping from node %1").arg(node), this,
+                       [this, controller, id] { emit mappingRequested(controller, id); });
     const QString start = QStringLiteral("frame %1 0:8 on %2...")
                               .arg(QString::number(id, 16).toUpper())
                               .arg(controller);

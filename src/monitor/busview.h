@@ -65,6 +65,8 @@ signals:
     // A field of a row's frames to plot (a plot source), or, ending in "...", a start for the
     // user to finish.
     void plotRequested(const QString& source);
+    // The PDO of a row to be read from its node (its mapping now), for the dictionary.
+    void mappingRequested(int controller, int id);
 
 private:
     void offerPlot(const QPoint& at);

@@ -10,6 +10,7 @@
 #include "sdopanel.h"
 #include "serverprocess.h"
 #include "tesselharness.h"
+#include "toolwindows.h"
 
 #include <QtTest>
 #include <QtWidgets>
@@ -231,6 +232,23 @@ void TstMonitorTools::busViewDecodesAndCounts()
     QTest::mouseClick(m->btnRes, Qt::LeftButton);
     QCOMPARE(rows->rowCount(), 0);
     QCOMPARE(m->busView->decodedText(), QString());
+
+    // TPDO1 mapped anew on the drive, and its mapping read back for the decoder: the next TPDO1
+    // (the statusword changing) shows the new field by its name.
+    const auto write = [&](int index, int sub, const QByteArray& value) {
+        const auto r = t.window.link()->sdoTransfer(0, false, 1, index, sub, value);
+        return r.error.isEmpty() && r.abortCode == 0;
+    };
+    QVERIFY(write(0x1800, 1, QByteArray::fromHex("81010080"))); // not valid while mapped
+    QVERIFY(write(0x1A00, 0, QByteArray(1, 0)));
+    QVERIFY(write(0x1A00, 2, QByteArray::fromHex("08006160")));
+    QVERIFY(write(0x1A00, 0, QByteArray(1, 2)));
+    QVERIFY(write(0x1800, 1, QByteArray::fromHex("81010000")));
+    t.window.findChild<ToolWindows*>()->readMapping(0, 0x181);
+    QVERIFY(write(0x6040, 0, QByteArray::fromHex("0600")));
+    QTRY_VERIFY2(m->busView->decodedText().contains(
+                     "TPDO1 node 1: Statusword = 561; Modes of Operation Display = 0"),
+                 qPrintable(m->busView->decodedText()));
 }
 
 void TstMonitorTools::networkWindow()
