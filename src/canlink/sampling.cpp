@@ -10,7 +10,7 @@
 
 namespace tessel {
 
-int smallestSamplePeriodMs(int bitsPerSecond)
+int smallestSamplePeriodMs(int bitsPerSecond, int entries)
 {
     if (bitsPerSecond <= 0)
         return kMinSamplePeriodMs;
@@ -20,7 +20,7 @@ int smallestSamplePeriodMs(int bitsPerSecond)
     worst.len = 8;
     worst.data.fill(0xFF);
     const double exchangeUs = 2 * qorcalib::frameDurationUs(worst, bitsPerSecond);
-    return qMax(kMinSamplePeriodMs, int(std::ceil(2 * exchangeUs / 1000.0)));
+    return qMax(kMinSamplePeriodMs, int(std::ceil(qMax(1, entries) * 2 * exchangeUs / 1000.0)));
 }
 
 void SampleSchedule::taken(qint64 nowMs)

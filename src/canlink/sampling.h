@@ -20,9 +20,10 @@ class CanLink;
 
 // The shortest period at which one node's entry can be read by expedited SDO and leave the bus
 // at least half free for everything else: a request and an answer of 8 bytes with the most
-// stuff bits, twice over, at the bit rate; never below kMinSamplePeriodMs.
+// stuff bits, twice over, at the bit rate; never below kMinSamplePeriodMs. Entries read at the
+// same period on the same bus share that half.
 constexpr int kMinSamplePeriodMs = 10;
-int smallestSamplePeriodMs(int bitsPerSecond);
+int smallestSamplePeriodMs(int bitsPerSecond, int entries = 1);
 
 // Reads due at fixed times, 0, P, 2P ...: a read that ends late does not bring the next ones
 // closer together to catch up, the times it missed are skipped (and counted), so the bus never

@@ -386,15 +386,14 @@ void FrmPlot::startSampler(Trace* t)
                        other->controller == t->controller;
         QString error;
         const int rateIndex = m_link->bitRate(t->controller, &error).value_or(-1);
-        const int smallest =
-            rateIndex < 0 ? kMinSamplePeriodMs
-                          : smallestSamplePeriodMs(qorcalib::bitRateOfIndex(rateIndex)) * entries;
+        const int smallest = smallestSamplePeriodMs(qorcalib::bitRateOfIndex(rateIndex), entries);
         if (period < smallest) {
-            say(QStringLiteral("%1 ms is below the shortest period at %2 for %3 entries: every %4 "
-                               "ms")
+            // As tessel-cli sample says it, with the entries that share the bus.
+            say(QStringLiteral("%1 ms is below the shortest period%2%3: every %4 ms")
                     .arg(period)
-                    .arg(qorcalib::bitRateText(rateIndex))
-                    .arg(entries)
+                    .arg(rateIndex < 0 ? QString()
+                                       : QStringLiteral(" at ") + qorcalib::bitRateText(rateIndex))
+                    .arg(entries > 1 ? QStringLiteral(" for %1 entries").arg(entries) : QString())
                     .arg(smallest));
             period = smallest;
         }

@@ -51,18 +51,21 @@ void TstSampling::schedule()
 
 void TstSampling::smallestPeriod_data()
 {
-    columns<int, int>({"bitsPerSecond", "ms"});
-    row("1000K: the floor", 1000000, 10);
-    row("125K: still the floor", 125000, 10);
+    columns<int, int, int>({"bitsPerSecond", "entries", "ms"});
+    row("1000K: the floor", 1000000, 1, 10);
+    row("125K: still the floor", 125000, 1, 10);
     // 8 bytes of ones stuff to 127 bits: four such frames take 50.8 ms at 10K.
-    row("10K: half the bus", 10000, 51);
-    row("rate not known", 0, 10);
+    row("10K: half the bus", 10000, 1, 51);
+    row("10K: three entries share it", 10000, 3, 152);
+    row("125K: twenty entries past the floor", 125000, 20, 81);
+    row("rate not known", 0, 5, 10);
 }
 
 void TstSampling::smallestPeriod()
 {
     QFETCH(int, bitsPerSecond);
-    QTEST(smallestSamplePeriodMs(bitsPerSecond), "ms");
+    QFETCH(int, entries);
+    QTEST(smallestSamplePeriodMs(bitsPerSecond, entries), "ms");
 }
 
 QTEST_GUILESS_MAIN(TstSampling)
