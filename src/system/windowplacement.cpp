@@ -117,6 +117,9 @@ void WindowPlacement::placeBeside(QWidget* window, const QWidget* mainWindow)
 
 void WindowPlacement::bringToFront(QWidget* window)
 {
+    // A window the user minimized comes back as it was (maximized stays maximized).
+    if (window->isMinimized())
+        window->setWindowState((window->windowState() & ~Qt::WindowMinimized) | Qt::WindowActive);
     window->show();
     window->raise();
     window->activateWindow();
