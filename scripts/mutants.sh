@@ -49,6 +49,9 @@ tests_for() {
     src/production/*) echo tst_productionrun tst_serialcounter tst_xboot ;;
     src/cli/*) echo tst_cliparse tst_tesselcli ;;
     src/sdo/*) echo tst_sdohelpers tst_userintent ;;
+    src/plot/*) echo tst_plotdata tst_monitortools ;;
+    src/canlink/sampling*) echo tst_sampling tst_plotdata tst_monitortools tst_tesselcli ;;
+    src/decode/*) echo tst_canopendecoder tst_plotdata ;;
     *) echo "" ;;
     esac
 }
