@@ -16,6 +16,7 @@
 #include "frmmain.h"
 #include "frmplot.h"
 #include "frmseq.h"
+#include "serverprocess.h"
 #include "slotgrid.h"
 
 #include <QApplication>
@@ -45,13 +46,7 @@ constexpr int kControllers = 4;
 
 qint64 residentKib()
 {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
-    return -1;
+    return qorcalib::test::residentKib(QCoreApplication::applicationPid());
 }
 
 double percentile(std::vector<double> values, double p)

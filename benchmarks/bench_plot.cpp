@@ -9,6 +9,7 @@
 #include "canlink.h"
 #include "frmplot.h"
 #include "sampletrace.h"
+#include "serverprocess.h"
 
 #include <qcustomplot.h>
 
@@ -28,13 +29,7 @@ namespace {
 
 qint64 residentKib()
 {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').value(0).toLongLong();
-    return -1;
+    return qorcalib::test::residentKib(QCoreApplication::applicationPid());
 }
 
 // The mean time of `times` redraws, each drawn to its pixels; *drawMs: of that, the drawing.
