@@ -226,7 +226,8 @@ void TstPlotData::fieldValues_data()
         4294967294.0);
     row("4 bits across a byte", "frame 1 6:4 signed", QByteArray::fromHex("c0 03"), -1.0);
     row("scaled", "frame 1 0:8 *0.5", QByteArray::fromHex("07"), 3.5);
-    row("one bit short", "frame 1 8:16", QByteArray::fromHex("0011"), qQNaN());
+    row("a byte short", "frame 1 8:16", QByteArray::fromHex("0011"), qQNaN());
+    row("ending within a byte not there", "frame 1 4:8", QByteArray::fromHex("ff"), qQNaN());
 }
 
 void TstPlotData::fieldValues()
