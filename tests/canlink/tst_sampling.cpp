@@ -18,6 +18,8 @@ private slots:
     void schedule();
     void smallestPeriod_data();
     void smallestPeriod();
+    void values_data();
+    void values();
 };
 
 void TstSampling::schedule_data()
@@ -66,6 +68,35 @@ void TstSampling::smallestPeriod()
     QFETCH(int, bitsPerSecond);
     QFETCH(int, entries);
     QTEST(smallestSamplePeriodMs(bitsPerSecond, entries), "ms");
+}
+
+void TstSampling::values_data()
+{
+    // value: as read, or NaN when the bytes are not one (why: the reason)
+    columns<QByteArray, QString, double, QString>({"data", "type", "value", "why"});
+    row("u8 by its size", QByteArray::fromHex("ff"), "", 255.0, "");
+    row("i8", QByteArray::fromHex("ff"), "i8", -1.0, "");
+    row("u16 by its size", QByteArray::fromHex("3412"), "", 4660.0, "");
+    row("i16", QByteArray::fromHex("feff"), "i16", -2.0, "");
+    row("u32 by its size", QByteArray::fromHex("feffffff"), "", 4294967294.0, "");
+    row("i32", QByteArray::fromHex("00000080"), "i32", -2147483648.0, "");
+    row("three bytes", QByteArray::fromHex("010203"), "", qQNaN(), "3 bytes are not a number");
+    row("none", QByteArray(), "", qQNaN(), "0 bytes are not a number");
+    row("four bytes typed i16", QByteArray::fromHex("01020304"), "i16", qQNaN(),
+        "4 bytes are not a number");
+}
+
+void TstSampling::values()
+{
+    QFETCH(QByteArray, data);
+    QFETCH(QString, type);
+    QFETCH(double, value);
+    QString why;
+    const auto v = sampleValue(data, type, &why);
+    QCOMPARE(v.has_value(), !qIsNaN(value));
+    if (v)
+        QCOMPARE(*v, value);
+    QTEST(why, "why");
 }
 
 QTEST_GUILESS_MAIN(TstSampling)
