@@ -1,11 +1,8 @@
 #include "frmplot.h"
 
-#include "bittiming.h"
-#include "canlink.h"
-#include "canmsg.h"
-#include "filesource.h"
 #include "machinesettings.h"
 #include "sampling.h"
+#include "traceset.h"
 
 #include <qcustomplot.h>
 
@@ -24,7 +21,6 @@
 #include <QShortcut>
 #include <QSpinBox>
 #include <QTableWidget>
-#include <QThread>
 #include <QVBoxLayout>
 
 #include <cmath>
@@ -51,11 +47,11 @@ QString secondsText(double t)
 
 } // namespace
 
-FrmPlot::FrmPlot(CanLink* link, QWidget* parent) : QWidget(parent, Qt::Window), m_link(link)
+FrmPlot::FrmPlot(CanLink* link, QWidget* parent)
+    : QWidget(parent, Qt::Window), m_set(new TraceSet(link, this))
 {
     setObjectName(QStringLiteral("frmPlot"));
     setWindowTitle(QStringLiteral("Plot"));
-    m_clock.start();
 
     auto* top = new QHBoxLayout;
     auto* sourceLabel = new QLabel(QStringLiteral("&Source:"), this);
@@ -193,15 +189,12 @@ FrmPlot::FrmPlot(CanLink* link, QWidget* parent) : QWidget(parent, Qt::Window), 
         redraw();
     });
     connect(spnKeep, &QSpinBox::valueChanged, this, [this](int keep) {
-        for (auto& t : m_traces)
-            t->ring.setCapacity(keep);
+        m_set->setCapacity(keep);
         showKeep();
-        m_dirty = true;
     });
+    connect(spnPeriod, &QSpinBox::valueChanged, m_set, &TraceSet::setPeriodMs);
     connect(cmdClear, &QPushButton::clicked, this, [this] {
-        for (auto& t : m_traces)
-            t->ring.clear();
-        m_dirty = true;
+        m_set->clearValues();
         redraw();
     });
     connect(cmdCsv, &QPushButton::clicked, this, [this] {
@@ -228,10 +221,10 @@ FrmPlot::FrmPlot(CanLink* link, QWidget* parent) : QWidget(parent, Qt::Window), 
     connect(grdTraces, &QTableWidget::itemChanged, this, [this](QTableWidgetItem* item) {
         if (item->column() != Name || item->row() >= traceCount())
             return;
-        Trace& t = *m_traces[size_t(item->row())];
-        t.graph->setVisible(item->checkState() == Qt::Checked);
-        if (t.axis)
-            t.axis->setVisible(t.graph->visible());
+        Drawn& d = m_drawn[size_t(item->row())];
+        d.graph->setVisible(item->checkState() == Qt::Checked);
+        if (d.axis)
+            d.axis->setVisible(d.graph->visible());
         redraw();
     });
     connect(grdTraces, &QTableWidget::customContextMenuRequested, this, [this](QPoint at) {
@@ -241,7 +234,7 @@ FrmPlot::FrmPlot(CanLink* link, QWidget* parent) : QWidget(parent, Qt::Window), 
         QMenu menu(this);
         menu.addAction(QStringLiteral("&Remove"), this, [this, row] { removeTrace(row); });
         menu.addAction(QStringLiteral("&Edit source"), this, [this, row] {
-            txtSource->setText(m_traces[size_t(row)]->source.text());
+            txtSource->setText(m_set->at(row).source.text());
             txtSource->setFocus();
         });
         menu.exec(grdTraces->viewport()->mapToGlobal(at));
@@ -252,7 +245,13 @@ FrmPlot::FrmPlot(CanLink* link, QWidget* parent) : QWidget(parent, Qt::Window), 
         if (grdTraces->currentRow() >= 0)
             removeTrace(grdTraces->currentRow());
     });
-    connect(m_link, &CanLink::framesReceived, this, &FrmPlot::onFrames);
+    connect(m_set, &TraceSet::traceAdded, this, &FrmPlot::showTrace);
+    connect(m_set, &TraceSet::valuesChanged, this, [this] { m_dirty = true; });
+    connect(m_set, &TraceSet::said, this, &FrmPlot::say);
+    connect(m_set, &TraceSet::failed, this, [this](const QString& error) {
+        say(QStringLiteral("Not added: ") + error);
+        emit message(error);
+    });
     m_redraw.setInterval(kRedrawMs);
     connect(&m_redraw, &QTimer::timeout, this, [this] {
         // A redraw that takes long (hours of samples in view) waits longer, so that the plot
@@ -266,6 +265,7 @@ FrmPlot::FrmPlot(CanLink* link, QWidget* parent) : QWidget(parent, Qt::Window), 
     // What the user had.
     QSettings s = userSettings();
     spnPeriod->setValue(s.value(QStringLiteral("plot/period"), 100).toInt());
+    m_set->setPeriodMs(spnPeriod->value());
     spnKeep->setValue(s.value(QStringLiteral("plot/keep"), spnKeep->value()).toInt());
     chkShared->setChecked(s.value(QStringLiteral("plot/shared"), false).toBool());
     showKeep();
@@ -290,145 +290,84 @@ void FrmPlot::saveSettings() const
 {
     QSettings s = userSettings();
     QStringList traces;
-    for (const auto& t : m_traces)
-        traces << t->source.text();
+    for (int i = 0; i < m_set->count(); ++i)
+        traces << m_set->at(i).source.text();
     s.setValue(QStringLiteral("plot/traces"), traces);
     s.setValue(QStringLiteral("plot/period"), spnPeriod->value());
     s.setValue(QStringLiteral("plot/keep"), spnKeep->value());
     s.setValue(QStringLiteral("plot/shared"), chkShared->isChecked());
 }
 
+void FrmPlot::setController(int controller)
+{
+    m_set->setController(controller);
+}
+
+int FrmPlot::traceCount() const
+{
+    return m_set->count();
+}
+
+const SampleRing& FrmPlot::ring(int trace) const
+{
+    return m_set->at(trace).ring;
+}
+
+QString FrmPlot::traceName(int trace) const
+{
+    return m_set->at(trace).source.label();
+}
+
 bool FrmPlot::addSource(const QString& text, QString* error)
 {
     QString why;
-    auto source = PlotSource::parse(text, &why);
-    if (!source) {
-        say(QStringLiteral("Not added: ") + why);
-        if (error)
-            *error = why;
-        return false;
-    }
-    if (source->isPeriodic() && source->periodMs == 0)
-        source->periodMs = spnPeriod->value();
-    if (source->isLive()) {
-        addTrace(*source, {}, SampleRing(spnKeep->value()));
+    if (m_set->add(text, &why))
         return true;
-    }
-    // A recording is read beside the window, which goes on meanwhile.
-    say(QStringLiteral("Reading %1...").arg(source->path));
-    auto result = std::make_shared<FileTrace>();
-    const qsizetype keep = spnKeep->value();
-    QThread* reader = QThread::create([result, s = *source, keep] {
-        *result = readFileTrace(s, keep);
-    });
-    connect(reader, &QThread::finished, this, [this, result, s = *source] {
-        if (!result->error.isEmpty()) {
-            say(QStringLiteral("Not added: ") + result->error);
-            emit message(result->error);
-            return;
-        }
-        addTrace(s, result->note, std::move(result->ring));
-        say(QStringLiteral("%1: %2 values, %3 gaps%4")
-                .arg(s.label())
-                .arg(result->values)
-                .arg(result->gaps)
-                .arg(result->note.isEmpty() ? QString() : QStringLiteral("; ") + result->note));
-    });
-    connect(reader, &QThread::finished, reader, &QObject::deleteLater);
-    reader->start();
-    return true;
+    say(QStringLiteral("Not added: ") + why);
+    if (error)
+        *error = why;
+    return false;
 }
 
-void FrmPlot::addTrace(const PlotSource& source, const QString& note, SampleRing ring)
+void FrmPlot::showTrace(int trace)
 {
-    auto t = std::make_unique<Trace>();
-    t->source = source;
-    t->ring = std::move(ring);
-    t->readNote = note;
-    t->controller = source.controller >= 0 ? source.controller : m_controller;
-    const QColor color = kColors[m_traces.size() % std::size(kColors)];
-    t->graph = plot->addGraph(plot->xAxis, plot->yAxis);
-    t->graph->setPen(QPen(color, 1)); // a thin pen draws thousands of steep lines quickly
-    t->graph->setName(source.label());
-    t->graph->setAdaptiveSampling(false); // the window decimates, keeping the extremes
-    const int row = grdTraces->rowCount();
+    const TraceSet::Trace& t = m_set->at(trace);
+    const QColor color = kColors[size_t(trace) % std::size(kColors)];
+    Drawn d;
+    d.graph = plot->addGraph(plot->xAxis, plot->yAxis);
+    d.graph->setPen(QPen(color, 1)); // a thin pen draws thousands of steep lines quickly
+    d.graph->setName(t.source.label());
+    d.graph->setAdaptiveSampling(false); // the window decimates, keeping the extremes
+    m_drawn.push_back(d);
     {
         const QSignalBlocker quiet(grdTraces);
-        grdTraces->insertRow(row);
-        auto* name = new QTableWidgetItem(source.label());
+        grdTraces->insertRow(trace);
+        auto* name = new QTableWidgetItem(t.source.label());
         name->setFlags(name->flags() | Qt::ItemIsUserCheckable);
         name->setCheckState(Qt::Checked);
         name->setForeground(color);
-        name->setToolTip(source.text() + (note.isEmpty() ? QString() : QLatin1Char('\n') + note));
-        grdTraces->setItem(row, Name, name);
+        name->setToolTip(t.source.text() +
+                         (t.note.isEmpty() ? QString() : QLatin1Char('\n') + t.note));
+        grdTraces->setItem(trace, Name, name);
         for (int c = Now; c < ColumnCount; ++c)
-            grdTraces->setItem(row, c, new QTableWidgetItem);
+            grdTraces->setItem(trace, c, new QTableWidgetItem);
     }
-    m_traces.push_back(std::move(t));
     placeAxes();
-    Trace* added = m_traces.back().get();
-    if (source.isPeriodic() && isVisible())
-        startSampler(added);
-    if (source.isLive())
-        say(QStringLiteral("Plotting %1").arg(source.label()));
+    if (t.source.isLive())
+        say(QStringLiteral("Plotting %1").arg(t.source.label()));
     m_dirty = true;
-}
-
-void FrmPlot::startSampler(Trace* t)
-{
-    const PlotSource& s = t->source;
-    int period = s.periodMs;
-    if (s.kind == PlotSource::Kind::Entry) {
-        // Every entry plotted on the controller takes its share of the reads' half of the bus.
-        int entries = 0;
-        for (const auto& other : m_traces)
-            entries += other->source.kind == PlotSource::Kind::Entry &&
-                       other->controller == t->controller;
-        QString error;
-        const int rateIndex = m_link->bitRate(t->controller, &error).value_or(-1);
-        const int smallest = smallestSamplePeriodMs(qorcalib::bitRateOfIndex(rateIndex), entries);
-        if (period < smallest) {
-            // As tessel-cli sample says it, with the entries that share the bus.
-            say(QStringLiteral("%1 ms is below the shortest period%2%3: every %4 ms")
-                    .arg(period)
-                    .arg(rateIndex < 0 ? QString()
-                                       : QStringLiteral(" at ") + qorcalib::bitRateText(rateIndex))
-                    .arg(entries > 1 ? QStringLiteral(" for %1 entries").arg(entries) : QString())
-                    .arg(smallest));
-            period = smallest;
-        }
-    }
-    LiveSampler::Target target;
-    target.analog = s.kind == PlotSource::Kind::Analog;
-    target.controller = t->controller;
-    target.node = s.node;
-    target.index = s.index;
-    target.subIndex = s.subIndex;
-    target.type = s.type;
-    target.channel = s.channel;
-    target.acquireFirst = s.latched;
-    t->sampler = std::make_unique<LiveSampler>(m_link, target, period, &m_clock);
-    connect(t->sampler.get(), &LiveSampler::sampled, this, [this, t](double at, double v) {
-        t->ring.append(at, v);
-        m_dirty = true;
-    });
-    connect(t->sampler.get(), &LiveSampler::failed, this, [this, t](double at, const QString& why) {
-        t->ring.appendGap(at, why);
-        m_dirty = true;
-    });
-    t->sampler->start();
 }
 
 void FrmPlot::removeTrace(int row)
 {
     if (row < 0 || row >= traceCount())
         return;
-    Trace& t = *m_traces[size_t(row)];
-    t.sampler.reset();
-    plot->removeGraph(t.graph);
-    if (t.axis)
-        plot->axisRect()->removeAxis(t.axis);
-    m_traces.erase(m_traces.begin() + row);
+    const Drawn d = m_drawn[size_t(row)];
+    plot->removeGraph(d.graph);
+    if (d.axis)
+        plot->axisRect()->removeAxis(d.axis);
+    m_drawn.erase(m_drawn.begin() + row);
+    m_set->remove(row);
     grdTraces->removeRow(row);
     placeAxes();
     redraw();
@@ -436,20 +375,20 @@ void FrmPlot::removeTrace(int row)
 
 void FrmPlot::placeAxes()
 {
-    plot->legend->setVisible(!m_traces.empty());
+    plot->legend->setVisible(!m_drawn.empty());
     const bool shared = chkShared->isChecked();
-    plot->yAxis->setVisible(shared && !m_traces.empty());
-    for (auto& t : m_traces) {
-        if (shared && t->axis) {
-            t->graph->setValueAxis(plot->yAxis);
-            plot->axisRect()->removeAxis(t->axis);
-            t->axis = nullptr;
-        } else if (!shared && !t->axis) {
-            t->axis = plot->axisRect()->addAxis(QCPAxis::atLeft);
-            t->axis->setBasePen(t->graph->pen());
-            t->axis->setTickLabelColor(t->graph->pen().color());
-            t->axis->setVisible(t->graph->visible());
-            t->graph->setValueAxis(t->axis);
+    plot->yAxis->setVisible(shared && !m_drawn.empty());
+    for (Drawn& d : m_drawn) {
+        if (shared && d.axis) {
+            d.graph->setValueAxis(plot->yAxis);
+            plot->axisRect()->removeAxis(d.axis);
+            d.axis = nullptr;
+        } else if (!shared && !d.axis) {
+            d.axis = plot->axisRect()->addAxis(QCPAxis::atLeft);
+            d.axis->setBasePen(d.graph->pen());
+            d.axis->setTickLabelColor(d.graph->pen().color());
+            d.axis->setVisible(d.graph->visible());
+            d.graph->setValueAxis(d.axis);
         }
     }
 }
@@ -463,71 +402,12 @@ void FrmPlot::setFollowing(bool following)
     m_dirty = true;
 }
 
-double FrmPlot::frameTime(quint32 serverUs)
-{
-    // The server's clock counts microseconds and wraps; frames are put on the plot's clock by
-    // where the two met. A server that started again, or a clock that drifted a second away, is
-    // met anew.
-    if (m_anchored && serverUs < m_lastServerUs && m_lastServerUs - serverUs > 0x80000000u)
-        ++m_serverWraps;
-    m_lastServerUs = serverUs;
-    const qint64 server = (m_serverWraps << 32) + serverUs;
-    const double now = double(m_clock.nsecsElapsed()) / 1e9;
-    double t = m_anchorClock + double(server - m_anchorServer) / 1e6;
-    if (!m_anchored || std::fabs(t - now) > 1.0) {
-        m_anchored = true;
-        m_anchorClock = now;
-        m_anchorServer = server;
-        t = now;
-    }
-    return t;
-}
-
-void FrmPlot::onFrames(int controller, const QByteArray& records, int count)
-{
-    bool wanted = false;
-    for (const auto& t : m_traces)
-        wanted |= t->source.kind == PlotSource::Kind::Frame && t->controller == controller;
-    if (!wanted)
-        return;
-    for (int i = 0; i < count; ++i) {
-        const qorcalib::CanFrame f = qorcalib::recordAt(records, i);
-        if (f.remote)
-            continue;
-        double at = -1;
-        for (auto& t : m_traces) {
-            if (t->source.kind != PlotSource::Kind::Frame || t->controller != controller ||
-                t->source.id != f.id)
-                continue;
-            if (at < 0)
-                at = frameTime(f.timeUs);
-            if (const auto v =
-                    t->source.fieldValue(reinterpret_cast<const char*>(f.data.data()), f.len))
-                t->ring.append(at, *v);
-            else
-                t->ring.appendGap(at, QStringLiteral("%1 bytes, the field needs %2")
-                                          .arg(f.len)
-                                          .arg((t->source.bit + t->source.bits + 7) / 8));
-            m_dirty = true;
-        }
-    }
-}
-
 void FrmPlot::redraw()
 {
     QElapsedTimer took;
     took.start();
     if (m_following) {
-        // The newest time of any trace, or the clock for live ones.
-        double newest = 0;
-        bool live = false;
-        for (const auto& t : m_traces) {
-            live |= t->source.isLive();
-            if (!t->ring.isEmpty())
-                newest = qMax(newest, t->ring.last().t);
-        }
-        if (live)
-            newest = qMax(newest, double(m_clock.nsecsElapsed()) / 1e9);
+        const double newest = m_set->newest();
         const double span = plot->xAxis->range().size();
         m_settingRange = true;
         plot->xAxis->setRange(qMax(0.0, newest - span), qMax(span, newest));
@@ -537,8 +417,10 @@ void FrmPlot::redraw()
     const int columns = qMax(1, plot->axisRect()->width());
     QCPRange shared;
     bool sharedFound = false;
-    for (auto& t : m_traces) {
-        const QVector<QPointF> points = decimate(t->ring, range.lower, range.upper, columns);
+    for (int i = 0; i < m_set->count(); ++i) {
+        Drawn& d = m_drawn[size_t(i)];
+        const QVector<QPointF> points =
+            decimate(m_set->at(i).ring, range.lower, range.upper, columns);
         QVector<QCPGraphData> data;
         data.reserve(points.size());
         QCPRange values;
@@ -552,15 +434,15 @@ void FrmPlot::redraw()
             values.expand(p.y());
             found = true;
         }
-        t->graph->data()->set(data, true);
-        if (!found || !t->graph->visible())
+        d.graph->data()->set(data, true);
+        if (!found || !d.graph->visible())
             continue;
         if (values.size() == 0)
             values = QCPRange(values.lower - 1, values.upper + 1);
         const double margin = values.size() * 0.05;
         values = QCPRange(values.lower - margin, values.upper + margin);
-        if (t->axis)
-            t->axis->setRange(values);
+        if (d.axis)
+            d.axis->setRange(values);
         if (!sharedFound)
             shared = values;
         shared.expand(values);
@@ -575,24 +457,23 @@ void FrmPlot::redraw()
     m_sinceRedraw.restart();
 }
 
-QString FrmPlot::valueText(const Trace& t, double at) const
+QString FrmPlot::valueText(const SampleRing& ring, double at) const
 {
-    const Sample* s = t.ring.valueAt(at);
+    const Sample* s = ring.valueAt(at);
     if (!s)
         return {};
-    return s->isGap() ? QStringLiteral("gap: ") + t.ring.gapReason(s->t) : shownText(s->v);
+    return s->isGap() ? QStringLiteral("gap: ") + ring.gapReason(s->t) : shownText(s->v);
 }
 
 void FrmPlot::updateTable()
 {
     const QSignalBlocker quiet(grdTraces);
     for (int row = 0; row < traceCount(); ++row) {
-        const Trace& t = *m_traces[size_t(row)];
-        const SampleRing& r = t.ring;
-        grdTraces->item(row, Now)->setText(r.isEmpty() ? QString() : valueText(t, r.last().t));
+        const SampleRing& r = m_set->at(row).ring;
+        grdTraces->item(row, Now)->setText(r.isEmpty() ? QString() : valueText(r, r.last().t));
         for (int c = 0; c < 2; ++c)
-            grdTraces->item(row, AtA + c)->setText(m_cursorAt[c] < 0 ? QString()
-                                                                     : valueText(t, m_cursorAt[c]));
+            grdTraces->item(row, AtA + c)
+                ->setText(m_cursorAt[c] < 0 ? QString() : valueText(r, m_cursorAt[c]));
         const Sample* a = m_cursorAt[0] < 0 ? nullptr : r.valueAt(m_cursorAt[0]);
         const Sample* b = m_cursorAt[1] < 0 ? nullptr : r.valueAt(m_cursorAt[1]);
         grdTraces->item(row, Difference)
@@ -640,9 +521,9 @@ void FrmPlot::onMouseRelease(QMouseEvent* event)
 bool FrmPlot::exportCsv(const QString& path, QString* error)
 {
     QVector<NamedRing> shown;
-    for (const auto& t : m_traces)
-        if (t->graph->visible())
-            shown.append({t->source.label(), &t->ring});
+    for (int i = 0; i < m_set->count(); ++i)
+        if (m_drawn[size_t(i)].graph->visible())
+            shown.append({m_set->at(i).source.label(), &m_set->at(i).ring});
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly) ||
         !writeSamplesCsv(&file, shown, plot->xAxis->range().lower, plot->xAxis->range().upper) ||
@@ -666,16 +547,13 @@ bool FrmPlot::exportPng(const QString& path, QString* error)
 
 void FrmPlot::showEvent(QShowEvent* event)
 {
-    for (auto& t : m_traces)
-        if (t->source.isPeriodic() && !t->sampler)
-            startSampler(t.get());
+    m_set->startReads();
     QWidget::showEvent(event);
 }
 
 void FrmPlot::closeEvent(QCloseEvent* event)
 {
-    for (auto& t : m_traces)
-        t->sampler.reset();
+    m_set->stopReads();
     saveSettings();
     QWidget::closeEvent(event);
 }

@@ -1,13 +1,11 @@
 #pragma once
 
-#include "plotsource.h"
 #include "sampletrace.h"
 
 #include <QElapsedTimer>
 #include <QTimer>
 #include <QWidget>
 
-#include <memory>
 #include <vector>
 
 class QCheckBox;
@@ -25,10 +23,11 @@ class QTableWidget;
 namespace tessel {
 
 class CanLink;
-class LiveSampler;
+class TraceSet;
 
-// "Plot": traces of values over a shared time axis, from the sources PlotSource names (entries
-// read by SDO, fields of frames, the fixture's analog channels, recordings). The view follows the
+// "Plot": the traces of a TraceSet drawn over a shared time axis, from the sources PlotSource
+// names (entries read by SDO, fields of frames, the fixture's analog channels, recordings), with
+// a table of their values. The view follows the
 // newest values until the user pans (drag) or zooms (wheel) it, or pauses it; the values keep
 // coming meanwhile. A click puts cursor A, a right or shift click cursor B; the table reads every
 // trace at both and the difference. Traces are drawn decimated, extremes kept; the CSV export
@@ -56,12 +55,12 @@ public:
     ~FrmPlot() override;
 
     // The controller a live source without "on" is read on (the main window's selection).
-    void setController(int controller) { m_controller = controller; }
+    void setController(int controller);
     // Adds the trace; false with the reason in the status line (and *error).
     bool addSource(const QString& text, QString* error = nullptr);
-    int traceCount() const { return int(m_traces.size()); }
-    const SampleRing& ring(int trace) const { return m_traces[size_t(trace)]->ring; }
-    QString traceName(int trace) const { return m_traces[size_t(trace)]->source.label(); }
+    int traceCount() const;
+    const SampleRing& ring(int trace) const;
+    QString traceName(int trace) const;
     void removeTrace(int trace);
     // Cursor 0 (A) or 1 (B) at t seconds.
     void setCursorAt(int cursor, double t);
@@ -96,47 +95,32 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
-    struct Trace
+    // How a trace is drawn: its curve, and its own value axis unless the scale is shared.
+    struct Drawn
     {
-        PlotSource source;
-        SampleRing ring;
         QCPGraph* graph = nullptr;
-        QCPAxis* axis = nullptr; // its own, unless the scale is shared
-        std::unique_ptr<LiveSampler> sampler;
-        int controller = 0;
-        QString readNote; // what reading its file passed over
+        QCPAxis* axis = nullptr;
     };
-    void addTrace(const PlotSource& source, const QString& note, SampleRing ring);
-    void startSampler(Trace* trace);
-    void onFrames(int controller, const QByteArray& records, int count);
-    double frameTime(quint32 serverUs);
+    void showTrace(int trace);
     void placeAxes();
     void updateTable();
     void onMousePress(QMouseEvent* event);
     void onMouseRelease(QMouseEvent* event);
     void showKeep();
     void say(const QString& text);
-    QString valueText(const Trace& trace, double t) const;
+    QString valueText(const SampleRing& ring, double t) const;
 
-    CanLink* m_link;
-    std::vector<std::unique_ptr<Trace>> m_traces;
-    QElapsedTimer m_clock;
+    TraceSet* m_set;
+    std::vector<Drawn> m_drawn; // by trace
     QTimer m_redraw;
     QElapsedTimer m_sinceRedraw;
     qint64 m_lastRedrawNs = 0;
     bool m_dirty = false;
     bool m_following = true;
     bool m_settingRange = false;
-    int m_controller = 0;
     QCPItemStraightLine* m_cursor[2] = {nullptr, nullptr};
     double m_cursorAt[2] = {-1, -1};
     QPoint m_pressedAt;
-    // The server's frame times on the plot's clock: where they met, and the wraps since.
-    bool m_anchored = false;
-    double m_anchorClock = 0;
-    qint64 m_anchorServer = 0;
-    quint32 m_lastServerUs = 0;
-    qint64 m_serverWraps = 0;
 };
 
 } // namespace tessel
