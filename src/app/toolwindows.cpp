@@ -94,12 +94,13 @@ void ToolWindows::readMapping(int controller, int id)
     const bool transmit = function % 2 == 1;
     QString error;
     const auto mapping = readPdoMapping(m_link, controller, id & 0x7F, transmit, pdo, &error);
-    if (!mapping || !m_dictionary) {
+    if (!mapping) {
         emit message(error);
         return;
     }
     // Every node's PDO is read by it from now on: nodes of one kind share a dictionary.
-    auto next = std::make_shared<DeviceDictionary>(*m_dictionary);
+    auto next =
+        std::make_shared<DeviceDictionary>(m_dictionary ? *m_dictionary : DeviceDictionary{});
     QList<DeviceDictionary::Field>& fields =
         transmit ? next->tpdo[size_t(pdo)] : next->rpdo[size_t(pdo)];
     fields.clear();

@@ -254,9 +254,11 @@ FrmPlot::FrmPlot(CanLink* link, QWidget* parent)
     });
     m_redraw.setInterval(kRedrawMs);
     connect(&m_redraw, &QTimer::timeout, this, [this] {
-        // A redraw that takes long (hours of samples in view) waits longer, so that the plot
-        // never takes more than a fifth of the time from the trace and the bus.
-        if (m_dirty && m_sinceRedraw.elapsed() * 1000000 >= 4 * m_lastRedrawNs)
+        // Following live traces, the time axis moves on even when no value came. A redraw that
+        // takes long (hours of samples in view) waits longer, so that the plot never takes more
+        // than a fifth of the time from the trace and the bus.
+        const bool moving = m_following && isVisible() && m_set->hasLive();
+        if ((m_dirty || moving) && m_sinceRedraw.elapsed() * 1000000 >= 4 * m_lastRedrawNs)
             redraw();
     });
     m_redraw.start();

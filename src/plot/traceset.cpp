@@ -102,6 +102,14 @@ void TraceSet::stopReads()
         t->sampler.reset();
 }
 
+bool TraceSet::hasLive() const
+{
+    for (const auto& t : m_traces)
+        if (t->source.isLive())
+            return true;
+    return false;
+}
+
 double TraceSet::newest() const
 {
     double newest = 0;

@@ -60,6 +60,7 @@ public:
     double now() const { return double(m_clock.nsecsElapsed()) / 1e9; }
     // The newest time of any trace, or now when one is live.
     double newest() const;
+    bool hasLive() const;
 
 signals:
     void traceAdded(int trace);
