@@ -89,11 +89,12 @@ void ToolWindows::useEds(const QString& path)
 
 void ToolWindows::readMapping(int controller, int id)
 {
-    const int function = id >> 7;
-    const int pdo = (function - 3) / 2;
-    const bool transmit = function % 2 == 1;
+    const auto pdo = pdoOfIdentifier(quint16(id));
+    if (!pdo)
+        return;
     QString error;
-    const auto mapping = readPdoMapping(m_link, controller, id & 0x7F, transmit, pdo, &error);
+    const auto mapping =
+        readPdoMapping(m_link, controller, pdo->node, pdo->transmit, pdo->pdo, &error);
     if (!mapping) {
         emit message(error);
         return;
@@ -101,8 +102,7 @@ void ToolWindows::readMapping(int controller, int id)
     // Every node's PDO is read by it from now on: nodes of one kind share a dictionary.
     auto next =
         std::make_shared<DeviceDictionary>(m_dictionary ? *m_dictionary : DeviceDictionary{});
-    QList<DeviceDictionary::Field>& fields =
-        transmit ? next->tpdo[size_t(pdo)] : next->rpdo[size_t(pdo)];
+    QList<DeviceDictionary::Field>& fields = next->mapping(pdo->transmit, pdo->pdo);
     fields.clear();
     for (const quint32 entry : *mapping) {
         DeviceDictionary::Field f;

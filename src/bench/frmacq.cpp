@@ -2,6 +2,7 @@
 
 #include "benchcontrol.h"
 #include "benchport.h"
+#include "plotsource.h"
 #include "windowplacement.h"
 
 #include <QCheckBox>
@@ -65,11 +66,12 @@ FrmAcq::FrmAcq(const FixtureDescription& description, BenchControl* control,
         const int channel = item ? item->data(0, Qt::UserRole).toInt() : -1;
         if (channel < 0)
             return;
-        const QString source =
-            QStringLiteral("analog %1%2 as \"%3\"")
-                .arg(channel)
-                .arg(m_description.acquireFirst ? QStringLiteral(" latched") : QString())
-                .arg(QString(item->text(0)).replace(QLatin1Char('"'), QLatin1Char('\'')));
+        PlotSource analog;
+        analog.kind = PlotSource::Kind::Analog;
+        analog.channel = channel;
+        analog.latched = m_description.acquireFirst;
+        analog.name = item->text(0);
+        const QString source = analog.text();
         QMenu menu(this);
         menu.addAction(QStringLiteral("&Plot %1").arg(item->text(0)), this,
                        [this, source] { emit plotRequested(source); });

@@ -232,6 +232,15 @@ QString emcyText(quint16 code)
     return {};
 }
 
+std::optional<PdoIdentifier> pdoOfIdentifier(quint16 id)
+{
+    const int node = id & 0x7F;
+    const int function = id & 0x780;
+    if (node < 1 || function < 0x180 || function > 0x500)
+        return std::nullopt;
+    return PdoIdentifier{(function - 0x180) % 0x100 == 0, (function - 0x180) / 0x100, node};
+}
+
 quint64 bitField(const char* data, int first, int bits)
 {
     quint64 raw = 0;
@@ -343,16 +352,12 @@ DecodedFrame CanopenDecoder::decode(quint16 id, bool remote, const QByteArray& d
     }
     const int node = id & 0x7F;
     const int function = id & 0x780;
-    if (node >= 1 && function >= 0x180 && function <= 0x500) {
-        const int n = (function - 0x180) / 0x100 + 1;
-        const bool transmit = (function - 0x180) % 0x100 == 0;
-        const QString service = QStringLiteral("%1%2").arg(
-            transmit ? QStringLiteral("TPDO") : QStringLiteral("RPDO"), QString::number(n));
-        if (!remote && m_dictionary) {
-            const auto& maps = transmit ? m_dictionary->tpdo : m_dictionary->rpdo;
-            if (!maps[size_t(n - 1)].isEmpty())
-                return pdo(service, node, maps[size_t(n - 1)], data);
-        }
+    if (const auto p = pdoOfIdentifier(id)) {
+        const QString service = QStringLiteral("%1%2").arg(p->transmit ? QStringLiteral("TPDO")
+                                                                       : QStringLiteral("RPDO"),
+                                                           QString::number(p->pdo + 1));
+        if (!remote && m_dictionary && !m_dictionary->mapping(p->transmit, p->pdo).isEmpty())
+            return pdo(service, node, m_dictionary->mapping(p->transmit, p->pdo), data);
         return {service, node,
                 remote ? QStringLiteral("remote request")
                        : (len == 0 ? QStringLiteral("no data") : hexBytes(data)),

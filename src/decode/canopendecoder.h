@@ -7,6 +7,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 
 namespace tessel {
 
@@ -41,7 +42,22 @@ struct DeviceDictionary
     {
         return names.value(quint32(index) << 8 | subIndex);
     }
+    QList<Field>& mapping(bool transmit, int pdo) { return (transmit ? tpdo : rpdo)[size_t(pdo)]; }
+    const QList<Field>& mapping(bool transmit, int pdo) const
+    {
+        return (transmit ? tpdo : rpdo)[size_t(pdo)];
+    }
 };
+
+// The PDO an identifier of the pre-defined connection set is: TPDO1..4 at 180, 280, 380, 480 +
+// node, RPDO1..4 at 200, 300, 400, 500 + node; pdo 0..3.
+struct PdoIdentifier
+{
+    bool transmit = false;
+    int pdo = 0;
+    int node = 0;
+};
+std::optional<PdoIdentifier> pdoOfIdentifier(quint16 id);
 
 // Decodes frames in bus order. SDO transfers are followed per node, so that the segments of a
 // segmented or block transfer name the entry their transfer began with, and the transfer's end

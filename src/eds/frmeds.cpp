@@ -2,6 +2,7 @@
 
 #include "filedialogfilter.h"
 #include "numbers.h"
+#include "plotsource.h"
 #include "waitcursor.h"
 #include "windowplacement.h"
 
@@ -125,11 +126,13 @@ void FrmEDS::cmdPlot_Click()
     const EdsEntry* e = chosen(&address);
     if (!e)
         return;
-    const QString type = edsValueType(txtFileName->text(), e->index, e->subIndex);
-    QString name = QString(e->name).replace(QLatin1Char('\\'), QLatin1Char('/'));
-    emit plotRequested(QStringLiteral("sdo %1%2 as \"%3\"")
-                           .arg(address, type.isEmpty() ? QString() : QLatin1Char(' ') + type,
-                                name.replace(QLatin1Char('"'), QLatin1Char('\''))));
+    PlotSource entry;
+    entry.node = roundToInt32(lenientValue(txtNode->text()));
+    entry.index = e->index;
+    entry.subIndex = e->subIndex;
+    entry.type = edsValueType(txtFileName->text(), e->index, e->subIndex);
+    entry.name = QString(e->name).replace(QLatin1Char('\\'), QLatin1Char('/'));
+    emit plotRequested(entry.text());
 }
 
 void FrmEDS::showEvent(QShowEvent* event)

@@ -1,5 +1,7 @@
 #include "busview.h"
 
+#include "plotsource.h"
+
 #include <QFontDatabase>
 #include <QHeaderView>
 #include <QLabel>
@@ -109,40 +111,35 @@ void BusView::offerPlot(const QPoint& at)
     const int controller = key >> 13;
     const int id = (key >> 1) & 0x7FF;
     QMenu menu(tblIds);
-    // A PDO's fields by the EDS's mapping: TPDOn at 180 + 100 (n - 1) + node, RPDOn at 200 + ...
-    const int function = id >> 7;
-    const int node = id & 0x7F;
-    if (m_dictionary && node > 0 && function >= 3 && function <= 10) {
-        const int n = (function - 3) / 2;
-        const bool transmit = function % 2 == 1;
-        const QList<DeviceDictionary::Field>& map =
-            transmit ? m_dictionary->tpdo[size_t(n)] : m_dictionary->rpdo[size_t(n)];
-        int bit = 0;
-        for (const DeviceDictionary::Field& f : map) {
+    const auto pdo = pdoOfIdentifier(quint16(id));
+    // A PDO's fields by the dictionary's mapping.
+    if (pdo && m_dictionary) {
+        PlotSource field;
+        field.kind = PlotSource::Kind::Frame;
+        field.id = id;
+        field.controller = controller;
+        for (const DeviceDictionary::Field& f : m_dictionary->mapping(pdo->transmit, pdo->pdo)) {
             QString name = m_dictionary->name(f.index, f.subIndex);
             if (name.isEmpty())
                 name = QStringLiteral("%1:%2").arg(f.index, 4, 16).arg(f.subIndex).toUpper();
-            const QString source =
-                QStringLiteral("frame %1 %2:%3%4 on %5 as \"%6 (node %7)\"")
-                    .arg(QString::number(id, 16).toUpper())
-                    .arg(bit)
-                    .arg(f.bits)
-                    .arg(f.isSigned ? QStringLiteral(" signed") : QString())
-                    .arg(controller)
-                    .arg(QString(name).replace(QLatin1Char('"'), QLatin1Char('\'')))
-                    .arg(node);
-            if (bit + f.bits <= 64)
+            field.bits = f.bits;
+            field.isSigned = f.isSigned;
+            field.name = QStringLiteral("%1 (node %2)").arg(name).arg(pdo->node);
+            if (field.bit + f.bits <= 64)
                 menu.addAction(QStringLiteral("Plot %1").arg(name), this,
-                               [this, source] { emit plotRequested(source); });
-            bit += f.bits;
+                               [this, source = field.text()] { emit plotRequested(source); });
+            field.bit += f.bits;
         }
     }
-    if (node > 0 && function >= 3 && function <= 10)
-        menu.addAction(QStringLiteral("&Read the mapping from node %1").arg(node), this,
+    if (pdo)
+        menu.addAction(QStringLiteral("&Read the mapping from node %1").arg(pdo->node), this,
                        [this, controller, id] { emit mappingRequested(controller, id); });
-    const QString start = QStringLiteral("frame %1 0:8 on %2...")
-                              .arg(QString::number(id, 16).toUpper())
-                              .arg(controller);
+    // Any field of the frame, for the user to say which: the first byte to start from.
+    PlotSource any;
+    any.kind = PlotSource::Kind::Frame;
+    any.id = id;
+    any.controller = controller;
+    const QString start = any.text() + QStringLiteral("...");
     menu.addAction(QStringLiteral("Plot a &field of %1...").arg(QString::number(id, 16).toUpper()),
                    this, [this, start] { emit plotRequested(start); });
     menu.exec(tblIds->viewport()->mapToGlobal(at));
