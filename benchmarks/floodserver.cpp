@@ -27,12 +27,25 @@ public:
         QObject::connect(&m_timer, &QTimer::timeout, this, &FloodNode::refill);
     }
     ~FloodNode() override { m_segment->detach(this); }
-    void start() { m_timer.start(); }
+    void start()
+    {
+        if (m_total < 0)
+            refill();
+        else
+            m_timer.start();
+    }
 
     int bitRateIndex() const override { return 0; }
     bool isActive() const override { return true; }
     void receive(const BusFrame&) override {}
-    void transmitted(const BusFrame&, bool) override { ++m_done; }
+    void transmitted(const BusFrame&, bool) override
+    {
+        ++m_done;
+        // A busy device queues its next frame as one leaves, rather than spinning on a timer:
+        // what this process then spends is the bus's and the server's, not the load's.
+        if (m_total < 0)
+            refill();
+    }
 
 private:
     void refill()

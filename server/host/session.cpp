@@ -499,14 +499,18 @@ struct Session::Objects
 Session::Session(ServerCore* core, ServerHost* host, quint64 id, QString peer,
                  QIODevice* connection)
     : m_core(core), m_host(host), m_id(id), m_peer(std::move(peer)), m_connection(connection),
-      m_overrun(core->controllerCount(), false), m_objects(std::make_unique<Objects>(this))
+      m_overrun(core->controllerCount(), false), m_pending(core->controllerCount()),
+      m_objects(std::make_unique<Objects>(this))
 {
+    m_flushTimer.setSingleShot(true);
+    connect(&m_flushTimer, &QTimer::timeout, this, &Session::flushFrames);
     lssTimeoutMs = core->lssTimeoutMs();
     for (int c = 0; c < core->controllerCount(); ++c)
         connect(core->channel(c), &CanChannel::framesReceived, this,
                 [this, c](const QVector<BusFrame>& frames) { onFrames(c, frames); });
     connect(core, &ServerCore::configChanged, &m_objects->notify,
             [this](int controller, bool enabled, int rate) {
+                flushFrames();
                 if (attached)
                     emit m_objects->notify.ChangedConfig(controller, enabled, rate);
             });
@@ -586,7 +590,8 @@ RequestReply Session::startSdo(bool upload, int channel, int node, int index, in
     request.timeoutMs = sdoTimeoutMs;
     auto* notify = &m_objects->notify;
     request.progress = coalescedProgress(notify);
-    request.done = [notify, requestId](const SdoClient::Result& result) {
+    request.done = [this, notify, requestId](const SdoClient::Result& result) {
+        flushFrames();
         // The end of a transfer brings the progress back to 0, as the client's bar and a bench
         // waiting for the transfer's end expect.
         emit notify->ProgressNotify(0.0);
@@ -621,7 +626,8 @@ RequestReply Session::startLss(int channel, bool configure, int nodeId, int bitR
     request.bitRateIndex = bitRateIndex;
     request.timeoutMs = lssTimeoutMs;
     auto* notify = &m_objects->notify;
-    request.done = [notify, requestId, configure](const LssRunner::Outcome& o) {
+    request.done = [this, notify, requestId, configure](const LssRunner::Outcome& o) {
+        flushFrames();
         const QByteArray rate =
             configure || !o.error.isEmpty() ? QByteArray() : QByteArray(1, char(o.bitRateIndex));
         emit notify->OperationDone(
@@ -669,7 +675,8 @@ RequestReply Session::startBootCatch(int channel, int node, int bitRateIndex)
     request.node = quint8(node);
     request.bitRateIndex = bitRateIndex;
     auto* notify = &m_objects->notify;
-    request.done = [notify, requestId](const BootRunner::Outcome& o) {
+    request.done = [this, notify, requestId](const BootRunner::Outcome& o) {
+        flushFrames();
         const QByteArray node = o.error.isEmpty() ? QByteArray(1, char(o.node)) : QByteArray();
         emit notify->OperationDone(OperationResult(requestId, node, qint32(o.version), 0, o.error,
                                                    kindOf(o.error, o.kind)));
@@ -702,15 +709,14 @@ void Session::onFrames(int controller, const QVector<BusFrame>& frames)
 {
     if (!attached)
         return;
-    const bool backlogged =
-        m_connection && m_connection->bytesToWrite() > m_host->gateLimits().backlog;
     const SdoRunner* runner = m_core->sdoRunner(controller);
-    QByteArray records;
-    records.reserve(frames.size() * kRecordSize);
+    QByteArray& records = m_pending[controller];
     for (const BusFrame& f : frames) {
         if (f.origin != 0 && sessionOfOrigin(f.origin) == m_id) {
-            if (txNotify)
+            if (txNotify) {
+                flushFrames();
                 emit m_objects->notify.TxCan(controller, toCanMsg(f.frame));
+            }
             continue;
         }
         // Another session's SDO or LSS exchange is its own business unless this one asked for
@@ -726,11 +732,41 @@ void Session::onFrames(int controller, const QVector<BusFrame>& frames)
     }
     if (records.isEmpty())
         return;
-    if (backlogged) {
-        m_overrun[controller] = true;
+    if (recordCount(records) >= kFrameFlushRecords) {
+        flushFrames();
         return;
     }
-    emit m_objects->notify.FilteredRxCan(controller, records, recordCount(records));
+    if (m_flushTimer.isActive())
+        return;
+    const qint64 since = m_sinceFlush.isValid() ? m_sinceFlush.elapsed() : kFrameFlushMs;
+    if (since >= kFrameFlushMs)
+        flushFrames();
+    else
+        m_flushTimer.start(int(kFrameFlushMs - since));
+}
+
+void Session::flushFrames()
+{
+    m_flushTimer.stop();
+    const bool backlogged =
+        m_connection && m_connection->bytesToWrite() > m_host->gateLimits().backlog;
+    bool sent = false;
+    for (int c = 0; c < m_pending.size(); ++c) {
+        if (m_pending[c].isEmpty())
+            continue;
+        QByteArray records;
+        records.swap(m_pending[c]);
+        if (!attached)
+            continue;
+        if (backlogged) {
+            m_overrun[c] = true;
+            continue;
+        }
+        emit m_objects->notify.FilteredRxCan(c, records, recordCount(records));
+        sent = true;
+    }
+    if (sent)
+        m_sinceFlush.start();
 }
 
 } // namespace qorcalib

@@ -2,8 +2,10 @@
 
 #include "canchannel.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QPointer>
+#include <QTimer>
 #include <QVector>
 
 #include <memory>
@@ -21,11 +23,19 @@ class ServerHost;
 // (attached or not, receive-all, transmit reports, SDO time-out). It lives exactly as long as
 // the client's connection. While more than the host's backlog limit waits unread for the
 // client, its frame batches are dropped and the controller's status shows it a receive overrun.
+//
+// Frames go to the client gathered, at most every kFrameFlushMs: a saturated bus then costs the
+// client one wake-up an interval instead of one for every millisecond of bus time, while the
+// first frame after a quiet spell still goes at once. Whatever else the client is told about
+// (a transfer's end, a transmit report, a changed configuration) sends the gathered frames
+// first, so that it never overtakes the frames that came before it.
 class Session : public QObject
 {
     Q_OBJECT
 public:
     static constexpr int kDefaultSdoTimeoutMs = 1000;
+    static constexpr int kFrameFlushMs = 10;
+    static constexpr int kFrameFlushRecords = 4096;
 
     Session(ServerCore* core, ServerHost* host, quint64 id, QString peer, QIODevice* connection);
     ~Session() override;
@@ -64,6 +74,7 @@ public:
 
 private:
     void onFrames(int controller, const QVector<BusFrame>& frames);
+    void flushFrames();
 
     ServerCore* m_core;
     ServerHost* m_host;
@@ -71,6 +82,9 @@ private:
     QString m_peer;
     QPointer<QIODevice> m_connection;
     QVector<bool> m_overrun;
+    QVector<QByteArray> m_pending; // records gathered for the client, a controller each
+    QTimer m_flushTimer;
+    QElapsedTimer m_sinceFlush;
     int m_nextRequest = 1;
     struct Objects;
     std::unique_ptr<Objects> m_objects;
