@@ -2,49 +2,19 @@
 
 #include "plotsource.h"
 
-#include <QFontDatabase>
 #include <QHeaderView>
 #include <QLabel>
 #include <QMenu>
-#include <QPlainTextEdit>
-#include <QScrollBar>
 #include <QSortFilterProxyModel>
 #include <QTableView>
 
 namespace tessel {
 
-void showTraceChange(QPlainTextEdit* view, TraceBuffer& buffer)
-{
-    const TraceBuffer::Change change = buffer.takeChange();
-    if (!change.replaced && change.added == 0)
-        return;
-    QScrollBar* bar = view->verticalScrollBar();
-    // The view follows the newest line only while it shows it: a user who scrolled up to read
-    // keeps the lines in view.
-    const bool atBottom = bar->value() >= bar->maximum();
-    const int kept = bar->value();
-    QString text = change.replaced ? buffer.text() : buffer.text().right(change.added);
-    text.replace(QLatin1String("\r\n"), QLatin1String("\n"));
-    if (change.replaced) {
-        view->setPlainText(text);
-    } else {
-        QTextCursor cursor(view->document());
-        cursor.movePosition(QTextCursor::End);
-        cursor.insertText(text);
-    }
-    bar->setValue(atBottom ? bar->maximum() : std::min(kept, bar->maximum()));
-}
-
 BusView::BusView(QWidget* parent) : QObject(parent)
 {
     m_clock.start();
-    edDecoded = new QPlainTextEdit(parent);
+    edDecoded = new TraceView(parent);
     edDecoded->setObjectName(QStringLiteral("edDecoded"));
-    edDecoded->setReadOnly(true);
-    edDecoded->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
-    edDecoded->setLineWrapMode(QPlainTextEdit::NoWrap);
-    edDecoded->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
-    edDecoded->setUndoRedoEnabled(false);
     edDecoded->setToolTip(QStringLiteral("The traced frames as CANopen reads them"));
 
     auto* sorted = new QSortFilterProxyModel(this);
@@ -84,7 +54,7 @@ BusView::BusView(QWidget* parent) : QObject(parent)
 }
 
 void BusView::addFrame(int controller, int kind, quint16 id, qint64 timeUs, int length,
-                       const quint8* data, const QString& head)
+                       const quint8* data, QStringView head)
 {
     if (controller < 0 || controller >= kControllers)
         return;
@@ -93,7 +63,7 @@ void BusView::addFrame(int controller, int kind, quint16 id, qint64 timeUs, int 
         remote || !data ? QByteArray()
                         : QByteArray::fromRawData(reinterpret_cast<const char*>(data), length);
     const DecodedFrame decoded = m_decoders[size_t(controller)].decode(id, remote, bytes);
-    m_decoded.append(head + QStringLiteral("  ") + CanopenDecoder::text(decoded));
+    m_decoded.append({head, u"  ", CanopenDecoder::text(decoded)});
     // The server stamps the frames it receives; those this program sent come back without a
     // time of the server's, and are timed by the clock of this program as they arrive.
     const bool sent = kind != int(TraceKind::Received);
@@ -163,7 +133,7 @@ void BusView::clear()
 void BusView::refresh(int elapsedMs)
 {
     if (edDecoded->isVisible())
-        showTraceChange(edDecoded, m_decoded);
+        edDecoded->show(m_decoded);
     m_sinceTable += elapsedMs;
     if (m_sinceTable >= kTableRefreshMs && tblIds->isVisible()) {
         m_sinceTable = 0;

@@ -3,6 +3,7 @@
 #include "canopendecoder.h"
 #include "identifiertable.h"
 #include "traceline.h"
+#include "traceview.h"
 
 #include <QElapsedTimer>
 #include <QObject>
@@ -10,15 +11,10 @@
 #include <array>
 
 class QLabel;
-class QPlainTextEdit;
 class QTableView;
 class QWidget;
 
 namespace tessel {
-
-// Brings a text view up to date with its buffer's changes, following the newest line only while
-// the view shows it.
-void showTraceChange(QPlainTextEdit* view, TraceBuffer& buffer);
 
 // The CAN monitor's CANopen view of the frames it traces: the same frames decoded, one line
 // each, and the bus by identifier with each controller's load. The views are brought up to date
@@ -41,7 +37,7 @@ public:
     // One traced frame: `head` is the start of its exact trace line (direction, controller,
     // identifier, length, time), `timeUs` its time on a clock that does not wrap.
     void addFrame(int controller, int kind, quint16 id, qint64 timeUs, int length,
-                  const quint8* data, const QString& head);
+                  const quint8* data, QStringView head);
     void clear();
     // Entries named and PDOs read by an EDS, on every controller, from the next frame on.
     void setDictionary(const std::shared_ptr<const DeviceDictionary>& dictionary);
@@ -57,7 +53,7 @@ public:
     const QString& decodedText() const { return m_decoded.text(); }
     IdentifierTable* table() { return &m_table; }
 
-    QPlainTextEdit* edDecoded = nullptr;
+    TraceView* edDecoded = nullptr;
     QTableView* tblIds = nullptr;
     QLabel* lblLoad = nullptr;
 

@@ -14,7 +14,6 @@
 #include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
-#include <QFontDatabase>
 #include <QGridLayout>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -22,7 +21,6 @@
 #include <QLineEdit>
 #include <QLocale>
 #include <QMessageBox>
-#include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSaveFile>
 #include <QScrollBar>
@@ -93,14 +91,8 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
     auto* loadSlot = new QHBoxLayout;
     top->addLayout(loadSlot);
 
-    edTrace = new QPlainTextEdit(this);
+    edTrace = new TraceView(this);
     edTrace->setObjectName(QStringLiteral("edTrace"));
-    edTrace->setReadOnly(true);
-    // Ctrl+Home and Ctrl+End move through the trace, as in any text view.
-    edTrace->setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
-    edTrace->setLineWrapMode(QPlainTextEdit::NoWrap);
-    edTrace->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
-    edTrace->setUndoRedoEnabled(false);
 
     auto* filter = new QGroupBox(QStringLiteral("Discard list"), this);
     filter->setToolTip(QStringLiteral("COB-IDs in hexadecimal: hidden from the trace, or with "
@@ -262,8 +254,10 @@ void FrmDiagno::traceFrame(int channel, int kind, quint32 id, quint32 timeUs, in
     m_trace.append(line);
     keepTraceFrame(channel, kind, id, timeUs, qMin(length, 8), data,
                    m_trace.text().size() < before + line.size());
+    // The line's head is all before " > " and the data bytes, three characters each.
+    const int shown = kind == int(TraceKind::RemoteRequest) ? 0 : qMin(length, 8);
     busView->addFrame(channel, kind, quint16(id & 0x7FF), m_traceFrames.back().timeUs,
-                      qMin(length, 8), data, line.left(line.indexOf(QLatin1String(" > "))));
+                      qMin(length, 8), data, QStringView(line).first(line.size() - 3 - 3 * shown));
 }
 
 void FrmDiagno::keepTraceFrame(int channel, int kind, quint32 id, quint32 timeUs, int length,
@@ -337,7 +331,7 @@ void FrmDiagno::refreshTrace()
 {
     // Paused, the changes add up in the buffer and show at once on resuming.
     if (!cmdPause->isChecked())
-        showTraceChange(edTrace, m_trace);
+        edTrace->show(m_trace);
 }
 
 namespace {

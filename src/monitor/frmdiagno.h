@@ -20,7 +20,6 @@ class QCheckBox;
 class QLabel;
 class QLayout;
 class QLineEdit;
-class QPlainTextEdit;
 class QPushButton;
 class QTabWidget;
 
@@ -100,7 +99,7 @@ public:
     std::array<QLineEdit*, ReceiveFilter::kBoxes> txtDiscardList{};
     QCheckBox* chkInvert = nullptr;
     QPushButton* btnRes = nullptr;
-    QPlainTextEdit* edTrace = nullptr;
+    TraceView* edTrace = nullptr;
     // The exact trace, the decoded frames and the bus by identifier, one tab each.
     QTabWidget* tabView = nullptr;
     BusView* busView = nullptr;

@@ -2,6 +2,8 @@
 
 #include <QString>
 
+#include <initializer_list>
+
 namespace tessel {
 
 // Kinds of trace entries.
@@ -35,15 +37,20 @@ public:
         : m_maxLength(maxLength), m_keepLength(keepLength)
     {
     }
-    void append(const QString& line);
+    void append(QStringView line) { append({line}); }
+    // A line given in parts, which saves putting them together first.
+    void append(std::initializer_list<QStringView> parts);
     void clear();
     const QString& text() const { return m_text; }
     // Changes since the last call: whether the text was cut or cleared (the view must take the
-    // whole text), else how many characters were added at the end.
+    // whole text), else how many characters were added at the end. A cut says how many
+    // characters went from the front, so that a view keeps its reader's place in what is left.
     struct Change
     {
         bool replaced = false;
+        bool cleared = false;
         qsizetype added = 0;
+        qsizetype dropped = 0;
     };
     Change takeChange();
 
@@ -52,6 +59,8 @@ private:
     qsizetype m_keepLength;
     QString m_text;
     bool m_replaced = false;
+    bool m_cleared = false;
+    qsizetype m_dropped = 0;
     qsizetype m_shown = 0;
 };
 

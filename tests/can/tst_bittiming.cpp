@@ -1,26 +1,50 @@
 #include "bittiming.h"
+#include "datatable.h"
 
 #include <QRandomGenerator>
 #include <QTest>
 
 using namespace qorcalib;
+using namespace tessel::test;
 
 class TstBitTiming : public QObject
 {
     Q_OBJECT
 private slots:
-    void frameOfZeros();
+    void bitCounts_data();
+    void bitCounts();
     void stuffingStaysWithinBounds();
     void durationFollowsBitRate();
 };
 
-void TstBitTiming::frameOfZeros()
+void TstBitTiming::bitCounts_data()
 {
+    columns<int, QByteArray, bool, int>({"id", "data", "remote", "bits"});
     // COB-ID 0 without data: start of frame to DLC are 19 dominant bits and their CRC-15 is 0,
     // so 34 dominant bits in a row. A stuff bit follows every fifth (the stuff bit starts a new
     // run of the other level): 6 of them. With the 13 bits of CRC delimiter, ACK, end of frame
     // and intermission: 34 + 6 + 13.
-    QCOMPARE(frameBitCount(CanFrame()), 53);
+    row("zeros", 0x000, QByteArray(), false, 53);
+    row("eight zero bytes", 0x000, QByteArray(8, 0), false, 127);
+    row("all recessive", 0x7FF, QByteArray(8, char(0xFF)), false, 126);
+    row("alternating", 0x555, QByteArray(8, char(0xAA)), false, 112);
+    row("heartbeat", 0x701, QByteArray("\x7f"), false, 59);
+    row("counting", 0x123, QByteArray("\x01\x02\x03\x04\x05\x06\x07\x08"), false, 119);
+    row("SDO answer", 0x581, QByteArray("\x43\x18\x10\x01\xa1\x03\x00\x00", 8), false, 120);
+    row("remote request of 8", 0x7FF, QByteArray(8, 0), true, 50);
+}
+
+void TstBitTiming::bitCounts()
+{
+    QFETCH(int, id);
+    QFETCH(QByteArray, data);
+    QFETCH(bool, remote);
+    CanFrame frame;
+    frame.id = quint16(id);
+    frame.len = quint8(data.size());
+    frame.remote = remote;
+    std::copy(data.begin(), data.end(), frame.data.begin());
+    QTEST(frameBitCount(frame), "bits");
 }
 
 void TstBitTiming::stuffingStaysWithinBounds()
