@@ -21,6 +21,16 @@ TraceView::TraceView(QWidget* parent) : QAbstractScrollArea(parent)
     setBackgroundRole(QPalette::Base);
     viewport()->setBackgroundRole(QPalette::Base);
     viewport()->setCursor(Qt::IBeamCursor);
+    // Following is the reader's choice, kept apart from the bar's value: a range that grows
+    // (more lines, or a scroll bar across that takes a line's height) keeps a following view at
+    // the bottom, and one that shrinks does not make a reader's place the bottom.
+    QScrollBar* bar = verticalScrollBar();
+    connect(bar, &QScrollBar::valueChanged, this,
+            [this, bar](int value) { m_following = value >= bar->maximum(); });
+    connect(bar, &QScrollBar::rangeChanged, this, [this, bar](int, int maximum) {
+        if (m_following)
+            bar->setValue(maximum);
+    });
     fontMetricsChanged();
 }
 
@@ -30,7 +40,7 @@ void TraceView::show(TraceBuffer& buffer)
     if (!change.replaced && change.added == 0)
         return;
     QScrollBar* bar = verticalScrollBar();
-    const bool atBottom = bar->value() >= bar->maximum();
+    const bool following = m_following;
     const qsizetype topOffset = m_starts[size_t(std::min(bar->value(), lineCount() - 1))];
     const qsizetype oldSize = m_text.size();
     m_text = buffer.text();
@@ -48,7 +58,7 @@ void TraceView::show(TraceBuffer& buffer)
     m_anchor = std::clamp<qsizetype>(m_anchor - shift, 0, m_text.size());
     m_cursor = std::clamp<qsizetype>(m_cursor - shift, 0, m_text.size());
     updateScrollBars();
-    if (atBottom)
+    if (following)
         bar->setValue(bar->maximum());
     else
         bar->setValue(topOffset < shift ? 0 : lineAt(topOffset - shift));
@@ -186,12 +196,8 @@ void TraceView::paintEvent(QPaintEvent*)
 
 void TraceView::resizeEvent(QResizeEvent* event)
 {
-    QScrollBar* bar = verticalScrollBar();
-    const bool atBottom = bar->value() >= bar->maximum();
     QAbstractScrollArea::resizeEvent(event);
     updateScrollBars();
-    if (atBottom)
-        bar->setValue(bar->maximum());
 }
 
 void TraceView::keyPressEvent(QKeyEvent* event)

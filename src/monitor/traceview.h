@@ -61,6 +61,7 @@ private:
     qsizetype m_anchor = 0;
     qsizetype m_cursor = 0;
     bool m_selecting = false;
+    bool m_following = true;
     int m_lineHeight = 1;
     int m_ascent = 0;
     int m_charWidth = 1;

@@ -4,6 +4,7 @@
 #include "frminviamesg.h"
 #include "frmio.h"
 #include "frmseq.h"
+#include "traceview.h"
 
 #include <QtTest>
 #include <QtWidgets>
@@ -122,6 +123,17 @@ void TstFrmDiagno::viewFollowsOnlyFromTheBottom()
     heartbeat();
     QCOMPARE(bar->value(), bar->maximum());
     QVERIFY(monitor.screenText().endsWith("R0 701 1 000s000.000 > 00 \n"));
+    // A view shown for the first time with lines wider than itself follows too.
+    TraceView wide;
+    wide.resize(200, 100);
+    wide.QWidget::show();
+    TraceBuffer lines;
+    for (int i = 0; i < 50; ++i)
+        lines.append(QString(100, QLatin1Char('x')));
+    wide.show(lines);
+    QTRY_VERIFY(wide.horizontalScrollBar()->isVisible());
+    QVERIFY(wide.verticalScrollBar()->maximum() > 0);
+    QCOMPARE(wide.verticalScrollBar()->value(), wide.verticalScrollBar()->maximum());
 
     // A reader a page up keeps the line in view, and what is selected, while the text is cut
     // from the front; a drag selects, Ctrl+C copies.
