@@ -54,6 +54,26 @@ enum ControllerStatus : quint32
     StatusBusOff = 8,
 };
 
+// A controller's transmit and receive error counters; -1 where it reports none. GetErrorCounters
+// carries them in one number: the transmit counter in the low 16 bits, the receive counter in
+// the high 16, or -1.
+struct ErrorCounters
+{
+    int transmit = -1;
+    int receive = -1;
+    bool known() const { return transmit >= 0 && receive >= 0; }
+    int packed() const
+    {
+        return known() ? int(quint32(transmit & 0xFFFF) | quint32(receive & 0xFFFF) << 16) : -1;
+    }
+    static ErrorCounters unpacked(int value)
+    {
+        if (value == -1)
+            return {};
+        return {int(quint32(value) & 0xFFFF), int(quint32(value) >> 16)};
+    }
+};
+
 // Bit-rate list indices as the controller panel lists them; -1 for an index out of range.
 constexpr int kBitRateCount = 9;
 int bitRateOfIndex(int index);

@@ -69,6 +69,8 @@ public:
     // Frames heard that the server cannot carry to its clients (29-bit identifiers, CAN FD),
     // since the controller was made; wrapping. A bus that has none says 0.
     virtual quint32 uncarried() const { return 0; }
+    // The controller's error counters as it last reported them.
+    virtual ErrorCounters errorCounters() const { return {}; }
 
 signals:
     void framesReceived(const QVector<qorcalib::BusFrame>& frames);

@@ -84,6 +84,11 @@ QCanBusChannel::QCanBusChannel(QString plugin, QString interface,
     });
     connect(m_device.get(), &QCanBusDevice::stateChanged, this, &QCanBusChannel::onDeviceState);
     connect(m_device.get(), &QCanBusDevice::framesReceived, this, &QCanBusChannel::readFrames);
+    // SocketCAN sends error frames, with the controller's error counters, only when asked to.
+    if (m_plugin == QLatin1String("socketcan"))
+        m_device->setConfigurationParameter(
+            QCanBusDevice::ErrorFilterKey,
+            QVariant::fromValue(QCanBusFrame::FrameErrors(QCanBusFrame::AnyError)));
     // Plugins report a frame written from within writeFrame: taken later, so that the frame is
     // in m_written by then and no one hears of it while still sending it.
     connect(m_device.get(), &QCanBusDevice::framesWritten, this, &QCanBusChannel::framesWritten,
@@ -363,7 +368,11 @@ void QCanBusChannel::readFrames()
     batch.reserve(frames.size());
     const quint32 now = quint32(quint64(serverTimeUs()));
     for (const QCanBusFrame& in : frames) {
-        if (!in.isValid() || in.frameType() == QCanBusFrame::ErrorFrame)
+        if (in.frameType() == QCanBusFrame::ErrorFrame) {
+            takeErrorFrame(in);
+            continue;
+        }
+        if (!in.isValid())
             continue;
         // Counted, so that a client can say what its record lacks; an FD frame is never cut
         // down to a classic one.
@@ -383,6 +392,16 @@ void QCanBusChannel::readFrames()
     }
     if (!batch.isEmpty())
         emit framesReceived(batch);
+}
+
+void QCanBusChannel::takeErrorFrame(const QCanBusFrame& frame)
+{
+    // SocketCAN's error frames carry the controller's counters in their last two bytes when
+    // their class says so (0x200, beyond the classes Qt names).
+    constexpr quint32 kCountersClass = 0x200;
+    const QByteArray payload = frame.payload();
+    if ((frame.frameId() & kCountersClass) && payload.size() >= 8)
+        m_counters = {quint8(payload[6]), quint8(payload[7])};
 }
 
 void QCanBusChannel::framesWritten(qint64 count)

@@ -42,6 +42,7 @@ public:
     int dropSession(quint64 session) override;
     quint32 status() const override;
     quint32 uncarried() const override { return m_uncarried; }
+    ErrorCounters errorCounters() const override { return m_counters; }
 
 private:
     QCanBusChannel(QString plugin, QString interface, std::unique_ptr<QCanBusDevice> device);
@@ -52,6 +53,7 @@ private:
     void onDeviceState(QCanBusDevice::CanBusDeviceState state);
     void setLost(bool lost);
     void readFrames();
+    void takeErrorFrame(const QCanBusFrame& frame);
     void framesWritten(qint64 count);
     qint64 frameUs(const CanFrame& frame) const;
     // Hands a frame to the device; its session has been charged for it.
@@ -65,6 +67,7 @@ private:
     int m_bitRateIndex = 0;
     bool m_overrun = false;
     quint32 m_uncarried = 0;
+    ErrorCounters m_counters;
     bool m_started = false;
     bool m_lost = false;
     QTimer m_reconnect;

@@ -136,6 +136,13 @@ quint32 SimulatedChannel::status() const
     return m_running ? m_segment->status(this) : 0;
 }
 
+ErrorCounters SimulatedChannel::errorCounters() const
+{
+    if (!m_running)
+        return {};
+    return {m_segment->transmitErrorCount(this), m_segment->receiveErrorCount(this)};
+}
+
 void SimulatedChannel::receive(const BusFrame& frame)
 {
     m_batch.append(frame);

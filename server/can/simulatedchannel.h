@@ -26,6 +26,7 @@ public:
                     QString* error) override;
     int dropSession(quint64 session) override;
     quint32 status() const override;
+    ErrorCounters errorCounters() const override;
 
     bool isActive() const override { return m_running; }
     void receive(const BusFrame& frame) override;

@@ -220,6 +220,13 @@ public:
         return IntReply(
             int(m_s->core()->channel(controller)->status() | m_s->takeOverrun(controller)), {}, 0);
     }
+    IntReply GetErrorCounters(int controller) override
+    {
+        const QString error = m_s->core()->checkController(controller);
+        if (!error.isEmpty())
+            return IntReply(0, error, int(ErrorKind::BadArgument));
+        return IntReply(m_s->core()->channel(controller)->errorCounters().packed(), {}, 0);
+    }
     IntReply GetBitRate(int controller) override
     {
         const QString error = m_s->core()->checkController(controller);

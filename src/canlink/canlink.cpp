@@ -418,6 +418,16 @@ std::optional<quint32> CanLink::status(int controller, QString* error)
     return value ? std::optional<quint32>(quint32(*value)) : std::nullopt;
 }
 
+qorcalib::ErrorCounters CanLink::errorCounters(int controller, QString* error)
+{
+    ServerConnection* c = live(error, true);
+    if (!c)
+        return {};
+    const auto value =
+        valueOf(c->wait(c->bus()->GetErrorCounters(controller), error), error, &IntReply::value);
+    return value ? qorcalib::ErrorCounters::unpacked(*value) : qorcalib::ErrorCounters();
+}
+
 std::optional<int> CanLink::sdoTimeout(QString* error)
 {
     ServerConnection* c = live(error);

@@ -85,6 +85,8 @@ public:
     QString startService();
     std::optional<int> controllerCount(QString* error);
     std::optional<quint32> status(int controller, QString* error);
+    // Unknown where the controller reports none, or the server could not be asked.
+    qorcalib::ErrorCounters errorCounters(int controller, QString* error);
     std::optional<int> sdoTimeout(QString* error);
     struct BenchInfo
     {

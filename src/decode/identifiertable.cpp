@@ -94,6 +94,12 @@ void IdentifierTable::setStatus(int controller, quint32 status)
         m_status[size_t(controller)] = status;
 }
 
+void IdentifierTable::setErrorCounters(int controller, qorcalib::ErrorCounters counters)
+{
+    if (controller >= 0 && controller < kControllers)
+        m_counters[size_t(controller)] = counters;
+}
+
 void IdentifierTable::measureLoad()
 {
     const qint64 elapsedUs = std::max<qint64>(1, m_period.nsecsElapsed() / 1000);
@@ -113,13 +119,19 @@ QString IdentifierTable::loadText() const
         if (m_load[size_t(c)] < 0)
             continue;
         const quint32 s = m_status[size_t(c)];
-        parts << QStringLiteral("CAN %1: %2 %%3%4")
+        const qorcalib::ErrorCounters& counters = m_counters[size_t(c)];
+        parts << QStringLiteral("CAN %1: %2 %%3%4%5")
                      .arg(c)
                      .arg(m_load[size_t(c)], 0, 'f', 1)
                      .arg(s & qorcalib::StatusBusOff         ? QStringLiteral(" bus off")
                           : s & qorcalib::StatusErrorWarning ? QStringLiteral(" error warning")
                                                              : QString(),
-                          s & qorcalib::StatusOverrun ? QStringLiteral(" overrun") : QString());
+                          s & qorcalib::StatusOverrun ? QStringLiteral(" overrun") : QString(),
+                          counters.known() && (counters.transmit > 0 || counters.receive > 0)
+                              ? QStringLiteral(" TEC %1 REC %2")
+                                    .arg(counters.transmit)
+                                    .arg(counters.receive)
+                              : QString());
     }
     return parts.join(QStringLiteral("  "));
 }

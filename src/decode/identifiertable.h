@@ -1,5 +1,6 @@
 #pragma once
 
+#include "canmsg.h"
 #include "canopendecoder.h"
 
 #include <QAbstractTableModel>
@@ -53,11 +54,13 @@ public:
     // the controller's bus (stuff bits included), in percent; -1 while the rate is unknown.
     void setBitRate(int controller, int bitsPerSecond);
     void setStatus(int controller, quint32 status);
+    void setErrorCounters(int controller, qorcalib::ErrorCounters counters);
     // Ends a measuring period: the loads become those of the frames since the last call.
     void measureLoad();
     double loadPercent(int controller) const { return m_load.at(size_t(controller)); }
-    // "CAN 0: 12.5 %  CAN 1: 0.0 % bus off" for the controllers whose rate is known, each with
-    // its error state where it has one.
+    // "CAN 0: 12.5 %  CAN 1: 0.0 % bus off TEC 255 REC 0" for the controllers whose rate is
+    // known, each with its error state where it has one and its error counters where they are
+    // known and not both 0.
     QString loadText() const;
 
     int rowCount(const QModelIndex& parent = {}) const override;
@@ -88,6 +91,7 @@ private:
     bool m_changed = false;
     std::array<int, kControllers> m_bitRate{};
     std::array<quint32, kControllers> m_status{};
+    std::array<qorcalib::ErrorCounters, kControllers> m_counters{};
     std::array<qint64, kControllers> m_bits{};
     std::array<double, kControllers> m_load{-1, -1, -1, -1};
     QElapsedTimer m_period;

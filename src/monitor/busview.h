@@ -41,12 +41,14 @@ public:
     void clear();
     // Entries named and PDOs read by an EDS, on every controller, from the next frame on.
     void setDictionary(const std::shared_ptr<const DeviceDictionary>& dictionary);
-    // A controller's rate (0 while it does not run) and its status bits as the server reports
-    // them (error warning, bus off, overrun), shown beside its load.
-    void setController(int controller, int bitsPerSecond, quint32 status)
+    // A controller's rate (0 while it does not run), its status bits as the server reports
+    // them (error warning, bus off, overrun) and its error counters, shown beside its load.
+    void setController(int controller, int bitsPerSecond, quint32 status,
+                       qorcalib::ErrorCounters counters)
     {
         m_table.setBitRate(controller, bitsPerSecond);
         m_table.setStatus(controller, status);
+        m_table.setErrorCounters(controller, counters);
     }
     // Called by the monitor's refresh timer (every `elapsedMs`).
     void refresh(int elapsedMs);

@@ -236,10 +236,13 @@ void TstCanopenDecoder::networkWatch()
 
 void TstCanopenDecoder::identifierTable_data()
 {
-    columns<quint32, QString>({"status", "load"});
-    row("running", 0u, "CAN 0: 0.0 %  CAN 2: 0.0 %");
-    row("error warning", 4u, "CAN 0: 0.0 %  CAN 2: 0.0 % error warning");
-    row("bus off and overrun", 10u, "CAN 0: 0.0 %  CAN 2: 0.0 % bus off overrun");
+    // counters: the transmit and receive error counters packed as the server sends them
+    columns<quint32, int, QString>({"status", "counters", "load"});
+    row("running", 0u, 0, "CAN 0: 0.0 %  CAN 2: 0.0 %");
+    row("counters unknown", 0u, -1, "CAN 0: 0.0 %  CAN 2: 0.0 %");
+    row("error warning", 4u, 96 << 16 | 8, "CAN 0: 0.0 %  CAN 2: 0.0 % error warning TEC 8 REC 96");
+    row("bus off and overrun", 10u, 256,
+        "CAN 0: 0.0 %  CAN 2: 0.0 % bus off overrun TEC 256 REC 0");
 }
 
 void TstCanopenDecoder::identifierTable()
@@ -269,6 +272,8 @@ void TstCanopenDecoder::identifierTable()
     table.setBitRate(0, 1000000);
     table.setBitRate(2, 125000);
     table.setStatus(2, status);
+    QFETCH(int, counters);
+    table.setErrorCounters(2, qorcalib::ErrorCounters::unpacked(counters));
     table.measureLoad(); // the frames above were counted in the period before
     table.measureLoad();
     QTEST(table.loadText(), "load");

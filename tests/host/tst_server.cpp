@@ -35,6 +35,7 @@ private slots:
     void sdoAborts();
     void absentNodeHoldsUpOnlyItself();
     void syncForOneSessionAtATime();
+    void errorCountersFollowTheBus();
     void refusesToStart_data();
     void refusesToStart();
 
@@ -94,6 +95,25 @@ std::optional<TstServer::Running> TstServer::withRunningDrive()
     if (!running.frames->waitFor(0x701, hex("7f"), 3000))
         return std::nullopt;
     return running;
+}
+
+void TstServer::errorCountersFollowTheBus()
+{
+    auto running = withRunningDrive();
+    QVERIFY(running);
+    auto& a = running->connection;
+    QString error;
+    const auto counters = [&](int controller) {
+        return ErrorCounters::unpacked(
+            a->wait(a->bus()->GetErrorCounters(controller), &error)->value());
+    };
+    QCOMPARE(counters(0).packed(), 0);
+    QVERIFY(!counters(1).known()); // not started
+    // At 500K beside the drive at 1000K, the frame sent is not acknowledged (8 for it) and the
+    // drive's heartbeats are errors to the receiver.
+    CALL_OK(a, bus()->SetBitRate(0, 2));
+    CALL_OK(a, bus()->Send(0, CanMsg(0x100, 1, hex("01")), 0));
+    QTRY_VERIFY(counters(0).transmit == 8 && counters(0).receive >= 8);
 }
 
 void TstServer::badInputIsRefused_data()
