@@ -38,7 +38,7 @@ enum BusMethod
     Advise = 3,
     Send = 6,
     GetControllerCount = 11,
-    BusMethodCount = 19
+    BusMethodCount = 20
 };
 enum ServiceMethod
 {
