@@ -133,7 +133,7 @@ void BusView::clear()
 void BusView::refresh(int elapsedMs)
 {
     if (edDecoded->isVisible())
-        edDecoded->show(m_decoded);
+        edDecoded->showChanges(m_decoded);
     m_sinceTable += elapsedMs;
     if (m_sinceTable >= kTableRefreshMs && tblIds->isVisible()) {
         m_sinceTable = 0;

@@ -331,7 +331,7 @@ void FrmDiagno::refreshTrace()
 {
     // Paused, the changes add up in the buffer and show at once on resuming.
     if (!cmdPause->isChecked())
-        edTrace->show(m_trace);
+        edTrace->showChanges(m_trace);
 }
 
 namespace {

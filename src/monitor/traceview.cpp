@@ -34,7 +34,7 @@ TraceView::TraceView(QWidget* parent) : QAbstractScrollArea(parent)
     fontMetricsChanged();
 }
 
-void TraceView::show(TraceBuffer& buffer)
+void TraceView::showChanges(TraceBuffer& buffer)
 {
     const TraceBuffer::Change change = buffer.takeChange();
     if (!change.replaced && change.added == 0)

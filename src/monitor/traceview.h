@@ -26,7 +26,7 @@ public:
     explicit TraceView(QWidget* parent = nullptr);
 
     // Brings the view up to date with the buffer's changes since the last call.
-    void show(TraceBuffer& buffer);
+    void showChanges(TraceBuffer& buffer);
     // The text shown, with plain line ends.
     QString toPlainText() const;
     QString selectedText() const;

@@ -126,11 +126,11 @@ void TstFrmDiagno::viewFollowsOnlyFromTheBottom()
     // A view shown for the first time with lines wider than itself follows too.
     TraceView wide;
     wide.resize(200, 100);
-    wide.QWidget::show();
+    wide.show();
     TraceBuffer lines;
     for (int i = 0; i < 50; ++i)
         lines.append(QString(100, QLatin1Char('x')));
-    wide.show(lines);
+    wide.showChanges(lines);
     QTRY_VERIFY(wide.horizontalScrollBar()->isVisible());
     QVERIFY(wide.verticalScrollBar()->maximum() > 0);
     QCOMPARE(wide.verticalScrollBar()->value(), wide.verticalScrollBar()->maximum());
