@@ -1,36 +1,17 @@
 #include "statusline.h"
 
+#include "elidedlabel.h"
 #include "numbers.h"
 #include "sdoabort.h"
 #include "serverconnection.h"
 
 #include <QLabel>
 #include <QLineEdit>
-#include <QPainter>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QStatusBar>
 
 namespace tessel {
-
-namespace {
-// A status text that does not fit ends in "…" instead of being cut mid-word; the tool tip
-// holds it whole.
-class ElidedLabel : public QLabel
-{
-public:
-    using QLabel::QLabel;
-    QSize minimumSizeHint() const override { return {0, QLabel::minimumSizeHint().height()}; }
-
-protected:
-    void paintEvent(QPaintEvent*) override
-    {
-        QPainter painter(this);
-        painter.drawText(contentsRect(), Qt::AlignLeft | Qt::AlignVCenter,
-                         fontMetrics().elidedText(text(), Qt::ElideRight, contentsRect().width()));
-    }
-};
-} // namespace
 
 QString controllerStatusText(quint32 bits)
 {

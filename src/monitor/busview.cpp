@@ -1,14 +1,40 @@
 #include "busview.h"
 
+#include "elidedlabel.h"
 #include "plotsource.h"
 
 #include <QHeaderView>
 #include <QLabel>
 #include <QMenu>
 #include <QSortFilterProxyModel>
+#include <QTabBar>
+#include <QTabWidget>
 #include <QTableView>
 
 namespace tessel {
+
+namespace {
+// Beside a tab bar, the load takes the room the tabs leave and no more, so that a long text
+// never pushes the tabs aside; what does not fit ends in "…" and the tool tip has it whole.
+class LoadLabel : public ElidedLabel
+{
+public:
+    using ElidedLabel::ElidedLabel;
+    QSize sizeHint() const override
+    {
+        QSize hint = ElidedLabel::sizeHint();
+        if (const auto* tabs = qobject_cast<const QTabWidget*>(parentWidget()))
+            hint.setWidth(std::clamp(tabs->width() - tabs->tabBar()->sizeHint().width() - 12, 0,
+                                     hint.width()));
+        return hint;
+    }
+};
+
+const QString kLoadTip =
+    QStringLiteral("Bus load over the last second: the time the traced frames took on each\n"
+                   "running controller's bus; its error state, and its transmit (TEC) and\n"
+                   "receive (REC) error counters once they are not both 0");
+} // namespace
 
 BusView::BusView(QWidget* parent) : QObject(parent)
 {
@@ -41,16 +67,11 @@ BusView::BusView(QWidget* parent) : QObject(parent)
     tblIds->setContextMenuPolicy(Qt::CustomContextMenu);
     connect(tblIds, &QTableView::customContextMenuRequested, this, &BusView::offerPlot);
 
-    lblLoad = new QLabel(parent);
+    lblLoad = new LoadLabel(parent);
     lblLoad->setObjectName(QStringLiteral("lblLoad"));
-    // A width of its own, so that the text changing every second never lays the window out
-    // again.
-    lblLoad->setMinimumWidth(
-        lblLoad->fontMetrics().horizontalAdvance(QStringLiteral("CAN 0: 100.0 %  CAN 1: 100.0 %")));
     lblLoad->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     lblLoad->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-    lblLoad->setToolTip(QStringLiteral("Bus load over the last second: the time the traced "
-                                       "frames took on each running controller's bus"));
+    lblLoad->setToolTip(kLoadTip);
 }
 
 void BusView::addFrame(int controller, int kind, quint16 id, qint64 timeUs, int length,
@@ -144,6 +165,11 @@ void BusView::refresh(int elapsedMs)
         m_sinceLoad = 0;
         m_table.measureLoad();
         lblLoad->setText(m_table.loadText());
+        lblLoad->setToolTip(
+            lblLoad->text().isEmpty()
+                ? kLoadTip
+                : lblLoad->text().replace(QLatin1String("  "), QLatin1String("\n")) +
+                      QLatin1String("\n\n") + kLoadTip);
     }
 }
 

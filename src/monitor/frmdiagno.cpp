@@ -87,9 +87,6 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
                                           "clients' SDO and LSS exchanges"));
     top->addWidget(chkEnAllRx);
     top->addStretch();
-    // Filled in once the bus view exists, below.
-    auto* loadSlot = new QHBoxLayout;
-    top->addLayout(loadSlot);
 
     edTrace = new TraceView(this);
     edTrace->setObjectName(QStringLiteral("edTrace"));
@@ -127,7 +124,8 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
         if (!cmdPause->isChecked())
             busView->refresh(0);
     });
-    loadSlot->addWidget(busView->lblLoad);
+    // The load beside the tabs, where the row has room for every controller's.
+    tabView->setCornerWidget(busView->lblLoad, Qt::TopRightCorner);
     auto* middle = new QHBoxLayout;
     middle->addWidget(tabView, 1);
     middle->addWidget(filter);
