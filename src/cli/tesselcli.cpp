@@ -381,9 +381,17 @@ int TesselCli::sendFrame(quint16 id, const QByteArray& data, bool remote, int le
         return -1;
     if (!error.isEmpty())
         return linkFailure(error);
-    return fail(kFailed, QStringLiteral("the frame did not go out on controller %1 (no other "
-                                        "node on the bus?)")
-                             .arg(m_controller));
+    // The controller's counters say whether nobody acknowledged it or the bus is in trouble.
+    const qorcalib::ErrorCounters counters = m_link.errorCounters(m_controller, &error);
+    return fail(kFailed,
+                QStringLiteral("the frame did not go out on controller %1 (no other node on the "
+                               "bus?%2)")
+                    .arg(m_controller)
+                    .arg(counters.known() ? QStringLiteral(" transmit error counter %1, receive "
+                                                           "error counter %2")
+                                                .arg(counters.transmit)
+                                                .arg(counters.receive)
+                                          : QString()));
 }
 
 bool TesselCli::waitUntilSent(int timeoutMs, QString* error)
