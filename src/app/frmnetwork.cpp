@@ -246,8 +246,8 @@ void FrmNetwork::scan()
     m_scanning = true;
     cmdScan->setEnabled(false);
     const int controller = m_shown;
-    const int userTimeout = m_link->sdoTimeoutMs();
-    QString error = m_link->setSdoTimeout(kScanWaitMs);
+    QString error;
+    std::optional<SdoTimeoutHold> shortWait(std::in_place, m_link, kScanWaitMs, &error);
     NodeScan nodes(m_link, controller);
     int found = 0;
     for (int node = 1; node <= 127 && error.isEmpty(); ++node) {
@@ -260,7 +260,7 @@ void FrmNetwork::scan()
         if (controller == m_shown)
             showNode(node);
     }
-    m_link->setSdoTimeout(userTimeout);
+    shortWait.reset();
     if (!error.isEmpty())
         emit message(QStringLiteral("Scan stopped: %1").arg(error));
     log(nowUs(controller), QStringLiteral("scan of CAN %1: %2 node(s) answered")

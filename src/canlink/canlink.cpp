@@ -199,8 +199,8 @@ bool CanLink::reconnect(QString* error)
     if (m_rxAll)
         restore(m_connection->bus()->setallrxflag(-1));
     restore(m_connection->bus()->SetTxNotify(m_txNotify));
-    restore(m_connection->service()->SetSdoTimeout(m_sdoTimeoutMs));
-    restore(m_connection->bus()->SetSdoTimeout(m_sdoTimeoutMs));
+    restore(m_connection->service()->SetSdoTimeout(sdoTimeoutMs()));
+    restore(m_connection->bus()->SetSdoTimeout(sdoTimeoutMs()));
     if (m_lssTimeoutMs > 0)
         restore(m_connection->service()->SetLssTimeout(m_lssTimeoutMs));
     if (ok && restoreSession)
@@ -440,7 +440,7 @@ std::optional<int> CanLink::sdoTimeout(QString* error)
     return value;
 }
 
-QString CanLink::setSdoTimeout(int milliseconds)
+QString CanLink::sendSdoTimeout(int milliseconds)
 {
     QString error;
     if (!live(&error))
@@ -451,10 +451,33 @@ QString CanLink::setSdoTimeout(int milliseconds)
     if (!error.isEmpty())
         return error;
     const auto bus = m_connection->wait(m_connection->bus()->SetSdoTimeout(milliseconds), &error);
-    error = replyError(bus, error);
+    return replyError(bus, error);
+}
+
+QString CanLink::setSdoTimeout(int milliseconds)
+{
+    const QString error = sendSdoTimeout(milliseconds);
     if (error.isEmpty())
         m_sdoTimeoutMs = milliseconds;
     return error;
+}
+
+QString CanLink::holdSdoTimeout(int milliseconds)
+{
+    const QString error = sendSdoTimeout(milliseconds);
+    if (error.isEmpty())
+        m_heldSdoTimeoutMs = milliseconds;
+    return error;
+}
+
+void CanLink::releaseSdoTimeout()
+{
+    if (!m_heldSdoTimeoutMs)
+        return;
+    m_heldSdoTimeoutMs.reset();
+    // A server that cannot be reached now gets the user's value when the link connects again.
+    if (m_connection)
+        sendSdoTimeout(m_sdoTimeoutMs);
 }
 
 CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, int index,
@@ -467,7 +490,7 @@ CanLink::SdoResult CanLink::sdoTransfer(int controller, bool upload, int node, i
                           : m_connection->service()->SdoDownload(controller, node, index, subIndex,
                                                                  data);
         },
-        m_sdoTimeoutMs + kSdoGraceMs, &result.error);
+        sdoTimeoutMs() + kSdoGraceMs, &result.error);
     result.kind = m_lastKind;
     if (!finished)
         return result;

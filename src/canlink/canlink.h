@@ -176,7 +176,14 @@ public:
 
     // Both the service's and the bus's setter, so that both sides use it.
     QString setSdoTimeout(int milliseconds);
-    int sdoTimeoutMs() const { return m_sdoTimeoutMs; }
+    // The time-out in force: one held for a piece of work, else the user's.
+    int sdoTimeoutMs() const { return m_heldSdoTimeoutMs.value_or(m_sdoTimeoutMs); }
+    // A time-out for one piece of work (a scan's short one), given back by releaseSdoTimeout().
+    // The user's stays what a new connection is given once the work is over, even when the
+    // server was lost meanwhile and the setting back could not reach it; SdoTimeoutHold does
+    // both.
+    QString holdSdoTimeout(int milliseconds);
+    void releaseSdoTimeout();
 
     // ProgressNotify's rule: the fraction clamped to 0..1, as a percentage.
     static float progressPercent(double fraction);
@@ -239,7 +246,9 @@ private:
         int count;
     };
     QList<HeldBatch> m_held;
+    QString sendSdoTimeout(int milliseconds);
     int m_sdoTimeoutMs = 1000;
+    std::optional<int> m_heldSdoTimeoutMs;
     int m_lssTimeoutMs = 0;
     LongOperation m_operation{this};
     ErrorKind m_lastKind = ErrorKind::None;
@@ -257,4 +266,19 @@ private:
     bool m_txNotify = true;
 };
 
+// Holds the link's SDO time-out at `milliseconds` while it lives.
+class SdoTimeoutHold
+{
+public:
+    SdoTimeoutHold(CanLink* link, int milliseconds, QString* error) : m_link(link)
+    {
+        *error = link->holdSdoTimeout(milliseconds);
+    }
+    ~SdoTimeoutHold() { m_link->releaseSdoTimeout(); }
+    SdoTimeoutHold(const SdoTimeoutHold&) = delete;
+    SdoTimeoutHold& operator=(const SdoTimeoutHold&) = delete;
+
+private:
+    CanLink* m_link;
+};
 } // namespace tessel

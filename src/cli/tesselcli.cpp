@@ -934,8 +934,10 @@ int TesselCli::scan(QStringList args)
         return bad(QStringLiteral("scan does not take '%1'").arg(args.first()));
     if (const int code = connectAndStart(); code >= 0)
         return code;
-    if (const QString e = m_link.setSdoTimeout(waitMs); !e.isEmpty())
-        return linkFailure(e);
+    QString holdError;
+    const SdoTimeoutHold shortWait(&m_link, waitMs, &holdError);
+    if (!holdError.isEmpty())
+        return linkFailure(holdError);
     const bool terminal = isatty(STDERR_FILENO);
     NodeScan scan(&m_link, m_controller);
     int found = 0;

@@ -294,6 +294,12 @@ void TstMonitorTools::networkWindow()
     QTest::mouseClick(t.window.benchPanel->cmdShutdown, Qt::LeftButton);
     QTRY_COMPARE_WITH_TIMEOUT(cell(FrmNetwork::Alarm), QString("heartbeat missed"), 3000);
     QCOMPARE(w->logText().count("heartbeat missed"), 1);
+    // The server lost during a scan: the scan stops, and the user's time-out, not the scan's
+    // short one, is what the next connection gets.
+    QTimer::singleShot(200, this, [this] { m_bench.server->kill(); });
+    QTest::mouseClick(w->cmdScan, Qt::LeftButton);
+    QVERIFY2(t.messages.join('\n').contains("Scan stopped: "), qPrintable(t.messages.join('\n')));
+    QCOMPARE(t.window.link()->sdoTimeoutMs(), 1000);
 }
 
 void TstMonitorTools::plotWindow()
