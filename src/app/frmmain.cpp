@@ -314,11 +314,7 @@ void FrmMain::tmrStato_Timer()
         QString error;
         const auto bits = enabled ? m_link.status(i, &error) : std::nullopt;
         m_status->showControllerStatus(i, enabled, bits);
-        const int rate = qorcalib::bitRateOfIndex(controllerPanel->controllers().bitRate(i));
-        if (m_monitor) // it measures the load of the controllers that run, and shows their state
-            m_monitor->busView->setController(i, enabled ? rate : 0, bits.value_or(0),
-                                              enabled && bits ? m_link.errorCounters(i, &error)
-                                                              : qorcalib::ErrorCounters());
+        m_monitorLink->showController(i, enabled, bits);
     }
 }
 

@@ -129,4 +129,14 @@ void MonitorLink::onFrameTransmitted(int controller, quint16 id, int length,
                           reinterpret_cast<const quint8*>(bytes.constData()));
 }
 
+void MonitorLink::showController(int controller, bool enabled, std::optional<quint32> status)
+{
+    if (!m_monitor) // it measures the load of the controllers that run, and shows their state
+        return;
+    QString error;
+    const int rate = qorcalib::bitRateOfIndex(m_controllers->controllers().bitRate(controller));
+    m_monitor->busView->setController(controller, enabled ? rate : 0, status.value_or(0),
+                                      status ? m_link->errorCounters(controller, &error)
+                                             : qorcalib::ErrorCounters());
+}
 } // namespace tessel

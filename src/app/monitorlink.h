@@ -4,6 +4,8 @@
 #include <QObject>
 #include <QString>
 
+#include <optional>
+
 namespace tessel {
 
 class CanLink;
@@ -27,6 +29,9 @@ public:
     // message says why). A disabled controller sends nothing and is no failure.
     bool send(quint16 id, int length, const QByteArray& data);
     bool sendRemote(quint32 id, int length);
+    // A controller's state for the monitor's load line: its rate while it runs, the status
+    // bits the server reported (none when it could not be asked), and its error counters.
+    void showController(int controller, bool enabled, std::optional<quint32> status);
     // The monitor's "Enable": while cleared, frames sent are not echoed into the trace.
     bool echoOff() const { return m_echoOff; }
     // While held (an upgrade or a vector read runs), the frames received stay out of the trace.

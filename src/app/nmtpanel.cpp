@@ -41,7 +41,6 @@ NmtPanel::NmtPanel(NmtHost* host, ControllerPanel* controllers, QLineEdit* txtAb
     for (int i = 0; i < int(cmdNMT.size()); ++i) {
         cmdNMT[i] = new QPushButton(QLatin1String(kNmtButtons[i].caption), this);
         cmdNMT[i]->setObjectName(QStringLiteral("cmdNMT_%1").arg(i));
-        cmdNMT[i]->setProperty("tag", QString::number(kNmtButtons[i].specifier));
         cmdNMT[i]->setToolTip(QLatin1String(kNmtButtons[i].tip));
         nmt->addWidget(cmdNMT[i]);
         connect(cmdNMT[i], &QPushButton::clicked, this, [this, i] { cmdNMT_Click(i); });
@@ -78,7 +77,7 @@ void NmtPanel::setBusEnabled(bool enable)
 
 void NmtPanel::cmdNMT_Click(int index)
 {
-    const auto command = quint8(cmdNMT[index]->property("tag").toString().toInt());
+    const auto command = quint8(kNmtButtons[index].specifier);
     QByteArray data(2, '\0'); // node-ID 0: every node
     data[0] = char(command);
     m_txtAbort->setText(m_host->SendCanMsg(0, 2, data) ? QStringLiteral("Can - send err")
