@@ -351,8 +351,13 @@ void DriveProfile::moveActual(double dt, qint64 nowUs)
 
 void DriveProfile::step(qint64 nowUs)
 {
-    const double dt = m_lastStepUs < 0 ? 0.0 : double(nowUs - m_lastStepUs) / 1e6;
+    double dt = m_lastStepUs < 0 ? 0.0 : double(nowUs - m_lastStepUs) / 1e6;
     m_lastStepUs = nowUs;
+    // At rest the drive is stepped only when something else wakes it; a move that begins (a
+    // target velocity written by SDO or PDO) begins now, one step's time, not at that wake-up.
+    if (!m_movingAtLastStep)
+        dt = std::min(dt, double(kStepUs) / 1e6);
+    m_movingAtLastStep = moving();
     if (m_state != State::OperationEnabled && m_state != State::QuickStopActive)
         return;
     if (dt <= 0.0)

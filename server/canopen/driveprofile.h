@@ -90,6 +90,7 @@ private:
     quint16 m_lastControlword = 0;
     quint16 m_activeFault = 0;
     qint64 m_lastStepUs = -1;
+    bool m_movingAtLastStep = false;
     qint8 m_mode = 0;
     // The profile generator: where the drive is asked to be, and how fast it goes there.
     double m_demand = 0.0;

@@ -181,6 +181,16 @@ void TstDriveProfile::profileVelocityAndQuickStop()
     d.run(100000);
     QCOMPARE(d.read(0x606C), -50000);
     QCOMPARE(d.status() & 0x0400, 0x0400);
+    // At rest, while only other timers wake the drive, a new target velocity starts a ramp
+    // from that moment: not a jump by all the time since the last wake-up.
+    d.set(0x60FF, 0);
+    d.run(200000);
+    QCOMPARE(d.read(0x606C), 0);
+    d.profile.step(d.now += 900000);
+    d.set(0x60FF, 50000);
+    d.profile.step(d.now += 400000); // the drive's timer, now that it moves
+    QVERIFY2(d.read(0x606C) > 0 && d.read(0x606C) < 5000,
+             qPrintable(QString::number(d.read(0x606C))));
     // Quick stop: down with 6085, then switch on disabled.
     d.control(0x0B);
     QCOMPARE(d.profile.state(), State::QuickStopActive);
