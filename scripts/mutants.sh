@@ -36,6 +36,8 @@ tests_for() {
     server/canopen/lss*) echo tst_lss tst_lssrunner ;;
     server/canopen/nmt*) echo tst_nmtslave tst_simdrive ;;
     server/canopen/boot*) echo tst_bootcatch tst_bootloader ;;
+    server/canopen/*) echo tst_pdo tst_errorcontrol tst_driveprofile tst_simdrive ;;
+    interface/bittiming*) echo tst_bittiming tst_simulatedsegment ;;
     server/host/packet*) echo tst_packetrules tst_serverboundary ;;
     server/host/lss*) echo tst_lssrunner tst_lssservice ;;
     server/host/*) echo tst_server tst_serverboundary ;;
