@@ -124,7 +124,7 @@ FrmDiagno::FrmDiagno(const WindowPlacement* placement, QWidget* mainWindow, QWid
         if (!cmdPause->isChecked())
             busView->refresh(0);
     });
-    // The load beside the tabs, where the row has room for every controller's.
+    // The load beside the tabs, where their row leaves it the most room.
     tabView->setCornerWidget(busView->lblLoad, Qt::TopRightCorner);
     auto* middle = new QHBoxLayout;
     middle->addWidget(tabView, 1);
