@@ -259,11 +259,25 @@ qint64 signExtended(quint64 raw, int bits)
 
 QString CanopenDecoder::text(const DecodedFrame& frame)
 {
-    QString head = frame.service;
-    if (frame.node > 0)
-        head += QStringLiteral(" node %1").arg(frame.node);
-    return head + QStringLiteral(": ") +
-           (frame.malformed ? QStringLiteral("malformed: ") : QString()) + frame.meaning;
+    // Written for every frame the monitor traces and every line a decode writes out: put
+    // together in one allocation, the node's number digit by digit.
+    QString text;
+    text.reserve(frame.service.size() + 24 + frame.meaning.size());
+    text += frame.service;
+    if (frame.node > 0) {
+        text += QLatin1String(" node ");
+        char digits[12];
+        int count = 0;
+        for (int n = frame.node; n > 0; n /= 10)
+            digits[count++] = char('0' + n % 10);
+        while (count > 0)
+            text += QLatin1Char(digits[--count]);
+    }
+    text += QLatin1String(": ");
+    if (frame.malformed)
+        text += QLatin1String("malformed: ");
+    text += frame.meaning;
+    return text;
 }
 
 QString CanopenDecoder::entry(const Transfer& t) const
