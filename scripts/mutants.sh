@@ -33,13 +33,13 @@ done
 tests_for() {
     case $1 in
     server/canopen/sdo*) echo tst_sdo tst_simdrive ;;
-    server/canopen/lss*) echo tst_lss tst_lssrunner ;;
+    server/canopen/lss*) echo tst_lss tst_lssservice ;;
     server/canopen/nmt*) echo tst_nmtslave tst_simdrive ;;
     server/canopen/boot*) echo tst_bootcatch tst_bootloader ;;
     server/canopen/*) echo tst_pdo tst_errorcontrol tst_driveprofile tst_simdrive ;;
     interface/bittiming*) echo tst_bittiming tst_simulatedsegment ;;
     server/host/packet*) echo tst_packetrules tst_serverboundary ;;
-    server/host/lss*) echo tst_lssrunner tst_lssservice ;;
+    server/host/lss*) echo tst_lssservice ;;
     server/host/*) echo tst_server tst_serverboundary ;;
     server/sim/*) echo tst_objectdictionary tst_dictionaryaccess tst_alarmlog tst_simdrive ;;
     src/trace/*) echo tst_tracefile tst_tracereplay tst_tracefiles ;;

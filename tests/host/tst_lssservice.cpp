@@ -1,8 +1,14 @@
 // LSS through the server against the simulated drives: the unconfigured drive on controller 1
 // (250K), the configured one on controller 0 (node 1, 1000K).
 #include "datatable.h"
+#include "lssrunner.h"
+#include "objectdictionary.h"
+#include "servercore.h"
 #include "serverprocess.h"
+#include "simdrive.h"
+#include "simulatedsegment.h"
 
+#include <QtEndian>
 #include <QtTest>
 
 using tessel::test::columns;
@@ -20,7 +26,7 @@ struct Lss
     std::optional<OperationResult> result;
 };
 
-Lss lss(ServerConnection* c, bool configure, int channel, int node = 0, int rate = 0)
+Lss lssRequest(ServerConnection* c, bool configure, int channel, int node = 0, int rate = 0)
 {
     Lss out;
     QSignalSpy done(c->notify(), &QCSNotifyReplica::OperationDone);
@@ -67,6 +73,7 @@ private slots:
     void configureGivesNodeIdAndRate();
     void noSlaveOnTheBus();
     void configuredDriveKeepsItsNodeId();
+    void twoUnconfiguredDrivesGetANodeIdEach();
 
 private:
     QTemporaryDir m_dir;
@@ -109,7 +116,7 @@ void TstLssService::inquireFindsEachDrive()
     CALL_OK(a, bus()->StartController(controller));
     QTest::qWait(300); // the drives boot
     const int before = bitRate(a.get(), controller);
-    const Lss found = lss(a.get(), false, controller);
+    const Lss found = lssRequest(a.get(), false, controller);
     QVERIFY2(found.result, qPrintable(found.refused));
     QCOMPARE(found.result->error(), QString());
     QCOMPARE(found.result->value(), node);
@@ -126,7 +133,7 @@ void TstLssService::configureGivesNodeIdAndRate()
     FrameRecorder frames(a.get());
     CALL_OK(a, bus()->StartController(1));
     QTest::qWait(300);
-    const Lss set = lss(a.get(), true, 1, 0x22, 2);
+    const Lss set = lssRequest(a.get(), true, 1, 0x22, 2);
     QVERIFY2(set.result, qPrintable(set.refused));
     QCOMPARE(set.result->error(), QString());
     QCOMPARE(bitRate(a.get(), 1), 3); // back at 250K: the user switches it
@@ -150,7 +157,7 @@ void TstLssService::configureGivesNodeIdAndRate()
     CALL_OK(a, benchBoard()->BoardCommand(10, 0));
     QVERIFY(frames.waitFor(0x722, QByteArray::fromHex("00"), 3000, off));
     // Asked again, it is found at 500K with its node-ID.
-    const Lss found = lss(a.get(), false, 1);
+    const Lss found = lssRequest(a.get(), false, 1);
     QVERIFY(found.result);
     QCOMPARE(found.result->value(), 0x22);
     QCOMPARE(found.result->data(), QByteArray(1, char(2)));
@@ -163,13 +170,13 @@ void TstLssService::noSlaveOnTheBus()
     auto a = m_server->attach();
     QVERIFY(a);
     CALL_OK(a, bus()->SetBitRate(2, 4));
-    const Lss inquiry = lss(a.get(), false, 2);
+    const Lss inquiry = lssRequest(a.get(), false, 2);
     QVERIFY(inquiry.result);
     QCOMPARE(inquiry.result->error(), QString("no LSS slave answered"));
     QCOMPARE(bitRate(a.get(), 2), 4);
     QString error;
     QCOMPARE(a->wait(a->bus()->GetStatus(2), &error)->value() & 8, 0); // not left running
-    const Lss set = lss(a.get(), true, 2, 0x22, 2);
+    const Lss set = lssRequest(a.get(), true, 2, 0x22, 2);
     QVERIFY(set.result);
     QVERIFY2(set.result->error().startsWith("no drive on this controller waits for a node-ID"),
              qPrintable(set.result->error()));
@@ -195,7 +202,7 @@ void TstLssService::configuredDriveKeepsItsNodeId()
     FrameRecorder frames(a.get());
     CALL_OK(a, bus()->StartController(0));
     QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000));
-    const Lss set = lss(a.get(), true, 0, 5, 0);
+    const Lss set = lssRequest(a.get(), true, 0, 5, 0);
     QVERIFY(set.result);
     QVERIFY2(set.result->error().startsWith("no drive on this controller waits for a node-ID"),
              qPrintable(set.result->error()));
@@ -203,6 +210,62 @@ void TstLssService::configuredDriveKeepsItsNodeId()
     CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, QByteArray::fromHex("8200")), 0));
     QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("00"), 3000, from));
     QCOMPARE(frames.find(0x705, QByteArray::fromHex("00"), from), -1);
+}
+
+void TstLssService::twoUnconfiguredDrivesGetANodeIdEach()
+{
+    // In the server's own world, beside a second drive that has no node-ID either: Fastscan
+    // isolates one at a time, so that each gets a node-ID of its own.
+    ServerCore::Config config;
+    config.paced = false;
+    config.edsPath = QStringLiteral(QORCALIB_DATA_DIR "/drive.eds");
+    QString error;
+    const auto core = ServerCore::create(config, &error);
+    QVERIFY2(core, qPrintable(error));
+    // A second drive beside the unconfigured one of controller 1, with a lower serial number
+    // (the simulated drive's is 0x12345).
+    auto dictionary = ObjectDictionary::fromEds(config.edsPath, 0, &error);
+    QVERIFY(dictionary);
+    QByteArray serial(4, '\0');
+    qToLittleEndian<quint32>(0x00000077, serial.data());
+    dictionary->find(0x1018, 4)->value = serial;
+    SimDrive second(core->segment(1), std::move(*dictionary), NmtSlave::kUnconfigured, 3);
+    second.setPowered(true);
+    QVERIFY(core->startController(1, &error));
+    QTest::qWait(300);
+
+    const auto run = [&](bool configure, quint8 node) {
+        std::optional<LssRunner::Outcome> outcome;
+        LssRunner::Request request;
+        request.session = 1;
+        request.configure = configure;
+        request.nodeId = node;
+        request.bitRateIndex = 3;
+        request.done = [&outcome](const LssRunner::Outcome& o) { outcome = o; };
+        const QString refused = core->lssRunner(1)->submit(std::move(request));
+        if (!refused.isEmpty())
+            return LssRunner::Outcome{refused};
+        if (!QTest::qWaitFor([&outcome] { return outcome.has_value(); }, 20000))
+            return LssRunner::Outcome{QStringLiteral("no outcome")};
+        return outcome.value_or(LssRunner::Outcome{QStringLiteral("no outcome")});
+    };
+
+    // Node-IDs 0 and 0x80 are none: refused before any frame.
+    QVERIFY(run(true, 0).error.startsWith("node-ID 0x0 out of range"));
+    QVERIFY(run(true, 0x80).error.startsWith("node-ID 0x80 out of range"));
+    const LssRunner::Outcome first = run(false, 0);
+    QCOMPARE(first.error, QString());
+    QCOMPARE(first.nodeId, lss::kUnconfigured);
+    QCOMPARE(first.bitRateIndex, 3);
+    // The lower LSS address first: the second drive.
+    QCOMPARE(run(true, 0x30).error, QString());
+    QCOMPARE(second.nodeId(), quint8(0x30));
+    QCOMPARE(core->drive(1)->nodeId(), lss::kUnconfigured);
+    QCOMPARE(run(false, 0).nodeId, lss::kUnconfigured); // the other one is still there
+    QCOMPARE(run(true, 0x31).error, QString());
+    QCOMPARE(core->drive(1)->nodeId(), quint8(0x31));
+    QCOMPARE(second.nodeId(), quint8(0x30));
+    QCOMPARE(core->channel(1)->bitRateIndex(), 3);
 }
 
 QTEST_GUILESS_MAIN(TstLssService)
