@@ -22,9 +22,9 @@ class TstFrmMain : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
+    void initTestCase() { m_bench.useOwnSettings(); }
+    void init() { QVERIFY(m_bench.startServer()); }
+    void cleanup() { m_server.reset(); }
 
     void walk();
     void serverKilledWhileRunning();
@@ -38,21 +38,6 @@ private:
     QTemporaryDir& m_settings = m_bench.settings;
     std::unique_ptr<ServerProcess>& m_server = m_bench.server;
 };
-
-void TstFrmMain::initTestCase()
-{
-    m_bench.useOwnSettings();
-}
-
-void TstFrmMain::init()
-{
-    QVERIFY(m_bench.startServer());
-}
-
-void TstFrmMain::cleanup()
-{
-    m_server.reset();
-}
 
 void TstFrmMain::walk()
 {

@@ -57,7 +57,7 @@ class TstMonitorTools : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
+    void initTestCase() { m_bench.useOwnSettings(); }
     void composerListGoesOutCompleteAndInOrder();
     void acquisitionOfTenThousandFramesExports();
     void runningToolsStopWhenTheServerGoes();
@@ -68,11 +68,6 @@ private slots:
 private:
     WindowTestBench m_bench;
 };
-
-void TstMonitorTools::initTestCase()
-{
-    m_bench.useOwnSettings();
-}
 
 void TstMonitorTools::composerListGoesOutCompleteAndInOrder()
 {

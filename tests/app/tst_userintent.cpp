@@ -39,9 +39,9 @@ class TstUserIntent : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
+    void initTestCase() { m_bench.useOwnSettings(); }
+    void init() { QVERIFY(m_bench.startServer()); }
+    void cleanup() { m_server.reset(); }
 
     void inputDuringAWaitIsDropped();
     void abortEndsTheWaitAndTheTransferOnTheBus();
@@ -54,21 +54,6 @@ private:
     QTemporaryDir& m_settings = m_bench.settings;
     std::unique_ptr<ServerProcess>& m_server = m_bench.server;
 };
-
-void TstUserIntent::initTestCase()
-{
-    m_bench.useOwnSettings();
-}
-
-void TstUserIntent::init()
-{
-    QVERIFY(m_bench.startServer());
-}
-
-void TstUserIntent::cleanup()
-{
-    m_server.reset();
-}
 
 void TstUserIntent::inputDuringAWaitIsDropped()
 {

@@ -66,7 +66,7 @@ class TstLssService : public QObject
 {
     Q_OBJECT
 private slots:
-    void init();
+    void init() { m_server = std::make_unique<ServerProcess>(); }
     void cleanup();
     void inquireFindsEachDrive_data();
     void inquireFindsEachDrive();
@@ -79,11 +79,6 @@ private:
     QTemporaryDir m_dir;
     std::unique_ptr<ServerProcess> m_server;
 };
-
-void TstLssService::init()
-{
-    m_server = std::make_unique<ServerProcess>();
-}
 
 void TstLssService::cleanup()
 {

@@ -25,7 +25,7 @@ class TstServer : public QObject
 {
     Q_OBJECT
 private slots:
-    void init();
+    void init() { m_server = std::make_unique<ServerProcess>(); }
     void cleanup();
 
     void badInputIsRefused_data();
@@ -53,11 +53,6 @@ private:
     QTemporaryDir m_dir;
     std::unique_ptr<ServerProcess> m_server;
 };
-
-void TstServer::init()
-{
-    m_server = std::make_unique<ServerProcess>();
-}
 
 void TstServer::cleanup()
 {
