@@ -20,37 +20,12 @@ using namespace qorcalib::test;
 namespace {
 
 // One LSS request through the server: its refusal, or its OperationDone.
-struct Lss
+Outcome lssRequest(ServerConnection* c, bool configure, int channel, int node = 0, int rate = 0)
 {
-    QString refused;
-    std::optional<OperationResult> result;
-};
-
-Lss lssRequest(ServerConnection* c, bool configure, int channel, int node = 0, int rate = 0)
-{
-    Lss out;
-    QSignalSpy done(c->notify(), &QCSNotifyReplica::OperationDone);
-    QString error;
-    const auto reply = configure ? c->wait(c->service()->LssConfigure(channel, node, rate), &error)
-                                 : c->wait(c->service()->LssInquire(channel), &error);
-    if (!reply) {
-        out.refused = error;
-        return out;
-    }
-    if (!reply->error().isEmpty()) {
-        out.refused = reply->error();
-        return out;
-    }
-    for (int round = 0; round < 200 && !out.result; ++round) {
-        for (const auto& args : done) {
-            const auto r = args.at(0).value<OperationResult>();
-            if (r.requestId() == reply->requestId())
-                out.result = r;
-        }
-        if (!out.result)
-            done.wait(100);
-    }
-    return out;
+    return finish(c, [&] {
+        return configure ? c->service()->LssConfigure(channel, node, rate)
+                         : c->service()->LssInquire(channel);
+    });
 }
 
 int bitRate(ServerConnection* c, int controller)
@@ -67,7 +42,7 @@ class TstLssService : public QObject
     Q_OBJECT
 private slots:
     void init() { m_server = std::make_unique<ServerProcess>(); }
-    void cleanup();
+    void cleanup() { QVERIFY2(m_server->stopIfRunning(), qPrintable(m_server->output())); }
     void inquireFindsEachDrive_data();
     void inquireFindsEachDrive();
     void configureGivesNodeIdAndRate();
@@ -79,13 +54,6 @@ private:
     QTemporaryDir m_dir;
     std::unique_ptr<ServerProcess> m_server;
 };
-
-void TstLssService::cleanup()
-{
-    if (m_server->process().state() == QProcess::Running)
-        QVERIFY2(m_server->stop(), qPrintable(m_server->output()));
-    m_server.reset();
-}
 
 void TstLssService::inquireFindsEachDrive_data()
 {
@@ -111,7 +79,7 @@ void TstLssService::inquireFindsEachDrive()
     CALL_OK(a, bus()->StartController(controller));
     QTest::qWait(300); // the drives boot
     const int before = bitRate(a.get(), controller);
-    const Lss found = lssRequest(a.get(), false, controller);
+    const Outcome found = lssRequest(a.get(), false, controller);
     QVERIFY2(found.result, qPrintable(found.refused));
     QCOMPARE(found.result->error(), QString());
     QCOMPARE(found.result->value(), node);
@@ -128,7 +96,7 @@ void TstLssService::configureGivesNodeIdAndRate()
     FrameRecorder frames(a.get());
     CALL_OK(a, bus()->StartController(1));
     QTest::qWait(300);
-    const Lss set = lssRequest(a.get(), true, 1, 0x22, 2);
+    const Outcome set = lssRequest(a.get(), true, 1, 0x22, 2);
     QVERIFY2(set.result, qPrintable(set.refused));
     QCOMPARE(set.result->error(), QString());
     QCOMPARE(bitRate(a.get(), 1), 3); // back at 250K: the user switches it
@@ -140,19 +108,17 @@ void TstLssService::configureGivesNodeIdAndRate()
     const int from = int(frames.received.size());
     QVERIFY(frames.waitFor(0x722, QByteArray::fromHex("7f"), 3000, from));
     // Its SDO server answers under the new node-ID...
-    QSignalSpy done(a->notify(), &QCSNotifyReplica::OperationDone);
-    QString error;
-    const auto upload = a->wait(a->service()->SdoUpload(1, 0x22, 0x1018, 1), &error);
-    QVERIFY(upload && upload->error().isEmpty());
-    QTRY_COMPARE(done.size(), 1);
-    QCOMPARE(done.first().at(0).value<OperationResult>().abortCode(), 0u);
+    const auto upload =
+        finish(a.get(), [&] { return a->service()->SdoUpload(1, 0x22, 0x1018, 1); });
+    QVERIFY2(upload.result, qPrintable(upload.refused));
+    QCOMPARE(upload.result->abortCode(), 0u);
     // ...and it keeps node-ID and rate across a power cycle (stored).
     CALL_OK(a, benchBoard()->BoardCommand(11, 0));
     const int off = int(frames.received.size());
     CALL_OK(a, benchBoard()->BoardCommand(10, 0));
     QVERIFY(frames.waitFor(0x722, QByteArray::fromHex("00"), 3000, off));
     // Asked again, it is found at 500K with its node-ID.
-    const Lss found = lssRequest(a.get(), false, 1);
+    const Outcome found = lssRequest(a.get(), false, 1);
     QVERIFY(found.result);
     QCOMPARE(found.result->value(), 0x22);
     QCOMPARE(found.result->data(), QByteArray(1, char(2)));
@@ -165,13 +131,13 @@ void TstLssService::noSlaveOnTheBus()
     auto a = m_server->attach();
     QVERIFY(a);
     CALL_OK(a, bus()->SetBitRate(2, 4));
-    const Lss inquiry = lssRequest(a.get(), false, 2);
+    const Outcome inquiry = lssRequest(a.get(), false, 2);
     QVERIFY(inquiry.result);
     QCOMPARE(inquiry.result->error(), QString("no LSS slave answered"));
     QCOMPARE(bitRate(a.get(), 2), 4);
     QString error;
     QCOMPARE(a->wait(a->bus()->GetStatus(2), &error)->value() & 8, 0); // not left running
-    const Lss set = lssRequest(a.get(), true, 2, 0x22, 2);
+    const Outcome set = lssRequest(a.get(), true, 2, 0x22, 2);
     QVERIFY(set.result);
     QVERIFY2(set.result->error().startsWith("no drive on this controller waits for a node-ID"),
              qPrintable(set.result->error()));
@@ -192,19 +158,16 @@ void TstLssService::configuredDriveKeepsItsNodeId()
     // Controller 0 carries node 1 and no drive that waits for a node-ID: a configuration has
     // nobody to go to, and node 1 must not become node 5 at its next reset.
     QVERIFY(m_server->start({"--eds", fastHeartbeatEds(m_dir)}));
-    auto a = m_server->attach();
+    auto [a, frames] = m_server->attachWithRunningDrive();
     QVERIFY(a);
-    FrameRecorder frames(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000));
-    const Lss set = lssRequest(a.get(), true, 0, 5, 0);
+    const Outcome set = lssRequest(a.get(), true, 0, 5, 0);
     QVERIFY(set.result);
     QVERIFY2(set.result->error().startsWith("no drive on this controller waits for a node-ID"),
              qPrintable(set.result->error()));
-    const int from = int(frames.received.size());
+    const int from = int(frames->received.size());
     CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, QByteArray::fromHex("8200")), 0));
-    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("00"), 3000, from));
-    QCOMPARE(frames.find(0x705, QByteArray::fromHex("00"), from), -1);
+    QVERIFY(frames->waitFor(0x701, QByteArray::fromHex("00"), 3000, from));
+    QCOMPARE(frames->find(0x705, QByteArray::fromHex("00"), from), -1);
 }
 
 void TstLssService::twoUnconfiguredDrivesGetANodeIdEach()

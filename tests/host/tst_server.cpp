@@ -26,7 +26,7 @@ class TstServer : public QObject
     Q_OBJECT
 private slots:
     void init() { m_server = std::make_unique<ServerProcess>(); }
-    void cleanup();
+    void cleanup() { QVERIFY2(m_server->stopIfRunning(), qPrintable(m_server->output())); }
 
     void badInputIsRefused_data();
     void badInputIsRefused();
@@ -42,61 +42,26 @@ private slots:
 private:
     bool startServer(const QStringList& extra = {});
     std::unique_ptr<ServerConnection> attach() { return m_server->attach(); }
-    // A session on a started server, with controller 0 running and the drive's heartbeat seen.
-    struct Running
+    auto withRunningDrive()
     {
-        std::unique_ptr<ServerConnection> connection;
-        std::unique_ptr<FrameRecorder> frames;
-    };
-    std::optional<Running> withRunningDrive();
+        if (!startServer())
+            return decltype(m_server->attachWithRunningDrive()){};
+        return m_server->attachWithRunningDrive();
+    }
 
     QTemporaryDir m_dir;
     std::unique_ptr<ServerProcess> m_server;
 };
 
-void TstServer::cleanup()
-{
-    if (m_server->process().state() == QProcess::Running)
-        QVERIFY2(m_server->stop(), qPrintable(m_server->output()));
-    m_server.reset();
-}
-
 bool TstServer::startServer(const QStringList& extra)
 {
-    const QStringList args =
-        QStringList{QStringLiteral("--unpaced"), QStringLiteral("--eds"), fastHeartbeatEds(m_dir)} +
-        extra;
-    if (!m_server->start(args)) {
-        qWarning("server did not start: %s", qPrintable(m_server->output()));
-        return false;
-    }
-    return true;
-}
-
-std::optional<TstServer::Running> TstServer::withRunningDrive()
-{
-    if (!startServer())
-        return std::nullopt;
-    Running running;
-    running.connection = attach();
-    if (!running.connection)
-        return std::nullopt;
-    running.frames = std::make_unique<FrameRecorder>(running.connection.get());
-    QString error;
-    const auto started =
-        running.connection->wait(running.connection->bus()->StartController(0), &error);
-    if (!started || !started->error().isEmpty())
-        return std::nullopt;
-    if (!running.frames->waitFor(0x701, hex("7f"), 3000))
-        return std::nullopt;
-    return running;
+    return m_server->start(QStringList{"--unpaced", "--eds", fastHeartbeatEds(m_dir)} + extra);
 }
 
 void TstServer::errorCountersFollowTheBus()
 {
-    auto running = withRunningDrive();
-    QVERIFY(running);
-    auto& a = running->connection;
+    auto [a, frames] = withRunningDrive();
+    QVERIFY(a);
     QString error;
     const auto counters = [&](int controller) {
         return ErrorCounters::unpacked(
@@ -217,24 +182,13 @@ namespace {
 std::optional<OperationResult> sdoTransfer(ServerConnection* c, bool upload, int node, int index,
                                            int sub, const QByteArray& data = {}, int channel = 0)
 {
-    QSignalSpy done(c->notify(), &QCSNotifyReplica::OperationDone);
-    QString error;
-    const auto reply =
-        upload ? c->wait(c->service()->SdoUpload(channel, node, index, sub), &error)
-               : c->wait(c->service()->SdoDownload(channel, node, index, sub, data), &error);
-    if (!reply || !reply->error().isEmpty()) {
-        qWarning("request refused: %s", qPrintable(reply ? reply->error() : error));
-        return std::nullopt;
-    }
-    for (int round = 0; round < 300; ++round) {
-        for (const auto& args : done) {
-            const auto result = args.at(0).value<OperationResult>();
-            if (result.requestId() == reply->requestId())
-                return result;
-        }
-        done.wait(100);
-    }
-    return std::nullopt;
+    const Outcome outcome = finish(c, [&] {
+        return upload ? c->service()->SdoUpload(channel, node, index, sub)
+                      : c->service()->SdoDownload(channel, node, index, sub, data);
+    });
+    if (!outcome.refused.isEmpty())
+        qWarning("request refused: %s", qPrintable(outcome.refused));
+    return outcome.result;
 }
 
 QByteArray le32(quint32 v)
@@ -247,10 +201,8 @@ QByteArray le32(quint32 v)
 
 void TstServer::sdoWithTheDrive()
 {
-    auto running = withRunningDrive();
-    QVERIFY(running);
-    auto& a = running->connection;
-    FrameRecorder& ra = *running->frames;
+    auto [a, ra] = withRunningDrive();
+    QVERIFY(a);
 
     auto vendor = sdoTransfer(a.get(), true, 1, 0x1018, 1);
     QVERIFY(vendor);
@@ -266,28 +218,28 @@ void TstServer::sdoWithTheDrive()
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(5000));
     // The drive keeps written values until it loses power.
     CALL_OK(a, benchBoard()->BoardCommand(11, 0));
-    const int powerOff = int(ra.received.size());
+    const int powerOff = int(ra->received.size());
     CALL_OK(a, benchBoard()->BoardCommand(10, 0));
-    QVERIFY(ra.waitFor(0x701, hex("00"), 3000, powerOff)); // booted again
+    QVERIFY(ra->waitFor(0x701, hex("00"), 3000, powerOff)); // booted again
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(4200));
     // Stored, it survives the power loss; restored, the EDS's value is back at the next reset.
     QCOMPARE(sdoTransfer(a.get(), false, 1, 0x2000, 0, le32(5000))->abortCode(), 0u);
     QCOMPARE(sdoTransfer(a.get(), false, 1, 0x1010, 1, "save")->abortCode(), 0u);
     CALL_OK(a, benchBoard()->BoardCommand(11, 0));
-    const int secondPowerOff = int(ra.received.size());
+    const int secondPowerOff = int(ra->received.size());
     CALL_OK(a, benchBoard()->BoardCommand(10, 0));
-    QVERIFY(ra.waitFor(0x701, hex("00"), 3000, secondPowerOff));
+    QVERIFY(ra->waitFor(0x701, hex("00"), 3000, secondPowerOff));
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(5000));
     QCOMPARE(sdoTransfer(a.get(), false, 1, 0x1011, 1, "load")->abortCode(), 0u);
-    const int beforeReset = int(ra.received.size());
+    const int beforeReset = int(ra->received.size());
     CALL_OK(a, bus()->Send(0, CanMsg(0x000, 2, hex("8101")), 0));
-    QVERIFY(ra.waitFor(0x701, hex("00"), 3000, beforeReset));
+    QVERIFY(ra->waitFor(0x701, hex("00"), 3000, beforeReset));
     QCOMPARE(sdoTransfer(a.get(), true, 1, 0x2000, 0)->data(), le32(4200));
     // The trace of the exchange reached this session: its request as TxCan, the answer as
     // a received frame.
-    QTRY_VERIFY(!ra.transmitted.isEmpty());
-    QCOMPARE(ra.transmitted.first().frame.id, quint16(0x601));
-    QVERIFY(ra.find(0x581, hex("43 18 10 01 a1 03 00 00")) >= 0);
+    QTRY_VERIFY(!ra->transmitted.isEmpty());
+    QCOMPARE(ra->transmitted.first().frame.id, quint16(0x601));
+    QVERIFY(ra->find(0x581, hex("43 18 10 01 a1 03 00 00")) >= 0);
 }
 
 void TstServer::sdoAborts_data()
@@ -307,9 +259,8 @@ void TstServer::sdoAborts()
     QFETCH(int, sub);
     QFETCH(QByteArray, data);
     QFETCH(quint32, abort);
-    auto running = withRunningDrive();
-    QVERIFY(running);
-    auto& a = running->connection;
+    auto [a, frames] = withRunningDrive();
+    QVERIFY(a);
     const auto result = sdoTransfer(a.get(), upload, 1, index, sub, data);
     QVERIFY(result);
     QCOMPARE(result->abortCode(), abort);

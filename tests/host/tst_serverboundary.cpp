@@ -94,7 +94,7 @@ class TstServerBoundary : public QObject
     Q_OBJECT
 private slots:
     void init();
-    void cleanup();
+    void cleanup() { QVERIFY2(m_server->stopIfRunning(), qPrintable(m_server->output())); }
 
     void fuzzedPacketsNeverStopTheServer();
     void aConnectionReachesOnlyItsOwnSession();
@@ -127,23 +127,12 @@ void TstServerBoundary::init()
     env.insert("ASAN_OPTIONS", env.value("ASAN_OPTIONS") + ":quarantine_size_mb=4");
 }
 
-void TstServerBoundary::cleanup()
-{
-    if (m_server->process().state() == QProcess::Running)
-        QVERIFY2(m_server->stop(), qPrintable(m_server->output()));
-    m_server.reset();
-}
-
 bool TstServerBoundary::startServer(const QStringList& extra, bool paced)
 {
     QStringList args{QStringLiteral("--eds"), fastHeartbeatEds(m_dir)};
     if (!paced)
         args << QStringLiteral("--unpaced");
-    if (!m_server->start(args + extra)) {
-        qWarning("server did not start: %s", qPrintable(m_server->output()));
-        return false;
-    }
-    return true;
+    return m_server->start(args + extra);
 }
 
 void TstServerBoundary::fuzzedPacketsNeverStopTheServer()
@@ -263,11 +252,8 @@ void TstServerBoundary::clientThatDoesNotReadIsDisconnected()
 void TstServerBoundary::sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod()
 {
     QVERIFY(startServer({}, true)); // the bus at its real pace
-    auto a = attach();
+    auto [a, frames] = m_server->attachWithRunningDrive();
     QVERIFY(a);
-    FrameRecorder frames(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000));
 
     // Four seconds' worth of frames that win every arbitration against the heartbeat.
     QElapsedTimer sending;
@@ -301,14 +287,14 @@ void TstServerBoundary::sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod()
               sending.elapsed(), full);
     // The bus has room again within the bound: the last accepted frames are on it soon.
     QTest::qWait(2500);
-    const int seen = int(std::count_if(frames.received.begin(), frames.received.end(),
+    const int seen = int(std::count_if(frames->received.begin(), frames->received.end(),
                                        [](const auto& f) { return f.frame.id == 0x080; })) +
-                     int(std::count_if(frames.transmitted.begin(), frames.transmitted.end(),
+                     int(std::count_if(frames->transmitted.begin(), frames->transmitted.end(),
                                        [](const auto& f) { return f.frame.id == 0x080; }));
     QCOMPARE(seen, 30000 - full);
 
     QList<quint32> beats;
-    for (const auto& f : frames.received)
+    for (const auto& f : frames->received)
         if (f.frame.id == 0x701)
             beats.append(f.frame.timeUs);
     QVERIFY2(beats.size() > 20, qPrintable(QString::number(beats.size())));
@@ -324,45 +310,35 @@ void TstServerBoundary::sendFloodIsBoundedAndTheHeartbeatKeepsItsPeriod()
 void TstServerBoundary::killedClientsTransferIsAbortedOnTheBus()
 {
     QVERIFY(startServer());
-    auto a = attach();
+    auto [a, frames] = m_server->attachWithRunningDrive();
     QVERIFY(a);
-    FrameRecorder frames(a.get());
-    CALL_OK(a, bus()->setallrxflag(-1));
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000)); // the drive is up
+    CALL_OK(a, bus()->setallrxflag(-1)); // the other client's frames too
 
     QProcess client;
     client.setProcessChannelMode(QProcess::MergedChannels);
     client.start(QStringLiteral(SESSIONCLIENT_PATH), {m_server->socketPath(), "sdo-wait"});
     QByteArray said;
     QTRY_VERIFY2_WITH_TIMEOUT((said += client.readAll()).contains("ready"), said.constData(), 5000);
-    QTRY_VERIFY(std::any_of(frames.received.begin(), frames.received.end(),
+    QTRY_VERIFY(std::any_of(frames->received.begin(), frames->received.end(),
                             [](const auto& f) { return f.frame.id == 0x67F; }));
     client.kill();
     client.waitForFinished();
     // The abort the server sends on the dead client's behalf: general error 08000000.
-    QVERIFY(frames.waitFor(0x67F, QByteArray::fromHex("8000100000000008"), 3000));
+    QVERIFY(frames->waitFor(0x67F, QByteArray::fromHex("8000100000000008"), 3000));
 
     // And the controller is free for the next client at once.
-    QSignalSpy done(a->notify(), &QCSNotifyReplica::OperationDone);
-    QString error;
-    const auto request = a->wait(a->service()->SdoUpload(0, 1, 0x1018, 1), &error);
-    QVERIFY(request && request->error().isEmpty());
-    // The answer may already have come while the request was made.
-    QTRY_COMPARE_WITH_TIMEOUT(done.size(), 1, 1500);
-    const auto result = done.first().at(0).value<OperationResult>();
-    QCOMPARE(result.requestId(), request->requestId());
-    QCOMPARE(result.abortCode(), 0u);
+    const auto read = finish(
+        a.get(), [&] { return a->service()->SdoUpload(0, 1, 0x1018, 1); }, 1500);
+    QVERIFY2(read.result, qPrintable(read.refused));
+    QCOMPARE(read.result->abortCode(), 0u);
 }
 
 void TstServerBoundary::sdoRequestsWaitTheirTurn()
 {
     QVERIFY(startServer());
-    auto a = attach(), b = attach();
+    auto [a, frames] = m_server->attachWithRunningDrive();
+    auto b = attach();
     QVERIFY(a && b);
-    FrameRecorder frames(a.get());
-    CALL_OK(a, bus()->StartController(0));
-    QVERIFY(frames.waitFor(0x701, QByteArray::fromHex("7f"), 3000));
     CALL_OK(a, service()->SetSdoTimeout(200));
     QSignalSpy aDone(a->notify(), &QCSNotifyReplica::OperationDone);
     QSignalSpy bDone(b->notify(), &QCSNotifyReplica::OperationDone);

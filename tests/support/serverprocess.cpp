@@ -90,6 +90,14 @@ ServerProcess::~ServerProcess()
 
 bool ServerProcess::start(const QStringList& arguments)
 {
+    if (startAndWait(arguments))
+        return true;
+    qWarning("server did not start: %s", qPrintable(output()));
+    return false;
+}
+
+bool ServerProcess::startAndWait(const QStringList& arguments)
+{
     m_process.setProcessChannelMode(QProcess::MergedChannels);
     m_process.setProcessEnvironment(m_environment);
     m_process.setChildProcessModifier([limit = rlim_t(m_fileLimit)] {
@@ -170,6 +178,49 @@ std::unique_ptr<ServerConnection> ServerProcess::attach()
         return nullptr;
     }
     return connection;
+}
+
+Outcome finish(ServerConnection* connection,
+               const std::function<QRemoteObjectPendingReply<RequestReply>()>& request,
+               int timeoutMs)
+{
+    Outcome out;
+    QSignalSpy done(connection->notify(), &QCSNotifyReplica::OperationDone);
+    const auto reply = connection->wait(request(), &out.refused);
+    if (reply && !reply->error().isEmpty())
+        out.refused = reply->error();
+    if (!out.refused.isEmpty() || !reply)
+        return out;
+    // The end may already have come while the request was answered.
+    (void)QTest::qWaitFor(
+        [&] {
+            for (const auto& args : done)
+                if (args.at(0).value<OperationResult>().requestId() == reply->requestId())
+                    out.result = args.at(0).value<OperationResult>();
+            return out.result.has_value();
+        },
+        timeoutMs);
+    return out;
+}
+
+std::pair<std::unique_ptr<ServerConnection>, std::unique_ptr<FrameRecorder>>
+ServerProcess::attachWithRunningDrive()
+{
+    auto connection = attach();
+    if (!connection)
+        return {};
+    auto frames = std::make_unique<FrameRecorder>(connection.get());
+    QString error;
+    const auto started = connection->wait(connection->bus()->StartController(0), &error);
+    if (!started || !started->error().isEmpty()) {
+        qWarning("start: %s", qPrintable(started ? started->error() : error));
+        return {};
+    }
+    if (!frames->waitFor(0x701, QByteArray::fromHex("7f"), 3000)) {
+        qWarning("no heartbeat from the drive");
+        return {};
+    }
+    return {std::move(connection), std::move(frames)};
 }
 
 FrameRecorder::FrameRecorder(ServerConnection* connection)

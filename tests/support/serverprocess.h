@@ -5,7 +5,9 @@
 
 #include <QtTest>
 
+#include <functional>
 #include <memory>
+#include <optional>
 
 namespace qorcalib::test {
 
@@ -18,12 +20,15 @@ public:
     ServerProcess();
     ~ServerProcess();
 
-    // Starts the server with the extra arguments and waits until its socket answers.
+    // Starts the server with the extra arguments and waits until its socket answers; says why
+    // in the test log when it does not.
     bool start(const QStringList& arguments = {});
     void kill();
     // Asks the server to end (SIGTERM) and tells whether it ended cleanly, with exit code 0:
     // a sanitizer's report at shut-down makes it fail.
     bool stop();
+    // stop() for a server that still runs; a test's clean-up (one that was killed ended).
+    bool stopIfRunning() { return m_process.state() != QProcess::Running || stop(); }
     QString socketPath() const { return m_dir.path() + QStringLiteral("/qorcalib"); }
     // The server's environment: this process's, with the user's configuration folder (where the
     // server keeps its secret for TCP clients) in the private temporary folder.
@@ -47,8 +52,14 @@ public:
     std::unique_ptr<ServerConnection> connect(int timeoutMs = 5000);
     // The same, attached (Advise): it gets the bus's frames.
     std::unique_ptr<ServerConnection> attach();
+    // An attached session that has started controller 0 and seen the drive's heartbeat, its
+    // frames recorded from before the start; both null, with the reason logged, on a failure.
+    std::pair<std::unique_ptr<ServerConnection>, std::unique_ptr<class FrameRecorder>>
+    attachWithRunningDrive();
 
 private:
+    bool startAndWait(const QStringList& arguments);
+
     QTemporaryDir m_dir;
     QProcess m_process;
     QProcessEnvironment m_environment;
@@ -73,6 +84,17 @@ struct ProgramRun
 };
 // Runs `program` with the arguments; one that has not ended within the time is killed.
 ProgramRun runProgram(const QString& program, const QStringList& arguments, int timeoutMs = 20000);
+
+// A request that ends in OperationDone (an SDO or LSS transfer, a serial load): the server's
+// refusal, or the result it ended with (none when it did not end within the time).
+struct Outcome
+{
+    QString refused;
+    std::optional<OperationResult> result;
+};
+Outcome finish(ServerConnection* connection,
+               const std::function<QRemoteObjectPendingReply<RequestReply>()>& request,
+               int timeoutMs = 30000);
 
 // Waits for and checks a reply that must succeed.
 #define CALL_OK(connection, call)                                                                  \
