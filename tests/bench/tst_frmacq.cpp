@@ -36,41 +36,38 @@ class TstFrmAcq : public QObject
 {
     Q_OBJECT
 private slots:
-    void refusedOutputGoesBack();
-    void autoRefreshNeverNests();
+    void refusedOutputGoesBack()
+    {
+        RecordingBench bench;
+        bench.refuse.insert("out 9 1", "output 9 stuck");
+        BenchControl control(1, 3, &bench);
+        FrmAcq w(fixtureDescription(FixtureKind::Assembly), &control, nullptr, nullptr);
+        w.setBenchType(3);
+        QStringList messages;
+        QObject::connect(&w, &FrmAcq::message, [&](const QString& m) { messages << m; });
+        QVERIFY(!w.chkDig.value(0)->isEnabled());
+        w.chkDig.value(9)->click();
+        QVERIFY(!w.chkDig.value(9)->isChecked());
+        QCOMPARE(messages, QStringList{"output 9 stuck"});
+        QCOMPARE(bench.calls, QStringList({"init", "out 9 1"}));
+    }
+
+    void autoRefreshNeverNests()
+    {
+        SlowBench bench;
+        BenchControl control(2, 34, &bench);
+        FrmAcq w(fixtureDescription(FixtureKind::PcbZd3), &control, nullptr, nullptr);
+        w.setBenchType(34);
+        // Each refresh takes 22 x 60 ms, longer than the timer's 500 ms; and a refresh is asked for
+        // while one waits.
+        bench.during = [&w] { w.refresh(); };
+        w.Check1->setChecked(true);
+        QTRY_VERIFY_WITH_TIMEOUT(bench.calls.filter("analog 21").size() >= 2, 8000);
+        w.Check1->setChecked(false);
+        QCOMPARE(bench.deepest, 1);
+        QCOMPARE(w.readout().count("\r\n"), 24);
+    }
 };
-
-void TstFrmAcq::refusedOutputGoesBack()
-{
-    RecordingBench bench;
-    bench.refuse.insert("out 9 1", "output 9 stuck");
-    BenchControl control(1, 3, &bench);
-    FrmAcq w(fixtureDescription(FixtureKind::Assembly), &control, nullptr, nullptr);
-    w.setBenchType(3);
-    QStringList messages;
-    QObject::connect(&w, &FrmAcq::message, [&](const QString& m) { messages << m; });
-    QVERIFY(!w.chkDig.value(0)->isEnabled());
-    w.chkDig.value(9)->click();
-    QVERIFY(!w.chkDig.value(9)->isChecked());
-    QCOMPARE(messages, QStringList{"output 9 stuck"});
-    QCOMPARE(bench.calls, QStringList({"init", "out 9 1"}));
-}
-
-void TstFrmAcq::autoRefreshNeverNests()
-{
-    SlowBench bench;
-    BenchControl control(2, 34, &bench);
-    FrmAcq w(fixtureDescription(FixtureKind::PcbZd3), &control, nullptr, nullptr);
-    w.setBenchType(34);
-    // Each refresh takes 22 x 60 ms, longer than the timer's 500 ms; and a refresh is asked for
-    // while one waits.
-    bench.during = [&w] { w.refresh(); };
-    w.Check1->setChecked(true);
-    QTRY_VERIFY_WITH_TIMEOUT(bench.calls.filter("analog 21").size() >= 2, 8000);
-    w.Check1->setChecked(false);
-    QCOMPARE(bench.deepest, 1);
-    QCOMPARE(w.readout().count("\r\n"), 24);
-}
 
 QTEST_MAIN(TstFrmAcq)
 #include "tst_frmacq.moc"

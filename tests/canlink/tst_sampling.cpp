@@ -14,90 +14,83 @@ class TstSampling : public QObject
 {
     Q_OBJECT
 private slots:
-    void schedule_data();
-    void schedule();
-    void smallestPeriod_data();
-    void smallestPeriod();
-    void values_data();
-    void values();
-};
-
-void TstSampling::schedule_data()
-{
-    // reads: how long each read takes (ms); due: when each read starts; skipped: at the end
-    columns<int, QList<int>, QList<int>, int>({"period", "reads", "due", "skipped"});
-    row("quick reads stay on the grid", 10, QList<int>{1, 2, 9}, QList<int>{0, 10, 20, 30}, 0);
-    row("a read ending on the next time", 10, QList<int>{10, 1}, QList<int>{0, 10, 20}, 0);
-    row("a slow read skips what it missed", 10, QList<int>{1, 25, 1}, QList<int>{0, 10, 40, 50},
-        2);
-    row("a read just past the next time skips one", 10, QList<int>{11, 1},
-        QList<int>{0, 20, 30}, 1);
-    row("a time-out of a second at 20 ms", 20, QList<int>{1000, 5},
-        QList<int>{0, 1000, 1020}, 49);
-}
-
-void TstSampling::schedule()
-{
-    QFETCH(int, period);
-    QFETCH(QList<int>, reads);
-    SampleSchedule s(period);
-    QList<int> due{int(s.dueMs())};
-    for (int took : reads) {
-        // Each read starts when it is due and ends `took` later.
-        s.taken(s.dueMs() + took);
-        due << int(s.dueMs());
+    void schedule_data()
+    {
+        // reads: how long each read takes (ms); due: when each read starts; skipped: at the end
+        columns<int, QList<int>, QList<int>, int>({"period", "reads", "due", "skipped"});
+        row("quick reads stay on the grid", 10, QList<int>{1, 2, 9}, QList<int>{0, 10, 20, 30}, 0);
+        row("a read ending on the next time", 10, QList<int>{10, 1}, QList<int>{0, 10, 20}, 0);
+        row("a slow read skips what it missed", 10, QList<int>{1, 25, 1}, QList<int>{0, 10, 40, 50},
+            2);
+        row("a read just past the next time skips one", 10, QList<int>{11, 1},
+            QList<int>{0, 20, 30}, 1);
+        row("a time-out of a second at 20 ms", 20, QList<int>{1000, 5}, QList<int>{0, 1000, 1020},
+            49);
     }
-    QTEST(due, "due");
-    QTEST(int(s.skipped()), "skipped");
-}
 
-void TstSampling::smallestPeriod_data()
-{
-    columns<int, int, int>({"bitsPerSecond", "entries", "ms"});
-    row("1000K: the floor", 1000000, 1, 10);
-    row("125K: still the floor", 125000, 1, 10);
-    // 8 bytes of ones stuff to 127 bits: four such frames take 50.8 ms at 10K.
-    row("10K: half the bus", 10000, 1, 51);
-    row("10K: three entries share it", 10000, 3, 152);
-    row("125K: twenty entries past the floor", 125000, 20, 81);
-    row("rate not known", 0, 5, 10);
-}
+    void schedule()
+    {
+        QFETCH(int, period);
+        QFETCH(QList<int>, reads);
+        SampleSchedule s(period);
+        QList<int> due{int(s.dueMs())};
+        for (int took : reads) {
+            // Each read starts when it is due and ends `took` later.
+            s.taken(s.dueMs() + took);
+            due << int(s.dueMs());
+        }
+        QTEST(due, "due");
+        QTEST(int(s.skipped()), "skipped");
+    }
 
-void TstSampling::smallestPeriod()
-{
-    QFETCH(int, bitsPerSecond);
-    QFETCH(int, entries);
-    QTEST(smallestSamplePeriodMs(bitsPerSecond, entries), "ms");
-}
+    void smallestPeriod_data()
+    {
+        columns<int, int, int>({"bitsPerSecond", "entries", "ms"});
+        row("1000K: the floor", 1000000, 1, 10);
+        row("125K: still the floor", 125000, 1, 10);
+        // 8 bytes of ones stuff to 127 bits: four such frames take 50.8 ms at 10K.
+        row("10K: half the bus", 10000, 1, 51);
+        row("10K: three entries share it", 10000, 3, 152);
+        row("125K: twenty entries past the floor", 125000, 20, 81);
+        row("rate not known", 0, 5, 10);
+    }
 
-void TstSampling::values_data()
-{
-    // value: as read, or NaN when the bytes are not one (why: the reason)
-    columns<QByteArray, QString, double, QString>({"data", "type", "value", "why"});
-    row("u8 by its size", QByteArray::fromHex("ff"), "", 255.0, "");
-    row("i8", QByteArray::fromHex("ff"), "i8", -1.0, "");
-    row("u16 by its size", QByteArray::fromHex("3412"), "", 4660.0, "");
-    row("i16", QByteArray::fromHex("feff"), "i16", -2.0, "");
-    row("u32 by its size", QByteArray::fromHex("feffffff"), "", 4294967294.0, "");
-    row("i32", QByteArray::fromHex("00000080"), "i32", -2147483648.0, "");
-    row("three bytes", QByteArray::fromHex("010203"), "", qQNaN(), "3 bytes are not a number");
-    row("none", QByteArray(), "", qQNaN(), "0 bytes are not a number");
-    row("four bytes typed i16", QByteArray::fromHex("01020304"), "i16", qQNaN(),
-        "4 bytes are not a number");
-}
+    void smallestPeriod()
+    {
+        QFETCH(int, bitsPerSecond);
+        QFETCH(int, entries);
+        QTEST(smallestSamplePeriodMs(bitsPerSecond, entries), "ms");
+    }
 
-void TstSampling::values()
-{
-    QFETCH(QByteArray, data);
-    QFETCH(QString, type);
-    QFETCH(double, value);
-    QString why;
-    const auto v = sampleValue(data, type, &why);
-    QCOMPARE(v.has_value(), !qIsNaN(value));
-    if (v)
-        QCOMPARE(*v, value);
-    QTEST(why, "why");
-}
+    void values_data()
+    {
+        // value: as read, or NaN when the bytes are not one (why: the reason)
+        columns<QByteArray, QString, double, QString>({"data", "type", "value", "why"});
+        row("u8 by its size", QByteArray::fromHex("ff"), "", 255.0, "");
+        row("i8", QByteArray::fromHex("ff"), "i8", -1.0, "");
+        row("u16 by its size", QByteArray::fromHex("3412"), "", 4660.0, "");
+        row("i16", QByteArray::fromHex("feff"), "i16", -2.0, "");
+        row("u32 by its size", QByteArray::fromHex("feffffff"), "", 4294967294.0, "");
+        row("i32", QByteArray::fromHex("00000080"), "i32", -2147483648.0, "");
+        row("three bytes", QByteArray::fromHex("010203"), "", qQNaN(), "3 bytes are not a number");
+        row("none", QByteArray(), "", qQNaN(), "0 bytes are not a number");
+        row("four bytes typed i16", QByteArray::fromHex("01020304"), "i16", qQNaN(),
+            "4 bytes are not a number");
+    }
+
+    void values()
+    {
+        QFETCH(QByteArray, data);
+        QFETCH(QString, type);
+        QFETCH(double, value);
+        QString why;
+        const auto v = sampleValue(data, type, &why);
+        QCOMPARE(v.has_value(), !qIsNaN(value));
+        if (v)
+            QCOMPARE(*v, value);
+        QTEST(why, "why");
+    }
+};
 
 QTEST_GUILESS_MAIN(TstSampling)
 #include "tst_sampling.moc"

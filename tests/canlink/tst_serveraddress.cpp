@@ -12,40 +12,37 @@ class TstServerAddress : public QObject
 {
     Q_OBJECT
 private slots:
-    void fromMachineName_data();
-    void fromMachineName();
-};
-
-void TstServerAddress::fromMachineName_data()
-{
-    columns<QString, bool, QString, int>({"machine", "local", "host", "port"});
-    row("localhost", "localhost", true, "", 0);
-    // Only the exact spelling is the local server; anything else goes over the network.
-    row("LOCALHOST", "LOCALHOST", false, "LOCALHOST", 17420);
-    row("name", "bench7", false, "bench7", 17420);
-    row("name and port", "bench7:5000", false, "bench7", 5000);
-    row("ipv4 and port", "10.1.2.3:6000", false, "10.1.2.3", 6000);
-    row("bare ipv6", "fe80::1", false, "fe80::1", 17420);
-    row("bracketed ipv6", "[::1]:7000", false, "::1", 7000);
-    row("bad port", "bench7:http", false, "bench7", 0);
-    row("port too big", "bench7:70000", false, "bench7", 0);
-}
-
-void TstServerAddress::fromMachineName()
-{
-    QFETCH(QString, machine);
-    QFETCH(bool, local);
-    QFETCH(QString, host);
-    QFETCH(int, port);
-    const auto address = ServerAddress::fromMachineName(machine, QStringLiteral("/run/q"));
-    QCOMPARE(address.isLocal(), local);
-    if (local) {
-        QCOMPARE(address.localPath, QStringLiteral("/run/q"));
-    } else {
-        QCOMPARE(address.host, host);
-        QCOMPARE(int(address.port), port);
+    void fromMachineName_data()
+    {
+        columns<QString, bool, QString, int>({"machine", "local", "host", "port"});
+        row("localhost", "localhost", true, "", 0);
+        // Only the exact spelling is the local server; anything else goes over the network.
+        row("LOCALHOST", "LOCALHOST", false, "LOCALHOST", 17420);
+        row("name", "bench7", false, "bench7", 17420);
+        row("name and port", "bench7:5000", false, "bench7", 5000);
+        row("ipv4 and port", "10.1.2.3:6000", false, "10.1.2.3", 6000);
+        row("bare ipv6", "fe80::1", false, "fe80::1", 17420);
+        row("bracketed ipv6", "[::1]:7000", false, "::1", 7000);
+        row("bad port", "bench7:http", false, "bench7", 0);
+        row("port too big", "bench7:70000", false, "bench7", 0);
     }
-}
+
+    void fromMachineName()
+    {
+        QFETCH(QString, machine);
+        QFETCH(bool, local);
+        QFETCH(QString, host);
+        QFETCH(int, port);
+        const auto address = ServerAddress::fromMachineName(machine, QStringLiteral("/run/q"));
+        QCOMPARE(address.isLocal(), local);
+        if (local) {
+            QCOMPARE(address.localPath, QStringLiteral("/run/q"));
+        } else {
+            QCOMPARE(address.host, host);
+            QCOMPARE(int(address.port), port);
+        }
+    }
+};
 
 QTEST_APPLESS_MAIN(TstServerAddress)
 #include "tst_serveraddress.moc"

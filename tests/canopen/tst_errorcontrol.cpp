@@ -70,131 +70,128 @@ class TstErrorControl : public QObject
 {
     Q_OBJECT
 private slots:
-    void emergencies();
-    void emergencyParameters_data();
-    void emergencyParameters();
-    void nodeAndLifeGuarding();
-    void heartbeatConsumer();
-};
-
-void TstErrorControl::emergencies()
-{
-    Node n;
-    n.emcy.raise(0x3210, EmcyProducer::kVoltage, 0);
-    n.emcy.raise(0x3210, EmcyProducer::kVoltage, 0); // already active: nothing
-    n.emcy.raise(0x8611, EmcyProducer::kProfile, 0);
-    QCOMPARE(n.take(), (QStringList{"085:10 32 05 00 00 00 00 00", "085:11 86 25 00 00 00 00 00"}));
-    QCOMPARE(n.u(0x1001), 0x25u);
-    // The error field: the newest first.
-    QCOMPARE(n.u(0x1003), 2u);
-    QCOMPARE(n.u(0x1003, 1), 0x8611u);
-    QCOMPARE(n.u(0x1003, 2), 0x3210u);
-    // An error that ends: 0000 with the register as it is then; none left: register 0.
-    n.emcy.clear(0x3210, 0);
-    n.emcy.clear(0x8611, 0);
-    QCOMPARE(n.take(), (QStringList{"085:00 00 21 00 00 00 00 00", "085:00 00 00 00 00 00 00 00"}));
-    // Nine errors: the field keeps the newest eight.
-    for (quint16 code = 0x1000; code < 0x1009; ++code)
-        n.emcy.raise(code, 0, 0);
-    QCOMPARE(n.u(0x1003), 8u);
-    QCOMPARE(n.u(0x1003, 1), 0x1008u);
-    QCOMPARE(n.u(0x1003, 8), 0x1001u);
-    // Inhibit time 10 ms: a later EMCY waits for it, in order.
-    n.take();
-    n.write(0x1015, 0, le(100, 2));
-    n.emcy.raise(0x2000, 0, 1000000);
-    n.emcy.raise(0x2001, 0, 1002000);
-    QCOMPARE(n.take().size(), 1);
-    QCOMPARE(n.emcy.nextDeadlineUs(), 1010000);
-    n.emcy.onTimer(1010000);
-    QCOMPARE(n.take(), QStringList{"085:01 20 01 00 00 00 00 00"});
-    // Not valid: not sent.
-    n.write(0x1014, 0, le(0x80000085, 4));
-    n.emcy.raise(0x2002, 0, 2000000);
-    QVERIFY(n.take().isEmpty());
-}
-
-void TstErrorControl::emergencyParameters_data()
-{
-    columns<int, int, quint32, quint32>({"index", "sub", "value", "abort"});
-    row("error field emptied", 0x1003, 0, 0u, 0u);
-    row("error field count other than 0", 0x1003, 0, 2u, quint32(SdoAbort::InvalidValue));
-    row("COB-ID made not valid", 0x1014, 0, 0x80000085u, 0u);
-    row("new COB-ID while valid", 0x1014, 0, 0x86u, quint32(SdoAbort::InvalidValue));
-    row("extended COB-ID", 0x1014, 0, 0x20000085u, quint32(SdoAbort::InvalidValue));
-}
-
-void TstErrorControl::emergencyParameters()
-{
-    QFETCH(int, index);
-    QFETCH(int, sub);
-    QFETCH(quint32, value);
-    QFETCH(quint32, abort);
-    Node n;
-    n.emcy.raise(0x1000, 0, 0);
-    QCOMPARE(n.emcy.checkWrite(quint16(index), quint8(sub), le(value, 4)), abort);
-    if (index == 0x1003 && abort == 0) {
-        n.write(0x1003, 0, le(0, 1));
-        n.emcy.written(0x1003, 0);
-        QCOMPARE(n.u(0x1003, 1), 0u);
+    void emergencies()
+    {
+        Node n;
+        n.emcy.raise(0x3210, EmcyProducer::kVoltage, 0);
+        n.emcy.raise(0x3210, EmcyProducer::kVoltage, 0); // already active: nothing
+        n.emcy.raise(0x8611, EmcyProducer::kProfile, 0);
+        QCOMPARE(n.take(),
+                 (QStringList{"085:10 32 05 00 00 00 00 00", "085:11 86 25 00 00 00 00 00"}));
+        QCOMPARE(n.u(0x1001), 0x25u);
+        // The error field: the newest first.
+        QCOMPARE(n.u(0x1003), 2u);
+        QCOMPARE(n.u(0x1003, 1), 0x8611u);
+        QCOMPARE(n.u(0x1003, 2), 0x3210u);
+        // An error that ends: 0000 with the register as it is then; none left: register 0.
+        n.emcy.clear(0x3210, 0);
+        n.emcy.clear(0x8611, 0);
+        QCOMPARE(n.take(),
+                 (QStringList{"085:00 00 21 00 00 00 00 00", "085:00 00 00 00 00 00 00 00"}));
+        // Nine errors: the field keeps the newest eight.
+        for (quint16 code = 0x1000; code < 0x1009; ++code)
+            n.emcy.raise(code, 0, 0);
+        QCOMPARE(n.u(0x1003), 8u);
+        QCOMPARE(n.u(0x1003, 1), 0x1008u);
+        QCOMPARE(n.u(0x1003, 8), 0x1001u);
+        // Inhibit time 10 ms: a later EMCY waits for it, in order.
+        n.take();
+        n.write(0x1015, 0, le(100, 2));
+        n.emcy.raise(0x2000, 0, 1000000);
+        n.emcy.raise(0x2001, 0, 1002000);
+        QCOMPARE(n.take().size(), 1);
+        QCOMPARE(n.emcy.nextDeadlineUs(), 1010000);
+        n.emcy.onTimer(1010000);
+        QCOMPARE(n.take(), QStringList{"085:01 20 01 00 00 00 00 00"});
+        // Not valid: not sent.
+        n.write(0x1014, 0, le(0x80000085, 4));
+        n.emcy.raise(0x2002, 0, 2000000);
+        QVERIFY(n.take().isEmpty());
     }
-}
 
-void TstErrorControl::nodeAndLifeGuarding()
-{
-    Node n;
-    const CanFrame request = [] {
-        CanFrame f = fromHex(0x705, "");
-        f.remote = true;
-        f.len = 1;
-        return f;
-    }();
-    // Answered with the state and a toggle that starts at 0; another node's request is not ours.
-    for (int i = 0; i < 3; ++i)
-        QVERIFY(n.control.onFrame(request, 5, 0x7F, i * 100000));
-    QVERIFY(!n.control.onFrame(request, 6, 0x7F, 0));
-    QCOMPARE(n.take(), (QStringList{"705:7f", "705:ff", "705:7f"}));
-    // Life guarding off (factor 0): silence is no loss.
-    QCOMPARE(n.control.nextDeadlineUs(), -1);
-    n.write(0x100C, 0, le(100, 2));
-    n.write(0x100D, 0, le(3, 1));
-    QCOMPARE(n.control.nextDeadlineUs(), 500000);
-    n.control.onTimer(499999);
-    QVERIFY(!n.control.lifeGuardingLost());
-    n.control.onTimer(500000);
-    QVERIFY(n.control.lifeGuardingLost());
-    QCOMPARE(n.changes, 1);
-    // The next request finds the master again; the toggle goes on.
-    n.control.onFrame(request, 5, 0x05, 600000);
-    QVERIFY(!n.control.anyLost());
-    QCOMPARE(n.changes, 2);
-    QCOMPARE(n.take(), QStringList{"705:85"});
-    // A reset starts over.
-    n.control.reset();
-    n.control.onFrame(request, 5, 0x7F, 700000);
-    QCOMPARE(n.take(), QStringList{"705:7f"});
-}
+    void emergencyParameters_data()
+    {
+        columns<int, int, quint32, quint32>({"index", "sub", "value", "abort"});
+        row("error field emptied", 0x1003, 0, 0u, 0u);
+        row("error field count other than 0", 0x1003, 0, 2u, quint32(SdoAbort::InvalidValue));
+        row("COB-ID made not valid", 0x1014, 0, 0x80000085u, 0u);
+        row("new COB-ID while valid", 0x1014, 0, 0x86u, quint32(SdoAbort::InvalidValue));
+        row("extended COB-ID", 0x1014, 0, 0x20000085u, quint32(SdoAbort::InvalidValue));
+    }
 
-void TstErrorControl::heartbeatConsumer()
-{
-    Node n;
-    n.write(0x1016, 2, le(0x00220064, 4)); // node 22, 100 ms
-    // Not yet heard: nothing to lose.
-    QCOMPARE(n.control.nextDeadlineUs(), -1);
-    QVERIFY(n.control.onFrame(fromHex(0x722, "05"), 5, 0x05, 0));
-    QVERIFY(!n.control.onFrame(fromHex(0x723, "05"), 5, 0x05, 0)); // not monitored
-    n.control.onTimer(99999);
-    QVERIFY(!n.control.anyLost());
-    n.control.onTimer(100000);
-    QVERIFY(n.control.heartbeatLost(0x22));
-    QCOMPARE(n.changes, 1);
-    n.control.onFrame(fromHex(0x722, "05"), 5, 0x05, 150000);
-    QVERIFY(!n.control.anyLost());
-    // A boot-up starts the watch over: lost only after the next heartbeat stays away.
-    n.control.onFrame(fromHex(0x722, "00"), 5, 0x05, 200000);
-    n.control.onTimer(400000);
-    QVERIFY(!n.control.anyLost());
-}
+    void emergencyParameters()
+    {
+        QFETCH(int, index);
+        QFETCH(int, sub);
+        QFETCH(quint32, value);
+        QFETCH(quint32, abort);
+        Node n;
+        n.emcy.raise(0x1000, 0, 0);
+        QCOMPARE(n.emcy.checkWrite(quint16(index), quint8(sub), le(value, 4)), abort);
+        if (index == 0x1003 && abort == 0) {
+            n.write(0x1003, 0, le(0, 1));
+            n.emcy.written(0x1003, 0);
+            QCOMPARE(n.u(0x1003, 1), 0u);
+        }
+    }
+
+    void nodeAndLifeGuarding()
+    {
+        Node n;
+        const CanFrame request = [] {
+            CanFrame f = fromHex(0x705, "");
+            f.remote = true;
+            f.len = 1;
+            return f;
+        }();
+        // Answered with the state and a toggle that starts at 0; another node's request is not
+        // ours.
+        for (int i = 0; i < 3; ++i)
+            QVERIFY(n.control.onFrame(request, 5, 0x7F, i * 100000));
+        QVERIFY(!n.control.onFrame(request, 6, 0x7F, 0));
+        QCOMPARE(n.take(), (QStringList{"705:7f", "705:ff", "705:7f"}));
+        // Life guarding off (factor 0): silence is no loss.
+        QCOMPARE(n.control.nextDeadlineUs(), -1);
+        n.write(0x100C, 0, le(100, 2));
+        n.write(0x100D, 0, le(3, 1));
+        QCOMPARE(n.control.nextDeadlineUs(), 500000);
+        n.control.onTimer(499999);
+        QVERIFY(!n.control.lifeGuardingLost());
+        n.control.onTimer(500000);
+        QVERIFY(n.control.lifeGuardingLost());
+        QCOMPARE(n.changes, 1);
+        // The next request finds the master again; the toggle goes on.
+        n.control.onFrame(request, 5, 0x05, 600000);
+        QVERIFY(!n.control.anyLost());
+        QCOMPARE(n.changes, 2);
+        QCOMPARE(n.take(), QStringList{"705:85"});
+        // A reset starts over.
+        n.control.reset();
+        n.control.onFrame(request, 5, 0x7F, 700000);
+        QCOMPARE(n.take(), QStringList{"705:7f"});
+    }
+
+    void heartbeatConsumer()
+    {
+        Node n;
+        n.write(0x1016, 2, le(0x00220064, 4)); // node 22, 100 ms
+        // Not yet heard: nothing to lose.
+        QCOMPARE(n.control.nextDeadlineUs(), -1);
+        QVERIFY(n.control.onFrame(fromHex(0x722, "05"), 5, 0x05, 0));
+        QVERIFY(!n.control.onFrame(fromHex(0x723, "05"), 5, 0x05, 0)); // not monitored
+        n.control.onTimer(99999);
+        QVERIFY(!n.control.anyLost());
+        n.control.onTimer(100000);
+        QVERIFY(n.control.heartbeatLost(0x22));
+        QCOMPARE(n.changes, 1);
+        n.control.onFrame(fromHex(0x722, "05"), 5, 0x05, 150000);
+        QVERIFY(!n.control.anyLost());
+        // A boot-up starts the watch over: lost only after the next heartbeat stays away.
+        n.control.onFrame(fromHex(0x722, "00"), 5, 0x05, 200000);
+        n.control.onTimer(400000);
+        QVERIFY(!n.control.anyLost());
+    }
+};
 
 QTEST_GUILESS_MAIN(TstErrorControl)
 #include "tst_errorcontrol.moc"

@@ -112,140 +112,135 @@ class TstBootLoader : public QObject
 {
     Q_OBJECT
 private slots:
-    void heldAndReleasedByHandWrittenFrames();
-    void images_data();
-    void images();
-    void runnerCatches_data();
-    void runnerCatches();
-    void catchAtAnotherRateMovesTheController();
-};
-
-void TstBootLoader::heldAndReleasedByHandWrittenFrames()
-{
-    const auto core = makeCore();
-    QVERIFY(core);
-    Peer peer(core->segment(0));
-    cycleSupply(core.get());
-    // As a catcher does: ask until the boot loader answers.
-    QVERIFY(QTest::qWaitFor(
-        [&] {
-            peer.send(0x6A0, "b000");
-            return peer.heard.contains("6a1:01 03 02 01 00");
-        },
-        2000));
-    QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::BootHeld);
-    QTest::qWait(SimDrive::kBootLoaderWindowMs + 100);
-    QVERIFY(!peer.heard.contains("701:00")); // held: no application boot-up
-    // Identity by SDO from the boot loader; the application's objects are not there.
-    peer.send(0x601, "4018100100000000");
-    QVERIFY(peer.waitFor("581:43 18 10 01 a1 03 00 00"));
-    peer.send(0x601, "4000200000000000");
-    QVERIFY(peer.waitFor("581:80 00 20 00 00 00 02 06"));
-    // A wrong key is refused, the right one starts the application.
-    peer.send(0x601, "23f05e00516f7258");
-    QVERIFY(peer.waitFor("581:80 f0 5e 00 30 00 09 06"));
-    QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::BootHeld);
-    peer.send(0x601, "23f05e00516f7253");
-    QVERIFY(peer.waitFor("581:60 f0 5e 00 00 00 00 00"));
-    QVERIFY(peer.waitFor("701:00"));
-    QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::Application);
-}
-
-void TstBootLoader::images_data()
-{
-    columns<QByteArray, quint32, QString, quint32>({"image", "abortCode", "version", "revision"});
-
-    using tessel::test::identificationBlock;
-    using tessel::test::s3Record;
-    row("hybrid sample", sample("drive-2.1.7.sx"), 0u, "FW 2.1.7", 0x00020107u);
-    row("version-word sample", sample("drive-2.0.9.S"), 0u, "FW 2.0.9", 0x00020009u);
-    row("raw sample: not post-processed", sample("raw-2.2.0.S"), 0x08000020u, "FW 3.4.12",
-        0x00020003u);
-    const QByteArray block = s3Record(0x8000000, identificationBlock(1, 0x00050607, 0, 0));
-    row("bad checksum", QByteArray(block).replace(block.size() - 4, 2, "00"), 0x08000020u,
-        "FW 3.4.12", 0x00020003u);
-    row("malformed hexadecimal", "S3GG" + block.mid(4), 0x08000020u, "FW 3.4.12", 0x00020003u);
-    row("no identification", s3Record(0x100, QByteArray(16, 'x')), 0x08000020u, "FW 3.4.12",
-        0x00020003u);
-    row("records only after STX", "\x02" + block, 0x08000020u, "FW 3.4.12", 0x00020003u);
-    row("binary garbage", QByteArray(300, '\xA5'), 0x08000020u, "FW 3.4.12", 0x00020003u);
-    row("larger than the flash", QByteArray(3 * 1024 * 1024, 'S'), 0x05040005u, "FW 3.4.12",
-        0x00020003u);
-}
-
-void TstBootLoader::images()
-{
-    QFETCH(QByteArray, image);
-    QFETCH(quint32, abortCode);
-    QFETCH(QString, version);
-    QFETCH(quint32, revision);
-    QVERIFY(!image.isEmpty());
-    const auto core = makeCore();
-    QVERIFY(core);
-    cycleSupply(core.get());
-    const BootRunner::Outcome caught = stopOnBoot(core.get(), 0, 0);
-    QCOMPARE(caught.error, QString());
-    QCOMPARE(caught.version, BootLoader::kVersion);
-    QCOMPARE(transfer(core.get(), false, 0x1F50, 1, image).abortCode, abortCode);
-    QCOMPARE(transfer(core.get(), false, 0x5EF0, 0, "QorS").abortCode, 0u);
-    QVERIFY(QTest::qWaitFor([&] { return core->drive(0)->mode() == SimDrive::Mode::Application; },
-                            2000));
-    QTest::qWait(20);
-    QCOMPARE(QString::fromLatin1(transfer(core.get(), true, 0x100A, 0).data), version);
-    const QByteArray rev = transfer(core.get(), true, 0x1018, 3).data;
-    QCOMPARE(rev.size(), 4);
-    QCOMPARE(qFromLittleEndian<quint32>(rev.constData()), revision);
-    // Flashed firmware stays through a power cycle.
-    cycleSupply(core.get());
-    QVERIFY(QTest::qWaitFor([&] { return core->drive(0)->mode() == SimDrive::Mode::Application; },
-                            2000));
-    QTest::qWait(20);
-    QCOMPARE(QString::fromLatin1(transfer(core.get(), true, 0x100A, 0).data), version);
-}
-
-void TstBootLoader::runnerCatches_data()
-{
-    columns<bool, int, quint32>({"cycle", "node", "version"});
-    row("any node, supply cycled", true, 0, BootLoader::kVersion);
-    row("node 1, supply cycled", true, 1, BootLoader::kVersion);
-    row("node 5 is not there", true, 5, 0u);
-    row("nothing boots", false, 0, 0u);
-}
-
-void TstBootLoader::runnerCatches()
-{
-    QFETCH(bool, cycle);
-    QFETCH(int, node);
-    QFETCH(quint32, version);
-    const auto core = makeCore(300);
-    QVERIFY(core);
-    QTest::qWait(SimDrive::kBootLoaderWindowMs + 50); // the drive's first start is over
-    if (cycle)
+    void heldAndReleasedByHandWrittenFrames()
+    {
+        const auto core = makeCore();
+        QVERIFY(core);
+        Peer peer(core->segment(0));
         cycleSupply(core.get());
-    const BootRunner::Outcome caught = stopOnBoot(core.get(), node, 0);
-    QCOMPARE(caught.error, QString());
-    QCOMPARE(caught.version, version);
-    if (version != 0)
-        QCOMPARE(int(caught.node), 1);
-    QCOMPARE(core->drive(0)->mode(),
-             version != 0 ? SimDrive::Mode::BootHeld : SimDrive::Mode::Application);
-    // A held boot loader answers a second catch at once.
-    if (version != 0)
-        QCOMPARE(stopOnBoot(core.get(), 1, 0).version, BootLoader::kVersion);
-}
+        // As a catcher does: ask until the boot loader answers.
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                peer.send(0x6A0, "b000");
+                return peer.heard.contains("6a1:01 03 02 01 00");
+            },
+            2000));
+        QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::BootHeld);
+        QTest::qWait(SimDrive::kBootLoaderWindowMs + 100);
+        QVERIFY(!peer.heard.contains("701:00")); // held: no application boot-up
+        // Identity by SDO from the boot loader; the application's objects are not there.
+        peer.send(0x601, "4018100100000000");
+        QVERIFY(peer.waitFor("581:43 18 10 01 a1 03 00 00"));
+        peer.send(0x601, "4000200000000000");
+        QVERIFY(peer.waitFor("581:80 00 20 00 00 00 02 06"));
+        // A wrong key is refused, the right one starts the application.
+        peer.send(0x601, "23f05e00516f7258");
+        QVERIFY(peer.waitFor("581:80 f0 5e 00 30 00 09 06"));
+        QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::BootHeld);
+        peer.send(0x601, "23f05e00516f7253");
+        QVERIFY(peer.waitFor("581:60 f0 5e 00 00 00 00 00"));
+        QVERIFY(peer.waitFor("701:00"));
+        QCOMPARE(core->drive(0)->mode(), SimDrive::Mode::Application);
+    }
 
-void TstBootLoader::catchAtAnotherRateMovesTheController()
-{
-    const auto core = makeCore(200);
-    QVERIFY(core);
-    QCOMPARE(stopOnBoot(core.get(), 0, 99).error, QString("bit-rate index 99 out of range (0..8)"));
-    // The drive runs at 1000K: at 500K nobody answers, and the controller stays at 500K.
-    cycleSupply(core.get());
-    const BootRunner::Outcome caught = stopOnBoot(core.get(), 0, 2);
-    QCOMPARE(caught.error, QString());
-    QCOMPARE(caught.version, 0u);
-    QCOMPARE(core->channel(0)->bitRateIndex(), 2);
-}
+    void images_data()
+    {
+        columns<QByteArray, quint32, QString, quint32>(
+            {"image", "abortCode", "version", "revision"});
+
+        using tessel::test::identificationBlock;
+        using tessel::test::s3Record;
+        row("hybrid sample", sample("drive-2.1.7.sx"), 0u, "FW 2.1.7", 0x00020107u);
+        row("version-word sample", sample("drive-2.0.9.S"), 0u, "FW 2.0.9", 0x00020009u);
+        row("raw sample: not post-processed", sample("raw-2.2.0.S"), 0x08000020u, "FW 3.4.12",
+            0x00020003u);
+        const QByteArray block = s3Record(0x8000000, identificationBlock(1, 0x00050607, 0, 0));
+        row("bad checksum", QByteArray(block).replace(block.size() - 4, 2, "00"), 0x08000020u,
+            "FW 3.4.12", 0x00020003u);
+        row("malformed hexadecimal", "S3GG" + block.mid(4), 0x08000020u, "FW 3.4.12", 0x00020003u);
+        row("no identification", s3Record(0x100, QByteArray(16, 'x')), 0x08000020u, "FW 3.4.12",
+            0x00020003u);
+        row("records only after STX", "\x02" + block, 0x08000020u, "FW 3.4.12", 0x00020003u);
+        row("binary garbage", QByteArray(300, '\xA5'), 0x08000020u, "FW 3.4.12", 0x00020003u);
+        row("larger than the flash", QByteArray(3 * 1024 * 1024, 'S'), 0x05040005u, "FW 3.4.12",
+            0x00020003u);
+    }
+
+    void images()
+    {
+        QFETCH(QByteArray, image);
+        QFETCH(quint32, abortCode);
+        QFETCH(QString, version);
+        QFETCH(quint32, revision);
+        QVERIFY(!image.isEmpty());
+        const auto core = makeCore();
+        QVERIFY(core);
+        cycleSupply(core.get());
+        const BootRunner::Outcome caught = stopOnBoot(core.get(), 0, 0);
+        QCOMPARE(caught.error, QString());
+        QCOMPARE(caught.version, BootLoader::kVersion);
+        QCOMPARE(transfer(core.get(), false, 0x1F50, 1, image).abortCode, abortCode);
+        QCOMPARE(transfer(core.get(), false, 0x5EF0, 0, "QorS").abortCode, 0u);
+        QVERIFY(QTest::qWaitFor(
+            [&] { return core->drive(0)->mode() == SimDrive::Mode::Application; }, 2000));
+        QTest::qWait(20);
+        QCOMPARE(QString::fromLatin1(transfer(core.get(), true, 0x100A, 0).data), version);
+        const QByteArray rev = transfer(core.get(), true, 0x1018, 3).data;
+        QCOMPARE(rev.size(), 4);
+        QCOMPARE(qFromLittleEndian<quint32>(rev.constData()), revision);
+        // Flashed firmware stays through a power cycle.
+        cycleSupply(core.get());
+        QVERIFY(QTest::qWaitFor(
+            [&] { return core->drive(0)->mode() == SimDrive::Mode::Application; }, 2000));
+        QTest::qWait(20);
+        QCOMPARE(QString::fromLatin1(transfer(core.get(), true, 0x100A, 0).data), version);
+    }
+
+    void runnerCatches_data()
+    {
+        columns<bool, int, quint32>({"cycle", "node", "version"});
+        row("any node, supply cycled", true, 0, BootLoader::kVersion);
+        row("node 1, supply cycled", true, 1, BootLoader::kVersion);
+        row("node 5 is not there", true, 5, 0u);
+        row("nothing boots", false, 0, 0u);
+    }
+
+    void runnerCatches()
+    {
+        QFETCH(bool, cycle);
+        QFETCH(int, node);
+        QFETCH(quint32, version);
+        const auto core = makeCore(300);
+        QVERIFY(core);
+        QTest::qWait(SimDrive::kBootLoaderWindowMs + 50); // the drive's first start is over
+        if (cycle)
+            cycleSupply(core.get());
+        const BootRunner::Outcome caught = stopOnBoot(core.get(), node, 0);
+        QCOMPARE(caught.error, QString());
+        QCOMPARE(caught.version, version);
+        if (version != 0)
+            QCOMPARE(int(caught.node), 1);
+        QCOMPARE(core->drive(0)->mode(),
+                 version != 0 ? SimDrive::Mode::BootHeld : SimDrive::Mode::Application);
+        // A held boot loader answers a second catch at once.
+        if (version != 0)
+            QCOMPARE(stopOnBoot(core.get(), 1, 0).version, BootLoader::kVersion);
+    }
+
+    void catchAtAnotherRateMovesTheController()
+    {
+        const auto core = makeCore(200);
+        QVERIFY(core);
+        QCOMPARE(stopOnBoot(core.get(), 0, 99).error,
+                 QString("bit-rate index 99 out of range (0..8)"));
+        // The drive runs at 1000K: at 500K nobody answers, and the controller stays at 500K.
+        cycleSupply(core.get());
+        const BootRunner::Outcome caught = stopOnBoot(core.get(), 0, 2);
+        QCOMPARE(caught.error, QString());
+        QCOMPARE(caught.version, 0u);
+        QCOMPARE(core->channel(0)->bitRateIndex(), 2);
+    }
+};
 
 QTEST_GUILESS_MAIN(TstBootLoader)
 #include "tst_bootloader.moc"

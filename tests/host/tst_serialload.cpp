@@ -62,83 +62,78 @@ private slots:
         m_server = std::make_unique<ServerProcess>();
         QVERIFY(m_server->start({"--unpaced"}));
     }
-    void refusedImages_data();
-    void refusedImages();
-    void loadsAtTheLinksRate();
-    void unpoweredUnit();
-    void loadOfAClientThatLeavesIsCancelled();
+
+    void refusedImages_data()
+    {
+        QTest::addColumn<QByteArray>("image");
+        row("empty", QByteArray());
+        row("one byte", QByteArray("x"));
+        row("text", QByteArray("hello world, not a loader"));
+        row("S then no hex", QByteArray("S1zz00000000"));
+    }
+
+    void refusedImages()
+    {
+        QFETCH(QByteArray, image);
+        auto a = m_server->attach();
+        QVERIFY(a);
+        QCOMPARE(testState(a.get()), 0);
+        QCOMPARE(load(a.get(), image), 4);
+        QCOMPARE(testState(a.get()), 4);
+    }
+
+    void loadsAtTheLinksRate()
+    {
+        auto a = m_server->attach();
+        QVERIFY(a);
+        QList<double> progress;
+        int running = -1;
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(load(a.get(), srecordImage(11520), &progress, &running), 3);
+        // 11,520 bytes at 115200 baud take a second, as on a real link.
+        QVERIFY2(clock.elapsed() >= 950, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(running, 1);
+        QCOMPARE(testState(a.get()), 3);
+        QVERIFY(progress.size() >= 10);
+        QCOMPARE(progress.last(), 0.0); // back at 0 when the load ended
+        progress.removeLast();
+        QCOMPARE(progress.last(), 1.0);
+        QVERIFY(std::is_sorted(progress.begin(), progress.end()));
+    }
+
+    void unpoweredUnit()
+    {
+        auto a = m_server->attach();
+        QVERIFY(a);
+        CALL_OK(a, benchBoard()->BoardCommand(11, 0));
+        QCOMPARE(load(a.get(), srecordImage(2000)), 5);
+        // Power lost half-way.
+        CALL_OK(a, benchBoard()->BoardCommand(10, 0));
+        QSignalSpy done(a->notify(), &QCSNotifyReplica::OperationDone);
+        CALL_OK(a, benchBoard()->LoadSerialImage(srecordImage(20000)));
+        QTest::qWait(300);
+        CALL_OK(a, benchBoard()->BoardCommand(11, 0));
+        QTRY_COMPARE(done.size(), 1);
+        QCOMPARE(done.first().at(0).value<OperationResult>().value(), 5);
+    }
+
+    void loadOfAClientThatLeavesIsCancelled()
+    {
+        auto a = m_server->attach();
+        QVERIFY(a);
+        {
+            auto b = m_server->attach();
+            QVERIFY(b);
+            CALL_OK(b, benchBoard()->LoadSerialImage(srecordImage(50000)));
+            QCOMPARE(testState(a.get()), 1);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(testState(a.get()), 6, 5000);
+    }
 
 private:
     std::unique_ptr<ServerProcess> m_server;
 };
-
-void TstSerialLoad::refusedImages_data()
-{
-    QTest::addColumn<QByteArray>("image");
-    row("empty", QByteArray());
-    row("one byte", QByteArray("x"));
-    row("text", QByteArray("hello world, not a loader"));
-    row("S then no hex", QByteArray("S1zz00000000"));
-}
-
-void TstSerialLoad::refusedImages()
-{
-    QFETCH(QByteArray, image);
-    auto a = m_server->attach();
-    QVERIFY(a);
-    QCOMPARE(testState(a.get()), 0);
-    QCOMPARE(load(a.get(), image), 4);
-    QCOMPARE(testState(a.get()), 4);
-}
-
-void TstSerialLoad::loadsAtTheLinksRate()
-{
-    auto a = m_server->attach();
-    QVERIFY(a);
-    QList<double> progress;
-    int running = -1;
-    QElapsedTimer clock;
-    clock.start();
-    QCOMPARE(load(a.get(), srecordImage(11520), &progress, &running), 3);
-    // 11,520 bytes at 115200 baud take a second, as on a real link.
-    QVERIFY2(clock.elapsed() >= 950, qPrintable(QString::number(clock.elapsed())));
-    QCOMPARE(running, 1);
-    QCOMPARE(testState(a.get()), 3);
-    QVERIFY(progress.size() >= 10);
-    QCOMPARE(progress.last(), 0.0); // back at 0 when the load ended
-    progress.removeLast();
-    QCOMPARE(progress.last(), 1.0);
-    QVERIFY(std::is_sorted(progress.begin(), progress.end()));
-}
-
-void TstSerialLoad::unpoweredUnit()
-{
-    auto a = m_server->attach();
-    QVERIFY(a);
-    CALL_OK(a, benchBoard()->BoardCommand(11, 0));
-    QCOMPARE(load(a.get(), srecordImage(2000)), 5);
-    // Power lost half-way.
-    CALL_OK(a, benchBoard()->BoardCommand(10, 0));
-    QSignalSpy done(a->notify(), &QCSNotifyReplica::OperationDone);
-    CALL_OK(a, benchBoard()->LoadSerialImage(srecordImage(20000)));
-    QTest::qWait(300);
-    CALL_OK(a, benchBoard()->BoardCommand(11, 0));
-    QTRY_COMPARE(done.size(), 1);
-    QCOMPARE(done.first().at(0).value<OperationResult>().value(), 5);
-}
-
-void TstSerialLoad::loadOfAClientThatLeavesIsCancelled()
-{
-    auto a = m_server->attach();
-    QVERIFY(a);
-    {
-        auto b = m_server->attach();
-        QVERIFY(b);
-        CALL_OK(b, benchBoard()->LoadSerialImage(srecordImage(50000)));
-        QCOMPARE(testState(a.get()), 1);
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(testState(a.get()), 6, 5000);
-}
 
 QTEST_MAIN(TstSerialLoad)
 #include "tst_serialload.moc"

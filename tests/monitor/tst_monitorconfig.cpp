@@ -10,17 +10,6 @@ using namespace tessel;
 
 Q_DECLARE_METATYPE(tessel::MonitorSetup)
 
-class TstMonitorConfig : public QObject
-{
-    Q_OBJECT
-private slots:
-    void writesTheFileFormat();
-    void versions_data();
-    void versions();
-    void badFiles_data();
-    void badFiles();
-};
-
 namespace {
 MonitorSetup sample()
 {
@@ -73,105 +62,114 @@ QByteArray slotLines()
 }
 } // namespace
 
-void TstMonitorConfig::writesTheFileFormat()
+class TstMonitorConfig : public QObject
 {
-    MonitorSetup s;
-    s.transmitSlots[0].id = QStringLiteral("181");
-    s.transmitSlots[0].data[0] = QStringLiteral("12");
-    s.transmitSlots[0].data[1] = QStringLiteral("34");
-    s.transmitSlots[0].length = QStringLiteral("2");
-    s.transmitSlots[1].remote = true;
-    s.filters[5] = QStringLiteral("701");
-    s.sequences[0] = QStringLiteral("M1 T1");
-    const QByteArray file = writeMonitorConfig(s);
-    const QList<QByteArray> lines = file.split('\n');
-    QCOMPARE(lines.size(), 10);
-    QCOMPARE(lines[0], QByteArray("\";COPDIB config file\"\r"));
-    QCOMPARE(lines[1], QByteArray("\"181\",\"12\",\"34\",\"\",\"\",\"\",\"\",\"\",\"\",\"2\",0\r"));
-    QCOMPARE(lines[2], QByteArray("\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",1\r"));
-    QCOMPARE(lines[9], QByteArray("\"\",\"\",\"\",\"\",\"\",\"701\",\"M1 T1\",\"\",\"\",\"\",\"\","
-                                  "\"\""));
-}
-
-void TstMonitorConfig::versions_data()
-{
-    columns<QByteArray, bool, bool>({"file", "filters", "sequences"});
-    const QByteArray tail = "\"701\",\"702\",\"703\",\"704\",\"705\",\"706\"";
-    row("CANDIA", "\";CANDIA\"\r\n" + slotLines(), false, false);
-    row("COPDIA", "\";COPDIA config file\"\r\n" + slotLines() + tail, true, false);
-    row("COPDIBxyz",
-        "\";COPDIBxyz\"\r\n" + slotLines() + tail + ",\"M1\",\"M2\",\"M3\",\"M4\",\"M5\",\"M6\"",
-        true, true);
-    // Fields are read one by one, whatever the line breaks: all on one line, LF only.
-    QByteArray oneLine = slotLines();
-    oneLine.replace("\r\n", ",");
-    row("one line", "\";CANDIA\"," + oneLine, false, false);
-    QByteArray unix = "\";CANDIA\"\n" + slotLines();
-    unix.replace("\r\n", "\n");
-    row("LF line ends", unix, false, false);
-    row("bare header, blanks", ";CANDIA ,  " + slotLines(), false, false);
-}
-
-void TstMonitorConfig::versions()
-{
-    QFETCH(QByteArray, file);
-    QFETCH(bool, filters);
-    QFETCH(bool, sequences);
-    const MonitorConfigLoad load = readMonitorConfig(file, other());
-    QCOMPARE(load.result, MonitorConfigLoad::Loaded);
-    for (int i = 0; i < MonitorSetup::kSlots; ++i) {
-        QCOMPARE(load.setup.transmitSlots[i].id, sample().transmitSlots[i].id);
-        QCOMPARE(load.setup.transmitSlots[i].data, sample().transmitSlots[i].data);
-        QCOMPARE(load.setup.transmitSlots[i].remote, sample().transmitSlots[i].remote);
+    Q_OBJECT
+private slots:
+    void writesTheFileFormat()
+    {
+        MonitorSetup s;
+        s.transmitSlots[0].id = QStringLiteral("181");
+        s.transmitSlots[0].data[0] = QStringLiteral("12");
+        s.transmitSlots[0].data[1] = QStringLiteral("34");
+        s.transmitSlots[0].length = QStringLiteral("2");
+        s.transmitSlots[1].remote = true;
+        s.filters[5] = QStringLiteral("701");
+        s.sequences[0] = QStringLiteral("M1 T1");
+        const QByteArray file = writeMonitorConfig(s);
+        const QList<QByteArray> lines = file.split('\n');
+        QCOMPARE(lines.size(), 10);
+        QCOMPARE(lines[0], QByteArray("\";COPDIB config file\"\r"));
+        QCOMPARE(lines[1],
+                 QByteArray("\"181\",\"12\",\"34\",\"\",\"\",\"\",\"\",\"\",\"\",\"2\",0\r"));
+        QCOMPARE(lines[2], QByteArray("\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",\"\",1\r"));
+        QCOMPARE(lines[9],
+                 QByteArray("\"\",\"\",\"\",\"\",\"\",\"701\",\"M1 T1\",\"\",\"\",\"\",\"\","
+                            "\"\""));
     }
-    QCOMPARE(load.setup.filters[5], filters ? QStringLiteral("706") : QStringLiteral("old filter"));
-    QCOMPARE(load.setup.sequences[5],
-             sequences ? QStringLiteral("M6") : QStringLiteral("old sequence"));
-}
 
-void TstMonitorConfig::badFiles_data()
-{
-    columns<QByteArray, int>({"file", "result"});
-    // How many slots' identifiers the failed load had set before it stopped.
-    QTest::addColumn<int>("slotsRead");
-    const int unknown = MonitorConfigLoad::UnknownHeader, failed = MonitorConfigLoad::Failed;
-    row("empty file", QByteArray(), unknown, 0);
-    row("unknown header", QByteArray("\";COPDIC\"\r\n") + slotLines(), unknown, 0);
-    row("header of six characters", QByteArray("\";COPDI\"\r\n") + slotLines(), unknown, 0);
-    QByteArray garbage(4096, '\0');
-    for (int i = 0; i < garbage.size(); ++i)
-        garbage[i] = char((i * 7919 + 13) % 256);
-    row("binary garbage", garbage, unknown, 0);
-    row("header only", QByteArray("\";COPDIB\"\r\n"), failed, 0);
-    row("cut in slot 3", QByteArray("\";CANDIA\"\r\n") + slotLines().left(130), failed, 3);
-    QByteArray badBox = slotLines();
-    badBox.replace(",1\r\n\"185\"", ",2\r\n\"185\"");
-    row("remote box 2", "\";CANDIA\"\r\n" + badBox, failed, 4);
-    QByteArray wordBox = slotLines();
-    wordBox.replace(",0\r\n\"183\"", ",yes\r\n\"183\"");
-    row("remote box yes", "\";CANDIA\"\r\n" + wordBox, failed, 2);
-    QByteArray strayQuote = slotLines();
-    strayQuote.replace("\"183\"", "\"1\"83\"");
-    row("embedded quote", "\";CANDIA\"\r\n" + strayQuote, failed, 2);
-    row("no closing quote", "\";CANDIA\"\r\n" + slotLines().left(40) + "\"abc", failed, 1);
-    row("filters missing", "\";COPDIA\"\r\n" + slotLines() + "\"701\"", failed, 8);
-}
+    void versions_data()
+    {
+        columns<QByteArray, bool, bool>({"file", "filters", "sequences"});
+        const QByteArray tail = "\"701\",\"702\",\"703\",\"704\",\"705\",\"706\"";
+        row("CANDIA", "\";CANDIA\"\r\n" + slotLines(), false, false);
+        row("COPDIA", "\";COPDIA config file\"\r\n" + slotLines() + tail, true, false);
+        row("COPDIBxyz",
+            "\";COPDIBxyz\"\r\n" + slotLines() + tail +
+                ",\"M1\",\"M2\",\"M3\",\"M4\",\"M5\",\"M6\"",
+            true, true);
+        // Fields are read one by one, whatever the line breaks: all on one line, LF only.
+        QByteArray oneLine = slotLines();
+        oneLine.replace("\r\n", ",");
+        row("one line", "\";CANDIA\"," + oneLine, false, false);
+        QByteArray unix = "\";CANDIA\"\n" + slotLines();
+        unix.replace("\r\n", "\n");
+        row("LF line ends", unix, false, false);
+        row("bare header, blanks", ";CANDIA ,  " + slotLines(), false, false);
+    }
 
-void TstMonitorConfig::badFiles()
-{
-    QFETCH(QByteArray, file);
-    QFETCH(int, result);
-    QFETCH(int, slotsRead);
-    const MonitorConfigLoad load = readMonitorConfig(file, other());
-    QCOMPARE(int(load.result), result);
-    QVERIFY(!load.reason.isEmpty());
-    // Not atomic: what was read stays, the rest is as it was.
-    for (int i = 0; i < MonitorSetup::kSlots; ++i)
-        QCOMPARE(load.setup.transmitSlots[i].id,
-                 i < slotsRead ? sample().transmitSlots[i].id : QStringLiteral("old"));
-    if (result == MonitorConfigLoad::UnknownHeader)
-        QVERIFY(same(load.setup, other()));
-}
+    void versions()
+    {
+        QFETCH(QByteArray, file);
+        QFETCH(bool, filters);
+        QFETCH(bool, sequences);
+        const MonitorConfigLoad load = readMonitorConfig(file, other());
+        QCOMPARE(load.result, MonitorConfigLoad::Loaded);
+        for (int i = 0; i < MonitorSetup::kSlots; ++i) {
+            QCOMPARE(load.setup.transmitSlots[i].id, sample().transmitSlots[i].id);
+            QCOMPARE(load.setup.transmitSlots[i].data, sample().transmitSlots[i].data);
+            QCOMPARE(load.setup.transmitSlots[i].remote, sample().transmitSlots[i].remote);
+        }
+        QCOMPARE(load.setup.filters[5],
+                 filters ? QStringLiteral("706") : QStringLiteral("old filter"));
+        QCOMPARE(load.setup.sequences[5],
+                 sequences ? QStringLiteral("M6") : QStringLiteral("old sequence"));
+    }
+
+    void badFiles_data()
+    {
+        columns<QByteArray, int>({"file", "result"});
+        // How many slots' identifiers the failed load had set before it stopped.
+        QTest::addColumn<int>("slotsRead");
+        const int unknown = MonitorConfigLoad::UnknownHeader, failed = MonitorConfigLoad::Failed;
+        row("empty file", QByteArray(), unknown, 0);
+        row("unknown header", QByteArray("\";COPDIC\"\r\n") + slotLines(), unknown, 0);
+        row("header of six characters", QByteArray("\";COPDI\"\r\n") + slotLines(), unknown, 0);
+        QByteArray garbage(4096, '\0');
+        for (int i = 0; i < garbage.size(); ++i)
+            garbage[i] = char((i * 7919 + 13) % 256);
+        row("binary garbage", garbage, unknown, 0);
+        row("header only", QByteArray("\";COPDIB\"\r\n"), failed, 0);
+        row("cut in slot 3", QByteArray("\";CANDIA\"\r\n") + slotLines().left(130), failed, 3);
+        QByteArray badBox = slotLines();
+        badBox.replace(",1\r\n\"185\"", ",2\r\n\"185\"");
+        row("remote box 2", "\";CANDIA\"\r\n" + badBox, failed, 4);
+        QByteArray wordBox = slotLines();
+        wordBox.replace(",0\r\n\"183\"", ",yes\r\n\"183\"");
+        row("remote box yes", "\";CANDIA\"\r\n" + wordBox, failed, 2);
+        QByteArray strayQuote = slotLines();
+        strayQuote.replace("\"183\"", "\"1\"83\"");
+        row("embedded quote", "\";CANDIA\"\r\n" + strayQuote, failed, 2);
+        row("no closing quote", "\";CANDIA\"\r\n" + slotLines().left(40) + "\"abc", failed, 1);
+        row("filters missing", "\";COPDIA\"\r\n" + slotLines() + "\"701\"", failed, 8);
+    }
+
+    void badFiles()
+    {
+        QFETCH(QByteArray, file);
+        QFETCH(int, result);
+        QFETCH(int, slotsRead);
+        const MonitorConfigLoad load = readMonitorConfig(file, other());
+        QCOMPARE(int(load.result), result);
+        QVERIFY(!load.reason.isEmpty());
+        // Not atomic: what was read stays, the rest is as it was.
+        for (int i = 0; i < MonitorSetup::kSlots; ++i)
+            QCOMPARE(load.setup.transmitSlots[i].id,
+                     i < slotsRead ? sample().transmitSlots[i].id : QStringLiteral("old"));
+        if (result == MonitorConfigLoad::UnknownHeader)
+            QVERIFY(same(load.setup, other()));
+    }
+};
 
 QTEST_APPLESS_MAIN(TstMonitorConfig)
 #include "tst_monitorconfig.moc"

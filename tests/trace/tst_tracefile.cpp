@@ -54,253 +54,246 @@ class TstTraceFile : public QObject
 {
     Q_OBJECT
 private slots:
-    void candumpByHand();
-    void ascByHand();
-    void pcanTraceByHand_data();
-    void pcanTraceByHand();
-    void refused_data();
-    void refused();
-    void roundTrip_data();
-    void roundTrip();
-    void overlongLineIsNotHeld();
-};
-
-void TstTraceFile::candumpByHand()
-{
-    const QByteArray log = "(1436509052.249713) vcan0 044#\n"
-                           "(1436509052.449847) can1 701#7F\n"
-                           "\n"
-                           "# a comment\n"
-                           "(1436509052.650001) can0 20000080#0000000000000000\n"
-                           "(1436509052.650004) can0 123#DEADBEEF R\n"
-                           "(1436509052.650104) can0 7FF#R\n"
-                           "(1436509052.700000) can0 181#R4\n"
-                           "(1436509053.5) can0 000#0101\n"
-                           "(1436509053.123456789) vcan12 1a2#ab\r\n"
-                           "(1436509053.7)\tcan3  7E5#01 \n";
-    const ReadAll r = readAll(log, TraceFormat::CandumpLog);
-    QCOMPARE(r.error, QString());
-    QStringList shown;
-    for (const auto& f : r.frames)
-        shown << show(f);
-    QCOMPARE(shown,
-             QStringList({"1436509052249713 ch0 044  rx", "1436509052449847 ch1 701 7f rx",
-                          "1436509052650004 ch0 123 deadbeef rx", "1436509052650104 ch0 7ff R0 rx",
-                          "1436509052700000 ch0 181 R4 rx", "1436509053500000 ch0 000 0101 rx",
-                          "1436509053123456 ch12 1a2 ab rx", "1436509053700000 ch3 7e5 01 rx"}));
-    // The error frame and the comment are passed over, and counted.
-    QCOMPARE(r.errorFrames, 1);
-    QCOMPARE(r.comments, 1);
-}
-
-void TstTraceFile::ascByHand()
-{
-    const QByteArray asc = "date Sun Nov 22 10:00:00.000 am 2026\n"
-                           "base hex  timestamps absolute\n"
-                           "internal events logged\n"
-                           "// version 9.0.0\n"
-                           "Begin Triggerblock Sun Nov 22 10:00:00.000 am 2026\n"
-                           "   0.000000 Start of measurement\n"
-                           "   0.001234 1  701             Rx   d 1 7F\n"
-                           "   0.500000 2  601             Tx   d 8 40 18 10 01 00 00 00 00\n"
-                           "   0.600000 1  123             Rx   r\n"
-                           "   0.700000 1  ErrorFrame\n"
-                           "   1.000000 1  0               Rx   d 2 01 00\n"
-                           "End TriggerBlock\n";
-    const ReadAll r = readAll(asc, TraceFormat::Asc);
-    QCOMPARE(r.error, QString());
-    QStringList shown;
-    for (const auto& f : r.frames)
-        shown << show(f);
-    QCOMPARE(shown, QStringList({"1234 ch0 701 7f rx", "500000 ch1 601 4018100100000000 tx",
-                                 "600000 ch0 123 R0 rx", "1000000 ch0 000 0100 rx"}));
-    QCOMPARE(r.errorFrames, 1);
-    QCOMPARE(r.comments, 1);
-    // Relative stamps count from the event before, frame or not.
-    const ReadAll relative = readAll("base hex  timestamps relative\n"
-                                     "   0.100000 1  701 Rx d 1 7F\n"
-                                     "   0.050000 1  ErrorFrame\n"
-                                     "   0.250000 1  702 Rx d 1 05\n",
-                                     TraceFormat::Asc);
-    QCOMPARE(relative.error, QString());
-    QCOMPARE(relative.frames.size(), 2);
-    QCOMPARE(relative.frames[1].timeUs, 400000);
-    // Identifiers in decimal when the header says so.
-    const ReadAll dec =
-        readAll("base dec  timestamps absolute\n 0.1 1 1793 Rx d 1 127\n", TraceFormat::Asc);
-    QCOMPARE(dec.frames.size(), 1);
-    QCOMPARE(dec.frames[0].id, quint16(0x701));
-    QCOMPARE(dec.frames[0].data, QByteArray("\x7F"));
-}
-
-void TstTraceFile::pcanTraceByHand_data()
-{
-    QTest::addColumn<QByteArray>("trc");
-    row("1.1",
-        QByteArray(
-            ";$FILEVERSION=1.1\r\n;$STARTTIME=46348.4166666667\r\n;\r\n;   Message Number\r\n"
-            ";---+--   ----+----  --+--  ----+---  +  -+ -- -- -- -- -- -- --\r\n"
-            "     1)         1.2  Rx         0701  1  7F \r\n"
-            "     2)       500.0  Tx         0601  8  40 18 10 01 00 00 00 00 \r\n"
-            "     3)       600.0  Rx         0123  0  RTR \r\n"
-            "     4)       650.0  Error      0000  4  00 00 08 00 \r\n"));
-    row("2.0",
-        QByteArray(
-            ";$FILEVERSION=2.0\n;$STARTTIME=46348.4166666667\n;   Message   Time    Type ID\n"
-            "      1         1.200 DT     0701 Rx 1  7F\n"
-            "      2       500.000 DT     0601 Tx 8  40 18 10 01 00 00 00 00\n"
-            "      3       600.000 RR     0123 Rx 0\n"
-            "      4       650.000 ST          Rx    00 00 00 08\n"));
-    row("2.1 with its columns",
-        QByteArray(";$FILEVERSION=2.1\n;$STARTTIME=46348.4166666667\n;$COLUMNS=N,O,T,B,I,d,R,L,D\n"
-                   "      1         1.200 DT 1     0701 Rx - 1  7F\n"
-                   "      2       500.000 DT 1     0601 Tx - 8  40 18 10 01 00 00 00 00\n"
-                   "      3       600.000 RR 1     0123 Rx - 0\n"
-                   "      4       650.000 ER 1        - Rx - 5  00 00 08 01 00\n"));
-}
-
-void TstTraceFile::pcanTraceByHand()
-{
-    QFETCH(QByteArray, trc);
-    QBuffer buffer(&trc);
-    buffer.open(QIODevice::ReadOnly);
-    // Known by what it holds, whatever its name.
-    TraceFormat format = TraceFormat::CandumpLog;
-    QVERIFY(traceFormatOfContent(&buffer, &format));
-    QCOMPARE(format, TraceFormat::PcanTrc);
-    const ReadAll r = readAll(trc, format);
-    QCOMPARE(r.error, QString());
-    QStringList shown;
-    for (const auto& f : r.frames)
-        shown << show(f);
-    QCOMPARE(shown, QStringList({"1200 ch0 701 7f rx", "500000 ch0 601 4018100100000000 tx",
-                                 "600000 ch0 123 R0 rx"}));
-    QCOMPARE(r.errorFrames, 1);
-}
-
-void TstTraceFile::refused_data()
-{
-    columns<int, QByteArray, QString>({"format", "text", "error"});
-    const int log = int(TraceFormat::CandumpLog), asc = int(TraceFormat::Asc);
-    row("log extended", log,
-        QByteArray("(1.000001) can0 701#7F\n(1.1) can0 "
-                   "12345678#00\n"),
-        "line 2: identifier 12345678 is extended (29-bit): the "
-        "server carries 11-bit identifiers");
-    row("log identifier past 11 bits", log, QByteArray("(1.1) can0 800#00\n"),
-        "line 1: identifier 800");
-    row("log remote length 9", log, QByteArray("(1.1) can0 123#R9\n"),
-        "line 1: remote length 'R9'");
-    row("log fd", log, QByteArray("(1.1) can0 123##1AABB\n"),
-        "line 1: CAN FD frames are not carried by the server");
-    row("log truncated", log, QByteArray("(1.1) can0 701#7F\n(1.2) can0\n"),
-        "line 2: not a candump log line: '(1.2) can0'");
-    row("log garbage", log, QByteArray("\x00\xFF garbage\n", 11), "line 1: not a candump log line");
-    row("log odd data", log, QByteArray("(1.1) can0 123#ABC\n"),
-        "line 1: data 'ABC' is not 0 to 8 whole bytes");
-    row("log data not hexadecimal", log, QByteArray("(1.1) can0 123#1G\n"),
-        "line 1: data '1G' is not hexadecimal");
-    row("log time past any recording", log, QByteArray("(9223372036855.000000) can0 123#00\n"),
-        "line 1: time stamp '9223372036855' is not 0 to 1000000000000 s");
-    row("asc time nan", asc, QByteArray("  nan 1 123 Rx d 1 00\n"),
-        "line 1: time stamp 'nan' is not 0 to");
-    row("asc time 1e300", asc, QByteArray("  1e300 1 123 Rx d 1 00\n"),
-        "line 1: time stamp '1e300' is not 0 to");
-    row("log nine bytes", log, QByteArray("(1.1) can0 123#001122334455667788\n"),
-        "line 1: data '001122334455667788' is not 0 to 8 whole "
-        "bytes");
-    row("asc extended", asc, QByteArray("  0.1 1 12345678x Rx d 1 00\n"),
-        "line 1: identifier 12345678x is extended (29-bit): the "
-        "server carries 11-bit identifiers");
-    row("asc fd", asc, QByteArray("  0.1 CANFD 1 Rx 123 1 0 8 8 00 ...\n"),
-        "line 1: CAN FD frames are not carried by the server");
-    row("asc truncated", asc, QByteArray("  0.1 1 123 Rx d 4 01 02\n"),
-        "line 1: 4 data bytes announced, 2 there");
-    row("asc garbage", asc, QByteArray("Begin\nhello world\n"),
-        "line 2: not an ASC line: 'hello world'");
-    row("asc length 9", asc, QByteArray("  0.1 1 123 Rx d 9 01\n"),
-        "line 1: length '9' is not 0 to 8");
-}
-
-void TstTraceFile::refused()
-{
-    QFETCH(int, format);
-    QFETCH(QByteArray, text);
-    QFETCH(QString, error);
-    const ReadAll r = readAll(text, TraceFormat(format));
-    QVERIFY2(r.error.startsWith(error), qPrintable(r.error));
-}
-
-void TstTraceFile::roundTrip_data()
-{
-    QTest::addColumn<int>("format");
-    row("candump log", int(TraceFormat::CandumpLog));
-    row("asc", int(TraceFormat::Asc));
-}
-
-void TstTraceFile::roundTrip()
-{
-    QFETCH(int, format);
-    QList<TraceRecord> frames;
-    for (int i = 0; i < 500; ++i) {
-        TraceRecord r;
-        r.timeUs = 1000000 + qint64(i) * 1733 + (i % 7) * 11;
-        r.channel = i % 3;
-        r.id = quint16((i * 37) % 0x800);
-        r.remote = i % 50 == 0;
-        r.transmitted = i % 4 == 0;
-        r.length = i % 9;
-        if (!r.remote)
-            for (int b = 0; b < r.length; ++b)
-                r.data.append(char(i + b));
-        frames << r;
+    void candumpByHand()
+    {
+        const QByteArray log = "(1436509052.249713) vcan0 044#\n"
+                               "(1436509052.449847) can1 701#7F\n"
+                               "\n"
+                               "# a comment\n"
+                               "(1436509052.650001) can0 20000080#0000000000000000\n"
+                               "(1436509052.650004) can0 123#DEADBEEF R\n"
+                               "(1436509052.650104) can0 7FF#R\n"
+                               "(1436509052.700000) can0 181#R4\n"
+                               "(1436509053.5) can0 000#0101\n"
+                               "(1436509053.123456789) vcan12 1a2#ab\r\n"
+                               "(1436509053.7)\tcan3  7E5#01 \n";
+        const ReadAll r = readAll(log, TraceFormat::CandumpLog);
+        QCOMPARE(r.error, QString());
+        QStringList shown;
+        for (const auto& f : r.frames)
+            shown << show(f);
+        QCOMPARE(
+            shown,
+            QStringList({"1436509052249713 ch0 044  rx", "1436509052449847 ch1 701 7f rx",
+                         "1436509052650004 ch0 123 deadbeef rx", "1436509052650104 ch0 7ff R0 rx",
+                         "1436509052700000 ch0 181 R4 rx", "1436509053500000 ch0 000 0101 rx",
+                         "1436509053123456 ch12 1a2 ab rx", "1436509053700000 ch3 7e5 01 rx"}));
+        // The error frame and the comment are passed over, and counted.
+        QCOMPARE(r.errorFrames, 1);
+        QCOMPARE(r.comments, 1);
     }
-    QByteArray text;
-    QBuffer out(&text);
-    out.open(QIODevice::WriteOnly);
-    TraceWriter writer(&out, TraceFormat(format));
-    writer.begin(QDateTime(QDate(2026, 11, 23), QTime(5, 20)));
-    for (const auto& f : frames)
-        writer.write(f);
-    writer.end();
-    out.close();
-    const ReadAll back = readAll(text, TraceFormat(format));
-    QCOMPARE(back.error, QString());
-    QCOMPARE(back.frames.size(), frames.size());
-    const bool asc = format == int(TraceFormat::Asc);
-    for (int i = 0; i < frames.size(); ++i) {
-        TraceRecord expected = frames[i];
+
+    void ascByHand()
+    {
+        const QByteArray asc = "date Sun Nov 22 10:00:00.000 am 2026\n"
+                               "base hex  timestamps absolute\n"
+                               "internal events logged\n"
+                               "// version 9.0.0\n"
+                               "Begin Triggerblock Sun Nov 22 10:00:00.000 am 2026\n"
+                               "   0.000000 Start of measurement\n"
+                               "   0.001234 1  701             Rx   d 1 7F\n"
+                               "   0.500000 2  601             Tx   d 8 40 18 10 01 00 00 00 00\n"
+                               "   0.600000 1  123             Rx   r\n"
+                               "   0.700000 1  ErrorFrame\n"
+                               "   1.000000 1  0               Rx   d 2 01 00\n"
+                               "End TriggerBlock\n";
+        const ReadAll r = readAll(asc, TraceFormat::Asc);
+        QCOMPARE(r.error, QString());
+        QStringList shown;
+        for (const auto& f : r.frames)
+            shown << show(f);
+        QCOMPARE(shown, QStringList({"1234 ch0 701 7f rx", "500000 ch1 601 4018100100000000 tx",
+                                     "600000 ch0 123 R0 rx", "1000000 ch0 000 0100 rx"}));
+        QCOMPARE(r.errorFrames, 1);
+        QCOMPARE(r.comments, 1);
+        // Relative stamps count from the event before, frame or not.
+        const ReadAll relative = readAll("base hex  timestamps relative\n"
+                                         "   0.100000 1  701 Rx d 1 7F\n"
+                                         "   0.050000 1  ErrorFrame\n"
+                                         "   0.250000 1  702 Rx d 1 05\n",
+                                         TraceFormat::Asc);
+        QCOMPARE(relative.error, QString());
+        QCOMPARE(relative.frames.size(), 2);
+        QCOMPARE(relative.frames[1].timeUs, 400000);
+        // Identifiers in decimal when the header says so.
+        const ReadAll dec =
+            readAll("base dec  timestamps absolute\n 0.1 1 1793 Rx d 1 127\n", TraceFormat::Asc);
+        QCOMPARE(dec.frames.size(), 1);
+        QCOMPARE(dec.frames[0].id, quint16(0x701));
+        QCOMPARE(dec.frames[0].data, QByteArray("\x7F"));
+    }
+
+    void pcanTraceByHand_data()
+    {
+        QTest::addColumn<QByteArray>("trc");
+        row("1.1",
+            QByteArray(
+                ";$FILEVERSION=1.1\r\n;$STARTTIME=46348.4166666667\r\n;\r\n;   Message Number\r\n"
+                ";---+--   ----+----  --+--  ----+---  +  -+ -- -- -- -- -- -- --\r\n"
+                "     1)         1.2  Rx         0701  1  7F \r\n"
+                "     2)       500.0  Tx         0601  8  40 18 10 01 00 00 00 00 \r\n"
+                "     3)       600.0  Rx         0123  0  RTR \r\n"
+                "     4)       650.0  Error      0000  4  00 00 08 00 \r\n"));
+        row("2.0",
+            QByteArray(
+                ";$FILEVERSION=2.0\n;$STARTTIME=46348.4166666667\n;   Message   Time    Type ID\n"
+                "      1         1.200 DT     0701 Rx 1  7F\n"
+                "      2       500.000 DT     0601 Tx 8  40 18 10 01 00 00 00 00\n"
+                "      3       600.000 RR     0123 Rx 0\n"
+                "      4       650.000 ST          Rx    00 00 00 08\n"));
+        row("2.1 with its columns",
+            QByteArray(
+                ";$FILEVERSION=2.1\n;$STARTTIME=46348.4166666667\n;$COLUMNS=N,O,T,B,I,d,R,L,D\n"
+                "      1         1.200 DT 1     0701 Rx - 1  7F\n"
+                "      2       500.000 DT 1     0601 Tx - 8  40 18 10 01 00 00 00 00\n"
+                "      3       600.000 RR 1     0123 Rx - 0\n"
+                "      4       650.000 ER 1        - Rx - 5  00 00 08 01 00\n"));
+    }
+
+    void pcanTraceByHand()
+    {
+        QFETCH(QByteArray, trc);
+        QBuffer buffer(&trc);
+        buffer.open(QIODevice::ReadOnly);
+        // Known by what it holds, whatever its name.
+        TraceFormat format = TraceFormat::CandumpLog;
+        QVERIFY(traceFormatOfContent(&buffer, &format));
+        QCOMPARE(format, TraceFormat::PcanTrc);
+        const ReadAll r = readAll(trc, format);
+        QCOMPARE(r.error, QString());
+        QStringList shown;
+        for (const auto& f : r.frames)
+            shown << show(f);
+        QCOMPARE(shown, QStringList({"1200 ch0 701 7f rx", "500000 ch0 601 4018100100000000 tx",
+                                     "600000 ch0 123 R0 rx"}));
+        QCOMPARE(r.errorFrames, 1);
+    }
+
+    void refused_data()
+    {
+        columns<int, QByteArray, QString>({"format", "text", "error"});
+        const int log = int(TraceFormat::CandumpLog), asc = int(TraceFormat::Asc);
+        row("log extended", log,
+            QByteArray("(1.000001) can0 701#7F\n(1.1) can0 "
+                       "12345678#00\n"),
+            "line 2: identifier 12345678 is extended (29-bit): the "
+            "server carries 11-bit identifiers");
+        row("log identifier past 11 bits", log, QByteArray("(1.1) can0 800#00\n"),
+            "line 1: identifier 800");
+        row("log remote length 9", log, QByteArray("(1.1) can0 123#R9\n"),
+            "line 1: remote length 'R9'");
+        row("log fd", log, QByteArray("(1.1) can0 123##1AABB\n"),
+            "line 1: CAN FD frames are not carried by the server");
+        row("log truncated", log, QByteArray("(1.1) can0 701#7F\n(1.2) can0\n"),
+            "line 2: not a candump log line: '(1.2) can0'");
+        row("log garbage", log, QByteArray("\x00\xFF garbage\n", 11),
+            "line 1: not a candump log line");
+        row("log odd data", log, QByteArray("(1.1) can0 123#ABC\n"),
+            "line 1: data 'ABC' is not 0 to 8 whole bytes");
+        row("log data not hexadecimal", log, QByteArray("(1.1) can0 123#1G\n"),
+            "line 1: data '1G' is not hexadecimal");
+        row("log time past any recording", log, QByteArray("(9223372036855.000000) can0 123#00\n"),
+            "line 1: time stamp '9223372036855' is not 0 to 1000000000000 s");
+        row("asc time nan", asc, QByteArray("  nan 1 123 Rx d 1 00\n"),
+            "line 1: time stamp 'nan' is not 0 to");
+        row("asc time 1e300", asc, QByteArray("  1e300 1 123 Rx d 1 00\n"),
+            "line 1: time stamp '1e300' is not 0 to");
+        row("log nine bytes", log, QByteArray("(1.1) can0 123#001122334455667788\n"),
+            "line 1: data '001122334455667788' is not 0 to 8 whole "
+            "bytes");
+        row("asc extended", asc, QByteArray("  0.1 1 12345678x Rx d 1 00\n"),
+            "line 1: identifier 12345678x is extended (29-bit): the "
+            "server carries 11-bit identifiers");
+        row("asc fd", asc, QByteArray("  0.1 CANFD 1 Rx 123 1 0 8 8 00 ...\n"),
+            "line 1: CAN FD frames are not carried by the server");
+        row("asc truncated", asc, QByteArray("  0.1 1 123 Rx d 4 01 02\n"),
+            "line 1: 4 data bytes announced, 2 there");
+        row("asc garbage", asc, QByteArray("Begin\nhello world\n"),
+            "line 2: not an ASC line: 'hello world'");
+        row("asc length 9", asc, QByteArray("  0.1 1 123 Rx d 9 01\n"),
+            "line 1: length '9' is not 0 to 8");
+    }
+
+    void refused()
+    {
+        QFETCH(int, format);
+        QFETCH(QByteArray, text);
+        QFETCH(QString, error);
+        const ReadAll r = readAll(text, TraceFormat(format));
+        QVERIFY2(r.error.startsWith(error), qPrintable(r.error));
+    }
+
+    void roundTrip_data()
+    {
+        QTest::addColumn<int>("format");
+        row("candump log", int(TraceFormat::CandumpLog));
+        row("asc", int(TraceFormat::Asc));
+    }
+
+    void roundTrip()
+    {
+        QFETCH(int, format);
+        QList<TraceRecord> frames;
+        for (int i = 0; i < 500; ++i) {
+            TraceRecord r;
+            r.timeUs = 1000000 + qint64(i) * 1733 + (i % 7) * 11;
+            r.channel = i % 3;
+            r.id = quint16((i * 37) % 0x800);
+            r.remote = i % 50 == 0;
+            r.transmitted = i % 4 == 0;
+            r.length = i % 9;
+            if (!r.remote)
+                for (int b = 0; b < r.length; ++b)
+                    r.data.append(char(i + b));
+            frames << r;
+        }
+        QByteArray text;
+        QBuffer out(&text);
+        out.open(QIODevice::WriteOnly);
+        TraceWriter writer(&out, TraceFormat(format));
+        writer.begin(QDateTime(QDate(2026, 11, 23), QTime(5, 20)));
+        for (const auto& f : frames)
+            writer.write(f);
+        writer.end();
+        out.close();
+        const ReadAll back = readAll(text, TraceFormat(format));
+        QCOMPARE(back.error, QString());
+        QCOMPARE(back.frames.size(), frames.size());
+        const bool asc = format == int(TraceFormat::Asc);
+        for (int i = 0; i < frames.size(); ++i) {
+            TraceRecord expected = frames[i];
+            if (asc)
+                expected.timeUs -= frames[0].timeUs; // ASC counts from its first frame
+            else
+                expected.transmitted = false; // a candump log does not say who sent
+            QCOMPARE(show(back.frames[i]), show(expected));
+        }
         if (asc)
-            expected.timeUs -= frames[0].timeUs; // ASC counts from its first frame
+            QVERIFY(text.startsWith("date Mon Nov 23 05:20:00.000 am 2026\nbase hex"));
         else
-            expected.transmitted = false; // a candump log does not say who sent
-        QCOMPARE(show(back.frames[i]), show(expected));
+            QVERIFY(text.startsWith("(0000000001.000000) can0 000#R\n"));
     }
-    if (asc)
-        QVERIFY(text.startsWith("date Mon Nov 23 05:20:00.000 am 2026\nbase hex"));
-    else
-        QVERIFY(text.startsWith("(0000000001.000000) can0 000#R\n"));
-}
 
-void TstTraceFile::overlongLineIsNotHeld()
-{
-    QTemporaryFile file;
-    QVERIFY(file.open());
-    const QByteArray chunk(1 << 20, 'A');
-    for (int i = 0; i < 32; ++i) // 32 MiB without a line end
-        file.write(chunk);
-    file.write("\n(1.1) can0 701#7F\n");
-    file.seek(0);
-    auto reader = TraceReader::create(&file, TraceFormat::CandumpLog);
-    TraceRecord r;
-    QString error;
-    QCOMPARE(reader->next(&r, &error), TraceReader::Error);
-    QCOMPARE(error, QString("line 1: longer than 4096 characters"));
-    // An empty file is just the end.
-    QBuffer empty;
-    empty.open(QIODevice::ReadOnly);
-    QCOMPARE(TraceReader::create(&empty, TraceFormat::Asc)->next(&r, &error), TraceReader::End);
-}
+    void overlongLineIsNotHeld()
+    {
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        const QByteArray chunk(1 << 20, 'A');
+        for (int i = 0; i < 32; ++i) // 32 MiB without a line end
+            file.write(chunk);
+        file.write("\n(1.1) can0 701#7F\n");
+        file.seek(0);
+        auto reader = TraceReader::create(&file, TraceFormat::CandumpLog);
+        TraceRecord r;
+        QString error;
+        QCOMPARE(reader->next(&r, &error), TraceReader::Error);
+        QCOMPARE(error, QString("line 1: longer than 4096 characters"));
+        // An empty file is just the end.
+        QBuffer empty;
+        empty.open(QIODevice::ReadOnly);
+        QCOMPARE(TraceReader::create(&empty, TraceFormat::Asc)->next(&r, &error), TraceReader::End);
+    }
+};
 
 QTEST_APPLESS_MAIN(TstTraceFile)
 #include "tst_tracefile.moc"
