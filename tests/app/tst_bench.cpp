@@ -12,11 +12,9 @@
 #include <QtTest>
 #include <QtWidgets>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
-using tessel::test::Tessel;
 
 class TstBench : public QObject
 {
@@ -40,7 +38,6 @@ private slots:
     {
         QFETCH(QString, bench);
         QFETCH(bool, assembly);
-        QFETCH(bool, reset);
         QFETCH(bool, brakeSupply);
         QVERIFY(start(bench));
         Tessel t(m_bench.server->socketPath());
@@ -48,7 +45,7 @@ private slots:
         BenchPanel* p = t.window.benchPanel;
         QCOMPARE(p->picAsm->isVisibleTo(&t.window), assembly);
         QCOMPARE(p->picPcb->isVisibleTo(&t.window), !assembly);
-        QCOMPARE(p->chkPCBReset->isVisibleTo(&t.window), reset);
+        QTEST(p->chkPCBReset->isVisibleTo(&t.window), "reset");
         QCOMPARE(p->chkPowerBrake->isVisibleTo(&t.window), assembly);
         QCOMPARE(p->txtBrkVout->isVisibleTo(&t.window), brakeSupply);
         QCOMPARE(p->cmdDoBrkVout->isVisibleTo(&t.window), brakeSupply);

@@ -9,11 +9,9 @@
 #include <QtTest>
 #include <QtWidgets>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
-using tessel::test::Tessel;
 
 class TstTraceFiles : public QObject
 {

@@ -14,11 +14,9 @@
 #include <QtTest>
 #include <QtWidgets>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
-using tessel::test::Tessel;
 
 class TstUpgrade : public QObject
 {

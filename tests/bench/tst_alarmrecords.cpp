@@ -5,8 +5,7 @@
 
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
 

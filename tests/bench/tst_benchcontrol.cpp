@@ -7,11 +7,9 @@
 #include <QSignalSpy>
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
-using tessel::test::RecordingBench;
 
 using BoxAction = QString (BenchControl::*)(bool);
 Q_DECLARE_METATYPE(BoxAction)

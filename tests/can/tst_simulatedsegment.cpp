@@ -4,8 +4,7 @@
 
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace qorcalib;
 

@@ -6,12 +6,10 @@
 
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace qorcalib;
-using qorcalib::test::fromHex;
-using qorcalib::test::hexOf;
+using namespace qorcalib::test;
 
 namespace {
 struct Rig
@@ -76,7 +74,6 @@ private slots:
         QFETCH(quint16, id);
         QFETCH(QByteArray, data);
         QFETCH(bool, caught);
-        QFETCH(int, caughtNode);
         QFETCH(quint32, version);
         Rig rig;
         rig.catcher.start(quint8(node), 5000, 0);
@@ -86,7 +83,7 @@ private slots:
         if (!caught)
             return;
         QVERIFY(rig.results[0].caught);
-        QCOMPARE(int(rig.results[0].node), caughtNode);
+        QTEST(int(rig.results[0].node), "caughtNode");
         QCOMPARE(rig.results[0].version, version);
         // Once caught, no more requests and no second report.
         rig.catcher.onTimer(100 * kMs);

@@ -8,8 +8,7 @@
 #include <deque>
 #include <optional>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace qorcalib;
 using namespace qorcalib::test;

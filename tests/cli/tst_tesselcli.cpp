@@ -11,8 +11,7 @@
 #include <cmath>
 #include <csignal>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using qorcalib::test::ServerProcess;
 using Run = qorcalib::test::ProgramRun;

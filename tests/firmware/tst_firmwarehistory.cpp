@@ -5,8 +5,7 @@
 
 #include <QtTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
 
@@ -43,14 +42,12 @@ private slots:
         QFETCH(QStringList, options);
         QFETCH(QString, name);
         QFETCH(QString, option);
-        QFETCH(QStringList, namesAfter);
-        QFETCH(QStringList, optionsAfter);
         FirmwareHistory history;
         history.names = names;
         history.options = options;
         history.add(name, option);
-        QCOMPARE(history.names, namesAfter);
-        QCOMPARE(history.options, optionsAfter);
+        QTEST(history.names, "namesAfter");
+        QTEST(history.options, "optionsAfter");
         QCOMPARE(history.find(name), 0);
     }
 

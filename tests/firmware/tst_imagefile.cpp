@@ -7,13 +7,9 @@
 
 #include <QtTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
-using tessel::test::identificationBlock;
-using tessel::test::le32;
-using tessel::test::s3Record;
 
 Q_DECLARE_METATYPE(tessel::ImageKind)
 
@@ -82,8 +78,7 @@ private slots:
         QFETCH(QByteArray, image);
         QFETCH(quint32, address);
         QFETCH(int, words);
-        QFETCH(QByteArray, expected);
-        QCOMPARE(tessel::readImageWords(image, address, words), expected);
+        QTEST(tessel::readImageWords(image, address, words), "expected");
     }
 
     void classify_data()
@@ -123,8 +118,6 @@ private slots:
         QFETCH(ImageKind, kind);
         QFETCH(quint32, app);
         QFETCH(quint32, version);
-        QFETCH(quint32, sf);
-        QFETCH(quint32, hf);
         const QString path = write(QStringLiteral("image.S"), image);
         int error = 0;
         const auto id = classifyImage(path, &error);
@@ -132,8 +125,8 @@ private slots:
         QCOMPARE(id->kind, kind);
         QCOMPARE(quint32(id->app), app);
         QCOMPARE(id->version, version);
-        QCOMPARE(id->softwareFingerprint, sf);
-        QCOMPARE(id->hardwareFingerprint, hf);
+        QTEST(id->softwareFingerprint, "sf");
+        QTEST(id->hardwareFingerprint, "hf");
     }
 
     void versionText_data()
@@ -148,8 +141,7 @@ private slots:
     void versionText()
     {
         QFETCH(quint32, value);
-        QFETCH(QString, text);
-        QCOMPARE(tessel::versionText(value), text);
+        QTEST(tessel::versionText(value), "text");
     }
 
     void unreadableFiles_data()
@@ -173,10 +165,9 @@ private slots:
     void unreadableFiles()
     {
         QFETCH(QString, path);
-        QFETCH(int, error);
         int found = 0;
         QVERIFY(!classifyImage(path, &found));
-        QCOMPARE(found, error);
+        QTEST(found, "error");
     }
 
     void postProcessOutputName_data()
@@ -192,8 +183,7 @@ private slots:
     void postProcessOutputName()
     {
         QFETCH(QString, file);
-        QFETCH(QString, output);
-        QCOMPARE(postProcessOutput(file).value_or(QString()), output);
+        QTEST(postProcessOutput(file).value_or(QString()), "output");
     }
 
     void postProcessCommandLine_data()

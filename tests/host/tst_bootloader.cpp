@@ -13,12 +13,10 @@
 #include <QFile>
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace qorcalib;
-using qorcalib::test::fromHex;
-using qorcalib::test::hexOf;
+using namespace qorcalib::test;
 
 namespace {
 
@@ -171,7 +169,6 @@ private slots:
         QFETCH(QByteArray, image);
         QFETCH(quint32, abortCode);
         QFETCH(QString, version);
-        QFETCH(quint32, revision);
         QVERIFY(!image.isEmpty());
         const auto core = makeCore();
         QVERIFY(core);
@@ -187,7 +184,7 @@ private slots:
         QCOMPARE(QString::fromLatin1(transfer(core.get(), true, 0x100A, 0).data), version);
         const QByteArray rev = transfer(core.get(), true, 0x1018, 3).data;
         QCOMPARE(rev.size(), 4);
-        QCOMPARE(qFromLittleEndian<quint32>(rev.constData()), revision);
+        QTEST(qFromLittleEndian<quint32>(rev.constData()), "revision");
         // Flashed firmware stays through a power cycle.
         cycleSupply(core.get());
         QVERIFY(QTest::qWaitFor(

@@ -6,8 +6,7 @@
 #include <QRandomGenerator>
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace qorcalib;
 using namespace qorcalib::test;

@@ -14,8 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace qorcalib;
 using namespace qorcalib::test;

@@ -3,8 +3,7 @@
 
 #include <QtTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
 
@@ -31,14 +30,13 @@ private slots:
         QFETCH(quint32, id);
         QFETCH(quint32, time);
         QFETCH(QByteArray, data);
-        QFETCH(QByteArray, line);
         AcquisitionBuffer buffer;
         buffer.append(id, time, int(data.size()),
                       reinterpret_cast<const quint8*>(data.constData()));
         QBuffer out;
         out.open(QIODevice::WriteOnly);
         QVERIFY(buffer.writeTo(&out));
-        QCOMPARE(out.data(), line);
+        QTEST(out.data(), "line");
         // Bytes past the length are 0 in the record, never stale.
         for (int i = int(data.size()); i < 8; ++i)
             QCOMPARE(buffer.at(0).data[i], quint8(0));

@@ -3,8 +3,7 @@
 
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
 
@@ -64,7 +63,6 @@ private slots:
     {
         QFETCH(QString, text);
         QFETCH(QString, frames);
-        QFETCH(bool, lastUnsent);
         QFETCH(QString, error);
         const ComposerScript script = parseComposerText(text);
         QStringList got;
@@ -74,7 +72,7 @@ private slots:
                        .arg(f.id, 0, 16)
                        .arg(QString::fromLatin1(f.data.toHex()));
         QCOMPARE(got.join(QLatin1Char(' ')), frames);
-        QCOMPARE(script.lastLineUnsent, lastUnsent);
+        QTEST(script.lastLineUnsent, "lastUnsent");
         QCOMPARE(script.error, error);
     }
 };

@@ -9,8 +9,7 @@
 #include <QtTest>
 #include <QtWidgets>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
 

@@ -3,8 +3,7 @@
 
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
 
@@ -37,11 +36,10 @@ private slots:
         QFETCH(int, size);
         QFETCH(int, slot);
         QFETCH(int, position);
-        QFETCH(QString, writes);
         QStringList got;
         for (const BoxWrite& w : sliderBoxWrites(value, size, slot, position))
             got << QStringLiteral("%1=%2").arg(w.box).arg(w.text);
-        QCOMPARE(got.join(QLatin1Char(' ')), writes);
+        QTEST(got.join(QLatin1Char(' ')), "writes");
     }
 
     void scaleMapsTheEndsOntoMinAndMax_data()
@@ -57,11 +55,10 @@ private slots:
     {
         QFETCH(double, min);
         QFETCH(double, max);
-        QFETCH(qint64, middle);
         const SliderScale s = SliderScale::fromRange(min, max, 10000);
         QCOMPARE(s.valueAt(0), qint64(min));
         QCOMPARE(s.valueAt(10000), qint64(max));
-        QCOMPARE(s.valueAt(5000), middle);
+        QTEST(s.valueAt(5000), "middle");
     }
 };
 

@@ -7,8 +7,7 @@
 
 #include <QtTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
 using namespace tessel::production;
@@ -75,10 +74,9 @@ private slots:
     void firmwareBase()
     {
         QFETCH(QString, path);
-        QFETCH(QString, base);
         QFETCH(QString, kickstart);
         const auto got = production::firmwareBase(path);
-        QCOMPARE(got.value_or("-"), base);
+        QTEST(got.value_or("-"), "base");
         if (got)
             QCOMPARE(kickstartBase(*got).value_or("-"), kickstart);
     }

@@ -4,8 +4,7 @@
 
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
 
@@ -27,8 +26,7 @@ private slots:
     void hexToNumber()
     {
         QFETCH(QString, text);
-        QFETCH(qint32, value);
-        QCOMPARE(tessel::hexToNumber(text), value);
+        QTEST(tessel::hexToNumber(text), "value");
     }
 
     void bytesToNumber_data()
@@ -99,8 +97,7 @@ private slots:
     {
         QFETCH(quint32, code);
         QFETCH(QString, error);
-        QFETCH(QString, text);
-        QCOMPARE(sdoResultText(code, error), text);
+        QTEST(sdoResultText(code, error), "text");
     }
 
     void parseAddress_data()
@@ -164,8 +161,7 @@ private slots:
         QFETCH(QByteArray, bytes);
         QFETCH(bool, hex);
         QFETCH(bool, decimal);
-        QFETCH(QString, line);
-        QCOMPARE(tessel::vectorLine(bytes, hex, decimal), line);
+        QTEST(tessel::vectorLine(bytes, hex, decimal), "line");
     }
 };
 

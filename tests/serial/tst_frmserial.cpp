@@ -9,11 +9,9 @@
 #include <QtTest>
 #include <QtWidgets>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
-using tessel::test::Pty;
 
 class TstFrmSerial : public QObject
 {

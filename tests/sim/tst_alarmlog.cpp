@@ -7,12 +7,10 @@
 
 #include <QTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace qorcalib;
-using qorcalib::test::fromHex;
-using qorcalib::test::hexOf;
+using namespace qorcalib::test;
 
 namespace {
 struct Drive

@@ -4,8 +4,7 @@
 #include <QTest>
 #include <QtEndian>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace qorcalib;
 

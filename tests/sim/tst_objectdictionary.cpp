@@ -3,8 +3,7 @@
 
 #include <QtTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace qorcalib;
 

@@ -8,12 +8,9 @@
 #include <QtSerialBus>
 #include <QtTest>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
-using qorcalib::test::FrameRecorder;
-using qorcalib::test::ProgramRun;
-using qorcalib::test::ServerProcess;
+using namespace qorcalib::test;
 
 namespace {
 

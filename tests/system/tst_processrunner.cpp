@@ -5,8 +5,7 @@
 
 #include <unistd.h>
 
-using tessel::test::columns;
-using tessel::test::row;
+using namespace tessel::test;
 
 using namespace tessel;
 
@@ -27,8 +26,7 @@ private slots:
     void exitCodes()
     {
         QFETCH(QString, commandLine);
-        QFETCH(int, exitCode);
-        QCOMPARE(runAndWait(commandLine, false), exitCode);
+        QTEST(runAndWait(commandLine, false), "exitCode");
     }
 
     void splitCommandLine_data()
@@ -49,8 +47,7 @@ private slots:
     void splitCommandLine()
     {
         QFETCH(QString, line);
-        QFETCH(QStringList, words);
-        QCOMPARE(tessel::splitCommandLine(line), words);
+        QTEST(tessel::splitCommandLine(line), "words");
     }
 
     void tempFiles()
