@@ -70,9 +70,10 @@ struct Slave
                  [this](quint8) { ++taken; }})
     {
     }
-    void feed(const char* hex, qint64 nowUs = 0)
+    void feed(std::initializer_list<const char*> frames)
     {
-        slave.onFrame(fromHex(lss::kMasterId, hex), nowUs);
+        for (const char* hex : frames)
+            slave.onFrame(fromHex(lss::kMasterId, hex), 0);
     }
     QStringList take()
     {
@@ -225,41 +226,30 @@ private slots:
     {
         Slave s;
         // Waiting: configuration services are not for it; non-configured identification is.
-        s.feed("1122000000000000");
-        s.feed("5e00000000000000");
+        s.feed({"1122000000000000", "5e00000000000000"});
         QVERIFY(s.take().isEmpty());
-        s.feed("4c00000000000000");
+        s.feed({"4c00000000000000"});
         QCOMPARE(s.take(), QStringList{"7e4:50 00 00 00 00 00 00 00"});
         // Switch state selective with a wrong serial number: no answer; with the right one, 44.
-        s.feed("40a1030000000000");
-        s.feed("4100030000000000");
-        s.feed("4202000100000000");
-        s.feed("4379563412000000");
+        s.feed({"40a1030000000000", "4100030000000000", "4202000100000000", "4379563412000000"});
         QVERIFY(s.take().isEmpty());
         QCOMPARE(s.slave.state(), LssSlave::State::Waiting);
         // The parts must come in order.
-        s.feed("4100030000000000");
-        s.feed("40a1030000000000");
-        s.feed("4202000100000000");
-        s.feed("4378563412000000");
+        s.feed({"4100030000000000", "40a1030000000000", "4202000100000000", "4378563412000000"});
         QVERIFY(s.take().isEmpty());
-        s.feed("40a1030000000000");
-        s.feed("4100030000000000");
-        s.feed("4202000100000000");
-        s.feed("4378563412000000");
+        s.feed({"40a1030000000000", "4100030000000000", "4202000100000000", "4378563412000000"});
         QCOMPARE(s.take(), QStringList{"7e4:44 00 00 00 00 00 00 00"});
         QCOMPARE(s.slave.state(), LssSlave::State::Configuration);
         // Inquiries, then configuration with its error codes.
-        s.feed("5e00000000000000");
-        s.feed("5d00000000000000");
+        s.feed({"5e00000000000000", "5d00000000000000"});
         QCOMPARE(s.take(),
                  (QStringList{"7e4:5e ff 00 00 00 00 00 00", "7e4:5d 78 56 34 12 00 00 00"}));
-        s.feed("1180000000000000"); // 0x80: out of range
-        s.feed("1100000000000000"); // 0: out of range
-        s.feed("1122000000000000");
-        s.feed("1301020000000000"); // table 1 does not exist
-        s.feed("1300090000000000"); // index 9 is past the list
-        s.feed("1300020000000000");
+        s.feed({"1180000000000000"}); // 0x80: out of range
+        s.feed({"1100000000000000"}); // 0: out of range
+        s.feed({"1122000000000000"});
+        s.feed({"1301020000000000"}); // table 1 does not exist
+        s.feed({"1300090000000000"}); // index 9 is past the list
+        s.feed({"1300020000000000"});
         QCOMPARE(s.take(),
                  (QStringList{"7e4:11 01 00 00 00 00 00 00", "7e4:11 01 00 00 00 00 00 00",
                               "7e4:11 00 00 00 00 00 00 00", "7e4:13 01 00 00 00 00 00 00",
@@ -268,29 +258,29 @@ private slots:
         QCOMPARE(s.slave.activeNodeId(), lss::kUnconfigured); // until the node is reset
         QCOMPARE(s.slave.pendingBitRate(), 2);
         // Back to waiting, a node that had no node-ID takes the new one and starts up with it.
-        s.feed("0400000000000000");
+        s.feed({"0400000000000000"});
         QCOMPARE(s.slave.activeNodeId(), quint8(0x22));
         QCOMPARE(s.taken, 1);
-        s.feed("4c00000000000000");
-        s.feed("5100000000800000"); // Fastscan reset
+        s.feed({"4c00000000000000"});
+        s.feed({"5100000000800000"}); // Fastscan reset
         QVERIFY(s.take().isEmpty());
         // Identify remote slave: in the ranges, 4F; a serial outside them, nothing.
         const char* identify[] = {"46a1030000000000", "4700030000000000", "4800000000000000",
                                   "49ffffffff000000", "4a00000000000000", "4bffffffff000000"};
         for (const char* f : identify)
-            s.feed(f);
+            s.feed({f});
         QCOMPARE(s.take(), QStringList{"7e4:4f 00 00 00 00 00 00 00"});
         for (const char* f : identify)
-            s.feed(QByteArray(f).replace("4a00000000", "4a79563412").constData());
+            s.feed({QByteArray(f).replace("4a00000000", "4a79563412").constData()});
         QVERIFY(s.take().isEmpty());
         // Bounds are part of the range: a revision equal to the upper bound is in it.
         for (const char* f : identify)
-            s.feed(QByteArray(f).replace("49ffffffff", "4902000100").constData());
+            s.feed({QByteArray(f).replace("49ffffffff", "4902000100").constData()});
         QCOMPARE(s.take(), QStringList{"7e4:4f 00 00 00 00 00 00 00"});
         // A frame of fewer than 8 bytes is no LSS service: the identification lacks its last part.
         for (int i = 0; i < 5; ++i)
-            s.feed(identify[i]);
-        s.feed("4bffffffff0000");
+            s.feed({identify[i]});
+        s.feed({"4bffffffff0000"});
         QVERIFY(s.take().isEmpty());
     }
 
