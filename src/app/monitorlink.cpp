@@ -29,10 +29,7 @@ void MonitorLink::attach(FrmDiagno* monitor)
         if (const QString e = m_link->setRxAll(on); !e.isEmpty())
             emit message(e);
     });
-    monitor->sendData = [this](quint16 id, int length, const QByteArray& data) {
-        return send(id, length, data);
-    };
-    monitor->sendRemote = [this](quint32 id, int length) { return sendRemote(id, length); };
+    monitor->setTransmitter(this);
     connect(monitor, &FrmDiagno::message, this, &MonitorLink::message);
     connectReplay(&monitor->traceFiles->replay);
     m_link->setTxNotify(monitor->showTransmit());

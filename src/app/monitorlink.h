@@ -1,5 +1,7 @@
 #pragma once
 
+#include "frametransmitter.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QString>
@@ -16,7 +18,7 @@ class TraceReplay;
 // The CAN monitor bound to the link: the shared send routines, which trace what they send,
 // the frames received and the server's reports of frames it sent, the replay of a trace file on
 // the selected controller, and the monitor's switches passed on to the server.
-class MonitorLink : public QObject
+class MonitorLink : public QObject, public FrameTransmitter
 {
     Q_OBJECT
 public:
@@ -27,8 +29,8 @@ public:
 
     // Sends a data frame on the selected controller and traces it; true when it failed (the
     // message says why). A disabled controller sends nothing and is no failure.
-    bool send(quint16 id, int length, const QByteArray& data);
-    bool sendRemote(quint32 id, int length);
+    bool send(quint16 id, int length, const QByteArray& data) override;
+    bool sendRemote(quint32 id, int length) override;
     // A controller's state for the monitor's load line: its rate while it runs, the status
     // bits the server reported (none when it could not be asked), and its error counters.
     void showController(int controller, bool enabled, std::optional<quint32> status);

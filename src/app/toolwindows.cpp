@@ -155,7 +155,7 @@ void ToolWindows::openEds()
         m_eds = new FrmEDS(m_placement, m_main);
         place(m_eds, QPoint(m_main->frameGeometry().width() + 8, 40));
         m_eds->txtFileName->setText(qorcalib::dataFile(QStringLiteral("drive.eds")));
-        m_eds->setAddress = [this](const QString& address) { emit addressChosen(address); };
+        connect(m_eds, &FrmEDS::addressChosen, this, &ToolWindows::addressChosen);
         connect(m_eds, &FrmEDS::loaded, this, &ToolWindows::useEds);
         connect(m_eds, &FrmEDS::plotRequested, this, &ToolWindows::plotSource);
     }

@@ -116,8 +116,8 @@ const EdsEntry* FrmEDS::chosen(QString* address) const
 void FrmEDS::cmdMove_Click()
 {
     QString address;
-    if (chosen(&address) && setAddress)
-        setAddress(address);
+    if (chosen(&address))
+        emit addressChosen(address);
 }
 
 void FrmEDS::cmdPlot_Click()

@@ -4,8 +4,6 @@
 
 #include <QWidget>
 
-#include <functional>
-
 class QLabel;
 class QLineEdit;
 class QListWidget;
@@ -24,9 +22,6 @@ class FrmEDS : public QWidget
 public:
     FrmEDS(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent = nullptr);
 
-    // Where cmdMove puts the address text.
-    std::function<void(const QString&)> setAddress;
-
     QLineEdit* txtFileName = nullptr;
     QPushButton* cmdFNApp = nullptr;
     QListWidget* lstKey = nullptr;
@@ -42,6 +37,8 @@ public:
     const QList<EdsEntry>& entries() const { return m_entries; }
 
 signals:
+    // "Move": the chosen entry's address, for the SDO panel's address box.
+    void addressChosen(const QString& address);
     // A file with entries was read: the bus views name entries and read PDOs by it.
     void loaded(const QString& path);
     // The chosen entry of the node, to be plotted (a plot source: "sdo 1,6064,0 i32 as ...").

@@ -4,6 +4,7 @@
 
 #include "canmsg.h"
 #include "filedialogfilter.h"
+#include "frametransmitter.h"
 #include "frminviamesg.h"
 #include "frmseq.h"
 #include "machinesettings.h"
@@ -346,9 +347,17 @@ bool FrmDiagno::sendSlot(int slot)
         message(error);
         return true;
     }
-    if (frame->remote)
-        return sendRemote && sendRemote(frame->id, frame->length);
-    return sendData && sendData(frame->id, frame->length, frame->data);
+    if (!m_transmitter)
+        return false;
+    return frame->remote ? m_transmitter->sendRemote(frame->id, frame->length)
+                         : m_transmitter->send(frame->id, frame->length, frame->data);
+}
+
+void FrmDiagno::setTransmitter(FrameTransmitter* transmitter)
+{
+    m_transmitter = transmitter;
+    if (m_composer)
+        m_composer->transmitter = transmitter;
 }
 
 QString FrmDiagno::dataBox(int n) const
@@ -484,9 +493,7 @@ void FrmDiagno::cmdInvia_Click()
         if (m_placement)
             m_composer->move(m_placement->reference() + QPoint(80, 520));
         WindowPlacement::restoreGeometry(m_composer, m_composer->objectName());
-        m_composer->sendData = [this](quint16 id, int length, const QByteArray& data) {
-            return sendData && sendData(id, length, data);
-        };
+        m_composer->transmitter = m_transmitter;
         connect(m_composer, &FrmInviaMesg::message, this, &FrmDiagno::message);
     }
     WindowPlacement::bringToFront(m_composer);

@@ -25,6 +25,7 @@ class QTabWidget;
 
 namespace tessel {
 
+class FrameTransmitter;
 class FrmInviaMesg;
 class FrmSeq;
 class WindowPlacement;
@@ -82,9 +83,9 @@ public:
     FrmSeq* sequencer() const;
     FrmInviaMesg* composer() const;
 
-    // The main window's send routines: true when the send failed.
-    std::function<bool(quint16 id, int length, const QByteArray& data)> sendData;
-    std::function<bool(quint32 id, int length)> sendRemote;
+    // Where the frames of the slots, the sequencer and the composer go; none: nowhere.
+    void setTransmitter(FrameTransmitter* transmitter);
+    FrameTransmitter* transmitter() const { return m_transmitter; }
     // File dialogs: (title, filter in the program's form, start) to a name, empty when
     // cancelled. Tests replace them.
     std::function<QString(const QString&, const QString&, const QString&)> chooseOpenFile;
@@ -158,6 +159,7 @@ private:
     std::array<QString, MonitorSetup::kSequences> m_sequences;
     QPointer<FrmSeq> m_sequencer;
     QPointer<FrmInviaMesg> m_composer;
+    FrameTransmitter* m_transmitter = nullptr;
     QString m_configPath;
 
 signals:

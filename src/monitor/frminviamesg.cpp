@@ -104,7 +104,7 @@ void FrmInviaMesg::sendNext()
     }
     const ComposerFrame& frame = m_script.frames[m_next++];
     lblState->setText(QStringLiteral("Line %1").arg(frame.line));
-    if (sendData && sendData(frame.id, int(frame.data.size()), frame.data)) {
+    if (transmitter && transmitter->send(frame.id, int(frame.data.size()), frame.data)) {
         finish(QStringLiteral("Stopped: line %1 could not be sent").arg(frame.line));
         return;
     }

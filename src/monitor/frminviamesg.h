@@ -1,11 +1,10 @@
 #pragma once
 
 #include "composer.h"
+#include "frametransmitter.h"
 
 #include <QTimer>
 #include <QWidget>
-
-#include <functional>
 
 class QLabel;
 class QLineEdit;
@@ -26,9 +25,8 @@ public:
 
     FrmInviaMesg(const WindowPlacement* placement, QWidget* mainWindow, QWidget* parent = nullptr);
 
-    // The main window's send routine for data frames: true when the send failed (it has told
-    // the user why).
-    std::function<bool(quint16 id, int length, const QByteArray& data)> sendData;
+    // Where the frames go; none: nowhere.
+    FrameTransmitter* transmitter = nullptr;
 
     void cmdInvia_Click();
     void stop();

@@ -2,6 +2,7 @@
 // spacing, checked from the server's time stamps, and traced once; the replay's failures.
 #include "candumplog.h"
 #include "datatable.h"
+#include "frametransmitter.h"
 #include "frmdiagno.h"
 #include "tesselharness.h"
 #include "tracefile.h"
@@ -36,7 +37,7 @@ private slots:
         m->traceFiles->cmdReplay_Click();
         // A frame sent by hand meanwhile goes out before the replayed frames waiting on the server.
         QTest::qWait(30);
-        QVERIFY(!m->sendData(0x7E5, 1, QByteArray("\x42")));
+        QVERIFY(!m->transmitter()->send(0x7E5, 1, QByteArray("\x42")));
         QTRY_VERIFY_WITH_TIMEOUT(!m->traceFiles->replay.isRunning(), 5000);
         QCOMPARE(t.messages, QStringList());
         QList<qint64> traced;

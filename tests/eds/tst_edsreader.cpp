@@ -206,7 +206,8 @@ private slots:
         QFETCH(bool, doubleClick);
         FrmEDS browser(nullptr, nullptr);
         QString put;
-        browser.setAddress = [&put](const QString& text) { put = text; };
+        QObject::connect(&browser, &FrmEDS::addressChosen,
+                         [&put](const QString& text) { put = text; });
         browser.txtFileName->setText(QStringLiteral(QORCALIB_DATA_DIR "/drive.eds"));
         browser.show();
         QVERIFY(browser.lstKey->count() > 60);

@@ -1,5 +1,6 @@
 #include "canmsg.h"
 #include "datatable.h"
+#include "frametransmitter.h"
 #include "frmdiagno.h"
 #include "frminviamesg.h"
 #include "frmio.h"
@@ -27,19 +28,11 @@ QByteArray record(quint16 id, qint16 len)
 
 // A monitor whose sends and messages are recorded: "181:1234" for a data frame, "R181:4" for
 // a remote request.
-struct Rig
+struct Rig : FrameTransmitter
 {
     Rig()
     {
-        monitor.sendData = [this](quint16 id, int length, const QByteArray& data) {
-            sent << QStringLiteral("%1:%2").arg(id, 0, 16).arg(QString::fromLatin1(data.toHex()));
-            Q_UNUSED(length);
-            return failSends;
-        };
-        monitor.sendRemote = [this](quint32 id, int length) {
-            sent << QStringLiteral("R%1:%2").arg(id, 0, 16).arg(length);
-            return failSends;
-        };
+        monitor.setTransmitter(this);
         QObject::connect(&monitor, &FrmDiagno::message,
                          [this](const QString& text) { messages << text; });
         monitor.chooseOpenFile = [this](const QString& title, const QString& filter,
@@ -57,6 +50,16 @@ struct Rig
             monitor.slotGrid->edD0[i * 8 + j]->setText(data.value(j));
     }
     FrmDiagno monitor{nullptr, nullptr};
+    bool send(quint16 id, int, const QByteArray& data) override
+    {
+        sent << QStringLiteral("%1:%2").arg(id, 0, 16).arg(QString::fromLatin1(data.toHex()));
+        return failSends;
+    }
+    bool sendRemote(quint32 id, int length) override
+    {
+        sent << QStringLiteral("R%1:%2").arg(id, 0, 16).arg(length);
+        return failSends;
+    }
     QStringList sent;
     QStringList messages;
     QStringList dialogs;
