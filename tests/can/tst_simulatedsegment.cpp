@@ -18,19 +18,13 @@ public:
     int bitRateIndex() const override { return rate; }
     bool isActive() const override { return active; }
     void receive(const BusFrame& frame) override { received.append(frame); }
-    void transmitted(const BusFrame& frame, bool ack) override
-    {
-        sent.append(frame);
-        acks.append(ack);
-    }
-    void deliveryBatchEnded() override { ++batches; }
+    void transmitted(const BusFrame&, bool ack) override { acks.append(ack); }
+    void deliveryBatchEnded() override {}
 
     int rate;
     bool active;
     QList<BusFrame> received;
-    QList<BusFrame> sent;
     QList<bool> acks;
-    int batches = 0;
 };
 
 struct Fixture

@@ -62,11 +62,8 @@ struct Slave
     explicit Slave(quint8 nodeId = lss::kUnconfigured, lss::Address address = kAddress)
         : slave(address, nodeId, 3,
                 {[this](const CanFrame& f) { answers << hexOf(f); },
-                 [this](int rate) { switchedTo = rate; },
-                 [this](quint8 node, int rate) {
-                     stored = {node, rate};
-                     return storeWorks;
-                 },
+                 {},
+                 {},
                  [this](quint8) { ++taken; }})
     {
     }
@@ -83,9 +80,6 @@ struct Slave
     }
     LssSlave slave;
     QStringList answers;
-    int switchedTo = -1;
-    std::optional<std::pair<quint8, int>> stored;
-    bool storeWorks = true;
     int taken = 0;
 };
 

@@ -38,7 +38,6 @@ struct Rig
         SequenceRow::Hooks hooks;
         hooks.sendSlot = [this](int slot) {
             sent.append({clock.now, slot});
-            clock.now += sendMs; // a send takes its time
             return slot == failingSlot;
         };
         hooks.stopped = [this](const QString& message) {
@@ -59,7 +58,6 @@ struct Rig
     std::unique_ptr<SequenceRow> row;
     QList<std::pair<qint64, int>> sent;
     int failingSlot = -100;
-    int sendMs = 0;
     int stops = 0;
     QString lastMessage;
 };

@@ -31,11 +31,9 @@ struct FakeServer
         qint64 atUs; // server time, not wrapped
     };
     QList<Handed> handed;
-    int calls = 0;
     int drops = 0;
     int dropped = 0;      // frames the last drop took back
     int refuseAfter = -1; // frames taken in all before refusing
-    int mostWaiting = 0;
 
     qint64 nowUs() const { return qint64(kStartUs) + clock.nsecsElapsed() / 1000; }
     // The server time of a frame, unwrapped.
@@ -53,7 +51,6 @@ struct FakeServer
         };
         replay.sendTimed = [this](int controller, const QVector<qorcalib::CanFrame>& frames,
                                   QString* error) {
-            ++calls;
             int taken = 0;
             for (const qorcalib::CanFrame& f : frames) {
                 if (refuseAfter >= 0 && handed.size() >= refuseAfter) {
@@ -63,11 +60,6 @@ struct FakeServer
                 handed.append({f, controller, nowUs()});
                 ++taken;
             }
-            const qint64 now = nowUs();
-            mostWaiting = std::max<int>(
-                mostWaiting,
-                int(std::count_if(handed.begin(), handed.end(),
-                                  [now](const Handed& h) { return timeOf(h.frame) > now; })));
             return taken;
         };
         replay.dropQueued = [this](int) {
