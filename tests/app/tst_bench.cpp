@@ -36,9 +36,8 @@ private slots:
 
     void panelPerBench()
     {
-        QFETCH(QString, bench);
-        QFETCH(bool, assembly);
-        QFETCH(bool, brakeSupply);
+        auto [bench, assembly, brakeSupply] =
+            fetch<QString, bool, bool>("bench", "assembly", "brakeSupply");
         QVERIFY(start(bench));
         Tessel t(m_bench.server->socketPath());
         QVERIFY(t.load());

@@ -268,10 +268,8 @@ private slots:
 
     void promptAnswers()
     {
-        QFETCH(bool, cancel);
-        QFETCH(QString, answer);
-        QFETCH(bool, runs);
-        QFETCH(int, exitCode);
+        auto [cancel, answer, runs, exitCode] =
+            fetch<bool, QString, bool, int>("cancel", "answer", "runs", "exitCode");
         writeRemoteServer("previous-name");
         QString offered;
         QStringList shown;

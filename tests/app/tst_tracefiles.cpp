@@ -80,9 +80,8 @@ private slots:
 
     void replayFailures()
     {
-        QFETCH(QByteArray, content);
-        QFETCH(QString, name);
-        QFETCH(QString, message);
+        auto [content, name, message] =
+            fetch<QByteArray, QString, QString>("content", "name", "message");
         QVERIFY(m_bench.startServer());
         Tessel t(m_bench.server->socketPath());
         QVERIFY(t.load());

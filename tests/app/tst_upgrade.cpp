@@ -111,12 +111,9 @@ private slots:
 
     void failures()
     {
-        QFETCH(QString, file);
-        QFETCH(QString, options);
-        QFETCH(QString, postProcessor);
-        QFETCH(bool, catchFirst);
-        QFETCH(QString, result);
-        QFETCH(bool, sent);
+        auto [file, options, postProcessor, catchFirst, result, sent] =
+            fetch<QString, QString, QString, bool, QString, bool>(
+                "file", "options", "postProcessor", "catchFirst", "result", "sent");
         {
             QFile garbage(m_files.filePath("garbage.S"));
             QVERIFY(garbage.open(QIODevice::WriteOnly));

@@ -44,10 +44,8 @@ private slots:
 
     void boxes()
     {
-        QFETCH(int, type);
-        QFETCH(BoxAction, action);
-        QFETCH(bool, ticked);
-        QFETCH(QString, sent);
+        auto [type, action, ticked, sent] =
+            fetch<int, BoxAction, bool, QString>("type", "action", "ticked", "sent");
         RecordingBench bench;
         BenchControl control(type == 3 || type == 1 ? 1 : 2, type, &bench);
         QCOMPARE((control.*action)(ticked), QString());

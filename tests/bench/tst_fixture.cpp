@@ -48,9 +48,7 @@ private slots:
 
     void channelLines()
     {
-        QFETCH(int, kind);
-        QFETCH(int, channel);
-        QFETCH(double, value);
+        auto [kind, channel, value] = fetch<int, int, double>("kind", "channel", "value");
         QTEST(fixtureChannelLine(fixtureDescription(FixtureKind(kind)), channel, value), "line");
     }
 
@@ -101,9 +99,7 @@ private slots:
 
     void refresh()
     {
-        QFETCH(int, kind);
-        QFETCH(int, benchType);
-        QFETCH(int, lines);
+        auto [kind, benchType, lines] = fetch<int, int, int>("kind", "benchType", "lines");
         RecordingBench bench;
         bench.analog.insert(0, 48.0);
         bench.inputs.insert(0, true);

@@ -22,9 +22,7 @@ private slots:
 
     void drivePower()
     {
-        QFETCH(int, kind);
-        QFETCH(int, type);
-        QFETCH(int, relay);
+        auto [kind, type, relay] = fetch<int, int, int>("kind", "type", "relay");
         SimBench bench({kind, type});
         QVERIFY(bench.drivesPowered());
         QSignalSpy power(&bench, &SimBench::drivePowerChanged);
@@ -104,8 +102,7 @@ private slots:
 
     void refusedSupplyValues()
     {
-        QFETCH(int, parameter);
-        QFETCH(double, value);
+        auto [parameter, value] = fetch<int, double>("parameter", "value");
         SimBench bench({1, 3});
         QSignalSpy power(&bench, &SimBench::drivePowerChanged);
         QString error;

@@ -30,9 +30,7 @@ private slots:
 
     void bitCounts()
     {
-        QFETCH(int, id);
-        QFETCH(QByteArray, data);
-        QFETCH(bool, remote);
+        auto [id, data, remote] = fetch<int, QByteArray, bool>("id", "data", "remote");
         CanFrame frame;
         frame.id = quint16(id);
         frame.len = quint8(data.size());

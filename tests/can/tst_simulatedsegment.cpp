@@ -72,10 +72,8 @@ private slots:
 
     void deliveryByBitRate()
     {
-        QFETCH(int, senderRate);
-        QFETCH(int, receiverRate);
-        QFETCH(bool, receiverActive);
-        QFETCH(bool, delivered);
+        auto [senderRate, receiverRate, receiverActive, delivered] = fetch<int, int, bool, bool>(
+            "senderRate", "receiverRate", "receiverActive", "delivered");
 
         Fixture f(false);
         RecordingPort sender(senderRate), receiver(receiverRate, receiverActive);

@@ -29,8 +29,7 @@ private slots:
 
     void schedule()
     {
-        QFETCH(int, period);
-        QFETCH(QList<int>, reads);
+        auto [period, reads] = fetch<int, QList<int>>("period", "reads");
         SampleSchedule s(period);
         QList<int> due{int(s.dueMs())};
         for (int took : reads) {
@@ -56,8 +55,7 @@ private slots:
 
     void smallestPeriod()
     {
-        QFETCH(int, bitsPerSecond);
-        QFETCH(int, entries);
+        auto [bitsPerSecond, entries] = fetch<int, int>("bitsPerSecond", "entries");
         QTEST(smallestSamplePeriodMs(bitsPerSecond, entries), "ms");
     }
 
@@ -79,9 +77,7 @@ private slots:
 
     void values()
     {
-        QFETCH(QByteArray, data);
-        QFETCH(QString, type);
-        QFETCH(double, value);
+        auto [data, type, value] = fetch<QByteArray, QString, double>("data", "type", "value");
         QString why;
         const auto v = sampleValue(data, type, &why);
         QCOMPARE(v.has_value(), !qIsNaN(value));

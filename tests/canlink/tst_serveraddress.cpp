@@ -28,10 +28,8 @@ private slots:
 
     void fromMachineName()
     {
-        QFETCH(QString, machine);
-        QFETCH(bool, local);
-        QFETCH(QString, host);
-        QFETCH(int, port);
+        auto [machine, local, host, port] =
+            fetch<QString, bool, QString, int>("machine", "local", "host", "port");
         const auto address = ServerAddress::fromMachineName(machine, QStringLiteral("/run/q"));
         QCOMPARE(address.isLocal(), local);
         if (local) {

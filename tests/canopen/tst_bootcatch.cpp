@@ -70,11 +70,8 @@ private slots:
 
     void answers()
     {
-        QFETCH(int, node);
-        QFETCH(quint16, id);
-        QFETCH(QByteArray, data);
-        QFETCH(bool, caught);
-        QFETCH(quint32, version);
+        auto [node, id, data, caught, version] = fetch<int, quint16, QByteArray, bool, quint32>(
+            "node", "id", "data", "caught", "version");
         Rig rig;
         rig.catcher.start(quint8(node), 5000, 0);
         QCOMPARE(rig.catcher.onFrame(fromHex(id, data.constData()), 3 * kMs), caught);

@@ -121,8 +121,7 @@ private slots:
 
     void stateMachine()
     {
-        QFETCH(QList<int>, words);
-        QFETCH(int, status);
+        auto [words, status] = fetch<QList<int>, int>("words", "status");
         Drive d;
         for (int w : words)
             d.control(quint16(w));

@@ -120,10 +120,8 @@ private slots:
 
     void emergencyParameters()
     {
-        QFETCH(int, index);
-        QFETCH(int, sub);
-        QFETCH(quint32, value);
-        QFETCH(quint32, abort);
+        auto [index, sub, value, abort] =
+            fetch<int, int, quint32, quint32>("index", "sub", "value", "abort");
         Node n;
         n.emcy.raise(0x1000, 0, 0);
         QCOMPARE(n.emcy.checkWrite(quint16(index), quint8(sub), le(value, 4)), abort);

@@ -168,10 +168,8 @@ private slots:
 
     void masterConfirmedServices()
     {
-        QFETCH(int, service);
-        QFETCH(QStringList, script);
-        QFETCH(QString, request);
-        QFETCH(QString, error);
+        auto [service, script, request, error] =
+            fetch<int, QStringList, QString, QString>("service", "script", "request", "error");
         ScriptedSlave s(script);
         if (service == 0)
             s.master.configureNodeId(0x22, 0);

@@ -84,8 +84,7 @@ private slots:
 
     void commands()
     {
-        QFETCH(QByteArray, command);
-        QFETCH(int, state);
+        auto [command, state] = fetch<QByteArray, int>("command", "state");
 
         Node n(5, 100);
         n.nmt.bootUp(0);

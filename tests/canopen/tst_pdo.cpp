@@ -144,8 +144,7 @@ private slots:
 
     void parameterWrites()
     {
-        QFETCH(QStringList, writes);
-        QFETCH(quint32, abort);
+        auto [writes, abort] = fetch<QStringList, quint32>("writes", "abort");
         Node n;
         quint32 code = 0;
         for (const QString& w : writes) {

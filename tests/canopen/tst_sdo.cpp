@@ -113,8 +113,7 @@ private slots:
 
     void roundTrip()
     {
-        QFETCH(int, size);
-        QFETCH(bool, block);
+        auto [size, block] = fetch<int, bool>("size", "block");
         Link link;
         link.client.setBlockTransfer(block);
         const QByteArray data = pattern(size);
@@ -241,9 +240,7 @@ private slots:
 
     void aborts()
     {
-        QFETCH(bool, upload);
-        QFETCH(int, index);
-        QFETCH(int, size);
+        auto [upload, index, size] = fetch<bool, int, int>("upload", "index", "size");
         Link link;
         if (upload)
             link.client.startUpload(5, quint16(index), 0, 0);
@@ -309,8 +306,7 @@ private slots:
 
     void nodeFallsSilentMidTransfer()
     {
-        QFETCH(bool, upload);
-        QFETCH(bool, block);
+        auto [upload, block] = fetch<bool, bool>("upload", "block");
         Link link;
         link.client.setBlockTransfer(block);
         link.client.setTimeoutMs(300);
@@ -442,12 +438,9 @@ private slots:
 
     void foreignNode()
     {
-        QFETCH(bool, upload);
-        QFETCH(bool, block);
-        QFETCH(int, size);
-        QFETCH(QStringList, script);
-        QFETCH(QString, outcome);
-        QFETCH(QString, last);
+        auto [upload, block, size, script, outcome, last] =
+            fetch<bool, bool, int, QStringList, QString, QString>("upload", "block", "size",
+                                                                  "script", "outcome", "last");
         QList<CanFrame> sent;
         SdoClient client([&sent](const CanFrame& f) { sent << f; });
         client.setBlockTransfer(block);

@@ -32,8 +32,7 @@ private slots:
 
     void address()
     {
-        QFETCH(QString, text);
-        QFETCH(int, node);
+        auto [text, node] = fetch<QString, int>("text", "node");
         QString error;
         const auto a = parseAddress(text, &error);
         QCOMPARE(bool(a), node != 0);
@@ -68,9 +67,7 @@ private slots:
 
     void frame()
     {
-        QFETCH(QString, text);
-        QFETCH(QString, back);
-        QFETCH(QString, says);
+        auto [text, back, says] = fetch<QString, QString, QString>("text", "back", "says");
         QString error;
         const auto f = parseFrame(text, &error);
         QCOMPARE(bool(f), !back.isEmpty());
@@ -104,9 +101,7 @@ private slots:
 
     void values()
     {
-        QFETCH(QString, type);
-        QFETCH(QString, text);
-        QFETCH(QByteArray, bytes);
+        auto [type, text, bytes] = fetch<QString, QString, QByteArray>("type", "text", "bytes");
         QString error;
         const auto encoded = encodeValue(type, text, &error);
         QCOMPARE(bool(encoded), !bytes.isEmpty());

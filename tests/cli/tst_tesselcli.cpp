@@ -68,8 +68,7 @@ private slots:
 
     void readsAndWrites()
     {
-        QFETCH(QStringList, write);
-        QFETCH(QStringList, read);
+        auto [write, read] = fetch<QStringList, QStringList>("write", "read");
         if (!write.isEmpty()) {
             const Run w = cli(QStringList{"sdo", "write"} + write);
             QVERIFY2(w.exit == 0, qPrintable(w.err));
@@ -180,8 +179,7 @@ private slots:
 
     void abortsAndBadArguments()
     {
-        QFETCH(QStringList, args);
-        QFETCH(QString, err);
+        auto [args, err] = fetch<QStringList, QString>("args", "err");
         QElapsedTimer clock;
         clock.start();
         const Run r = cli(args);

@@ -77,10 +77,8 @@ private slots:
 
     void frames()
     {
-        QFETCH(int, id);
-        QFETCH(bool, remote);
-        QFETCH(QByteArray, data);
-        QFETCH(QString, text);
+        auto [id, remote, data, text] =
+            fetch<int, bool, QByteArray, QString>("id", "remote", "data", "text");
         CanopenDecoder decoder;
         const DecodedFrame d =
             decoder.decode(quint16(id), remote, QByteArray::fromHex(data.replace(' ', "")));
@@ -111,8 +109,7 @@ private slots:
 
     void withDictionary()
     {
-        QFETCH(int, id);
-        QFETCH(QByteArray, data);
+        auto [id, data] = fetch<int, QByteArray>("id", "data");
         auto d = std::make_shared<DeviceDictionary>();
         d->names.insert(0x604100, "Statusword");
         d->names.insert(0x606100, "Modes of operation display");

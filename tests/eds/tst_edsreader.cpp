@@ -76,8 +76,7 @@ private slots:
 
     void unreadableFiles()
     {
-        QFETCH(QByteArray, content);
-        QFETCH(bool, exists);
+        auto [content, exists] = fetch<QByteArray, bool>("content", "exists");
         const QString path = exists ? write(content) : m_dir.filePath("none.eds");
         QVERIFY(readEds(path).isEmpty());
     }
@@ -105,8 +104,7 @@ private slots:
 
     void costBoundedByTheFile()
     {
-        QFETCH(QByteArray, content);
-        QFETCH(QString, note);
+        auto [content, note] = fetch<QByteArray, QString>("content", "note");
         QString path = m_dir.filePath("huge.eds");
         if (content.isEmpty()) {
             QFile f(path);
@@ -139,8 +137,7 @@ private slots:
 
     void countsBeyondTheKeys()
     {
-        QFETCH(QByteArray, count);
-        QFETCH(QByteArray, keys);
+        auto [count, keys] = fetch<QByteArray, QByteArray>("count", "keys");
         const QString path = write("[ManufacturerObjects]\nSupportedObjects=" + count + "\n" +
                                    keys + "[2001]\nParameterName=A\n[2002]\nParameterName=B\n");
         QList<int> found;
@@ -163,9 +160,8 @@ private slots:
 
     void subNumberRule()
     {
-        QFETCH(QByteArray, supported);
-        QFETCH(QByteArray, subNumber);
-        QFETCH(int, lastSubIndex);
+        auto [supported, subNumber, lastSubIndex] =
+            fetch<QByteArray, QByteArray, int>("supported", "subNumber", "lastSubIndex");
         const QList<EdsEntry> e =
             readEds(write("[OptionalObjects]\nSupportedObjects=" + supported +
                           "\n2=0x2100\n[2100]\nParameterName=Table\nSubNumber=" + subNumber +
@@ -202,8 +198,7 @@ private slots:
 
     void browserPutsTheAddress()
     {
-        QFETCH(QString, node);
-        QFETCH(bool, doubleClick);
+        auto [node, doubleClick] = fetch<QString, bool>("node", "doubleClick");
         FrmEDS browser(nullptr, nullptr);
         QString put;
         QObject::connect(&browser, &FrmEDS::addressChosen,

@@ -38,10 +38,8 @@ private slots:
 
     void add()
     {
-        QFETCH(QStringList, names);
-        QFETCH(QStringList, options);
-        QFETCH(QString, name);
-        QFETCH(QString, option);
+        auto [names, options, name, option] =
+            fetch<QStringList, QStringList, QString, QString>("names", "options", "name", "option");
         FirmwareHistory history;
         history.names = names;
         history.options = options;

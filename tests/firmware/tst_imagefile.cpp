@@ -75,9 +75,7 @@ private slots:
 
     void readImageWords()
     {
-        QFETCH(QByteArray, image);
-        QFETCH(quint32, address);
-        QFETCH(int, words);
+        auto [image, address, words] = fetch<QByteArray, quint32, int>("image", "address", "words");
         QTEST(tessel::readImageWords(image, address, words), "expected");
     }
 
@@ -114,10 +112,8 @@ private slots:
 
     void classify()
     {
-        QFETCH(QByteArray, image);
-        QFETCH(ImageKind, kind);
-        QFETCH(quint32, app);
-        QFETCH(quint32, version);
+        auto [image, kind, app, version] =
+            fetch<QByteArray, ImageKind, quint32, quint32>("image", "kind", "app", "version");
         const QString path = write(QStringLiteral("image.S"), image);
         int error = 0;
         const auto id = classifyImage(path, &error);
@@ -202,9 +198,7 @@ private slots:
 
     void postProcessCommandLine()
     {
-        QFETCH(QString, file);
-        QFETCH(QString, options);
-        QFETCH(QString, line);
+        auto [file, options, line] = fetch<QString, QString, QString>("file", "options", "line");
         QCOMPARE(postProcessCommand(QStringLiteral("postprocess.exe"), file,
                                     postProcessOutput(file).value(), options),
                  line);
@@ -223,9 +217,8 @@ private slots:
 
     void postProcessRunsTheStandIn()
     {
-        QFETCH(QString, name);
-        QFETCH(QString, options);
-        QFETCH(bool, succeeds);
+        auto [name, options, succeeds] =
+            fetch<QString, QString, bool>("name", "options", "succeeds");
         const QString path = write(name, s3Record(0x8000000, kBlock) + kCode);
         QString output;
         const QString expected = postProcessOutput(path).value_or(QString());

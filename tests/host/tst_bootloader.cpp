@@ -166,9 +166,8 @@ private slots:
 
     void images()
     {
-        QFETCH(QByteArray, image);
-        QFETCH(quint32, abortCode);
-        QFETCH(QString, version);
+        auto [image, abortCode, version] =
+            fetch<QByteArray, quint32, QString>("image", "abortCode", "version");
         QVERIFY(!image.isEmpty());
         const auto core = makeCore();
         QVERIFY(core);
@@ -204,9 +203,7 @@ private slots:
 
     void runnerCatches()
     {
-        QFETCH(bool, cycle);
-        QFETCH(int, node);
-        QFETCH(quint32, version);
+        auto [cycle, node, version] = fetch<bool, int, quint32>("cycle", "node", "version");
         const auto core = makeCore(300);
         QVERIFY(core);
         QTest::qWait(SimDrive::kBootLoaderWindowMs + 50); // the drive's first start is over

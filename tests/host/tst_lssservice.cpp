@@ -55,9 +55,7 @@ private slots:
 
     void inquireFindsEachDrive()
     {
-        QFETCH(int, controller);
-        QFETCH(int, ownRate);
-        QFETCH(int, rate);
+        auto [controller, ownRate, rate] = fetch<int, int, int>("controller", "ownRate", "rate");
         QVERIFY(m_server->start({"--eds", fastHeartbeatEds(m_dir)}));
         auto a = m_server->attach();
         QVERIFY(a);

@@ -103,9 +103,8 @@ private slots:
 
     void incoming()
     {
-        QFETCH(QByteArrayList, before);
-        QFETCH(QByteArray, packet);
-        QFETCH(QString, refusal);
+        auto [before, packet, refusal] =
+            fetch<QByteArrayList, QByteArray, QString>("before", "packet", "refusal");
         PacketRules rules(RemoteContract::server(), QStringLiteral("session-7"));
         for (const QByteArray& p : before)
             QCOMPARE(rules.checkIncoming(wire::body(p)), QString());

@@ -81,8 +81,7 @@ private slots:
 
     void badInputIsRefused()
     {
-        QFETCH(QString, operation);
-        QFETCH(QString, mentions);
+        auto [operation, mentions] = fetch<QString, QString>("operation", "mentions");
         QVERIFY(startServer());
         auto a = attach(), b = attach();
         QVERIFY(a && b);
@@ -207,11 +206,8 @@ private slots:
 
     void sdoAborts()
     {
-        QFETCH(bool, upload);
-        QFETCH(int, index);
-        QFETCH(int, sub);
-        QFETCH(QByteArray, data);
-        QFETCH(quint32, abort);
+        auto [upload, index, sub, data, abort] =
+            fetch<bool, int, int, QByteArray, quint32>("upload", "index", "sub", "data", "abort");
         auto [a, frames] = withRunningDrive();
         QVERIFY(a);
         const auto result = sdoTransfer(a.get(), upload, 1, index, sub, data);
@@ -319,8 +315,7 @@ private slots:
 
     void refusesToStart()
     {
-        QFETCH(QStringList, arguments);
-        QFETCH(QString, mentions);
+        auto [arguments, mentions] = fetch<QStringList, QString>("arguments", "mentions");
         QProcess server;
         server.setProcessChannelMode(QProcess::MergedChannels);
         server.start(QStringLiteral(QORCALIB_SERVER_PATH),

@@ -563,8 +563,7 @@ private slots:
 
     void socketFolderMustBePrivate()
     {
-        QFETCH(QString, setup);
-        QFETCH(bool, starts);
+        auto [setup, starts] = fetch<QString, bool>("setup", "starts");
         QTemporaryDir tmp;
         const QString folder = tmp.path() + QStringLiteral("/qorcalib-%1").arg(::getuid());
         const QByteArray native = QFile::encodeName(folder);

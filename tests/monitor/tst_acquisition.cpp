@@ -27,9 +27,7 @@ private slots:
 
     void lines()
     {
-        QFETCH(quint32, id);
-        QFETCH(quint32, time);
-        QFETCH(QByteArray, data);
+        auto [id, time, data] = fetch<quint32, quint32, QByteArray>("id", "time", "data");
         AcquisitionBuffer buffer;
         buffer.append(id, time, int(data.size()),
                       reinterpret_cast<const quint8*>(data.constData()));

@@ -61,9 +61,7 @@ private slots:
 
     void parse()
     {
-        QFETCH(QString, text);
-        QFETCH(QString, frames);
-        QFETCH(QString, error);
+        auto [text, frames, error] = fetch<QString, QString, QString>("text", "frames", "error");
         const ComposerScript script = parseComposerText(text);
         QStringList got;
         for (const ComposerFrame& f : script.frames)

@@ -82,8 +82,7 @@ private slots:
 
     void recordsOfNoFrameLengthAreDropped()
     {
-        QFETCH(int, length);
-        QFETCH(bool, traced);
+        auto [length, traced] = fetch<int, bool>("length", "traced");
         FrmDiagno monitor(nullptr, nullptr);
         monitor.receiveRecords(0, record(0x181, qint16(length)) + record(0x182, 1), 2);
         QCOMPARE(monitor.traceText().contains("R0 181"), traced);

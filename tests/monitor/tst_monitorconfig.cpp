@@ -109,9 +109,8 @@ private slots:
 
     void versions()
     {
-        QFETCH(QByteArray, file);
-        QFETCH(bool, filters);
-        QFETCH(bool, sequences);
+        auto [file, filters, sequences] =
+            fetch<QByteArray, bool, bool>("file", "filters", "sequences");
         const MonitorConfigLoad load = readMonitorConfig(file, other());
         QCOMPARE(load.result, MonitorConfigLoad::Loaded);
         for (int i = 0; i < MonitorSetup::kSlots; ++i) {
@@ -155,9 +154,7 @@ private slots:
 
     void badFiles()
     {
-        QFETCH(QByteArray, file);
-        QFETCH(int, result);
-        QFETCH(int, slotsRead);
+        auto [file, result, slotsRead] = fetch<QByteArray, int, int>("file", "result", "slotsRead");
         const MonitorConfigLoad load = readMonitorConfig(file, other());
         QCOMPARE(int(load.result), result);
         QVERIFY(!load.reason.isEmpty());

@@ -84,8 +84,7 @@ private slots:
 
     void tokens()
     {
-        QFETCH(QString, text);
-        QFETCH(int, start);
+        auto [text, start] = fetch<QString, int>("text", "start");
         int at = start;
         QTEST(nextSequenceToken(text, at), "token");
         QTEST(at, "position");
@@ -123,10 +122,8 @@ private slots:
 
     void rows()
     {
-        QFETCH(QString, text);
-        QFETCH(qint64, until);
-        QFETCH(QString, sends);
-        QFETCH(QString, stop);
+        auto [text, until, sends, stop] =
+            fetch<QString, qint64, QString, QString>("text", "until", "sends", "stop");
         Rig rig(text);
         rig.row->setEnabled(true);
         rig.clock.runUntil(*rig.row, until);

@@ -32,10 +32,8 @@ private slots:
 
     void writes()
     {
-        QFETCH(qint64, value);
-        QFETCH(int, size);
-        QFETCH(int, slot);
-        QFETCH(int, position);
+        auto [value, size, slot, position] =
+            fetch<qint64, int, int, int>("value", "size", "slot", "position");
         QStringList got;
         for (const BoxWrite& w : sliderBoxWrites(value, size, slot, position))
             got << QStringLiteral("%1=%2").arg(w.box).arg(w.text);
@@ -53,8 +51,7 @@ private slots:
 
     void scaleMapsTheEndsOntoMinAndMax()
     {
-        QFETCH(double, min);
-        QFETCH(double, max);
+        auto [min, max] = fetch<double, double>("min", "max");
         const SliderScale s = SliderScale::fromRange(min, max, 10000);
         QCOMPARE(s.valueAt(0), qint64(min));
         QCOMPARE(s.valueAt(10000), qint64(max));

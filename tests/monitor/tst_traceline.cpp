@@ -40,13 +40,9 @@ private slots:
 
     void line()
     {
-        QFETCH(int, channel);
-        QFETCH(int, kind);
-        QFETCH(quint32, id);
-        QFETCH(quint32, time);
-        QFETCH(QByteArray, data);
-        QFETCH(QString, decimalPoint);
-        QFETCH(QString, expected);
+        auto [channel, kind, id, time, data, decimalPoint, expected] =
+            fetch<int, int, quint32, quint32, QByteArray, QString, QString>(
+                "channel", "kind", "id", "time", "data", "decimalPoint", "expected");
         QCOMPARE(traceLine(channel, kind, id, time, int(data.size()),
                            reinterpret_cast<const quint8*>(data.constData()), decimalPoint.at(0)),
                  expected);
@@ -65,9 +61,7 @@ private slots:
 
     void trimBoundary()
     {
-        QFETCH(int, first);
-        QFETCH(int, second);
-        QFETCH(bool, cut);
+        auto [first, second, cut] = fetch<int, int, bool>("first", "second", "cut");
         TraceBuffer buffer;
         buffer.append(QString(first, QLatin1Char('a')));
         const QString before = buffer.text();
@@ -110,10 +104,8 @@ private slots:
 
     void filter()
     {
-        QFETCH(QStringList, boxes);
-        QFETCH(bool, invert);
-        QFETCH(quint32, id);
-        QFETCH(bool, passes);
+        auto [boxes, invert, id, passes] =
+            fetch<QStringList, bool, quint32, bool>("boxes", "invert", "id", "passes");
         ReceiveFilter f;
         for (int i = 0; i < boxes.size(); ++i)
             f.setText(i, boxes[i]);

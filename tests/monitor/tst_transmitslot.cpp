@@ -44,11 +44,8 @@ private slots:
 
     void frame()
     {
-        QFETCH(SlotTexts, texts);
-        QFETCH(int, id);
-        QFETCH(QByteArray, data);
-        QFETCH(bool, remote);
-        QFETCH(int, length);
+        auto [texts, id, data, remote, length] =
+            fetch<SlotTexts, int, QByteArray, bool, int>("texts", "id", "data", "remote", "length");
         QString error;
         const auto f = slotFrame(texts, 2, &error);
         QVERIFY2(f.has_value(), qPrintable(error));

@@ -61,9 +61,7 @@ private slots:
 
     void decimationKeepsExtremesAndGaps()
     {
-        QFETCH(int, samples);
-        QFETCH(int, columns);
-        QFETCH(int, gapEvery);
+        auto [samples, columns, gapEvery] = fetch<int, int, int>("samples", "columns", "gapEvery");
         std::mt19937 random(samples);
         SampleRing ring(samples);
         // The range starts and ends between samples, as a view's does. The samples just outside it
@@ -189,8 +187,7 @@ private slots:
 
     void sources()
     {
-        QFETCH(QString, text);
-        QFETCH(QString, expected);
+        auto [text, expected] = fetch<QString, QString>("text", "expected");
         QString error;
         const auto s = PlotSource::parse(text, &error);
         if (expected.startsWith('!')) {
@@ -221,9 +218,7 @@ private slots:
 
     void fieldValues()
     {
-        QFETCH(QString, source);
-        QFETCH(QByteArray, data);
-        QFETCH(double, value);
+        auto [source, data, value] = fetch<QString, QByteArray, double>("source", "data", "value");
         QString error;
         const auto s = PlotSource::parse(source, &error);
         QVERIFY2(s, qPrintable(error));
@@ -267,9 +262,8 @@ private slots:
 
     void recordings()
     {
-        QFETCH(QString, what);
-        QFETCH(QByteArray, content);
-        QFETCH(QString, error);
+        auto [what, content, error] =
+            fetch<QString, QByteArray, QString>("what", "content", "error");
         QTemporaryDir dir;
         QFile file(dir.filePath("x"));
         QVERIFY(file.open(QIODevice::WriteOnly));

@@ -73,8 +73,7 @@ private slots:
 
     void firmwareBase()
     {
-        QFETCH(QString, path);
-        QFETCH(QString, kickstart);
+        auto [path, kickstart] = fetch<QString, QString>("path", "kickstart");
         const auto got = production::firmwareBase(path);
         QTEST(got.value_or("-"), "base");
         if (got)
@@ -124,9 +123,8 @@ private slots:
 
     void refusedBeforeASerialIsTaken()
     {
-        QFETCH(QString, firmware);
-        QFETCH(QString, configuration);
-        QFETCH(QString, databaseError);
+        auto [firmware, configuration, databaseError] =
+            fetch<QString, QString, QString>("firmware", "configuration", "databaseError");
         Recorder r;
         r.databaseError = databaseError;
         ProductionRun run(r.hooks());

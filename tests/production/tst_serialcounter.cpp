@@ -111,8 +111,7 @@ private slots:
 
     void faults()
     {
-        QFETCH(QString, setup);
-        QFETCH(QString, says);
+        auto [setup, says] = fetch<QString, QString>("setup", "says");
         const QString folder = m_dir.filePath(QString(QTest::currentDataTag()).replace(' ', '-'));
         if (setup != "nothing")
             QVERIFY(QDir().mkpath(folder));

@@ -42,8 +42,7 @@ private slots:
 
     void bytesToNumber()
     {
-        QFETCH(QByteArray, bytes);
-        QFETCH(qint32, value);
+        auto [bytes, value] = fetch<QByteArray, qint32>("bytes", "value");
         QCOMPARE(tessel::bytesToNumber(int(bytes.size()), bytes), value);
         QCOMPARE(textToNumber(int(bytes.size()), bytes), value);
         QCOMPARE(numberToText(value, int(bytes.size())), bytes);
@@ -68,13 +67,9 @@ private slots:
 
     void views()
     {
-        QFETCH(int, view);
-        QFETCH(QString, typed);
-        QFETCH(QString, hex);
-        QFETCH(QString, text);
-        QFETCH(QString, byteValue);
-        QFETCH(QString, word);
-        QFETCH(QString, longValue);
+        auto [view, typed, hex, text, byteValue, word, longValue] =
+            fetch<int, QString, QString, QString, QString, QString, QString>(
+                "view", "typed", "hex", "text", "byteValue", "word", "longValue");
         const QByteArray data = dataFromView(DataView(view), typed);
         const DataViews v = viewsOf(data);
         QCOMPARE(v.hex, hex);
@@ -95,8 +90,7 @@ private slots:
 
     void resultText()
     {
-        QFETCH(quint32, code);
-        QFETCH(QString, error);
+        auto [code, error] = fetch<quint32, QString>("code", "error");
         QTEST(sdoResultText(code, error), "text");
     }
 
@@ -117,10 +111,8 @@ private slots:
 
     void parseAddress()
     {
-        QFETCH(QString, text);
-        QFETCH(int, node);
-        QFETCH(int, index);
-        QFETCH(int, sub);
+        auto [text, node, index, sub] =
+            fetch<QString, int, int, int>("text", "node", "index", "sub");
         const SdoAddress a = SdoAddress::parse(text);
         QCOMPARE(int(a.node), node);
         QCOMPARE(int(a.index), index);
@@ -158,9 +150,7 @@ private slots:
 
     void vectorLine()
     {
-        QFETCH(QByteArray, bytes);
-        QFETCH(bool, hex);
-        QFETCH(bool, decimal);
+        auto [bytes, hex, decimal] = fetch<QByteArray, bool, bool>("bytes", "hex", "decimal");
         QTEST(tessel::vectorLine(bytes, hex, decimal), "line");
     }
 };

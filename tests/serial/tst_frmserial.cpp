@@ -47,9 +47,7 @@ private slots:
 
     void settingsText()
     {
-        QFETCH(QString, text);
-        QFETCH(int, baud);
-        QFETCH(QString, says);
+        auto [text, baud, says] = fetch<QString, int, QString>("text", "baud", "says");
         QString error;
         const auto s = SerialLineSettings::parse(text, &error);
         QCOMPARE(bool(s), baud != 0);
@@ -117,9 +115,7 @@ private slots:
 
     void badSettingsAndPorts()
     {
-        QFETCH(QString, port);
-        QFETCH(QString, params);
-        QFETCH(QString, says);
+        auto [port, params, says] = fetch<QString, QString, QString>("port", "params", "says");
         Pty device;
         Console c;
         c.open(port == "PTY" ? device.device() : port, params);

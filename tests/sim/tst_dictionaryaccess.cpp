@@ -92,11 +92,8 @@ private slots:
 
     void rules()
     {
-        QFETCH(bool, upload);
-        QFETCH(int, index);
-        QFETCH(int, sub);
-        QFETCH(QByteArray, data);
-        QFETCH(quint32, abortCode);
+        auto [upload, index, sub, data, abortCode] = fetch<bool, int, int, QByteArray, quint32>(
+            "upload", "index", "sub", "data", "abortCode");
         ObjectDictionary od = dictionary();
         DictionaryAccess access(&od);
         int written = 0;

@@ -96,9 +96,7 @@ private slots:
 
     void encodeValue()
     {
-        QFETCH(QString, text);
-        QFETCH(int, type);
-        QFETCH(QByteArray, bytes);
+        auto [text, type, bytes] = fetch<QString, int, QByteArray>("text", "type", "bytes");
         const auto value = ObjectDictionary::encodeValue(text, quint16(type), 5);
         if (bytes == "-") {
             QVERIFY(!value);
@@ -150,10 +148,8 @@ private slots:
 
     void valuesMustFitTheirType()
     {
-        QFETCH(QString, type);
-        QFETCH(QString, key);
-        QFETCH(QString, value);
-        QFETCH(bool, fits);
+        auto [type, key, value, fits] =
+            fetch<QString, QString, QString, bool>("type", "key", "value", "fits");
         QTemporaryDir dir;
         QString text = "[1000]\nObjectType=0x7\nDataType=0x0007\nAccessType=ro\nDefaultValue=1\n"
                        "[2100]\nObjectType=0x7\nAccessType=rw\nDataType=" +
@@ -183,8 +179,7 @@ private slots:
 
     void unreadableFiles()
     {
-        QFETCH(QByteArray, content);
-        QFETCH(bool, exists);
+        auto [content, exists] = fetch<QByteArray, bool>("content", "exists");
         QTemporaryDir dir;
         const QString path = exists ? writeFile(dir, content) : dir.filePath("none.eds");
         QString error;

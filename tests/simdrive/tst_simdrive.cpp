@@ -113,9 +113,8 @@ private slots:
 
     void transferModes()
     {
-        QFETCH(bool, blocks);
-        QFETCH(QStringList, write);
-        QFETCH(QStringList, read);
+        auto [blocks, write, read] =
+            fetch<bool, QStringList, QStringList>("blocks", "write", "read");
         ServerProcess& server = blocks ? m_blockServer : m_segmentedServer;
         // Heard on the bus by the other server: a session does not see the answers of another
         // session's transfer.
@@ -129,8 +128,7 @@ private slots:
         const ProgramRun r = cli(server, QStringList{"sdo", "read"} + read);
         QVERIFY2(r.exit == 0, qPrintable(r.err));
         QTEST(r.out, "out");
-        QFETCH(int, answerMask);
-        QFETCH(int, answer);
+        auto [answerMask, answer] = fetch<int, int>("answerMask", "answer");
         QTRY_VERIFY(uploadAnswer(recorder, node) >= 0);
         QCOMPARE(uploadAnswer(recorder, node) & answerMask, answer);
     }
@@ -214,8 +212,7 @@ private slots:
 
     void badStart()
     {
-        QFETCH(QStringList, args);
-        QFETCH(QString, named);
+        auto [args, named] = fetch<QStringList, QString>("args", "named");
         const ProgramRun run =
             qorcalib::test::runProgram(QStringLiteral(TESSEL_SIMDRIVE_PATH), args, 15000);
         QVERIFY2(run.exit == 1, qPrintable(run.err));

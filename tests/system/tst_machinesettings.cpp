@@ -33,8 +33,7 @@ private slots:
 
     void remoteServer()
     {
-        QFETCH(QString, stored);
-        QFETCH(QString, read);
+        auto [stored, read] = fetch<QString, QString>("stored", "read");
         if (stored != "-")
             writeRemoteServer(stored);
         QCOMPARE(readRemoteServer("localhost"), read);

@@ -81,8 +81,7 @@ private slots:
 
     void hexField()
     {
-        QFETCH(quint32, value);
-        QFETCH(int, width);
+        auto [value, width] = fetch<quint32, int>("value", "width");
         QTEST(tessel::hexField(value, width), "text");
     }
 };

@@ -32,8 +32,7 @@ private slots:
 
     void onScreen()
     {
-        QFETCH(QRect, frame);
-        QFETCH(QPoint, place);
+        auto [frame, place] = fetch<QRect, QPoint>("frame", "place");
         QCOMPARE(WindowPlacement::onScreen(frame, QRect(0, 0, 1920, 1080)), place);
         // A second screen to the right of the first.
         QCOMPARE(WindowPlacement::onScreen(frame.translated(1920, 0), QRect(1920, 0, 1920, 1080)),
@@ -75,9 +74,7 @@ private slots:
 
     void firstShowGoesBesideTheMainWindow()
     {
-        QFETCH(double, mainAt);
-        QFETCH(int, toolWidth);
-        QFETCH(QString, side);
+        auto [mainAt, toolWidth, side] = fetch<double, int, QString>("mainAt", "toolWidth", "side");
         const QRect available = QGuiApplication::primaryScreen()->availableGeometry();
         QWidget main;
         main.resize(available.width() * 3 / 10, available.height() / 2);

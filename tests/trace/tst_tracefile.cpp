@@ -136,9 +136,7 @@ private slots:
 
     void byHand()
     {
-        QFETCH(int, format);
-        QFETCH(QByteArray, text);
-        QFETCH(int, comments);
+        auto [format, text, comments] = fetch<int, QByteArray, int>("format", "text", "comments");
         if (format == int(TraceFormat::PcanTrc)) {
             QBuffer buffer(&text);
             buffer.open(QIODevice::ReadOnly);
@@ -204,9 +202,7 @@ private slots:
 
     void refused()
     {
-        QFETCH(int, format);
-        QFETCH(QByteArray, text);
-        QFETCH(QString, error);
+        auto [format, text, error] = fetch<int, QByteArray, QString>("format", "text", "error");
         const ReadAll r = readAll(text, TraceFormat(format));
         QVERIFY2(r.error.startsWith(error), qPrintable(r.error));
     }

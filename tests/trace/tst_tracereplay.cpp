@@ -175,8 +175,7 @@ private slots:
 
     void optionsShapeTheSchedule()
     {
-        QFETCH(QByteArray, log);
-        QFETCH(ReplayOptions, options);
+        auto [log, options] = fetch<QByteArray, ReplayOptions>("log", "options");
         const QString path = m_dir.filePath(QStringLiteral("options.log"));
         QFile file(path);
         QVERIFY(file.open(QIODevice::WriteOnly) && file.write(log) == log.size());
