@@ -50,7 +50,7 @@ tests_for() {
     src/bench/*) echo tst_fixture tst_benchcontrol tst_frmacq ;;
     src/production/*) echo tst_productionrun tst_serialcounter tst_xboot ;;
     src/cli/*) echo tst_cliparse tst_tesselcli ;;
-    src/sdo/*) echo tst_sdohelpers tst_userintent ;;
+    src/sdo/*) echo tst_sdohelpers tst_frmmain ;;
     src/plot/*) echo tst_plotdata tst_monitortools ;;
     src/canlink/sampling*) echo tst_sampling tst_plotdata tst_monitortools tst_tesselcli ;;
     src/decode/*) echo tst_canopendecoder tst_plotdata ;;
