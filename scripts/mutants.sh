@@ -43,6 +43,7 @@ tests_for() {
     server/host/*) echo tst_server tst_serverboundary ;;
     server/sim/*) echo tst_objectdictionary tst_dictionaryaccess tst_alarmlog tst_simdrive ;;
     src/trace/*) echo tst_tracefile tst_tracereplay tst_tracefiles ;;
+    src/monitor/frminviamesg*) echo tst_monitortools ;;
     src/monitor/*) echo tst_traceline tst_transmitslot tst_sequence tst_composer tst_frmdiagno \
         tst_monitorconfig tst_acquisition tst_sliderbytes ;;
     src/firmware/*) echo tst_imagefile tst_firmwarehistory tst_upgrade ;;
