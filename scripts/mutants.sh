@@ -15,7 +15,7 @@
 # The text must occur exactly once in the file. Lines starting with # and blank lines are
 # skipped. Which tests run for a file is set in tests_for() below, by the file's folder.
 #
-# The copy is of HEAD: commit first. A full run of the list takes about 90 minutes on two cores.
+# The copy is of HEAD: commit first. A full run of the list takes about half an hour on two cores.
 set -u
 here=$(cd "$(dirname "$0")/.." && pwd)
 tree=/tmp/tessel-mutants
