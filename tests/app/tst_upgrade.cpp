@@ -75,8 +75,7 @@ private slots:
 
         QTest::mouseClick(p->cmdEnUpgrade, Qt::LeftButton);
         QCOMPARE(t.window.txtAbort->text(), QString());
-        QTest::qWait(100); // the application boots
-        QCOMPARE(read(t, "1,100A,0"), QString("FW 2.2.0"));
+        QTRY_COMPARE(read(t, "1,100A,0"), QString("FW 2.2.0")); // once the application booted
         t.window.sdoPanel->cmbIndex->setCurrentText("1,1018,3");
         t.window.sdoPanel->cmdUpload_Click();
         QCOMPARE(t.window.sdoPanel->txtDataHex->text(), QString("00020200"));
