@@ -1,5 +1,6 @@
 #include "frminviamesg.h"
 
+#include "frametransmitter.h"
 #include "numbers.h"
 #include "windowplacement.h"
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "composer.h"
-#include "frametransmitter.h"
 
 #include <QTimer>
 #include <QWidget>
@@ -13,6 +12,7 @@ class QPushButton;
 
 namespace tessel {
 
+class FrameTransmitter;
 class WindowPlacement;
 
 // The composer "Invia": sends a list of data frames typed or pasted as lines, with a fixed
