@@ -16,7 +16,7 @@ using namespace tessel::test;
 
 using namespace tessel;
 
-class TstBench : public QObject
+class TstBenchWindows : public QObject
 {
     Q_OBJECT
 private slots:
@@ -178,5 +178,5 @@ private:
     tessel::test::WindowTestBench m_bench;
 };
 
-QTEST_MAIN(TstBench)
-#include "tst_bench.moc"
+QTEST_MAIN(TstBenchWindows)
+#include "tst_benchwindows.moc"
