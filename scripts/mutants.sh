@@ -32,28 +32,27 @@ done
 
 tests_for() {
     case $1 in
-    server/canopen/sdo*) echo tst_sdo tst_simdrive ;;
-    server/canopen/lss*) echo tst_lss tst_lssservice ;;
-    server/canopen/nmt*) echo tst_nmtslave tst_simdrive ;;
-    server/canopen/boot*) echo tst_bootcatch tst_bootloader ;;
-    server/canopen/*) echo tst_pdo tst_errorcontrol tst_driveprofile tst_simdrive ;;
-    interface/bittiming*) echo tst_bittiming tst_simulatedsegment ;;
+    server/canopen/sdo*) echo tst_canopen tst_simdrive ;;
+    server/canopen/lss*) echo tst_canopen tst_lssservice ;;
+    server/canopen/nmt*) echo tst_canopen tst_simdrive ;;
+    server/canopen/boot*) echo tst_canopen tst_bootloader ;;
+    server/canopen/*) echo tst_canopen tst_simdrive ;;
+    interface/bittiming*) echo tst_can ;;
     server/host/packet*) echo tst_packetrules tst_serverboundary ;;
     server/host/lss*) echo tst_lssservice ;;
     server/host/*) echo tst_server tst_serverboundary ;;
-    server/sim/*) echo tst_objectdictionary tst_dictionaryaccess tst_alarmlog tst_simdrive ;;
-    src/trace/*) echo tst_tracefile tst_tracereplay tst_tracefiles ;;
+    server/sim/*) echo tst_sim tst_simdrive ;;
+    src/trace/*) echo tst_trace tst_tracefiles ;;
     src/monitor/frminviamesg*) echo tst_monitortools ;;
-    src/monitor/*) echo tst_traceline tst_transmitslot tst_sequence tst_composer tst_frmdiagno \
-        tst_monitorconfig tst_acquisition tst_sliderbytes ;;
-    src/firmware/*) echo tst_imagefile tst_firmwarehistory tst_upgrade ;;
-    src/bench/alarm*) echo tst_alarmrecords tst_alarmlog ;;
-    src/bench/*) echo tst_fixture tst_benchcontrol tst_frmacq ;;
-    src/production/*) echo tst_productionrun tst_serialcounter tst_xboot ;;
-    src/cli/*) echo tst_cliparse tst_tesselcli ;;
+    src/monitor/*) echo tst_monitor ;;
+    src/firmware/*) echo tst_firmware tst_upgrade ;;
+    src/bench/alarm*) echo tst_bench tst_sim ;;
+    src/bench/*) echo tst_bench ;;
+    src/production/*) echo tst_production tst_xboot ;;
+    src/cli/*) echo tst_cli ;;
     src/sdo/*) echo tst_sdohelpers tst_frmmain ;;
     src/plot/*) echo tst_plotdata tst_monitortools ;;
-    src/canlink/sampling*) echo tst_sampling tst_plotdata tst_monitortools tst_tesselcli ;;
+    src/canlink/sampling*) echo tst_canlink tst_plotdata tst_monitortools tst_cli ;;
     src/decode/*) echo tst_canopendecoder tst_plotdata ;;
     *) echo "" ;;
     esac
