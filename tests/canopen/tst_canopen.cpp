@@ -555,6 +555,8 @@ private slots:
         QCOMPARE(link.result->abortCode, 0u);
         QCOMPARE(link.result->data, data);
         QVERIFY(link.log.contains("> 605:a2 00 7f 00 00 00 00 00")); // nothing taken: all again
+        QCOMPARE(link.log.last(), QString("> 605:a1 00 00 00 00 00 00 00")); // the end confirmed
+        QCOMPARE(link.server.state(), SdoServer::State::Idle);
     }
 
     void nodeWithoutBlockTransfer()
