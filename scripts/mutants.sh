@@ -38,6 +38,7 @@ tests_for() {
     server/canopen/boot*) echo tst_canopen tst_bootloader ;;
     server/canopen/*) echo tst_canopen tst_simdrive ;;
     interface/bittiming*) echo tst_can ;;
+    interface/decimal*) echo tst_monitor tst_canopendecoder ;;
     server/host/packet*) echo tst_packetrules tst_serverboundary ;;
     server/host/lss*) echo tst_lssservice ;;
     server/host/*) echo tst_server tst_serverboundary ;;

@@ -1,5 +1,6 @@
 #include "canopendecoder.h"
 
+#include "decimal.h"
 #include "sdoabort.h"
 
 #include <QDate>
@@ -260,18 +261,14 @@ qint64 signExtended(quint64 raw, int bits)
 QString CanopenDecoder::text(const DecodedFrame& frame)
 {
     // Written for every frame the monitor traces and every line a decode writes out: put
-    // together in one allocation, the node's number digit by digit.
+    // together in one allocation.
     QString text;
     text.reserve(frame.service.size() + 24 + frame.meaning.size());
     text += frame.service;
     if (frame.node > 0) {
         text += QLatin1String(" node ");
-        char digits[12];
-        int count = 0;
-        for (int n = frame.node; n > 0; n /= 10)
-            digits[count++] = char('0' + n % 10);
-        while (count > 0)
-            text += QLatin1Char(digits[--count]);
+        char digits[21];
+        text += QLatin1String(digits, qorcalib::writeDecimal(digits, frame.node) - digits);
     }
     text += QLatin1String(": ");
     if (frame.malformed)

@@ -1,5 +1,7 @@
 #include "acquisition.h"
 
+#include "decimal.h"
+
 #include <QFileInfo>
 #include <QSaveFile>
 
@@ -27,18 +29,8 @@ void AcquisitionBuffer::clear()
 namespace {
 void appendNumber(QByteArray& out, qint64 value)
 {
-    char digits[24];
-    int n = 0;
-    const bool negative = value < 0;
-    quint64 v = negative ? quint64(-(value + 1)) + 1 : quint64(value);
-    do {
-        digits[n++] = char('0' + v % 10);
-        v /= 10;
-    } while (v != 0);
-    if (negative)
-        out += '-';
-    while (n > 0)
-        out += digits[--n];
+    char text[21];
+    out.append(text, qorcalib::writeDecimal(text, value) - text);
     out += ';';
 }
 } // namespace

@@ -1,5 +1,7 @@
 #include "traceline.h"
 
+#include "decimal.h"
+
 #include <algorithm>
 
 namespace tessel {
@@ -28,20 +30,6 @@ QString traceLine(int channel, int kind, quint32 id, quint32 timeUs, int length,
     length = std::max(length, 0);
     QString line(40 + 3 * length, Qt::Uninitialized);
     char16_t* out = reinterpret_cast<char16_t*>(line.data());
-    const auto number = [&out](qint64 value) {
-        if (value < 0) {
-            *out++ = u'-';
-            value = -value;
-        }
-        char16_t digits[20];
-        int count = 0;
-        do {
-            digits[count++] = char16_t(u'0' + value % 10);
-            value /= 10;
-        } while (value > 0);
-        while (count > 0)
-            *out++ = digits[--count];
-    };
     const auto padded = [&out](quint32 value, int width) {
         for (int i = width - 1; i >= 0; --i, value /= 10)
             out[i] = char16_t(u'0' + value % 10);
@@ -50,12 +38,12 @@ QString traceLine(int channel, int kind, quint32 id, quint32 timeUs, int length,
     static const char16_t hex[] = u"0123456789ABCDEF";
     if (letter)
         *out++ = letter;
-    number(channel);
+    out = qorcalib::writeDecimal(out, channel);
     *out++ = u' ';
     for (int shift = 8; shift >= 0; shift -= 4)
         *out++ = hex[(id >> shift) & 0xF];
     *out++ = u' ';
-    number(length);
+    out = qorcalib::writeDecimal(out, length);
     *out++ = u' ';
     // Seconds modulo 1000, "s", then the milliseconds of the second with three decimals.
     padded((timeUs / 1000000u) % 1000u, 3);
